@@ -1,0 +1,68 @@
+#include <nx/foundation/CNxConditionVariableThread.h>
+
+#include <cerrno>
+#include <ctime>
+#include <limits>
+
+namespace {
+
+constexpr long c_nanosecondsPerMicrosecond = 1000;
+
+// pthread refuses negative fields with EINVAL; what lies before the epoch has passed anyway.
+timespec ToTimespec(const CNxTimeValue& deadline) {
+    if (deadline <= CNxTimeValue::s_tvZero()) {
+        return {0, 0};
+    }
+    return {deadline.GetSec(), deadline.GetUsec() * c_nanosecondsPerMicrosecond};
+}
+
+}  // namespace
+
+CNxConditionVariableThread::CNxConditionVariableThread(CNxMutexThread& mutex) : m_mutex(mutex) {
+    pthread_cond_init(&m_condition, nullptr);
+}
+
+CNxConditionVariableThread::~CNxConditionVariableThread() {
+    pthread_cond_destroy(&m_condition);
+}
+
+NxResult CNxConditionVariableThread::Signal() {
+    return pthread_cond_signal(&m_condition) == 0 ? NX_OK : NX_ERROR_FAILURE;
+}
+
+NxResult CNxConditionVariableThread::Broadcast() {
+    return pthread_cond_broadcast(&m_condition) == 0 ? NX_OK : NX_ERROR_FAILURE;
+}
+
+NxResult CNxConditionVariableThread::Wait(CNxTimeValue* timeout) {
+    return WaitUntil(GetDeadline(timeout));
+}
+
+NxResult CNxConditionVariableThread::WaitUntil(const CNxTimeValue& deadline) {
+    if (deadline == CNxTimeValue::s_tvMax()) {
+        return pthread_cond_wait(&m_condition, m_mutex.GetNativeHandle()) == 0 ? NX_OK
+                                                                               : NX_ERROR_FAILURE;
+    }
+    const timespec until = ToTimespec(deadline);
+    switch (pthread_cond_timedwait(&m_condition, m_mutex.GetNativeHandle(), &until)) {
+        case 0:
+        case EINTR:
+            return NX_OK;
+        case ETIMEDOUT:
+            return NX_ERROR_TIMEOUT;
+        default:
+            return NX_ERROR_FAILURE;
+    }
+}
+
+CNxTimeValue CNxConditionVariableThread::GetDeadline(const CNxTimeValue* timeout) {
+    if (timeout == nullptr || *timeout == CNxTimeValue::s_tvMax()) {
+        return CNxTimeValue::s_tvMax();
+    }
+    const CNxTimeValue now = CNxTimeValue::GetTimeOfDay();
+    // One second of slack for the carry of the microseconds.
+    if (timeout->GetSec() >= std::numeric_limits<long>::max() - now.GetSec() - 1) {
+        return CNxTimeValue::s_tvMax();
+    }
+    return now + *timeout;
+}

@@ -1,0 +1,31 @@
+// A counting semaphore, private to the process.
+#pragma once
+
+#include <nx/foundation/NxResult.h>
+#include <semaphore.h>
+
+// Over an unnamed POSIX semaphore (sem_init(3)). Any thread may call any operation.
+class CNxSemaphore {
+public:
+    // `initialCount` below 0 counts as 0. Name and maximum are ignored: the count has no bound but
+    // the system's own.
+    explicit CNxSemaphore(long initialCount = 0, const char* name = nullptr, long maximum = 0);
+    virtual ~CNxSemaphore();
+
+    CNxSemaphore(const CNxSemaphore&) = delete;
+    CNxSemaphore& operator=(const CNxSemaphore&) = delete;
+
+    // Waits until the count is above 0 and takes one. NX_OK, or NX_ERROR_FAILURE when sem_wait
+    // fails, which includes a signal handler that interrupted it.
+    NxResult Lock();
+
+    // Gives one back. NX_OK, or NX_ERROR_FAILURE when sem_post fails (the count is at its limit).
+    NxResult UnLock();
+
+    // Gives `n` back, nothing for 0 or less. NX_OK, or NX_ERROR_FAILURE at the first that fails;
+    // those before it stand.
+    NxResult PostN(long n);
+
+private:
+    sem_t m_semaphore;
+};

@@ -1,0 +1,43 @@
+// Process-wide objects made on first use and destroyed at the tear-down of the library.
+#pragma once
+
+#include <atomic>
+
+#include <nx/foundation/CNxCleanUpBase.h>
+#include <nx/foundation/CNxMutexThread.h>
+#include <nx/thread/CNxThreadManager.h>
+
+// Holds the single T of the process. T offers its own `static T* Instance()` that returns
+// CNxSingletonT<T>::Instance(), and makes this class a friend if its constructor is private.
+// Singletons are destroyed in reverse order of their creation; one that is first used within the
+// constructor of another is destroyed before it.
+template <class T>
+class CNxSingletonT : public CNxCleanUpBase {
+public:
+    // Any thread; T is constructed once. Null when the thread manager yields no mutex. Not to be
+    // called after the tear-down: it would answer the destroyed object.
+    static T* Instance() {
+        static std::atomic<CNxSingletonT*> s_pInstance{nullptr};
+        CNxSingletonT* instance = s_pInstance.load(std::memory_order_acquire);
+        if (instance != nullptr) {
+            return &instance->m_object;
+        }
+        CNxMutexThreadRecursive* mutex = nullptr;
+        CNxThreadManager::Instance()->GetSingletonMutex(mutex);
+        if (mutex == nullptr) {
+            return nullptr;
+        }
+        CNxMutexGuardT<CNxMutexThreadRecursive> guard(*mutex);
+        instance = s_pInstance.load(std::memory_order_relaxed);
+        if (instance == nullptr) {
+            instance = new CNxSingletonT;
+            s_pInstance.store(instance, std::memory_order_release);
+        }
+        return &instance->m_object;
+    }
+
+private:
+    CNxSingletonT() = default;
+
+    T m_object;
+};

@@ -1,0 +1,37 @@
+// The result codes that almost every operation returns.
+//
+// 0 is success, failures count from 10001. Ordinary failures never throw. A few operations answer
+// like the system call they wrap (-1 and errno); their headers say so.
+#pragma once
+
+using NxResult = unsigned int;
+
+inline constexpr NxResult NX_OK = 0;
+
+// A system call failed.
+inline constexpr NxResult NX_ERROR_FAILURE = 10001;
+// Not open, or already stopped.
+inline constexpr NxResult NX_ERROR_NOT_INITIALIZED = 10002;
+// A second create, open or init of one object.
+inline constexpr NxResult NX_ERROR_ALREADY_INITIALIZED = 10003;
+// No meaning for this kind of object.
+inline constexpr NxResult NX_ERROR_NOT_IMPLEMENTED = 10004;
+// A needed object is missing.
+inline constexpr NxResult NX_ERROR_NULL_POINTER = 10005;
+// An inconsistent state, or an odd answer of the system.
+inline constexpr NxResult NX_ERROR_UNEXPECTED = 10006;
+// 10007 is not used.
+// Null pointer, zero size, value out of range.
+inline constexpr NxResult NX_ERROR_INVALID_ARG = 10008;
+// No result (yet).
+inline constexpr NxResult NX_ERROR_NOT_AVAILABLE = 10009;
+// The answer will come later.
+inline constexpr NxResult NX_ERROR_WOULD_BLOCK = 10010;
+// Nothing to take, or not registered.
+inline constexpr NxResult NX_ERROR_NOT_FOUND = 10011;
+// Already registered; from a registration it counts as success.
+inline constexpr NxResult NX_ERROR_FOUND = 10012;
+// Done in part; the out-parameter says how much.
+inline constexpr NxResult NX_ERROR_PARTIAL_DATA = 10013;
+// A timed wait ran out.
+inline constexpr NxResult NX_ERROR_TIMEOUT = 10014;

@@ -1,0 +1,170 @@
+// A socket address: IPv4 or IPv6 with a port, ready for the socket calls, or a host name that is
+// still to be resolved.
+//
+// Where it surprises:
+// - Setting a host name that is not resolved yet is reported by the result and by IsResolved()
+//   only: type and size stay those of before, the socket address is zeroed.
+// - The one-argument text forms split at the first ':', so they cannot take IPv6 addresses.
+// - A text form with an empty host ("", ":80") resolves nothing and answers NX_OK: address and
+//   family bytes are zero, the type is the one of before.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <nx/foundation/CNxString.h>
+#include <nx/foundation/NxResult.h>
+
+// A plain value without locks, cheap to copy once resolved.
+// Types are AF_INET and AF_INET6; with any other type there is no usable address. The port is kept
+// beside the socket address too, so that it survives the resolution of a host name.
+class CNxInetAddr {
+public:
+    // IPv4 0.0.0.0, port 0. The text forms start from it too, so a failed one leaves it.
+    CNxInetAddr();
+
+    // The any address of the family, port 0. Another family than the two becomes the type as it is,
+    // over a zeroed IPv4 socket address.
+    explicit CNxInetAddr(int family);
+
+    // Copies; the family field is forced to that of the structure. Null: IPv4 0.0.0.0, port 0.
+    explicit CNxInetAddr(const sockaddr_in* address);
+    explicit CNxInetAddr(const sockaddr_in6* address);
+
+    // As the Set of the same arguments; IsResolved() tells how it went.
+    CNxInetAddr(const char* host, unsigned short port);
+    CNxInetAddr(const CNxString& host, unsigned short port);
+    explicit CNxInetAddr(const char* hostPort);
+
+    // IPv6 literal, else IPv4 literal, else host name; port in host order. A literal clears the
+    // host name; anything else is kept as the host name, and TryResolve() is called.
+    // NX_OK; NX_ERROR_FAILURE, with nothing changed, for a null pointer, an empty CNxString or one
+    // with a zero byte in it; the result of TryResolve().
+    NxResult Set(const char* host, unsigned short port);
+    NxResult Set(const CNxString& host, unsigned short port);
+
+    // "host" (port 0) or "host:port", the port decimal and cut to 16 bits, 0 if it is no number.
+    // As above, and with nothing changed: NX_ERROR_INVALID_ARG for a null pointer,
+    // NX_ERROR_NOT_AVAILABLE for a host part of more than 511 characters.
+    NxResult Set(const char* hostPort);
+    NxResult Set(const CNxString& hostPort);
+
+    // Set(host, 0).
+    NxResult SetIpAddrByString(const char* host);
+
+    // Becomes an IPv4 address with a socket port of 0; of `ip` the low 32 bits count. The port kept
+    // beside the socket address stays. NX_OK.
+    NxResult SetIpAddrBy4Bytes(unsigned long ip, int isNetworkOrder);
+
+    // Becomes an IPv6 address likewise. NX_OK, or NX_ERROR_INVALID_ARG, with nothing changed, for
+    // null.
+    NxResult SetIp6AddrBy16Bytes(const char* address);
+
+    // Host order. NX_OK, or NX_ERROR_FAILURE when the type is neither of the two; the port is then
+    // kept all the same.
+    NxResult SetPort(unsigned short port);
+
+    // Asks the DNS manager for the host name. NX_OK when there is none, or when it is resolved now:
+    // the address is then the first one found, with the port as set here. Otherwise the object is
+    // as it was and may be asked again:
+    // NX_ERROR_WOULD_BLOCK while a look-up runs, NX_ERROR_NOT_AVAILABLE when there is no answer.
+    // No look-up is made yet: every host name answers NX_ERROR_NOT_AVAILABLE.
+    // Defined in nx/net/CNxDnsManager.cpp, since the manager stands on this class.
+    NxResult TryResolve();
+
+    // Type and size only, unchecked: for whoever has written an address through GetPtr(). A size
+    // outside [0, 28] never makes an operation of the library read further than the 28 bytes.
+    void base_set(int type, int size) {
+        m_type = type;
+        m_size = size;
+    }
+
+    // Host order. Of the socket address; of a type that is neither of the two, the port last set.
+    unsigned short GetPort() const;
+
+    int GetType() const { return m_type; }
+
+    // Of the valid socket address: 16 for IPv4, 28 for IPv6. GetInetAddrSize() is the room for it.
+    int GetSize() const { return m_size; }
+    static constexpr int GetInetAddrSize() { return 28; }
+
+    // 4, 16, or 0.
+    int GeIPAddrSize() const;
+
+    // The socket address, GetInetAddrSize() writable bytes; null unless IPv4 or IPv6.
+    sockaddr* GetPtr() { return IsInet() ? &m_address.base : nullptr; }
+    const sockaddr* GetPtr() const { return IsInet() ? &m_address.base : nullptr; }
+
+    // The 4 or 16 address bytes in network order; null unless IPv4 or IPv6.
+    const void* GetIpAddrPointer() const;
+
+    // The IPv4 address in host order and in network order; 0 unless IPv4.
+    unsigned int get_ip_address() const;
+    unsigned long GetIpAddrIn4Bytes() const;
+
+    // Writes 16 bytes. NX_OK, NX_ERROR_FAILURE unless IPv6, NX_ERROR_INVALID_ARG for null.
+    NxResult GetIp6AddrIn16Bytes(char* out) const;
+
+    // Empty once resolved.
+    const CNxString& GetHostName() const { return m_hostName; }
+    bool IsResolved() const { return m_hostName.empty(); }
+
+    // What to show to people: the host name while there is one, whatever the type; else the address
+    // without the port; else "".
+    CNxString GetIpDisplayName() const;
+
+    // The address as text, IPv6 for that type and IPv4 for every other, in a buffer that all
+    // callers share: the next call overwrites it, and two threads must not be in here at once.
+    const char* GetHostAddr() const;
+
+    // The same into `buffer`; 46 bytes take every address. Answers `buffer`, which holds "" when
+    // the text does not fit; a static "" for a null buffer or a size below 1, with nothing written.
+    const char* GetHostAddr(char* buffer, int size) const;
+
+    // IPv4 0.0.0.0, port 0.
+    static CNxInetAddr s_InetAddrAny() { return CNxInetAddr(); }
+
+    // Whether the text is an IPv6 or IPv4 literal, to its last byte.
+    static bool IsIpAddress(const CNxString& text);
+
+    // The address in network order, in the low 32 bits. False, with `out` 0, when the text is no
+    // IPv4 literal; a null or empty text is 0 and true.
+    static bool IpAddrStringTo4Bytes(const char* text, unsigned long& out);
+
+    // Writes 16 bytes. False when the text is no IPv6 literal or `out` is null; true with nothing
+    // written for a null or empty text.
+    static bool Ip6AddrStringTo16Bytes(const char* text, char* out);
+
+    // From network order; "" for null.
+    static CNxString IpAddr4BytesToString(unsigned long ip);
+    static CNxString IpAddr6BytesToString(const char* address);
+
+    // Type, size and the first `size` bytes of the socket address; neither the host name nor the
+    // port kept beside it.
+    bool operator==(const CNxInetAddr& other) const;
+    bool operator!=(const CNxInetAddr& other) const { return !(*this == other); }
+
+    // By type, then address, port and (IPv6) scope; with a type that is neither of the two, by the
+    // port last set.
+    bool operator<(const CNxInetAddr& other) const;
+
+    // Address plus port, so 0.0.0.1 port 1 and 0.0.0.0 port 2 collide.
+    unsigned int hash() const;
+
+private:
+    union Address {
+        sockaddr base;
+        sockaddr_in v4;
+        sockaddr_in6 v6;
+    };
+    static_assert(sizeof(Address) == 28, "the storage is exactly an IPv6 socket address");
+
+    bool IsInet() const { return m_type == AF_INET || m_type == AF_INET6; }
+    void ResetTo(int family);
+    bool SetLiteral(const char* text);
+
+    int m_type;
+    int m_size;
+    Address m_address;
+    unsigned short m_port = 0;
+    CNxString m_hostName;
+};

@@ -1,0 +1,79 @@
+#include <nx/reactor/CNxEventHandlerRepository.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace {
+
+constexpr int c_wantedDescriptors = 8192;
+
+}  // namespace
+
+NxResult CNxEventHandlerRepository::Open() {
+    if (IsOpen()) {
+        return NX_ERROR_ALREADY_INITIALIZED;
+    }
+    int count = 0;
+    const NxResult limited = SetRlimit(RLIMIT_NOFILE, c_wantedDescriptors, count);
+    if (limited != NX_OK) {
+        return limited;
+    }
+    m_pHandlers.reset(
+        static_cast<CElement*>(std::calloc(static_cast<size_t>(count), sizeof(CElement))));
+    if (!IsOpen()) {
+        return NX_ERROR_FAILURE;
+    }
+    m_nMaxHandler = count;
+    return NX_OK;
+}
+
+NxResult CNxEventHandlerRepository::Close() {
+    m_pHandlers.reset();
+    m_nMaxHandler = 0;
+    return NX_OK;
+}
+
+NxResult CNxEventHandlerRepository::SetRlimit(int resource, int wanted, int& actual) {
+    // The C library types the resource as an enumeration for C++.
+    const auto which = static_cast<__rlimit_resource_t>(resource);
+    rlimit limit{};
+    if (getrlimit(which, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
+        return NX_ERROR_UNEXPECTED;
+    }
+    const int soft = static_cast<int>(limit.rlim_cur);
+    actual = wanted;
+    if (soft >= wanted) {
+        actual = soft;
+        return NX_OK;
+    }
+    const rlimit raised{static_cast<rlim_t>(wanted), static_cast<rlim_t>(wanted)};
+    if (setrlimit(which, &raised) == 0) {
+        return NX_OK;
+    }
+    if (errno != EPERM) {
+        return NX_ERROR_UNEXPECTED;
+    }
+    actual = soft;
+    return NX_OK;
+}
+
+int CNxEventHandlerRepository::FillFdSets(fd_set& readSet, fd_set& writeSet,
+                                          fd_set& /*exceptionSet*/) const {
+    int largest = -1;
+    for (int i = 0; i < m_nMaxHandler; ++i) {
+        const CElement& element = At(i);
+        const int fd = element.m_handler != nullptr ? element.m_handler->GetHandle() : -1;
+        if (fd < 0 || fd >= FD_SETSIZE) {
+            continue;
+        }
+        if ((element.m_mask & (NX_MASK_INPUT | NX_MASK_CONNECT)) != 0) {
+            FD_SET(fd, &readSet);
+        }
+        if ((element.m_mask & NX_MASK_OUTPUT) != 0) {
+            FD_SET(fd, &writeSet);
+        }
+        largest = std::max(largest, fd);
+    }
+    return largest;
+}

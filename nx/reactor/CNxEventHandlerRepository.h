@@ -1,0 +1,62 @@
+// The table of a reactor's registrations, indexed by descriptor.
+#pragma once
+
+#include <nx/foundation/NxResult.h>
+#include <nx/reactor/INxEventHandler.h>
+#include <sys/select.h>
+
+#include <cstdlib>
+#include <memory>
+
+// One flat table, sized once from the limit of open descriptors. Belongs to the reactor's thread.
+// Does not own the handlers.
+class CNxEventHandlerRepository {
+public:
+    // One registration. Free exactly when the handler is null; the mask is then 0.
+    struct CElement {
+        INxEventHandler* m_handler = nullptr;
+        long m_mask = 0;
+    };
+
+    // Sizes the table with SetRlimit(RLIMIT_NOFILE, 8192) and makes it, all free. NX_OK,
+    // NX_ERROR_ALREADY_INITIALIZED when there is one, NX_ERROR_UNEXPECTED when the limit cannot be
+    // had, NX_ERROR_FAILURE when there is no memory for it.
+    NxResult Open();
+
+    // Frees the table. NX_OK.
+    NxResult Close();
+
+    bool IsOpen() const { return m_pHandlers != nullptr; }
+
+    // The number of entries: descriptors from 0 to one below it have a place.
+    int GetMaxHandler() const { return m_nMaxHandler; }
+
+    // Whether the table is there and has a place for the descriptor.
+    bool HasPlace(int fd) const { return m_pHandlers != nullptr && fd >= 0 && fd < m_nMaxHandler; }
+
+    // The registration of a descriptor that has a place.
+    CElement& At(int fd) { return m_pHandlers[static_cast<size_t>(fd)]; }
+    const CElement& At(int fd) const { return m_pHandlers[static_cast<size_t>(fd)]; }
+
+    // Makes sure that the process may use at least `wanted` of a resource (getrlimit(2)) and tells
+    // in `actual` how many there are: the soft limit when it is `wanted` or more, else `wanted`
+    // after both limits were set to it, which also lowers a higher hard limit. Where that is not
+    // permitted the old soft limit stays. NX_OK; NX_ERROR_UNEXPECTED when the system calls fail or
+    // the soft limit is infinite.
+    static NxResult SetRlimit(int resource, int wanted, int& actual);
+
+    // Adds the descriptor of every handler, asked with GetHandle(), to the read set (input and
+    // connect bits) and the write set (output bits). The exception set is not touched; descriptors
+    // that an fd_set cannot hold (FD_SETSIZE) are passed over. The largest descriptor, or -1
+    // without any.
+    int FillFdSets(fd_set& readSet, fd_set& writeSet, fd_set& exceptionSet) const;
+
+private:
+    struct CFree {
+        void operator()(CElement* table) const { std::free(table); }
+    };
+
+    // From calloc: a table for a million descriptors costs memory only where it is used.
+    std::unique_ptr<CElement[], CFree> m_pHandlers;
+    int m_nMaxHandler = 0;
+};

@@ -1,0 +1,25 @@
+// A connected pair of local stream sockets.
+#pragma once
+
+#include <nx/foundation/NxResult.h>
+
+// Used by one thread at a time. Its owner closes it: the destructor does not.
+class CNxPipe {
+public:
+    // Makes the pair, close-on-exec, with socket buffers of `size` bytes (at most 65535; the system
+    // may round). Opening an open pipe loses its handles: Close comes first.
+    // NX_OK; -1, not a result code, when there is no socket pair; NX_ERROR_NOT_AVAILABLE when a
+    // buffer cannot be set, with both handles closed again.
+    NxResult Open(unsigned long size);
+
+    // NX_OK, also when closed; NX_ERROR_FAILURE when a close fails. Closed in any case.
+    NxResult Close();
+
+    // -1 when closed.
+    int GetReadHandle() const { return m_readHandle; }
+    int GetWriteHandle() const { return m_writeHandle; }
+
+private:
+    int m_readHandle = -1;
+    int m_writeHandle = -1;
+};

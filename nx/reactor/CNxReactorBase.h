@@ -1,0 +1,115 @@
+// What all reactors share: registration, removal, the dispatch of one readiness, the posted events
+// and the timers. A concrete reactor adds the waiting.
+#pragma once
+
+#include <memory>
+
+#include <nx/reactor/CNxEventHandlerRepository.h>
+#include <nx/reactor/INxReactor.h>
+#include <nx/thread/CNxEventQueueUsingMutex.h>
+#include <nx/thread/CNxUtilClasses.h>
+#include <nx/timer/CNxTimerQueueBase.h>
+
+// Life: constructed (stopped) -> Open on the thread that runs the loop -> RunEventLoop until
+// StopEventLoop -> Close -> opened again or destroyed.
+//
+// Events: accepted from construction on, so that work can be posted before the loop runs; what is
+// posted before Open fires once the loop runs. The end of the loop refuses what comes later: the
+// loop fires what was posted until then, and from there to the next Open every post and send is
+// answered with NX_ERROR_NOT_INITIALIZED and its event destroyed. Close discards what still waits.
+// A sender never hangs on a stopping reactor: it gets the event's result, NX_ERROR_NOT_INITIALIZED
+// or NX_ERROR_NOT_AVAILABLE.
+//
+// Any thread may call PostEvent, SendEvent, GetPendingEventsCount, NotifyHandler and
+// StopEventLoop; all else belongs to the thread that called Open.
+class CNxReactorBase : public INxReactor, public CNxStopFlag, public CNxEventQueueUsingMutex {
+public:
+    // Takes over the timer queue that the reactor shall use until it is closed; null, and every
+    // later Open, makes an ordered list.
+    explicit CNxReactorBase(std::unique_ptr<CNxTimerQueueBase> timerQueue = nullptr);
+    ~CNxReactorBase() override;
+
+    // Makes the calling thread the reactor's, and the timer queue and the table of registrations.
+    // NX_OK, NX_ERROR_ALREADY_INITIALIZED when open, or why there is no table
+    // (CNxEventHandlerRepository::Open).
+    NxResult Open() override;
+
+    // Drops timers, registrations and pending events. NX_OK. Not from within a callback.
+    NxResult Close() override;
+
+    // Puts the handler in the place of its descriptor's registration, if there is one.
+    // NX_OK, also when nothing changes because handler and mask are those registered.
+    // NX_ERROR_FOUND when another registration was replaced, which counts as success.
+    // NX_ERROR_INVALID_ARG for null, a mask without any bit of NX_MASK_ALL_EVENTS, or a descriptor
+    // that has no place in the table: negative, above it, or any while the reactor is not open.
+    // Whatever the demultiplexer answers to a descriptor that it cannot watch; it is asked first.
+    // After a failure nothing is registered that was not before.
+    NxResult RegisterHandler(INxEventHandler* handler, long mask) override;
+
+    // NX_OK when the whole registration went or nothing of it was meant; NX_ERROR_FOUND when a part
+    // of it is left; NX_ERROR_INVALID_ARG for null or a mask without any bit of
+    // NX_MASK_ALL_EVENTS. Goes by the descriptor: the registered handler may be another one.
+    NxResult RemoveHandler(INxEventHandler* handler, long mask) override;
+
+    // As CNxEventQueueUsingMutex; wakes the loop when the queue was empty.
+    NxResult PostEvent(INxEvent* event, INxEventQueue::EPriority priority) override;
+    NxResult SendEvent(INxEvent* event) override;
+    size_t GetPendingEventsCount() override;
+
+    // As the timer queue; NX_ERROR_NOT_INITIALIZED before Open and after Close.
+    NxResult ScheduleTimer(INxTimerHandler* handler, void* token, const CNxTimeValue& interval,
+                           unsigned long count) override;
+    NxResult CancelTimer(INxTimerHandler* handler) override;
+
+    // 65,535 bytes, shared by all handlers of the reactor: good for the length of a callback.
+    char* GetBufferPtr() override { return m_szBuffer; }
+    unsigned long GetBufferSize() override { return sizeof(m_szBuffer); }
+
+    void* GetCookie() override { return m_pCookie; }
+    void SetCookie(void* cookie) override { m_pCookie = cookie; }
+
+    // The one point of dispatch. Calls the handler of `fd` for those events of `mask` that it is
+    // registered for: OnInput, then, if that answered 0 and left the registration in place,
+    // OnOutput. Another answer than 0, or NX_MASK_CLOSE in `mask`, removes the handler and calls
+    // its OnClose. With `dropConnect` a handler that waits for a connect is dropped uncalled.
+    // Descriptor -1 runs the posted events, at most 100,000; the rest comes in a later turn.
+    // NX_OK, NX_ERROR_NOT_INITIALIZED without a table, NX_ERROR_INVALID_ARG for a descriptor
+    // outside of it, NX_ERROR_NOT_FOUND when nothing is registered or no event waits. `reason` and
+    // `fromNotify` are for the caller's reader.
+    NxResult ProcessHandleEvent(int fd, long mask, long reason, int fromNotify, int dropConnect);
+
+    // Fires the due timers. NX_OK, NX_ERROR_NOT_INITIALIZED without a timer queue.
+    NxResult ProcessTimerTick();
+
+    // Removes the events of `mask` from a registration of which `element` is a copy, and calls
+    // OnClose if the last of them goes and `mask` has NX_MASK_SHOULD_CALL. Results as
+    // RemoveHandler.
+    NxResult RemoveHandleWithoutFinding_i(int fd,
+                                          const CNxEventHandlerRepository::CElement& element,
+                                          long mask);
+
+    // Hands the reactor to the calling thread while its loop does not run.
+    void Reset2CurrentThread();
+
+    // The demultiplexer's part of a removal and of a registration. Registering with a null
+    // handler or a descriptor that cannot be watched answers an error and watches nothing.
+    virtual void OnHandleRemoved(int fd) = 0;
+    virtual NxResult OnHandleRegister(int fd, long mask, INxEventHandler* handler) = 0;
+
+protected:
+    // The end of the loop: refuses further events and fires those posted until now.
+    void RunLastEvents();
+
+    CNxEnsureSingleThread m_Est;
+    std::unique_ptr<CNxTimerQueueBase> m_pTimerQueue;
+    CNxEventHandlerRepository m_EhRepository;
+
+private:
+    NxResult RegisterInFreePlace(int fd, long mask, INxEventHandler* handler);
+    NxResult ProcessPostedEvents();
+    NxResult CallHandler(int fd, long mask, INxEventHandler* handler);
+    NxResult DropHandler(int fd, const INxEventHandler* handler);
+
+    char m_szBuffer[65535] = {};
+    void* m_pCookie = nullptr;
+};

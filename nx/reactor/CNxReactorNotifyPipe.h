@@ -1,0 +1,59 @@
+// How any thread wakes a reactor that waits, and hands it a descriptor and a mask to dispatch.
+#pragma once
+
+#include <atomic>
+
+#include <nx/foundation/CNxMutexThread.h>
+#include <nx/reactor/CNxPipe.h>
+#include <nx/reactor/INxEventHandler.h>
+
+class CNxReactorBase;
+
+// A member of its reactor, registered there like any other handler for the reading end of a
+// CNxPipe. Each notification is one record of 16 bytes in host byte order, written with one call:
+//     0  descriptor, signed 32 bits; -1 runs the posted events
+//     4  zero
+//     8  mask, signed 64 bits
+// Open, Close and OnInput belong to the reactor's thread; Notify may be called on any thread, also
+// while the pipe is being closed: it never writes to a descriptor that is no longer the pipe's.
+class CNxReactorNotifyPipe : public INxEventHandler {
+public:
+    CNxReactorNotifyPipe() = default;
+    ~CNxReactorNotifyPipe() override;
+
+    CNxReactorNotifyPipe(const CNxReactorNotifyPipe&) = delete;
+    CNxReactorNotifyPipe& operator=(const CNxReactorNotifyPipe&) = delete;
+
+    // Opens the pipe and registers it. NX_OK, NX_ERROR_INVALID_ARG for null, NX_ERROR_FAILURE when
+    // the pipe cannot be made non-blocking, else what CNxPipe::Open or RegisterHandler answer
+    // (NX_ERROR_FOUND counts as a failure here). After a failure it is closed.
+    NxResult Open(CNxReactorBase* reactor);
+
+    // Takes the registration back and closes the pipe; what CNxPipe::Close answers.
+    NxResult Close();
+
+    // Has the reactor dispatch `mask` to the descriptor of `handler`, or to -1 for null. The pipe
+    // itself as the handler, with mask 0, only wakes the reactor. Never blocks.
+    // NX_OK, NX_ERROR_NOT_INITIALIZED when closed, NX_ERROR_UNEXPECTED when the record does not
+    // go in: the pipe is full (it takes some 170), so that the reactor is about to wake anyway.
+    NxResult Notify(INxEventHandler* handler, long mask);
+
+    // Whether records wait that OnInput has not read. True may also mean one that is on its way.
+    bool HasRecords() const { return m_records.load() > 0; }
+
+    // The reading end, -1 when closed.
+    int GetHandle() const override;
+
+    // Reads one record and has it dispatched. 0.
+    int OnInput(int fd) override;
+
+private:
+    NxResult OpenPipe();
+    NxResult ClosePipe();
+
+    mutable CNxMutexThread m_mutex;
+    CNxPipe m_PipeNotify NX_GUARDED_BY(m_mutex);
+    CNxReactorBase* m_pReactor = nullptr;
+    // Counted before a record is written and after it is read, so it is never below their number.
+    std::atomic<long> m_records{0};
+};

@@ -1,0 +1,50 @@
+// What waits for descriptors on behalf of one thread and is at the same time that thread's event
+// queue and timer queue.
+#pragma once
+
+#include <nx/reactor/INxEventHandler.h>
+#include <nx/thread/INxEventQueue.h>
+#include <nx/timer/INxTimerQueue.h>
+
+// Any thread may call PostEvent, SendEvent, GetPendingEventsCount, NotifyHandler and StopEventLoop;
+// everything else belongs to the thread that called Open.
+class INxReactor : public INxEventQueue, public INxTimerQueue {
+public:
+    enum EReactorType { TYPE_EPOLL = 1, TYPE_REAL_TIME_SIGNAL = 2, TYPE_SELECT = 4 };
+
+    virtual int GetReactorType() = 0;
+
+    // Opens the reactor on the thread that will run its loop.
+    virtual NxResult Open() = 0;
+
+    // Registers the handler for its descriptor and the events of `mask`. A registration that the
+    // descriptor has already is replaced, not merged.
+    virtual NxResult RegisterHandler(INxEventHandler* handler, long mask) = 0;
+
+    // Takes the events of `mask` off the registration of the handler's descriptor, and the
+    // registration with the last of them. Never calls OnClose.
+    virtual NxResult RemoveHandler(INxEventHandler* handler, long mask) = 0;
+
+    // Makes the loop dispatch `mask` to the handler's descriptor, as far as the handler is
+    // registered for it; a null handler stands for descriptor -1, the posted events.
+    virtual NxResult NotifyHandler(INxEventHandler* handler, long mask) = 0;
+
+    // Runs until StopEventLoop.
+    virtual NxResult RunEventLoop() = 0;
+    virtual NxResult StopEventLoop() = 0;
+
+    // Ends the use of the reactor; registered handlers are not told. It may be opened again.
+    virtual NxResult Close() = 0;
+
+    // A receive buffer that the handlers of this reactor share: good for the length of a callback.
+    virtual char* GetBufferPtr() = 0;
+    virtual unsigned long GetBufferSize() = 0;
+
+    // A pointer that the reactor keeps for its user.
+    virtual void* GetCookie() = 0;
+    virtual void SetCookie(void* cookie) = 0;
+
+    NxResult ScheduleTimer(INxTimerHandler* handler, void* token, const CNxTimeValue& interval,
+                           unsigned long count) override = 0;
+    NxResult CancelTimer(INxTimerHandler* handler) override = 0;
+};

@@ -1,0 +1,118 @@
+// The thread object: a system thread, or another thread's stand-in, that owns a loop and the queues
+// that feed it.
+#pragma once
+
+#include <atomic>
+
+#include <nx/foundation/CNxEventThread.h>
+#include <nx/foundation/CNxString.h>
+#include <nx/foundation/NxResult.h>
+#include <nx/thread/CNxThreadManager.h>
+
+class CNxTimeValue;
+class INxEventQueue;
+class INxReactor;
+class INxTimerQueue;
+
+// Base of every kind of thread. Made with new; from Create on it stands in the thread manager's
+// registry under its type. The life of a joinable one: Create, Stop, Join, Destory. A detached one
+// is deleted by whichever comes second, the end of its run or Destory.
+//
+// Create, Join and Destory belong to the thread that made the object; the other operations may be
+// called on any thread.
+class CNxThread {
+public:
+    CNxThread() = default;
+    CNxThread(const CNxThread&) = delete;
+    CNxThread& operator=(const CNxThread&) = delete;
+
+    // Registers the thread under `type` and starts it; returns when it has run OnThreadInit, so
+    // its queues are there. Type NX_THREAD_MAIN starts nothing: the object takes the identity of
+    // the calling thread, which runs OnThreadInit and OnThreadRun itself.
+    // NX_OK; NX_ERROR_INVALID_ARG for type -1; NX_ERROR_ALREADY_INITIALIZED on a second call;
+    // NX_ERROR_FAILURE when the type is taken; NX_ERROR_UNEXPECTED when the system starts no thread
+    // (the object stays registered). In all these cases the object is still the caller's.
+    // NX_ERROR_NULL_POINTER when OnCreate refused: the object has deleted itself and is gone.
+    virtual NxResult Create(int type, CNxThreadManager::TFlag flags);
+
+    // Registers the thread under `type` with the identity of the calling thread and starts
+    // nothing. Results as Create, without the last two.
+    virtual NxResult CreateNotRun(int type, CNxThreadManager::TFlag flags);
+
+    // Asks the thread to end its run. NX_ERROR_NOT_IMPLEMENTED unless a subclass can.
+    virtual NxResult Stop(CNxTimeValue* timeout);
+
+    // Called on the new thread before anything else; another answer than NX_OK ends the thread and
+    // deletes the object.
+    virtual NxResult OnCreate() { return NX_OK; }
+
+    // Called on the new thread before its loop; queues are made here.
+    virtual void OnThreadInit() {}
+
+    // The loop. When it returns the thread ends.
+    virtual void OnThreadRun() = 0;
+
+    // What feeds the thread; null for what it does not have. Owned by the thread.
+    virtual INxReactor* GetReactor() { return nullptr; }
+    virtual INxEventQueue* GetEventQueue() { return nullptr; }
+    virtual INxTimerQueue* GetTimerQueue() { return nullptr; }
+
+    // Takes the object out of the registry and deletes it; a detached thread that still runs
+    // deletes it at the end of its run. A joinable thread must have been joined. `reason` is for
+    // the reader of the call. NX_OK.
+    NxResult Destory(long reason);
+
+    // Waits until the thread has ended. NX_OK; NX_ERROR_FAILURE when called on the thread itself,
+    // when there is nothing to join (never started, detached, joined before), or when the system
+    // refuses.
+    NxResult Join();
+
+    // The id is that of pthread_self(3) on the thread, 0 before it has one.
+    unsigned long GetThreadId() const { return m_threadId.load(std::memory_order_relaxed); }
+    void SetThreadId(unsigned long id) { m_threadId.store(id, std::memory_order_relaxed); }
+    int GetThreadType() const { return m_type; }
+    unsigned long GetThreadHandle() const { return m_threadHandle; }
+
+    // Whether the library runs a system thread for this object at the moment.
+    bool IsRunning() const { return m_running.load(std::memory_order_acquire) != 0; }
+
+    // The processors that the thread may run on, as numbers with commas between them ("1,3"); empty
+    // for all. Taken over when the thread starts; numbers from 1024 and what is no number are
+    // ignored, a set of which nothing is left changes nothing.
+    CNxString GetCPUSet() const { return m_cpuSet; }
+    void SetCPUSet(const CNxString& cpuSet) { m_cpuSet = cpuSet; }
+
+    // The body of the system thread; `object` is the CNxThread, null ends at once.
+    static void* ThreadProc(void* object);
+
+    virtual ~CNxThread();
+
+protected:
+    // For kinds that take their identity from elsewhere instead of Create.
+    NxResult RegisterAs(int type, unsigned long id, unsigned long handle);
+
+private:
+    class CStartEvent;
+
+    NxResult PrepareCreate(int type, CNxThreadManager::TFlag flags);
+    NxResult StartSystemThread();
+    void Run();
+    void EndRun();
+    void Unregister();
+    bool IsJoinable() const { return (m_flags & CNxThreadManager::FLAG_JOINABLE) != 0; }
+
+    std::atomic<unsigned long> m_threadId{0};
+    unsigned long m_threadHandle = 0;
+    int m_type = -1;
+    CNxThreadManager::TFlag m_flags = CNxThreadManager::FLAG_NONE;
+    // On the stack of the thread that is in Create.
+    CStartEvent* m_startEvent = nullptr;
+    std::atomic<int> m_registered{0};
+    CNxString m_cpuSet;
+    // Of a detached thread: the end of its run and Destory count here, the second one deletes.
+    std::atomic<int> m_endCounter{0};
+    bool m_started = false;
+    std::atomic<int> m_running{0};
+    // 1 while there is a system thread that nobody has joined.
+    std::atomic<int> m_toJoin{0};
+};

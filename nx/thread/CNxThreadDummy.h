@@ -1,0 +1,30 @@
+// A second name for a thread: stands in the registry under another type and leads to its queues.
+#pragma once
+
+#include <nx/thread/CNxThread.h>
+
+// Made with new, given its thread by Init, ended with Destory. The actual thread is not owned and
+// must outlive the dummy.
+class CNxThreadDummy : public CNxThread {
+public:
+    // Registers the dummy under `type` with the identity of `actual`. NX_OK;
+    // NX_ERROR_ALREADY_INITIALIZED on a second call, NX_ERROR_INVALID_ARG for null or type -1,
+    // NX_ERROR_FOUND when the type is taken.
+    NxResult Init(CNxThread* actual, int type);
+
+    // A dummy starts nothing. NX_ERROR_NOT_IMPLEMENTED.
+    NxResult Create(int type, CNxThreadManager::TFlag flags) override;
+
+    // Stops the actual thread and answers as it does; NX_ERROR_NOT_INITIALIZED without one.
+    NxResult Stop(CNxTimeValue* timeout) override;
+
+    void OnThreadRun() override {}
+
+    // Those of the actual thread; null without one.
+    INxReactor* GetReactor() override;
+    INxEventQueue* GetEventQueue() override;
+    INxTimerQueue* GetTimerQueue() override;
+
+private:
+    CNxThread* m_actual = nullptr;
+};

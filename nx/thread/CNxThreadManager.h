@@ -1,0 +1,150 @@
+// The process-wide registry of threads: finds any thread, its event queue, timer queue or reactor
+// by the thread's type, makes and ends threads, and owns the start and the tear-down of the
+// library.
+//
+// A server's main():
+//     CNxThreadManager* threads = CNxThreadManager::Instance();
+//     threads->InitMainThread(argc, argv);
+//     CNxThread* network = nullptr;
+//     threads->CreateNetworkThread(NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(),
+//                                  network);
+//     ... register handlers by sending events to the network thread ...
+//     threads->GetThread(NX_THREAD_MAIN)->OnThreadRun();    // until CNxSignalStop or Stop
+//     threads->StopAllThreads(nullptr);
+//     threads->JoinAllThreads();
+#pragma once
+
+#include <nx/foundation/CNxMutexThread.h>
+#include <nx/foundation/NxResult.h>
+
+class CNxThread;
+class CNxTimeValue;
+class INxEventQueue;
+class INxReactor;
+class INxTimerQueue;
+
+// Thread types. Each is registered at most once; 2 and 3 are free for applications.
+// The thread that initialised the library.
+inline constexpr int NX_THREAD_MAIN = 0;
+// The reactor thread that serves the sockets.
+inline constexpr int NX_THREAD_NETWORK = 1;
+// In look-ups: the registered thread that makes the call.
+inline constexpr int NX_THREAD_CALLING = 4;
+// Ticks the precise timers.
+inline constexpr int NX_THREAD_PRECISE_TIMER = 5;
+// The first type that GetAndIncreamUserType() hands out.
+inline constexpr int NX_THREAD_USER = 4097;
+
+// One per process, made by the first Instance(), torn down when the process exits.
+//
+// Tear-down (at exit()): asks every registered thread except the main one to stop, joins them,
+// destroys the clean-up objects (CNxCleanUpBase) newest first, then the thread objects. A thread
+// that cannot be stopped or joined is left alone, together with its object and the manager, so the
+// process exits all the same. When exit() runs on a thread other than a registered main thread, no
+// thread is stopped and the objects of running threads are left alone.
+//
+// Any thread may call any operation. A thread object that a look-up returned is not protected
+// against being destroyed meanwhile: whoever destroys threads orders that with their users.
+class CNxThreadManager {
+public:
+    // FLAG_NONE counts as FLAG_JOINABLE.
+    enum TFlag { FLAG_NONE = 0, FLAG_JOINABLE = 1, FLAG_DETACHED = 2 };
+
+    virtual ~CNxThreadManager() = default;
+
+    // Makes the calling thread the main thread: blocks SIGRTMIN and SIGIO for it and the threads it
+    // starts, initialises tracing (nx/trace/trace_setting.h), and registers a CNxThreadTask of type
+    // NX_THREAD_MAIN that has the caller's identity. Its loop is the caller's to run:
+    // GetThread(NX_THREAD_MAIN)->OnThreadRun().
+    // NX_OK, NX_ERROR_ALREADY_INITIALIZED when any thread is registered already, or the result of
+    // CNxThread::Create. The arguments are not used.
+    virtual NxResult InitMainThread(int argc, char** argv) = 0;
+
+    // Runs a main thread's loop on a new, detached system thread, which becomes the owner of its
+    // event queue, timer queue or reactor; the caller must no longer act as the main thread.
+    // Returns when the new thread has taken over. NX_OK, or NX_ERROR_FAILURE for null, for a thread
+    // of another type, or when no thread can be started ("thread create failed\n" on stderr).
+    virtual NxResult MainThreadDetachRun(CNxThread* thread) = 0;
+
+    // The registered thread of that type, for NX_THREAD_CALLING the one that is the caller; null
+    // if there is none.
+    virtual CNxThread* GetThread(int type) = 0;
+
+    // What the thread of that type has; null if there is no such thread or it has none.
+    virtual INxReactor* GetThreadReactor(int type) = 0;
+    virtual INxEventQueue* GetThreadEventQueue(int type) = 0;
+    virtual INxTimerQueue* GetThreadTimerQueue(int type) = 0;
+
+    // Starts a thread that drains an event queue and, for a non-zero `withTimerQueue`, runs timers,
+    // with the next user type. NX_OK with the thread in `out`; otherwise the result of
+    // CNxThread::Create, and `out` as it was. The caller ends it with Stop, Join and Destory, or
+    // leaves that to StopAllThreads, JoinAllThreads and the tear-down.
+    virtual NxResult CreateUserTaskThread(CNxThread*& out, TFlag flags, int withTimerQueue) = 0;
+
+    // 4097, 4098, ...: a type that no other call gets.
+    virtual int GetAndIncreamUserType() = 0;
+
+    // Blocks the signal in the calling thread. NX_OK or NX_ERROR_FAILURE.
+    virtual NxResult DisableSignal(int signo) = 0;
+
+    // Starts a joinable thread that runs the reactor; returns when the reactor is open. The thread
+    // owns the reactor from here on, also when the call fails: both are then destroyed.
+    // NX_OK with the thread in `out`; NX_ERROR_INVALID_ARG for a null reactor, else the result of
+    // CNxThreadReactor::Create. The second is the same under the name for further reactor threads.
+    virtual NxResult CreateNetworkThread(int type, INxReactor* reactor, CNxThread*& out) = 0;
+    virtual NxResult CreateReactorThread(int type, INxReactor* reactor, CNxThread*& out) = 0;
+
+    // Calls Stop(timeout) respectively Join() of every registered thread except the main one and
+    // ignores their answers: a thread with nothing to join (detached, a dummy, a heartbeat, joined
+    // before) is passed over. NX_OK; NX_ERROR_FAILURE, with nothing done, when a main thread is
+    // registered and the caller is not it.
+    virtual NxResult StopAllThreads(CNxTimeValue* timeout) = 0;
+    virtual NxResult JoinAllThreads() = 0;
+
+    // Enters a thread object into the registry; CNxThread does it by itself. NX_OK,
+    // NX_ERROR_INVALID_ARG for null, NX_ERROR_FOUND when it or its type is registered.
+    virtual NxResult RegisterThread(CNxThread* thread) = 0;
+
+    // Takes out the first entry that is the same object or has its type. NX_OK,
+    // NX_ERROR_INVALID_ARG for null, NX_ERROR_NOT_FOUND.
+    virtual NxResult UnregisterThread(CNxThread* thread) = 0;
+
+    // The process-wide mutexes of singletons and of reference counts. They outlive the manager.
+    // NX_OK.
+    virtual NxResult GetSingletonMutex(CNxMutexThreadRecursive*& mutex) = 0;
+    virtual NxResult GetReferenceControlMutex(CNxMutexThread*& mutex) = 0;
+
+    // The manager of the process, made by the first call, on any thread.
+    static CNxThreadManager* Instance();
+
+    // Tears the manager down, as described above. Runs by itself at exit().
+    static void CleanupOnlyOne();
+
+    // A new epoll reactor, not open yet. The caller owns it until it hands it to a thread.
+    static INxReactor* CreateNetworkReactor();
+
+    // Nothing to do on this system. NX_OK.
+    static NxResult SocketStartup();
+    static NxResult SocketCleanup();
+
+    // Thread ids are those of pthread_self(3).
+    static unsigned long GetThreadSelfId();
+    static bool IsThreadEqual(unsigned long a, unsigned long b);
+    static bool IsEqualCurrentThread(unsigned long id);
+
+    // Whether the registered thread of that type is the caller; false when there is none.
+    static bool IsEqualCurrentThread(int type);
+
+    // Sleeps that many milliseconds in full, also when signals interrupt it.
+    static void SleepMs(unsigned long ms);
+
+    // NX_THREAD_NETWORK.
+    static int GetNetworkThreadModule();
+
+protected:
+    CNxThreadManager() = default;
+
+public:
+    CNxThreadManager(const CNxThreadManager&) = delete;
+    CNxThreadManager& operator=(const CNxThreadManager&) = delete;
+};

@@ -1,0 +1,382 @@
+#include <nx/foundation/CNxCleanUpBase.h>
+#include <nx/foundation/CNxEventThread.h>
+#include <nx/reactor/CNxReactorEpoll.h>
+#include <nx/thread/CNxThreadManagerImp.h>
+#include <nx/thread/CNxThreadReactor.h>
+#include <nx/thread/CNxThreadTask.h>
+#include <nx/trace/trace_setting.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+namespace {
+
+std::atomic<CNxThreadManager*> s_pThreadManagerOnlyOne{nullptr};
+pthread_mutex_t s_creationMutex = PTHREAD_MUTEX_INITIALIZER;
+
+// Never destroyed: counted objects, static ones too, may use these two at any time.
+CNxMutexThreadRecursive& ImmortalSingletonMutex() {
+    static auto* const s_mutex = new CNxMutexThreadRecursive;
+    return *s_mutex;
+}
+
+CNxMutexThread& ImmortalReferenceControlMutex() {
+    static auto* const s_mutex = new CNxMutexThread;
+    return *s_mutex;
+}
+
+// Makes the calling thread the owner of what feeds `thread`.
+void BindToCallingThread(CNxThread* thread) {
+    const unsigned long self = CNxThreadManager::GetThreadSelfId();
+    thread->SetThreadId(self);
+    if (auto* queue = dynamic_cast<CNxEventQueueBase*>(thread->GetEventQueue())) {
+        queue->SetOwnerThreadId(self);
+    }
+    if (auto* timers = dynamic_cast<CNxTimerQueueBase*>(thread->GetTimerQueue())) {
+        timers->Reset2CurrentThreadId();
+    }
+    if (auto* loop = dynamic_cast<CNxStopFlag*>(thread)) {
+        loop->Reset2CurrentThreadId();
+    }
+    if (auto* reactor = dynamic_cast<CNxReactorBase*>(thread->GetReactor())) {
+        reactor->Reset2CurrentThread();
+    }
+}
+
+// Whether a thread that answered this to Stop will leave its loop.
+bool IsEnding(NxResult stopped) {
+    return stopped == NX_OK || stopped == NX_ERROR_NOT_INITIALIZED;
+}
+
+struct CMainThreadStart {
+    CNxThread* m_thread;
+    CNxEventThread m_takenOver;
+};
+
+void* MainThreadFun(void* argument) {
+    auto* const start = static_cast<CMainThreadStart*>(argument);
+    CNxThread* const thread = start->m_thread;
+    pthread_detach(pthread_self());
+    BindToCallingThread(thread);
+    start->m_takenOver.Signal();
+    thread->OnThreadRun();
+    return nullptr;
+}
+
+}  // namespace
+
+CNxThreadManager* CNxThreadManager::Instance() {
+    CNxThreadManager* manager = s_pThreadManagerOnlyOne.load(std::memory_order_acquire);
+    if (manager != nullptr) {
+        return manager;
+    }
+    pthread_mutex_lock(&s_creationMutex);
+    manager = s_pThreadManagerOnlyOne.load(std::memory_order_relaxed);
+    if (manager == nullptr) {
+        manager = new CNxThreadManagerImp;
+        s_pThreadManagerOnlyOne.store(manager, std::memory_order_release);
+        std::atexit(&CNxThreadManager::CleanupOnlyOne);
+    }
+    pthread_mutex_unlock(&s_creationMutex);
+    return manager;
+}
+
+void CNxThreadManager::CleanupOnlyOne() {
+    auto* const manager = static_cast<CNxThreadManagerImp*>(s_pThreadManagerOnlyOne.load());
+    // A thread that still runs keeps the manager it knows.
+    if (manager != nullptr && manager->TearDown()) {
+        delete manager;
+    }
+}
+
+INxReactor* CNxThreadManager::CreateNetworkReactor() {
+    return new CNxReactorEpoll;
+}
+
+NxResult CNxThreadManager::SocketStartup() {
+    return NX_OK;
+}
+
+NxResult CNxThreadManager::SocketCleanup() {
+    return NX_OK;
+}
+
+unsigned long CNxThreadManager::GetThreadSelfId() {
+    return pthread_self();
+}
+
+bool CNxThreadManager::IsThreadEqual(unsigned long a, unsigned long b) {
+    return a == b;
+}
+
+bool CNxThreadManager::IsEqualCurrentThread(unsigned long id) {
+    return IsThreadEqual(id, GetThreadSelfId());
+}
+
+bool CNxThreadManager::IsEqualCurrentThread(int type) {
+    const CNxThread* const thread = Instance()->GetThread(type);
+    return thread != nullptr && IsEqualCurrentThread(thread->GetThreadId());
+}
+
+void CNxThreadManager::SleepMs(unsigned long ms) {
+    timespec remaining{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
+    while (nanosleep(&remaining, &remaining) == -1 && errno == EINTR) {
+    }
+}
+
+int CNxThreadManager::GetNetworkThreadModule() {
+    return NX_THREAD_NETWORK;
+}
+
+CNxThreadManagerImp::CCpuPlan::CCpuPlan(long processors) {
+    const int last = static_cast<int>(processors) - 1;
+    if (processors == 2) {
+        m_cpus[0] = 0;
+        m_cpus[1] = 1;
+    } else if (processors > 2) {
+        const int plan[c_plannedCpus] = {0, 1, 2, last, 2};
+        std::copy(std::begin(plan), std::end(plan), std::begin(m_cpus));
+    }
+}
+
+int CNxThreadManagerImp::GetPlannedCpu(int index) const {
+    return index >= 0 && index < c_plannedCpus ? m_cpuPlan.m_cpus[index] : -1;
+}
+
+CNxThreadManagerImp::CNxThreadManagerImp()
+    : m_singletonMutex(ImmortalSingletonMutex()),
+      m_referenceControlMutex(ImmortalReferenceControlMutex()),
+      m_processors(sysconf(_SC_NPROCESSORS_ONLN)),
+      m_cpuPlan(m_processors) {}
+
+CNxThreadManagerImp::~CNxThreadManagerImp() {
+    s_pThreadManagerOnlyOne.store(nullptr);
+}
+
+NxResult CNxThreadManagerImp::InitMainThread(int /*argc*/, char** /*argv*/) {
+    if (!CopyRegistry().empty()) {
+        return NX_ERROR_ALREADY_INITIALIZED;
+    }
+    BlockSignal();
+    trace_setting_init();
+    auto* const thread = new CNxThreadTask;
+    const NxResult created = thread->Create(NX_THREAD_MAIN, FLAG_JOINABLE);
+    if (created != NX_OK) {
+        thread->Destory(0);
+        return created;
+    }
+    thread->OnThreadInit();
+    return NX_OK;
+}
+
+NxResult CNxThreadManagerImp::MainThreadDetachRun(CNxThread* thread) {
+    if (thread == nullptr || thread->GetThreadType() != NX_THREAD_MAIN) {
+        return NX_ERROR_FAILURE;
+    }
+    CMainThreadStart start{thread, CNxEventThread(0, 0)};
+    pthread_t handle{};
+    if (pthread_create(&handle, nullptr, &MainThreadFun, &start) != 0) {
+        std::fprintf(stderr, "thread create failed\n");
+        return NX_ERROR_FAILURE;
+    }
+    start.m_takenOver.Wait(nullptr);
+    return NX_OK;
+}
+
+CNxThread* CNxThreadManagerImp::GetThread(int type) {
+    CNxMutexGuardT<CNxMutexThread> guard(m_registryMutex);
+    for (CNxThread* thread : m_threads) {
+        const bool found = type == NX_THREAD_CALLING ? IsEqualCurrentThread(thread->GetThreadId())
+                                                     : thread->GetThreadType() == type;
+        if (found) {
+            return thread;
+        }
+    }
+    return nullptr;
+}
+
+INxReactor* CNxThreadManagerImp::GetThreadReactor(int type) {
+    CNxThread* const thread = GetThread(type);
+    return thread != nullptr ? thread->GetReactor() : nullptr;
+}
+
+INxEventQueue* CNxThreadManagerImp::GetThreadEventQueue(int type) {
+    CNxThread* const thread = GetThread(type);
+    return thread != nullptr ? thread->GetEventQueue() : nullptr;
+}
+
+INxTimerQueue* CNxThreadManagerImp::GetThreadTimerQueue(int type) {
+    CNxThread* const thread = GetThread(type);
+    return thread != nullptr ? thread->GetTimerQueue() : nullptr;
+}
+
+NxResult CNxThreadManagerImp::CreateUserTaskThread(CNxThread*& out, TFlag flags,
+                                                   int withTimerQueue) {
+    CNxThread* const thread = withTimerQueue != 0
+                                  ? static_cast<CNxThread*>(new CNxThreadTask)
+                                  : static_cast<CNxThread*>(new CNxThreadTaskWithEventQueueOnly);
+    const NxResult created = thread->Create(GetAndIncreamUserType(), flags);
+    if (created != NX_OK) {
+        thread->Destory(0);
+        return created;
+    }
+    out = thread;
+    return NX_OK;
+}
+
+int CNxThreadManagerImp::GetAndIncreamUserType() {
+    CNxMutexGuardT<CNxMutexThread> guard(m_registryMutex);
+    return static_cast<int>(++m_lastUserType);
+}
+
+NxResult CNxThreadManagerImp::DisableSignal(int signo) {
+    sigset_t set;
+    if (sigemptyset(&set) != 0 || sigaddset(&set, signo) != 0) {
+        return NX_ERROR_FAILURE;
+    }
+    return pthread_sigmask(SIG_BLOCK, &set, nullptr) == 0 ? NX_OK : NX_ERROR_FAILURE;
+}
+
+NxResult CNxThreadManagerImp::BlockSignal() {
+    sigset_t set;
+    if (sigemptyset(&set) != 0 || sigaddset(&set, SIGRTMIN) != 0 || sigaddset(&set, SIGIO) != 0) {
+        return NX_ERROR_UNEXPECTED;
+    }
+    return pthread_sigmask(SIG_BLOCK, &set, nullptr) == 0 ? NX_OK : NX_ERROR_UNEXPECTED;
+}
+
+NxResult CNxThreadManagerImp::CreateNetworkThread(int type, INxReactor* reactor, CNxThread*& out) {
+    auto* const thread = new CNxThreadReactor;
+    NxResult result = thread->Init(reactor);
+    if (result == NX_OK) {
+        result = thread->Create(type, FLAG_JOINABLE);
+    }
+    if (result != NX_OK) {
+        thread->Destory(0);
+        return result;
+    }
+    out = thread;
+    return NX_OK;
+}
+
+NxResult CNxThreadManagerImp::CreateReactorThread(int type, INxReactor* reactor, CNxThread*& out) {
+    return CreateNetworkThread(type, reactor, out);
+}
+
+NxResult CNxThreadManagerImp::StopAllThreads(CNxTimeValue* timeout) {
+    if (!IsMainOrHasNone()) {
+        return NX_ERROR_FAILURE;
+    }
+    for (CNxThread* thread : CopyRegistry()) {
+        if (thread->GetThreadType() != NX_THREAD_MAIN) {
+            thread->Stop(timeout);
+        }
+    }
+    return NX_OK;
+}
+
+NxResult CNxThreadManagerImp::JoinAllThreads() {
+    if (!IsMainOrHasNone()) {
+        return NX_ERROR_FAILURE;
+    }
+    for (CNxThread* thread : CopyRegistry()) {
+        if (thread->GetThreadType() != NX_THREAD_MAIN) {
+            thread->Join();
+        }
+    }
+    return NX_OK;
+}
+
+NxResult CNxThreadManagerImp::RegisterThread(CNxThread* thread) {
+    if (thread == nullptr) {
+        return NX_ERROR_INVALID_ARG;
+    }
+    CNxMutexGuardT<CNxMutexThread> guard(m_registryMutex);
+    for (const CNxThread* other : m_threads) {
+        if (other == thread || other->GetThreadType() == thread->GetThreadType()) {
+            return NX_ERROR_FOUND;
+        }
+    }
+    m_threads.push_back(thread);
+    return NX_OK;
+}
+
+NxResult CNxThreadManagerImp::UnregisterThread(CNxThread* thread) {
+    if (thread == nullptr) {
+        return NX_ERROR_INVALID_ARG;
+    }
+    CNxMutexGuardT<CNxMutexThread> guard(m_registryMutex);
+    const auto found = std::find_if(m_threads.begin(), m_threads.end(), [thread](CNxThread* other) {
+        return other == thread || other->GetThreadType() == thread->GetThreadType();
+    });
+    if (found == m_threads.end()) {
+        return NX_ERROR_NOT_FOUND;
+    }
+    m_threads.erase(found);
+    return NX_OK;
+}
+
+NxResult CNxThreadManagerImp::GetSingletonMutex(CNxMutexThreadRecursive*& mutex) {
+    mutex = &m_singletonMutex;
+    return NX_OK;
+}
+
+NxResult CNxThreadManagerImp::GetReferenceControlMutex(CNxMutexThread*& mutex) {
+    mutex = &m_referenceControlMutex;
+    return NX_OK;
+}
+
+std::vector<CNxThread*> CNxThreadManagerImp::CopyRegistry() {
+    CNxMutexGuardT<CNxMutexThread> guard(m_registryMutex);
+    return m_threads;
+}
+
+bool CNxThreadManagerImp::IsMainOrHasNone() {
+    return GetThread(NX_THREAD_MAIN) == nullptr || IsEqualCurrentThread(NX_THREAD_MAIN);
+}
+
+bool CNxThreadManagerImp::TearDown() {
+    const bool mayStop = IsMainOrHasNone();
+    if (mayStop) {
+        StopAndJoinForTearDown();
+    }
+    CNxCleanUpBase::CleanupAll();
+    return DestroyThreads(mayStop);
+}
+
+// Joins only what is on its way to its end: a thread that cannot be stopped must not keep the
+// process.
+void CNxThreadManagerImp::StopAndJoinForTearDown() {
+    std::vector<CNxThread*> ending;
+    for (CNxThread* thread : CopyRegistry()) {
+        auto* const queue = dynamic_cast<CNxEventQueueBase*>(thread->GetEventQueue());
+        if (queue != nullptr && IsEqualCurrentThread(queue->GetOwnerThreadId())) {
+            // Nobody drains it any more; a thread that waits for an answer could not be joined.
+            queue->StopAndDestoryPendingEvents();
+        } else if (!thread->IsRunning() || IsEnding(thread->Stop(nullptr))) {
+            ending.push_back(thread);
+        }
+    }
+    for (CNxThread* thread : ending) {
+        thread->Join();
+    }
+}
+
+// A main thread that runs detached counts as running when another thread tears down.
+bool CNxThreadManagerImp::DestroyThreads(bool mayStop) {
+    bool allGone = true;
+    for (CNxThread* thread : CopyRegistry()) {
+        if (thread->IsRunning() || (!mayStop && thread->GetThreadType() == NX_THREAD_MAIN)) {
+            allGone = false;
+        } else {
+            thread->Destory(0);
+        }
+    }
+    return allGone;
+}

@@ -1,0 +1,65 @@
+// The thread manager's implementation. Programs use it through CNxThreadManager.
+#pragma once
+
+#include <vector>
+
+#include <nx/foundation/CNxMutexThread.h>
+#include <nx/thread/CNxThreadManager.h>
+
+class CNxThreadManagerImp : public CNxThreadManager {
+public:
+    CNxThreadManagerImp();
+
+    // The tear-down that CNxThreadManager describes.
+    ~CNxThreadManagerImp() override;
+
+    NxResult InitMainThread(int argc, char** argv) override;
+    NxResult MainThreadDetachRun(CNxThread* thread) override;
+    CNxThread* GetThread(int type) override;
+    INxReactor* GetThreadReactor(int type) override;
+    INxEventQueue* GetThreadEventQueue(int type) override;
+    INxTimerQueue* GetThreadTimerQueue(int type) override;
+    NxResult CreateUserTaskThread(CNxThread*& out, TFlag flags, int withTimerQueue) override;
+    int GetAndIncreamUserType() override;
+    NxResult DisableSignal(int signo) override;
+    NxResult CreateNetworkThread(int type, INxReactor* reactor, CNxThread*& out) override;
+    NxResult CreateReactorThread(int type, INxReactor* reactor, CNxThread*& out) override;
+    NxResult StopAllThreads(CNxTimeValue* timeout) override;
+    NxResult JoinAllThreads() override;
+    NxResult RegisterThread(CNxThread* thread) override;
+    NxResult UnregisterThread(CNxThread* thread) override;
+    NxResult GetSingletonMutex(CNxMutexThreadRecursive*& mutex) override;
+    NxResult GetReferenceControlMutex(CNxMutexThread*& mutex) override;
+
+    // Blocks SIGRTMIN and SIGIO in the calling thread. NX_OK or NX_ERROR_UNEXPECTED.
+    NxResult BlockSignal();
+
+    // A processor for each of five kinds of thread that a server may want to keep apart, for
+    // CNxThread::SetCPUSet; -1 without a plan (one processor), and for an index outside 0..4.
+    static constexpr int c_plannedCpus = 5;
+    int GetPlannedCpu(int index) const;
+
+    // Stops and joins what can be and destroys the clean-up objects and the threads. False when a
+    // thread is left running, which may then still use the manager.
+    bool TearDown();
+
+private:
+    struct CCpuPlan {
+        explicit CCpuPlan(long processors);
+
+        int m_cpus[c_plannedCpus] = {-1, -1, -1, -1, -1};
+    };
+
+    std::vector<CNxThread*> CopyRegistry();
+    bool IsMainOrHasNone();
+    void StopAndJoinForTearDown();
+    bool DestroyThreads(bool mayStop);
+
+    CNxMutexThreadRecursive& m_singletonMutex;
+    CNxMutexThread& m_referenceControlMutex;
+    std::vector<CNxThread*> m_threads NX_GUARDED_BY(m_registryMutex);
+    CNxMutexThread m_registryMutex;
+    unsigned int m_lastUserType NX_GUARDED_BY(m_registryMutex) = NX_THREAD_USER - 1;
+    const long m_processors;
+    const CCpuPlan m_cpuPlan;
+};

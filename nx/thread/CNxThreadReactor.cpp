@@ -1,0 +1,47 @@
+#include <nx/thread/CNxThreadReactor.h>
+
+NxResult CNxThreadReactor::Init(INxReactor* reactor) {
+    if (m_reactor != nullptr) {
+        return NX_ERROR_ALREADY_INITIALIZED;
+    }
+    if (reactor == nullptr) {
+        return NX_ERROR_INVALID_ARG;
+    }
+    m_reactor.reset(reactor);
+    return NX_OK;
+}
+
+NxResult CNxThreadReactor::Create(int type, CNxThreadManager::TFlag flags) {
+    const NxResult created = CNxThread::Create(type, flags);
+    if (created != NX_OK) {
+        return created;
+    }
+    if (type == NX_THREAD_MAIN) {
+        return m_reactor != nullptr ? m_reactor->Open() : NX_ERROR_NOT_INITIALIZED;
+    }
+    if (m_openResult != NX_OK) {
+        Join();
+    }
+    return m_openResult;
+}
+
+NxResult CNxThreadReactor::Stop(CNxTimeValue* timeout) {
+    if (timeout != nullptr) {
+        return NX_ERROR_NOT_IMPLEMENTED;
+    }
+    return m_reactor != nullptr ? m_reactor->StopEventLoop() : NX_ERROR_NOT_INITIALIZED;
+}
+
+void CNxThreadReactor::OnThreadInit() {
+    if (m_reactor != nullptr && GetThreadType() != NX_THREAD_MAIN) {
+        m_openResult = m_reactor->Open();
+    }
+}
+
+void CNxThreadReactor::OnThreadRun() {
+    if (m_reactor == nullptr) {
+        return;
+    }
+    m_reactor->RunEventLoop();
+    m_reactor->Close();
+}

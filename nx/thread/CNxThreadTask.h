@@ -1,0 +1,41 @@
+// The worker threads: one that drains an event queue, and one that runs timers besides.
+#pragma once
+
+#include <memory>
+
+#include <nx/thread/CNxEventQueueUsingConditionVariable.h>
+#include <nx/thread/CNxThread.h>
+#include <nx/thread/CNxUtilClasses.h>
+#include <nx/timer/CNxTimerQueueOrderedList.h>
+
+// Sleeps until events come and fires them in order.
+class CNxThreadTaskWithEventQueueOnly : public CNxThread, public CNxStopFlag {
+public:
+    // Ends the loop behind all events posted so far; later ones are refused with
+    // NX_ERROR_NOT_INITIALIZED. The time-out is not used: Join waits for the end.
+    // NX_OK, or NX_ERROR_NOT_INITIALIZED when it was stopped before.
+    NxResult Stop(CNxTimeValue* timeout) override;
+
+    // Makes the calling thread the one that drains the queue.
+    void OnThreadInit() override;
+    void OnThreadRun() override;
+
+    INxEventQueue* GetEventQueue() override { return &m_eventQueue; }
+
+protected:
+    CNxEventQueueUsingConditionVariable m_eventQueue;
+};
+
+// Alternates between its timers and its events: due timers fire before each look at the queue, and
+// at most 100,000 events are fired between two looks at the timers.
+class CNxThreadTask : public CNxThreadTaskWithEventQueueOnly {
+public:
+    void OnThreadInit() override;
+    void OnThreadRun() override;
+
+    // Null before OnThreadInit.
+    INxTimerQueue* GetTimerQueue() override { return m_timerQueue.get(); }
+
+private:
+    std::unique_ptr<CNxTimerQueueOrderedList> m_timerQueue;
+};

@@ -1,0 +1,49 @@
+// Events, and the queues that carry them from one thread to another. Everything that crosses
+// threads in this library travels as an event.
+#pragma once
+
+#include <cstddef>
+
+#include <nx/foundation/NxResult.h>
+
+// A piece of work that is handed to a thread and runs there.
+//
+// A queue owns an event from the moment it is posted or sent: whether it is accepted, refused or
+// discarded, the library calls OnDestorySelf() exactly once, and nobody else deletes it.
+class INxEvent {
+public:
+    // Runs on the thread that owns the queue, with no lock held. The result goes to a sender; that
+    // of a posted event is dropped. May post and send to any queue, its own too.
+    virtual NxResult OnEventFire() = 0;
+
+    // The end of the event, after it has fired or instead of firing. On the thread of the queue
+    // or, for a refused event, on the caller's; never with a lock of the queue held. Deletes the
+    // event unless overridden.
+    virtual void OnDestorySelf() { delete this; }
+
+    virtual ~INxEvent() = default;
+};
+
+// Where a thread takes its events from. Strictly first in, first out.
+class INxEventQueue {
+public:
+    // Accepted for every post and without effect: no queue of the library orders by priority. The
+    // library's own posts pass PRIORITY_NORMAL.
+    enum EPriority { PRIORITY_HIGH = 0, PRIORITY_NORMAL = 1, PRIORITY_LOW = 2 };
+
+    // Leaves the event with the queue, to be fired later by the thread that owns it. Any thread.
+    // NX_OK, NX_ERROR_INVALID_ARG for null, NX_ERROR_NOT_INITIALIZED when the queue is stopped;
+    // the event is then destroyed before the call returns.
+    virtual NxResult PostEvent(INxEvent* event, EPriority priority) = 0;
+
+    // Has the event fired by the thread that owns the queue and returns its result; blocks until
+    // then, without a limit. Called on that thread itself it fires the event at once.
+    // NX_ERROR_INVALID_ARG for null, NX_ERROR_NOT_INITIALIZED when the queue is stopped,
+    // NX_ERROR_NOT_AVAILABLE when the event was discarded without having fired.
+    virtual NxResult SendEvent(INxEvent* event) = 0;
+
+    // How many events wait. Any thread; out of date as soon as it is read.
+    virtual size_t GetPendingEventsCount() = 0;
+
+    virtual ~INxEventQueue() = default;
+};

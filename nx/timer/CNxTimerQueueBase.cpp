@@ -1,0 +1,96 @@
+#include <nx/timer/CNxTimerQueueBase.h>
+
+namespace {
+
+constexpr const char* c_name = "a timer queue";
+
+// A sum that wrapped would be due at once, and again in every pass.
+CNxTimeValue GetExpiry(const CNxTimeValue& now, const CNxTimeValue& interval) {
+    const CNxTimeValue expiry = now + interval;
+    const bool wrapped = interval > CNxTimeValue::s_tvZero() && expiry <= now;
+    return wrapped ? CNxTimeValue::s_tvMax() : expiry;
+}
+
+}  // namespace
+
+NxResult CNxTimerQueueBase::ScheduleTimer(INxTimerHandler* handler, void* token,
+                                          const CNxTimeValue& interval, unsigned long count) {
+    const bool needsInterval = count != 1;
+    if (handler == nullptr || (needsInterval && interval <= CNxTimeValue::s_tvZero())) {
+        return NX_ERROR_INVALID_ARG;
+    }
+    m_Est.EnsureSingleThread(c_name);
+    CNxTimeValue earliest;
+    const bool wasEmpty = m_observer != nullptr && GetEarliestTime_l(earliest) == -1;
+    const CNxTimeValue expiry = GetExpiry(CNxTimeValue::GetTimeOfDay(), interval);
+    const int pushed =
+        PushNode_l(CNode{handler, token, expiry, interval, count == 0 ? c_endless : count});
+    if (wasEmpty) {
+        m_observer->OnObserve("TimerQueue", nullptr);
+    }
+    if (pushed == 0) {
+        return NX_OK;
+    }
+    return pushed == 1 ? NX_ERROR_FOUND : NX_ERROR_FAILURE;
+}
+
+NxResult CNxTimerQueueBase::CancelTimer(INxTimerHandler* handler) {
+    if (handler == nullptr) {
+        return NX_ERROR_INVALID_ARG;
+    }
+    m_Est.EnsureSingleThread(c_name);
+    const int erased = EraseNode_l(handler);
+    if (erased == 0) {
+        return NX_OK;
+    }
+    return erased == 1 ? NX_ERROR_NOT_FOUND : NX_ERROR_FAILURE;
+}
+
+CNxTimeValue CNxTimerQueueBase::GetEarliestTime() {
+    m_Est.EnsureSingleThread(c_name);
+    CNxTimeValue earliest;
+    return GetEarliestTime_l(earliest) == 0 ? earliest : CNxTimeValue::s_tvMax();
+}
+
+int CNxTimerQueueBase::CheckExpire(CNxTimeValue* remainTime) {
+    m_Est.EnsureSingleThread(c_name);
+    CNxTimeValue remaining = CNxTimeValue::s_tvMax();
+    CNxTimeValue earliest;
+    int fired = 0;
+    // An empty queue costs no clock read.
+    if (GetEarliestTime_l(earliest) == 0) {
+        const CNxTimeValue now = CNxTimeValue::GetTimeOfDay();
+        fired = FireDueNodes(now);
+        if (GetEarliestTime_l(earliest) == 0) {
+            remaining = earliest - now;
+        }
+    }
+    if (remainTime != nullptr) {
+        *remainTime = remaining;
+    }
+    return fired;
+}
+
+int CNxTimerQueueBase::FireDueNodes(const CNxTimeValue& now) {
+    int fired = 0;
+    CNxTimeValue earliest;
+    while (GetEarliestTime_l(earliest) == 0 && earliest <= now) {
+        CNode node{};
+        PopFirstNode_l(node);
+        // Armed again before it runs, so the handler may cancel or replace its own timer.
+        ArmAgain(node, now);
+        node.m_handler->OnTimeout(now, node.m_token);
+        ++fired;
+    }
+    return fired;
+}
+
+void CNxTimerQueueBase::ArmAgain(CNode& node, const CNxTimeValue& now) {
+    if (node.m_count != c_endless && --node.m_count == 0) {
+        return;
+    }
+    if (node.m_interval > CNxTimeValue::s_tvZero()) {
+        node.m_expiry = GetExpiry(now, node.m_interval);
+        RePushNode_l(node);
+    }
+}

@@ -1,0 +1,72 @@
+// The engine of the list- and heap-ordered timer queues: scheduling, cancelling and the expiry pass
+// over a container that a subclass supplies.
+#pragma once
+
+#include <nx/foundation/INxObserver.h>
+#include <nx/thread/CNxUtilClasses.h>
+#include <nx/timer/INxTimerQueue.h>
+
+// Belongs to the thread that made it (Reset2CurrentThreadId moves it); takes no lock. Has no thread
+// of its own: the owner calls CheckExpire from its loop. Pending timers are dropped with the
+// queue, their handlers are not told.
+class CNxTimerQueueBase : public INxTimerQueue {
+public:
+    // The observer is told ("TimerQueue", null data) when a timer comes into the empty queue, so
+    // that a sleeping owner can be woken. May be null; not owned.
+    explicit CNxTimerQueueBase(INxObserver* observer) : m_observer(observer) {}
+
+    CNxTimerQueueBase(const CNxTimerQueueBase&) = delete;
+    CNxTimerQueueBase& operator=(const CNxTimerQueueBase&) = delete;
+
+    // As INxTimerQueue. Also NX_ERROR_INVALID_ARG for an interval of zero or less with a count
+    // other than 1; a one-shot timer may have it, and is due at once. Count ~0ul is endless like 0.
+    // An expiry beyond the largest time value never comes. NX_ERROR_FAILURE when the container
+    // refuses.
+    NxResult ScheduleTimer(INxTimerHandler* handler, void* token, const CNxTimeValue& interval,
+                           unsigned long count) override;
+    NxResult CancelTimer(INxTimerHandler* handler) override;
+
+    // The earliest expiry, s_tvMax() when no timer is pending.
+    virtual CNxTimeValue GetEarliestTime();
+
+    // Fires every timer that is due, in order of expiry, and returns how many fired.
+    // `remainTime` (may be null) gets the time until the next timer, s_tvMax() when there is none.
+    // A timer that is due again is armed anew, one interval from the start of this pass, before
+    // its handler runs: a late pass fires it once and does not catch up.
+    virtual int CheckExpire(CNxTimeValue* remainTime);
+
+    virtual void Dump() {}
+
+    // Hands the queue to the calling thread.
+    void Reset2CurrentThreadId() { m_Est.Reset2CurrentThreadId(); }
+
+protected:
+    static constexpr unsigned long c_endless = ~0ul;
+
+    struct CNode {
+        INxTimerHandler* m_handler;
+        void* m_token;
+        CNxTimeValue m_expiry;
+        CNxTimeValue m_interval;
+        unsigned long m_count;  // firings left; c_endless is never counted down
+    };
+
+    // The container. Among equal expiries the node that was pushed last is the first.
+    // 0 when the handler was new, 1 when its node was replaced, anything else is a failure.
+    virtual int PushNode_l(const CNode& node) = 0;
+    // 0, or 1 when the handler had no node.
+    virtual int EraseNode_l(INxTimerHandler* handler) = 0;
+    // Pushes a node whose handler is known to have none. 0.
+    virtual int RePushNode_l(const CNode& node) = 0;
+    // Takes the earliest node out. 0, or -1 when there is none.
+    virtual int PopFirstNode_l(CNode& node) = 0;
+    // 0, or -1 when there is none.
+    virtual int GetEarliestTime_l(CNxTimeValue& time) const = 0;
+
+private:
+    int FireDueNodes(const CNxTimeValue& now);
+    void ArmAgain(CNode& node, const CNxTimeValue& now);
+
+    CNxEnsureSingleThread m_Est;
+    INxObserver* const m_observer;
+};

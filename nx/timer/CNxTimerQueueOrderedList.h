@@ -1,0 +1,26 @@
+// The default timer queue of a thread: a list sorted by expiry.
+#pragma once
+
+#include <list>
+
+#include <nx/timer/CNxTimerQueueBase.h>
+
+// For the few timers of an ordinary thread: scheduling and cancelling walk the list, firing takes
+// its front. Among timers due at the same instant the one scheduled last fires first.
+class CNxTimerQueueOrderedList : public CNxTimerQueueBase {
+public:
+    explicit CNxTimerQueueOrderedList(INxObserver* observer) : CNxTimerQueueBase(observer) {}
+
+    // The list is sorted at any time. 0.
+    int EnsureSorted() { return 0; }
+
+protected:
+    int PushNode_l(const CNode& node) override;
+    int EraseNode_l(INxTimerHandler* handler) override;
+    int RePushNode_l(const CNode& node) override;
+    int PopFirstNode_l(CNode& node) override;
+    int GetEarliestTime_l(CNxTimeValue& time) const override;
+
+private:
+    std::list<CNode> m_nodes;
+};

@@ -1,0 +1,32 @@
+// Timers: what fires, and the queue it is scheduled on.
+#pragma once
+
+#include <nx/foundation/CNxTimeValue.h>
+#include <nx/foundation/NxResult.h>
+
+// A timer is known by its handler: one handler has at most one timer per queue. Not owned by the
+// queue; a handler cancels its timer before it is destroyed.
+class INxTimerHandler {
+public:
+    // The timer is due. On the thread that owns the queue, with no lock held. `curTime` is when the
+    // queue began this pass over its timers, the same for every handler of the pass; `token` is
+    // what was given to ScheduleTimer. May schedule and cancel any timer of the queue, its own too.
+    virtual void OnTimeout(const CNxTimeValue& curTime, void* token) = 0;
+    virtual ~INxTimerHandler() = default;
+};
+
+// Wall-clock timers of one thread. No locks: only that thread calls it; others post an event to it.
+class INxTimerQueue {
+public:
+    // First fires `interval` from now, then every `interval`; `count` times in all, 0 meaning until
+    // cancelled. A handler that has a timer gets this one instead.
+    // NX_OK; NX_ERROR_FOUND when a timer of the handler was replaced, which counts as success;
+    // NX_ERROR_INVALID_ARG for a null handler. Implementations add what else they refuse.
+    virtual NxResult ScheduleTimer(INxTimerHandler* handler, void* token,
+                                   const CNxTimeValue& interval, unsigned long count) = 0;
+
+    // NX_OK, NX_ERROR_INVALID_ARG for null, NX_ERROR_NOT_FOUND when the handler has no timer.
+    virtual NxResult CancelTimer(INxTimerHandler* handler) = 0;
+
+    virtual ~INxTimerQueue() = default;
+};

@@ -1,0 +1,3 @@
+#include <nx/trace/trace_setting.h>
+
+void trace_setting_init() {}

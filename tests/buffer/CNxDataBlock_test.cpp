@@ -1,0 +1,82 @@
+#include <nx/buffer/CNxDataBlock.h>
+
+#include <atomic>
+#include <climits>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nx/buffer/CNxMessageBlock.h>
+
+namespace {
+
+class CCountedBlock : public CNxDataBlock {
+public:
+    CCountedBlock(char* data, unsigned long size, std::atomic<int>& destroyed)
+        : CNxDataBlock(size, data), m_destroyed(destroyed) {}
+    ~CCountedBlock() override { ++m_destroyed; }
+
+private:
+    std::atomic<int>& m_destroyed;
+};
+
+}  // namespace
+
+TEST(CNxDataBlock, PayloadIsCopiedAlignedAndFreedWithTheLastReference) {
+    for (unsigned long size : {1UL, 7UL, 64UL, 100000UL}) {
+        const std::string bytes(size, 'x');
+        CNxDataBlock* block = nullptr;
+        ASSERT_EQ(CNxDataBlock::CreateInstance(block, size, bytes.data()), NX_OK);
+        EXPECT_EQ(block->GetSize(), size);
+        EXPECT_EQ(std::memcmp(block->GetData(), bytes.data(), size), 0);
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block->GetData()) % alignof(std::max_align_t),
+                  0U);
+        EXPECT_EQ(block->AddReference(), 2);
+        EXPECT_EQ(block->ReleaseReference(), 1);
+        EXPECT_EQ(block->ReleaseReference(), 0);
+    }
+}
+
+TEST(CNxDataBlock, ImpossibleSizesAreRefusedAndLeaveTheOutParameterAlone) {
+    char area = 0;
+    CNxDataBlock untouched(1, &area);
+    CNxDataBlock* block = &untouched;
+    EXPECT_EQ(CNxDataBlock::CreateInstance(block, 0, &area), NX_ERROR_INVALID_ARG);
+    for (unsigned long size :
+         {ULONG_MAX, ULONG_MAX - sizeof(CNxDataBlock) + 1, static_cast<unsigned long>(LONG_MAX)}) {
+        EXPECT_EQ(CNxDataBlock::CreateInstance(block, size, nullptr), NX_ERROR_FAILURE);
+    }
+    EXPECT_EQ(block, &untouched);
+}
+
+TEST(CNxDataBlock, StorageSharedByManyThreadsIsDestroyedOnceByTheLast) {
+    std::atomic<int> destroyed{0};
+    char bytes[] = "shared";
+    auto* head =
+        new CNxMessageBlock(new CCountedBlock(bytes, 6, destroyed), CNxMessageBlock::DUPLICATED);
+    head->AdvanceChainedWritePtr(6);
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        CNxMessageBlock* own = head->DuplicateTopLevel();
+        threads.emplace_back([own, &wrong] {
+            for (int round = 0; round < 2000; ++round) {
+                CNxMessageBlock* copy = own->DuplicateChained();
+                CNxMessageBlock* tail = copy->Disjoint(3);
+                wrong += tail->FlattenChained() == "red" ? 0 : 1;
+                tail->DestroyChained();
+                copy->DestroyChained();
+            }
+            own->DestroyChained();
+        });
+    }
+    head->DestroyChained();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(destroyed, 1);
+}

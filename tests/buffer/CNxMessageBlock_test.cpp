@@ -1,0 +1,229 @@
+#include <nx/buffer/CNxMessageBlock.h>
+
+#include <climits>
+#include <new>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// The library allocates blocks and storage with nothrow new only; the one that brings this to 0
+// fails. 0: none does.
+thread_local int t_failingAllocation = 0;
+
+}  // namespace
+
+// Weak, so that a tool that links its own does not collide with it.
+__attribute__((weak)) void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    if (t_failingAllocation != 0 && --t_failingAllocation == 0) {
+        return nullptr;
+    }
+    return ::operator new(size);
+}
+
+namespace {
+
+using Block = CNxMessageBlock;
+
+Block* MakeOwned(const std::string& bytes, unsigned long space = 0) {
+    auto* block = new Block(bytes.size() + space, nullptr, Block::DUPLICATED);
+    block->Write(bytes.data(), bytes.size());
+    return block;
+}
+
+// Not where a tool brings an operator new of its own.
+bool CanFailAllocations() {
+    t_failingAllocation = 1;
+    void* memory = ::operator new(1, std::nothrow);
+    t_failingAllocation = 0;
+    ::operator delete(memory);
+    return memory == nullptr;
+}
+
+std::string Flatten(const Block* chain) {
+    const CNxString bytes = chain->FlattenChained();
+    return std::string(bytes.data(), bytes.size());
+}
+
+}  // namespace
+
+TEST(CNxMessageBlock, WrapsMemoryOfTheCallerEmptyUntilToldHowMuchIsWritten) {
+    char memory[] = "abcd";
+    Block block(4, memory);
+    EXPECT_EQ(block.GetFlags(), Block::DONT_DELETE);
+    EXPECT_EQ(block.GetDataBlock(), nullptr);
+    EXPECT_EQ(block.GetReadPtr(), memory);
+    EXPECT_EQ(block.GetLength(), 0U);
+    EXPECT_EQ(block.GetSpace(), 4U);
+    EXPECT_EQ(Block(4, memory, 0, 4).GetLength(), 4U);
+    EXPECT_EQ(Block(4, memory, 0, 5).GetLength(), 0U);
+    EXPECT_EQ(Block(4, memory, 0, ULONG_MAX).GetLength(), 0U);
+}
+
+TEST(CNxMessageBlock, FlagsOfTheLibraryAreItsOwnAndAllOthersPassThrough) {
+    const unsigned long other = 0x4 | 0x10000 | (1UL << 63);
+    char memory[4] = {};
+    EXPECT_EQ(Block(4, memory, other | 0xFF01).GetFlags(), other | Block::DONT_DELETE);
+    EXPECT_EQ(Block(4, nullptr, other | 0xFF01).GetFlags(), other);
+
+    const Block own(4, memory, other | Block::MALLOC_AND_COPY | Block::DONT_DELETE);
+    EXPECT_EQ(own.GetFlags(), other);
+    ASSERT_NE(own.GetDataBlock(), nullptr);
+    EXPECT_NE(own.GetReadPtr(), memory);
+    EXPECT_EQ(own.GetCapacity(), 4U);
+
+    const Block shared(own.GetDataBlock(), other | 0xFF03);
+    EXPECT_EQ(shared.GetFlags(), other);
+    EXPECT_EQ(shared.GetReadPtr(), own.GetReadPtr());
+    EXPECT_EQ(shared.GetSpace(), 4U);
+}
+
+TEST(CNxMessageBlock, WithoutStorageEveryOperationIsHarmless) {
+    Block impossible(ULONG_MAX, nullptr, 0, ULONG_MAX);
+    Block none(nullptr, 0UL);
+    for (Block* block : {&impossible, &none}) {
+        char byte = 0;
+        unsigned long n = 99;
+        EXPECT_EQ(block->GetReadPtr(), nullptr);
+        EXPECT_EQ(block->GetWritePtr(), nullptr);
+        EXPECT_EQ(block->GetCapacity(), 0U);
+        EXPECT_EQ(block->Write("x", 1, &n), NX_ERROR_PARTIAL_DATA);
+        EXPECT_EQ(block->Read(&byte, 1, &n), NX_ERROR_PARTIAL_DATA);
+        EXPECT_EQ(n, 0U);
+        EXPECT_EQ(block->Read(nullptr, 0, nullptr), NX_OK);
+        EXPECT_EQ(block->AdvanceChainedWritePtr(1), NX_ERROR_PARTIAL_DATA);
+        EXPECT_EQ(Flatten(block), "");
+        EXPECT_EQ(block->FillIov(nullptr, 1), 0U);
+        EXPECT_EQ(block->Disjoint(0), nullptr);
+        EXPECT_EQ(block->ReclaimGarbage(), nullptr);
+        block->RewindChained();
+        block->DuplicateChained()->DestroyChained();
+    }
+}
+
+TEST(CNxMessageBlock, RewindTakesEveryWritePointerFromTheHead) {
+    Block head(8), other(8);
+    head.Append(&other);
+    for (Block* block : {&head, &other}) {
+        block->Write("abcd", 4);
+        block->AdvanceChainedReadPtr(2);
+    }
+    char* headBegin = head.GetReadPtr() - 2;
+    char* otherBegin = other.GetReadPtr() - 2;
+    head.RewindChained();
+    EXPECT_EQ(head.GetReadPtr(), headBegin);
+    EXPECT_EQ(head.GetWritePtr(), headBegin);
+    EXPECT_EQ(other.GetReadPtr(), otherBegin);
+    EXPECT_EQ(other.GetWritePtr(), headBegin);
+}
+
+TEST(CNxMessageBlock, ABlockIsCompactedByReadingItToItsOwnFront) {
+    char memory[] = "0123456789";
+    Block block(10, memory, 0, 10);
+    block.AdvanceChainedReadPtr(3);
+    EXPECT_EQ(block.Read(memory, 7), NX_OK);
+    block.RewindChained();
+    block.AdvanceChainedWritePtr(7);
+    EXPECT_EQ(Flatten(&block), "3456789");
+}
+
+TEST(CNxMessageBlock, ACutTailConsistsOfDuplicatesAndLeavesForeignBlocksToTheirOwners) {
+    char memory[] = "cdef";
+    Block foreign(4, memory, 0, 4), last(2);
+    last.Write("gh", 2);
+    Block* head = MakeOwned("ab");
+    head->Append(&foreign);
+    foreign.Append(MakeOwned("-"));
+    head->Append(&last);
+    EXPECT_EQ(head->Disjoint(9), nullptr);
+    EXPECT_EQ(head->Disjoint(100), nullptr);
+
+    Block* tail = head->Disjoint(2);
+    EXPECT_EQ(Flatten(head), "ab");
+    EXPECT_EQ(foreign.GetNext(), nullptr);
+    EXPECT_EQ(Flatten(&foreign), "cdef");
+    EXPECT_EQ(last.GetNext(), nullptr);
+    EXPECT_EQ(Flatten(tail), "cdef-gh");
+
+    Block* all = head->Disjoint(0);
+    EXPECT_EQ(head->GetLength(), 0U);
+    EXPECT_EQ(Flatten(all), "ab");
+    for (Block* chain : {head, all, tail}) {
+        chain->DestroyChained();
+    }
+}
+
+TEST(CNxMessageBlock, ABlockPassedOverByReclaimingNeverLeadsToADestroyedOne) {
+    Block keeper(4);
+    keeper.Append(MakeOwned("", 4));
+    keeper.Append(MakeOwned(""));
+    Block* full = MakeOwned("x");
+    keeper.Append(full);
+    EXPECT_EQ(keeper.ReclaimGarbage(), full);
+    EXPECT_EQ(keeper.GetNext(), full);
+    full->AdvanceChainedReadPtr(1);
+    EXPECT_EQ(keeper.ReclaimGarbage(), nullptr);
+    EXPECT_EQ(keeper.GetNext(), nullptr);
+}
+
+TEST(CNxMessageBlockDeathTest, DestroyingABlockThatTheChainDoesNotOwnIsCaught) {
+    Block foreign(4);
+    foreign.SetNext(MakeOwned("x"));
+    EXPECT_DEBUG_DEATH(foreign.DestroyChained(), "does not own");
+    EXPECT_EQ(Flatten(foreign.GetNext()), "x");
+    foreign.GetNext()->DestroyChained();
+}
+
+TEST(CNxMessageBlock, WithoutMemoryNothingIsDuplicatedSplitOrLeaked) {
+    if (!CanFailAllocations()) {
+        GTEST_SKIP() << "allocations cannot be made to fail here";
+    }
+    t_failingAllocation = 1;
+    EXPECT_EQ(Block(16).GetCapacity(), 0U);
+    char memory[] = "cdef";
+    Block foreign(4, memory, 0, 4), last(2);
+    last.Write("gh", 2);
+    Block* head = MakeOwned("ab");
+    head->Append(&foreign);
+    head->Append(&last);
+    // One for each block, one more for the storage of the caller's memory.
+    for (int failing = 1; failing <= 4; ++failing) {
+        t_failingAllocation = failing;
+        EXPECT_EQ(head->DuplicateChained(), nullptr) << failing;
+        t_failingAllocation = failing;
+        EXPECT_EQ(head->Disjoint(1), nullptr) << failing;
+        EXPECT_EQ(Flatten(head), "abcdefgh");
+        EXPECT_EQ(head->GetNext(), &foreign);
+        EXPECT_EQ(foreign.GetNext(), &last);
+    }
+    t_failingAllocation = 5;
+    Block* tail = head->Disjoint(1);
+    EXPECT_EQ(t_failingAllocation, 1);
+    t_failingAllocation = 0;
+    ASSERT_NE(tail, nullptr);
+    EXPECT_EQ(Flatten(tail), "bcdefgh");
+    tail->DestroyChained();
+    head->DestroyChained();
+}
+
+TEST(CNxMessageBlock, AChainOfTwoHundredThousandBlocksNeedsNoStack) {
+    constexpr unsigned long blocks = 200000;
+    Block* head = nullptr;
+    for (unsigned long i = 0; i < blocks; ++i) {
+        Block* block = MakeOwned("x", 1);
+        block->SetNext(head);
+        head = block;
+    }
+    Block* copy = head->DuplicateChained();
+    unsigned long n = 0;
+    EXPECT_EQ(copy->AdvanceChainedWritePtr(blocks, &n), NX_OK);
+    EXPECT_EQ(copy->GetChainedLength(), 2 * blocks);
+    Block* tail = copy->Disjoint(blocks);
+    EXPECT_EQ(tail->GetChainedLength(), blocks);
+    EXPECT_EQ(head->Read(nullptr, blocks + 1, &n), NX_ERROR_PARTIAL_DATA);
+    EXPECT_EQ(n, blocks);
+    EXPECT_EQ(head->ReclaimGarbage(), nullptr);
+    copy->DestroyChained();
+    tail->DestroyChained();
+}

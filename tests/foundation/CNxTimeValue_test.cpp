@@ -1,0 +1,133 @@
+// The time value: normalisation against a literal model, extremes, comparisons.
+#include <gtest/gtest.h>
+#include <nx/foundation/CNxTimeValue.h>
+
+#include <cmath>
+#include <limits>
+#include <queue>
+#include <random>
+#include <type_traits>
+#include <vector>
+
+static_assert(sizeof(CNxTimeValue) == 16 && std::is_trivially_copyable_v<CNxTimeValue>);
+static_assert(CNxTimeValue(1, 500000) + CNxTimeValue(0, 500000) == CNxTimeValue(2));
+static_assert(CNxTimeValue(1.25).GetTotalInMsec() == 1250);
+
+namespace {
+
+constexpr long c_min = std::numeric_limits<long>::min();
+constexpr long c_max = std::numeric_limits<long>::max();
+
+void ExpectFields(const CNxTimeValue& value, long sec, long usec) {
+    EXPECT_EQ(value.GetSec(), sec);
+    EXPECT_EQ(value.GetUsec(), usec);
+}
+
+// Carries in steps of a second.
+void ExpectNormalisedAsModel(long sec, long usec) {
+    SCOPED_TRACE(testing::Message() << sec << ", " << usec);
+    const CNxTimeValue value(sec, usec);
+    for (; usec > 999999; usec -= 1000000) {
+        ++sec;
+    }
+    for (; usec < -999999; usec += 1000000) {
+        --sec;
+    }
+    if (sec > 0 && usec < 0) {
+        --sec;
+        usec += 1000000;
+    } else if (sec < 0 && usec > 0) {
+        ++sec;
+        usec -= 1000000;
+    }
+    ExpectFields(value, sec, usec);
+}
+
+TEST(CNxTimeValue, NormalisesAsCarryingInStepsDoes) {
+    const long usecs[] = {0, 1, 300000, 999999, 1000000, 1000001, 1500000, 2000000, 2500000};
+    for (long sec = -4; sec <= 4; ++sec) {
+        for (long usec : usecs) {
+            ExpectNormalisedAsModel(sec, usec);
+            ExpectNormalisedAsModel(sec, -usec);
+        }
+    }
+    std::mt19937_64 random(1);
+    std::uniform_int_distribution<long> sec(-20, 20);
+    std::uniform_int_distribution<long> usec(-30000000, 30000000);
+    for (int i = 0; i < 10000; ++i) {
+        ExpectNormalisedAsModel(sec(random), usec(random));
+    }
+    ExpectFields(timeval{2, -300000}, 1, 700000);
+}
+
+TEST(CNxTimeValue, ExtremesWrapInsteadOfOverflowing) {
+    ExpectFields(CNxTimeValue(0, c_max), c_max / 1000000, c_max % 1000000);
+    ExpectFields(CNxTimeValue(0, c_min), c_min / 1000000, c_min % 1000000);
+    ExpectFields(CNxTimeValue(c_max, 1000000), c_min, 0);
+    ExpectFields(CNxTimeValue(c_min, -1000000), c_max, 0);
+    ExpectFields(CNxTimeValue(c_min, 1), c_min + 1, -999999);
+    ExpectFields(CNxTimeValue::s_tvMax() + CNxTimeValue(0, 1), c_min, 0);
+    ExpectFields(CNxTimeValue::s_tvMax() + CNxTimeValue::s_tvMax(), 0, -2);
+    ExpectFields(CNxTimeValue(c_min) - CNxTimeValue(1), c_max, 0);
+    EXPECT_EQ(CNxTimeValue::s_tvMax().GetTotalInMsec(), -1);
+    EXPECT_EQ(CNxTimeValue(c_min).GetTotalInMsec(), 0);
+}
+
+TEST(CNxTimeValue, DoublesAreCutOffAndSaturate) {
+    ExpectFields(CNxTimeValue(1.25), 1, 250000);
+    ExpectFields(CNxTimeValue(-1.25), -1, -250000);
+    ExpectFields(CNxTimeValue(-0.5), 0, -500000);
+    ExpectFields(CNxTimeValue(2.3), 2, 299999);
+    ExpectFields(CNxTimeValue(-9223372036854775808.0), c_min, 0);
+    for (double tooLarge : {9223372036854775808.0, 1e300, HUGE_VAL}) {
+        EXPECT_TRUE(CNxTimeValue(tooLarge) == CNxTimeValue::s_tvMax());
+        ExpectFields(CNxTimeValue(-2 * tooLarge), c_min, -999999);
+    }
+    CNxTimeValue value(5);
+    value.Set(std::nan(""));
+    ExpectFields(value, 0, 0);
+}
+
+TEST(CNxTimeValue, MillisecondsAreCutOffTowardsZero) {
+    EXPECT_EQ(CNxTimeValue(1, 999999).GetTotalInMsec(), 1999);
+    EXPECT_EQ(CNxTimeValue(-1, -999999).GetTotalInMsec(), -1999);
+    CNxTimeValue value;
+    value.SetByTotalMsec(-1500);
+    ExpectFields(value, -1, -500000);
+    for (long msec : {0L, 999L, -999L, 123456789L, c_max, c_min}) {
+        value.SetByTotalMsec(msec);
+        EXPECT_EQ(value.GetTotalInMsec(), msec);
+    }
+}
+
+TEST(CNxTimeValue, SumsAndDifferencesAreNormalisedAndMayUseOneObjectTwice) {
+    CNxTimeValue value(1, 600000);
+    value += value;
+    ExpectFields(value, 3, 200000);
+    value -= CNxTimeValue(3, 500000);
+    ExpectFields(value, 0, -300000);
+    ExpectFields(value - CNxTimeValue(0, 700000), -1, 0);
+    value -= value;
+    ExpectFields(value, 0, 0);
+}
+
+TEST(CNxTimeValue, LessMeansLaterAndTheOthersAreOrdinary) {
+    const CNxTimeValue ordered[] = {
+        CNxTimeValue(c_min), CNxTimeValue(-1, -5),   CNxTimeValue(-1), CNxTimeValue(0, -1),
+        CNxTimeValue(),      CNxTimeValue(0, 1),     CNxTimeValue(1),  CNxTimeValue(1, 5),
+        CNxTimeValue(c_max), CNxTimeValue::s_tvMax()};
+    for (const CNxTimeValue& a : ordered) {
+        for (const CNxTimeValue& b : ordered) {
+            EXPECT_EQ(a<b, &a> & b ? 1 : 0);
+            EXPECT_EQ(a > b, &a > &b ? 1 : 0);
+            EXPECT_EQ(a >= b, &a >= &b ? 1 : 0);
+            EXPECT_EQ(a <= b, &a <= &b ? 1 : 0);
+            EXPECT_EQ(a == b, &a == &b ? 1 : 0);
+            EXPECT_EQ(a != b, &a != &b ? 1 : 0);
+        }
+    }
+    std::priority_queue<CNxTimeValue> heap({}, std::vector<CNxTimeValue>(ordered, ordered + 10));
+    EXPECT_TRUE(heap.top() == ordered[0]);
+}
+
+}  // namespace

@@ -1,0 +1,191 @@
+// Conversions, splitting, environment references, bounded copies, random strings.
+#include <gtest/gtest.h>
+#include <nx/foundation/CNxUtils.h>
+
+#include <cctype>
+#include <cstdlib>
+#include <ctime>
+#include <limits>
+
+namespace {
+
+using Pieces = std::vector<CNxString>;
+
+TEST(CNxUtils, ConvertsWholeNumbersOfEveryBase) {
+    unsigned long u64 = 0;
+    EXPECT_EQ(StrToU64("18446744073709551615", u64), NX_OK);
+    EXPECT_EQ(u64, 18446744073709551615U);
+    EXPECT_EQ(StrToU64(U64ToStr(u64), u64), NX_OK);
+    EXPECT_EQ(StrToU64("010", u64), NX_OK);
+    EXPECT_EQ(u64, 8U);
+    long i64 = 0;
+    EXPECT_EQ(StrTo64(" -9223372036854775808", i64), NX_OK);
+    EXPECT_EQ(i64, std::numeric_limits<long>::min());
+    unsigned int u32 = 0;
+    EXPECT_EQ(StrToU32("0x10", u32), NX_OK);
+    EXPECT_EQ(u32, 16U);
+    EXPECT_EQ(StrToU32("4294967297", u32), NX_OK);
+    EXPECT_EQ(u32, 1U);
+    int i32 = 0;
+    EXPECT_EQ(StrTo32("4294967295", i32), NX_OK);
+    EXPECT_EQ(i32, -1);
+    EXPECT_EQ(U32ToStr(4294967295), "4294967295");
+    EXPECT_EQ(U64ToStr(0), "0");
+}
+
+TEST(CNxUtils, RefusesWhatIsNotANumberAndLeavesTheOutput) {
+    const CNxString bad[] = {
+        "", "12a", "12 ", " ", "-", "0x", "18446744073709551616", "08", "1.5", CNxString("1\0", 2)};
+    for (const CNxString& text : bad) {
+        SCOPED_TRACE(text);
+        unsigned long u64 = 77;
+        long i64 = 77;
+        unsigned int u32 = 77;
+        int i32 = 77;
+        EXPECT_EQ(StrToU64(text, u64), NX_ERROR_FAILURE);
+        EXPECT_EQ(StrTo64(text, i64), NX_ERROR_FAILURE);
+        EXPECT_EQ(StrToU32(text, u32), NX_ERROR_FAILURE);
+        EXPECT_EQ(StrTo32(text, i32), NX_ERROR_FAILURE);
+        EXPECT_TRUE(u64 == 77 && i64 == 77 && u32 == 77 && i32 == 77);
+    }
+}
+
+TEST(CNxUtils, SplitsWithItsSurprises) {
+    const auto expectSplit = [](const CNxString& text, const CNxString& delimiter, size_t hits,
+                                Pieces expected) {
+        SCOPED_TRACE(text);
+        Pieces pieces = {"before"};
+        expected.insert(expected.begin(), "before");
+        EXPECT_EQ(SplitString2(text, delimiter, pieces), hits);
+        EXPECT_EQ(pieces, expected);
+    };
+    expectSplit("a,b,c", ",", 2, {"a", "b", "c"});
+    expectSplit("a,,b", ",", 1, {"a", ",b"});
+    expectSplit("abc", ",", 0, {});
+    expectSplit("", ",", 0, {});
+    expectSplit("abc", "", 0, {});
+    expectSplit(",", ",", 1, {});
+    expectSplit(",a,", ",", 2, {"a"});
+    expectSplit("a,,,b", ",", 2, {"a", ",", "b"});
+    expectSplit("a::b::c", "::", 2, {"a", "b", ":c"});
+    expectSplit("a::", "::", 1, {"a", ":"});
+}
+
+TEST(CNxUtils, SplitsAPieceOfItsOwnOutput) {
+    Pieces pieces = {"a,b,c,d,e,f,g"};
+    pieces.shrink_to_fit();
+    EXPECT_EQ(SplitString2(pieces[0], ",", pieces), 6U);
+    EXPECT_EQ(pieces.size(), 8U);
+    EXPECT_EQ(pieces.back(), "g");
+}
+
+class CNxUtilsEnvironment : public testing::Test {
+protected:
+    void SetUp() override {
+        setenv("NX_TEST_HOME", "/h", 1);
+        setenv("NX_TEST_EMPTY", "", 1);
+        unsetenv("NX_TEST_UNSET");
+    }
+    void TearDown() override {
+        unsetenv("NX_TEST_HOME");
+        unsetenv("NX_TEST_EMPTY");
+    }
+    static CNxString Resolve(const CNxString& in) {
+        CNxString out("old");
+        EXPECT_EQ(ResolveStringEnv(in, out), NX_OK);
+        return out;
+    }
+};
+
+TEST_F(CNxUtilsEnvironment, ReadsVariables) {
+    EXPECT_EQ(VOS_GetEnv("NX_TEST_HOME"), "/h");
+    EXPECT_EQ(VOS_GetEnv(CNxString("NX_TEST_HOME")), "/h");
+    EXPECT_EQ(VOS_GetEnv("NX_TEST_UNSET"), "");
+    EXPECT_EQ(VOS_GetEnv(CNxString("NX_TEST_HOME\0", 13)), "");
+    EXPECT_EQ(VOS_GetEnv(static_cast<const char*>(nullptr)), "");
+}
+
+TEST_F(CNxUtilsEnvironment, ResolvesReferencesWithTheirSurprises) {
+    EXPECT_EQ(Resolve("${NX_TEST_HOME}/x"), "/h/x");
+    EXPECT_EQ(Resolve("a/${NX_TEST_HOME}/${NX_TEST_HOME}"), "a//h//h");
+    EXPECT_EQ(Resolve("${NX_TEST_UNSET}:${NX_TEST_EMPTY}"), "NX_TEST_UNSET:NX_TEST_EMPTY");
+    EXPECT_EQ(Resolve("NX_TEST_HOME${NX_TEST_UNSET}"), "/hNX_TEST_UNSET");
+    EXPECT_EQ(Resolve("NX_TEST_HOME}"), "NX_TEST_HOME}");
+    EXPECT_EQ(Resolve(""), "");
+    for (const char* bad : {"${NX_TEST_HOME", "${A}${B}", "a}b${C}", "}${"}) {
+        EXPECT_EQ(Resolve(bad), CNxString("error! ${ is not match with } in string:") + bad);
+    }
+}
+
+TEST_F(CNxUtilsEnvironment, ResolvesInPlace) {
+    for (const char* in : {"plain", "${NX_TEST_HOME}/x", "${"}) {
+        CNxString text(in);
+        EXPECT_EQ(ResolveStringEnv(text, text), NX_OK);
+        EXPECT_EQ(text, Resolve(in));
+    }
+}
+
+TEST(CNxUtils, BoundedCopyWritesNoTerminator) {
+    const CNxString text("abcdef");
+    for (size_t size : {0U, 1U, 4U, 7U, 9U}) {
+        const std::string copied = text.GetRawData().substr(0, size == 0 ? 0 : size - 1);
+        const std::string expected = copied + std::string(10 - copied.size(), '#');
+        std::string fromString(10, '#');
+        std::string fromChars(10, '#');
+        BufferStringCopy(fromString.data(), size, text);
+        BufferStringCopy(fromChars.data(), size, text.c_str());
+        EXPECT_EQ(fromString, expected);
+        EXPECT_EQ(fromChars, expected);
+    }
+    const char unterminated[] = {'a', 'b'};
+    char target[3] = {};
+    BufferStringCopy(target, sizeof(target), unterminated);
+    EXPECT_STREQ(target, "ab");
+    BufferStringCopy(target, sizeof(target), nullptr);
+    BufferStringCopy(nullptr, 5, text);
+    EXPECT_STREQ(target, "ab");
+}
+
+TEST(CNxUtils, RandomStringIsTerminatedOneByteLate) {
+    char buffer[6] = {};
+    const CNxString text = RandString(buffer, 4);
+    EXPECT_EQ(text.size(), 4U);
+    for (char c : text.GetRawData()) {
+        EXPECT_TRUE(std::isalnum(static_cast<unsigned char>(c)));
+    }
+    char filled[7] = {'#', '#', '#', '#', '#', '#', '#'};
+    EXPECT_EQ(RandString(filled, 4).substr(4), "#");
+    EXPECT_EQ(filled[5], '\0');
+    EXPECT_EQ(filled[6], '#');
+    for (int length : {0, -5, std::numeric_limits<int>::min()}) {
+        char untouched[3] = {'#', '#', '#'};
+        EXPECT_EQ(RandString(untouched, length), "#");
+        EXPECT_EQ(untouched[2], '#');
+    }
+    EXPECT_EQ(RandString(nullptr, 4), "");
+}
+
+TEST(CNxUtils, RandomStringsOfOneSecondAreTheSame) {
+    char buffer[18] = {};
+    std::time_t start = 0;
+    CNxString first;
+    CNxString second;
+    do {
+        start = std::time(nullptr);
+        first = RandString(buffer, 16);
+        second = RandString(buffer, 16);
+    } while (std::time(nullptr) != start);
+    EXPECT_EQ(first, second);
+}
+
+TEST(CNxUtils, ClocksAgreeWithTheSystem) {
+    const std::time_t before = std::time(nullptr);
+    const long msec = GetCurrentTimerInMSec();
+    const std::int64_t sec = getCurrentTime();
+    // time(2) may lag behind the other clocks by a tick.
+    const std::time_t after = std::time(nullptr) + 1;
+    EXPECT_TRUE(msec / 1000 >= before && msec / 1000 <= after);
+    EXPECT_TRUE(sec >= before && sec <= after);
+}
+
+}  // namespace

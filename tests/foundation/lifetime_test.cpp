@@ -1,0 +1,152 @@
+// Reference counts, the clean-up list and singletons.
+#include <gtest/gtest.h>
+#include <nx/foundation/CNxAutoPtr.h>
+#include <nx/foundation/CNxCleanUpBase.h>
+#include <nx/foundation/CNxReferenceControl.h>
+#include <nx/foundation/CNxSingleton.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+class Counted : public CNxReferenceControlT<CNxMutexThread> {
+public:
+    explicit Counted(std::atomic<int>& deleted) : m_deleted(deleted) {}
+    ~Counted() override { ++m_deleted; }
+
+private:
+    std::atomic<int>& m_deleted;
+};
+
+class Returned : public CNxReferenceControlT<CNxMutexThread> {
+public:
+    int m_returned = 0;
+
+protected:
+    void OnReferenceDestory() override { ++m_returned; }
+};
+
+TEST(CNxReferenceControlT, LastReleaseDestroysOnce) {
+    std::atomic<int> deleted{0};
+    auto* object = new Counted(deleted);
+    EXPECT_EQ(object->AddReference(), 1);
+    EXPECT_EQ(object->AddReference(), 2);
+    EXPECT_EQ(object->ReleaseReference(), 1);
+    EXPECT_EQ(deleted, 0);
+    EXPECT_EQ(object->ReleaseReference(), 0);
+    EXPECT_EQ(deleted, 1);
+
+    Returned returned;
+    returned.AddReference();
+    EXPECT_EQ(returned.ReleaseReference(), 0);
+    EXPECT_EQ(returned.m_returned, 1);
+}
+
+TEST(CNxReferenceControlT, ManyThreadsAgreeOnTheLastRelease) {
+    std::atomic<int> deleted{0};
+    CNxAutoPtr<Counted> shared(new Counted(deleted));
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([copy = shared]() mutable {
+            for (int round = 0; round < 2000; ++round) {
+                CNxAutoPtr<Counted> another(copy);
+            }
+            copy.Reset();
+        });
+    }
+    shared.Reset();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(deleted, 1);
+}
+
+TEST(CNxAutoPtr, HoldsExactlyOneReferenceThroughCopyMoveAndReset) {
+    std::atomic<int> deleted{0};
+    auto* raw = new Counted(deleted);
+    raw->AddReference();
+    auto first = CNxAutoPtr<Counted>::Adopt(raw);
+    CNxAutoPtr<Counted> second = first;
+    CNxAutoPtr<Counted> third = std::move(first);
+    EXPECT_FALSE(first);  // NOLINT(bugprone-use-after-move): the moved-from state is what is tested
+    EXPECT_EQ(second.Get(), raw);
+    EXPECT_EQ(&*third, second.operator->());
+    auto& self = second;
+    second = self;
+    EXPECT_EQ(second.Get(), raw);
+    third.Reset();
+    EXPECT_EQ(deleted, 0);
+    second = nullptr;
+    EXPECT_EQ(deleted, 1);
+}
+
+std::string g_order;
+
+class Named : public CNxCleanUpBase {
+public:
+    explicit Named(char name) : m_name(name) {}
+    ~Named() override { g_order += m_name; }
+
+private:
+    const char m_name;
+};
+
+class Kept : public CNxCleanUpBase {
+protected:
+    void CleanUp() override { g_order += 'k'; }
+};
+
+TEST(CNxCleanUpBase, NewestGoesFirstAndTheListIsEmptyAfterwards) {
+    Kept kept;
+    new Named('A');
+    new Named('B');
+    new Named('C');
+    CNxCleanUpBase::CleanupAll();
+    EXPECT_EQ(g_order, "CBAk");
+    CNxCleanUpBase::CleanupAll();
+    EXPECT_EQ(g_order, "CBAk");
+}
+
+std::atomic<int> g_outerMade{0};
+
+class Inner {
+public:
+    static Inner* Instance() { return CNxSingletonT<Inner>::Instance(); }
+    ~Inner() { g_order += 'i'; }
+};
+
+class Outer {
+public:
+    static Outer* Instance() { return CNxSingletonT<Outer>::Instance(); }
+    ~Outer() { g_order += 'o'; }
+
+private:
+    friend class CNxSingletonT<Outer>;
+    Outer() {
+        ++g_outerMade;
+        Inner::Instance();
+    }
+};
+
+TEST(CNxSingletonT, ManyThreadsMakeOneAndInnerOnesAreDestroyedFirst) {
+    std::vector<std::thread> threads;
+    std::vector<Outer*> seen(8);
+    for (Outer*& slot : seen) {
+        threads.emplace_back([&slot] { slot = Outer::Instance(); });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(g_outerMade, 1);
+    for (const Outer* one : seen) {
+        EXPECT_EQ(one, Outer::Instance());
+    }
+    g_order.clear();
+    CNxCleanUpBase::CleanupAll();
+    EXPECT_EQ(g_order, "io");
+}
+
+}  // namespace

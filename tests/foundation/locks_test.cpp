@@ -1,0 +1,177 @@
+// Mutexes, condition, event object and semaphore.
+#include <gtest/gtest.h>
+#include <nx/foundation/CNxEventThread.h>
+#include <nx/foundation/CNxMutexThread.h>
+#include <nx/foundation/CNxSemaphore.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// Time enough for a thread to get into its wait. No result depends on it being long enough.
+void LetOthersWait() {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+}
+
+TEST(CNxMutexThread, TryLockAnswersBusyAndRecursiveKindCountsItsOwner) {
+    CNxMutexThread plain;
+    ASSERT_EQ(plain.Lock(), NX_OK);
+    EXPECT_EQ(plain.TryLock(), NX_ERROR_FAILURE);
+    EXPECT_EQ(plain.UnLock(), NX_OK);
+
+    CNxMutexThreadRecursive recursive;
+    ASSERT_EQ(recursive.Lock(), NX_OK);
+    ASSERT_EQ(recursive.TryLock(), NX_OK);
+    EXPECT_EQ(recursive.UnLock(), NX_OK);
+    NxResult seenByOther = NX_OK;
+    std::thread([&] { seenByOther = recursive.TryLock(); }).join();
+    EXPECT_EQ(seenByOther, NX_ERROR_FAILURE);
+    EXPECT_EQ(recursive.UnLock(), NX_OK);
+}
+
+// A mutex whose Lock can be made to fail.
+struct FailingMutex {
+    NxResult Lock() { return m_result; }
+    NxResult UnLock() {
+        ++m_unlocks;
+        return NX_OK;
+    }
+    NxResult m_result = NX_ERROR_FAILURE;
+    int m_unlocks = 0;
+};
+
+TEST(CNxMutexGuardT, UnlocksOnlyWhatItLocked) {
+    FailingMutex mutex;
+    { CNxMutexGuardT<FailingMutex> guard(mutex); }
+    EXPECT_EQ(mutex.m_unlocks, 0);
+    mutex.m_result = NX_OK;
+    { CNxMutexGuardT<FailingMutex> guard(mutex); }
+    EXPECT_EQ(mutex.m_unlocks, 1);
+}
+
+TEST(CNxConditionVariableThread, TimesOutAtOnceForPastAndAbsurdDeadlines) {
+    CNxMutexThread mutex;
+    CNxConditionVariableThread condition(mutex);
+    CNxMutexGuardT<CNxMutexThread> guard(mutex);
+    for (CNxTimeValue timeout : {CNxTimeValue(0, 0), CNxTimeValue(-1, 0), CNxTimeValue(0, -1),
+                                 CNxTimeValue(-9000000000000000000, 0)}) {
+        EXPECT_EQ(condition.Wait(&timeout), NX_ERROR_TIMEOUT) << timeout.GetSec();
+    }
+    CNxTimeValue negativeBeforeEpoch(0, -500000);
+    EXPECT_EQ(condition.WaitUntil(negativeBeforeEpoch), NX_ERROR_TIMEOUT);
+}
+
+TEST(CNxConditionVariableThread, HugeTimeoutsWaitUntilTheSignal) {
+    for (CNxTimeValue timeout : {CNxTimeValue::s_tvMax(), CNxTimeValue(9223372036854775806, 0),
+                                 CNxTimeValue(9223372036854775807 - 1700000000, 999999)}) {
+        CNxEventThread event(0, 0);
+        std::thread signaller([&] {
+            LetOthersWait();
+            event.Signal();
+        });
+        EXPECT_EQ(event.Wait(&timeout), NX_OK);
+        signaller.join();
+    }
+}
+
+TEST(CNxEventThread, AutomaticSignalWithoutWaiterPassesOneWait) {
+    CNxEventThread event(0, 0);
+    CNxTimeValue zero;
+    EXPECT_EQ(event.Wait(&zero), NX_ERROR_TIMEOUT);
+    event.Signal();
+    event.Signal();
+    EXPECT_EQ(event.Wait(&zero), NX_OK);
+    EXPECT_EQ(event.Wait(&zero), NX_ERROR_TIMEOUT);
+}
+
+TEST(CNxEventThread, ManualSignalStaysUntilPulse) {
+    CNxEventThread event(1, 1);
+    CNxTimeValue zero;
+    EXPECT_EQ(event.Wait(&zero), NX_OK);
+    EXPECT_EQ(event.Wait(&zero), NX_OK);
+    event.Pulse();
+    EXPECT_EQ(event.Wait(&zero), NX_ERROR_TIMEOUT);
+    event.Signal();
+    EXPECT_EQ(event.Wait(nullptr), NX_OK);
+}
+
+TEST(CNxEventThread, PulseLetsPassWhoWaitsAndNobodyLater) {
+    for (const int manual : {0, 1}) {
+        CNxEventThread event(manual, 0);
+        std::atomic<int> passed{0};
+        std::vector<std::thread> waiters;
+        for (int i = 0; i < 3; ++i) {
+            waiters.emplace_back([&] {
+                event.Wait(nullptr);
+                ++passed;
+            });
+        }
+        // Pulses until all have gone through: one pulse frees all or one of those that wait.
+        while (passed.load() < 3) {
+            event.Pulse();
+            std::this_thread::yield();
+        }
+        for (std::thread& waiter : waiters) {
+            waiter.join();
+        }
+        CNxTimeValue zero;
+        EXPECT_EQ(event.Wait(&zero), NX_ERROR_TIMEOUT) << "manual " << manual;
+    }
+}
+
+// Waiters with the shortest of time-outs against a signaller: what was signalled is what passed,
+// plus at most the one signal that is kept.
+TEST(CNxEventThread, NoAutomaticSignalIsLostOrDoubledWhenTimeRunsOutMeanwhile) {
+    CNxEventThread event(0, 0);
+    std::atomic<bool> stop{false};
+    std::atomic<long> passed{0};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 3; ++i) {
+        waiters.emplace_back([&, i] {
+            while (!stop.load()) {
+                CNxTimeValue timeout(0, 5L * i);
+                if (event.Wait(&timeout) == NX_OK) {
+                    ++passed;
+                }
+            }
+        });
+    }
+    long signalled = 0;
+    for (; signalled < 5000; ++signalled) {
+        event.Signal();
+        // Each signal is taken before the next: none may be folded into a kept one.
+        while (passed.load() != signalled + 1) {
+            ASSERT_LE(passed.load(), signalled + 1) << "one signal passed two waits";
+            std::this_thread::yield();
+        }
+    }
+    stop = true;
+    for (std::thread& waiter : waiters) {
+        waiter.join();
+    }
+    EXPECT_EQ(passed.load(), signalled);
+}
+
+TEST(CNxSemaphore, CountsWhatIsPosted) {
+    CNxSemaphore semaphore(1, "ignored", 1);
+    EXPECT_EQ(semaphore.PostN(0), NX_OK);
+    EXPECT_EQ(semaphore.PostN(-1), NX_OK);
+    EXPECT_EQ(semaphore.PostN(3), NX_OK);
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_EQ(semaphore.Lock(), NX_OK);
+    }
+    std::atomic<bool> gotOne{false};
+    std::thread fifth([&] {
+        semaphore.Lock();
+        gotOne = true;
+    });
+    LetOthersWait();
+    EXPECT_FALSE(gotOne.load());
+    semaphore.UnLock();
+    fifth.join();
+    EXPECT_TRUE(gotOne.load());
+}
+
+}  // namespace

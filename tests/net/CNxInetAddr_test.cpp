@@ -1,0 +1,298 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <nx/foundation/CNxAutoPtr.h>
+#include <nx/net/CNxDnsManager.h>
+#include <nx/net/CNxInetAddr.h>
+
+namespace {
+
+std::string Display(const CNxInetAddr& address) {
+    return address.GetIpDisplayName().GetRawData();
+}
+
+void ExpectIs(const CNxInetAddr& address, int type, const char* display, int port) {
+    EXPECT_EQ(address.GetType(), type);
+    EXPECT_EQ(address.GetSize(), type == AF_INET6 ? 28 : 16);
+    EXPECT_EQ(Display(address), display);
+    EXPECT_EQ(address.GetPort(), port);
+    EXPECT_TRUE(address.IsResolved());
+    ASSERT_NE(address.GetPtr(), nullptr);
+    EXPECT_EQ(address.GetPtr()->sa_family, type);
+}
+
+void ExpectSocketAddressIsZero(const CNxInetAddr& address) {
+    const char zero[28] = {};
+    ASSERT_NE(address.GetPtr(), nullptr);
+    EXPECT_EQ(std::memcmp(address.GetPtr(), zero, sizeof zero), 0);
+}
+
+}  // namespace
+
+TEST(CNxInetAddr, StartsAsAnyAddressOfItsFamily) {
+    ExpectIs(CNxInetAddr(), AF_INET, "0.0.0.0", 0);
+    ExpectIs(CNxInetAddr::s_InetAddrAny(), AF_INET, "0.0.0.0", 0);
+    ExpectIs(CNxInetAddr(AF_INET), AF_INET, "0.0.0.0", 0);
+    ExpectIs(CNxInetAddr(AF_INET6), AF_INET6, "::", 0);
+
+    CNxInetAddr other(77);
+    EXPECT_EQ(other.GetType(), 77);
+    EXPECT_EQ(other.GetSize(), 16);
+    EXPECT_EQ(other.GetPtr(), nullptr);
+    EXPECT_EQ(other.GetIpAddrPointer(), nullptr);
+    EXPECT_EQ(other.GeIPAddrSize(), 0);
+    EXPECT_EQ(other.get_ip_address(), 0U);
+    EXPECT_EQ(Display(other), "");
+    EXPECT_EQ(other.SetPort(9), NX_ERROR_FAILURE);
+    EXPECT_EQ(other.GetPort(), 9);
+    EXPECT_EQ(other.hash(), 9U);
+}
+
+TEST(CNxInetAddr, TakesSystemStructuresAndForcesTheirFamily) {
+    sockaddr_in v4{};
+    v4.sin_family = 99;
+    v4.sin_port = htons(8080);
+    v4.sin_addr.s_addr = htonl(0x0A010203);
+    ExpectIs(CNxInetAddr(&v4), AF_INET, "10.1.2.3", 8080);
+
+    sockaddr_in6 v6{};
+    v6.sin6_port = htons(443);
+    v6.sin6_addr = in6addr_loopback;
+    v6.sin6_scope_id = 3;
+    const CNxInetAddr address(&v6);
+    ExpectIs(address, AF_INET6, "::1", 443);
+    sockaddr_in6 back;
+    std::memcpy(&back, address.GetPtr(), sizeof back);
+    EXPECT_EQ(back.sin6_scope_id, 3U);
+
+    ExpectIs(CNxInetAddr(static_cast<const sockaddr_in*>(nullptr)), AF_INET, "0.0.0.0", 0);
+    ExpectIs(CNxInetAddr(static_cast<const sockaddr_in6*>(nullptr)), AF_INET, "0.0.0.0", 0);
+}
+
+TEST(CNxInetAddr, SetsLiteralsOfEitherFamilyOverTheOther) {
+    CNxInetAddr address;
+    EXPECT_EQ(address.Set("::1", 80), NX_OK);
+    ExpectIs(address, AF_INET6, "::1", 80);
+    EXPECT_EQ(address.Set(CNxString("10.1.2.3"), 81), NX_OK);
+    ExpectIs(address, AF_INET, "10.1.2.3", 81);
+    EXPECT_EQ(address, CNxInetAddr("10.1.2.3", 81));
+    EXPECT_EQ(address.SetIpAddrByString("::ffff:1.2.3.4"), NX_OK);
+    ExpectIs(address, AF_INET6, "::ffff:1.2.3.4", 0);
+}
+
+TEST(CNxInetAddr, SplitsHostAndPortAtTheFirstColon) {
+    ExpectIs(CNxInetAddr("10.1.2.3:8080"), AF_INET, "10.1.2.3", 8080);
+    ExpectIs(CNxInetAddr("10.1.2.3"), AF_INET, "10.1.2.3", 0);
+    ExpectIs(CNxInetAddr("10.1.2.3:"), AF_INET, "10.1.2.3", 0);
+    ExpectIs(CNxInetAddr("10.1.2.3:x"), AF_INET, "10.1.2.3", 0);
+    ExpectIs(CNxInetAddr("10.1.2.3:65537"), AF_INET, "10.1.2.3", 1);
+    ExpectIs(CNxInetAddr("10.1.2.3:-1"), AF_INET, "10.1.2.3", 65535);
+
+    CNxInetAddr address("1.2.3.4", 5);
+    EXPECT_EQ(address.Set("::1:80"), NX_OK);
+    EXPECT_EQ(address.GetType(), AF_INET);
+    EXPECT_TRUE(address.IsResolved());
+    ExpectSocketAddressIsZero(address);
+    EXPECT_EQ(address.Set(CNxString(":80")), NX_OK);
+    EXPECT_EQ(address.GetPort(), 80);
+    EXPECT_EQ(address.Set(""), NX_OK);
+    ExpectSocketAddressIsZero(address);
+}
+
+TEST(CNxInetAddr, RefusedTextChangesNothing) {
+    CNxInetAddr address("10.1.2.3:8080");
+    const char* const null = nullptr;
+    const CNxString zeroByte("1.2.3.4\0.evil", 13);
+    EXPECT_EQ(address.Set(null), NX_ERROR_INVALID_ARG);
+    EXPECT_EQ(address.Set(null, 1), NX_ERROR_FAILURE);
+    EXPECT_EQ(address.SetIpAddrByString(null), NX_ERROR_FAILURE);
+    EXPECT_EQ(address.SetIp6AddrBy16Bytes(null), NX_ERROR_INVALID_ARG);
+    EXPECT_EQ(address.Set(CNxString()), NX_ERROR_FAILURE);
+    EXPECT_EQ(address.Set(CNxString(), 1), NX_ERROR_FAILURE);
+    EXPECT_EQ(address.Set(zeroByte), NX_ERROR_FAILURE);
+    EXPECT_EQ(address.Set(zeroByte, 1), NX_ERROR_FAILURE);
+    EXPECT_EQ(address.Set(std::string(512, 'h').c_str()), NX_ERROR_NOT_AVAILABLE);
+    EXPECT_EQ(address.Set((std::string(100000, 'h') + ":1").c_str()), NX_ERROR_NOT_AVAILABLE);
+    ExpectIs(address, AF_INET, "10.1.2.3", 8080);
+
+    EXPECT_EQ(address.Set((std::string(511, 'h') + ":1").c_str()), NX_ERROR_NOT_AVAILABLE);
+    EXPECT_EQ(address.GetHostName().size(), 511U);
+    ExpectIs(CNxInetAddr(null, 80), AF_INET, "0.0.0.0", 0);
+}
+
+TEST(CNxInetAddr, UnresolvedHostNameIsKeptWithItsPort) {
+    CNxInetAddr address("10.1.2.3:8080");
+    EXPECT_EQ(address.Set("server.invalid", 443), NX_ERROR_NOT_AVAILABLE);
+    EXPECT_FALSE(address.IsResolved());
+    EXPECT_EQ(Display(address), "server.invalid");
+    EXPECT_EQ(address.GetType(), AF_INET);
+    EXPECT_EQ(address.GetPort(), 443);
+    EXPECT_EQ(address.GetPtr()->sa_family, 0);
+    EXPECT_EQ(address.get_ip_address(), 0U);
+    EXPECT_EQ(address.TryResolve(), NX_ERROR_NOT_AVAILABLE);
+    EXPECT_EQ(address.GetPort(), 443);
+    EXPECT_EQ(address, CNxInetAddr("another.invalid", 443)) << "the host name does not count";
+
+    // The object's own host name may be handed back to it.
+    EXPECT_EQ(address.Set(address.GetHostName(), 444), NX_ERROR_NOT_AVAILABLE);
+    EXPECT_EQ(address.GetHostName().GetRawData(), "server.invalid");
+    const CNxInetAddr copy = address;
+    EXPECT_EQ(Display(copy), "server.invalid");
+
+    EXPECT_EQ(address.Set("::1", 1), NX_OK);
+    ExpectIs(address, AF_INET6, "::1", 1);
+    EXPECT_EQ(address.TryResolve(), NX_OK);
+
+    CNxInetAddr untyped(0);
+    EXPECT_EQ(untyped.Set("server.invalid:443"), NX_ERROR_NOT_AVAILABLE);
+    EXPECT_EQ(untyped.GetPort(), 443);
+    EXPECT_EQ(untyped.GetPtr(), nullptr);
+}
+
+TEST(CNxInetAddr, BinaryFormsRoundTrip) {
+    CNxInetAddr address("server.invalid", 443);
+    EXPECT_EQ(address.SetIpAddrBy4Bytes(0x7F000001, 0), NX_OK);
+    ExpectIs(address, AF_INET, "127.0.0.1", 0);
+    EXPECT_EQ(address.get_ip_address(), 0x7F000001U);
+    EXPECT_EQ(address.GetIpAddrIn4Bytes(), 0x0100007FU);
+    EXPECT_EQ(address.GeIPAddrSize(), 4);
+    EXPECT_EQ(std::memcmp(address.GetIpAddrPointer(), "\x7F\0\0\1", 4), 0);
+    EXPECT_EQ(address.SetIpAddrBy4Bytes(0xFFFFFFFF7F000001UL, 1), NX_OK);
+    ExpectIs(address, AF_INET, "1.0.0.127", 0);
+    address.base_set(0, 16);
+    EXPECT_EQ(address.GetPort(), 443) << "the port beside the socket address survives";
+
+    char bytes[16];
+    CNxInetAddr v6("2001:db8::5", 7);
+    EXPECT_EQ(CNxInetAddr().GetIp6AddrIn16Bytes(bytes), NX_ERROR_FAILURE);
+    EXPECT_EQ(v6.GetIp6AddrIn16Bytes(nullptr), NX_ERROR_INVALID_ARG);
+    EXPECT_EQ(v6.GetIp6AddrIn16Bytes(bytes), NX_OK);
+    EXPECT_EQ(v6.GeIPAddrSize(), 16);
+    EXPECT_EQ(std::memcmp(v6.GetIpAddrPointer(), bytes, 16), 0);
+    EXPECT_EQ(v6.SetIp6AddrBy16Bytes(static_cast<const char*>(v6.GetIpAddrPointer())), NX_OK);
+    ExpectIs(v6, AF_INET6, "2001:db8::5", 0);
+}
+
+TEST(CNxInetAddr, HostAddrFillsABufferOfAnySizeSafely) {
+    const CNxInetAddr address("255.255.255.255:1");
+    EXPECT_STREQ(address.GetHostAddr(), "255.255.255.255");
+    EXPECT_STREQ(CNxInetAddr("::1", 1).GetHostAddr(), "::1");
+    EXPECT_STREQ(CNxInetAddr(0).GetHostAddr(), "0.0.0.0");
+    for (int size = -1; size <= 17; ++size) {
+        std::vector<char> buffer(static_cast<size_t>(size < 0 ? 0 : size), '?');
+        const char* text = address.GetHostAddr(buffer.data(), size);
+        EXPECT_STREQ(text, size < 16 ? "" : "255.255.255.255") << size;
+    }
+    EXPECT_STREQ(address.GetHostAddr(nullptr, 46), "");
+    const CNxInetAddr longest("1111:2222:3333:4444:5555:6666:7777:8888", 1);
+    char buffer[46];
+    EXPECT_STREQ(longest.GetHostAddr(buffer, 39), "");
+    EXPECT_STREQ(longest.GetHostAddr(buffer, 40), "1111:2222:3333:4444:5555:6666:7777:8888");
+}
+
+TEST(CNxInetAddr, TextHelpersTellLiteralsFromOtherText) {
+    EXPECT_TRUE(CNxInetAddr::IsIpAddress("1.2.3.4"));
+    EXPECT_TRUE(CNxInetAddr::IsIpAddress("fe80::1"));
+    for (const char* text : {"", "1.2.3", "1.2.3.4:5", "1.2.3.256", "fe80::1%lo", "localhost"}) {
+        EXPECT_FALSE(CNxInetAddr::IsIpAddress(text)) << text;
+    }
+    EXPECT_FALSE(CNxInetAddr::IsIpAddress(CNxString("1.2.3.4\0.evil", 13)));
+
+    unsigned long ip = 1;
+    EXPECT_TRUE(CNxInetAddr::IpAddrStringTo4Bytes(nullptr, ip));
+    EXPECT_EQ(ip, 0U);
+    EXPECT_TRUE(CNxInetAddr::IpAddrStringTo4Bytes("1.2.3.4", ip));
+    EXPECT_EQ(ip, 0x04030201U);
+    EXPECT_EQ(CNxInetAddr::IpAddr4BytesToString(ip).GetRawData(), "1.2.3.4");
+    EXPECT_FALSE(CNxInetAddr::IpAddrStringTo4Bytes("::1", ip));
+    EXPECT_EQ(ip, 0U);
+
+    char bytes[16] = {'?'};
+    EXPECT_TRUE(CNxInetAddr::Ip6AddrStringTo16Bytes("", bytes));
+    EXPECT_FALSE(CNxInetAddr::Ip6AddrStringTo16Bytes("1.2.3.4", bytes));
+    EXPECT_EQ(bytes[0], '?');
+    EXPECT_FALSE(CNxInetAddr::Ip6AddrStringTo16Bytes("::2", nullptr));
+    EXPECT_TRUE(CNxInetAddr::Ip6AddrStringTo16Bytes("2001:db8::2", bytes));
+    EXPECT_EQ(CNxInetAddr::IpAddr6BytesToString(bytes).GetRawData(), "2001:db8::2");
+    EXPECT_EQ(CNxInetAddr::IpAddr6BytesToString(nullptr).GetRawData(), "");
+}
+
+TEST(CNxInetAddr, OrdersByTypeAddressPortAndScope) {
+    CNxInetAddr scoped("fe80::1", 80);
+    reinterpret_cast<sockaddr_in6*>(scoped.GetPtr())->sin6_scope_id = 0x01000000;
+    CNxInetAddr scopedHigher = scoped;
+    reinterpret_cast<sockaddr_in6*>(scopedHigher.GetPtr())->sin6_scope_id = 0x01000001;
+    CNxInetAddr other(77);
+    other.SetPort(1);
+    CNxInetAddr otherHigher(77);
+    otherHigher.SetPort(256);
+    const std::vector<CNxInetAddr> ascending = {
+        CNxInetAddr(0),
+        CNxInetAddr("1.0.0.2:255"),
+        CNxInetAddr("1.0.0.2:256"),
+        CNxInetAddr("2.0.0.1:1"),
+        CNxInetAddr("200.0.0.1:1"),
+        CNxInetAddr("::1", 9),
+        CNxInetAddr("fe80::1", 79),
+        scoped,
+        scopedHigher,
+        CNxInetAddr("fe80::1", 256),
+        CNxInetAddr("ff80::1", 1),
+        other,
+        otherHigher,
+    };
+    for (size_t i = 0; i < ascending.size(); ++i) {
+        for (size_t j = 0; j < ascending.size(); ++j) {
+            EXPECT_EQ(ascending[i] < ascending[j], i < j) << i << ' ' << j;
+        }
+    }
+}
+
+TEST(CNxInetAddr, EqualityComparesNoMoreThanTheStoredBytes) {
+    CNxInetAddr a("1.2.3.4:5");
+    CNxInetAddr b("1.2.3.4:6");
+    EXPECT_EQ(a, a);
+    EXPECT_NE(a, b);
+    EXPECT_NE(a, CNxInetAddr("1.2.3.5:5"));
+    EXPECT_NE(CNxInetAddr(AF_INET), CNxInetAddr(AF_INET6));
+    for (int size : {28, 29, 1 << 20, -1}) {
+        a.base_set(AF_INET, size);
+        b.base_set(AF_INET, size);
+        EXPECT_EQ(a == b, size < 0) << size;
+        EXPECT_EQ(a, CNxInetAddr(a)) << size;
+    }
+    b.base_set(AF_INET, 16);
+    EXPECT_NE(a, b);
+}
+
+TEST(CNxInetAddr, HashAddsAddressAndPort) {
+    EXPECT_EQ(CNxInetAddr("0.0.0.1:1").hash(), CNxInetAddr("0.0.0.0:2").hash());
+    EXPECT_EQ(CNxInetAddr("255.255.255.255:2").hash(), 1U);
+    EXPECT_EQ(CNxInetAddr("::1", 2).hash(), 0x01000002U);
+    EXPECT_EQ(CNxInetAddr("100:0:200:0:300:0:400::", 0).hash(), 1U + 2U + 3U + 4U);
+}
+
+TEST(CNxDnsManager, AnswersNotAvailableAndNoRecord) {
+    char unused = 0;
+    auto* record = reinterpret_cast<CNxDnsRecord*>(&unused);
+    EXPECT_EQ(CNxDnsManager::Instance(), CNxDnsManager::Instance());
+    EXPECT_EQ(CNxDnsManager::Instance()->AsyncResolve(record, "localhost", nullptr, 1, nullptr),
+              NX_ERROR_NOT_AVAILABLE);
+    EXPECT_EQ(record, nullptr);
+}
+
+TEST(CNxDnsRecord, FirstAddressReplacesAnUnresolvedOne) {
+    CNxInetAddr address("server.invalid", 443);
+    const CNxAutoPtr<CNxDnsRecord> nothing(new CNxDnsRecord("server.invalid", {}));
+    EXPECT_EQ(nothing->GetFirstIPAddr(address), NX_ERROR_NOT_AVAILABLE);
+    EXPECT_FALSE(address.IsResolved());
+    const CNxAutoPtr<CNxDnsRecord> record(new CNxDnsRecord(
+        "server.invalid", {CNxInetAddr("10.1.2.3", 0), CNxInetAddr("10.1.2.4", 0)}));
+    EXPECT_EQ(record->GetFirstIPAddr(address), NX_OK);
+    ExpectIs(address, AF_INET, "10.1.2.3", 0);
+}

@@ -1,0 +1,311 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <utility>
+
+#include <nx/net/CNxSocket.h>
+
+namespace {
+
+const CNxInetAddr kLoopback("127.0.0.1:0");
+
+bool IsOpen(int handle) {
+    return fcntl(handle, F_GETFD) != -1;
+}
+bool IsNonBlocking(int handle) {
+    return (fcntl(handle, F_GETFL) & O_NONBLOCK) != 0;
+}
+
+CNxInetAddr GetLocal(const CNxSocketBase& socket) {
+    CNxInetAddr address;
+    EXPECT_EQ(socket.GetLocalAddr(address), 0);
+    return address;
+}
+
+// Two connected stream sockets; the test keeps `peer`, which reads the end of the stream once the
+// other end is closed.
+struct Pair {
+    Pair() {
+        int ends[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        handle = ends[0];
+        peer = ends[1];
+    }
+    ~Pair() { close(peer); }
+    Pair(const Pair&) = delete;
+    Pair& operator=(const Pair&) = delete;
+
+    bool IsOtherEndClosed() const {
+        char byte;
+        return recv(peer, &byte, 1, MSG_DONTWAIT) == 0;
+    }
+
+    int handle;
+    int peer;
+};
+
+class CNxSocketUdpTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(m_receiver.Open(kLoopback), 0);
+        ASSERT_EQ(m_sender.Open(kLoopback), 0);
+        m_peer = GetLocal(m_receiver);
+        timeval patience = {10, 0};
+        ASSERT_EQ(
+            setsockopt(m_receiver.GetHandle(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience),
+            0);
+    }
+
+    std::string Receive() {
+        std::string datagram(70000, '?');
+        const ssize_t size = recv(m_receiver.GetHandle(), &datagram[0], datagram.size(), 0);
+        datagram.resize(size < 0 ? 0 : static_cast<size_t>(size));
+        return datagram;
+    }
+
+    void ExpectSendFails(const iovec* pieces, unsigned long count, const CNxInetAddr& peer,
+                         int error) {
+        errno = 0;
+        EXPECT_EQ(m_sender.SendVTo(pieces, count, peer), -1);
+        EXPECT_EQ(errno, error);
+    }
+
+    CNxSocketUdp m_receiver;
+    CNxSocketUdp m_sender;
+    CNxInetAddr m_peer;
+};
+
+}  // namespace
+
+TEST(CNxIPCBase, SwitchesNonBlockingModeAndNothingElse) {
+    Pair pair;
+    CNxIPCBase ipc;
+    EXPECT_EQ(ipc.GetHandle(), -1);
+    EXPECT_EQ(ipc.Enable(CNxIPCBase::NON_BLOCK), -1);
+    EXPECT_EQ(errno, EBADF);
+
+    ipc.SetHandle(pair.handle);
+    ASSERT_EQ(fcntl(pair.handle, F_SETFL, O_APPEND), 0);
+    EXPECT_EQ(ipc.Enable(1), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FALSE(IsNonBlocking(pair.handle));
+    EXPECT_EQ(ipc.Enable(CNxIPCBase::NON_BLOCK), 0);
+    EXPECT_EQ(ipc.Enable(CNxIPCBase::NON_BLOCK), 0);
+    EXPECT_TRUE(IsNonBlocking(pair.handle));
+    EXPECT_EQ(ipc.Disable(1), -1);
+    EXPECT_TRUE(IsNonBlocking(pair.handle));
+    EXPECT_EQ(ipc.Disable(CNxIPCBase::NON_BLOCK), 0);
+    EXPECT_FALSE(IsNonBlocking(pair.handle));
+    EXPECT_NE(fcntl(pair.handle, F_GETFL) & O_APPEND, 0);
+
+    int pending = 0;
+    ASSERT_EQ(send(pair.peer, "abc", 3, 0), 3);
+    EXPECT_EQ(ipc.Control(FIONREAD, &pending), 0);
+    EXPECT_EQ(pending, 3);
+    close(pair.handle);
+}
+
+TEST(CNxSocketBase, ClosesWhatItOwnsExactlyOnce) {
+    Pair reopened;
+    CNxSocketBase socket;
+    EXPECT_EQ(socket.Close(), 0);
+    socket.SetHandle(reopened.handle);
+    EXPECT_EQ(socket.Open(AF_INET, SOCK_STREAM, 0, 1), 0);
+    EXPECT_TRUE(reopened.IsOtherEndClosed());
+    EXPECT_NE(fcntl(socket.GetHandle(), F_GETFD) & FD_CLOEXEC, 0);
+    int reuse = 0;
+    socklen_t size = sizeof reuse;
+    ASSERT_EQ(getsockopt(socket.GetHandle(), SOL_SOCKET, SO_REUSEADDR, &reuse, &size), 0);
+    EXPECT_EQ(reuse, 1);
+
+    const int handle = socket.GetHandle();
+    EXPECT_EQ(socket.Close(), 0);
+    EXPECT_FALSE(IsOpen(handle));
+    EXPECT_EQ(socket.GetHandle(), -1);
+    EXPECT_EQ(socket.Close(), 0);
+
+    Pair failed;
+    socket.SetHandle(failed.handle);
+    EXPECT_EQ(socket.Open(-1, SOCK_STREAM, 0, 0), -1);
+    EXPECT_EQ(errno, EAFNOSUPPORT);
+    EXPECT_EQ(socket.GetHandle(), -1);
+    EXPECT_TRUE(failed.IsOtherEndClosed());
+
+    Pair destroyed;
+    { CNxSocketBase().SetHandle(destroyed.handle); }
+    EXPECT_TRUE(destroyed.IsOtherEndClosed());
+}
+
+TEST(CNxSocketBase, MovesOwnership) {
+    Pair first;
+    Pair second;
+    CNxSocketTcp source;
+    source.SetHandle(first.handle);
+    CNxSocketTcp target(std::move(source));
+    EXPECT_EQ(source.GetHandle(), -1);  // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(target.GetHandle(), first.handle);
+    EXPECT_FALSE(first.IsOtherEndClosed());
+
+    source.SetHandle(second.handle);
+    target = std::move(source);
+    EXPECT_TRUE(first.IsOtherEndClosed());
+    EXPECT_EQ(target.GetHandle(), second.handle);
+    EXPECT_EQ(source.GetHandle(), -1);  // NOLINT(bugprone-use-after-move)
+    CNxSocketTcp& self = target;
+    target = std::move(self);
+    EXPECT_FALSE(second.IsOtherEndClosed());
+}
+
+TEST(CNxSocketTcp, BindRefusedKeepsErrnoAndNoDescriptor) {
+    CNxSocketTcp listener;
+    ASSERT_EQ(listener.Open(0, kLoopback), 0);
+    EXPECT_NE(fcntl(listener.GetHandle(), F_GETFD) & FD_CLOEXEC, 0);
+    ASSERT_EQ(listen(listener.GetHandle(), 1), 0);
+
+    Pair previous;
+    CNxSocketTcp second;
+    second.SetHandle(previous.handle);
+    errno = 0;
+    EXPECT_EQ(second.Open(0, GetLocal(listener)), -1);
+    EXPECT_EQ(errno, EADDRINUSE);
+    EXPECT_EQ(second.GetHandle(), -1);
+    EXPECT_TRUE(previous.IsOtherEndClosed());
+
+    EXPECT_EQ(second.Open(1, CNxInetAddr("server.invalid", 0)), -1);
+    EXPECT_EQ(errno, EADDRNOTAVAIL);
+    EXPECT_EQ(second.Open(1, CNxInetAddr(77)), -1);
+    EXPECT_EQ(second.Open(1, CNxInetAddr(AF_UNIX)), -1);
+    EXPECT_EQ(second.GetHandle(), -1);
+}
+
+TEST(CNxSocketTcp, AddressesOfBothEndsMatch) {
+    CNxSocketTcp listener;
+    CNxSocketTcp client;
+    ASSERT_EQ(listener.Open(1, kLoopback), 0);
+    ASSERT_EQ(client.Open(0, kLoopback), 0);
+    ASSERT_EQ(listen(listener.GetHandle(), 1), 0);
+    const CNxInetAddr server = GetLocal(listener);
+    EXPECT_NE(server.GetPort(), 0);
+    EXPECT_STREQ(server.GetHostAddr(), "127.0.0.1");
+    ASSERT_EQ(connect(client.GetHandle(), server.GetPtr(), sizeof(sockaddr_in)), 0);
+    CNxSocketBase accepted;
+    accepted.SetHandle(accept4(listener.GetHandle(), nullptr, nullptr, SOCK_CLOEXEC));
+
+    CNxInetAddr remote("server.invalid", 1);
+    EXPECT_EQ(client.GetRemoteAddr(remote), 0);
+    EXPECT_TRUE(remote.IsResolved());
+    EXPECT_EQ(remote, server);
+    CNxInetAddr wide(AF_INET6);
+    EXPECT_EQ(accepted.GetRemoteAddr(wide), 0);
+    EXPECT_EQ(wide, GetLocal(client)) << "an IPv6 address takes an IPv4 answer";
+}
+
+TEST(CNxSocketTcp, BindsIPv6) {
+    CNxSocketTcp socket;
+    if (socket.Open(1, CNxInetAddr("::1", 0)) != 0) {
+        GTEST_SKIP() << "no IPv6 loopback: " << std::strerror(errno);
+    }
+    const CNxInetAddr local = GetLocal(socket);
+    EXPECT_EQ(local.GetType(), AF_INET6);
+    EXPECT_EQ(local.GetSize(), 28);
+    EXPECT_EQ(local, CNxInetAddr("::1", local.GetPort()));
+}
+
+TEST(CNxSocketBase, FailedAddressQueryLeavesTheAddress) {
+    CNxSocketTcp socket;
+    CNxInetAddr address("server.invalid", 7);
+    EXPECT_EQ(socket.GetLocalAddr(address), -1);
+    EXPECT_EQ(errno, EBADF);
+    ASSERT_EQ(socket.Open(0, kLoopback), 0);
+    EXPECT_EQ(socket.GetRemoteAddr(address), -1);
+    EXPECT_EQ(errno, ENOTCONN);
+    EXPECT_EQ(address, CNxInetAddr("server.invalid", 7));
+    EXPECT_FALSE(address.IsResolved());
+
+    CNxInetAddr untyped(0);
+    EXPECT_EQ(socket.GetLocalAddr(untyped), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(untyped.GetType(), 0);
+}
+
+TEST(CNxSocketBase, AnswersOfOtherFamiliesAreHarmless) {
+    CNxSocketBase socket;
+    ASSERT_EQ(socket.Open(AF_UNIX, SOCK_STREAM, 0, 1), 0);
+    sockaddr_un name = {};
+    name.sun_family = AF_UNIX;
+    // Abstract, so that no file is left; longer than an address stores.
+    const std::string text = "nxbase-test-" + std::to_string(getpid()) + std::string(60, 'n');
+    text.copy(name.sun_path + 1, sizeof name.sun_path - 1);
+    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + text.size());
+    ASSERT_EQ(bind(socket.GetHandle(), reinterpret_cast<sockaddr*>(&name), size), 0);
+
+    CNxInetAddr address("1.2.3.4:5");
+    EXPECT_EQ(socket.GetLocalAddr(address), 0);
+    EXPECT_EQ(address.GetType(), AF_UNIX);
+    EXPECT_EQ(address.GetSize(), static_cast<int>(size));
+    EXPECT_EQ(address.GetPtr(), nullptr);
+    EXPECT_EQ(address, CNxInetAddr(address));
+    EXPECT_EQ(address.GetIpDisplayName().GetRawData(), "");
+}
+
+TEST_F(CNxSocketUdpTest, GathersPiecesIntoOneDatagram) {
+    char ab[] = "ab";
+    char cde[] = "cde";
+    const iovec pieces[] = {{ab, 2}, {nullptr, 0}, {cde, 3}};
+    EXPECT_EQ(m_sender.SendVTo(pieces, 3, m_peer), 5);
+    EXPECT_EQ(Receive(), "abcde");
+    EXPECT_EQ(m_sender.SendVTo(pieces, 1, m_peer), 2);
+    EXPECT_EQ(Receive(), "ab");
+
+    // Around the size up to which nothing is allocated, and the largest that IPv4 carries.
+    for (size_t total : {2047U, 2048U, 2049U, 65507U}) {
+        std::string head(1000, 'h');
+        std::string tail(total - head.size(), 't');
+        const iovec parts[] = {{&head[0], head.size()}, {&tail[0], tail.size()}};
+        EXPECT_EQ(m_sender.SendVTo(parts, 2, m_peer), static_cast<long>(total));
+        EXPECT_EQ(Receive(), head + tail);
+    }
+
+    ASSERT_EQ(connect(m_sender.GetHandle(), m_peer.GetPtr(), sizeof(sockaddr_in)), 0);
+    EXPECT_EQ(m_sender.SendVTo(pieces, 3, CNxInetAddr(0)), 5);
+    EXPECT_EQ(Receive(), "abcde");
+}
+
+TEST_F(CNxSocketUdpTest, WhatIsNoDatagramIsRefused) {
+    char bytes[] = "ab";
+    const iovec empty[] = {{bytes, 0}, {nullptr, 0}};
+    EXPECT_EQ(m_sender.SendVTo(empty, 2, m_peer), 10001);
+    EXPECT_EQ(m_sender.SendVTo(empty, 0, m_peer), 10001);
+    EXPECT_EQ(m_sender.SendVTo(nullptr, 0, m_peer), 10001);
+
+    const iovec missing[] = {{bytes, 2}, {nullptr, 1}};
+    const iovec overflowing[] = {{bytes, 2}, {bytes, SIZE_MAX - 1}};
+    const iovec huge[] = {{bytes, 2}, {bytes, size_t{8} << 30}};
+    ExpectSendFails(nullptr, 1, m_peer, EFAULT);
+    ExpectSendFails(missing, 2, m_peer, EFAULT);
+    ExpectSendFails(overflowing, 2, m_peer, EMSGSIZE);
+    ExpectSendFails(huge, 2, m_peer, EMSGSIZE);
+    ExpectSendFails(missing, 1, CNxInetAddr("server.invalid", 1), EADDRNOTAVAIL);
+    m_sender.Close();
+    ExpectSendFails(missing, 1, m_peer, EBADF);
+}
+
+TEST_F(CNxSocketUdpTest, OpenBindsWithoutSharingThePort) {
+    EXPECT_NE(fcntl(m_sender.GetHandle(), F_GETFD) & FD_CLOEXEC, 0);
+    errno = 0;
+    EXPECT_EQ(m_sender.Open(m_peer), -1);
+    EXPECT_EQ(errno, EADDRINUSE);
+    EXPECT_EQ(m_sender.GetHandle(), -1);
+    EXPECT_EQ(m_sender.Open(CNxInetAddr("server.invalid", 0)), -1);
+    EXPECT_EQ(errno, EADDRNOTAVAIL);
+}

@@ -1,0 +1,278 @@
+// The registry and the main thread in this process; every way of ending a process in processes of
+// their own.
+#include <gtest/gtest.h>
+#include <nx/foundation/CNxCleanUpBase.h>
+#include <nx/foundation/CNxReferenceControl.h>
+#include <nx/reactor/INxReactor.h>
+#include <nx/thread/CNxSignalStop.h>
+#include <nx/thread/CNxThreadDummy.h>
+#include <nx/thread/CNxThreadHeartBeat.h>
+#include <nx/thread/CNxThreadManager.h>
+#include <nx/thread/CNxThreadTask.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "../support/CountedEvent.h"
+
+namespace {
+
+constexpr auto c_normal = INxEventQueue::PRIORITY_NORMAL;
+constexpr auto c_joinable = CNxThreadManager::FLAG_JOINABLE;
+
+CNxThreadManager* Manager() {
+    return CNxThreadManager::Instance();
+}
+
+class IdleThread : public CNxThread {
+public:
+    void OnThreadRun() override {}
+};
+
+TEST(ThreadManager, RegistryHoldsEachTypeOnce) {
+    IdleThread first;
+    IdleThread second;
+    EXPECT_EQ(Manager()->RegisterThread(nullptr), NX_ERROR_INVALID_ARG);
+    EXPECT_EQ(Manager()->UnregisterThread(nullptr), NX_ERROR_INVALID_ARG);
+    EXPECT_EQ(Manager()->UnregisterThread(&first), NX_ERROR_NOT_FOUND);
+    EXPECT_EQ(Manager()->GetThreadEventQueue(7), nullptr);
+    EXPECT_EQ(first.CreateNotRun(NX_THREAD_NETWORK, c_joinable), NX_OK);
+    EXPECT_EQ(Manager()->RegisterThread(&first), NX_ERROR_FOUND);
+    EXPECT_EQ(second.CreateNotRun(NX_THREAD_NETWORK, c_joinable), NX_ERROR_FAILURE);
+    EXPECT_EQ(Manager()->RegisterThread(&second), NX_ERROR_FOUND);
+    EXPECT_TRUE(CNxThreadManager::IsEqualCurrentThread(CNxThreadManager::GetNetworkThreadModule()));
+    EXPECT_FALSE(CNxThreadManager::IsEqualCurrentThread(7));
+    EXPECT_EQ(Manager()->MainThreadDetachRun(&first), NX_ERROR_FAILURE);
+    EXPECT_EQ(Manager()->MainThreadDetachRun(nullptr), NX_ERROR_FAILURE);
+}
+
+TEST(ThreadManager, UserTypesAreHandedOutOnce) {
+    EXPECT_EQ(Manager()->GetAndIncreamUserType(), NX_THREAD_USER);
+    std::vector<std::vector<int>> seen(4);
+    std::vector<std::thread> threads;
+    for (std::vector<int>& mine : seen) {
+        threads.emplace_back([&mine] {
+            for (int i = 0; i < 1000; ++i) {
+                mine.push_back(Manager()->GetAndIncreamUserType());
+            }
+        });
+    }
+    std::set<int> all;
+    for (size_t i = 0; i < threads.size(); ++i) {
+        threads[i].join();
+        all.insert(seen[i].begin(), seen[i].end());
+    }
+    EXPECT_EQ(all.size(), 4000u);
+    EXPECT_EQ(*all.rbegin(), NX_THREAD_USER + 4000);
+}
+
+TEST(ThreadManager, MainThreadIsTheCallerAndSignalsAreBlocked) {
+    ASSERT_EQ(Manager()->InitMainThread(0, nullptr), NX_OK);
+    EXPECT_EQ(Manager()->InitMainThread(0, nullptr), NX_ERROR_ALREADY_INITIALIZED);
+    CNxThread* const mainThread = Manager()->GetThread(NX_THREAD_MAIN);
+    ASSERT_NE(mainThread, nullptr);
+    EXPECT_EQ(Manager()->GetThread(NX_THREAD_CALLING), mainThread);
+    EXPECT_TRUE(CNxThreadManager::IsEqualCurrentThread(NX_THREAD_MAIN));
+    sigset_t blocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    EXPECT_EQ(sigismember(&blocked, SIGRTMIN), 1);
+    EXPECT_EQ(sigismember(&blocked, SIGIO), 1);
+    EXPECT_EQ(Manager()->DisableSignal(SIGUSR1), NX_OK);
+    EXPECT_EQ(Manager()->DisableSignal(-1), NX_ERROR_FAILURE);
+
+    CNxThread* worker = nullptr;
+    ASSERT_EQ(Manager()->CreateUserTaskThread(worker, c_joinable, 0), NX_OK);
+    NxResult fromWorker = NX_OK;
+    EventCounts counts;
+    worker->GetEventQueue()->SendEvent(new CountedEvent(counts, [&] {
+        fromWorker = Manager()->StopAllThreads(nullptr);
+        return Manager()->JoinAllThreads();
+    }));
+    EXPECT_EQ(fromWorker, NX_ERROR_FAILURE);
+    EXPECT_EQ(worker->GetEventQueue()->SendEvent(new CountedEvent(counts)), NX_OK);
+    // What the main thread's loop drains is its own queue.
+    mainThread->GetEventQueue()->PostEvent(
+        new CountedEvent(counts, [&] { return mainThread->Stop(nullptr); }), c_normal);
+    mainThread->OnThreadRun();
+    EXPECT_EQ(Manager()->StopAllThreads(nullptr), NX_OK);
+    EXPECT_EQ(Manager()->JoinAllThreads(), NX_OK);
+    EXPECT_EQ(Manager()->JoinAllThreads(), NX_OK);
+    EXPECT_EQ(worker->Join(), NX_ERROR_FAILURE);
+    EXPECT_EQ(counts.m_fired, 3);
+    worker->Destory(0);
+    mainThread->Destory(0);
+}
+
+TEST(ThreadManager, DetachedMainLoopOwnsTheMainQueue) {
+    ASSERT_EQ(Manager()->InitMainThread(0, nullptr), NX_OK);
+    CNxThread* const mainThread = Manager()->GetThread(NX_THREAD_MAIN);
+    ASSERT_EQ(Manager()->MainThreadDetachRun(mainThread), NX_OK);
+    EXPECT_FALSE(CNxThreadManager::IsEqualCurrentThread(NX_THREAD_MAIN));
+    EventCounts counts;
+    // Only a send to oneself that runs inline comes back.
+    const auto sendToItself = [&] {
+        return mainThread->GetEventQueue()->SendEvent(
+            new CountedEvent(counts, [] { return NX_ERROR_FOUND; }));
+    };
+    EXPECT_EQ(mainThread->GetEventQueue()->SendEvent(new CountedEvent(counts, sendToItself)),
+              NX_ERROR_FOUND);
+    EXPECT_EQ(mainThread->Stop(nullptr), NX_OK);
+}
+
+TEST(ThreadManager, NetworkThreadOwnsItsReactorWhateverBecomesOfIt) {
+    CNxThread* network = nullptr;
+    EXPECT_EQ(Manager()->CreateNetworkThread(NX_THREAD_NETWORK, nullptr, network),
+              NX_ERROR_INVALID_ARG);
+    ASSERT_EQ(Manager()->CreateNetworkThread(NX_THREAD_NETWORK,
+                                             CNxThreadManager::CreateNetworkReactor(), network),
+              NX_OK);
+    CNxThread* second = nullptr;
+    EXPECT_EQ(Manager()->CreateReactorThread(NX_THREAD_NETWORK,
+                                             CNxThreadManager::CreateNetworkReactor(), second),
+              NX_ERROR_FAILURE);
+    EXPECT_EQ(second, nullptr);
+    INxReactor* const reactor = Manager()->GetThreadReactor(NX_THREAD_NETWORK);
+    EXPECT_EQ(Manager()->GetThreadEventQueue(NX_THREAD_NETWORK), reactor);
+    EXPECT_EQ(Manager()->GetThreadTimerQueue(NX_THREAD_NETWORK), reactor);
+    EXPECT_EQ(network->Stop(nullptr), NX_OK);
+    EXPECT_EQ(network->Join(), NX_OK);
+    network->Destory(0);
+}
+
+class ProcessEnd : public ::testing::Test {
+protected:
+    // Each body runs in a fresh process; a hang is ended by the time limit of the test.
+    void SetUp() override { ::testing::GTEST_FLAG(death_test_style) = "threadsafe"; }
+};
+
+CNxThread* StartWorker(CNxThreadManager::TFlag flags = c_joinable) {
+    CNxThread* worker = nullptr;
+    Manager()->CreateUserTaskThread(worker, flags, 1);
+    return worker;
+}
+
+class SayGoodbye : public CNxCleanUpBase {
+public:
+    ~SayGoodbye() override { std::fputs("cleaned up", stderr); }
+};
+
+TEST_F(ProcessEnd, ForgottenThreadsAreStoppedAndJoined) {
+    const auto body = [] {
+        Manager()->InitMainThread(0, nullptr);
+        CNxThread* out = nullptr;
+        Manager()->CreateNetworkThread(NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(),
+                                       out);
+        CNxThread* const worker = StartWorker();
+        StartWorker(CNxThreadManager::FLAG_DETACHED);
+        (new CNxThreadDummy)->Init(worker, Manager()->GetAndIncreamUserType());
+        auto* const heart = new CNxThreadHeartBeat;
+        heart->CreateNotRun(Manager()->GetAndIncreamUserType(), c_joinable);
+        heart->OnThreadInit();
+        new SayGoodbye;
+        std::exit(3);
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(3), "cleaned up");
+}
+
+TEST_F(ProcessEnd, WorkerThatWaitsForTheMainThreadDoesNotKeepTheProcess) {
+    const auto body = [] {
+        static EventCounts counts;
+        Manager()->InitMainThread(0, nullptr);
+        INxEventQueue* const mainQueue = Manager()->GetThreadEventQueue(NX_THREAD_MAIN);
+        StartWorker()->GetEventQueue()->PostEvent(
+            new CountedEvent(counts,
+                             [=] { return mainQueue->SendEvent(new CountedEvent(counts)); }),
+            c_normal);
+        while (mainQueue->GetPendingEventsCount() == 0) {
+            std::this_thread::yield();
+        }
+        std::exit(0);
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+}
+
+class EndlessThread : public CNxThread {
+public:
+    void OnThreadRun() override {
+        while (Manager()->GetThread(NX_THREAD_CALLING) != nullptr) {
+            std::this_thread::yield();
+        }
+    }
+};
+
+TEST_F(ProcessEnd, ThreadThatCannotBeStoppedDoesNotKeepTheProcess) {
+    const auto body = [] {
+        Manager()->InitMainThread(0, nullptr);
+        (new EndlessThread)->Create(Manager()->GetAndIncreamUserType(), c_joinable);
+        std::exit(0);
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(ProcessEnd, ExitOnAnotherThreadLeavesRunningThreadsAlone) {
+    for (const bool detachedMain : {false, true}) {
+        const auto body = [detachedMain] {
+            static EventCounts counts;
+            Manager()->InitMainThread(0, nullptr);
+            CNxThread* const mainThread = Manager()->GetThread(NX_THREAD_MAIN);
+            StartWorker();
+            if (detachedMain) {
+                Manager()->MainThreadDetachRun(mainThread);
+                std::exit(0);
+            }
+            StartWorker()->GetEventQueue()->PostEvent(
+                new CountedEvent(counts, []() -> NxResult { std::exit(0); }), c_normal);
+            mainThread->OnThreadRun();
+        };
+        EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "") << "detached main " << detachedMain;
+    }
+}
+
+class StaticCounted : public CNxReferenceControlT<CNxMutexThread> {};
+
+TEST_F(ProcessEnd, CountedObjectsOutliveTheManager) {
+    const auto body = [] {
+        // Made before the manager, so destroyed after it.
+        static struct Holder {
+            ~Holder() {
+                m_object->AddReference();
+                m_object->ReleaseReference();
+                m_object->ReleaseReference();
+            }
+            StaticCounted* m_object = nullptr;
+        } holder;
+        holder.m_object = new StaticCounted;
+        holder.m_object->AddReference();
+        Manager()->InitMainThread(0, nullptr);
+        std::exit(0);
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(ProcessEnd, SignalStopLaunchedOnTheNetworkThreadEndsTheMainLoop) {
+    const auto body = [] {
+        static EventCounts counts;
+        Manager()->InitMainThread(0, nullptr);
+        if (CNxSignalStop::Instance()->Launch(0) != NX_ERROR_FAILURE) {
+            std::exit(1);
+        }
+        CNxThread* network = nullptr;
+        Manager()->CreateNetworkThread(NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(),
+                                       network);
+        // Not the network thread: nothing is posted.
+        if (CNxSignalStop::Instance()->Launch(0) != NX_OK) {
+            std::exit(2);
+        }
+        network->GetEventQueue()->PostEvent(
+            new CountedEvent(counts, [] { return CNxSignalStop::Instance()->Launch(0); }),
+            c_normal);
+        Manager()->GetThread(NX_THREAD_MAIN)->OnThreadRun();
+        std::exit(Manager()->StopAllThreads(nullptr) == NX_OK ? 0 : 3);
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
