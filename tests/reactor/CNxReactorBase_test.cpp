@@ -212,6 +212,8 @@ TEST_F(ReactorBase, ClosedReactorRefusesEventsAndTimersUntilItIsOpenedAgain) {
     EXPECT_EQ(m_reactor.SendEvent(new CountedEvent(counts, [] { return NX_ERROR_FOUND; })),
               NX_ERROR_FOUND);
     EXPECT_EQ(m_reactor.ProcessTimerTick(), NX_OK);
+    EXPECT_EQ(Dispatch(-1, NX_MASK_EVENT_QUEUE), NX_OK);
+    EXPECT_TRUE(counts.AllDestroyed());
 }
 
 // The table written out as the rules say: what a descriptor is registered with, and what each

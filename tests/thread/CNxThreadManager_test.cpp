@@ -50,7 +50,8 @@ TEST(ThreadManager, RegistryHoldsEachTypeOnce) {
 }
 
 TEST(ThreadManager, UserTypesAreHandedOutOnce) {
-    EXPECT_EQ(Manager()->GetAndIncreamUserType(), NX_THREAD_USER);
+    const int first = Manager()->GetAndIncreamUserType();
+    EXPECT_GE(first, NX_THREAD_USER);
     std::vector<std::vector<int>> seen(4);
     std::vector<std::thread> threads;
     for (std::vector<int>& mine : seen) {
@@ -66,7 +67,8 @@ TEST(ThreadManager, UserTypesAreHandedOutOnce) {
         all.insert(seen[i].begin(), seen[i].end());
     }
     EXPECT_EQ(all.size(), 4000u);
-    EXPECT_EQ(*all.rbegin(), NX_THREAD_USER + 4000);
+    EXPECT_EQ(*all.begin(), first + 1);
+    EXPECT_EQ(*all.rbegin(), first + 4000);
 }
 
 TEST(ThreadManager, MainThreadIsTheCallerAndSignalsAreBlocked) {
@@ -192,6 +194,11 @@ TEST_F(ProcessEnd, WorkerThatWaitsForTheMainThreadDoesNotKeepTheProcess) {
         std::exit(0);
     };
     EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(ProcessEnd, FirstUserTypeIs4097) {
+    EXPECT_EXIT(std::exit(Manager()->GetAndIncreamUserType() == 4097 ? 0 : 1),
+                ::testing::ExitedWithCode(0), "");
 }
 
 class EndlessThread : public CNxThread {

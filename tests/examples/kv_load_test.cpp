@@ -1,0 +1,480 @@
+#include <gtest/gtest.h>
+#include <kv_load/CallEvent.h>
+#include <kv_load/LatencyHistogram.h>
+#include <kv_load/LoadClient.h>
+#include <kv_load/Options.h>
+#include <kv_load/Pipeline.h>
+#include <kv_load/Summary.h>
+#include <kv_load/Workload.h>
+#include <nx/net/CNxInetAddr.h>
+#include <nx/net/CNxSocket.h>
+#include <nx/thread/CNxThread.h>
+#include <nx/thread/CNxThreadManager.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <future>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using namespace kv_load;
+
+TEST(LatencyHistogramTest, SmallValuesAreExactAndRanksRoundUp) {
+    LatencyHistogram histogram;
+    EXPECT_EQ(0U, histogram.GetQuantile(500));
+    EXPECT_EQ(0U, histogram.GetMax());
+    for (int i = 1; i <= 100; ++i) {
+        histogram.Record(i);
+    }
+    EXPECT_EQ(1U, histogram.GetQuantile(0));
+    EXPECT_EQ(1U, histogram.GetQuantile(10));
+    EXPECT_EQ(2U, histogram.GetQuantile(11));
+    EXPECT_EQ(50U, histogram.GetQuantile(500));
+    EXPECT_EQ(99U, histogram.GetQuantile(990));
+    EXPECT_EQ(100U, histogram.GetQuantile(999));
+    EXPECT_EQ(100U, histogram.GetQuantile(1000));
+}
+
+TEST(LatencyHistogramTest, EveryValueIsToldAtMostOne128thTooHigh) {
+    std::vector<std::int64_t> values{127, 128, 255, 256, 257, 511, 512, 1023, INT64_MAX - 1};
+    for (int shift = 8; shift < 63; ++shift) {
+        const std::int64_t power = std::int64_t{1} << shift;
+        values.insert(values.end(), {power - 1, power, power + power / 3});
+    }
+    for (const std::int64_t value : values) {
+        LatencyHistogram histogram;
+        histogram.Record(value);
+        histogram.Record(INT64_MAX);
+        const std::uint64_t told = histogram.GetQuantile(500);
+        const auto exact = static_cast<std::uint64_t>(value);
+        EXPECT_GE(told, exact);
+        EXPECT_LE(told - exact, exact / 128);
+    }
+}
+
+TEST(LatencyHistogramTest, QuantilesFollowASortedList) {
+    std::mt19937_64 random(7);
+    std::vector<std::uint64_t> model;
+    LatencyHistogram histogram;
+    for (int i = 0; i < 12345; ++i) {
+        const std::uint64_t value = random() >> (24 + random() % 40);
+        model.push_back(value);
+        histogram.Record(static_cast<std::int64_t>(value));
+    }
+    std::sort(model.begin(), model.end());
+    EXPECT_EQ(model.size(), histogram.GetCount());
+    EXPECT_EQ(model.back(), histogram.GetMax());
+    for (const unsigned perMille : {1U, 250U, 500U, 990U, 999U, 1000U}) {
+        const std::uint64_t exact = model[(model.size() * perMille + 999) / 1000 - 1];
+        const std::uint64_t told = histogram.GetQuantile(perMille);
+        EXPECT_GE(told, exact) << perMille;
+        EXPECT_LE(told, exact + exact / 128) << perMille;
+    }
+}
+
+// A clock that went back must not become a latency of centuries.
+TEST(LatencyHistogramTest, NegativeDurationCountsAsZero) {
+    LatencyHistogram histogram;
+    histogram.Record(-5);
+    EXPECT_EQ(1U, histogram.GetCount());
+    EXPECT_EQ(0U, histogram.GetMax());
+}
+
+std::string Parse(std::vector<const char*> arguments, Options& options) {
+    arguments.insert(arguments.begin(), "kv_load");
+    return ParseOptions(static_cast<int>(arguments.size()), arguments.data(), options);
+}
+
+TEST(OptionsTest, TakesBothFormsAndKeepsTheDefaults) {
+    Options options;
+    EXPECT_EQ("",
+              Parse({"--port", "7000", "--value-size=0", "--host=::1", "--port=7001"}, options));
+    EXPECT_EQ(7001U, options.port);
+    EXPECT_EQ(0U, options.valueSize);
+    EXPECT_EQ("::1", options.host);
+    EXPECT_EQ(16U, options.pipeline);
+    EXPECT_EQ("", Parse({"--help"}, options));
+    EXPECT_TRUE(options.help);
+}
+
+TEST(OptionsTest, SaysWhatIsWrong) {
+    const std::vector<std::pair<std::vector<const char*>, std::string>> cases = {
+        {{}, "--port is missing"},
+        {{"--port"}, "--port needs a value"},
+        {{"--port", "0"}, "--port takes a number from 1 to 65535, not '0'"},
+        {{"--port=65536"}, "--port takes a number from 1 to 65535, not '65536'"},
+        {{"--requests=-1"}, "not '-1'"},
+        {{"--requests=99999999999999999999999"}, "--requests takes a number"},
+        {{"--pipeline", "1x"}, "not '1x'"},
+        {{"--pipeline="}, "not ''"},
+        {{"--prot", "1"}, "unknown option '--prot'"},
+        {{"7000"}, "unknown option '7000'"},
+        {{"--port=1", "--host=localhost"}, "not 'localhost'"},
+        {{"--port=1", "--keys=9", "--connections=10"}, "--keys must be at least --connections"},
+    };
+    for (const auto& [arguments, expected] : cases) {
+        Options options;
+        const std::string error = Parse(arguments, options);
+        EXPECT_NE(std::string::npos, error.find(expected)) << error << " / " << expected;
+    }
+}
+
+// A small server of the right kind, without the network: answers requests of the protocol from
+// their bytes alone.
+class ModelServer {
+public:
+    // Takes the complete requests off the front.
+    std::string Answer(std::string& requests) {
+        std::string replies;
+        std::vector<std::string> arguments;
+        while (Take(requests, arguments)) {
+            replies += Execute(arguments);
+        }
+        return replies;
+    }
+
+    // How often each command came.
+    std::map<std::string, int> m_commands;
+
+private:
+    static bool Take(std::string& requests, std::vector<std::string>& arguments) {
+        std::size_t at = 0;
+        std::size_t size = 0;
+        if (!TakeNumber(requests, '*', at, size)) {
+            return false;
+        }
+        arguments.resize(size);
+        for (std::string& argument : arguments) {
+            if (!TakeNumber(requests, '$', at, size) || requests.size() < at + size + 2) {
+                return false;
+            }
+            argument = requests.substr(at, size);
+            EXPECT_EQ("\r\n", requests.substr(at + size, 2));
+            at += size + 2;
+        }
+        requests.erase(0, at);
+        return true;
+    }
+
+    static bool TakeNumber(const std::string& bytes, char type, std::size_t& at, std::size_t& out) {
+        const std::size_t end = bytes.find("\r\n", at);
+        if (end == std::string::npos) {
+            return false;
+        }
+        EXPECT_EQ(type, bytes[at]);
+        out = std::stoul(bytes.substr(at + 1, end));
+        at = end + 2;
+        return true;
+    }
+
+    std::string Execute(const std::vector<std::string>& arguments) {
+        ++m_commands[arguments.at(0)];
+        if (arguments[0] == "SET") {
+            m_values[arguments.at(1)] = arguments.at(2);
+            return "+OK\r\n";
+        }
+        if (arguments[0] == "INCR") {
+            return ":" + std::to_string(++m_counters[arguments.at(1)]) + "\r\n";
+        }
+        if (arguments[0] == "PING") {
+            return "+PONG\r\n";
+        }
+        EXPECT_EQ("GET", arguments[0]);
+        const auto found = m_values.find(arguments.at(1));
+        if (found == m_values.end()) {
+            return "$-1\r\n";
+        }
+        return "$" + std::to_string(found->second.size()) + "\r\n" + found->second + "\r\n";
+    }
+
+    std::map<std::string, std::string> m_values;
+    std::map<std::string, int> m_counters;
+};
+
+struct PipelineTest : testing::Test {
+    static constexpr std::size_t c_depth = 16;
+
+    // Fills the pipeline; the bytes of the new requests.
+    std::string Fill(Pipeline& pipeline, std::int64_t sentAt) const {
+        std::string requests;
+        std::vector<char> bytes(m_workload.GetMaxRequestSize());
+        while (!pipeline.IsFull()) {
+            requests.append(bytes.data(), pipeline.WriteNext(bytes.data()));
+        }
+        pipeline.MarkSent(sentAt);
+        return requests;
+    }
+
+    std::string FillAndAnswer(std::int64_t sentAt) {
+        std::string requests = Fill(m_pipeline, sentAt);
+        return m_server.Answer(requests);
+    }
+
+    Workload m_workload{"load:test:", 40, 10, 21};
+    Pipeline m_pipeline{m_workload, c_depth};
+    ModelServer m_server;
+    LatencyHistogram m_latency;
+};
+
+TEST_F(PipelineTest, RightRepliesPassHoweverTheyAreCut) {
+    std::mt19937 random(11);
+    std::string replies;
+    for (std::int64_t turn = 0; turn < 400; ++turn) {
+        replies += FillAndAnswer(turn);
+        // All but a part of the last replies comes before the next requests.
+        while (replies.size() > 30) {
+            const std::size_t part = 1 + random() % 40 % replies.size();
+            ASSERT_TRUE(m_pipeline.Check(replies.data(), part, turn + 2, m_latency))
+                << m_pipeline.DescribeMismatch();
+            replies.erase(0, part);
+        }
+    }
+    ASSERT_TRUE(m_pipeline.Check(replies.data(), replies.size(), 402, m_latency));
+    EXPECT_TRUE(m_pipeline.IsEmpty());
+    EXPECT_GE(m_latency.GetQuantile(0), 2U);
+    EXPECT_LE(m_latency.GetMax(), 4U);
+    std::uint64_t sum = 0;
+    for (const char* command : {"SET", "GET", "INCR", "PING"}) {
+        EXPECT_GT(m_server.m_commands[command], 20) << command;
+        sum += static_cast<std::uint64_t>(m_server.m_commands[command]);
+    }
+    EXPECT_EQ(sum, m_latency.GetCount());
+}
+
+TEST_F(PipelineTest, EveryWrongByteIsFound) {
+    // On to a state with values to read.
+    for (int turn = 0; turn < 3; ++turn) {
+        const std::string replies = FillAndAnswer(0);
+        ASSERT_TRUE(m_pipeline.Check(replies.data(), replies.size(), 0, m_latency));
+    }
+    const Workload workload = m_workload;
+    const std::string replies = FillAndAnswer(0);
+    for (std::size_t wrong = 0; wrong < replies.size(); ++wrong) {
+        Workload again = workload;
+        Pipeline pipeline(again, c_depth);
+        Fill(pipeline, 0);
+        std::string bytes = replies;
+        bytes[wrong] = static_cast<char>(bytes[wrong] ^ 1);
+        const std::size_t cut = wrong / 2;
+        ASSERT_TRUE(pipeline.Check(bytes.data(), cut, 0, m_latency));
+        ASSERT_FALSE(pipeline.Check(bytes.data() + cut, bytes.size() - cut, 0, m_latency)) << wrong;
+        EXPECT_NE("", pipeline.DescribeMismatch());
+    }
+}
+
+TEST_F(PipelineTest, AMismatchIsDescribedForPeople) {
+    Workload workload("load:test:", 7, 1, 4);
+    Pipeline pipeline(workload, 1);
+    std::vector<char> bytes(workload.GetMaxRequestSize());
+    const std::string request(bytes.data(), pipeline.WriteNext(bytes.data()));
+    pipeline.MarkSent(0);
+    ASSERT_EQ(0U, request.find("*3\r\n$3\r\nSET\r\n$18\r\nload:test:00000007\r\n$4\r\n"));
+    EXPECT_EQ("1 reply, to SET load:test:00000007", pipeline.DescribeDebt());
+    const std::string came = "+OK\r-ERR \x01\"\r\nmore";
+    EXPECT_FALSE(pipeline.Check(came.data(), came.size(), 0, m_latency));
+    EXPECT_EQ(
+        "wrong reply to SET load:test:00000007 at byte 4: expected \"+OK\\r\\n\", "
+        "came \"+OK\\r-ERR \\x01\\\"\\r\\n\"",
+        pipeline.DescribeMismatch());
+}
+
+TEST_F(PipelineTest, BytesThatNobodyAskedForAreWrong) {
+    std::string replies = FillAndAnswer(0);
+    replies += "+OK\r\n";
+    EXPECT_FALSE(m_pipeline.Check(replies.data(), replies.size(), 0, m_latency));
+    EXPECT_EQ(c_depth, m_latency.GetCount());
+    EXPECT_EQ("bytes that nobody asked for: \"+OK\\r\\n\"", m_pipeline.DescribeMismatch());
+}
+
+TEST(SummaryTest, ExitStatusTellsFailuresFromInterruptions) {
+    Options options;
+    options.requests = 1;
+    LoadProgress progress;
+    EXPECT_EQ(130, GetExitStatus(options, progress, 2));
+    EXPECT_EQ(1, GetExitStatus(options, progress, 0));
+    progress.latency.Record(1);
+    EXPECT_EQ(0, GetExitStatus(options, progress, 0));
+    progress.failed = 1;
+    EXPECT_EQ(1, GetExitStatus(options, progress, 2));
+}
+
+// Serves every connection on a thread of its own; `fault` may change what is answered to what was
+// read in one go, and hangs up by answering false.
+class FaultyServer {
+public:
+    using Fault = std::function<bool(std::string& replies)>;
+
+    explicit FaultyServer(Fault fault) : m_fault(std::move(fault)) {
+        EXPECT_EQ(0, m_listener.Open(0, CNxInetAddr("127.0.0.1", 0)));
+        EXPECT_EQ(0, listen(m_listener.GetHandle(), 64));
+        m_acceptor = std::thread([this] { Accept(); });
+    }
+
+    ~FaultyServer() {
+        shutdown(m_listener.GetHandle(), SHUT_RDWR);
+        m_acceptor.join();
+        for (std::thread& thread : m_threads) {
+            thread.join();
+        }
+    }
+
+    std::uint64_t GetPort() const {
+        CNxInetAddr address;
+        m_listener.GetLocalAddr(address);
+        return address.GetPort();
+    }
+
+private:
+    void Accept() {
+        for (int fd = 0; (fd = accept(m_listener.GetHandle(), nullptr, nullptr)) != -1;) {
+            m_threads.emplace_back([this, fd] { Serve(fd); });
+        }
+    }
+
+    void Serve(int fd) {
+        CNxSocketBase socket;
+        socket.SetHandle(fd);
+        ModelServer model;
+        std::string requests;
+        char bytes[4096];
+        for (ssize_t size = 0; (size = recv(fd, bytes, sizeof(bytes), 0)) > 0;) {
+            requests.append(bytes, static_cast<std::size_t>(size));
+            std::string replies = model.Answer(requests);
+            const bool goOn = m_fault(replies);
+            send(fd, replies.data(), replies.size(), MSG_NOSIGNAL);
+            if (!goOn) {
+                return;
+            }
+        }
+    }
+
+    const Fault m_fault;
+    CNxSocketTcp m_listener;
+    std::thread m_acceptor;
+    std::vector<std::thread> m_threads;
+};
+
+struct LoadClientTest : testing::Test {
+    LoadClientTest() {
+        options.connections = 4;
+        options.requests = 5000;
+        options.keys = 100;
+    }
+
+    // A whole run on a reactor thread; standard error is kept in `messages`.
+    void Run(std::uint64_t port) {
+        options.port = port;
+        CNxThreadManager* const threads = CNxThreadManager::Instance();
+        CNxThread* thread = nullptr;
+        ASSERT_EQ(NX_OK,
+                  threads->CreateReactorThread(threads->GetAndIncreamUserType(),
+                                               CNxThreadManager::CreateNetworkReactor(), thread));
+        testing::internal::CaptureStderr();
+        std::promise<void> ended;
+        LoadClient client(options, *thread->GetReactor(), [&ended] { ended.set_value(); });
+        CallOn(*thread->GetEventQueue(), [&client] { client.Start(); });
+        ended.get_future().wait();
+        CallOn(*thread->GetEventQueue(), [&client] { client.Close(); });
+        thread->Stop(nullptr);
+        thread->Join();
+        thread->Destory(0);
+        messages = testing::internal::GetCapturedStderr();
+        failed = client.GetProgress().failed;
+        answered = client.GetProgress().latency.GetCount();
+        status = GetExitStatus(options, client.GetProgress(), 0);
+    }
+
+    bool HasMessage(const char* text) const { return messages.find(text) != std::string::npos; }
+
+    Options options;
+    std::string messages;
+    std::uint64_t failed = 0;
+    std::uint64_t answered = 0;
+    int status = -1;
+};
+
+TEST_F(LoadClientTest, AnswersOfARightServerPass) {
+    FaultyServer server([](std::string&) { return true; });
+    Run(server.GetPort());
+    EXPECT_EQ(0, status) << messages;
+    EXPECT_EQ(5000U, answered);
+}
+
+// Requests and replies that fill the socket buffers both ways.
+TEST_F(LoadClientTest, ValuesLargerThanEveryBufferPass) {
+    options.valueSize = 3 << 20;
+    options.requests = 32;
+    options.keys = 4;
+    FaultyServer server([](std::string&) { return true; });
+    Run(server.GetPort());
+    EXPECT_EQ(0, status) << messages;
+    EXPECT_EQ(32U, answered);
+}
+
+TEST_F(LoadClientTest, AWrongReplyCostsOneConnectionAndTheOthersGoOn) {
+    std::atomic<int> left{100};
+    FaultyServer server([&left](std::string& replies) {
+        if (--left == 0) {
+            replies.replace(0, 1, "-ERR ");
+        }
+        return true;
+    });
+    Run(server.GetPort());
+    EXPECT_EQ(1, status);
+    EXPECT_EQ(1U, failed);
+    EXPECT_TRUE(HasMessage("wrong reply to ")) << messages;
+    EXPECT_TRUE(HasMessage("came \"-ERR ")) << messages;
+    EXPECT_GE(answered, options.requests - options.pipeline);
+}
+
+TEST_F(LoadClientTest, AConnectionThatEndsInTheMiddleOfAReplyIsLost) {
+    std::atomic<int> left{20};
+    FaultyServer server([&left](std::string& replies) {
+        if (--left > 0) {
+            return true;
+        }
+        replies.resize(replies.size() - std::min<std::size_t>(replies.size(), 3));
+        return false;
+    });
+    Run(server.GetPort());
+    EXPECT_EQ(1, status);
+    EXPECT_EQ(4U, failed);
+    EXPECT_TRUE(HasMessage("lost: ")) << messages;
+}
+
+TEST_F(LoadClientTest, ASilentServerIsStalled) {
+    options.stallTimeout = 1;
+    FaultyServer server([](std::string& replies) {
+        replies.clear();
+        return true;
+    });
+    Run(server.GetPort());
+    EXPECT_EQ(1, status);
+    EXPECT_EQ(4U, failed);
+    EXPECT_TRUE(HasMessage("stalled, no sign of life for 1 s; the server owes 16 replies"))
+        << messages;
+}
+
+TEST_F(LoadClientTest, ARefusedConnectIsReportedFirstFewOnly) {
+    CNxSocketTcp unheard;
+    CNxInetAddr address("127.0.0.1", 0);
+    ASSERT_EQ(0, unheard.Open(0, address));
+    ASSERT_EQ(0, unheard.GetLocalAddr(address));
+    options.connections = 40;
+    Run(address.GetPort());
+    EXPECT_EQ(1, status);
+    EXPECT_EQ(40U, failed);
+    EXPECT_EQ(5, std::count(messages.begin(), messages.end(), '\n'));
+    EXPECT_TRUE(HasMessage("connection 0: cannot connect to 127.0.0.1:")) << messages;
+}
+
+}  // namespace
