@@ -1,5 +1,5 @@
 #include <gtest/gtest.h>
-#include <kv_load/CallEvent.h>
+#include <common/CallEvent.h>
 #include <kv_load/LatencyHistogram.h>
 #include <kv_load/LoadClient.h>
 #include <kv_load/Options.h>
@@ -26,6 +26,7 @@
 
 namespace {
 
+using namespace examples;
 using namespace kv_load;
 
 TEST(LatencyHistogramTest, SmallValuesAreExactAndRanksRoundUp) {

@@ -1,0 +1,155 @@
+#include <kv_load/Clock.h>
+#include <kv_load/LoadClient.h>
+#include <nx/foundation/CNxTimeValue.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <utility>
+
+namespace kv_load {
+
+namespace {
+
+constexpr std::int64_t c_tickUsec = 200000;
+// Below the usual backlog of a listening socket.
+constexpr std::size_t c_connectsAtOnce = 100;
+constexpr std::uint64_t c_failuresShown = 5;
+
+// "load:" and eight characters that no other run has.
+std::string MakeKeyPrefix() {
+    const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+    auto id = static_cast<std::uint64_t>(sinceEpoch.count()) ^
+              (static_cast<std::uint64_t>(getpid()) << 32);
+    std::string prefix = "load:";
+    for (int i = 0; i < 8; ++i, id /= 36) {
+        prefix += "0123456789abcdefghijklmnopqrstuvwxyz"[id % 36];
+    }
+    return prefix + ":";
+}
+
+// A short run shall keep all connections busy, too.
+std::size_t GetPipelineDepth(const Options& options) {
+    const std::uint64_t share = (options.requests - 1) / options.connections + 1;
+    return std::min(options.pipeline, share);
+}
+
+}  // namespace
+
+LoadClient::LoadClient(const Options& options, INxReactor& reactor, std::function<void()> onEnd)
+    : m_options(options),
+      m_reactor(reactor),
+      m_onEnd(std::move(onEnd)),
+      m_printer(options.requests),
+      m_setup{CNxInetAddr(options.host.c_str(), static_cast<unsigned short>(options.port)),
+              GetPipelineDepth(options),
+              static_cast<std::int64_t>(options.connectTimeout) * c_nsPerSecond,
+              static_cast<std::int64_t>(options.stallTimeout) * c_nsPerSecond,
+              reactor,
+              m_progress,
+              *this} {
+    m_progress.toIssue = options.requests;
+    const std::string prefix = MakeKeyPrefix();
+    for (std::uint64_t i = 0; i < options.connections; ++i) {
+        const std::uint64_t firstKey = options.keys * i / options.connections;
+        const std::uint64_t endKey = options.keys * (i + 1) / options.connections;
+        Workload workload(prefix, static_cast<std::uint32_t>(firstKey),
+                          static_cast<std::uint32_t>(endKey - firstKey), options.valueSize);
+        m_connections.push_back(std::make_unique<Connection>(i, m_setup, std::move(workload)));
+    }
+}
+
+void LoadClient::Start() {
+    m_reactor.ScheduleTimer(this, nullptr, CNxTimeValue(0, c_tickUsec), 0);
+    OpenMore();
+}
+
+void LoadClient::Close() {
+    m_printer.Clear();
+    m_reactor.CancelTimer(this);
+    for (const auto& connection : m_connections) {
+        connection->Close();
+    }
+    if (m_progress.endedAt == 0) {
+        m_progress.endedAt = NowNs();
+    }
+}
+
+void LoadClient::OpenMore() {
+    if (m_opening) {
+        return;
+    }
+    m_opening = true;
+    while (m_connecting < c_connectsAtOnce && m_opened < m_connections.size()) {
+        ++m_connecting;
+        m_connections[m_opened++]->Open();
+    }
+    m_opening = false;
+    if (m_connecting == 0) {
+        StartLoad();
+    }
+}
+
+void LoadClient::StartLoad() {
+    m_started = true;
+    m_progress.startedAt = NowNs();
+    m_printer.StartRunning(m_progress.startedAt);
+    // Held while they start, so that one that is done at once does not end the run.
+    ++m_connected;
+    for (const auto& connection : m_connections) {
+        connection->Start();
+    }
+    --m_connected;
+    EndIfNobodyIsLeft();
+}
+
+void LoadClient::OnConnected() {
+    ++m_connected;
+    --m_connecting;
+    OpenMore();
+}
+
+void LoadClient::OnDone() {
+    --m_connected;
+    EndIfNobodyIsLeft();
+}
+
+void LoadClient::OnFailed(const Connection& connection, bool wasConnected, const std::string& why) {
+    if (++m_progress.failed <= c_failuresShown) {
+        m_printer.Clear();
+        std::fprintf(stderr, "kv_load: connection %llu: %s\n",
+                     static_cast<unsigned long long>(connection.GetNumber()), why.c_str());
+    }
+    if (wasConnected) {
+        --m_connected;
+        EndIfNobodyIsLeft();
+    } else {
+        --m_connecting;
+        OpenMore();
+    }
+}
+
+void LoadClient::EndIfNobodyIsLeft() {
+    if (m_started && m_connected == 0 && m_progress.endedAt == 0) {
+        m_progress.endedAt = NowNs();
+        m_onEnd();
+    }
+}
+
+void LoadClient::OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) {
+    const std::int64_t now = NowNs();
+    for (const auto& connection : m_connections) {
+        connection->CheckTimeouts(now);
+    }
+    if (m_progress.endedAt != 0) {
+        return;
+    }
+    if (m_started) {
+        m_printer.ShowRunning(m_progress.latency.GetCount(), now);
+    } else {
+        m_printer.ShowConnecting(m_connected, m_connections.size(), now);
+    }
+}
+
+}  // namespace kv_load

@@ -1,0 +1,34 @@
+// What the command line asks for.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace kv_load {
+
+struct Options {
+    // An IPv4 or IPv6 literal.
+    std::string host = "127.0.0.1";
+    std::uint64_t port = 0;
+    std::uint64_t connections = 50;
+    // Requests that a connection has under way.
+    std::uint64_t pipeline = 16;
+    // Bytes.
+    std::uint64_t valueSize = 32;
+    // Of all connections together.
+    std::uint64_t requests = 100000;
+    std::uint64_t keys = 10000;
+    // Seconds.
+    std::uint64_t connectTimeout = 10;
+    std::uint64_t stallTimeout = 30;
+    bool help = false;
+};
+
+// Reads "--name value" and "--name=value"; the last of several wins. Answers what is wrong, in one
+// line for people, or "" when `options` can be used. With --help nothing else is demanded.
+std::string ParseOptions(int argc, const char* const* argv, Options& options);
+
+// The text of --help.
+std::string GetUsage();
+
+}  // namespace kv_load
