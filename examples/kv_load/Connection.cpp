@@ -1,4 +1,5 @@
-#include <kv_load/Clock.h>
+#include <common/AddressText.h>
+#include <common/Clock.h>
 #include <kv_load/Connection.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -20,15 +21,8 @@ std::size_t GetOutputCapacity(const Workload& workload, std::size_t pipeline) {
     return std::min(pipeline * request, static_cast<std::size_t>(c_outputAim) + request);
 }
 
-std::string ToText(const CNxInetAddr& address) {
-    char host[64];
-    const std::string text = address.GetHostAddr(host, sizeof(host));
-    const bool isV6 = address.GetType() == AF_INET6;
-    return (isV6 ? "[" + text + "]" : text) + ":" + std::to_string(address.GetPort());
-}
-
 std::string ToSeconds(std::int64_t ns) {
-    return std::to_string(ns / c_nsPerSecond) + " s";
+    return std::to_string(ns / examples::c_nsPerSecond) + " s";
 }
 
 std::string DescribeErrno() {
@@ -45,7 +39,7 @@ Connection::Connection(std::uint64_t number, const ConnectionSetup& setup, Workl
       m_output(new char[GetOutputCapacity(m_workload, setup.pipeline)]) {}
 
 void Connection::Open() {
-    m_lastActivity = NowNs();
+    m_lastActivity = examples::NowNs();
     if (!OpenSocket()) {
         FailConnect(DescribeErrno());
         return;
@@ -83,7 +77,7 @@ void Connection::Start() {
         return;
     }
     m_state = EState::RUNNING;
-    m_lastActivity = NowNs();
+    m_lastActivity = examples::NowNs();
     Send();
     FinishIfAllAnswered();
 }
@@ -142,7 +136,7 @@ bool Connection::Receive() {
             return ReceiveFailed(received);
         }
         const auto count = static_cast<std::size_t>(received);
-        m_lastActivity = NowNs();
+        m_lastActivity = examples::NowNs();
         if (!m_pipeline.Check(buffer, count, m_lastActivity, m_setup.progress.latency)) {
             Fail(m_pipeline.DescribeMismatch());
             return false;
@@ -175,7 +169,7 @@ void Connection::Send() {
             WaitForRoom(false);
             return;
         }
-        m_lastActivity = NowNs();
+        m_lastActivity = examples::NowNs();
         m_pipeline.MarkSent(m_lastActivity);
         const ssize_t sent = send(GetHandle(), m_output.get() + m_outputSent,
                                   m_outputEnd - m_outputSent, MSG_NOSIGNAL);
@@ -234,7 +228,7 @@ void Connection::Fail(const std::string& why) {
 }
 
 void Connection::FailConnect(const std::string& why) {
-    Fail("cannot connect to " + ToText(m_setup.server) + ": " + why);
+    Fail("cannot connect to " + examples::ToText(m_setup.server) + ": " + why);
 }
 
 void Connection::FailLost(const std::string& why) {

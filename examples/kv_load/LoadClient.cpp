@@ -1,4 +1,4 @@
-#include <kv_load/Clock.h>
+#include <common/Clock.h>
 #include <kv_load/LoadClient.h>
 #include <nx/foundation/CNxTimeValue.h>
 #include <unistd.h>
@@ -44,8 +44,8 @@ LoadClient::LoadClient(const Options& options, INxReactor& reactor, std::functio
       m_printer(options.requests),
       m_setup{CNxInetAddr(options.host.c_str(), static_cast<unsigned short>(options.port)),
               GetPipelineDepth(options),
-              static_cast<std::int64_t>(options.connectTimeout) * c_nsPerSecond,
-              static_cast<std::int64_t>(options.stallTimeout) * c_nsPerSecond,
+              static_cast<std::int64_t>(options.connectTimeout) * examples::c_nsPerSecond,
+              static_cast<std::int64_t>(options.stallTimeout) * examples::c_nsPerSecond,
               reactor,
               m_progress,
               *this} {
@@ -72,7 +72,7 @@ void LoadClient::Close() {
         connection->Close();
     }
     if (m_progress.endedAt == 0) {
-        m_progress.endedAt = NowNs();
+        m_progress.endedAt = examples::NowNs();
     }
 }
 
@@ -93,7 +93,7 @@ void LoadClient::OpenMore() {
 
 void LoadClient::StartLoad() {
     m_started = true;
-    m_progress.startedAt = NowNs();
+    m_progress.startedAt = examples::NowNs();
     m_printer.StartRunning(m_progress.startedAt);
     // Held while they start, so that one that is done at once does not end the run.
     ++m_connected;
@@ -132,13 +132,13 @@ void LoadClient::OnFailed(const Connection& connection, bool wasConnected, const
 
 void LoadClient::EndIfNobodyIsLeft() {
     if (m_started && m_connected == 0 && m_progress.endedAt == 0) {
-        m_progress.endedAt = NowNs();
+        m_progress.endedAt = examples::NowNs();
         m_onEnd();
     }
 }
 
 void LoadClient::OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) {
-    const std::int64_t now = NowNs();
+    const std::int64_t now = examples::NowNs();
     for (const auto& connection : m_connections) {
         connection->CheckTimeouts(now);
     }

@@ -1,4 +1,4 @@
-#include <kv_load/Clock.h>
+#include <common/Clock.h>
 #include <kv_load/ProgressPrinter.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -20,14 +20,17 @@ std::size_t GetTerminalWidth() {
 }
 
 std::uint64_t GetRate(std::uint64_t count, std::int64_t durationNs) {
-    const double seconds = static_cast<double>(durationNs) / static_cast<double>(c_nsPerSecond);
+    const double seconds =
+        static_cast<double>(durationNs) / static_cast<double>(examples::c_nsPerSecond);
     return seconds > 0 ? static_cast<std::uint64_t>(static_cast<double>(count) / seconds) : 0;
 }
 
 }  // namespace
 
 ProgressPrinter::ProgressPrinter(std::uint64_t requests)
-    : m_requests(requests), m_terminal(isatty(STDOUT_FILENO) == 1), m_lastPrintedAt(NowNs()) {}
+    : m_requests(requests),
+      m_terminal(isatty(STDOUT_FILENO) == 1),
+      m_lastPrintedAt(examples::NowNs()) {}
 
 void ProgressPrinter::ShowConnecting(std::uint64_t connected, std::uint64_t connections,
                                      std::int64_t now) {
@@ -58,7 +61,7 @@ void ProgressPrinter::Clear() {
 
 bool ProgressPrinter::IsDue(std::int64_t now) {
     // A little less than a second, for the calls do not come to the nanosecond.
-    constexpr std::int64_t c_betweenLines = c_nsPerSecond / 10 * 9;
+    constexpr std::int64_t c_betweenLines = examples::c_nsPerSecond / 10 * 9;
     if (!m_terminal && now - m_lastPrintedAt < c_betweenLines) {
         return false;
     }

@@ -1,4 +1,4 @@
-#include <kv_load/Clock.h>
+#include <common/Clock.h>
 #include <kv_load/Summary.h>
 
 #include <cstdio>
@@ -31,7 +31,8 @@ void PrintSummary(const Options& options, const LoadProgress& progress, int sign
     const unsigned long long count = latency.GetCount();
     const std::int64_t duration =
         progress.startedAt != 0 ? progress.endedAt - progress.startedAt : 0;
-    const double seconds = static_cast<double>(duration) / static_cast<double>(c_nsPerSecond);
+    const double seconds =
+        static_cast<double>(duration) / static_cast<double>(examples::c_nsPerSecond);
     std::printf("requests    %llu of %llu\n", count,
                 static_cast<unsigned long long>(options.requests));
     std::printf("connections %llu, pipeline %llu, value size %llu\n",

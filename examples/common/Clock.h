@@ -4,7 +4,7 @@
 #include <chrono>
 #include <cstdint>
 
-namespace kv_load {
+namespace examples {
 
 constexpr std::int64_t c_nsPerSecond = 1000000000;
 
@@ -14,4 +14,4 @@ inline std::int64_t NowNs() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(sinceStart).count();
 }
 
-}  // namespace kv_load
+}  // namespace examples

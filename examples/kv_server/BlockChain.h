@@ -1,0 +1,50 @@
+// A stream of bytes in message blocks: written at the back, sent and dropped at the front.
+#pragma once
+
+#include <nx/buffer/CNxMessageBlock.h>
+
+#include <cstddef>
+#include <memory>
+#include <string_view>
+
+namespace kv_server {
+
+struct DestroyChain {
+    void operator()(CNxMessageBlock* head) const { head->DestroyChained(); }
+};
+using ChainPtr = std::unique_ptr<CNxMessageBlock, DestroyChain>;
+
+// A new block with room for at least `capacity` bytes. Throws std::bad_alloc.
+ChainPtr MakeBlock(std::size_t capacity);
+
+// Owns its blocks. Belongs to one thread at a time. What writes throws std::bad_alloc.
+class BlockChain {
+public:
+    BlockChain() = default;
+    BlockChain(BlockChain&& other) noexcept { Append(std::move(other)); }
+    BlockChain& operator=(BlockChain&&) = delete;
+
+    std::size_t GetSize() const { return m_size; }
+    bool IsEmpty() const { return m_size == 0; }
+
+    // Copies the bytes behind what is there.
+    void Write(std::string_view bytes);
+
+    // Appends the whole of the data block without copying it; takes a reference of its own.
+    void Share(CNxDataBlock* data);
+
+    // Takes over the blocks of the other, which is empty afterwards.
+    void Append(BlockChain&& other) noexcept;
+
+    // One sendmsg(2) of as much as it takes, without SIGPIPE; drops what was sent. Its result.
+    long SendTo(int socket);
+
+private:
+    void Link(ChainPtr block);
+
+    ChainPtr m_head;
+    CNxMessageBlock* m_tail = nullptr;
+    std::size_t m_size = 0;
+};
+
+}  // namespace kv_server

@@ -1,0 +1,74 @@
+// The commands: what they are called, what they take, and what they do to the store.
+#pragma once
+
+#include <kv_server/Batch.h>
+#include <kv_server/KvStore.h>
+#include <kv_server/ReplyWriter.h>
+#include <kv_server/Stats.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kv_server {
+
+// Belongs to the store's thread; the store and the numbers outlive it.
+class CommandRunner {
+public:
+    CommandRunner(KvStore& store, const Stats& stats) : m_store(store), m_stats(stats) {}
+
+    // Runs the commands of the batch in their order, writes a reply for each, and, behind the last,
+    // the error of the input. Stops early when c_maxWaiting bytes of replies have come together:
+    // the batch then still has commands, to be run when the client has taken these.
+    void Run(Batch& batch);
+
+private:
+    using Arguments = std::vector<std::string_view>;
+    struct Command {
+        std::string_view name;
+        std::size_t minArguments;  // with the name
+        std::size_t maxArguments;
+        void (CommandRunner::*run)(ReplyWriter& reply);
+    };
+    struct SetOptions {
+        std::int64_t expiresAt = 0;  // 0 for never
+        bool onlyNew = false;
+        bool onlyOld = false;
+    };
+    static const Command s_commands[];
+
+    static const Command* FindCommand(std::string_view name);
+    void RunOne(ReplyWriter& reply);
+
+    void Ping(ReplyWriter& reply);
+    void Echo(ReplyWriter& reply);
+    void Set(ReplyWriter& reply);
+    void Get(ReplyWriter& reply);
+    void Del(ReplyWriter& reply);
+    void Exists(ReplyWriter& reply);
+    void Incr(ReplyWriter& reply) { Add(1, reply); }
+    void Decr(ReplyWriter& reply) { Add(-1, reply); }
+    void Expire(ReplyWriter& reply);
+    void Ttl(ReplyWriter& reply);
+    void Keys(ReplyWriter& reply);
+    void DbSize(ReplyWriter& reply);
+    void FlushAll(ReplyWriter& reply);
+    void Info(ReplyWriter& reply);
+    void DescribeCommands(ReplyWriter& reply);
+    void Config(ReplyWriter& reply);
+    void Quit(ReplyWriter& reply);
+
+    void Add(long change, ReplyWriter& reply);
+    const char* ReadSetOptions(SetOptions& options) const;
+    const char* ReadExpiry(std::string_view number, std::int64_t unit, SetOptions& options) const;
+
+    KvStore& m_store;
+    const Stats& m_stats;
+    Arguments m_arguments;  // of the current command, its name first
+    std::uint64_t m_processed = 0;
+    bool m_quit = false;
+};
+
+}  // namespace kv_server
