@@ -1,5 +1,5 @@
-#include <gtest/gtest.h>
 #include <common/CallEvent.h>
+#include <gtest/gtest.h>
 #include <kv_load/LatencyHistogram.h>
 #include <kv_load/LoadClient.h>
 #include <kv_load/Options.h>

@@ -1,0 +1,255 @@
+// The whole kv_server over real sockets.
+#include <gtest/gtest.h>
+#include <kv_server/Limits.h>
+#include <sys/resource.h>
+#include <tests/support/ServerProcess.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using kv_server::c_maxWaiting;
+
+class KvServer : public testing::Test {
+protected:
+    explicit KvServer(std::vector<std::string> options = {}) : m_server(KV_SERVER, With(options)) {}
+
+    static std::vector<std::string> With(std::vector<std::string> options) {
+        options.insert(options.end(), {"--port", "0"});
+        return options;
+    }
+
+    TestClient Connect(int receiveBuffer = 0) const {
+        return TestClient(m_server.GetPort(), receiveBuffer);
+    }
+
+    // The server closes a moment after the client: asked again until it is right.
+    void ExpectDescriptors(long expected) const {
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (m_server.CountDescriptors() != expected &&
+               std::chrono::steady_clock::now() < limit) {
+            std::this_thread::yield();
+        }
+        EXPECT_EQ(expected, m_server.CountDescriptors());
+    }
+
+    void ExpectCleanStop() {
+        m_server.Signal(SIGTERM);
+        EXPECT_EQ(0, m_server.Wait());
+    }
+
+    ServerProcess m_server;
+};
+
+std::string ToBulk(const std::string& bytes) {
+    return "$" + std::to_string(bytes.size()) + "\r\n" + bytes + "\r\n";
+}
+
+std::string ToSet(const std::string& key, const std::string& value) {
+    return "*3\r\n$3\r\nSET\r\n" + ToBulk(key) + ToBulk(value);
+}
+
+TEST_F(KvServer, AThousandClientsGetTheirOwnBytes) {
+    const long before = m_server.CountDescriptors();
+    {
+        std::vector<TestClient> clients;
+        for (int i = 0; i < 1000; ++i) {
+            clients.push_back(Connect());
+        }
+        std::vector<std::string> requests;
+        std::vector<std::string> answers;
+        for (int i = 0; i < 1000; ++i) {
+            const std::string key = "key" + std::to_string(i);
+            const std::string value(static_cast<size_t>(i * 7), static_cast<char>('a' + i % 26));
+            requests.push_back(ToSet(key, value) + "GET " + key + "\r\nINCR n" + key + "\r\nECHO " +
+                               key + "\r\n");
+            answers.push_back("+OK\r\n" + ToBulk(value) + ":1\r\n" + ToBulk(key));
+        }
+        // Everybody sends one half before anybody sends the other.
+        for (size_t i = 0; i < clients.size(); ++i) {
+            clients[i].Send(requests[i].substr(0, i % requests[i].size()));
+        }
+        for (size_t i = 0; i < clients.size(); ++i) {
+            clients[i].Send(requests[i].substr(i % requests[i].size()));
+        }
+        for (size_t i = 0; i < clients.size(); ++i) {
+            ASSERT_EQ(answers[i], clients[i].Receive(answers[i].size())) << i;
+        }
+        ExpectDescriptors(before + 1000);
+    }
+    ExpectDescriptors(before);
+    Connect().Expect("DBSIZE\r\n", ":2000\r\n");
+    ExpectCleanStop();
+}
+
+TEST_F(KvServer, ErrorsOfTheProtocolComeBehindTheRepliesAndEndTheConnection) {
+    const TestClient other = Connect();
+    for (const std::string bad : {"*1\r\n$99999999\r\n", "*2000\r\n", "*1\r\n!\r\n"}) {
+        const TestClient client = Connect();
+        // What comes behind the error is in nobody's way, much as it may be.
+        client.Send("PING\r\nECHO x\r\n" + bad + std::string(200000, 'z'));
+        const std::string all = client.ReceiveAll();
+        EXPECT_EQ("+PONG\r\n$1\r\nx\r\n-ERR Protocol error: ", all.substr(0, 35)) << bad;
+        EXPECT_EQ(all.size() - 1, all.find('\n', 35));
+        other.Expect("PING\r\n", "+PONG\r\n");
+    }
+    const TestClient leaving = Connect();
+    leaving.Send("QUIT\r\nPING\r\n");
+    EXPECT_EQ("+OK\r\n", leaving.ReceiveAll());
+}
+
+TEST_F(KvServer, AHalfClosedClientGetsAllItsReplies) {
+    const TestClient client = Connect();
+    client.Send("PING\r\nPING\r\nPIN");
+    client.EndSending();
+    EXPECT_EQ("+PONG\r\n+PONG\r\n", client.ReceiveAll());
+}
+
+TEST_F(KvServer, AClientThatDoesNotReadIsNotReadFromAndDisturbsNobody) {
+    const std::string value(1 << 20, 'v');
+    const TestClient other = Connect();
+    other.Expect(ToSet("big", value), "+OK\r\n");
+    TestClient lazy = Connect(65536);
+    // Until the server takes no more: it must not go on for ever.
+    const std::string request = "GET big\r\n";
+    size_t asked = 0;
+    pollfd room{lazy.GetHandle(), POLLOUT, 0};
+    while (poll(&room, 1, 500) == 1) {
+        if (send(lazy.GetHandle(), request.data(), request.size(), MSG_DONTWAIT | MSG_NOSIGNAL) !=
+            static_cast<ssize_t>(request.size())) {
+            break;
+        }
+        ++asked;
+    }
+    for (int i = 0; i < 1000; ++i) {
+        other.Expect("PING\r\n", "+PONG\r\n");
+    }
+    const std::string answer = ToBulk(value);
+    for (size_t i = 0; i < std::min<size_t>(asked, 100); ++i) {
+        ASSERT_EQ(answer, lazy.Receive(answer.size())) << i;
+    }
+    lazy.Reset();
+    ExpectCleanStop();
+}
+
+TEST_F(KvServer, ResetClientsLeaveNothingBehind) {
+    const long before = m_server.CountDescriptors();
+    for (int i = 0; i < 300; ++i) {
+        TestClient client = Connect();
+        client.Send(ToSet("key", std::string(10000, 'x')) + "GET key\r\n*2\r\n$1000000\r\nabc");
+        client.Reset();
+    }
+    ExpectDescriptors(before);
+    ExpectCleanStop();
+}
+
+TEST_F(KvServer, KeysExpireUnasked) {
+    const TestClient client = Connect();
+    client.Expect("SET a 1 PX 30\r\nSET b 1 PX 60\r\nSET c 1 EX 100\r\n", "+OK\r\n+OK\r\n+OK\r\n");
+    // DBSIZE removes nothing by itself.
+    std::string size;
+    do {
+        client.Send("DBSIZE\r\n");
+        size = client.Receive(4);
+    } while (size == ":3\r\n" || size == ":2\r\n");
+    EXPECT_EQ(":1\r\n", size);
+    client.Expect("GET b\r\nTTL c\r\n", "$-1\r\n:100\r\n");
+}
+
+TEST_F(KvServer, SigtermAnswersWhatHasArrived) {
+    constexpr int c_commands = 5000;
+    std::vector<TestClient> clients;
+    std::string requests;
+    std::string answers;
+    for (int i = 0; i < c_commands; ++i) {
+        requests += "INCR n\r\n";
+    }
+    for (int i = 0; i < 50; ++i) {
+        clients.push_back(Connect());
+        clients.back().Expect("PING\r\n", "+PONG\r\n");
+    }
+    for (const TestClient& client : clients) {
+        client.Send(requests);
+    }
+    m_server.Signal(SIGTERM);
+    for (const TestClient& client : clients) {
+        const std::string all = client.ReceiveAll();
+        EXPECT_EQ(c_commands, std::count(all.begin(), all.end(), '\n'));
+    }
+    EXPECT_EQ(0, m_server.Wait());
+}
+
+TEST_F(KvServer, RunsOutOfDescriptorsAndRecovers) {
+    const TestClient first = Connect();
+    first.Expect("PING\r\n", "+PONG\r\n");
+    const auto open = static_cast<rlim_t>(m_server.CountDescriptors());
+    const rlimit tight{open + 5, open + 5};
+    ASSERT_EQ(0, prlimit(m_server.GetPid(), RLIMIT_NOFILE, &tight, nullptr));
+    std::vector<TestClient> clients;
+    int served = 0;
+    for (int i = 0; i < 20; ++i) {
+        clients.push_back(Connect());
+        send(clients.back().GetHandle(), "PING\r\n", 6, MSG_NOSIGNAL);
+        served += clients.back().Receive(7) == "+PONG\r\n" ? 1 : 0;
+    }
+    EXPECT_GE(served, 4);
+    EXPECT_LE(served, 6);
+    clients.clear();
+    ExpectDescriptors(static_cast<long>(open));
+    Connect().Expect("PING\r\n", "+PONG\r\n");
+    first.Expect("PING\r\n", "+PONG\r\n");
+    ExpectCleanStop();
+}
+
+class KvServerForTwo : public KvServer {
+protected:
+    KvServerForTwo() : KvServer({"--max-clients", "2", "--idle-timeout=1"}) {}
+};
+
+TEST_F(KvServerForTwo, TheThirdIsToldAndAPlaceBecomesFree) {
+    const TestClient first = Connect();
+    {
+        const TestClient second = Connect();
+        first.Expect("PING\r\n", "+PONG\r\n");
+        second.Expect("PING\r\n", "+PONG\r\n");
+        const TestClient third = Connect();
+        third.Send("PING\r\n");
+        EXPECT_EQ("-ERR max number of clients reached\r\n", third.ReceiveAll());
+    }
+    std::string answer;
+    while (answer != "+PONG\r\n") {
+        const TestClient next = Connect();
+        next.Send("PING\r\n");
+        answer = next.Receive(7);
+    }
+    ExpectCleanStop();
+}
+
+TEST_F(KvServerForTwo, OnlyASilentClientIsHungUpOn) {
+    const TestClient silent = Connect();
+    const TestClient talking = Connect();
+    pollfd end{silent.GetHandle(), POLLIN, 0};
+    while (poll(&end, 1, 20) == 0) {
+        talking.Expect("PING\r\n", "+PONG\r\n");
+    }
+    EXPECT_EQ("", silent.Receive(1));
+    talking.Expect("PING\r\n", "+PONG\r\n");
+    ExpectCleanStop();
+}
+
+TEST(KvServerProgram, SaysWhatIsWrongWithItsOptions) {
+    const auto run = [](const std::string& options) {
+        return WEXITSTATUS(std::system((KV_SERVER " " + options + " >/dev/null 2>&1").c_str()));
+    };
+    EXPECT_EQ(0, run("--help"));
+    EXPECT_EQ(2, run("--port 65536"));
+    EXPECT_EQ(2, run("--port"));
+    EXPECT_EQ(2, run("--bind localhost"));
+    EXPECT_EQ(2, run("--nonsense 1"));
+    EXPECT_EQ(1, run("--bind 203.0.113.1 --port 0"));
+}
+
+}  // namespace

@@ -1,0 +1,297 @@
+// The pieces of kv_server without a network.
+#include <gtest/gtest.h>
+#include <kv_server/CommandRunner.h>
+#include <kv_server/Glob.h>
+#include <kv_server/KvStore.h>
+#include <kv_server/Limits.h>
+#include <kv_server/RequestReader.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using namespace kv_server;
+
+using Words = std::vector<std::string>;
+
+std::string TakeText(BlockChain& chain) {
+    int ends[2];
+    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends));
+    std::string text(chain.GetSize(), '\0');
+    for (size_t got = 0; got < text.size();) {
+        chain.SendTo(ends[0]);
+        got += static_cast<size_t>(read(ends[1], text.data() + got, text.size() - got));
+    }
+    EXPECT_TRUE(chain.IsEmpty());
+    close(ends[0]);
+    close(ends[1]);
+    return text;
+}
+
+// What a reader makes of input that comes in pieces of that size.
+struct Read {
+    std::vector<Words> commands;
+    std::string error;
+};
+
+Read ReadInPieces(std::string_view input, size_t pieceSize) {
+    Read read;
+    RequestReader reader;
+    Batch batch;
+    for (size_t begin = 0; begin < input.size(); begin += pieceSize) {
+        reader.Take(input.substr(begin, pieceSize), batch);
+        size_t argument = 0;
+        for (const size_t end : batch.commands.ends) {
+            Words words;
+            for (; argument < end; ++argument) {
+                const auto& slice = batch.commands.arguments[argument];
+                words.emplace_back(batch.bytes->GetReadPtr() + slice.offset, slice.size);
+            }
+            read.commands.push_back(words);
+        }
+        batch.commands.Clear();
+    }
+    read.error = batch.error;
+    return read;
+}
+
+std::string ToRequest(const Words& words) {
+    std::string request = "*" + std::to_string(words.size()) + "\r\n";
+    for (const std::string& word : words) {
+        request += "$" + std::to_string(word.size()) + "\r\n" + word + "\r\n";
+    }
+    return request;
+}
+
+TEST(KvRequestReader, CommandsSurviveEveryCut) {
+    const std::string bytes("\0\r\n$5\r\n*1\xFF", 11);
+    const std::vector<Words> expected{
+        {"PING"}, {"SET", "key", bytes},   {"GET", ""},
+        {"a"},    {"b c", "d", "e\"", ""}, {"x", std::string(9000, 'v')}};
+    std::string input;
+    input += ToRequest(expected[0]) + "*0\r\n\r\n" + ToRequest(expected[1]);
+    input += "*-1\r\n" + ToRequest(expected[2]) + "  a \n" + "'b c' d\te\" \"\"\r\n";
+    input += ToRequest(expected[5]);
+    for (size_t size = 1; size < 300; ++size) {
+        const Read read = ReadInPieces(input, size);
+        ASSERT_EQ(expected, read.commands) << size;
+        ASSERT_EQ("", read.error) << size;
+    }
+    EXPECT_EQ(expected, ReadInPieces(input, input.size()).commands);
+}
+
+TEST(KvRequestReader, MalformedInputIsNamedBehindWhatWasRight) {
+    const std::string good = ToRequest({"PING"});
+    const std::pair<std::string, std::string> cases[] = {
+        {"*x\r\n", "invalid multibulk length"},
+        {"*1 \r\n", "invalid multibulk length"},
+        {"*\r\n", "invalid multibulk length"},
+        {"*1025\r\n", "invalid multibulk length"},
+        {"*99999999999999999999\r\n", "invalid multibulk length"},
+        {"*" + std::string(64, '1'), "too big mbulk count string"},
+        {"*1\r\n:1\r\n", "expected '$', got ':'"},
+        {"*1\r\n$-1\r\n", "invalid bulk length"},
+        {"*1\r\n$16777217\r\n", "invalid bulk length"},
+        {"*1\r\n$" + std::string(64, '1'), "too big bulk count string"},
+        {"*1\r\n$4\r\nPINGPING\r\n", "expected CRLF after bulk string"},
+        {"'a'b\r\n", "unbalanced quotes in request"},
+        {"\"a\r\n", "unbalanced quotes in request"},
+        {std::string(c_maxInline + 2, 'a'), "too big inline request"},
+        {[] {
+             std::string line;
+             for (size_t i = 0; i <= c_maxArguments; ++i) {
+                 line += "a ";
+             }
+             return line + "\r\n";
+         }(),
+         "too many arguments"},
+    };
+    for (const auto& [input, error] : cases) {
+        for (const size_t size : {size_t{1}, size_t{7}, input.size() + good.size()}) {
+            const Read read = ReadInPieces(good + input + good, size);
+            EXPECT_EQ(std::vector<Words>{{"PING"}}, read.commands) << error;
+            EXPECT_EQ("Protocol error: " + error, read.error);
+        }
+    }
+}
+
+TEST(KvRequestReader, TheLimitsThemselvesAreAllowed) {
+    const Words most(c_maxArguments, "a");
+    EXPECT_EQ(std::vector<Words>{most}, ReadInPieces(ToRequest(most), 1000).commands);
+    const Words largest{std::string(c_maxBulk, 'x')};
+    EXPECT_EQ(std::vector<Words>{largest}, ReadInPieces(ToRequest(largest), 65536).commands);
+    std::string tooMuch = "*5\r\n";
+    for (int i = 0; i < 4; ++i) {
+        tooMuch += ToRequest(largest).substr(4);
+    }
+    EXPECT_EQ("Protocol error: command too big", ReadInPieces(tooMuch, 1 << 20).error);
+}
+
+TEST(KvGlob, MatchesLikeASlowMatcherAndAnswersHostilePatterns) {
+    const std::pair<const char*, const char*> matches[] = {
+        {"*", ""},        {"", ""},          {"a*c", "abbc"},    {"a?c", "abc"},
+        {"[a-c]x", "bx"}, {"[^a-c]x", "dx"}, {"\\*", "*"},       {"**a**", "bab"},
+        {"[\\]]", "]"},   {"[z-a]", "m"},    {"*.*.c", "a.b.c"}, {"[abc", "b"}};
+    for (const auto& [pattern, text] : matches) {
+        EXPECT_TRUE(MatchesGlob(pattern, text)) << pattern << " " << text;
+    }
+    const std::pair<const char*, const char*> others[] = {
+        {"", "a"},    {"a", ""},       {"a?", "a"}, {"[^a-c]", "b"}, {"[]", "a"},
+        {"\\?", "a"}, {"a*b", "acbd"}, {"?", ""},   {"[a", "b"},     {"\\", "a"}};
+    for (const auto& [pattern, text] : others) {
+        EXPECT_FALSE(MatchesGlob(pattern, text)) << pattern << " " << text;
+    }
+    std::string hostile;
+    for (int i = 0; i < 500; ++i) {
+        hostile += "*a";
+    }
+    EXPECT_FALSE(MatchesGlob(hostile + "b", std::string(5000, 'a')));
+}
+
+// Random operations against a map that knows when each key dies.
+TEST(KvStoreModel, KeysExpireAndOnlyThose) {
+    struct Entry {
+        std::string value;
+        std::int64_t dies;
+    };
+    constexpr std::int64_t c_never = INT64_MAX;
+    KvStore store;
+    std::map<std::string, Entry> model;
+    std::mt19937 random(42);
+    std::int64_t now = 0;
+    for (int i = 0; i < 100000; ++i) {
+        const std::string key = "k" + std::to_string(random() % 50);
+        const auto alive = model.find(key);
+        const bool isAlive = alive != model.end();
+        switch (random() % 8) {
+            case 0:
+            case 1: {
+                const bool keep = random() % 2 == 0;
+                const std::string value(random() % 3 == 0 ? 5000 : 5,
+                                        static_cast<char>('a' + i % 26));
+                store.Set(key, Value(value), keep);
+                model[key] = {value, keep && isAlive ? alive->second.dies : c_never};
+                break;
+            }
+            case 2:
+                ASSERT_EQ(isAlive, store.Delete(key));
+                model.erase(key);
+                break;
+            case 3: {
+                const std::int64_t dies = now + 1 + static_cast<std::int64_t>(random() % 20);
+                ASSERT_EQ(isAlive, store.SetExpiry(key, dies));
+                if (isAlive) {
+                    alive->second.dies = dies;
+                }
+                break;
+            }
+            case 4:
+                now += random() % 3;
+                store.SetTime(now);
+                for (auto at = model.begin(); at != model.end();) {
+                    at = at->second.dies <= now ? model.erase(at) : std::next(at);
+                }
+                break;
+            case 5:
+                store.RemoveExpired(random() % 5);
+                break;
+            default: {
+                const Value* const found = store.Find(key);
+                ASSERT_EQ(isAlive, found != nullptr);
+                if (isAlive) {
+                    ASSERT_EQ(alive->second.value, found->GetBytes());
+                    ASSERT_EQ(alive->second.dies, store.GetExpiry(key).value_or(c_never));
+                }
+            }
+        }
+    }
+    store.RemoveExpired(1000);
+    EXPECT_EQ(model.size(), store.GetSize());
+    EXPECT_EQ(std::count_if(model.begin(), model.end(),
+                            [](const auto& entry) { return entry.second.dies != c_never; }),
+              static_cast<long>(store.GetExpiringCount()));
+}
+
+class KvCommands : public testing::Test {
+protected:
+    std::string Run(std::string_view input) {
+        Batch batch;
+        m_reader.Take(input, batch);
+        m_runner.Run(batch);
+        EXPECT_FALSE(batch.HasCommands());
+        return TakeText(batch.replies);
+    }
+
+    KvStore m_store;
+    Stats m_stats;
+    CommandRunner m_runner{m_store, m_stats};
+    RequestReader m_reader;
+};
+
+TEST_F(KvCommands, AnswerAsTheyShould) {
+    const std::string notANumber = "-ERR value is not an integer or out of range\r\n";
+    const std::pair<std::string, std::string> dialogue[] = {
+        {"ping\r\n", "+PONG\r\n"},
+        {"PING hello\r\n", "$5\r\nhello\r\n"},
+        {"PING a b\r\n", "-ERR wrong number of arguments for 'ping' command\r\n"},
+        {"ECHO \"\"\r\n", "$0\r\n\r\n"},
+        {"GET k\r\n", "$-1\r\n"},
+        {"SET k v\r\nGET k\r\n", "+OK\r\n$1\r\nv\r\n"},
+        {"SET k w NX\r\nGET k\r\n", "$-1\r\n$1\r\nv\r\n"},
+        {"SET n 1 XX\r\nEXISTS n\r\n", "$-1\r\n:0\r\n"},
+        {"SET n 1 nx ex 10\r\nTTL n\r\n", "+OK\r\n:10\r\n"},
+        {"INCR n\r\nTTL n\r\n", ":2\r\n:10\r\n"},
+        {"SET n 5\r\nTTL n\r\n", "+OK\r\n:-1\r\n"},
+        {"TTL nothing\r\n", ":-2\r\n"},
+        {"SET n 1 NX XX\r\n", "-ERR syntax error\r\n"},
+        {"SET n 1 EX 1 PX 1\r\n", "-ERR syntax error\r\n"},
+        {"SET n 1 EX\r\n", "-ERR syntax error\r\n"},
+        {"SET n 1 EX x\r\n", notANumber},
+        {"SET n 1 PX 0\r\n", "-ERR invalid expire time in 'set' command\r\n"},
+        {"SET n 1 EX 9223372036854775807\r\n", "-ERR invalid expire time in 'set' command\r\n"},
+        {"INCR k\r\n", notANumber},
+        {"INCR new\r\nDECR new\r\nDECR new\r\n", ":1\r\n:0\r\n:-1\r\n"},
+        {"SET m 9223372036854775807\r\nINCR m\r\n",
+         "+OK\r\n-ERR increment or decrement would overflow\r\n"},
+        {"EXISTS k n k zz\r\n", ":3\r\n"},
+        {"EXPIRE k 100\r\nTTL k\r\nEXPIRE zz 1\r\n", ":1\r\n:100\r\n:0\r\n"},
+        {"EXPIRE k 9223372036854775807\r\n", "-ERR invalid expire time in 'expire' command\r\n"},
+        {"EXPIRE k -1\r\nEXISTS k\r\n", ":1\r\n:0\r\n"},
+        {"DBSIZE\r\n", ":3\r\n"},
+        {"KEYS n?w\r\n", "*1\r\n$3\r\nnew\r\n"},
+        {"DEL n new m zz\r\nKEYS *\r\n", ":3\r\n*0\r\n"},
+        {"COMMAND\r\nCOMMAND COUNT\r\n", "*0\r\n:17\r\n"},
+        {"CONFIG GET SAVE x\r\n", "*2\r\n$4\r\nsave\r\n$0\r\n\r\n"},
+        {"CONFIG SET save x\r\n", "-ERR unknown subcommand 'SET'\r\n"},
+        {"SET a 1\r\nFLUSHALL\r\nDBSIZE\r\n", "+OK\r\n+OK\r\n:0\r\n"},
+        {"*1\r\n$3\r\nA\nB\r\n", "-ERR unknown command 'A?B'\r\n"},
+        {"*1\r\n$0\r\n\r\n", "-ERR unknown command ''\r\n"},
+    };
+    for (const auto& [request, answer] : dialogue) {
+        EXPECT_EQ(answer, Run(request)) << request;
+    }
+}
+
+TEST_F(KvCommands, RepliesAreBrokenOffWhereTheClientMustReadFirst) {
+    m_store.Set("k", Value(std::string(c_maxWaiting / 2, 'x')));
+    Batch batch;
+    m_reader.Take("GET k\r\nGET k\r\nGET k\r\nQUIT\r\nPING\r\n", batch);
+    m_runner.Run(batch);
+    EXPECT_TRUE(batch.HasCommands());
+    EXPECT_FALSE(batch.quit);
+    const size_t one = c_maxWaiting / 2 + 12;
+    EXPECT_EQ(2 * one, TakeText(batch.replies).size());
+    m_runner.Run(batch);
+    EXPECT_TRUE(batch.quit);
+    EXPECT_EQ(one + 5, TakeText(batch.replies).size());
+}
+
+}  // namespace
