@@ -39,14 +39,16 @@ int Serve(const Options& options, CNxThread& network, CNxThread& store) {
                   [] { CNxSignalStop::Instance()->Launch(SIGTERM); });
     examples::StopSignals signals;
     std::string error;
+    std::string address;
     CallOn(reactor, [&] {
         error = server.Open();
+        address = server.GetAddressText();
         if (error.empty() && !signals.Open(reactor, [&server] { server.Stop(); })) {
             error = "cannot take signals";
         }
     });
     if (error.empty()) {
-        std::printf("kv_server: listening on %s\n", server.GetAddressText().c_str());
+        std::printf("kv_server: listening on %s\n", address.c_str());
         std::fflush(stdout);
         CNxThreadManager::Instance()->GetThread(NX_THREAD_MAIN)->OnThreadRun();
     }
