@@ -25,21 +25,6 @@ private:
 
 }  // namespace
 
-TEST(CNxDataBlock, PayloadIsCopiedAlignedAndFreedWithTheLastReference) {
-    for (unsigned long size : {1UL, 7UL, 64UL, 100000UL}) {
-        const std::string bytes(size, 'x');
-        CNxDataBlock* block = nullptr;
-        ASSERT_EQ(CNxDataBlock::CreateInstance(block, size, bytes.data()), NX_OK);
-        EXPECT_EQ(block->GetSize(), size);
-        EXPECT_EQ(std::memcmp(block->GetData(), bytes.data(), size), 0);
-        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block->GetData()) % alignof(std::max_align_t),
-                  0U);
-        EXPECT_EQ(block->AddReference(), 2);
-        EXPECT_EQ(block->ReleaseReference(), 1);
-        EXPECT_EQ(block->ReleaseReference(), 0);
-    }
-}
-
 TEST(CNxDataBlock, ImpossibleSizesAreRefusedAndLeaveTheOutParameterAlone) {
     char area = 0;
     CNxDataBlock untouched(1, &area);

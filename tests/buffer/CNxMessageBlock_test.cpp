@@ -48,37 +48,6 @@ std::string Flatten(const Block* chain) {
 
 }  // namespace
 
-TEST(CNxMessageBlock, WrapsMemoryOfTheCallerEmptyUntilToldHowMuchIsWritten) {
-    char memory[] = "abcd";
-    Block block(4, memory);
-    EXPECT_EQ(block.GetFlags(), Block::DONT_DELETE);
-    EXPECT_EQ(block.GetDataBlock(), nullptr);
-    EXPECT_EQ(block.GetReadPtr(), memory);
-    EXPECT_EQ(block.GetLength(), 0U);
-    EXPECT_EQ(block.GetSpace(), 4U);
-    EXPECT_EQ(Block(4, memory, 0, 4).GetLength(), 4U);
-    EXPECT_EQ(Block(4, memory, 0, 5).GetLength(), 0U);
-    EXPECT_EQ(Block(4, memory, 0, ULONG_MAX).GetLength(), 0U);
-}
-
-TEST(CNxMessageBlock, FlagsOfTheLibraryAreItsOwnAndAllOthersPassThrough) {
-    const unsigned long other = 0x4 | 0x10000 | (1UL << 63);
-    char memory[4] = {};
-    EXPECT_EQ(Block(4, memory, other | 0xFF01).GetFlags(), other | Block::DONT_DELETE);
-    EXPECT_EQ(Block(4, nullptr, other | 0xFF01).GetFlags(), other);
-
-    const Block own(4, memory, other | Block::MALLOC_AND_COPY | Block::DONT_DELETE);
-    EXPECT_EQ(own.GetFlags(), other);
-    ASSERT_NE(own.GetDataBlock(), nullptr);
-    EXPECT_NE(own.GetReadPtr(), memory);
-    EXPECT_EQ(own.GetCapacity(), 4U);
-
-    const Block shared(own.GetDataBlock(), other | 0xFF03);
-    EXPECT_EQ(shared.GetFlags(), other);
-    EXPECT_EQ(shared.GetReadPtr(), own.GetReadPtr());
-    EXPECT_EQ(shared.GetSpace(), 4U);
-}
-
 TEST(CNxMessageBlock, WithoutStorageEveryOperationIsHarmless) {
     Block impossible(ULONG_MAX, nullptr, 0, ULONG_MAX);
     Block none(nullptr, 0UL);
@@ -116,16 +85,6 @@ TEST(CNxMessageBlock, RewindTakesEveryWritePointerFromTheHead) {
     EXPECT_EQ(head.GetWritePtr(), headBegin);
     EXPECT_EQ(other.GetReadPtr(), otherBegin);
     EXPECT_EQ(other.GetWritePtr(), headBegin);
-}
-
-TEST(CNxMessageBlock, ABlockIsCompactedByReadingItToItsOwnFront) {
-    char memory[] = "0123456789";
-    Block block(10, memory, 0, 10);
-    block.AdvanceChainedReadPtr(3);
-    EXPECT_EQ(block.Read(memory, 7), NX_OK);
-    block.RewindChained();
-    block.AdvanceChainedWritePtr(7);
-    EXPECT_EQ(Flatten(&block), "3456789");
 }
 
 TEST(CNxMessageBlock, ACutTailConsistsOfDuplicatesAndLeavesForeignBlocksToTheirOwners) {

@@ -65,35 +65,4 @@ TEST(CNxTimeUtils, CalendarClampsAndCountsDaysIn32Bits) {
     ExpectConverts((c_day << 32) + 5, 5);
 }
 
-TEST(CNxTimeUtils, CalendarLeavesOtherFieldsAlone) {
-    tm date = {};
-    date.tm_yday = 77;
-    date.tm_isdst = 88;
-    cnx_gmtime(951782400, &date);
-    EXPECT_EQ(date.tm_yday, 77);
-    EXPECT_EQ(date.tm_isdst, 88);
-}
-
-TEST(CNxTimeUtils, CurrentTimeAndDateStringFollowTheSystemClock) {
-    timeval before = {};
-    timeval after = {};
-    CNxString text;
-    tm current = {};
-    int usec = -1;
-    do {
-        ASSERT_EQ(cnx_gettimeofday(&before, nullptr), 0);
-        text = GetGMTTimeString();
-        CurrentTmTime(&current, &usec);
-        ASSERT_EQ(cnx_gettimeofday(&after, nullptr), 0);
-    } while (before.tv_sec != after.tv_sec);
-    tm expected = {};
-    gmtime_r(&before.tv_sec, &expected);
-    char expectedText[64];
-    std::strftime(expectedText, sizeof(expectedText), "%a, %d %b %Y %H:%M:%S GMT", &expected);
-    EXPECT_EQ(text, expectedText);
-    EXPECT_EQ(timegm(&current), before.tv_sec);
-    EXPECT_TRUE(usec >= before.tv_usec && usec <= after.tv_usec);
-    CurrentTmTime(nullptr, nullptr);
-}
-
 }  // namespace

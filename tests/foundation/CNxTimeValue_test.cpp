@@ -88,29 +88,6 @@ TEST(CNxTimeValue, DoublesAreCutOffAndSaturate) {
     ExpectFields(value, 0, 0);
 }
 
-TEST(CNxTimeValue, MillisecondsAreCutOffTowardsZero) {
-    EXPECT_EQ(CNxTimeValue(1, 999999).GetTotalInMsec(), 1999);
-    EXPECT_EQ(CNxTimeValue(-1, -999999).GetTotalInMsec(), -1999);
-    CNxTimeValue value;
-    value.SetByTotalMsec(-1500);
-    ExpectFields(value, -1, -500000);
-    for (long msec : {0L, 999L, -999L, 123456789L, c_max, c_min}) {
-        value.SetByTotalMsec(msec);
-        EXPECT_EQ(value.GetTotalInMsec(), msec);
-    }
-}
-
-TEST(CNxTimeValue, SumsAndDifferencesAreNormalisedAndMayUseOneObjectTwice) {
-    CNxTimeValue value(1, 600000);
-    value += value;
-    ExpectFields(value, 3, 200000);
-    value -= CNxTimeValue(3, 500000);
-    ExpectFields(value, 0, -300000);
-    ExpectFields(value - CNxTimeValue(0, 700000), -1, 0);
-    value -= value;
-    ExpectFields(value, 0, 0);
-}
-
 TEST(CNxTimeValue, LessMeansLaterAndTheOthersAreOrdinary) {
     const CNxTimeValue ordered[] = {
         CNxTimeValue(c_min), CNxTimeValue(-1, -5),   CNxTimeValue(-1), CNxTimeValue(0, -1),

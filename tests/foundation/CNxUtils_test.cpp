@@ -97,14 +97,6 @@ protected:
     }
 };
 
-TEST_F(CNxUtilsEnvironment, ReadsVariables) {
-    EXPECT_EQ(VOS_GetEnv("NX_TEST_HOME"), "/h");
-    EXPECT_EQ(VOS_GetEnv(CNxString("NX_TEST_HOME")), "/h");
-    EXPECT_EQ(VOS_GetEnv("NX_TEST_UNSET"), "");
-    EXPECT_EQ(VOS_GetEnv(CNxString("NX_TEST_HOME\0", 13)), "");
-    EXPECT_EQ(VOS_GetEnv(static_cast<const char*>(nullptr)), "");
-}
-
 TEST_F(CNxUtilsEnvironment, ResolvesReferencesWithTheirSurprises) {
     EXPECT_EQ(Resolve("${NX_TEST_HOME}/x"), "/h/x");
     EXPECT_EQ(Resolve("a/${NX_TEST_HOME}/${NX_TEST_HOME}"), "a//h//h");
@@ -163,29 +155,6 @@ TEST(CNxUtils, RandomStringIsTerminatedOneByteLate) {
         EXPECT_EQ(untouched[2], '#');
     }
     EXPECT_EQ(RandString(nullptr, 4), "");
-}
-
-TEST(CNxUtils, RandomStringsOfOneSecondAreTheSame) {
-    char buffer[18] = {};
-    std::time_t start = 0;
-    CNxString first;
-    CNxString second;
-    do {
-        start = std::time(nullptr);
-        first = RandString(buffer, 16);
-        second = RandString(buffer, 16);
-    } while (std::time(nullptr) != start);
-    EXPECT_EQ(first, second);
-}
-
-TEST(CNxUtils, ClocksAgreeWithTheSystem) {
-    const std::time_t before = std::time(nullptr);
-    const long msec = GetCurrentTimerInMSec();
-    const std::int64_t sec = getCurrentTime();
-    // time(2) may lag behind the other clocks by a tick.
-    const std::time_t after = std::time(nullptr) + 1;
-    EXPECT_TRUE(msec / 1000 >= before && msec / 1000 <= after);
-    EXPECT_TRUE(sec >= before && sec <= after);
 }
 
 }  // namespace

@@ -29,22 +29,6 @@ protected:
     void OnReferenceDestory() override { ++m_returned; }
 };
 
-TEST(CNxReferenceControlT, LastReleaseDestroysOnce) {
-    std::atomic<int> deleted{0};
-    auto* object = new Counted(deleted);
-    EXPECT_EQ(object->AddReference(), 1);
-    EXPECT_EQ(object->AddReference(), 2);
-    EXPECT_EQ(object->ReleaseReference(), 1);
-    EXPECT_EQ(deleted, 0);
-    EXPECT_EQ(object->ReleaseReference(), 0);
-    EXPECT_EQ(deleted, 1);
-
-    Returned returned;
-    returned.AddReference();
-    EXPECT_EQ(returned.ReleaseReference(), 0);
-    EXPECT_EQ(returned.m_returned, 1);
-}
-
 TEST(CNxReferenceControlT, ManyThreadsAgreeOnTheLastRelease) {
     std::atomic<int> deleted{0};
     CNxAutoPtr<Counted> shared(new Counted(deleted));

@@ -15,22 +15,6 @@ void LetOthersWait() {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
 }
 
-TEST(CNxMutexThread, TryLockAnswersBusyAndRecursiveKindCountsItsOwner) {
-    CNxMutexThread plain;
-    ASSERT_EQ(plain.Lock(), NX_OK);
-    EXPECT_EQ(plain.TryLock(), NX_ERROR_FAILURE);
-    EXPECT_EQ(plain.UnLock(), NX_OK);
-
-    CNxMutexThreadRecursive recursive;
-    ASSERT_EQ(recursive.Lock(), NX_OK);
-    ASSERT_EQ(recursive.TryLock(), NX_OK);
-    EXPECT_EQ(recursive.UnLock(), NX_OK);
-    NxResult seenByOther = NX_OK;
-    std::thread([&] { seenByOther = recursive.TryLock(); }).join();
-    EXPECT_EQ(seenByOther, NX_ERROR_FAILURE);
-    EXPECT_EQ(recursive.UnLock(), NX_OK);
-}
-
 // A mutex whose Lock can be made to fail.
 struct FailingMutex {
     NxResult Lock() { return m_result; }
@@ -152,26 +136,6 @@ TEST(CNxEventThread, NoAutomaticSignalIsLostOrDoubledWhenTimeRunsOutMeanwhile) {
         waiter.join();
     }
     EXPECT_EQ(passed.load(), signalled);
-}
-
-TEST(CNxSemaphore, CountsWhatIsPosted) {
-    CNxSemaphore semaphore(1, "ignored", 1);
-    EXPECT_EQ(semaphore.PostN(0), NX_OK);
-    EXPECT_EQ(semaphore.PostN(-1), NX_OK);
-    EXPECT_EQ(semaphore.PostN(3), NX_OK);
-    for (int i = 0; i < 4; ++i) {
-        ASSERT_EQ(semaphore.Lock(), NX_OK);
-    }
-    std::atomic<bool> gotOne{false};
-    std::thread fifth([&] {
-        semaphore.Lock();
-        gotOne = true;
-    });
-    LetOthersWait();
-    EXPECT_FALSE(gotOne.load());
-    semaphore.UnLock();
-    fifth.join();
-    EXPECT_TRUE(gotOne.load());
 }
 
 }  // namespace

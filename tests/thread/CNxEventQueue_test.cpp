@@ -52,38 +52,6 @@ TEST(EventQueue, FiresInPostingOrderWhateverThePriority) {
     EXPECT_TRUE(counts.AllDestroyed());
 }
 
-TEST(EventQueue, PopsUpToTheLimitAndReportsTheRest) {
-    CNxEventQueueUsingMutex queue;
-    EventCounts counts;
-    size_t oldSize = 9;
-    EXPECT_EQ(queue.PostEventWithOldSize(nullptr, c_normal, &oldSize), NX_ERROR_INVALID_ARG);
-    EXPECT_EQ(oldSize, 0u);
-    for (size_t i = 0; i < 5; ++i) {
-        EXPECT_EQ(queue.PostEventWithOldSize(new CountedEvent(counts), c_normal, &oldSize), NX_OK);
-        EXPECT_EQ(oldSize, i);
-    }
-    std::list<INxEvent*> events;
-    size_t remaining = 9;
-    EXPECT_EQ(queue.PopPendingEvents(events, 0, &remaining), NX_OK);
-    EXPECT_EQ(remaining, 5u);
-    EXPECT_EQ(queue.PopPendingEvents(events, 2, &remaining), NX_OK);
-    EXPECT_EQ(remaining, 3u);
-    queue.ProcessEvents(events);
-    INxEvent* one = nullptr;
-    EXPECT_EQ(queue.PopOnePendingEvent(one, &remaining), NX_OK);
-    EXPECT_EQ(remaining, 2u);
-    EXPECT_EQ(queue.ProcessOneEvent(one), NX_OK);
-    EXPECT_EQ(queue.ProcessOneEvent(nullptr), NX_ERROR_INVALID_ARG);
-    events.clear();
-    EXPECT_EQ(queue.PopPendingEvents(events, 2, &remaining), NX_OK);
-    EXPECT_EQ(remaining, 0u);
-    events.push_front(nullptr);
-    EXPECT_EQ(queue.ProcessEvents(events), NX_OK);
-    EXPECT_EQ(queue.PopOnePendingEvent(one, &remaining), NX_ERROR_NOT_FOUND);
-    EXPECT_EQ(counts.m_fired, 5);
-    EXPECT_TRUE(counts.AllDestroyed());
-}
-
 TEST(EventQueue, StoppedQueueDestroysWhatItRefuses) {
     LastEventQueue queue;
     EventCounts counts;
@@ -99,36 +67,6 @@ TEST(EventQueue, StoppedQueueDestroysWhatItRefuses) {
     EXPECT_EQ(counts.m_fired, 0);
     EXPECT_TRUE(counts.AllDestroyed());
     EXPECT_EQ(queue.SendEvent(nullptr), NX_ERROR_INVALID_ARG);
-}
-
-TEST(EventQueue, DestructionDestroysInOrderWithoutFiring) {
-    EventCounts counts;
-    std::string order;
-    {
-        CNxEventQueueUsingConditionVariable queue;
-        for (const char name : {'a', 'b', 'c'}) {
-            queue.PostEvent(new CountedEvent(counts, nullptr, [&order, name] { order += name; }),
-                            c_normal);
-        }
-    }
-    EXPECT_EQ(order, "abc");
-    EXPECT_EQ(counts.m_fired, 0);
-}
-
-TEST(EventQueue, SendOnTheOwnersThreadRunsInline) {
-    CNxEventQueueUsingMutex queue;
-    queue.SetOwnerThreadId(CNxThreadManager::GetThreadSelfId());
-    EventCounts counts;
-    const auto nested = [&] { return queue.SendEvent(new CountedEvent(counts)); };
-    EXPECT_EQ(queue.SendEvent(new CountedEvent(counts,
-                                               [&] {
-                                                   nested();
-                                                   return NX_ERROR_FOUND;
-                                               })),
-              NX_ERROR_FOUND);
-    EXPECT_EQ(counts.m_fired, 2);
-    EXPECT_TRUE(counts.AllDestroyed());
-    EXPECT_EQ(queue.GetPendingEventsCount(), 0u);
 }
 
 TEST(EventQueue, SendFromElsewhereBlocksForTheResult) {
@@ -167,31 +105,6 @@ TEST(EventQueue, SenderOfADiscardedEventWakesWithNotAvailable) {
     EXPECT_EQ(result, NX_ERROR_NOT_AVAILABLE);
     EXPECT_EQ(counts.m_fired, 0);
     EXPECT_TRUE(counts.AllDestroyed());
-}
-
-TEST(EventQueue, WrapperWithoutAnEventAnswersNullPointer) {
-    CNxEventQueueUsingMutex queue;
-    auto* const wrapper = new CNxEventSynchronous(nullptr, &queue);
-    EXPECT_EQ(wrapper->OnEventFire(), NX_ERROR_NULL_POINTER);
-    wrapper->OnDestorySelf();
-    EXPECT_EQ(wrapper->WaitResultAndDeleteThis(), NX_ERROR_NULL_POINTER);
-    // The sender handed it back for the owner to delete.
-    EXPECT_EQ(queue.GetPendingEventsCount(), 1u);
-    EXPECT_TRUE(Drain(queue));
-}
-
-TEST(EventQueue, WaitingForEventsEndsWithThePostOrTheTime) {
-    CNxEventQueueUsingConditionVariable queue;
-    EventCounts counts;
-    std::list<INxEvent*> events;
-    CNxTimeValue timeout(0, 1000);
-    EXPECT_EQ(queue.PopOrWaitPendingEvents(events, &timeout, c_all), NX_ERROR_NOT_FOUND);
-    std::thread poster([&] { queue.PostEvent(new CountedEvent(counts), c_normal); });
-    while (queue.PopOrWaitPendingEvents(events, nullptr, c_all) != NX_OK) {
-    }
-    poster.join();
-    queue.ProcessEvents(events);
-    EXPECT_EQ(counts.m_fired, 1);
 }
 
 // Posters, senders and a stopping owner in every interleaving that the scheduler finds: every event

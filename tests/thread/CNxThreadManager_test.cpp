@@ -49,28 +49,6 @@ TEST(ThreadManager, RegistryHoldsEachTypeOnce) {
     EXPECT_EQ(Manager()->MainThreadDetachRun(nullptr), NX_ERROR_FAILURE);
 }
 
-TEST(ThreadManager, UserTypesAreHandedOutOnce) {
-    const int first = Manager()->GetAndIncreamUserType();
-    EXPECT_GE(first, NX_THREAD_USER);
-    std::vector<std::vector<int>> seen(4);
-    std::vector<std::thread> threads;
-    for (std::vector<int>& mine : seen) {
-        threads.emplace_back([&mine] {
-            for (int i = 0; i < 1000; ++i) {
-                mine.push_back(Manager()->GetAndIncreamUserType());
-            }
-        });
-    }
-    std::set<int> all;
-    for (size_t i = 0; i < threads.size(); ++i) {
-        threads[i].join();
-        all.insert(seen[i].begin(), seen[i].end());
-    }
-    EXPECT_EQ(all.size(), 4000u);
-    EXPECT_EQ(*all.begin(), first + 1);
-    EXPECT_EQ(*all.rbegin(), first + 4000);
-}
-
 TEST(ThreadManager, MainThreadIsTheCallerAndSignalsAreBlocked) {
     ASSERT_EQ(Manager()->InitMainThread(0, nullptr), NX_OK);
     EXPECT_EQ(Manager()->InitMainThread(0, nullptr), NX_ERROR_ALREADY_INITIALIZED);
@@ -194,11 +172,6 @@ TEST_F(ProcessEnd, WorkerThatWaitsForTheMainThreadDoesNotKeepTheProcess) {
         std::exit(0);
     };
     EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
-}
-
-TEST_F(ProcessEnd, FirstUserTypeIs4097) {
-    EXPECT_EXIT(std::exit(Manager()->GetAndIncreamUserType() == 4097 ? 0 : 1),
-                ::testing::ExitedWithCode(0), "");
 }
 
 class EndlessThread : public CNxThread {

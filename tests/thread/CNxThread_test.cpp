@@ -34,29 +34,6 @@ public:
     }
 };
 
-TEST(Thread, CreateAnswersForTypesAndRepetition) {
-    auto* const first = new CNxThreadTask;
-    EXPECT_EQ(first->Create(-1, c_joinable), NX_ERROR_INVALID_ARG);
-    EXPECT_EQ(first->Join(), NX_ERROR_FAILURE);
-    const int type = NextType();
-    ASSERT_EQ(first->Create(type, CNxThreadManager::FLAG_NONE), NX_OK);
-    EXPECT_EQ(first->Create(type, c_joinable), NX_ERROR_ALREADY_INITIALIZED);
-    EXPECT_EQ(CNxThreadManager::Instance()->GetThread(type), first);
-    EXPECT_TRUE(first->IsRunning());
-
-    auto* const second = new CNxThreadTask;
-    EXPECT_EQ(second->Create(type, c_joinable), NX_ERROR_FAILURE);
-    EXPECT_EQ(second->Create(type, c_joinable), NX_ERROR_ALREADY_INITIALIZED);
-    second->Destory(0);
-    EXPECT_EQ(CNxThreadManager::Instance()->GetThread(type), first);
-
-    first->Stop(nullptr);
-    EXPECT_EQ(first->Join(), NX_OK);
-    EXPECT_EQ(first->Join(), NX_ERROR_FAILURE);
-    first->Destory(0);
-    EXPECT_EQ(CNxThreadManager::Instance()->GetThread(type), nullptr);
-}
-
 TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
     for (const int withTimers : {0, 1}) {
         CNxThread* thread = nullptr;
@@ -88,22 +65,6 @@ TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
         EXPECT_TRUE(counts.AllDestroyed());
         thread->Destory(0);
     }
-}
-
-TEST(Thread, TaskFiresATimerWithoutAnyEvent) {
-    CNxThread* thread = nullptr;
-    ASSERT_EQ(CNxThreadManager::Instance()->CreateUserTaskThread(thread, c_joinable, 1), NX_OK);
-    std::atomic<int> fired{0};
-    FlagHandler handler;
-    EventCounts counts;
-    const auto schedule = [&] {
-        return thread->GetTimerQueue()->ScheduleTimer(&handler, &fired, CNxTimeValue(0, 2000), 3);
-    };
-    EXPECT_EQ(thread->GetEventQueue()->SendEvent(new CountedEvent(counts, schedule)), NX_OK);
-    while (fired.load() < 3) {
-        std::this_thread::yield();
-    }
-    EndThread(thread);
 }
 
 TEST(Thread, CpuSetPinsTheThreadAndIgnoresWhatIsNoProcessor) {
@@ -193,57 +154,6 @@ TEST(Thread, RefusingOnCreateDeletesTheObjectAndTellsTheCreator) {
     }
 }
 
-TEST(Thread, HeartBeatFiresTimersAndEventsWhenDriven) {
-    auto* const heart = new CNxThreadHeartBeat;
-    ASSERT_EQ(heart->CreateNotRun(NextType(), c_joinable), NX_OK);
-    heart->OnThreadInit();
-    EXPECT_EQ(CNxThreadManager::Instance()->GetThread(NX_THREAD_CALLING), heart);
-    std::atomic<int> fired{0};
-    FlagHandler handler;
-    EventCounts counts;
-    heart->GetTimerQueue()->ScheduleTimer(&handler, &fired, CNxTimeValue::s_tvZero(), 1);
-    heart->GetEventQueue()->PostEvent(new CountedEvent(counts), c_normal);
-    EXPECT_EQ(heart->DoHeartBeat(), NX_OK);
-    EXPECT_EQ(fired, 1);
-    EXPECT_EQ(counts.m_fired, 1);
-    EXPECT_EQ(heart->Stop(nullptr), NX_OK);
-    EXPECT_EQ(heart->Join(), NX_ERROR_FAILURE);
-    heart->Destory(0);
-}
-
-TEST(Thread, DummyLeadsToItsThreadAndOwnsNothing) {
-    auto* const dummy = new CNxThreadDummy;
-    EXPECT_EQ(dummy->Create(NextType(), c_joinable), NX_ERROR_NOT_IMPLEMENTED);
-    EXPECT_EQ(dummy->Stop(nullptr), NX_ERROR_NOT_INITIALIZED);
-    EXPECT_EQ(dummy->GetEventQueue(), nullptr);
-    EXPECT_EQ(dummy->Init(nullptr, NextType()), NX_ERROR_INVALID_ARG);
-    CNxThread* actual = nullptr;
-    ASSERT_EQ(CNxThreadManager::Instance()->CreateUserTaskThread(actual, c_joinable, 1), NX_OK);
-    const int type = NextType();
-    ASSERT_EQ(dummy->Init(actual, type), NX_OK);
-    EXPECT_EQ(dummy->Init(actual, type), NX_ERROR_ALREADY_INITIALIZED);
-    EXPECT_EQ(CNxThreadManager::Instance()->GetThreadEventQueue(type), actual->GetEventQueue());
-    EXPECT_EQ(CNxThreadManager::Instance()->GetThreadTimerQueue(type), actual->GetTimerQueue());
-    EXPECT_EQ(dummy->GetThreadId(), actual->GetThreadId());
-    EXPECT_EQ(dummy->Join(), NX_ERROR_FAILURE);
-    EXPECT_EQ(dummy->Stop(nullptr), NX_OK);
-    dummy->Destory(0);
-    EXPECT_EQ(CNxThreadManager::Instance()->GetThread(type), nullptr);
-    EXPECT_EQ(actual->Join(), NX_OK);
-    actual->Destory(0);
-}
-
-TEST(Thread, ReactorThreadWithoutAReactorAnswersNotInitialized) {
-    auto* const thread = new CNxThreadReactor;
-    EXPECT_EQ(thread->Init(nullptr), NX_ERROR_INVALID_ARG);
-    CNxTimeValue second(1, 0);
-    EXPECT_EQ(thread->Stop(&second), NX_ERROR_NOT_IMPLEMENTED);
-    EXPECT_EQ(thread->Stop(nullptr), NX_ERROR_NOT_INITIALIZED);
-    EXPECT_EQ(thread->Create(NextType(), c_joinable), NX_ERROR_NOT_INITIALIZED);
-    EXPECT_EQ(thread->Join(), NX_ERROR_FAILURE);
-    thread->Destory(0);
-}
-
 TEST(ThreadProxy, PostsAndSendsToItsThreadAndDestroysWhatHasNoTarget) {
     EventCounts counts;
     CNxThreadProxyBase* nowhere = nullptr;
@@ -300,6 +210,62 @@ TEST(ThreadRaces, ThreadsThatSendToEachOtherStopWithoutLosingAnEvent) {
         }
         ASSERT_TRUE(counts.AllDestroyed()) << "round " << round;
     }
+}
+
+TEST(Thread, HeartBeatFiresTimersAndEventsWhenDriven) {
+    auto* const heart = new CNxThreadHeartBeat;
+    ASSERT_EQ(heart->CreateNotRun(NextType(), c_joinable), NX_OK);
+    heart->OnThreadInit();
+    EXPECT_EQ(CNxThreadManager::Instance()->GetThread(NX_THREAD_CALLING), heart);
+    std::atomic<int> fired{0};
+    FlagHandler handler;
+    EventCounts counts;
+    heart->GetTimerQueue()->ScheduleTimer(&handler, &fired, CNxTimeValue::s_tvZero(), 1);
+    heart->GetEventQueue()->PostEvent(new CountedEvent(counts), c_normal);
+    EXPECT_EQ(heart->DoHeartBeat(), NX_OK);
+    EXPECT_EQ(fired, 1);
+    EXPECT_EQ(counts.m_fired, 1);
+    EXPECT_EQ(heart->Stop(nullptr), NX_OK);
+    EXPECT_EQ(heart->Join(), NX_ERROR_FAILURE);
+    heart->Destory(0);
+}
+
+TEST(Thread, TaskFiresATimerWithoutAnyEvent) {
+    CNxThread* thread = nullptr;
+    ASSERT_EQ(CNxThreadManager::Instance()->CreateUserTaskThread(thread, c_joinable, 1), NX_OK);
+    std::atomic<int> fired{0};
+    FlagHandler handler;
+    EventCounts counts;
+    const auto schedule = [&] {
+        return thread->GetTimerQueue()->ScheduleTimer(&handler, &fired, CNxTimeValue(0, 2000), 3);
+    };
+    EXPECT_EQ(thread->GetEventQueue()->SendEvent(new CountedEvent(counts, schedule)), NX_OK);
+    while (fired.load() < 3) {
+        std::this_thread::yield();
+    }
+    EndThread(thread);
+}
+
+TEST(Thread, DummyLeadsToItsThreadAndOwnsNothing) {
+    auto* const dummy = new CNxThreadDummy;
+    EXPECT_EQ(dummy->Create(NextType(), c_joinable), NX_ERROR_NOT_IMPLEMENTED);
+    EXPECT_EQ(dummy->Stop(nullptr), NX_ERROR_NOT_INITIALIZED);
+    EXPECT_EQ(dummy->GetEventQueue(), nullptr);
+    EXPECT_EQ(dummy->Init(nullptr, NextType()), NX_ERROR_INVALID_ARG);
+    CNxThread* actual = nullptr;
+    ASSERT_EQ(CNxThreadManager::Instance()->CreateUserTaskThread(actual, c_joinable, 1), NX_OK);
+    const int type = NextType();
+    ASSERT_EQ(dummy->Init(actual, type), NX_OK);
+    EXPECT_EQ(dummy->Init(actual, type), NX_ERROR_ALREADY_INITIALIZED);
+    EXPECT_EQ(CNxThreadManager::Instance()->GetThreadEventQueue(type), actual->GetEventQueue());
+    EXPECT_EQ(CNxThreadManager::Instance()->GetThreadTimerQueue(type), actual->GetTimerQueue());
+    EXPECT_EQ(dummy->GetThreadId(), actual->GetThreadId());
+    EXPECT_EQ(dummy->Join(), NX_ERROR_FAILURE);
+    EXPECT_EQ(dummy->Stop(nullptr), NX_OK);
+    dummy->Destory(0);
+    EXPECT_EQ(CNxThreadManager::Instance()->GetThread(type), nullptr);
+    EXPECT_EQ(actual->Join(), NX_OK);
+    actual->Destory(0);
 }
 
 }  // namespace

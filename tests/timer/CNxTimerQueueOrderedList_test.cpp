@@ -68,32 +68,6 @@ TEST(TimerQueue, RefusesWhatCannotBeScheduledAndChangesNothing) {
     EXPECT_EQ(queue.GetEarliestTime(), CNxTimeValue::s_tvMax());
 }
 
-TEST(TimerQueue, DueOneShotFiresOnceAndLaterOnesTellTheWait) {
-    CNxTimerQueueOrderedList queue(nullptr);
-    Handler due;
-    Handler later;
-    EXPECT_EQ(queue.ScheduleTimer(&later, nullptr, c_hour, 0), NX_OK);
-    EXPECT_EQ(queue.ScheduleTimer(&due, nullptr, CNxTimeValue(-5, 0), 1), NX_OK);
-    CNxTimeValue remaining;
-    EXPECT_EQ(queue.CheckExpire(&remaining), 1);
-    EXPECT_EQ(due.m_fired, 1);
-    EXPECT_TRUE(remaining > CNxTimeValue(3590, 0) && remaining <= c_hour);
-    EXPECT_EQ(queue.CancelTimer(&due), NX_ERROR_NOT_FOUND);
-    EXPECT_EQ(queue.CancelTimer(&later), NX_OK);
-}
-
-TEST(TimerQueue, SecondScheduleReplacesTheFirst) {
-    CNxTimerQueueOrderedList queue(nullptr);
-    void* seen = nullptr;
-    int first = 0;
-    int second = 0;
-    Handler handler([&](void* token) { seen = token; });
-    EXPECT_EQ(queue.ScheduleTimer(&handler, &first, c_now, 1), NX_OK);
-    EXPECT_EQ(queue.ScheduleTimer(&handler, &second, c_now, 1), NX_ERROR_FOUND);
-    EXPECT_EQ(queue.CheckExpire(nullptr), 1);
-    EXPECT_EQ(seen, &second);
-}
-
 TEST(TimerQueue, CountedTimerFiresItsCountAndALatePassDoesNotCatchUp) {
     OpenList queue;
     Handler handler;
