@@ -5,8 +5,7 @@
 #include <kv_server/KvStore.h>
 #include <kv_server/Limits.h>
 #include <kv_server/RequestReader.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <tests/examples/TakeText.h>
 
 #include <algorithm>
 #include <map>
@@ -21,20 +20,6 @@ namespace {
 using namespace kv_server;
 
 using Words = std::vector<std::string>;
-
-std::string TakeText(BlockChain& chain) {
-    int ends[2];
-    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends));
-    std::string text(chain.GetSize(), '\0');
-    for (size_t got = 0; got < text.size();) {
-        chain.SendTo(ends[0]);
-        got += static_cast<size_t>(read(ends[1], text.data() + got, text.size() - got));
-    }
-    EXPECT_TRUE(chain.IsEmpty());
-    close(ends[0]);
-    close(ends[1]);
-    return text;
-}
 
 // What a reader makes of input that comes in pieces of that size.
 struct Read {
