@@ -1,0 +1,119 @@
+// Sends back what it receives: echo_server [port]. docs/guide.md explains it step by step.
+#include <common/CallEvent.h>
+#include <common/StopSignals.h>
+#include <nx/nx.h>
+#include <sys/socket.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <unordered_map>
+
+class EchoHandler : public INxEventHandler {
+public:
+    using Clients = std::unordered_map<int, EchoHandler>;
+
+    EchoHandler(INxReactor& reactor, Clients& owner, int fd) : m_reactor(reactor), m_owner(owner) {
+        m_socket.SetHandle(fd);
+    }
+    int GetHandle() const override { return m_socket.GetHandle(); }
+    int OnInput(int fd) override {
+        for (int turn = 0; turn < 16 && m_unsent.empty(); ++turn) {
+            const ssize_t got = recv(fd, m_reactor.GetBufferPtr(), m_reactor.GetBufferSize(), 0);
+            if (got <= 0 || !Send(m_reactor.GetBufferPtr(), static_cast<size_t>(got))) {
+                return got == -1 && errno == EAGAIN ? 0 : -1;
+            }
+        }
+        // The socket is full, or it is the others' turn: go on when it can be written to.
+        m_reactor.RegisterHandler(this, NX_MASK_WRITE);
+        return 0;
+    }
+    int OnOutput(int fd) override {
+        m_reactor.RegisterHandler(this, NX_MASK_READ);
+        return Send(m_unsent.data(), m_unsent.size()) ? OnInput(fd) : -1;
+    }
+    int OnClose(int fd, long /*mask*/) override {
+        m_owner.erase(fd);  // Deletes this.
+        return 0;
+    }
+
+private:
+    // Keeps what the socket does not take now. False when the client is gone.
+    bool Send(const char* data, size_t size) {
+        const ssize_t sent = send(GetHandle(), data, size, MSG_NOSIGNAL);
+        if (sent == -1 && errno != EAGAIN) {
+            return false;
+        }
+        m_unsent = std::string(data + (sent == -1 ? 0 : sent), data + size);
+        return true;
+    }
+
+    INxReactor& m_reactor;
+    Clients& m_owner;
+    CNxSocketBase m_socket;
+    std::string m_unsent;
+};
+
+class AcceptHandler : public INxEventHandler, private INxTimerHandler {
+public:
+    explicit AcceptHandler(INxReactor& reactor) : m_reactor(reactor) {}
+    bool Open(CNxInetAddr& address) {
+        return m_socket.Open(1, address) == 0 && listen(GetHandle(), SOMAXCONN) == 0 &&
+               m_socket.GetLocalAddr(address) == 0 &&
+               m_reactor.RegisterHandler(this, NX_MASK_ACCEPT) == NX_OK;
+    }
+    int GetHandle() const override { return m_socket.GetHandle(); }
+    int OnInput(int listener) override {
+        int fd = -1;
+        while ((fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)) != -1) {
+            EchoHandler& client = m_clients.try_emplace(fd, m_reactor, m_clients, fd).first->second;
+            if (m_reactor.RegisterHandler(&client, NX_MASK_READ) != NX_OK) {
+                m_clients.erase(fd);
+            }
+        }
+        if (errno != EAGAIN) {  // Out of descriptors, say: no new edge tells when that is over.
+            m_reactor.ScheduleTimer(this, nullptr, CNxTimeValue(0, 50000), 1);
+        }
+        return 0;
+    }
+
+private:
+    void OnTimeout(const CNxTimeValue& /*now*/, void* /*token*/) override { OnInput(GetHandle()); }
+
+    INxReactor& m_reactor;
+    CNxSocketTcp m_socket;
+    EchoHandler::Clients m_clients;
+};
+
+int main(int argc, char** argv) {
+    CNxThreadManager* const threads = CNxThreadManager::Instance();
+    threads->DisableSignal(SIGINT);  // First: every thread made later inherits this.
+    threads->DisableSignal(SIGTERM);
+    CNxThread* network = nullptr;
+    if (threads->InitMainThread(argc, argv) != NX_OK ||
+        threads->CreateNetworkThread(NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(),
+                                     network) != NX_OK) {
+        return 1;
+    }
+    INxReactor& reactor = *network->GetReactor();
+    const unsigned long port = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 0;
+    CNxInetAddr address("127.0.0.1", static_cast<unsigned short>(port));
+    AcceptHandler acceptor(reactor);
+    examples::StopSignals signals;
+    bool opened = false;
+    examples::CallOn(reactor, [&] {
+        opened = port <= 65535 && acceptor.Open(address) &&
+                 signals.Open(reactor, [] { CNxSignalStop::Instance()->Launch(0); });
+    });
+    if (opened) {
+        std::printf("listening on %s:%d\n", address.GetHostAddr(), address.GetPort());
+        std::fflush(stdout);
+        threads->GetThread(NX_THREAD_MAIN)->OnThreadRun();  // Until a signal stops it.
+    } else {
+        std::fprintf(stderr, "echo_server: cannot listen on port %lu\n", port);
+    }
+    examples::CallOn(reactor, [&] { signals.Close(); });
+    threads->StopAllThreads(nullptr);
+    threads->JoinAllThreads();  // From here on nobody calls the handlers any more.
+    return opened ? 0 : 1;
+}
