@@ -150,6 +150,8 @@ void CNxThread::Run() {
 
 void CNxThread::EndRun() {
     const bool joinable = IsJoinable();
+    // The system will give the id to another thread, which must not be taken for this one.
+    SetThreadId(0);
     // Behind this a joinable object may be destroyed by its owner.
     m_running.store(0, std::memory_order_release);
     if (!joinable && m_endCounter.fetch_add(1) + 1 > 1) {

@@ -67,7 +67,8 @@ public:
     // refuses.
     NxResult Join();
 
-    // The id is that of pthread_self(3) on the thread, 0 before it has one.
+    // The id is that of pthread_self(3) on the thread; 0 before it has one, and again when its run
+    // has ended, for the system then gives the id to another thread. The handle stays.
     unsigned long GetThreadId() const { return m_threadId.load(std::memory_order_relaxed); }
     void SetThreadId(unsigned long id) { m_threadId.store(id, std::memory_order_relaxed); }
     int GetThreadType() const { return m_type; }

@@ -102,6 +102,27 @@ TEST(ThreadManager, DetachedMainLoopOwnsTheMainQueue) {
     EXPECT_EQ(mainThread->Stop(nullptr), NX_OK);
 }
 
+// The system gives the id of an ended thread to the next one.
+TEST(ThreadManager, EndedThreadIsNotTakenForALaterOneWithItsId) {
+    EventCounts counts;
+    CNxThread* ended = nullptr;
+    CNxThread* running = nullptr;
+    ASSERT_EQ(Manager()->CreateUserTaskThread(ended, c_joinable, 0), NX_OK);
+    EXPECT_EQ(ended->Stop(nullptr), NX_OK);
+    EXPECT_EQ(ended->Join(), NX_OK);
+    ASSERT_EQ(Manager()->CreateUserTaskThread(running, c_joinable, 0), NX_OK);
+    running->GetEventQueue()->SendEvent(new CountedEvent(counts, [&] {
+        EXPECT_EQ(Manager()->GetThread(NX_THREAD_CALLING), running);
+        EXPECT_FALSE(CNxThreadManager::IsEqualCurrentThread(ended->GetThreadType()));
+        return NX_OK;
+    }));
+    EXPECT_EQ(counts.m_fired, 1);
+    running->Stop(nullptr);
+    running->Join();
+    running->Destory(0);
+    ended->Destory(0);
+}
+
 TEST(ThreadManager, NetworkThreadOwnsItsReactorWhateverBecomesOfIt) {
     CNxThread* network = nullptr;
     EXPECT_EQ(Manager()->CreateNetworkThread(NX_THREAD_NETWORK, nullptr, network),
