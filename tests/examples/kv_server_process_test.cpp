@@ -4,9 +4,7 @@
 #include <sys/resource.h>
 #include <tests/support/ServerProcess.h>
 
-#include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -24,16 +22,6 @@ protected:
 
     TestClient Connect(int receiveBuffer = 0) const {
         return TestClient(m_server.GetPort(), receiveBuffer);
-    }
-
-    // The server closes a moment after the client: asked again until it is right.
-    void ExpectDescriptors(long expected) const {
-        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (m_server.CountDescriptors() != expected &&
-               std::chrono::steady_clock::now() < limit) {
-            std::this_thread::yield();
-        }
-        EXPECT_EQ(expected, m_server.CountDescriptors());
     }
 
     void ExpectCleanStop() {
@@ -78,9 +66,9 @@ TEST_F(KvServer, AThousandClientsGetTheirOwnBytes) {
         for (size_t i = 0; i < clients.size(); ++i) {
             ASSERT_EQ(answers[i], clients[i].Receive(answers[i].size())) << i;
         }
-        ExpectDescriptors(before + 1000);
+        m_server.ExpectDescriptors(before + 1000);
     }
-    ExpectDescriptors(before);
+    m_server.ExpectDescriptors(before);
     Connect().Expect("DBSIZE\r\n", ":2000\r\n");
     ExpectCleanStop();
 }
@@ -142,7 +130,7 @@ TEST_F(KvServer, ResetClientsLeaveNothingBehind) {
         client.Send(ToSet("key", std::string(10000, 'x')) + "GET key\r\n*2\r\n$1000000\r\nabc");
         client.Reset();
     }
-    ExpectDescriptors(before);
+    m_server.ExpectDescriptors(before);
     ExpectCleanStop();
 }
 
@@ -198,7 +186,7 @@ TEST_F(KvServer, RunsOutOfDescriptorsAndRecovers) {
     EXPECT_GE(served, 4);
     EXPECT_LE(served, 6);
     clients.clear();
-    ExpectDescriptors(static_cast<long>(open));
+    m_server.ExpectDescriptors(static_cast<long>(open));
     Connect().Expect("PING\r\n", "+PONG\r\n");
     first.Expect("PING\r\n", "+PONG\r\n");
     ExpectCleanStop();

@@ -11,12 +11,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -60,10 +61,18 @@ public:
     pid_t GetPid() const { return m_pid; }
     unsigned short GetPort() const { return m_port; }
 
-    // Without sockets that are just being closed, if the test waits until the count is right.
     long CountDescriptors() const {
         const std::filesystem::path folder = "/proc/" + std::to_string(m_pid) + "/fd";
         return std::distance(std::filesystem::directory_iterator(folder), {});
+    }
+
+    // The server closes a moment after the client: asked again until it is right.
+    void ExpectDescriptors(long expected) const {
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (CountDescriptors() != expected && std::chrono::steady_clock::now() < limit) {
+            std::this_thread::yield();
+        }
+        EXPECT_EQ(expected, CountDescriptors());
     }
 
     void Signal(int signo) const { kill(m_pid, signo); }
