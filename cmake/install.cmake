@@ -1,0 +1,24 @@
+# Installs the library with its headers, CMake package and pkg-config file.
+include(CMakePackageConfigHelpers)
+include(GNUInstallDirs)
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/nxbase)
+install(TARGETS nxbase EXPORT nxbaseTargets)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/nx DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        FILES_MATCHING PATTERN "*.h")
+install(EXPORT nxbaseTargets NAMESPACE nxbase:: DESTINATION ${package_dir})
+
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/nxbaseConfig.cmake.in nxbaseConfig.cmake
+                              INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(nxbaseConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/nxbaseConfig.cmake
+              ${PROJECT_BINARY_DIR}/nxbaseConfigVersion.cmake DESTINATION ${package_dir})
+
+# Relative, so that the installed tree can be moved.
+file(RELATIVE_PATH NXBASE_PC_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+string(REGEX REPLACE "/$" "" NXBASE_PC_PREFIX ${NXBASE_PC_PREFIX})
+if(NXBASE_CHECK_THREADS)
+    set(NXBASE_PC_DEFINES -DNXBASE_CHECK_THREADS)
+endif()
+configure_file(${CMAKE_CURRENT_LIST_DIR}/nxbase.pc.in nxbase.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/nxbase.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
