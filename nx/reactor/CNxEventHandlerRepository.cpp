@@ -1,4 +1,5 @@
 #include <nx/reactor/CNxEventHandlerRepository.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -10,6 +11,10 @@ constexpr int c_wantedDescriptors = 8192;
 
 }  // namespace
 
+void CNxEventHandlerRepository::CUnmap::operator()(CElement* table) const {
+    munmap(table, m_bytes);
+}
+
 NxResult CNxEventHandlerRepository::Open() {
     if (IsOpen()) {
         return NX_ERROR_ALREADY_INITIALIZED;
@@ -19,11 +24,14 @@ NxResult CNxEventHandlerRepository::Open() {
     if (limited != NX_OK) {
         return limited;
     }
-    m_pHandlers.reset(
-        static_cast<CElement*>(std::calloc(static_cast<size_t>(count), sizeof(CElement))));
-    if (!IsOpen()) {
+    const size_t bytes = static_cast<size_t>(count) * sizeof(CElement);
+    void* const table = mmap(nullptr, bytes, PROT_READ | PROT_WRITE,
+                             MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (table == MAP_FAILED) {
         return NX_ERROR_FAILURE;
     }
+    // All zero bytes: every element is free.
+    m_pHandlers = {static_cast<CElement*>(table), CUnmap{bytes}};
     m_nMaxHandler = count;
     return NX_OK;
 }

@@ -5,7 +5,7 @@
 #include <nx/reactor/INxEventHandler.h>
 #include <sys/select.h>
 
-#include <cstdlib>
+#include <cstddef>
 #include <memory>
 
 // One flat table, sized once from the limit of open descriptors. Belongs to the reactor's thread.
@@ -52,11 +52,14 @@ public:
     int FillFdSets(fd_set& readSet, fd_set& writeSet, fd_set& exceptionSet) const;
 
 private:
-    struct CFree {
-        void operator()(CElement* table) const { std::free(table); }
+    struct CUnmap {
+        void operator()(CElement* table) const;
+
+        size_t m_bytes;
     };
 
-    // From calloc: a table for a million descriptors costs memory only where it is used.
-    std::unique_ptr<CElement[], CFree> m_pHandlers;
+    // Mapped without reserving memory: it costs some only where it is used. Containers are often
+    // given a limit of a thousand million descriptors, and that table is larger than many machines.
+    std::unique_ptr<CElement[], CUnmap> m_pHandlers;
     int m_nMaxHandler = 0;
 };

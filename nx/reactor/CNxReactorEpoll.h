@@ -3,6 +3,9 @@
 
 #include <sys/epoll.h>
 
+#include <cstdlib>
+#include <memory>
+
 #include <nx/reactor/CNxReactorBase.h>
 #include <nx/reactor/CNxReactorNotifyPipe.h>
 
