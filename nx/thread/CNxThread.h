@@ -69,8 +69,8 @@ public:
 
     // The id is that of pthread_self(3) on the thread; 0 before it has one, and again when its run
     // has ended, for the system then gives the id to another thread. The handle stays.
-    unsigned long GetThreadId() const { return m_threadId.load(std::memory_order_relaxed); }
-    void SetThreadId(unsigned long id) { m_threadId.store(id, std::memory_order_relaxed); }
+    unsigned long GetThreadId() const { return m_threadId.load(std::memory_order_acquire); }
+    void SetThreadId(unsigned long id) { m_threadId.store(id, std::memory_order_release); }
     int GetThreadType() const { return m_type; }
     unsigned long GetThreadHandle() const { return m_threadHandle; }
 

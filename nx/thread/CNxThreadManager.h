@@ -62,8 +62,10 @@ public:
 
     // Runs a main thread's loop on a new, detached system thread, which becomes the owner of its
     // event queue, timer queue or reactor; the caller must no longer act as the main thread.
-    // Returns when the new thread has taken over. NX_OK, or NX_ERROR_FAILURE for null, for a thread
-    // of another type, or when no thread can be started ("thread create failed\n" on stderr).
+    // Returns when the new thread has taken over. Nobody can join it: when its loop has ended,
+    // GetThreadId() of the object is 0, and only then may the object be destroyed.
+    // NX_OK, or NX_ERROR_FAILURE for null, for a thread of another type, or when no thread can be
+    // started ("thread create failed\n" on stderr).
     virtual NxResult MainThreadDetachRun(CNxThread* thread) = 0;
 
     // The registered thread of that type, for NX_THREAD_CALLING the one that is the caller; null

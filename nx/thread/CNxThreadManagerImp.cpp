@@ -66,6 +66,8 @@ void* MainThreadFun(void* argument) {
     BindToCallingThread(thread);
     start->m_takenOver.Signal();
     thread->OnThreadRun();
+    // The system will give the id to another thread.
+    thread->SetThreadId(0);
     return nullptr;
 }
 

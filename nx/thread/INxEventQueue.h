@@ -38,6 +38,9 @@ public:
 
     // Has the event fired by the thread that owns the queue and returns its result; blocks until
     // then, without a limit. Called on that thread itself it fires the event at once.
+    // BEWARE: the result comes when the event has fired, and the event may be destroyed only after
+    // that: OnEventFire may use what lies on the sender's stack, OnDestorySelf and the destructor
+    // may not.
     // NX_ERROR_INVALID_ARG for null, NX_ERROR_NOT_INITIALIZED when the queue is stopped,
     // NX_ERROR_NOT_AVAILABLE when the event was discarded without having fired.
     virtual NxResult SendEvent(INxEvent* event) = 0;

@@ -100,6 +100,10 @@ TEST(ThreadManager, DetachedMainLoopOwnsTheMainQueue) {
     EXPECT_EQ(mainThread->GetEventQueue()->SendEvent(new CountedEvent(counts, sendToItself)),
               NX_ERROR_FOUND);
     EXPECT_EQ(mainThread->Stop(nullptr), NX_OK);
+    // The loop cannot be joined, and destroys the event only after the sender has its result.
+    while (!counts.AllDestroyed() || mainThread->GetThreadId() != 0) {
+        std::this_thread::yield();
+    }
 }
 
 // The system gives the id of an ended thread to the next one.
