@@ -4,7 +4,8 @@
 #include <nx/thread/CNxThread.h>
 
 // Made with new, given its thread by Init, ended with Destory. The actual thread is not owned and
-// must outlive the dummy.
+// must outlive the dummy. The dummy keeps the thread id that it took over: end it before the actual
+// thread ends, or a later thread that gets the same id from the system may be taken for it.
 class CNxThreadDummy : public CNxThread {
 public:
     // Registers the dummy under `type` with the identity of `actual`. NX_OK;
