@@ -32,4 +32,5 @@ need() {
 }
 
 build_packages=(g++ make cmake)
+# shellcheck disable=SC2034 # for the scripts that source this
 test_packages=("${build_packages[@]}" libgtest-dev)
