@@ -1,8 +1,11 @@
 // All that nxbase offers. Programs that want to compile faster include the units they use.
 #pragma once
 
+#include <nx/buffer/CNxByteBuffer.h>
 #include <nx/buffer/CNxDataBlock.h>
 #include <nx/buffer/CNxDataBlockNoMalloc.h>
+#include <nx/buffer/CNxFifoBuffer.h>
+#include <nx/buffer/CNxIDAllocator.h>
 #include <nx/buffer/CNxMessageBlock.h>
 #include <nx/foundation/CNxAutoPtr.h>
 #include <nx/foundation/CNxCleanUpBase.h>

@@ -1,0 +1,180 @@
+#include <nx/buffer/CNxFifoBuffer.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <new>
+
+namespace {
+
+using Guard = CNxMutexGuardT<CNxMutexThread>;
+
+// Null when the memory cannot be had. Below PTRDIFF_MAX no sum of two indices overflows.
+std::unique_ptr<char[]> MakeStorage(unsigned long size) {
+    return std::unique_ptr<char[]>(size > PTRDIFF_MAX ? nullptr : new (std::nothrow) char[size]);
+}
+
+int Answer(int result, unsigned long count, unsigned long* done) {
+    if (done != nullptr) {
+        *done = count;
+    }
+    return result;
+}
+
+}  // namespace
+
+CNxFifoBuffer::CNxFifoBuffer(unsigned long capacity)
+    : m_storage(MakeStorage(capacity)), m_capacity(capacity) {
+    if (m_storage == nullptr) {
+        throw std::bad_alloc();
+    }
+}
+
+// Index of the byte that lies `offset` bytes, at most the capacity, behind the first buffered one.
+unsigned long CNxFifoBuffer::GetPlace(unsigned long offset) const {
+    const unsigned long place = m_readIndex + offset;
+    return place < m_capacity ? place : place - m_capacity;
+}
+
+void CNxFifoBuffer::CopyOut(char* to, unsigned long offset, unsigned long count) const {
+    const unsigned long place = GetPlace(offset);
+    const unsigned long run = std::min(count, m_capacity - place);
+    std::memcpy(to, m_storage.get() + place, run);
+    std::memcpy(to + run, m_storage.get(), count - run);
+}
+
+int CNxFifoBuffer::Read(void* to, unsigned long length, unsigned long* done, int* /*unused*/) {
+    const Guard guard(m_mutex);
+    unsigned long count = 0;
+    const int result = ReadOffsetLocked(to, length, 0, &count);
+    m_readIndex = GetPlace(count);
+    m_buffered -= count;
+    return Answer(result, count, done);
+}
+
+int CNxFifoBuffer::Write(const void* from, unsigned long length, unsigned long* done,
+                         int* /*unused*/) {
+    const Guard guard(m_mutex);
+    unsigned long count = 0;
+    const int result = WriteOffsetLocked(from, length, 0, &count);
+    m_buffered += count;
+    return Answer(result, count, done);
+}
+
+int CNxFifoBuffer::ReadOffset(void* to, unsigned long length, unsigned long offset,
+                              unsigned long* done) {
+    const Guard guard(m_mutex);
+    return ReadOffsetLocked(to, length, offset, done);
+}
+
+int CNxFifoBuffer::WriteOffset(const void* from, unsigned long length, unsigned long offset,
+                               unsigned long* done) {
+    const Guard guard(m_mutex);
+    return WriteOffsetLocked(from, length, offset, done);
+}
+
+int CNxFifoBuffer::ReadOffsetLocked(void* to, unsigned long length, unsigned long offset,
+                                    unsigned long* done) {
+    if (offset >= m_buffered) {
+        return Answer(m_state == STATE_CLOSED ? TRANSFER_CLOSED : TRANSFER_BLOCKED, 0, done);
+    }
+    const unsigned long count = to == nullptr ? 0 : std::min(length, m_buffered - offset);
+    if (count != 0) {
+        CopyOut(static_cast<char*>(to), offset, count);
+    }
+    return Answer(TRANSFER_DONE, count, done);
+}
+
+int CNxFifoBuffer::WriteOffsetLocked(const void* from, unsigned long length, unsigned long offset,
+                                     unsigned long* done) {
+    if (m_state == STATE_CLOSED) {
+        return Answer(TRANSFER_CLOSED, 0, done);
+    }
+    const unsigned long room = m_capacity - m_buffered;
+    if (offset >= room) {
+        return Answer(TRANSFER_BLOCKED, 0, done);
+    }
+    const unsigned long count = from == nullptr ? 0 : std::min(length, room - offset);
+    if (count != 0) {
+        const char* bytes = static_cast<const char*>(from);
+        const unsigned long place = GetPlace(m_buffered + offset);
+        const unsigned long run = std::min(count, m_capacity - place);
+        std::memcpy(m_storage.get() + place, bytes, run);
+        std::memcpy(m_storage.get(), bytes + run, count - run);
+    }
+    return Answer(TRANSFER_DONE, count, done);
+}
+
+const void* CNxFifoBuffer::GetReadData(unsigned long* length) {
+    const Guard guard(m_mutex);
+    Answer(0, std::min(m_buffered, m_capacity - m_readIndex), length);
+    return m_storage.get() + m_readIndex;
+}
+
+void CNxFifoBuffer::ConsumeReadData(unsigned long n) {
+    const Guard guard(m_mutex);
+    const unsigned long count = std::min(n, m_buffered);
+    m_readIndex = GetPlace(count);
+    m_buffered -= count;
+}
+
+void* CNxFifoBuffer::GetWriteBuffer(unsigned long* length) {
+    const Guard guard(m_mutex);
+    if (m_state == STATE_CLOSED) {
+        Answer(0, 0, length);
+        return nullptr;
+    }
+    if (m_buffered == 0) {
+        m_readIndex = 0;
+    }
+    const unsigned long place = m_buffered == 0 ? 0 : GetPlace(m_buffered);
+    const bool wrapped = m_buffered != 0 && place <= m_readIndex;
+    Answer(0, (wrapped ? m_readIndex : m_capacity) - place, length);
+    return m_storage.get() + place;
+}
+
+void CNxFifoBuffer::ConsumeWriteBuffer(unsigned long n) {
+    const Guard guard(m_mutex);
+    m_buffered += std::min(n, m_capacity - m_buffered);
+}
+
+int CNxFifoBuffer::GetBuffered(unsigned long* count) const {
+    const Guard guard(m_mutex);
+    return Answer(1, m_buffered, count);
+}
+
+int CNxFifoBuffer::GetWriteRemaining(unsigned long* count) const {
+    const Guard guard(m_mutex);
+    return Answer(1, m_capacity - m_buffered, count);
+}
+
+int CNxFifoBuffer::SetCapacity(unsigned long size) {
+    const Guard guard(m_mutex);
+    if (size < m_buffered) {
+        return 0;
+    }
+    if (size == m_capacity) {
+        return 1;
+    }
+    std::unique_ptr<char[]> storage = MakeStorage(size);
+    if (storage == nullptr) {
+        return 0;
+    }
+    if (m_buffered != 0) {
+        CopyOut(storage.get(), 0, m_buffered);
+    }
+    m_storage = std::move(storage);
+    m_capacity = size;
+    m_readIndex = 0;
+    return 1;
+}
+
+void CNxFifoBuffer::Close() {
+    const Guard guard(m_mutex);
+    m_state = STATE_CLOSED;
+}
+
+int CNxFifoBuffer::GetState() const {
+    const Guard guard(m_mutex);
+    return m_state;
+}

@@ -1,0 +1,50 @@
+#include <nx/buffer/CNxIDAllocator.h>
+
+#include <limits>
+
+NxResult CNxIDAllocator::Init(unsigned int min, unsigned int max) {
+    if (min == 0 || min >= max || max == std::numeric_limits<unsigned int>::max()) {
+        return NX_ERROR_FAILURE;
+    }
+    const CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
+    m_fresh.push_back({min, max});
+    m_available += max - min + 1ul;
+    m_min = min;
+    m_max = max;
+    return NX_OK;
+}
+
+unsigned int CNxIDAllocator::AllocID() {
+    const CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
+    if (m_available == 0) {
+        return 0;
+    }
+    --m_available;
+    if (!m_freed.empty()) {
+        const unsigned int id = m_freed.back();
+        m_freed.pop_back();
+        return id;
+    }
+    Range& range = m_fresh[m_firstFresh];
+    const unsigned int id = range.m_first++;
+    if (id == range.m_last && ++m_firstFresh == m_fresh.size()) {
+        m_fresh.clear();
+        m_firstFresh = 0;
+    }
+    return id;
+}
+
+int CNxIDAllocator::FreeID(unsigned int id) {
+    const CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
+    if (id == 0 || id < m_min || id > m_max) {
+        return 0;
+    }
+    m_freed.push_back(id);
+    ++m_available;
+    return 1;
+}
+
+unsigned long CNxIDAllocator::GetAvaiableIDCount() const {
+    const CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
+    return m_available;
+}

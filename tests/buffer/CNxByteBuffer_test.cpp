@@ -1,0 +1,171 @@
+#include <gtest/gtest.h>
+#include <nx/buffer/CNxByteBuffer.h>
+#include <nx/foundation/CNxString.h>
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <random>
+#include <string>
+
+namespace {
+
+constexpr unsigned long c_top = std::numeric_limits<unsigned long>::max();
+
+std::string GetUnread(const CNxByteBuffer& buffer) {
+    return {buffer.GetUnread(), buffer.GetUnreadLength()};
+}
+
+TEST(CNxByteBuffer, IntegersLieInTheChosenOrderAndComeBack) {
+    const std::string network(
+        "\x12\x12\x34\x12\x34\x56\x12\x34\x56\x78\xfe\x23\x45\x67\x89\xab"
+        "\xcd\xef");
+    const std::string host(
+        "\x12\x34\x12\x56\x34\x12\x78\x56\x34\x12\xef\xcd\xab\x89\x67\x45"
+        "\x23\xfe");
+    for (const auto order : {CNxByteBuffer::NETWORK_ORDER, CNxByteBuffer::HOST_ORDER}) {
+        CNxByteBuffer buffer(order);
+        buffer.WriteUInt8(0x12);
+        buffer.WriteUInt16(0x1234);
+        buffer.WriteUInt24(0xff123456);
+        buffer.WriteUInt32(0x12345678);
+        buffer.WriteUInt64(0xfe23456789abcdef);
+        EXPECT_EQ(GetUnread(buffer), order == CNxByteBuffer::NETWORK_ORDER ? network : host);
+        unsigned char i8 = 0;
+        unsigned short i16 = 0;
+        unsigned int i24 = c_top & 0xffffffff;
+        unsigned int i32 = 0;
+        unsigned long i64 = 0;
+        EXPECT_TRUE(buffer.ReadUInt8(&i8) && buffer.ReadUInt16(&i16) && buffer.ReadUInt24(&i24));
+        EXPECT_TRUE(buffer.ReadUInt32(&i32) && buffer.ReadUInt64(&i64));
+        EXPECT_TRUE(i8 == 0x12 && i16 == 0x1234 && i24 == 0x123456 && i32 == 0x12345678);
+        EXPECT_EQ(i64, 0xfe23456789abcdef);
+    }
+}
+
+TEST(CNxByteBuffer, ShortOrNullReadsTakeNothing) {
+    CNxByteBuffer buffer("1234567");
+    unsigned long i64 = 1;
+    CNxString text("old ");
+    char bytes[8] = "";
+    EXPECT_EQ(buffer.ReadUInt64(&i64), 0);
+    EXPECT_EQ(buffer.ReadUInt8(nullptr) + buffer.ReadUInt16(nullptr), 0);
+    EXPECT_EQ(buffer.ReadUInt24(nullptr) + buffer.ReadUInt32(nullptr), 0);
+    EXPECT_EQ(buffer.ReadUInt64(nullptr), 0);
+    EXPECT_EQ(buffer.ReadString(nullptr, 1) + buffer.ReadBytes(nullptr, 1), 0);
+    for (const unsigned long tooMany : {8ul, c_top}) {
+        EXPECT_EQ(buffer.ReadString(&text, tooMany), 0);
+        EXPECT_EQ(buffer.ReadBytes(bytes, tooMany), 0);
+        EXPECT_EQ(buffer.Consume(tooMany), 0);
+    }
+    EXPECT_EQ(i64, 1u);
+    EXPECT_EQ(buffer.ReadString(&text, 4), 1);
+    EXPECT_EQ(text, "old 1234");
+    EXPECT_EQ(buffer.ReadBytes(bytes, 3), 1);
+    EXPECT_STREQ(bytes, "567");
+    unsigned char i8 = 0;
+    EXPECT_EQ(buffer.ReadUInt8(&i8), 0);
+}
+
+TEST(CNxByteBuffer, HoldsWhatItIsMadeOfUntilClearZeroesIt) {
+    const CNxByteBuffer none(static_cast<const char*>(nullptr));
+    EXPECT_EQ(none.GetUnreadLength() + none.GetCapacity(), 0u);
+    const CNxByteBuffer room(nullptr, 10, CNxByteBuffer::HOST_ORDER);
+    EXPECT_EQ(room.GetUnreadLength(), 0u);
+    EXPECT_EQ(room.GetCapacity(), 10u);
+    CNxByteBuffer bytes("a\0b", 3);
+    EXPECT_EQ(GetUnread(bytes), std::string("a\0b", 3));
+    EXPECT_EQ(bytes.GetCapacity(), 3u);
+    bytes.Clear();
+    EXPECT_EQ(std::string(bytes.ReserveWriteBuffer(3), 3), std::string(3, '\0'));
+}
+
+TEST(CNxByteBuffer, SizesThatCannotBeHadThrowAndChangeNothing) {
+    CNxByteBuffer buffer("abc");
+    const auto start = buffer.GetReadPosition();
+    for (const unsigned long size : {c_top, c_top - 2, c_top / 2 + 1}) {
+        EXPECT_THROW(buffer.ReserveWriteBuffer(size), std::bad_alloc);
+        EXPECT_THROW(buffer.Resize(size), std::bad_alloc);
+        EXPECT_THROW(CNxByteBuffer("a", size), std::bad_alloc);
+    }
+    EXPECT_EQ(GetUnread(buffer), "abc");
+    EXPECT_EQ(buffer.SetReadPosition(start), 1);
+}
+
+// The letter of growth, compaction and saved positions, without storage.
+struct Model {
+    void Write(const std::string& bytes) {
+        const unsigned long needed = m_all.size() - m_read + bytes.size();
+        if (needed > m_capacity - m_read) {
+            Resize(needed);
+        }
+        m_all += bytes;
+    }
+    void Resize(unsigned long size) {
+        m_all = m_all.substr(m_read, size);
+        m_capacity = m_capacity >= size ? m_capacity : std::max(m_capacity * 3 / 2, size);
+        m_read = 0;
+        ++m_version;
+    }
+    std::string m_all;
+    unsigned long m_read = 0;
+    unsigned long m_capacity = 4096;
+    unsigned m_version = 0;
+};
+
+TEST(CNxByteBuffer, GrowsMovesAndRestoresPositionsLikeTheModel) {
+    for (const unsigned long first : {5000ul, 7000ul}) {
+        CNxByteBuffer buffer;
+        buffer.WriteString(CNxString(first, 'x'));
+        EXPECT_EQ(buffer.GetCapacity(), first == 5000 ? 6144u : 7000u);
+    }
+    std::mt19937 engine(1);
+    const auto random = [&engine](unsigned long below) { return engine() % below; };
+    CNxByteBuffer buffer;
+    Model model;
+    CNxByteBuffer::ReadPosition saved;
+    Model savedModel;
+    for (int step = 0; step < 20000; ++step) {
+        const unsigned long n = random(random(20) == 0 ? 3000 : 100);
+        const std::string bytes(n, static_cast<char>('a' + random(26)));
+        switch (random(step % 4000 == 0 ? 8 : 7)) {
+            case 0:
+                buffer.WriteBytes(bytes.data(), n);
+                model.Write(bytes);
+                break;
+            case 1:
+                std::memcpy(buffer.ReserveWriteBuffer(n), bytes.data(), n);
+                model.Write(bytes);
+                break;
+            case 2:
+            case 3:
+                ASSERT_EQ(buffer.Consume(n), n <= model.m_all.size() - model.m_read);
+                model.m_read += n <= model.m_all.size() - model.m_read ? n : 0;
+                break;
+            case 4:
+                saved = buffer.GetReadPosition();
+                savedModel = model;
+                break;
+            case 5:
+                ASSERT_EQ(buffer.SetReadPosition(saved), savedModel.m_version == model.m_version);
+                model.m_read =
+                    savedModel.m_version == model.m_version ? savedModel.m_read : model.m_read;
+                break;
+            case 6:
+                if (random(30) == 0) {
+                    buffer.Resize(n * 10);
+                    model.Resize(n * 10);
+                }
+                break;
+            default:
+                buffer.Clear();
+                model.Resize(0);
+                break;
+        }
+        ASSERT_EQ(GetUnread(buffer), model.m_all.substr(model.m_read)) << "step " << step;
+        ASSERT_EQ(buffer.GetCapacity(), model.m_capacity) << "step " << step;
+    }
+}
+
+}  // namespace
