@@ -22,6 +22,7 @@
 #include <nx/foundation/INxObserver.h>
 #include <nx/foundation/NxResult.h>
 #include <nx/net/CNxDnsManager.h>
+#include <nx/net/CNxIPAddress.h>
 #include <nx/net/CNxIPCBase.h>
 #include <nx/net/CNxInetAddr.h>
 #include <nx/net/CNxSocket.h>
