@@ -47,6 +47,7 @@
 #include <nx/thread/CNxThreadTask.h>
 #include <nx/thread/CNxUtilClasses.h>
 #include <nx/thread/INxEventQueue.h>
+#include <nx/timer/CNxTimerPriorityQueue.h>
 #include <nx/timer/CNxTimerQueueBase.h>
 #include <nx/timer/CNxTimerQueueOrderedList.h>
 #include <nx/timer/INxTimerQueue.h>

@@ -1,0 +1,131 @@
+#include <nx/timer/CNxTimerPriorityQueue.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+// Four keys share two cache lines, and the heap is half as deep as a binary one.
+constexpr size_t c_children = 4;
+
+}  // namespace
+
+// The relation that a heap of the standard library would be given: operator< of time values answers
+// later than. Of equal expiries the one pushed last is ahead.
+bool CNxTimerPriorityQueue::IsBehind(const CKey& key, const CKey& other) {
+    if (key.m_expiry == other.m_expiry) {
+        return key.m_sequence < other.m_sequence;
+    }
+    return key.m_expiry < other.m_expiry;
+}
+
+int CNxTimerPriorityQueue::PushNode_l(const CNode& node) {
+    const auto found = m_index.find(node.m_handler);
+    if (found == m_index.end()) {
+        return RePushNode_l(node);
+    }
+    CEntry& entry = found->second;
+    entry.m_node = node;
+    Settle(entry.m_place, {node.m_expiry, ++m_sequence, &entry});
+    return 1;
+}
+
+int CNxTimerPriorityQueue::RePushNode_l(const CNode& node) {
+    m_heap.emplace_back();
+    CEntry* entry = nullptr;
+    try {
+        entry = &Insert(node)->second;
+    } catch (...) {
+        m_heap.pop_back();
+        throw;
+    }
+    const size_t place = m_heap.size() - 1;
+    const CKey key{node.m_expiry, ++m_sequence, entry};
+    Put(SiftUp(place, key), key);
+    return 0;
+}
+
+CNxTimerPriorityQueue::Index::iterator CNxTimerPriorityQueue::Insert(const CNode& node) {
+    if (m_spare.empty()) {
+        return m_index.try_emplace(node.m_handler, CEntry{node, 0}).first;
+    }
+    m_spare.key() = node.m_handler;
+    m_spare.mapped().m_node = node;
+    return m_index.insert(std::move(m_spare)).position;
+}
+
+int CNxTimerPriorityQueue::EraseNode_l(INxTimerHandler* handler) {
+    const auto found = m_index.find(handler);
+    if (found == m_index.end()) {
+        return 1;
+    }
+    Remove(found);
+    return 0;
+}
+
+int CNxTimerPriorityQueue::PopFirstNode_l(CNode& node) {
+    if (m_heap.empty()) {
+        return -1;
+    }
+    node = m_heap.front().m_entry->m_node;
+    Remove(m_index.find(node.m_handler));
+    return 0;
+}
+
+int CNxTimerPriorityQueue::GetEarliestTime_l(CNxTimeValue& time) const {
+    if (m_heap.empty()) {
+        return -1;
+    }
+    time = m_heap.front().m_expiry;
+    return 0;
+}
+
+// The last key takes the place that becomes free.
+void CNxTimerPriorityQueue::Remove(Index::iterator entry) {
+    const size_t place = entry->second.m_place;
+    m_spare = m_index.extract(entry);
+    const CKey last = m_heap.back();
+    m_heap.pop_back();
+    if (place < m_heap.size()) {
+        Settle(place, last);
+    }
+}
+
+// Puts a key where it belongs, starting from a place whose own key is no longer wanted.
+void CNxTimerPriorityQueue::Settle(size_t place, const CKey& key) {
+    const size_t above = SiftUp(place, key);
+    Put(above == place ? SiftDown(place, key) : above, key);
+}
+
+size_t CNxTimerPriorityQueue::SiftUp(size_t place, const CKey& key) {
+    while (place != 0) {
+        const size_t parent = (place - 1) / c_children;
+        if (!IsBehind(m_heap[parent], key)) {
+            break;
+        }
+        Put(place, m_heap[parent]);
+        place = parent;
+    }
+    return place;
+}
+
+size_t CNxTimerPriorityQueue::SiftDown(size_t place, const CKey& key) {
+    for (size_t child = c_children * place + 1; child < m_heap.size();
+         child = c_children * place + 1) {
+        const auto first = m_heap.begin() + static_cast<std::ptrdiff_t>(child);
+        const auto end = m_heap.begin() +
+                         static_cast<std::ptrdiff_t>(std::min(child + c_children, m_heap.size()));
+        const auto ahead = std::max_element(first, end, IsBehind);
+        if (!IsBehind(key, *ahead)) {
+            break;
+        }
+        Put(place, *ahead);
+        place = static_cast<size_t>(ahead - m_heap.begin());
+    }
+    return place;
+}
+
+void CNxTimerPriorityQueue::Put(size_t place, const CKey& key) {
+    m_heap[place] = key;
+    key.m_entry->m_place = place;
+}
