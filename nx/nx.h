@@ -49,6 +49,7 @@
 #include <nx/thread/INxEventQueue.h>
 #include <nx/timer/CNxTimerPriorityQueue.h>
 #include <nx/timer/CNxTimerQueueBase.h>
+#include <nx/timer/CNxTimerQueueCalendar.h>
 #include <nx/timer/CNxTimerQueueOrderedList.h>
 #include <nx/timer/INxTimerQueue.h>
 #include <nx/trace/trace_setting.h>

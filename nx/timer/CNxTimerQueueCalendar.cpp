@@ -1,0 +1,198 @@
+#include <nx/timer/CNxTimerQueueCalendar.h>
+
+#include <algorithm>
+#include <functional>
+#include <utility>
+
+#include <nx/thread/CNxThreadManager.h>
+
+namespace {
+
+constexpr unsigned long c_minSlotIntervalMs = 10;
+constexpr unsigned long c_minLastIndex = 10;
+constexpr unsigned long c_endless = ~0ul;
+// Endless timers are counted down too; nothing that counts from there ever gets below.
+constexpr unsigned long c_endlessFrom = c_endless / 2 + 1;
+
+unsigned long GetLastIndex(unsigned long slotIntervalMs, unsigned long maxTimeMs) {
+    const unsigned long slots = maxTimeMs / slotIntervalMs;
+    return slots > c_minLastIndex ? slots - 1 : c_minLastIndex;
+}
+
+}  // namespace
+
+CNxTimerQueueCalendar::CNxTimerQueueCalendar(unsigned long slotIntervalMs, unsigned long maxTimeMs,
+                                             INxEventQueue* eventQueue)
+    : m_slotIntervalMs(std::max(slotIntervalMs, c_minSlotIntervalMs)),
+      m_slots(GetLastIndex(m_slotIntervalMs, maxTimeMs) + 1),
+      m_lastIndex(m_slots.size() - 1),
+      m_eventQueue(eventQueue != nullptr
+                       ? eventQueue
+                       : CNxThreadManager::Instance()->GetThreadEventQueue(NX_THREAD_CALLING)) {}
+
+CNxTimerQueueCalendar::~CNxTimerQueueCalendar() {
+    m_slots.push_back(m_immediate);
+    for (Slot* head : m_slots) {
+        while (Pop(head) != nullptr) {
+        }
+    }
+}
+
+NxResult CNxTimerQueueCalendar::ScheduleTimer(INxTimerHandler* handler, void* token,
+                                              const CNxTimeValue& interval, unsigned long count) {
+    if (handler == nullptr) {
+        return NX_ERROR_INVALID_ARG;
+    }
+    SlotPtr entry = RemoveExisting(handler);
+    const bool existed = entry != nullptr;
+    const ValueType value{handler, token, interval, count == 0 ? c_endless : count};
+    if (existed) {
+        entry->m_value = value;
+    } else {
+        entry.reset(new Slot{nullptr, value});
+    }
+    if (interval == CNxTimeValue::s_tvZero()) {
+        Push(m_immediate, std::move(entry));
+        return NX_OK;
+    }
+    Place(std::move(entry), GetIndex(GetOffset(interval)));
+    return existed ? NX_ERROR_FOUND : NX_OK;
+}
+
+NxResult CNxTimerQueueCalendar::CancelTimer(INxTimerHandler* handler) {
+    if (handler == nullptr) {
+        return NX_ERROR_INVALID_ARG;
+    }
+    const auto found = m_index.find(handler);
+    if (found == m_index.end()) {
+        Unlink(m_immediate, handler);
+        return NX_ERROR_NOT_FOUND;
+    }
+    if (Unlink(m_slots[found->second], handler) == nullptr) {
+        return NX_ERROR_NOT_FOUND;
+    }
+    m_index.erase(found);
+    return NX_OK;
+}
+
+void CNxTimerQueueCalendar::TimerTick() {
+    // Out of reach while handlers run, in case one of them makes another tick.
+    std::vector<Due> due = std::move(m_spareDue);
+    due.clear();
+    TakeImmediate(due);
+    TakeCurrentSlot(due);
+    m_currentIndex = m_currentIndex == m_lastIndex ? 0 : m_currentIndex + 1;
+    Fire(due);
+    m_spareDue = std::move(due);
+}
+
+NxResult CNxTimerQueueCalendar::OnEventFire() {
+    std::vector<Due> due;
+    TakeImmediate(due);
+    Fire(due);
+    return NX_OK;
+}
+
+void CNxTimerQueueCalendar::TakeImmediate(std::vector<Due>& due) {
+    while (m_immediate != nullptr) {
+        const ValueType& value = m_immediate->m_value;
+        due.push_back({value.m_handler, value.m_token, due.size()});
+        Pop(m_immediate);
+    }
+}
+
+void CNxTimerQueueCalendar::TakeCurrentSlot(std::vector<Due>& due) {
+    Slot*& slot = m_slots[m_currentIndex];
+    Slot* nextRound = nullptr;
+    while (slot != nullptr) {
+        const ValueType& value = slot->m_value;
+        due.push_back({value.m_handler, value.m_token, due.size()});
+        ArmAgain(Pop(slot), nextRound);
+    }
+    slot = nextRound;
+}
+
+void CNxTimerQueueCalendar::ArmAgain(SlotPtr entry, Slot*& nextRound) {
+    const ValueType& value = entry->m_value;
+    const unsigned long left = --entry->m_value.m_count;
+    const unsigned long offset = GetOffset(value.m_interval);
+    const unsigned long index = GetIndex(offset);
+    const bool isThisSlot = index == m_currentIndex;
+    // Due again in the slot of this very tick, which calls a handler but once: the count runs out.
+    if (left == 0 || (isThisSlot && left < c_endlessFrom)) {
+        m_index.erase(value.m_handler);
+    } else if (!isThisSlot) {
+        Place(std::move(entry), index);
+    } else if (offset == 0) {
+        Place(std::move(entry), m_currentIndex == m_lastIndex ? 0 : m_currentIndex + 1);
+    } else {
+        Push(nextRound, std::move(entry));
+    }
+}
+
+void CNxTimerQueueCalendar::Fire(std::vector<Due>& due) {
+    if (due.empty()) {
+        return;
+    }
+    const CNxTimeValue now = CNxTimeValue::GetTimeOfDay();
+    std::sort(due.begin(), due.end(), [](const Due& a, const Due& b) {
+        if (a.m_handler == b.m_handler) {
+            return a.m_order < b.m_order;
+        }
+        return std::less<>()(a.m_handler, b.m_handler);
+    });
+    for (size_t i = 0; i < due.size(); ++i) {
+        if (i + 1 == due.size() || due[i + 1].m_handler != due[i].m_handler) {
+            due[i].m_handler->OnTimeout(now, due[i].m_token);
+        }
+    }
+}
+
+unsigned long CNxTimerQueueCalendar::GetOffset(const CNxTimeValue& interval) const {
+    const auto ms = static_cast<unsigned long>(interval.GetTotalInMsec());
+    const unsigned long ticks = ms / m_slotIntervalMs + (ms % m_slotIntervalMs == 0 ? 0 : 1);
+    return ticks > m_lastIndex - 1 ? m_lastIndex : ticks;
+}
+
+// Wraps by one slot less than the ring has.
+unsigned long CNxTimerQueueCalendar::GetIndex(unsigned long offset) const {
+    const unsigned long index = m_currentIndex + offset;
+    return index <= m_lastIndex ? index : index - m_lastIndex;
+}
+
+void CNxTimerQueueCalendar::Place(SlotPtr entry, unsigned long index) {
+    m_index[entry->m_value.m_handler] = index;
+    Push(m_slots[index], std::move(entry));
+}
+
+// An entry out of the ring is there to be used again; one of the immediate chain is deleted.
+CNxTimerQueueCalendar::SlotPtr CNxTimerQueueCalendar::RemoveExisting(INxTimerHandler* handler) {
+    const auto found = m_index.find(handler);
+    if (found != m_index.end()) {
+        return Unlink(m_slots[found->second], handler);
+    }
+    Unlink(m_immediate, handler);
+    return nullptr;
+}
+
+void CNxTimerQueueCalendar::Push(Slot*& head, SlotPtr entry) {
+    entry->m_next = head;
+    head = entry.release();
+}
+
+CNxTimerQueueCalendar::SlotPtr CNxTimerQueueCalendar::Pop(Slot*& head) {
+    SlotPtr entry(head);
+    if (entry != nullptr) {
+        head = entry->m_next;
+    }
+    return entry;
+}
+
+CNxTimerQueueCalendar::SlotPtr CNxTimerQueueCalendar::Unlink(Slot*& head,
+                                                             const INxTimerHandler* handler) {
+    Slot** link = &head;
+    while (*link != nullptr && (*link)->m_value.m_handler != handler) {
+        link = &(*link)->m_next;
+    }
+    return Pop(*link);
+}

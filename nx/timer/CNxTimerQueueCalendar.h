@@ -1,0 +1,112 @@
+// A timing wheel: a ring of slots, one of which comes due with every tick of the owner. Scheduling
+// and cancelling cost the same however many timers there are; the price is the grid of one slot.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <vector>
+
+#include <nx/thread/INxEventQueue.h>
+#include <nx/timer/INxTimerQueue.h>
+
+// One link of a slot's chain.
+template <class ValueType>
+struct CNxTimerQueueCalendarSlotT {
+    CNxTimerQueueCalendarSlotT* m_next;
+    ValueType m_value;
+};
+
+// Meant for intervals of 1 ms up to the span less two slots; the span is the number of slots times
+// the slot interval. They are rounded up to whole slots; a timer of k slots scheduled between two
+// ticks fires with the (k + 1)-th, and one tick later still when its place lies beyond the end of
+// the ring. A periodic timer comes every k ticks, save for that.
+//
+// Other intervals, down to negative ones, are accepted and do this:
+// - Zero: fires once with the next tick or OnEventFire, whatever its count.
+// - Too long, or negative: fires with the VERY NEXT tick, unless scheduled before the first tick of
+//   a round, then with the last of it. In that tick a finite count is used up; a timer that is due
+//   again fires once and waits for the next round.
+// - Above zero and below 1 ms (either sign): fires with every tick; a finite count is used up by
+//   the first.
+//
+// A tick does all its bookkeeping before it calls handlers, each at most once and in ascending
+// order of their addresses. So they may schedule and cancel, but one that is cancelled by another
+// handler of the same tick is still called in it: do not destroy handlers of others there.
+//
+// Takes no lock and belongs to no thread: the owner serialises the calls, whichever threads they
+// come from, and a handler runs under whatever it holds. Handlers are not owned.
+class CNxTimerQueueCalendar : public INxTimerQueue, public INxEvent {
+public:
+    // Slots of at least 10 ms; as many as fit `maxTimeMs`, but not less than 11.
+    // `eventQueue` is only kept for GetEventQueue; null for that of the calling thread. Throws
+    // std::bad_alloc or std::length_error when the ring is too large for the memory.
+    CNxTimerQueueCalendar(unsigned long slotIntervalMs, unsigned long maxTimeMs,
+                          INxEventQueue* eventQueue);
+
+    // Drops the timers without telling their handlers.
+    ~CNxTimerQueueCalendar() override;
+
+    CNxTimerQueueCalendar(const CNxTimerQueueCalendar&) = delete;
+    CNxTimerQueueCalendar& operator=(const CNxTimerQueueCalendar&) = delete;
+
+    // NX_ERROR_INVALID_ARG for a null handler. NX_ERROR_FOUND when a timer of the handler with an
+    // interval other than zero was replaced by another of that kind; else NX_OK.
+    NxResult ScheduleTimer(INxTimerHandler* handler, void* token, const CNxTimeValue& interval,
+                           unsigned long count) override;
+
+    // As INxTimerQueue, except for timers with an interval of zero, where the answer is
+    // NX_ERROR_NOT_FOUND: they are cancelled all the same, but when such a timer has replaced one
+    // with another interval, it is NOT cancelled.
+    NxResult CancelTimer(INxTimerHandler* handler) override;
+
+    // To be called once per slot interval.
+    void TimerTick();
+
+    // Fires the timers with an interval of zero. NX_OK. Nobody in the library posts a calendar; an
+    // owner that wants them sooner than the next tick may, to its own queue.
+    NxResult OnEventFire() override;
+    // Leaves the object alone: posting it does not give it away.
+    void OnDestorySelf() override {}
+
+    INxEventQueue* GetEventQueue() const { return m_eventQueue; }
+
+private:
+    struct ValueType {
+        INxTimerHandler* m_handler;
+        void* m_token;
+        CNxTimeValue m_interval;
+        unsigned long m_count;  // firings left
+    };
+    using Slot = CNxTimerQueueCalendarSlotT<ValueType>;
+    using SlotPtr = std::unique_ptr<Slot>;
+
+    // A call that a tick has to make. Later ones of a handler supersede earlier ones.
+    struct Due {
+        INxTimerHandler* m_handler;
+        void* m_token;
+        size_t m_order;
+    };
+
+    static void Push(Slot*& head, SlotPtr entry);
+    static SlotPtr Pop(Slot*& head);
+    static SlotPtr Unlink(Slot*& head, const INxTimerHandler* handler);
+
+    unsigned long GetOffset(const CNxTimeValue& interval) const;
+    unsigned long GetIndex(unsigned long offset) const;
+    void Place(SlotPtr entry, unsigned long index);
+    SlotPtr RemoveExisting(INxTimerHandler* handler);
+    void TakeImmediate(std::vector<Due>& due);
+    void TakeCurrentSlot(std::vector<Due>& due);
+    void ArmAgain(SlotPtr entry, Slot*& nextRound);
+    void Fire(std::vector<Due>& due);
+
+    const unsigned long m_slotIntervalMs;
+    std::vector<Slot*> m_slots;  // chains, owned
+    const unsigned long m_lastIndex;
+    unsigned long m_currentIndex = 0;  // the slot of the next tick
+    INxEventQueue* const m_eventQueue;
+    Slot* m_immediate = nullptr;  // intervals of zero; owned
+    // Where the handler's entry is. Stays behind when the entry moves to the immediate chain.
+    std::map<INxTimerHandler*, unsigned long> m_index;
+    std::vector<Due> m_spareDue;  // its memory serves every tick
+};
