@@ -20,38 +20,39 @@ bool CNxTimerPriorityQueue::IsBehind(const CKey& key, const CKey& other) {
 }
 
 int CNxTimerPriorityQueue::PushNode_l(const CNode& node) {
-    const auto found = m_index.find(node.m_handler);
-    if (found == m_index.end()) {
-        return RePushNode_l(node);
+    if (m_heap.size() == m_heap.capacity()) {
+        m_heap.reserve(2 * m_heap.size() + c_children);
     }
-    CEntry& entry = found->second;
-    entry.m_node = node;
-    Settle(entry.m_place, {node.m_expiry, ++m_sequence, &entry});
+    bool inserted = false;
+    CEntry* entry = FindOrInsert(node.m_handler, inserted);
+    // From here on nothing throws.
+    entry->m_node = node;
+    const CKey key{node.m_expiry, ++m_sequence, entry};
+    if (inserted) {
+        m_heap.push_back(key);
+        Put(SiftUp(m_heap.size() - 1, key), key);
+        return 0;
+    }
+    Settle(entry->m_place, key);
     return 1;
 }
 
 int CNxTimerPriorityQueue::RePushNode_l(const CNode& node) {
-    m_heap.emplace_back();
-    CEntry* entry = nullptr;
-    try {
-        entry = &Insert(node)->second;
-    } catch (...) {
-        m_heap.pop_back();
-        throw;
-    }
-    const size_t place = m_heap.size() - 1;
-    const CKey key{node.m_expiry, ++m_sequence, entry};
-    Put(SiftUp(place, key), key);
-    return 0;
+    return PushNode_l(node);
 }
 
-CNxTimerPriorityQueue::Index::iterator CNxTimerPriorityQueue::Insert(const CNode& node) {
+CNxTimerPriorityQueue::CEntry* CNxTimerPriorityQueue::FindOrInsert(INxTimerHandler* handler,
+                                                                   bool& inserted) {
     if (m_spare.empty()) {
-        return m_index.try_emplace(node.m_handler, CEntry{node, 0}).first;
+        const auto result = m_index.try_emplace(handler);
+        inserted = result.second;
+        return &result.first->second;
     }
-    m_spare.key() = node.m_handler;
-    m_spare.mapped().m_node = node;
-    return m_index.insert(std::move(m_spare)).position;
+    m_spare.key() = handler;
+    auto result = m_index.insert(std::move(m_spare));
+    inserted = result.inserted;
+    m_spare = std::move(result.node);  // given back when the handler has a timer
+    return &result.position->second;
 }
 
 int CNxTimerPriorityQueue::EraseNode_l(INxTimerHandler* handler) {

@@ -36,7 +36,7 @@ private:
     using Index = std::unordered_map<INxTimerHandler*, CEntry>;
 
     static bool IsBehind(const CKey& key, const CKey& other);
-    Index::iterator Insert(const CNode& node);
+    CEntry* FindOrInsert(INxTimerHandler* handler, bool& inserted);
     void Remove(Index::iterator entry);
     void Settle(size_t place, const CKey& key);
     size_t SiftUp(size_t place, const CKey& key);

@@ -32,8 +32,9 @@ CNxTimerQueueCalendar::CNxTimerQueueCalendar(unsigned long slotIntervalMs, unsig
 
 CNxTimerQueueCalendar::~CNxTimerQueueCalendar() {
     m_slots.push_back(m_immediate);
-    for (Slot* head : m_slots) {
-        while (Pop(head) != nullptr) {
+    for (Slot* entry : m_slots) {
+        while (entry != nullptr) {
+            entry = SlotPtr(entry)->m_next;
         }
     }
 }
@@ -45,17 +46,16 @@ NxResult CNxTimerQueueCalendar::ScheduleTimer(INxTimerHandler* handler, void* to
     }
     SlotPtr entry = RemoveExisting(handler);
     const bool existed = entry != nullptr;
-    const ValueType value{handler, token, interval, count == 0 ? c_endless : count};
-    if (existed) {
-        entry->m_value = value;
-    } else {
-        entry.reset(new Slot{nullptr, value});
+    if (!existed) {
+        entry = std::make_unique<Slot>();
     }
+    entry->m_value = {handler, token, interval, count == 0 ? c_endless : count};
     if (interval == CNxTimeValue::s_tvZero()) {
         Push(m_immediate, std::move(entry));
         return NX_OK;
     }
-    Place(std::move(entry), GetIndex(GetOffset(interval)));
+    m_entries[handler] = entry.get();
+    Push(m_slots[GetIndex(GetOffset(interval))], std::move(entry));
     return existed ? NX_ERROR_FOUND : NX_OK;
 }
 
@@ -63,15 +63,16 @@ NxResult CNxTimerQueueCalendar::CancelTimer(INxTimerHandler* handler) {
     if (handler == nullptr) {
         return NX_ERROR_INVALID_ARG;
     }
-    const auto found = m_index.find(handler);
-    if (found == m_index.end()) {
-        Unlink(m_immediate, handler);
+    const auto found = m_entries.find(handler);
+    if (found == m_entries.end()) {
+        RemoveImmediate(handler);
         return NX_ERROR_NOT_FOUND;
     }
-    if (Unlink(m_slots[found->second], handler) == nullptr) {
+    if (found->second == nullptr) {
         return NX_ERROR_NOT_FOUND;
     }
-    m_index.erase(found);
+    Unlink(found->second);
+    m_entries.erase(found);
     return NX_OK;
 }
 
@@ -97,7 +98,7 @@ void CNxTimerQueueCalendar::TakeImmediate(std::vector<Due>& due) {
     while (m_immediate != nullptr) {
         const ValueType& value = m_immediate->m_value;
         due.push_back({value.m_handler, value.m_token, due.size()});
-        Pop(m_immediate);
+        Unlink(m_immediate);
     }
 }
 
@@ -107,9 +108,12 @@ void CNxTimerQueueCalendar::TakeCurrentSlot(std::vector<Due>& due) {
     while (slot != nullptr) {
         const ValueType& value = slot->m_value;
         due.push_back({value.m_handler, value.m_token, due.size()});
-        ArmAgain(Pop(slot), nextRound);
+        ArmAgain(Unlink(slot), nextRound);
     }
     slot = nextRound;
+    if (slot != nullptr) {
+        slot->m_self = &slot;
+    }
 }
 
 void CNxTimerQueueCalendar::ArmAgain(SlotPtr entry, Slot*& nextRound) {
@@ -120,11 +124,11 @@ void CNxTimerQueueCalendar::ArmAgain(SlotPtr entry, Slot*& nextRound) {
     const bool isThisSlot = index == m_currentIndex;
     // Due again in the slot of this very tick, which calls a handler but once: the count runs out.
     if (left == 0 || (isThisSlot && left < c_endlessFrom)) {
-        m_index.erase(value.m_handler);
+        m_entries.erase(value.m_handler);
     } else if (!isThisSlot) {
-        Place(std::move(entry), index);
+        Push(m_slots[index], std::move(entry));
     } else if (offset == 0) {
-        Place(std::move(entry), m_currentIndex == m_lastIndex ? 0 : m_currentIndex + 1);
+        Push(m_slots[m_currentIndex == m_lastIndex ? 0 : m_currentIndex + 1], std::move(entry));
     } else {
         Push(nextRound, std::move(entry));
     }
@@ -151,7 +155,7 @@ void CNxTimerQueueCalendar::Fire(std::vector<Due>& due) {
 unsigned long CNxTimerQueueCalendar::GetOffset(const CNxTimeValue& interval) const {
     const auto ms = static_cast<unsigned long>(interval.GetTotalInMsec());
     const unsigned long ticks = ms / m_slotIntervalMs + (ms % m_slotIntervalMs == 0 ? 0 : 1);
-    return ticks > m_lastIndex - 1 ? m_lastIndex : ticks;
+    return std::min(ticks, m_lastIndex);
 }
 
 // Wraps by one slot less than the ring has.
@@ -160,39 +164,40 @@ unsigned long CNxTimerQueueCalendar::GetIndex(unsigned long offset) const {
     return index <= m_lastIndex ? index : index - m_lastIndex;
 }
 
-void CNxTimerQueueCalendar::Place(SlotPtr entry, unsigned long index) {
-    m_index[entry->m_value.m_handler] = index;
-    Push(m_slots[index], std::move(entry));
-}
-
 // An entry out of the ring is there to be used again; one of the immediate chain is deleted.
 CNxTimerQueueCalendar::SlotPtr CNxTimerQueueCalendar::RemoveExisting(INxTimerHandler* handler) {
-    const auto found = m_index.find(handler);
-    if (found != m_index.end()) {
-        return Unlink(m_slots[found->second], handler);
+    const auto found = m_entries.find(handler);
+    if (found == m_entries.end()) {
+        RemoveImmediate(handler);
+        return nullptr;
     }
-    Unlink(m_immediate, handler);
-    return nullptr;
+    Slot* entry = found->second;
+    found->second = nullptr;
+    return entry == nullptr ? nullptr : Unlink(entry);
+}
+
+void CNxTimerQueueCalendar::RemoveImmediate(const INxTimerHandler* handler) {
+    for (Slot* entry = m_immediate; entry != nullptr; entry = entry->m_next) {
+        if (entry->m_value.m_handler == handler) {
+            Unlink(entry);
+            return;
+        }
+    }
 }
 
 void CNxTimerQueueCalendar::Push(Slot*& head, SlotPtr entry) {
     entry->m_next = head;
+    entry->m_self = &head;
+    if (head != nullptr) {
+        head->m_self = &entry->m_next;
+    }
     head = entry.release();
 }
 
-CNxTimerQueueCalendar::SlotPtr CNxTimerQueueCalendar::Pop(Slot*& head) {
-    SlotPtr entry(head);
-    if (entry != nullptr) {
-        head = entry->m_next;
+CNxTimerQueueCalendar::SlotPtr CNxTimerQueueCalendar::Unlink(Slot* entry) {
+    *entry->m_self = entry->m_next;
+    if (entry->m_next != nullptr) {
+        entry->m_next->m_self = entry->m_self;
     }
-    return entry;
-}
-
-CNxTimerQueueCalendar::SlotPtr CNxTimerQueueCalendar::Unlink(Slot*& head,
-                                                             const INxTimerHandler* handler) {
-    Slot** link = &head;
-    while (*link != nullptr && (*link)->m_value.m_handler != handler) {
-        link = &(*link)->m_next;
-    }
-    return Pop(*link);
+    return SlotPtr(entry);
 }

@@ -2,8 +2,8 @@
 // and cancelling cost the same however many timers there are; the price is the grid of one slot.
 #pragma once
 
-#include <map>
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 #include <nx/thread/INxEventQueue.h>
@@ -14,6 +14,7 @@ template <class ValueType>
 struct CNxTimerQueueCalendarSlotT {
     CNxTimerQueueCalendarSlotT* m_next;
     ValueType m_value;
+    CNxTimerQueueCalendarSlotT** m_self;  // what points to this one
 };
 
 // Meant for intervals of 1 ms up to the span less two slots; the span is the number of slots times
@@ -88,13 +89,12 @@ private:
     };
 
     static void Push(Slot*& head, SlotPtr entry);
-    static SlotPtr Pop(Slot*& head);
-    static SlotPtr Unlink(Slot*& head, const INxTimerHandler* handler);
+    static SlotPtr Unlink(Slot* entry);
 
     unsigned long GetOffset(const CNxTimeValue& interval) const;
     unsigned long GetIndex(unsigned long offset) const;
-    void Place(SlotPtr entry, unsigned long index);
     SlotPtr RemoveExisting(INxTimerHandler* handler);
+    void RemoveImmediate(const INxTimerHandler* handler);
     void TakeImmediate(std::vector<Due>& due);
     void TakeCurrentSlot(std::vector<Due>& due);
     void ArmAgain(SlotPtr entry, Slot*& nextRound);
@@ -106,7 +106,7 @@ private:
     unsigned long m_currentIndex = 0;  // the slot of the next tick
     INxEventQueue* const m_eventQueue;
     Slot* m_immediate = nullptr;  // intervals of zero; owned
-    // Where the handler's entry is. Stays behind when the entry moves to the immediate chain.
-    std::map<INxTimerHandler*, unsigned long> m_index;
+    // The entry that a handler has in the ring; null when that was moved to the immediate chain.
+    std::unordered_map<INxTimerHandler*, Slot*> m_entries;
     std::vector<Due> m_spareDue;  // its memory serves every tick
 };
