@@ -111,19 +111,22 @@ size_t CNxTimerPriorityQueue::SiftUp(size_t place, const CKey& key) {
 }
 
 size_t CNxTimerPriorityQueue::SiftDown(size_t place, const CKey& key) {
-    for (size_t child = c_children * place + 1; child < m_heap.size();
-         child = c_children * place + 1) {
-        const auto first = m_heap.begin() + static_cast<std::ptrdiff_t>(child);
-        const auto end = m_heap.begin() +
-                         static_cast<std::ptrdiff_t>(std::min(child + c_children, m_heap.size()));
-        const auto ahead = std::max_element(first, end, IsBehind);
-        if (!IsBehind(key, *ahead)) {
-            break;
+    for (;;) {
+        const size_t first = c_children * place + 1;
+        const size_t end = std::min(first + c_children, m_heap.size());
+        if (first >= end) {
+            return place;
         }
-        Put(place, *ahead);
-        place = static_cast<size_t>(ahead - m_heap.begin());
+        size_t ahead = first;
+        for (size_t child = first + 1; child < end; ++child) {
+            ahead = IsBehind(m_heap[ahead], m_heap[child]) ? child : ahead;
+        }
+        if (!IsBehind(key, m_heap[ahead])) {
+            return place;
+        }
+        Put(place, m_heap[ahead]);
+        place = ahead;
     }
-    return place;
 }
 
 void CNxTimerPriorityQueue::Put(size_t place, const CKey& key) {
