@@ -24,9 +24,9 @@ struct CNxTimerQueueCalendarSlotT {
 //
 // Other intervals, down to negative ones, are accepted and do this:
 // - Zero: fires once with the next tick or OnEventFire, whatever its count.
-// - Too long, or -1 ms and less: fires with the VERY NEXT tick, unless scheduled before the first tick of
-//   a round, then with the last of it. In that tick a finite count is used up; a timer that is due
-//   again fires once and waits for the next round.
+// - Too long, or -1 ms and less: fires with the VERY NEXT tick, unless scheduled before the first
+//   tick of a round, then with the last of it. A finite count is used up by that; an endless timer
+//   fires once and waits for the next round.
 // - Less than 1 ms of either sign: fires with every tick; a finite count is used up by the first.
 //
 // A tick does all its bookkeeping before it calls handlers, each at most once and in ascending
