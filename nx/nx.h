@@ -31,6 +31,9 @@
 #include <nx/reactor/CNxReactorBase.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/reactor/CNxReactorNotifyPipe.h>
+#include <nx/reactor/CNxReactorRealTimeSignal.h>
+#include <nx/reactor/CNxReactorSelect.h>
+#include <nx/reactor/CNxReactorThreadProxy.h>
 #include <nx/reactor/INxEventHandler.h>
 #include <nx/reactor/INxReactor.h>
 #include <nx/thread/CNxEventQueueBase.h>

@@ -69,7 +69,8 @@ NxResult CNxEventHandlerRepository::SetRlimit(int resource, int wanted, int& act
 int CNxEventHandlerRepository::FillFdSets(fd_set& readSet, fd_set& writeSet,
                                           fd_set& /*exceptionSet*/) const {
     int largest = -1;
-    for (int i = 0; i < m_nMaxHandler; ++i) {
+    const int end = std::min(m_nMaxHandler, static_cast<int>(FD_SETSIZE));
+    for (int i = 0; i < end; ++i) {
         const CElement& element = At(i);
         const int fd = element.m_handler != nullptr ? element.m_handler->GetHandle() : -1;
         if (fd < 0 || fd >= FD_SETSIZE) {

@@ -46,9 +46,9 @@ public:
     static NxResult SetRlimit(int resource, int wanted, int& actual);
 
     // Adds the descriptor of every handler, asked with GetHandle(), to the read set (input and
-    // connect bits) and the write set (output bits). The exception set is not touched; descriptors
-    // that an fd_set cannot hold (FD_SETSIZE) are passed over. The largest descriptor, or -1
-    // without any.
+    // connect bits) and the write set (output bits). The exception set is not touched; places and
+    // descriptors that an fd_set cannot hold (FD_SETSIZE) are passed over. The largest descriptor,
+    // or -1 without any.
     int FillFdSets(fd_set& readSet, fd_set& writeSet, fd_set& exceptionSet) const;
 
 private:

@@ -31,6 +31,18 @@ NxResult CNxReactorBase::Open() {
     return opened;
 }
 
+NxResult CNxReactorBase::FinishOpen(NxResult opened) {
+    if (opened != NX_OK) {
+        Close();
+        return opened;
+    }
+    SetStartFlag();
+    if (GetPendingEventsCount() != 0) {
+        NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE);
+    }
+    return NX_OK;
+}
+
 NxResult CNxReactorBase::Close() {
     m_Est.EnsureSingleThread(c_name);
     m_pTimerQueue.reset();
@@ -128,7 +140,7 @@ NxResult CNxReactorBase::PostEvent(INxEvent* event, INxEventQueue::EPriority pri
     size_t oldSize = 0;
     const NxResult posted = PostEventWithOldSize(event, priority, &oldSize);
     if (posted == NX_OK && oldSize == 0) {
-        // If this fails the pipe is full of other wake-ups, or Open is still to come and looks.
+        // Needs no answer: a reactor that is full of wake-ups wakes, and Open looks for itself.
         NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE);
     }
     return posted;
@@ -162,6 +174,11 @@ NxResult CNxReactorBase::ProcessTimerTick() {
     }
     m_pTimerQueue->CheckExpire(nullptr);
     return NX_OK;
+}
+
+int CNxReactorBase::FireTimers(CNxTimeValue& remaining) {
+    remaining = CNxTimeValue::s_tvMax();
+    return m_pTimerQueue != nullptr ? m_pTimerQueue->CheckExpire(&remaining) : 0;
 }
 
 NxResult CNxReactorBase::ProcessHandleEvent(int fd, long mask, long /*reason*/, int /*fromNotify*/,

@@ -97,6 +97,14 @@ public:
     virtual NxResult OnHandleRegister(int fd, long mask, INxEventHandler* handler) = 0;
 
 protected:
+    // The last step of an Open. NX_OK starts the loop's flag and has the events run that were
+    // posted before there was anything to wake; anything else closes the reactor. Answers `opened`.
+    NxResult FinishOpen(NxResult opened);
+
+    // Fires the due timers and answers how many; `remaining` gets the time until the next one,
+    // s_tvMax() without any.
+    int FireTimers(CNxTimeValue& remaining);
+
     // The end of the loop: refuses further events and fires those posted until now.
     void RunLastEvents();
 

@@ -39,17 +39,7 @@ CNxReactorEpoll::~CNxReactorEpoll() {
 }
 
 NxResult CNxReactorEpoll::Open() {
-    const NxResult opened = OpenParts();
-    if (opened != NX_OK) {
-        Close();
-        return opened;
-    }
-    SetStartFlag();
-    // What was posted before there was a pipe has woken nobody.
-    if (GetPendingEventsCount() != 0) {
-        NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE);
-    }
-    return NX_OK;
+    return FinishOpen(OpenParts());
 }
 
 NxResult CNxReactorEpoll::OpenParts() {
@@ -103,8 +93,8 @@ NxResult CNxReactorEpoll::StopEventLoop() {
 NxResult CNxReactorEpoll::RunEventLoop() {
     m_Est.EnsureSingleThread("an epoll reactor");
     while (!IsStopped()) {
-        CNxTimeValue remaining = CNxTimeValue::s_tvMax();
-        const int fired = m_pTimerQueue != nullptr ? m_pTimerQueue->CheckExpire(&remaining) : 0;
+        CNxTimeValue remaining;
+        const int fired = FireTimers(remaining);
         const int timeoutMs = ToTimeoutMs(remaining);
         if (timeoutMs == 0 && fired == 0) {
             continue;

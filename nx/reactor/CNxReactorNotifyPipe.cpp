@@ -55,6 +55,7 @@ NxResult CNxReactorNotifyPipe::Close() {
 NxResult CNxReactorNotifyPipe::OpenPipe() {
     CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
     m_records.store(0);
+    m_eventsOwed.store(false);
     const NxResult opened = m_PipeNotify.Open(c_pipeSize);
     if (opened != NX_OK) {
         return opened;
@@ -71,20 +72,29 @@ NxResult CNxReactorNotifyPipe::ClosePipe() {
 NxResult CNxReactorNotifyPipe::Notify(INxEventHandler* handler, long mask) {
     const CRecord record{handler != nullptr ? handler->GetHandle() : -1, 0, mask};
     CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
-    const int handle = m_PipeNotify.GetWriteHandle();
-    if (handle == -1) {
+    if (m_PipeNotify.GetWriteHandle() == -1) {
         return NX_ERROR_NOT_INITIALIZED;
     }
+    bool written = Write(&record, sizeof(record));
+    if (!written && handler == nullptr) {
+        m_eventsOwed.store(true);
+        // The pipe may have been emptied before the mark was there to be seen.
+        written = Write(&record, sizeof(record));
+    }
+    return written ? NX_OK : NX_ERROR_UNEXPECTED;
+}
+
+bool CNxReactorNotifyPipe::Write(const void* record, size_t size) {
     m_records.fetch_add(1);
     ssize_t sent = 0;
     do {
-        sent = send(handle, &record, sizeof(record), MSG_NOSIGNAL);
+        sent = send(m_PipeNotify.GetWriteHandle(), record, size, MSG_NOSIGNAL);
     } while (sent == -1 && errno == EINTR);
-    if (sent == static_cast<ssize_t>(sizeof(record))) {
-        return NX_OK;
+    if (sent == static_cast<ssize_t>(size)) {
+        return true;
     }
     m_records.fetch_sub(1);
-    return NX_ERROR_UNEXPECTED;
+    return false;
 }
 
 int CNxReactorNotifyPipe::GetHandle() const {
@@ -101,6 +111,10 @@ int CNxReactorNotifyPipe::OnInput(int fd) {
     // The pipe's own descriptor stands for a wake-up and nothing else.
     if (record.m_fd != fd && m_pReactor != nullptr) {
         m_pReactor->ProcessHandleEvent(record.m_fd, record.m_mask, 0, 1, 0);
+    }
+    if (m_eventsOwed.load(std::memory_order_relaxed) && m_eventsOwed.exchange(false) &&
+        m_pReactor != nullptr) {
+        m_pReactor->ProcessHandleEvent(-1, NX_MASK_EVENT_QUEUE, 0, 1, 0);
     }
     return 0;
 }

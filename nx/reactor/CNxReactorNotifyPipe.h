@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 
 #include <nx/foundation/CNxMutexThread.h>
 #include <nx/reactor/CNxPipe.h>
@@ -35,7 +36,8 @@ public:
     // Has the reactor dispatch `mask` to the descriptor of `handler`, or to -1 for null. The pipe
     // itself as the handler, with mask 0, only wakes the reactor. Never blocks.
     // NX_OK, NX_ERROR_NOT_INITIALIZED when closed, NX_ERROR_UNEXPECTED when the record does not
-    // go in: the pipe is full (it takes some 170), so that the reactor is about to wake anyway.
+    // go in: the pipe is full (it takes some 170), so that the reactor is about to wake anyway. It
+    // then still runs the posted events that a null handler stands for.
     NxResult Notify(INxEventHandler* handler, long mask);
 
     // Whether records wait that OnInput has not read. True may also mean one that is on its way.
@@ -50,10 +52,13 @@ public:
 private:
     NxResult OpenPipe();
     NxResult ClosePipe();
+    bool Write(const void* record, size_t size) NX_REQUIRES(m_mutex);
 
     mutable CNxMutexThread m_mutex;
     CNxPipe m_PipeNotify NX_GUARDED_BY(m_mutex);
     CNxReactorBase* m_pReactor = nullptr;
     // Counted before a record is written and after it is read, so it is never below their number.
     std::atomic<long> m_records{0};
+    // Posted events whose record found no room; the next record that is read runs them.
+    std::atomic<bool> m_eventsOwed{false};
 };

@@ -1,0 +1,92 @@
+// A reactor as seen from other threads: registers and removes handlers on the reactor's own thread.
+#pragma once
+
+#include <nx/reactor/INxReactor.h>
+#include <nx/thread/CNxThreadProxyManager.h>
+
+// Any thread, except that buffer and cookie are those of the real reactor and without a lock: they
+// belong to its thread unless the users agree otherwise. The real reactor and its thread are not
+// owned and must outlive the proxy. With another proxy as the real reactor the calls go through
+// both.
+//
+// Not complete: PostEvent with a priority and GetPendingEventsCount are left to a subclass, such as
+// CNxReactorThreadProxyImp.
+class CNxReactorThreadProxy : public INxReactor, public CNxThreadProxyBase {
+public:
+    // Runs `reactor->RegisterHandler(handler, mask)` where it fires, RemoveHandler respectively.
+    // NX_ERROR_NULL_POINTER without a reactor.
+    class CEventRegisterHandler : public INxEvent {
+    public:
+        CEventRegisterHandler(INxReactor* reactor, INxEventHandler* handler, long mask)
+            : m_reactor(reactor), m_handler(handler), m_mask(mask) {}
+        NxResult OnEventFire() override;
+
+    private:
+        INxReactor* const m_reactor;
+        INxEventHandler* const m_handler;
+        const long m_mask;
+    };
+
+    class CEventRemoveHandler : public INxEvent {
+    public:
+        CEventRemoveHandler(INxReactor* reactor, INxEventHandler* handler, long mask)
+            : m_reactor(reactor), m_handler(handler), m_mask(mask) {}
+        NxResult OnEventFire() override;
+
+    private:
+        INxReactor* const m_reactor;
+        INxEventHandler* const m_handler;
+        const long m_mask;
+    };
+
+    // `type` is that of the thread that runs the reactor and is registered now.
+    CNxReactorThreadProxy(INxReactor* reactor, int type);
+
+    // Blocks until the reactor's thread has done it; on that thread itself done at once. What the
+    // real reactor answers; NX_ERROR_NULL_POINTER without a reactor, NX_ERROR_UNEXPECTED without a
+    // thread, NX_ERROR_NOT_INITIALIZED or NX_ERROR_NOT_AVAILABLE when the thread has ended or ends
+    // meanwhile.
+    NxResult RegisterHandler(INxEventHandler* handler, long mask) override;
+    NxResult RemoveHandler(INxEventHandler* handler, long mask) override;
+
+    // Those of the real reactor; 0 and null without one.
+    int GetReactorType() override;
+    char* GetBufferPtr() override;
+    unsigned long GetBufferSize() override;
+    void* GetCookie() override;
+    void SetCookie(void* cookie) override;
+
+    // What belongs to the reactor's thread or to its owner. All answer NX_ERROR_NOT_IMPLEMENTED and
+    // do nothing, except that an event is destroyed.
+    NxResult Open() override;
+    NxResult Close() override;
+    NxResult RunEventLoop() override;
+    NxResult StopEventLoop() override;
+    NxResult NotifyHandler(INxEventHandler* handler, long mask) override;
+    NxResult ScheduleTimer(INxTimerHandler* handler, void* token, const CNxTimeValue& interval,
+                           unsigned long count) override;
+    NxResult CancelTimer(INxTimerHandler* handler) override;
+    NxResult SendEvent(INxEvent* event) override;
+    using INxReactor::PostEvent;
+    virtual NxResult PostEvent(INxEvent* event);
+
+protected:
+    INxReactor* GetReactor() const { return m_reactor; }
+
+private:
+    INxReactor* const m_reactor;
+};
+
+// The proxy for applications.
+class CNxReactorThreadProxyImp : public CNxReactorThreadProxy {
+public:
+    using CNxReactorThreadProxy::CNxReactorThreadProxy;
+    using CNxReactorThreadProxy::PostEvent;
+
+    // Posts to the reactor's thread: as INxEventQueue::PostEvent; NX_ERROR_UNEXPECTED without a
+    // thread, and the event is destroyed.
+    NxResult PostEvent(INxEvent* event, INxEventQueue::EPriority priority) override;
+
+    // Of the real reactor; 0 without one.
+    size_t GetPendingEventsCount() override;
+};

@@ -1,0 +1,142 @@
+// What the tests of the reactors have in common.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <nx/reactor/CNxReactorBase.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <functional>
+#include <memory>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "../support/CountedEvent.h"
+
+inline constexpr auto c_normal = INxEventQueue::PRIORITY_NORMAL;
+
+// One end of a socket pair with its handler; the other end is the peer.
+class End : public INxEventHandler {
+public:
+    using Callback = std::function<int(End&)>;
+
+    explicit End(Callback onInput = nullptr, Callback onOutput = nullptr)
+        : m_onInput(std::move(onInput)), m_onOutput(std::move(onOutput)) {
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_fds), 0);
+    }
+    ~End() override {
+        close(m_fds[0]);
+        HangUp();
+    }
+    End(const End&) = delete;
+    End& operator=(const End&) = delete;
+
+    int GetHandle() const override { return m_fds[0]; }
+    int OnInput(int /*fd*/) override {
+        ++m_inputs;
+        return m_onInput ? m_onInput(*this) : 0;
+    }
+    int OnOutput(int /*fd*/) override {
+        ++m_outputs;
+        return m_onOutput ? m_onOutput(*this) : 0;
+    }
+    int OnClose(int /*fd*/, long mask) override {
+        m_closedWith = mask;
+        return 0;
+    }
+    int Peer() const { return m_fds[1]; }
+    void Send() const { EXPECT_EQ(send(m_fds[1], "x", 1, MSG_NOSIGNAL), 1); }
+    int Drain() const {
+        char buffer[64];
+        ssize_t sum = 0;
+        ssize_t got = 0;
+        while ((got = recv(m_fds[0], buffer, sizeof(buffer), MSG_DONTWAIT)) > 0) {
+            sum += got;
+        }
+        return static_cast<int>(sum);
+    }
+    void HangUp() {
+        if (m_fds[1] != -1) {
+            close(m_fds[1]);
+            m_fds[1] = -1;
+        }
+    }
+
+    int m_inputs = 0;
+    int m_outputs = 0;
+    long m_closedWith = 0;
+
+private:
+    Callback m_onInput;
+    Callback m_onOutput;
+    int m_fds[2] = {-1, -1};
+};
+
+class Timer : public INxTimerHandler {
+public:
+    explicit Timer(std::function<void()> action) : m_action(std::move(action)) {}
+    void OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) override {
+        ++m_fired;
+        m_action();
+    }
+    int m_fired = 0;
+
+private:
+    std::function<void()> m_action;
+};
+
+// Makes the loop end; what is posted or ready by then is still served.
+inline void StopSoon(INxReactor& reactor, EventCounts& counts) {
+    reactor.PostEvent(new CountedEvent(counts, [&] { return reactor.StopEventLoop(); }), c_normal);
+}
+
+// Serves `count` clients on the reactor while another thread sends each a byte and waits for its
+// answer, `rounds` times; all bytes of a round are under way together.
+inline void EchoClients(INxReactor& reactor, int count, int rounds) {
+    std::vector<std::unique_ptr<End>> ends;
+    for (int i = 0; i < count; ++i) {
+        ends.push_back(std::make_unique<End>([](End& self) {
+            for (int left = self.Drain(); left > 0; --left) {
+                EXPECT_EQ(send(self.GetHandle(), "y", 1, MSG_NOSIGNAL), 1);
+            }
+            return 0;
+        }));
+        ASSERT_EQ(reactor.RegisterHandler(ends.back().get(), NX_MASK_READ), NX_OK);
+    }
+    int answers = 0;
+    std::thread clients([&] {
+        const timeval patience{20, 0};
+        for (const auto& end : ends) {
+            setsockopt(end->Peer(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+        }
+        for (int round = 0; round < rounds && answers == round * count; ++round) {
+            for (const auto& end : ends) {
+                end->Send();
+            }
+            for (const auto& end : ends) {
+                char byte = 0;
+                answers += recv(end->Peer(), &byte, 1, 0) == 1 ? 1 : 0;
+            }
+        }
+        while (reactor.StopEventLoop() != NX_OK) {
+            std::this_thread::yield();
+        }
+    });
+    EXPECT_EQ(reactor.RunEventLoop(), NX_OK);
+    clients.join();
+    EXPECT_EQ(answers, count * rounds);
+    for (const auto& end : ends) {
+        EXPECT_EQ(end->m_closedWith, 0);
+        reactor.RemoveHandler(end.get(), NX_MASK_ALL_EVENTS);
+    }
+}
+
+inline int CountDescriptors() {
+    int count = 0;
+    for (int fd = 0; fd < 1024; ++fd) {
+        count += fcntl(fd, F_GETFD) != -1 ? 1 : 0;
+    }
+    return count;
+}
