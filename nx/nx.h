@@ -41,6 +41,7 @@
 #include <nx/thread/CNxEventQueueUsingMutex.h>
 #include <nx/thread/CNxEventStop.h>
 #include <nx/thread/CNxSignalStop.h>
+#include <nx/thread/CNxSimpleMessageQueue.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadDummy.h>
 #include <nx/thread/CNxThreadHeartBeat.h>
@@ -50,9 +51,12 @@
 #include <nx/thread/CNxThreadTask.h>
 #include <nx/thread/CNxUtilClasses.h>
 #include <nx/thread/INxEventQueue.h>
+#include <nx/timer/CNxTimerPreciseManager.h>
+#include <nx/timer/CNxTimerPreciseWrapperID.h>
 #include <nx/timer/CNxTimerPriorityQueue.h>
 #include <nx/timer/CNxTimerQueueBase.h>
 #include <nx/timer/CNxTimerQueueCalendar.h>
 #include <nx/timer/CNxTimerQueueOrderedList.h>
+#include <nx/timer/CNxTimerWrapperID.h>
 #include <nx/timer/INxTimerQueue.h>
 #include <nx/trace/trace_setting.h>

@@ -41,7 +41,8 @@ inline constexpr int NX_THREAD_USER = 4097;
 // destroys the clean-up objects (CNxCleanUpBase) newest first, then the thread objects. A thread
 // that cannot be stopped or joined is left alone, together with its object and the manager, so the
 // process exits all the same. When exit() runs on a thread other than a registered main thread, no
-// thread is stopped and the objects of running threads are left alone.
+// thread but that of the precise timers is stopped and the objects of running threads are left
+// alone.
 //
 // Any thread may call any operation. A thread object that a look-up returned is not protected
 // against being destroyed meanwhile: whoever destroys threads orders that with their users.
@@ -98,8 +99,10 @@ public:
 
     // Calls Stop(timeout) respectively Join() of every registered thread except the main one and
     // ignores their answers: a thread with nothing to join (detached, a dummy, a heartbeat, joined
-    // before) is passed over. NX_OK; NX_ERROR_FAILURE, with nothing done, when a main thread is
-    // registered and the caller is not it.
+    // before) is passed over. The thread of the precise timers is ended and joined by the first
+    // JoinAllThreads after a StopAllThreads, behind all others; any other one passes it over.
+    // NX_OK; NX_ERROR_FAILURE, with nothing done, when a main thread is registered and the caller
+    // is not it.
     virtual NxResult StopAllThreads(CNxTimeValue* timeout) = 0;
     virtual NxResult JoinAllThreads() = 0;
 

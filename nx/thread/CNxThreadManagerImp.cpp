@@ -4,6 +4,7 @@
 #include <nx/thread/CNxThreadManagerImp.h>
 #include <nx/thread/CNxThreadReactor.h>
 #include <nx/thread/CNxThreadTask.h>
+#include <nx/timer/CNxTimerPreciseManager.h>
 #include <nx/trace/trace_setting.h>
 #include <unistd.h>
 
@@ -52,6 +53,11 @@ void BindToCallingThread(CNxThread* thread) {
 // Whether a thread that answered this to Stop will leave its loop.
 bool IsEnding(NxResult stopped) {
     return stopped == NX_OK || stopped == NX_ERROR_NOT_INITIALIZED;
+}
+
+// It is not ended by its Stop and must not be waited for.
+bool IsPreciseTimerThread(CNxThread* thread) {
+    return dynamic_cast<CNxTimerPreciseManager*>(thread) != nullptr;
 }
 
 struct CMainThreadStart {
@@ -162,6 +168,8 @@ CNxThreadManagerImp::~CNxThreadManagerImp() {
 }
 
 NxResult CNxThreadManagerImp::InitMainThread(int /*argc*/, char** /*argv*/) {
+    // An ended one that nobody but the library knows is not in the way.
+    CNxTimerPreciseManager::DestroyEnded();
     if (!CopyRegistry().empty()) {
         return NX_ERROR_ALREADY_INITIALIZED;
     }
@@ -280,6 +288,7 @@ NxResult CNxThreadManagerImp::StopAllThreads(CNxTimeValue* timeout) {
             thread->Stop(timeout);
         }
     }
+    m_stopAsked.store(1);
     return NX_OK;
 }
 
@@ -288,9 +297,12 @@ NxResult CNxThreadManagerImp::JoinAllThreads() {
         return NX_ERROR_FAILURE;
     }
     for (CNxThread* thread : CopyRegistry()) {
-        if (thread->GetThreadType() != NX_THREAD_MAIN) {
+        if (thread->GetThreadType() != NX_THREAD_MAIN && !IsPreciseTimerThread(thread)) {
             thread->Join();
         }
+    }
+    if (m_stopAsked.exchange(0) != 0) {
+        CNxTimerPreciseManager::EndAndJoin();
     }
     return NX_OK;
 }
@@ -348,7 +360,10 @@ bool CNxThreadManagerImp::TearDown() {
     if (mayStop) {
         StopAndJoinForTearDown();
     }
+    // Before the queues that it posts to are freed; once more in case a singleton has needed it.
+    CNxTimerPreciseManager::EndAndJoin();
     CNxCleanUpBase::CleanupAll();
+    CNxTimerPreciseManager::EndAndJoin();
     return DestroyThreads(mayStop);
 }
 
@@ -357,6 +372,9 @@ bool CNxThreadManagerImp::TearDown() {
 void CNxThreadManagerImp::StopAndJoinForTearDown() {
     std::vector<CNxThread*> ending;
     for (CNxThread* thread : CopyRegistry()) {
+        if (IsPreciseTimerThread(thread)) {
+            continue;
+        }
         auto* const queue = dynamic_cast<CNxEventQueueBase*>(thread->GetEventQueue());
         if (queue != nullptr && IsEqualCurrentThread(queue->GetOwnerThreadId())) {
             // Nobody drains it any more; a thread that waits for an answer could not be joined.

@@ -1,6 +1,7 @@
 // The thread manager's implementation. Programs use it through CNxThreadManager.
 #pragma once
 
+#include <atomic>
 #include <vector>
 
 #include <nx/foundation/CNxMutexThread.h>
@@ -60,6 +61,8 @@ private:
     std::vector<CNxThread*> m_threads NX_GUARDED_BY(m_registryMutex);
     CNxMutexThread m_registryMutex;
     unsigned int m_lastUserType NX_GUARDED_BY(m_registryMutex) = NX_THREAD_USER - 1;
+    // A StopAllThreads has come that no JoinAllThreads has followed yet.
+    std::atomic<int> m_stopAsked{0};
     const long m_processors;
     const CCpuPlan m_cpuPlan;
 };

@@ -22,7 +22,7 @@ NxResult CNxTimerWrapperID::Cancel() {
         return NX_OK;
     }
     m_scheduled = 0;
-    return m_queue != nullptr ? m_queue->CancelTimer(this) : NX_ERROR_NULL_POINTER;
+    return m_queue->CancelTimer(this);
 }
 
 void CNxTimerWrapperID::OnTimeout(const CNxTimeValue& /*curTime*/, void* token) {

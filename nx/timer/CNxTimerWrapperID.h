@@ -38,7 +38,7 @@ public:
                       unsigned long count);
 
     // NX_OK, also when nothing was scheduled since the last Cancel; NX_ERROR_NOT_FOUND when the
-    // timer has fired for the last time; NX_ERROR_NULL_POINTER when no Schedule has found a queue.
+    // timer has fired for the last time or its Schedule was refused.
     NxResult Cancel();
 
     void OnTimeout(const CNxTimeValue& curTime, void* token) override;

@@ -1,0 +1,115 @@
+#include <nx/foundation/CNxEventThread.h>
+#include <nx/timer/CNxTimerPreciseManager.h>
+
+namespace {
+
+constexpr unsigned long c_tickMs = 10;
+constexpr unsigned long c_spanMs = 2 * 60 * 60 * 1000;
+
+// Null unless its thread runs and shall go on.
+std::atomic<CNxTimerPreciseManager*> s_pPreciseTimerMgr{nullptr};
+
+}  // namespace
+
+CNxMutexThread& CNxTimerPreciseManager::GetMutex() {
+    static auto* const s_mutex = new CNxMutexThread;
+    return *s_mutex;
+}
+
+CNxTimerPreciseManager* CNxTimerPreciseManager::Current() {
+    return s_pPreciseTimerMgr.load(std::memory_order_acquire);
+}
+
+CNxTimerPreciseManager* CNxTimerPreciseManager::Instance() {
+    CNxTimerPreciseManager* const running = Current();
+    if (running != nullptr) {
+        return running;
+    }
+    CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
+    return Current() != nullptr ? Current() : Start();
+}
+
+CNxTimerPreciseManager* CNxTimerPreciseManager::Start() {
+    if (!DestroyEnded()) {
+        return nullptr;
+    }
+    auto* const manager = new CNxTimerPreciseManager;
+    if (manager->Create(NX_THREAD_PRECISE_TIMER, CNxThreadManager::FLAG_JOINABLE) != NX_OK) {
+        manager->Destory(0);
+        return nullptr;
+    }
+    s_pPreciseTimerMgr.store(manager, std::memory_order_release);
+    return manager;
+}
+
+bool CNxTimerPreciseManager::DestroyEnded() {
+    auto* const ended = dynamic_cast<CNxTimerPreciseManager*>(
+        CNxThreadManager::Instance()->GetThread(NX_THREAD_PRECISE_TIMER));
+    if (ended == nullptr) {
+        return true;
+    }
+    if (ended->m_joined.load(std::memory_order_acquire) == 0) {
+        return false;
+    }
+    ended->Destory(0);
+    return true;
+}
+
+CNxTimerPreciseManager::CNxTimerPreciseManager()
+    : m_calendar(std::make_unique<CNxTimerQueueCalendar>(c_tickMs, c_spanMs, nullptr)) {}
+
+CNxTimerPreciseManager::~CNxTimerPreciseManager() {
+    CNxTimerPreciseManager* self = this;
+    s_pPreciseTimerMgr.compare_exchange_strong(self, nullptr);
+}
+
+NxResult CNxTimerPreciseManager::Schedule_l(INxTimerHandler* id, void* sink,
+                                            const CNxTimeValue& interval, unsigned long count) {
+    if (m_calendar == nullptr) {
+        return NX_OK;
+    }
+    if (interval == CNxTimeValue::s_tvZero()) {
+        // A timer that gets an interval of zero in place of another one could not be cancelled.
+        m_calendar->CancelTimer(id);
+    }
+    m_calendar->ScheduleTimer(id, sink, interval, count);
+    return NX_OK;
+}
+
+NxResult CNxTimerPreciseManager::Cancel_l(INxTimerHandler* id) {
+    return m_calendar != nullptr ? m_calendar->CancelTimer(id) : NX_ERROR_NULL_POINTER;
+}
+
+// The stop flag is set from construction on and means the opposite here: run as long as it is set.
+void CNxTimerPreciseManager::OnThreadRun() {
+    // Never signalled: a sleep.
+    CNxEventThread never(0, 0);
+    CNxTimeValue tick(0, c_tickMs * 1000);
+    while (IsStopped()) {
+        never.Wait(&tick);
+        CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
+        if (m_calendar != nullptr) {
+            m_calendar->TimerTick();
+        }
+    }
+}
+
+void CNxTimerPreciseManager::EndAndJoin() {
+    CNxTimerPreciseManager* manager = Current();
+    if (manager == nullptr || CNxThreadManager::IsEqualCurrentThread(manager->GetThreadId())) {
+        return;
+    }
+    {
+        CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
+        manager = s_pPreciseTimerMgr.exchange(nullptr);
+        if (manager == nullptr) {
+            return;
+        }
+        manager->m_calendar.reset();
+        manager->SetStartFlag();
+    }
+    manager->Join();
+    // The system may give it to another thread.
+    manager->SetThreadId(0);
+    manager->m_joined.store(1, std::memory_order_release);
+}

@@ -1,0 +1,109 @@
+#include <nx/thread/CNxThread.h>
+#include <nx/timer/CNxTimerPreciseManager.h>
+#include <nx/timer/CNxTimerPreciseWrapperID.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+// The token of a timer is read back as exactly this type.
+void* ToToken(CNxTimerPreciseWrapperIDSink* sink) {
+    return sink;
+}
+
+}  // namespace
+
+CNxTimerPreciseWrapperID::CNxTimerPreciseWrapperID() : m_state(std::make_shared<State>(0)) {
+    CNxTimerPreciseManager::Instance();
+}
+
+CNxTimerPreciseWrapperID::~CNxTimerPreciseWrapperID() {
+    if (!IsScheduled()) {
+        return;
+    }
+    CNxMutexGuardT<CNxMutexThread> guard(CNxTimerPreciseManager::GetMutex());
+    CheckNotPending_l();
+    SetCancelled();
+}
+
+#ifdef NXBASE_CHECK_THREADS
+void CNxTimerPreciseWrapperID::CheckNotPending_l() {
+    CNxTimerPreciseManager* const manager = CNxTimerPreciseManager::Current();
+    if (manager != nullptr && manager->Cancel_l(this) == NX_OK) {
+        std::fprintf(stderr, "nxbase: a precise timer id was destroyed while scheduled\n");
+        std::abort();
+    }
+}
+#else
+void CNxTimerPreciseWrapperID::CheckNotPending_l() {}
+#endif
+
+NxResult CNxTimerPreciseWrapperID::Schedule(CNxTimerPreciseWrapperIDSink* sink,
+                                            const CNxTimeValue& interval, unsigned long count,
+                                            int threadType) {
+    if (threadType == NX_THREAD_CALLING || threadType == NX_THREAD_PRECISE_TIMER) {
+        return NX_ERROR_INVALID_ARG;
+    }
+    CNxThread* const target = CNxThreadManager::Instance()->GetThread(threadType);
+    if (target == nullptr) {
+        return NX_ERROR_NULL_POINTER;
+    }
+    INxEventQueue* const queue = target->GetEventQueue();
+    CNxMutexGuardT<CNxMutexThread> guard(CNxTimerPreciseManager::GetMutex());
+    m_targetQueue = queue;
+    CNxTimerPreciseManager* const manager = CNxTimerPreciseManager::Current();
+    if (queue == nullptr || manager == nullptr) {
+        return NX_ERROR_NULL_POINTER;
+    }
+    m_state->fetch_or(c_scheduled);
+    return manager->Schedule_l(this, ToToken(sink), interval, count);
+}
+
+NxResult CNxTimerPreciseWrapperID::Cancel() {
+    CNxMutexGuardT<CNxMutexThread> guard(CNxTimerPreciseManager::GetMutex());
+    if (!IsScheduled()) {
+        return NX_ERROR_FAILURE;
+    }
+    CNxTimerPreciseManager* const manager = CNxTimerPreciseManager::Current();
+    if (manager == nullptr) {
+        return NX_ERROR_NULL_POINTER;
+    }
+    const NxResult result = manager->Cancel_l(this);
+    SetCancelled();
+    return result;
+}
+
+void CNxTimerPreciseWrapperID::OnTimeout(const CNxTimeValue& /*curTime*/, void* token) {
+    if (IsScheduled() && token != nullptr && m_targetQueue != nullptr) {
+        auto* const sink = static_cast<CNxTimerPreciseWrapperIDSink*>(token);
+        m_targetQueue->PostEvent(new CEventTimer(sink, this), INxEventQueue::PRIORITY_NORMAL);
+    }
+}
+
+CEventTimer::CEventTimer(CNxTimerPreciseWrapperIDSink* sink, CNxTimerPreciseWrapperID* id)
+    : m_sink(sink),
+      m_id(id),
+      m_state(id != nullptr ? id->m_state : nullptr),
+      m_validState(m_state != nullptr ? m_state->load() | CNxTimerPreciseWrapperID::c_scheduled
+                                      : 0) {}
+
+NxResult CEventTimer::OnEventFire() {
+    if (m_sink != nullptr && m_state != nullptr && m_state->load() == m_validState) {
+        m_sink->OnTimer(m_id);
+    }
+    return NX_OK;
+}
+
+// The manager knows ids by name only; what it does with one stands here.
+NxResult CNxTimerPreciseManager::Schedule(CNxTimerPreciseWrapperID* id,
+                                          CNxTimerPreciseWrapperIDSink* sink,
+                                          const CNxTimeValue& interval, unsigned long count) {
+    CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
+    return Schedule_l(id, ToToken(sink), interval, count);
+}
+
+NxResult CNxTimerPreciseManager::Cancel(CNxTimerPreciseWrapperID* id) {
+    CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
+    return id != nullptr ? Cancel_l(id) : NX_ERROR_NULL_POINTER;
+}
