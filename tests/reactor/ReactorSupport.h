@@ -93,8 +93,11 @@ inline void StopSoon(INxReactor& reactor, EventCounts& counts) {
 }
 
 // Serves `count` clients on the reactor while another thread sends each a byte and waits for its
-// answer, `rounds` times; all bytes of a round are under way together.
-inline void EchoClients(INxReactor& reactor, int count, int rounds) {
+// answer, `rounds` times; all bytes of a round are under way together. `prepare` runs on that
+// thread first.
+inline void EchoClients(INxReactor& reactor, int count, int rounds,
+                        const std::function<void()>& prepare = nullptr) {
+    EventCounts counts;
     std::vector<std::unique_ptr<End>> ends;
     for (int i = 0; i < count; ++i) {
         ends.push_back(std::make_unique<End>([](End& self) {
@@ -107,6 +110,9 @@ inline void EchoClients(INxReactor& reactor, int count, int rounds) {
     }
     int answers = 0;
     std::thread clients([&] {
+        if (prepare) {
+            prepare();
+        }
         const timeval patience{20, 0};
         for (const auto& end : ends) {
             setsockopt(end->Peer(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
@@ -120,9 +126,7 @@ inline void EchoClients(INxReactor& reactor, int count, int rounds) {
                 answers += recv(end->Peer(), &byte, 1, 0) == 1 ? 1 : 0;
             }
         }
-        while (reactor.StopEventLoop() != NX_OK) {
-            std::this_thread::yield();
-        }
+        StopSoon(reactor, counts);
     });
     EXPECT_EQ(reactor.RunEventLoop(), NX_OK);
     clients.join();
