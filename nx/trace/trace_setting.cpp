@@ -1,3 +1,87 @@
+#include <nx/process/process_path.h>
 #include <nx/trace/trace_setting.h>
+#include <pthread.h>
 
-void trace_setting_init() {}
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+
+char g_currentProcessName1[1024];
+char g_strTracehome1[2048];
+char g_strConfigfile1[1024];
+char g_strLogDir1[2048];
+
+namespace {
+
+std::mutex s_initMutex;
+std::atomic<bool> s_initialised{false};
+
+template <size_t N>
+void StorePath(char (&out)[N], const CNxString& path) {
+    const size_t length = path.copy(out, N - 1);
+    out[length] = '\0';
+}
+
+struct CExecName {
+    CExecName() { StorePath(m_path, GetProcessName()); }
+    char m_path[1024];
+};
+
+// Printing is a cancellation point; a thread cancelled in it would leave the mutex locked.
+class CCancelOff {
+public:
+    CCancelOff() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_previous); }
+    ~CCancelOff() { pthread_setcancelstate(m_previous, nullptr); }
+    CCancelOff(const CCancelOff&) = delete;
+    CCancelOff& operator=(const CCancelOff&) = delete;
+
+private:
+    int m_previous = PTHREAD_CANCEL_ENABLE;
+};
+
+void InitOnce() {
+    const CNxString name = get_process_name();
+    std::printf("name:%s\n", name.c_str());
+    if (name.empty()) {
+        return;
+    }
+    const CNxString home = GetBinHomePath();
+    StorePath(g_currentProcessName1, name);
+    StorePath(g_strTracehome1, home);
+    StorePath(g_strConfigfile1, home + "/conf/" + name + ".cfg");
+    StorePath(g_strLogDir1, home + "/logs/");
+    std::printf("trace_setting_init, g_strTracehome1=%s\n", g_strTracehome1);
+    std::printf("trace_setting_init, g_strConfigfile1=%s\n", g_strConfigfile1);
+    std::printf("trace_setting_init, g_strLogDir1=%s\n", g_strLogDir1);
+    std::printf("trace_setting_init, g_currentProcessName1=%s\n", g_currentProcessName1);
+    s_initialised.store(true, std::memory_order_release);
+}
+
+}  // namespace
+
+void trace_setting_init() {
+    if (s_initialised.load(std::memory_order_acquire)) {
+        return;
+    }
+    const CCancelOff cancelOff;
+    const std::lock_guard<std::mutex> lock(s_initMutex);
+    if (!s_initialised.load(std::memory_order_relaxed)) {
+        InitOnce();
+    }
+}
+
+char* get_exec_name() {
+    static CExecName s_name;
+    return s_name.m_path;
+}
+
+char* get_process_name() {
+    static char s_unknown[] = "defproc";
+    char* const path = get_exec_name();
+    if (path[0] == '\0') {
+        return s_unknown;
+    }
+    char* const slash = std::strrchr(path, '/');
+    return slash == nullptr ? path : slash + 1;
+}
