@@ -1,0 +1,175 @@
+#include <iniparser/iniparser.h>
+#include <nx/config/CConfigFile.h>
+#include <nx/foundation/CNxUtils.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+CConfigFile CConfigFile::g_configfile;
+_dictionary_* CConfigFile::m_ini = nullptr;
+
+namespace {
+
+constexpr char WHITE_SPACE[] = " \t\r\n\v\f";
+// iniparser reads lines of 1022 bytes, and writes section names into a buffer of 1025.
+constexpr size_t MAX_LINE = 1000;
+// It pads the keys of a saved file to this width and puts " = " behind.
+constexpr size_t KEY_WIDTH = 30;
+constexpr size_t SEPARATOR = 3;
+
+CNxString EntryName(const CNxString& section, const CNxString& key) {
+    return section + ":" + key;
+}
+
+// A section name with a ':' is a key without a value to iniparser, and its own getters crash on it.
+bool HasValue(const dictionary* ini, const CNxString& name) {
+    return iniparser_getstring(ini, name.c_str(), nullptr) != nullptr;
+}
+
+bool HoldsAny(const CNxString& text, const char* characters) {
+    return text.find_first_of(characters) != CNxString::npos || text.find('\0') != CNxString::npos;
+}
+
+bool HasBlankEnd(const CNxString& text) {
+    return !text.empty() && (std::strchr(WHITE_SPACE, text.front()) != nullptr ||
+                             std::strchr(WHITE_SPACE, text.back()) != nullptr);
+}
+
+bool IsGoodSection(const CNxString& section) {
+    return !HoldsAny(section, "]\r\n") && !HasBlankEnd(section);
+}
+
+bool IsGoodKey(const CNxString& key) {
+    return !key.empty() && !HoldsAny(key, "=\r\n") && !HasBlankEnd(key) &&
+           std::strchr("[#;", key.front()) == nullptr;
+}
+
+bool IsGoodValue(const CNxString& value) {
+    // iniparser looks for the joining backslash in front of any white space at the end.
+    const size_t last = value.find_last_not_of(WHITE_SPACE);
+    return !HoldsAny(value, "\r\n") && (last == CNxString::npos || value[last] != '\\');
+}
+
+bool FitsLine(const CNxString& section, const CNxString& key, const CNxString& value) {
+    return section.length() + key.length() < MAX_LINE &&
+           std::max(key.length(), KEY_WIDTH) + SEPARATOR + value.length() <= MAX_LINE;
+}
+
+// iniparser saves only the keys of sections that it knows by name; a section ends at the first ':'.
+int EnsureSection(dictionary* ini, const CNxString& name) {
+    const CNxString section = name.substr(0, name.find(':'));
+    if (section.empty() || iniparser_find_entry(ini, section.c_str()) != 0) {
+        return 0;
+    }
+    return iniparser_set(ini, section.c_str(), nullptr);
+}
+
+void EnsureSections(dictionary* ini) {
+    for (ssize_t i = 0; i < ini->size; ++i) {
+        if (ini->key[i] != nullptr) {
+            EnsureSection(ini, ini->key[i]);
+        }
+    }
+}
+
+// iniparser's own dump forgets the keys above the first section, or spoils their names.
+void DumpKeysWithoutSection(const dictionary* ini, FILE* out) {
+    for (ssize_t i = 0; i < ini->size; ++i) {
+        if (ini->key[i] != nullptr && ini->key[i][0] == ':' && ini->val[i] != nullptr) {
+            std::fprintf(out, "%-30s = %s\n", ini->key[i] + 1, ini->val[i]);
+        }
+    }
+}
+
+bool Dump(dictionary* ini, const CNxString& path) {
+    FILE* const out = std::fopen(path.c_str(), "we");
+    if (out == nullptr) {
+        return false;
+    }
+    EnsureSections(ini);
+    DumpKeysWithoutSection(ini, out);
+    if (iniparser_getnsec(ini) > 0) {
+        iniparser_dump_ini(ini, out);
+    }
+    const bool isWritten = std::ferror(out) == 0;
+    return std::fclose(out) == 0 && isWritten;
+}
+
+}  // namespace
+
+int CConfigFile::Open(const CNxString& path) {
+    Close();
+    if (path.empty()) {
+        return -1;
+    }
+    m_path = path;
+    m_ini = iniparser_load(path.c_str());
+    return m_ini == nullptr ? -1 : 0;
+}
+
+void CConfigFile::Close() {
+    if (m_ini != nullptr) {
+        iniparser_freedict(m_ini);
+        m_ini = nullptr;
+    }
+}
+
+int CConfigFile::GetIntParam(const CNxString& section, const CNxString& key, int defaultValue) {
+    const CNxString name = EntryName(section, key);
+    return HasValue(m_ini, name) ? iniparser_getint(m_ini, name.c_str(), defaultValue)
+                                 : defaultValue;
+}
+
+CNxString CConfigFile::GetStringParam(const CNxString& section, const CNxString& key,
+                                      CNxString defaultValue) {
+    const CNxString name = EntryName(section, key);
+    const char* const value = iniparser_getstring(m_ini, name.c_str(), nullptr);
+    CNxString resolved;
+    const NxResult result =
+        ResolveStringEnv(value == nullptr ? defaultValue : CNxString(value), resolved);
+    return result == NX_OK ? resolved : CNxString();
+}
+
+bool CConfigFile::GetBoolParam(const CNxString& section, const CNxString& key, bool defaultValue) {
+    const CNxString name = EntryName(section, key);
+    return HasValue(m_ini, name)
+               ? iniparser_getboolean(m_ini, name.c_str(), defaultValue ? 1 : 0) != 0
+               : defaultValue;
+}
+
+int CConfigFile::SetIntParam(const CNxString& section, const CNxString& key, int value) {
+    char text[64];
+    std::snprintf(text, sizeof(text), "%d", value);
+    return SetStringParam(section, key, text);
+}
+
+int CConfigFile::SetStringParam(const CNxString& section, const CNxString& key,
+                                const CNxString& value) {
+    const bool isGood = m_ini != nullptr && IsGoodSection(section) && IsGoodKey(key) &&
+                        IsGoodValue(value) && FitsLine(section, key, value);
+    const CNxString name = EntryName(section, key);
+    if (!isGood || EnsureSection(m_ini, name) != 0) {
+        return -1;
+    }
+    return iniparser_set(m_ini, name.c_str(), value.c_str());
+}
+
+int CConfigFile::SetBoolParam(const CNxString& section, const CNxString& key, bool value) {
+    return SetStringParam(section, key, value ? "yes" : "no");
+}
+
+NxResult CConfigFile::SaveConfig() {
+    return SaveToOtherConfig(m_path);
+}
+
+NxResult CConfigFile::SaveToOtherConfig(const CNxString& path) {
+    if (m_ini == nullptr || path.empty()) {
+        return NX_ERROR_FAILURE;
+    }
+    if (!Dump(m_ini, path)) {
+        std::fprintf(stderr, "SaveToOtherConfig: cannot open %s\n", path.c_str());
+        return NX_ERROR_FAILURE;
+    }
+    return NX_OK;
+}

@@ -1,0 +1,68 @@
+// The process's read-write ini file: load it, read and change values, save it.
+//
+// iniparser does the work, with its syntax: [section], key = value, comments from ';' or '#' on,
+// values in quotes, a backslash at a line's end that joins the next, lines of at most 1022 bytes.
+// What it does not keep from loading to saving:
+// - comments, empty lines, and the order and letter case of sections and keys (all lower case);
+// - a value's blanks at either end, quotes around it, and everything from a ';' or '#' on. They
+//   stand in the saved file (quotes of the loaded file do not), but the next load drops them.
+#pragma once
+
+#include <nx/foundation/CNxString.h>
+#include <nx/foundation/NxResult.h>
+
+struct _dictionary_;
+
+// What is loaded belongs to the process, not to the object: all objects share it, each remembers
+// only its own path. Not locked; use it from one thread, or take turns.
+class CConfigFile {
+public:
+    static CConfigFile* Instance() { return &g_configfile; }
+
+    // Loads the file in place of what was loaded before. 0; -1 when the path is empty, the file
+    // cannot be opened, has a line that is too long or is neither section, entry nor comment
+    // (iniparser tells which on standard error). After -1 nothing is loaded. The path is remembered
+    // for SaveConfig, also after a failure, unless it is empty.
+    int Open(const CNxString& path);
+
+    // Frees what is loaded.
+    void Close();
+
+    // Each answers its default when nothing is loaded, or not that key.
+
+    // Decimal, octal with 0 or hexadecimal with 0x in front; 0 for a value that is no number.
+    int GetIntParam(const CNxString& section, const CNxString& key, int defaultValue);
+    // References ${NAME} to environment variables are resolved (ResolveStringEnv,
+    // nx/foundation/CNxUtils.h), in the default too.
+    CNxString GetStringParam(const CNxString& section, const CNxString& key,
+                             CNxString defaultValue);
+    // True for a value that begins with y, Y, t, T or 1, false for n, N, f, F or 0, otherwise the
+    // default.
+    bool GetBoolParam(const CNxString& section, const CNxString& key, bool defaultValue);
+
+    // Change what is loaded, and make the section when it is new. 0; -1 when nothing is loaded,
+    // memory ran out, or the entry would not come back from a saved file or would spoil it:
+    // - a section that begins or ends with white space, or holds ']' or a line end;
+    // - a key that is empty, begins or ends with white space, begins with '[', '#' or ';', or holds
+    //   '=' or a line end;
+    // - a value that holds a line end or a zero byte, or ends with a backslash;
+    // - names or a value that make a line of more than 1000 bytes.
+    // An empty section stands for the keys above the first section.
+    int SetIntParam(const CNxString& section, const CNxString& key, int value);
+    int SetStringParam(const CNxString& section, const CNxString& key, const CNxString& value);
+    // Stored as "yes" or "no".
+    int SetBoolParam(const CNxString& section, const CNxString& key, bool value);
+
+    // Write what is loaded to the path of Open, or to another one, which is not remembered.
+    // NX_OK. NX_ERROR_FAILURE when nothing is loaded or the path is empty, and, after the line
+    // "SaveToOtherConfig: cannot open PATH" on standard error, when the file cannot be opened or
+    // not all of it could be written (disk full: the former content is lost; save again).
+    NxResult SaveConfig();
+    NxResult SaveToOtherConfig(const CNxString& path);
+
+private:
+    static CConfigFile g_configfile;
+    static _dictionary_* m_ini;
+
+    CNxString m_path;
+};

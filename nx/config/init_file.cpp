@@ -1,0 +1,177 @@
+#include <nx/config/init_file.h>
+#include <nx/trace/trace_setting.h>
+#include <strings.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace {
+
+constexpr char WHITE_SPACE[] = " \t\r\n";
+
+struct CFileCloser {
+    void operator()(FILE* file) const { std::fclose(file); }
+};
+using CFile = std::unique_ptr<FILE, CFileCloser>;
+
+CFile OpenProfile(const char* path) {
+    return CFile(path == nullptr ? nullptr : std::fopen(path, "rte"));
+}
+
+// A section header's name, or null when the line is no header.
+char* SectionName(char* line) {
+    char* const open = std::strchr(line, '[');
+    char* const close = std::strchr(line, ']');
+    if (open == nullptr || close == nullptr) {
+        return nullptr;
+    }
+    *close = '\0';
+    return close < open ? close : trim_string(open + 1);
+}
+
+char* Unquote(char* value) {
+    const size_t length = std::strlen(value);
+    const bool isQuoted =
+        length >= 2 && (value[0] == '"' || value[0] == '\'') && value[length - 1] == value[0];
+    if (!isQuoted) {
+        return value;
+    }
+    value[length - 1] = '\0';
+    return trim_string(value + 1);
+}
+
+// The value when the line is the entry of that key, otherwise null.
+char* EntryValue(char* line, const char* key) {
+    char* const equals = std::strchr(line, '=');
+    if (equals == nullptr) {
+        return nullptr;
+    }
+    *equals = '\0';
+    if (strcasecmp(trim_string(line), key) != 0) {
+        return nullptr;
+    }
+    return Unquote(trim_string(equals + 1));
+}
+
+// As read_init_file, but opens the file, and `out` is always terminated.
+bool LookUp(const char* path, const char* section, const char* key, char* out, unsigned long size) {
+    out[0] = '\0';
+    const CFile file = OpenProfile(path);
+    const bool isFound = read_init_file(file.get(), section, key, out, size - 1);
+    out[size - 1] = '\0';
+    return isFound;
+}
+
+void DropSemicolon(char* value) {
+    const size_t length = std::strlen(value);
+    if (length > 0 && value[length - 1] == ';') {
+        value[length - 1] = '\0';
+    }
+}
+
+// Room for as many bytes of a value as count, and the terminator.
+template <size_t Bytes>
+struct CParam {
+    CParam(const char* section, const char* key) {
+        m_hasValue = get_string_param(section, key, m_text, sizeof(m_text));
+    }
+    char m_text[Bytes + 1];
+    bool m_hasValue;
+};
+
+}  // namespace
+
+bool read_init_file(FILE* stream, const char* section, const char* key, char* out,
+                    unsigned long size) {
+    if (stream == nullptr || section == nullptr || key == nullptr || out == nullptr) {
+        return false;
+    }
+    bool isWanted = false;
+    char line[2048];
+    while (std::fgets(line, sizeof(line), stream) != nullptr) {
+        if (is_comment_line(line)) {
+            continue;
+        }
+        if (const char* const name = SectionName(line)) {
+            if (isWanted) {
+                return false;
+            }
+            isWanted = strcasecmp(name, section) == 0;
+            continue;
+        }
+        const char* const value = isWanted ? EntryValue(line, key) : nullptr;
+        if (value != nullptr) {
+            std::strncpy(out, value, size);
+            return true;
+        }
+    }
+    return false;
+}
+
+char* trim_string(char* s) {
+    s += std::strspn(s, WHITE_SPACE);
+    size_t length = std::strlen(s);
+    while (length > 0 && std::strchr(WHITE_SPACE, s[length - 1]) != nullptr) {
+        s[--length] = '\0';
+    }
+    return s;
+}
+
+bool is_comment_line(const char* s) {
+    return s[std::strspn(s, WHITE_SPACE)] == '#';
+}
+
+int get_int_from_profile(const char* section, const char* key, int defaultValue, const char* path) {
+    char text[257];
+    if (!LookUp(path, section, key, text, sizeof(text))) {
+        return defaultValue;
+    }
+    char* end = nullptr;
+    const long value = std::strtol(text, &end, 10);
+    return end == text ? defaultValue : static_cast<int>(value);
+}
+
+unsigned long get_string_from_profile(const char* section, const char* key,
+                                      const char* defaultValue, char* out, unsigned long size,
+                                      const char* path) {
+    if (out == nullptr || size == 0) {
+        return 0;
+    }
+    if (!LookUp(path, section, key, out, size) && defaultValue != nullptr) {
+        std::strncpy(out, defaultValue, size - 1);
+    }
+    return std::strlen(out);
+}
+
+bool get_string_param(const char* section, const char* key, char* out, unsigned long size) {
+    if (out == nullptr || size == 0) {
+        return false;
+    }
+    LookUp(g_strConfigfile1, section, key, out, size);
+    const bool hasValue = out[0] != '\0';
+    DropSemicolon(out);
+    return hasValue;
+}
+
+int get_int_param(const char* section, const char* key) {
+    const CParam<256> param(section, key);
+    return static_cast<int>(std::strtol(param.m_text, nullptr, 10));
+}
+
+std::uint16_t get_uint16_param(const char* section, const char* key) {
+    return static_cast<std::uint16_t>(get_int_param(section, key));
+}
+
+std::uint32_t get_uint32_param(const char* section, const char* key) {
+    const CParam<256> param(section, key);
+    return static_cast<std::uint32_t>(std::strtoul(param.m_text, nullptr, 10));
+}
+
+unsigned char get_bool_param(const char* section, const char* key, unsigned char defaultValue) {
+    const CParam<512> param(section, key);
+    if (!param.m_hasValue) {
+        return defaultValue;
+    }
+    return strcasecmp(param.m_text, "TRUE") == 0 ? 1 : 0;
+}
