@@ -51,12 +51,27 @@ bool IsGoodValue(const CNxString& value) {
     return !HoldsAny(value, "\r\n") && (last == CNxString::npos || value[last] != '\\');
 }
 
-bool FitsLine(const CNxString& section, const CNxString& key, const CNxString& value) {
-    return section.length() + key.length() < MAX_LINE &&
+// Whether the entry stays one in a saved file. There, the section ends at the first ':'.
+bool SurvivesSaving(const CNxString& name, const CNxString& value) {
+    const size_t colon = name.find(':');
+    const CNxString section = name.substr(0, colon);
+    const CNxString key = name.substr(colon + 1);
+    return IsGoodSection(section) && IsGoodKey(key) && IsGoodValue(value) &&
+           name.length() <= MAX_LINE &&
            std::max(key.length(), KEY_WIDTH) + SEPARATOR + value.length() <= MAX_LINE;
 }
 
-// iniparser saves only the keys of sections that it knows by name; a section ends at the first ':'.
+bool AllSurviveSaving(const dictionary* ini) {
+    for (ssize_t i = 0; i < ini->size; ++i) {
+        const bool isEntry = ini->key[i] != nullptr && ini->val[i] != nullptr;
+        if (isEntry && !SurvivesSaving(ini->key[i], ini->val[i])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// iniparser saves only the keys of sections that it knows by name.
 int EnsureSection(dictionary* ini, const CNxString& name) {
     const CNxString section = name.substr(0, name.find(':'));
     if (section.empty() || iniparser_find_entry(ini, section.c_str()) != 0) {
@@ -65,10 +80,18 @@ int EnsureSection(dictionary* ini, const CNxString& name) {
     return iniparser_set(ini, section.c_str(), nullptr);
 }
 
-void EnsureSections(dictionary* ini) {
+// Makes every section known by its name, and by no other: iniparser would write the names without
+// text or with a ':' in forms that it cannot read.
+void TidySections(dictionary* ini) {
     for (ssize_t i = 0; i < ini->size; ++i) {
-        if (ini->key[i] != nullptr) {
-            EnsureSection(ini, ini->key[i]);
+        const CNxString name(ini->key[i]);
+        if (ini->key[i] == nullptr) {
+            continue;
+        }
+        EnsureSection(ini, name);
+        const bool isSection = ini->val[i] == nullptr;
+        if (isSection && (name.empty() || name.find(':') != CNxString::npos)) {
+            dictionary_unset(ini, name.c_str());
         }
     }
 }
@@ -87,7 +110,7 @@ bool Dump(dictionary* ini, const CNxString& path) {
     if (out == nullptr) {
         return false;
     }
-    EnsureSections(ini);
+    TidySections(ini);
     DumpKeysWithoutSection(ini, out);
     if (iniparser_getnsec(ini) > 0) {
         iniparser_dump_ini(ini, out);
@@ -146,10 +169,8 @@ int CConfigFile::SetIntParam(const CNxString& section, const CNxString& key, int
 
 int CConfigFile::SetStringParam(const CNxString& section, const CNxString& key,
                                 const CNxString& value) {
-    const bool isGood = m_ini != nullptr && IsGoodSection(section) && IsGoodKey(key) &&
-                        IsGoodValue(value) && FitsLine(section, key, value);
     const CNxString name = EntryName(section, key);
-    if (!isGood || EnsureSection(m_ini, name) != 0) {
+    if (m_ini == nullptr || !SurvivesSaving(name, value) || EnsureSection(m_ini, name) != 0) {
         return -1;
     }
     return iniparser_set(m_ini, name.c_str(), value.c_str());
@@ -167,7 +188,7 @@ NxResult CConfigFile::SaveToOtherConfig(const CNxString& path) {
     if (m_ini == nullptr || path.empty()) {
         return NX_ERROR_FAILURE;
     }
-    if (!Dump(m_ini, path)) {
+    if (!AllSurviveSaving(m_ini) || !Dump(m_ini, path)) {
         std::fprintf(stderr, "SaveToOtherConfig: cannot open %s\n", path.c_str());
         return NX_ERROR_FAILURE;
     }

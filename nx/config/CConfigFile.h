@@ -47,7 +47,8 @@ public:
     //   '=' or a line end;
     // - a value that holds a line end or a zero byte, or ends with a backslash;
     // - names or a value that make a line of more than 1000 bytes.
-    // An empty section stands for the keys above the first section.
+    // An empty section stands for the keys above the first section. A section with a ':' ends there
+    // in the saved file, and the rest is part of the key, which finds the same values.
     int SetIntParam(const CNxString& section, const CNxString& key, int value);
     int SetStringParam(const CNxString& section, const CNxString& key, const CNxString& value);
     // Stored as "yes" or "no".
@@ -55,8 +56,10 @@ public:
 
     // Write what is loaded to the path of Open, or to another one, which is not remembered.
     // NX_OK. NX_ERROR_FAILURE when nothing is loaded or the path is empty, and, after the line
-    // "SaveToOtherConfig: cannot open PATH" on standard error, when the file cannot be opened or
-    // not all of it could be written (disk full: the former content is lost; save again).
+    // "SaveToOtherConfig: cannot open PATH" on standard error:
+    // - when a loaded entry is one that SetStringParam refuses (the file is not touched);
+    // - when the file cannot be opened;
+    // - when not all of it could be written (disk full: its former content is lost; save again).
     NxResult SaveConfig();
     NxResult SaveToOtherConfig(const CNxString& path);
 

@@ -1,0 +1,59 @@
+// The ini file: whatever was loaded, a value that the setter took comes back from the saved file.
+// Run it with -close_fd_mask=2: iniparser's messages about bad lines are not findings.
+#include <nx/config/CConfigFile.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "FuzzFile.h"
+
+namespace {
+
+// iniparser drops what looks like a remark or a quote, and blanks at the ends.
+bool IsKept(const CNxString& value) {
+    return value.find_first_of(";#\"'") == CNxString::npos &&
+           (value.empty() || (static_cast<unsigned char>(value.front()) > ' ' &&
+                              static_cast<unsigned char>(value.back()) > ' '));
+}
+
+void CheckRoundTrip(CConfigFile& config, const CNxString& section, const CNxString& key,
+                    const CNxString& value) {
+    const CFuzzFile file(nullptr, 0);
+    const CNxString path(file.Path());
+    const bool isSet = config.SetStringParam(section, key, value) == 0;
+    if (config.SaveToOtherConfig(path) != NX_OK) {
+        return;
+    }
+    if (config.Open(path) != 0) {
+        std::abort();
+    }
+    const bool isReference = value.find('$') != CNxString::npos;
+    if (isSet && IsKept(value) && !isReference &&
+        config.GetStringParam(section, key, "?") != value) {
+        std::abort();
+    }
+}
+
+}  // namespace
+
+// The input's first line, split at two bytes of value 1, is section, key and value.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const CNxString all(reinterpret_cast<const char*>(data), size);
+    const size_t line = std::min(all.find('\n'), all.length());
+    const CFuzzFile file(data + std::min(line + 1, size), size - std::min(line + 1, size));
+    CConfigFile config;
+    if (config.Open(file.Path().c_str()) != 0) {
+        return 0;
+    }
+    const size_t first = std::min(all.find('\1'), line);
+    const size_t second = std::min(all.find('\1', first + 1), line);
+    const CNxString section = all.substr(0, first);
+    const CNxString key = first < line ? all.substr(first + 1, second - first - 1) : "";
+    const CNxString value = second < line ? all.substr(second + 1, line - second - 1) : "";
+    config.GetIntParam(section, key, 1);
+    config.GetBoolParam(section, key, true);
+    config.GetStringParam(section, key, "");
+    CheckRoundTrip(config, section, key, value);
+    config.Close();
+    return 0;
+}

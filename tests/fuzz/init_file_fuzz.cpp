@@ -1,0 +1,57 @@
+// The profile reader: no file content makes a look-up read or write outside its buffers.
+#include <nx/config/CNxConfigInitFile.h>
+#include <nx/config/init_file.h>
+#include <nx/trace/trace_setting.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "FuzzFile.h"
+
+namespace {
+
+void Require(bool condition) {
+    if (!condition) {
+        std::abort();
+    }
+}
+
+void ReadEverySize(const char* path, const char* section, const char* key) {
+    for (const size_t size : {0UL, 1UL, 2UL, 7UL, 256UL, 4096UL}) {
+        // A vector of its own for each size, so that the sanitizer guards its end.
+        std::vector<char> out(size);
+        const size_t length =
+            get_string_from_profile(section, key, "default", out.data(), size, path);
+        Require(size == 0 ? length == 0 : length == std::strlen(out.data()));
+        get_string_param(section, key, out.data(), size);
+        FILE* const file = std::fopen(path, "rte");
+        read_init_file(file, section, key, out.data(), size);
+        std::fclose(file);
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const CFuzzFile file(data, size);
+    std::snprintf(g_strConfigfile1, sizeof(g_strConfigfile1), "%s", file.Path().c_str());
+    CNxConfigInitFile config;
+    for (const char* const section : {"Trace", ""}) {
+        for (const char* const key : {"Enable", ""}) {
+            ReadEverySize(file.Path().c_str(), section, key);
+            get_int_from_profile(section, key, 7, file.Path().c_str());
+            get_int_param(section, key);
+            get_uint16_param(section, key);
+            get_uint32_param(section, key);
+            Require(get_bool_param(section, key, 1) <= 1);
+            config.GetIntParam(section, key, 1);
+            config.GetDwordParam(section, key, 1);
+            config.GetWordParam(section, key, 1);
+            config.GetStringParam(section, key, "${HOME}");
+            config.GetBoolParam(section, key, 1);
+        }
+    }
+    return 0;
+}

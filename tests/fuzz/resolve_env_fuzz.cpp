@@ -1,0 +1,24 @@
+// Resolving environment references: always NX_OK, and a text without one comes back as it is.
+#include <nx/foundation/CNxUtils.h>
+
+#include <cstdint>
+#include <cstdlib>
+
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+    setenv("A", "${B}", 1);
+    setenv("B", "value of B", 1);
+    setenv("EMPTY", "", 1);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const CNxString in(reinterpret_cast<const char*>(data), size);
+    CNxString out;
+    CNxString same = in;
+    const bool isOk = ResolveStringEnv(in, out) == NX_OK && ResolveStringEnv(same, same) == NX_OK;
+    const bool hasReference = in.find('$') != CNxString::npos;
+    if (!isOk || out != same || (!hasReference && out != in)) {
+        std::abort();
+    }
+    return 0;
+}
