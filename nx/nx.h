@@ -59,4 +59,11 @@
 #include <nx/timer/CNxTimerQueueOrderedList.h>
 #include <nx/timer/CNxTimerWrapperID.h>
 #include <nx/timer/INxTimerQueue.h>
+#include <nx/trace/CNxT120Trace.h>
+#include <nx/trace/CNxT120TraceFile.h>
+#include <nx/trace/CNxT120TraceFileMgr.h>
+#include <nx/trace/CNxTraceManager.h>
+#include <nx/trace/Text_Formator.h>
+#include <nx/trace/log.h>
 #include <nx/trace/trace_setting.h>
+#include <nx/trace/trace_utils.h>

@@ -1,0 +1,348 @@
+#include <nx/config/init_file.h>
+#include <nx/process/process_path.h>
+#include <nx/trace/CCancelOff.h>
+#include <nx/trace/CNxT120Trace.h>
+#include <nx/trace/CNxT120TraceFile.h>
+#include <nx/trace/CNxT120TraceFileMgr.h>
+#include <nx/trace/CTraceStamp.h>
+#include <nx/trace/trace_setting.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+using CGuard = CNxMutexGuardT<CNxMutexThreadRecursive>;
+
+// The last level keeps its default.
+constexpr unsigned long CONFIGURED_LEVELS = NX_TRACE_LEVELS - 1;
+
+constexpr int MIN_SIZE = 1025;
+constexpr int DEFAULT_SIZE = 20971520;
+constexpr size_t PRINT_SIZE = 2048;
+
+constexpr char SECTION[] = "Trace";
+
+unsigned long GetSizeParam(const char* key) {
+    const int size = get_int_param(SECTION, key);
+    return static_cast<unsigned long>(size < MIN_SIZE ? DEFAULT_SIZE : size);
+}
+
+unsigned char GetProcessSwitch(const char* name, unsigned char defaultValue) {
+    const std::string key = std::string(CNxT120Trace::get_process_name()) + "." + name;
+    return get_bool_param(SECTION, key.c_str(), defaultValue);
+}
+
+bool HasContent(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && status.st_size > 0;
+}
+
+void OnBeforeFork() {
+    CNxT120Trace::t120_trace.load()->BeforeFork();
+}
+void OnAfterFork() {
+    CNxT120Trace::t120_trace.load()->AfterFork();
+}
+
+CNxT120Trace* MakeInstance() {
+    trace_setting_init();
+    auto* const engine = new CNxT120Trace("Log", g_logMapEntry, nullptr, 0);
+    CNxT120Trace::t120_trace.store(engine, std::memory_order_release);
+    // Registered later than the files' own handlers, so the engine is locked before them.
+    pthread_atfork(&OnBeforeFork, &OnAfterFork, &OnAfterFork);
+    return engine;
+}
+
+// Static storage for a path that never changes.
+struct CTraceDir {
+    CTraceDir() {
+        const CNxString home = GetBinHomePath();
+        const CNxString dir = home.empty() ? CNxString("/tmp") : home + "/logs";
+        m_path[dir.copy(m_path, sizeof(m_path) - 1)] = '\0';
+    }
+    char m_path[1024];
+};
+
+}  // namespace
+
+CNxT120TraceMapEntry g_logMapEntry[NX_TRACE_LEVELS] = {
+    {0, "Fatal", {1}},    {1, "Error", {1}},    {2, "Server", {1}},  {3, "NA", {0}},
+    {4, "NA", {0}},       {5, "NA", {0}},       {6, "NA", {0}},      {7, "NA", {0}},
+    {8, "NA", {0}},       {8, "NA", {0}},       {10, "NA", {0}},     {11, "Warning", {1}},
+    {12, "Meeting", {1}}, {13, "Session", {1}}, {14, "User", {1}},   {15, "Statistic", {1}},
+    {16, "NA", {0}},      {17, "NA", {0}},      {18, "NA", {0}},     {19, "NA", {0}},
+    {20, "NA", {0}},      {21, "Info", {1}},    {22, "State", {1}},  {23, "PDU", {0}},
+    {24, "Func", {0}},    {25, "Tick", {0}},    {26, "Detail", {0}},
+};
+
+std::atomic<CNxT120Trace*> CNxT120Trace::t120_trace{nullptr};
+
+CNxT120Trace* CNxT120Trace::instance() {
+    CNxT120Trace* const engine = t120_trace.load(std::memory_order_acquire);
+    if (engine != nullptr) {
+        return engine;
+    }
+    const CCancelOff cancelOff;
+    static CNxT120Trace* const s_engine = MakeInstance();
+    return s_engine;
+}
+
+CNxT120Trace::CNxT120Trace(const char* name, CNxT120TraceMapEntry* entries, const char* fileName,
+                           unsigned char shared)
+    : m_name(name), m_mapEntries(entries), m_fileName(fileName), m_shared(shared) {
+    const CCancelOff cancelOff;
+    {
+        CGuard guard(m_mutex);
+        const CTraceStamp& stamp = CurrentTraceStamp();
+        m_day = stamp.m_day;
+        m_month = stamp.m_month;
+        m_pid = getpid();
+        m_forks = CountTraceForks();
+    }
+    read_config();
+    m_enabled = get_bool_param(SECTION, "Enable", 0) != 0;
+    if (m_enabled) {
+        load(nullptr);
+    }
+    m_toStdout = get_bool_param(SECTION, "stdout", 0) != 0;
+}
+
+CNxT120Trace::~CNxT120Trace() = default;
+
+void CNxT120Trace::read_config() {
+    const CCancelOff cancelOff;
+    CGuard guard(m_mutex);
+    const int lines = std::max(get_int_param(SECTION, "FlushPerLines"), 1);
+    CNxT120TraceFileMgr::Instance().refresh_settings(GetSizeParam(get_process_name()), lines);
+    m_enabled = get_bool_param(SECTION, "Enable", 1) != 0;
+    for (unsigned long i = 0; i < CONFIGURED_LEVELS; ++i) {
+        CNxT120TraceMapEntry& entry = m_mapEntries[i];
+        if (entry.name != nullptr) {
+            entry.enabled = GetProcessSwitch(entry.name, entry.enabled != 0 ? 1 : 0);
+        }
+    }
+}
+
+int CNxT120Trace::load(void* file) {
+    const CCancelOff cancelOff;
+    CGuard guard(m_mutex);
+    if (file != nullptr || m_files[FILE_INFO].m_handle == nullptr) {
+        Open(file, CurrentTraceStamp());
+    }
+    return 1;
+}
+
+bool CNxT120Trace::IsToOpen(const CFile& candidate, const void* file) const {
+    return file == nullptr || candidate.m_handle == file;
+}
+
+void CNxT120Trace::Open(void* file, const CTraceStamp& stamp) {
+    mkdir(g_strLogDir1, 0777);
+    SetDate(stamp);
+    const unsigned long maxSize =
+        GetSizeParam(m_fileName != nullptr ? m_fileName : get_process_name());
+    m_enabled = get_bool_param(SECTION, "Enable", 0) != 0;
+    bool isToOpen[FILE_COUNT];
+    for (int i = 0; i < FILE_COUNT; ++i) {
+        isToOpen[i] = IsToOpen(m_files[i], file);
+    }
+    for (int i = 0; i < FILE_COUNT; ++i) {
+        if (isToOpen[i]) {
+            Close(m_files[i].m_handle);
+        }
+    }
+    for (int i = 0; i < FILE_COUNT; ++i) {
+        if (!isToOpen[i]) {
+            continue;
+        }
+        const std::string path = NextPath(m_files[i], stamp);
+        if (GetProcessSwitch(m_files[i].m_key, 0) != 0) {
+            m_files[i].m_handle =
+                static_cast<CNxT120TraceFile*>(CNxT120TraceFileMgr::Instance().open(
+                    path.c_str(), maxSize, m_shared, m_enabled ? 1 : 0));
+        }
+    }
+}
+
+// A fixed file name gives one file for all kinds of lines.
+void CNxT120Trace::Close(void* file) {
+    CNxT120TraceFileMgr::Instance().close(file);
+    for (CFile& candidate : m_files) {
+        if (candidate.m_handle == file) {
+            candidate.m_handle = nullptr;
+        }
+    }
+}
+
+std::string CNxT120Trace::NextPath(CFile& file, const CTraceStamp& stamp) {
+    const std::string dir = g_strLogDir1;
+    if (m_fileName != nullptr) {
+        return m_shared != 0 ? dir + "\\" + m_fileName
+                             : dir + "/" + m_fileName + "." + std::to_string(m_pid);
+    }
+    char date[48];
+    std::snprintf(date, sizeof(date), "_%02d%02d%04d_", stamp.m_month, stamp.m_day, stamp.m_year);
+    // The folder's text ends in a slash of its own; one more does no harm.
+    const std::string start = dir + "/" + get_process_name() + "_" + file.m_tag + date;
+    std::string path;
+    do {
+        path = start + std::to_string(file.m_sequence) + "." + std::to_string(m_pid) + ".log";
+        ++file.m_sequence;
+    } while (HasContent(path));
+    return path;
+}
+
+void CNxT120Trace::Trace(unsigned long level, const char* text, bool toStdout) {
+    const CCancelOff cancelOff;
+    if (toStdout) {
+        Print(level, text);
+    }
+    CGuard guard(m_mutex);
+    WriteToFiles(level, text);
+}
+
+void CNxT120Trace::FatalTraceString(unsigned long level, const char* text) {
+    if (level >= NX_TRACE_LEVELS || text == nullptr) {
+        return;
+    }
+    if (is_on(level)) {
+        Trace(level, text, true);
+        return;
+    }
+    const CCancelOff cancelOff;
+    Print(level, text);
+}
+
+void CNxT120Trace::Print(unsigned long level, const char* text) const {
+    char line[PRINT_SIZE];
+    line[0] = '\0';
+    const char* const category = m_mapEntries[level].name;
+    if (m_name != nullptr && category != nullptr) {
+        std::snprintf(line, sizeof(line), "%s%s:%s\n", CurrentTraceStamp().m_text, category, text);
+    }
+    std::printf("%s\n", line);
+}
+
+const CNxT120Trace::CLevelFile CNxT120Trace::LEVEL_FILES[] = {
+    {11, FILE_WARNING}, {0, FILE_FATAL}, {1, FILE_ERROR}};
+
+void CNxT120Trace::WriteToFiles(unsigned long level, const char* text) {
+    const CTraceStamp& stamp = CurrentTraceStamp();
+    NoticeFork(stamp);
+    if (m_files[FILE_INFO].m_handle != nullptr) {
+        m_files[FILE_INFO].m_handle->write(stamp, m_name, m_mapEntries[level].name, text);
+    }
+    NoticeNewDay(stamp);
+    ReopenIfFull(FILE_INFO, stamp);
+    for (const CLevelFile& own : LEVEL_FILES) {
+        if (own.m_level == level) {
+            WriteToLevelFile(own.m_file, stamp, text);
+        }
+    }
+}
+
+void CNxT120Trace::WriteToLevelFile(TFile which, const CTraceStamp& stamp, const char* text) {
+    const CFile& file = m_files[which];
+    if (file.m_handle != nullptr) {
+        file.m_handle->write(stamp, m_name, file.m_key, text);
+        ReopenIfFull(which, stamp);
+    }
+}
+
+void CNxT120Trace::ReopenIfFull(TFile which, const CTraceStamp& stamp) {
+    CNxT120TraceFile* const file = m_files[which].m_handle;
+    if (file != nullptr && file->is_wrapped()) {
+        Open(file, stamp);
+    }
+}
+
+void CNxT120Trace::NoticeFork(const CTraceStamp& stamp) {
+    if (m_forks == CountTraceForks()) {
+        return;
+    }
+    m_forks = CountTraceForks();
+    m_pid = getpid();
+    ResetSequences();
+    if (HasOpenFile()) {
+        Open(nullptr, stamp);
+    }
+}
+
+bool CNxT120Trace::HasOpenFile() const {
+    return std::any_of(std::begin(m_files), std::end(m_files),
+                       [](const CFile& file) { return file.m_handle != nullptr; });
+}
+
+bool CNxT120Trace::SetDate(const CTraceStamp& stamp) {
+    if (stamp.m_day == m_day && stamp.m_month == m_month) {
+        return false;
+    }
+    m_day = stamp.m_day;
+    m_month = stamp.m_month;
+    ResetSequences();
+    return true;
+}
+
+void CNxT120Trace::ResetSequences() {
+    for (CFile& file : m_files) {
+        file.m_sequence = 0;
+    }
+}
+
+void CNxT120Trace::NoticeNewDay(const CTraceStamp& stamp) {
+    if (!SetDate(stamp)) {
+        return;
+    }
+    // Only without an info file does the new day open files that were closed.
+    if (m_files[FILE_INFO].m_handle == nullptr) {
+        Open(nullptr, stamp);
+        return;
+    }
+    bool wasOpen[FILE_COUNT];
+    for (int i = 0; i < FILE_COUNT; ++i) {
+        wasOpen[i] = m_files[i].m_handle != nullptr;
+    }
+    for (int i = 0; i < FILE_COUNT; ++i) {
+        if (wasOpen[i] && m_files[i].m_handle != nullptr) {
+            Open(m_files[i].m_handle, stamp);
+        }
+    }
+}
+
+void CNxT120Trace::OpenIfSwitchedOn() {
+    const CCancelOff cancelOff;
+    CGuard guard(m_mutex);
+    if (!HasOpenFile() && get_bool_param(SECTION, "Enable", 0) != 0) {
+        Open(nullptr, CurrentTraceStamp());
+    }
+}
+
+void CNxT120Trace::BeforeFork() NX_NO_THREAD_SAFETY_ANALYSIS {
+    m_mutex.Lock();
+}
+
+void CNxT120Trace::AfterFork() NX_NO_THREAD_SAFETY_ANALYSIS {
+    m_mutex.UnLock();
+}
+
+char* CNxT120Trace::get_trace_dir() {
+    static CTraceDir s_dir;
+    return s_dir.m_path;
+}
+
+char* CNxT120Trace::get_process_name() {
+    static char s_unknown[] = "bztrace";
+    return get_exec_name()[0] == '\0' ? s_unknown : ::get_process_name();
+}
+
+void refresh_trace_config() {
+    trace_setting_init();
+    CNxT120Trace* const engine = CNxT120Trace::instance();
+    engine->read_config();
+    engine->OpenIfSwitchedOn();
+}

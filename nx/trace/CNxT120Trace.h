@@ -1,0 +1,179 @@
+// The trace engine of the process: a line is checked against its category's switch, stamped, and
+// written to up to four files in the process's log folder.
+//
+//     if (CNxT120Trace::instance()->is_on(21)) { ... build the text ... }
+//     CNxT120Trace::instance()->trace_string(21, "listening", false);
+//
+// Every line goes to the info file; lines of level 11 also to the warning file, of level 1 to the
+// error file, of level 0 to the fatal file. What is switched on stands in the section Trace of the
+// process's configuration file HOME/conf/NAME.cfg (nx/trace/trace_setting.h):
+//
+//     [Trace]
+//     Enable=TRUE          # the master switch; without it no file is opened
+//     stdout=TRUE          # every line also to standard output; read at the start only
+//     NAME.Info=TRUE       # the info file, and the category Info
+//     NAME.Warning=TRUE    # the warning file, and the category Warning; .Error and .Fatal alike
+//     NAME.PDU=TRUE        # a category of g_logMapEntry
+//     NAME=1048576         # bytes a file may grow to; below 1025: 20971520
+//     FlushPerLines=20     # lines a file collects in memory; from the first refresh on
+//
+// The files are HOME/logs/NAME_info_MMDDYYYY_N.PID.log and _warning_, _error_, _fatal_, of the form
+// of nx/trace/CNxT120TraceFile.h. N counts the files of a day from 0: a file that is full is
+// followed by the next number, a new day begins with new files. A file that is there already and is
+// not empty (the clock was set back, the process number has been used before) is not overwritten:
+// its number is passed over.
+#pragma once
+
+#include <nx/foundation/CNxMutexThread.h>
+#include <nx/trace/Text_Formator.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+class CNxT120TraceFile;
+struct CTraceStamp;
+
+// A category. The switch is read by tracing threads without a lock.
+struct CNxT120TraceMapEntry {
+    std::uint64_t id;
+    const char* name;
+    std::atomic<std::uint64_t> enabled;
+};
+
+// The built-in categories, by level; "NA" is free.
+//   on at first: 0 Fatal, 1 Error, 2 Server, 11 Warning, 12 Meeting, 13 Session, 14 User,
+//                15 Statistic, 21 Info, 22 State
+//   off:         23 PDU, 24 Func, 25 Tick, 26 Detail, and what is free
+// Detail CANNOT BE SWITCHED ON BY CONFIGURATION.
+inline constexpr unsigned long NX_TRACE_LEVELS = 27;
+extern CNxT120TraceMapEntry g_logMapEntry[NX_TRACE_LEVELS];
+
+// Any thread may call any operation. Nothing is reported: a file that cannot be opened or written
+// drops lines, and tracing goes on when there is room again. Levels from 27 on and null texts are
+// refused silently. A thread is not cancelled inside of an operation.
+//
+// After a fork(2) the child opens files of its own with its first line - the names hold its process
+// id - and leaves the parent's alone.
+class CNxT120Trace {
+public:
+    using Text_Formator = ::Text_Formator;
+    using Ordix = ::Text_Formator::Ordix;
+    static constexpr Ordix HEX = ::Text_Formator::HEX;
+    static constexpr Ordix DEC = ::Text_Formator::DEC;
+
+    // The process has one, instance(); further ones are for tools and tests. Names and table must
+    // outlive it; the table (not null) has 27 rows. Without a name lines have no category in them.
+    // With a `fileName` all lines go to one file, LOGS/fileName.PID, or in shared mode the file
+    // "fileName" with a BACKSLASH before its name; its size is then the key `fileName`, and a full
+    // file starts anew instead of counting on. Reads the switches, and opens the files if the
+    // configuration says Enable=TRUE.
+    CNxT120Trace(const char* name, CNxT120TraceMapEntry* entries, const char* fileName,
+                 unsigned char shared);
+    // Leaves the files open; they belong to g_trace_mgr.
+    virtual ~CNxT120Trace();
+
+    CNxT120Trace(const CNxT120Trace&) = delete;
+    CNxT120Trace& operator=(const CNxT120Trace&) = delete;
+
+    // The engine of the process, made by the first call (trace_setting_init included) and never
+    // destroyed: threads may trace while the process exits.
+    static CNxT120Trace* instance();
+
+    // Reads the switches anew, flushes EVERY file of g_trace_mgr and gives it the size and the
+    // lines per flush of the configuration. Here a missing Enable counts as TRUE, which lets
+    // lines through to standard output even if no file is open.
+    void read_config();
+
+    // Opens files: for null all four, unless the info file is open already; else the one with that
+    // handle anew, under its next number. A file that the configuration no longer wants stays
+    // closed. Here a missing Enable counts as FALSE. Returns 1.
+    int load(void* file);
+
+    // Whether lines of that level go anywhere.
+    bool is_on(unsigned long level) const {
+        return level < NX_TRACE_LEVELS && m_enabled.load(std::memory_order_relaxed) &&
+               m_mapEntries[level].enabled.load(std::memory_order_relaxed) != 0;
+    }
+
+    // Writes the line if its level is on. `toStdout`, or the key stdout, also prints it: at most
+    // 2047 bytes, and an empty line behind it.
+    void trace_string(unsigned long level, const char* text, bool toStdout) {
+        if (is_on(level) && text != nullptr) {
+            Trace(level, text, toStdout || m_toStdout.load(std::memory_order_relaxed));
+        }
+    }
+
+    // The same, but prints the line always, also when the level or all tracing is switched off.
+    void FatalTraceString(unsigned long level, const char* text);
+
+    // HOME/logs, at most 1023 bytes; "/tmp" when the home is not known. Do not write to it.
+    static char* get_trace_dir();
+
+    // The executable's base name, "bztrace" when it is unknown (the free get_process_name answers
+    // "defproc"). Do not write to it.
+    static char* get_process_name();
+
+    static std::atomic<CNxT120Trace*> t120_trace;
+
+    // Around a fork(2), for the engine of the process.
+    void BeforeFork();
+    void AfterFork();
+
+private:
+    enum TFile { FILE_INFO, FILE_WARNING, FILE_ERROR, FILE_FATAL, FILE_COUNT };
+    struct CFile {
+        // As in the configuration key, and the prefix of lines.
+        const char* m_key;
+        // As in the file's name.
+        const char* m_tag;
+        CNxT120TraceFile* m_handle;
+        unsigned int m_sequence;
+    };
+    // Lines of these levels also go to a file of their own.
+    struct CLevelFile {
+        unsigned long m_level;
+        TFile m_file;
+    };
+    static const CLevelFile LEVEL_FILES[3];
+
+    void Trace(unsigned long level, const char* text, bool toStdout);
+    void Print(unsigned long level, const char* text) const;
+    void WriteToFiles(unsigned long level, const char* text) NX_REQUIRES(m_mutex);
+    void WriteToLevelFile(TFile which, const CTraceStamp& stamp, const char* text)
+        NX_REQUIRES(m_mutex);
+    void ReopenIfFull(TFile which, const CTraceStamp& stamp) NX_REQUIRES(m_mutex);
+    void NoticeFork(const CTraceStamp& stamp) NX_REQUIRES(m_mutex);
+    void NoticeNewDay(const CTraceStamp& stamp) NX_REQUIRES(m_mutex);
+    void ResetSequences() NX_REQUIRES(m_mutex);
+    bool SetDate(const CTraceStamp& stamp) NX_REQUIRES(m_mutex);
+    void Open(void* file, const CTraceStamp& stamp) NX_REQUIRES(m_mutex);
+    bool IsToOpen(const CFile& candidate, const void* file) const;
+    bool HasOpenFile() const NX_REQUIRES(m_mutex);
+    std::string NextPath(CFile& file, const CTraceStamp& stamp) NX_REQUIRES(m_mutex);
+    void Close(void* file) NX_REQUIRES(m_mutex);
+    void OpenIfSwitchedOn();
+    friend void refresh_trace_config();
+
+    const char* const m_name;
+    CNxT120TraceMapEntry* const m_mapEntries;
+    const char* const m_fileName;
+    const unsigned char m_shared;
+    std::atomic<bool> m_enabled{false};
+    std::atomic<bool> m_toStdout{false};
+    CNxMutexThreadRecursive m_mutex;
+    CFile m_files[FILE_COUNT] NX_GUARDED_BY(m_mutex) = {{"Info", "info", nullptr, 0},
+                                                        {"Warning", "warning", nullptr, 0},
+                                                        {"Error", "error", nullptr, 0},
+                                                        {"Fatal", "fatal", nullptr, 0}};
+    // The date of the open files.
+    int m_day NX_GUARDED_BY(m_mutex);
+    int m_month NX_GUARDED_BY(m_mutex);
+    int m_pid NX_GUARDED_BY(m_mutex);
+    unsigned int m_forks NX_GUARDED_BY(m_mutex);
+};
+
+// Reads the switches of the process's engine anew (making it if need be): read_config, and if the
+// configuration now says Enable=TRUE while no file is open, the files are opened. Any thread, while
+// others trace; not from a signal handler.
+void refresh_trace_config();

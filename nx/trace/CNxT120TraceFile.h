@@ -1,0 +1,122 @@
+// A text log file of bounded size that says itself where its newest record ends.
+//
+//     offset 0    "%-31ld\n"            the offset of the marker: where the next record goes
+//     offset 32   one record a line     "[MM/DD/YYYY hh:mm:ss.mmm pid=P tid=T] PREFIX:TEXT\n"
+//                                       without tag or prefix: "[...] TEXT\n"
+//     behind the newest record          "************************* Current Trace Point
+//                                       *************************\n\n" (in one line)
+//     behind the marker                 in a shared file that has wrapped: what is left of the
+//                                       older records, the first one cut
+//
+// A new file is a header holding 32. Every write goes records and marker first, header last, so
+// the header is right whenever a writer dies. tools/nxtrace reads these files.
+//
+// A private file belongs to this process: records collect in a buffer of N lines of 2048 bytes and
+// are written every N lines; a full file (header offset >= maximum when a flush begins) still takes
+// that flush and from then on is_wrapped(). A shared file is written by any number of processes,
+// each record at once, under an fcntl(2) lock of the whole file; a full one goes on at offset 32.
+#pragma once
+
+#include <nx/foundation/CNxMutexThread.h>
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <string>
+
+struct CTraceStamp;
+struct iovec;
+
+// One file, as a rule owned by a CNxT120TraceFileMgr. Any thread may call any operation; locks
+// inside serialise them. A thread is not cancelled inside of one.
+//
+// No operation reports a failure. A file that cannot be opened, or was not asked to be, takes
+// records and drops them. When a write fails (a full disk, say) the header stays where it is and
+// the marker is put back: what was on disk stays readable. A private file keeps the records in
+// its buffer and tries again with each further one; while the buffer is full new records are
+// dropped. A shared file drops the record.
+//
+// Whoever meddles with the file: a header that cannot be read, lies below 32 or beyond the end of
+// the file counts as 32.
+class CNxT120TraceFile {
+public:
+    // With a name and a non-zero `create` the file is made anew - emptied if it exists, in shared
+    // mode under the lock, with access mode 0666. `maxSize` in bytes, 0 for unlimited.
+    // To leave in place what other processes wrote to a shared file, pass 0 for `create` and call
+    // attach().
+    CNxT120TraceFile(const char* fileName, unsigned long maxSize, unsigned char shared,
+                     unsigned char create);
+    // Flushes.
+    ~CNxT120TraceFile();
+
+    CNxT120TraceFile(const CNxT120TraceFile&) = delete;
+    CNxT120TraceFile& operator=(const CNxT120TraceFile&) = delete;
+
+    // Opens the file as it is; makes it, with mode 0666, when it is missing. False when it has no
+    // name, is open already, is not shared or cannot be opened.
+    bool attach();
+
+    // Whether the name is exactly this; false for null and for a file without a name.
+    bool is_same_file(const char* name) const;
+
+    // Adds a record, stamped with now. With tag and prefix it takes the prefixed form; the tag
+    // itself is never printed. Nothing happens without a text.
+    // A private file's record that does not fit what is left of the buffer has the buffer flushed
+    // first; one longer than the whole buffer is cut and still ends its line.
+    void write(const char* tag, const char* prefix, const char* text);
+    void write(const CTraceStamp& stamp, const char* tag, const char* prefix, const char* text);
+
+    // Adds a record the way shared files do, whatever the file is.
+    void write_shared(const char* tag, const char* prefix, const char* text);
+
+    // Writes what the buffer holds.
+    void flush_buffer();
+
+    // Flushes, then sets the maximum size and the lines per flush (below 1 counts as 1, above
+    // 65536 as 65536). Returns 1.
+    int refresh_settings(unsigned long maxSize, int linesPerFlush);
+
+    // Whether a private file has reached its maximum size.
+    bool is_wrapped() const { return m_wrapped.load(std::memory_order_relaxed); }
+
+    bool is_shared() const { return m_shared != 0; }
+
+    // The process ends: flushes a private file and from now on writes each record at once.
+    void drain();
+
+    // Around a fork(2), called on every file of the process: a flushed buffer and free locks are
+    // what both processes start from. A child drops what could not be flushed; it is the parent's.
+    static void LockSharedFiles();
+    static void UnlockSharedFiles();
+    void BeforeFork();
+    void AfterFork(bool isChild);
+
+private:
+    struct CRecord;
+
+    CNxMutexThread& GetMutex();
+    void OpenNew();
+    void LockFile(short type);
+    void Append(const CRecord& record);
+    void Flush();
+    void WriteShared(const CRecord& record);
+    long ReadOffset();
+    bool Put(long offset, iovec* parts, int count, size_t recordBytes);
+    void RestoreMarker(long offset, size_t written);
+    bool WriteHeader(long offset);
+    long GetSize() const;
+
+    const std::string m_fileName;
+    long m_maxSize;
+    const unsigned char m_shared;
+    int m_fd = -1;
+    unsigned int m_linesPerFlush = 1;
+    unsigned int m_bufferedLines = 0;
+    size_t m_bufferedBytes = 0;
+    std::unique_ptr<char[]> m_buffer;
+    // What this object put into the header last; such an offset needs no checking.
+    long m_lastOffset = 0;
+    bool m_draining = false;
+    std::atomic<bool> m_wrapped{false};
+    CNxMutexThread m_mutex;
+};

@@ -1,0 +1,26 @@
+// Inside the library only: what every trace line begins with - local time, process and thread.
+#pragma once
+
+#include <cstddef>
+#include <ctime>
+
+// "[MM/DD/YYYY hh:mm:ss.mmm pid=P tid=T] " of the thread that asked for it last.
+struct CTraceStamp {
+    char m_text[96];
+    size_t m_length;
+    size_t m_msOffset;
+    int m_day;
+    // 1..12
+    int m_month;
+    int m_year;
+    time_t m_second;
+    unsigned int m_forks;
+};
+
+// The calling thread's stamp, brought up to now; it changes at the thread's next call. The calendar
+// is worked out once a second and thread, the ids once a thread and fork.
+const CTraceStamp& CurrentTraceStamp();
+
+// How many forks lie between this process and the one that loaded the library. Children of fork(2)
+// are counted, not those of a bare clone(2).
+unsigned int CountTraceForks();

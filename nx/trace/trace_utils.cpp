@@ -1,0 +1,33 @@
+#include <nx/foundation/CNxMutexThread.h>
+#include <nx/trace/trace_utils.h>
+#include <sys/time.h>
+
+#include <cerrno>
+#include <ctime>
+
+unsigned long get_tick_count() {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    return static_cast<unsigned long>(now.tv_sec) * 1000 +
+           static_cast<unsigned long>(now.tv_usec) / 1000;
+}
+
+unsigned long calculate_tick_interval(unsigned long start, unsigned long end) {
+    return end - start;
+}
+
+void ms_sleep(unsigned long ms) {
+    timespec remaining{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
+    while (nanosleep(&remaining, &remaining) == -1 && errno == EINTR) {
+    }
+}
+
+void CleanLock(CNxMutexThreadBase* mutex) NX_NO_THREAD_SAFETY_ANALYSIS {
+    mutex->UnLock();
+}
+
+void Assert_Log(const char* /*file*/, const char* /*expr*/, int /*line*/) {}
+
+void log_string(const char* /*text*/) {}
+
+void output_debug_string(const char* /*text*/) {}
