@@ -1,8 +1,11 @@
 #include <common/CommandLine.h>
+#include <nx/config/init_file.h>
+#include <nx/trace/trace_setting.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 namespace examples {
 
@@ -37,6 +40,40 @@ const Option* Find(const std::vector<Option>& options, const std::string& name) 
 
 }  // namespace
 
+bool CommandLine::IsKnown(const std::string& name) const {
+    return Find(numbers, name) != nullptr || Find(texts, name) != nullptr;
+}
+
+std::string CommandLine::Store(const std::string& name, const std::string& value) const {
+    const TextOption* const text = Find(texts, name);
+    if (text == nullptr) {
+        return SetNumber(*Find(numbers, name), value);
+    }
+    *text->value = value;
+    return {};
+}
+
+std::string CommandLine::ReadSection(const char* section) {
+    std::vector<const char*> names;
+    for (const NumberOption& option : numbers) {
+        names.push_back(option.name);
+    }
+    for (const TextOption& option : texts) {
+        names.push_back(option.name);
+    }
+    for (const char* const name : names) {
+        const std::string key = name + std::strlen("--");
+        char value[1024];
+        if (get_string_param(section, key.c_str(), value, sizeof(value))) {
+            const std::string error = Store(name, value);
+            if (!error.empty()) {
+                return std::string(g_strConfigfile1) + ": " + error;
+            }
+        }
+    }
+    return {};
+}
+
 std::string CommandLine::Parse(int argc, const char* const* argv) {
     for (int i = 1; i < argc; ++i) {
         const std::string argument = argv[i];
@@ -46,21 +83,14 @@ std::string CommandLine::Parse(int argc, const char* const* argv) {
         }
         const size_t equals = argument.find('=');
         const std::string name = argument.substr(0, equals);
-        const NumberOption* const number = Find(numbers, name);
-        const TextOption* const text = Find(texts, name);
-        if (number == nullptr && text == nullptr) {
+        if (!IsKnown(name)) {
             return "unknown option '" + name + "'";
         }
         if (equals == std::string::npos && ++i == argc) {
             return name + " needs a value";
         }
-        const std::string value =
-            equals == std::string::npos ? argv[i] : argument.substr(equals + 1);
-        if (text != nullptr) {
-            *text->value = value;
-            continue;
-        }
-        std::string error = SetNumber(*number, value);
+        std::string error =
+            Store(name, equals == std::string::npos ? argv[i] : argument.substr(equals + 1));
         if (!error.empty()) {
             return error;
         }

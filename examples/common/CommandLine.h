@@ -1,4 +1,4 @@
-// Options of the form "--name value" and "--name=value".
+// Options of the form "--name value" and "--name=value", or from the configuration file.
 #pragma once
 
 #include <cstdint>
@@ -26,9 +26,17 @@ struct CommandLine {
     // Set by --help, which ends the reading.
     bool help = false;
 
+    // Stores what the section of the process's configuration file says, where an option is a key by
+    // its name without the dashes. Answers as Parse. After trace_setting_init.
+    std::string ReadSection(const char* section);
+
     // Stores what the arguments say; the last of several wins. Answers what is wrong, in one line
     // for people, or "".
     std::string Parse(int argc, const char* const* argv);
+
+private:
+    bool IsKnown(const std::string& name) const;
+    std::string Store(const std::string& name, const std::string& value) const;
 };
 
 }  // namespace examples

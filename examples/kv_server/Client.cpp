@@ -1,3 +1,4 @@
+#include <common/Trace.h>
 #include <kv_server/Client.h>
 #include <kv_server/Limits.h>
 #include <kv_server/ReplyWriter.h>
@@ -43,7 +44,7 @@ Client::~Client() {
 }
 
 bool Client::Open() {
-    return m_reactor.RegisterHandler(this, NX_MASK_READ) == NX_OK;
+    return Watch();
 }
 
 bool Client::Refuse(std::string_view error) {
@@ -87,6 +88,11 @@ int Client::OnClose(int /*fd*/, long /*mask*/) {
 }
 
 bool Client::Continue() {
+    return Proceed() && Watch();
+}
+
+// Whether the connection goes on.
+bool Client::Proceed() {
     if (m_lingering) {
         return Discard();
     }
@@ -94,7 +100,8 @@ bool Client::Continue() {
         if (!Flush()) {
             return false;
         }
-        if (m_batch == nullptr || m_output.GetSize() >= c_maxWaiting) {
+        TraceSlowness();
+        if (m_batch == nullptr || m_slow) {
             return true;
         }
         const bool toldError = m_ending || m_batch->error.empty();
@@ -118,31 +125,44 @@ bool Client::Continue() {
 
 // Sends until all is gone or the socket is full.
 bool Client::Flush() {
-    while (!m_output.IsEmpty()) {
+    m_waitsForRoom = false;
+    while (!m_output.IsEmpty() && !m_waitsForRoom) {
         if (m_output.SendTo(GetHandle()) >= 0) {
             m_activeAt = m_owner.GetSeconds();
-            continue;
-        }
-        if (errno == EINTR) {
-            continue;
-        }
-        if (!WouldBlock()) {
+        } else if (WouldBlock()) {
+            m_waitsForRoom = true;
+        } else if (errno != EINTR) {
             return false;
         }
-        WaitForRoom(true);
-        return true;
     }
-    WaitForRoom(false);
     return true;
 }
 
-// Watching for room costs a look at the socket with every event, so it is not left on.
-void Client::WaitForRoom(bool wait) {
-    if (m_waitsForRoom != wait) {
-        m_waitsForRoom = wait;
-        const long mask = wait ? NX_MASK_READ | NX_MASK_WRITE : NX_MASK_READ;
-        m_reactor.RegisterHandler(this, mask);
+void Client::TraceSlowness() {
+    const bool slow = m_output.GetSize() >= c_maxWaiting;
+    if (slow && !m_slow) {
+        examples::Trace(examples::c_traceWarning, "client ", m_id,
+                        " reads slowly: ", m_output.GetSize(), " bytes wait for it");
     }
+    m_slow = slow;
+}
+
+// Watching for room costs a look at the socket with every event, so it is not left on. A reactor
+// that reports states, not changes, must not report what is left for later. False when the socket
+// cannot be watched any more.
+bool Client::Watch() {
+    const bool statesOnly = m_reactor.GetReactorType() == INxReactor::TYPE_SELECT;
+    const bool input = !statesOnly || !m_readable || m_lingering;
+    const long wanted = (input ? NX_MASK_READ : 0) | (m_waitsForRoom ? NX_MASK_WRITE : 0);
+    if (wanted == m_watched) {
+        return true;
+    }
+    m_watched = wanted;
+    if (wanted == 0) {
+        return m_reactor.RemoveHandler(this, NX_MASK_ALL_EVENTS) == NX_OK;
+    }
+    const NxResult result = m_reactor.RegisterHandler(this, wanted);
+    return result == NX_OK || result == NX_ERROR_FOUND;
 }
 
 bool Client::Receive() {
@@ -154,6 +174,9 @@ bool Client::Receive() {
     const auto size = static_cast<std::size_t>(received);
     m_activeAt = m_owner.GetSeconds();
     m_reader.Take({buffer, size}, *m_batch);
+    if (!m_batch->error.empty()) {
+        examples::Trace(examples::c_traceWarning, "client ", m_id, ": ", m_batch->error.c_str());
+    }
     if (m_stopping) {
         CountLastInput(size);
     }

@@ -34,8 +34,8 @@ protected:
 
 // Walks in a circle: receive, submit, wait for the replies, send. At most one batch is on its way,
 // and nothing is received meanwhile or while too many replies wait: the client then feels it in its
-// own sends. Since the reactor reports changes only, the client remembers what is still to be done,
-// and Continue does all of it that can be done now.
+// own sends. Since a reactor may report changes only, the client remembers what is still to be
+// done, and Continue does all of it that can be done now.
 //
 // A connection ends when all is answered that was asked: it is shut down for sending, and what the
 // client still sends is thrown away until it hangs up too. Closing at once would make the system
@@ -65,6 +65,7 @@ public:
     // Whether the connection may be closed without loss, while it ends.
     bool IsDone() const { return m_lingering && IsDelivered(); }
 
+    std::uint64_t GetId() const { return m_id; }
     bool IsRefused() const { return m_refused; }
     bool IsLingering() const { return m_lingering; }
 
@@ -78,7 +79,9 @@ public:
 
 private:
     bool Flush();
-    void WaitForRoom(bool wait);
+    bool Proceed();
+    bool Watch();
+    void TraceSlowness();
     bool Receive();
     bool ReceiveNothing(long result);
     void CountLastInput(std::size_t size);
@@ -90,6 +93,7 @@ private:
     INxReactor& m_reactor;
     IClientOwner& m_owner;
     CNxSocketBase m_socket;
+    long m_watched = 0;  // the events that it is registered for
 
     RequestReader m_reader;
     std::unique_ptr<Batch> m_batch;  // null while the store has it
@@ -97,7 +101,8 @@ private:
     std::int64_t m_activeAt;
 
     bool m_readable = false;      // there may be something to receive
-    bool m_waitsForRoom = false;  // registered for output
+    bool m_waitsForRoom = false;  // the socket is full
+    bool m_slow = false;          // too many replies wait
     bool m_inputEnded = false;    // the client has hung up its side
     bool m_ending = false;        // no more input is taken
     bool m_lingering = false;     // all is sent

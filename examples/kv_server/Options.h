@@ -1,4 +1,4 @@
-// What the command line asks for.
+// What the configuration file and the command line ask for.
 #pragma once
 
 #include <cstdint>
@@ -14,10 +14,18 @@ struct Options {
     // Seconds; 0 for never.
     std::uint64_t idleTimeout = 300;
     std::uint64_t maxClients = 10000;
+    // "epoll", "select" or "rtsig".
+    std::string reactor = "epoll";
+    // A trace file that several processes write to; "" for none.
+    std::string sharedTrace;
     bool help = false;
 };
 
-// Answers what is wrong, in one line for people, or "" when `options` can be used.
+// Reads the section Server of the configuration file. Answers what is wrong, in one line for
+// people, or "". After trace_setting_init.
+std::string ReadConfiguration(Options& options);
+
+// Reads the command line over it. Answers likewise.
 std::string ParseOptions(int argc, const char* const* argv, Options& options);
 
 // The text of --help.

@@ -1,6 +1,7 @@
 #include <common/AddressText.h>
 #include <common/CallEvent.h>
 #include <common/Clock.h>
+#include <common/Trace.h>
 #include <kv_server/Server.h>
 #include <unistd.h>
 
@@ -32,7 +33,8 @@ Server::Server(const Options& options, INxReactor& network, INxEventQueue& store
       m_stats(stats),
       m_onStopped(std::move(onStopped)),
       m_acceptor(
-          network, [this](int socket) { OnAccepted(socket); }, [this] { ++m_stats.refused; }),
+          network, [this](int socket) { OnAccepted(socket); },
+          [this] { CountRefused("out of descriptors"); }),
       m_seconds(NowSeconds()) {}
 
 std::string Server::Open() {
@@ -58,14 +60,22 @@ void Server::OnAccepted(int socket) {
     if (m_stats.connected < m_options.maxClients) {
         isOpen = client->Open();
     } else {
-        ++m_stats.refused;
+        CountRefused("max-clients reached");
         isOpen = m_clients.size() < m_options.maxClients + c_refusedAtOnce &&
                  client->Refuse("ERR max number of clients reached");
     }
     if (isOpen) {
         m_stats.connected += client->IsRefused() ? 0 : 1;
         m_clients.emplace(id, std::move(client));
+    } else if (!client->IsRefused()) {
+        CountRefused("the reactor has no place for it");
     }
+}
+
+void Server::CountRefused(const char* why) {
+    ++m_stats.refused;
+    examples::Trace(examples::c_traceWarning, "client ", m_stats.accepted.load(),
+                    " refused: ", why);
 }
 
 void Server::Submit(std::unique_ptr<Batch> batch) {
@@ -94,6 +104,7 @@ void Server::ContinueLater(std::uint64_t clientId) {
 }
 
 void Server::Stop() {
+    examples::Trace(examples::c_traceInfo, "stopping; clients ", m_clients.size());
     m_acceptor.Close();
     m_stopAt = NowSeconds() + c_stopSeconds;
     m_network.ScheduleTimer(this, nullptr, CNxTimeValue(0, c_stopTickUsec), 0);
@@ -121,8 +132,15 @@ bool Server::IsOverdue(const Client& client) const {
     }
     const std::int64_t silent = m_seconds - client.GetActiveAt();
     const auto idleTimeout = static_cast<std::int64_t>(m_options.idleTimeout);
-    return client.IsLingering() ? silent >= c_lingerSeconds
-                                : idleTimeout != 0 && silent > idleTimeout;
+    if (client.IsLingering()) {
+        return silent >= c_lingerSeconds;
+    }
+    if (idleTimeout == 0 || silent <= idleTimeout) {
+        return false;
+    }
+    examples::Trace(examples::c_traceInfo, "client ", client.GetId(), " was silent for ", silent,
+                    " s");
+    return true;
 }
 
 // A client is not destroyed while it is asked: it may be in the middle of its own operation.

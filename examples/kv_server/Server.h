@@ -47,6 +47,7 @@ private:
     void OnTimeout(const CNxTimeValue& curTime, void* token) override;
 
     void OnAccepted(int socket);
+    void CountRefused(const char* why);
     void OnReplies(std::unique_ptr<Batch> batch);
     template <class Condition>
     void EraseIf(Condition condition);

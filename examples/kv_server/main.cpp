@@ -5,6 +5,7 @@
 #include <common/CallEvent.h>
 #include <common/Descriptors.h>
 #include <common/StopSignals.h>
+#include <common/Trace.h>
 #include <kv_server/Options.h>
 #include <kv_server/Server.h>
 #include <kv_server/StoreService.h>
@@ -24,9 +25,10 @@ constexpr int c_statusBadOptions = 2;
 // For the library, the standard streams, and clients that are being refused.
 constexpr rlim_t c_otherDescriptors = 128;
 
-int Fail(const std::string& what) {
+int Fail(const std::string& what, int status = c_statusFailed) {
+    examples::Trace(examples::c_traceError, what.c_str());
     std::fprintf(stderr, "kv_server: %s\n", what.c_str());
-    return c_statusFailed;
+    return status;
 }
 
 // From listening to the end that a signal brings.
@@ -43,12 +45,15 @@ int Serve(const Options& options, CNxThread& network, CNxThread& store) {
     CallOn(reactor, [&] {
         error = server.Open();
         address = server.GetAddressText();
-        if (error.empty() && !signals.Open(reactor, [&server] { server.Stop(); })) {
+        if (error.empty() && !signals.Open(
+                                 reactor, [&server] { server.Stop(); }, refresh_trace_config)) {
             error = "cannot take signals";
         }
     });
     if (error.empty()) {
         std::printf("kv_server: listening on %s\n", address.c_str());
+        examples::Trace(examples::c_traceInfo, "listening on ", address.c_str(), ", reactor ",
+                        options.reactor.c_str());
         std::fflush(stdout);
         CNxThreadManager::Instance()->GetThread(NX_THREAD_MAIN)->OnThreadRun();
     }
@@ -60,19 +65,26 @@ int Serve(const Options& options, CNxThread& network, CNxThread& store) {
     // Before the objects go: what is left in the queues refers to them.
     CNxThreadManager::Instance()->StopAllThreads(nullptr);
     CNxThreadManager::Instance()->JoinAllThreads();
+    examples::Trace(examples::c_traceInfo, "stopped; clients accepted ", stats.accepted.load(),
+                    ", refused ", stats.refused.load());
     return error.empty() ? 0 : Fail(error);
+}
+
+// The caller owns it.
+INxReactor* MakeReactor(const std::string& name) {
+    if (name == "select") {
+        return new CNxReactorSelect;
+    }
+    return name == "rtsig" ? new CNxReactorRealTimeSignal
+                           : CNxThreadManager::CreateNetworkReactor();
 }
 
 int RunThreads(const Options& options) {
     CNxThreadManager* const threads = CNxThreadManager::Instance();
-    // Before there is another thread, for it inherits this.
-    threads->DisableSignal(SIGINT);
-    threads->DisableSignal(SIGTERM);
     CNxThread* network = nullptr;
     CNxThread* store = nullptr;
-    if (threads->InitMainThread(0, nullptr) != NX_OK ||
-        threads->CreateNetworkThread(NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(),
-                                     network) != NX_OK ||
+    if (threads->CreateNetworkThread(NX_THREAD_NETWORK, MakeReactor(options.reactor), network) !=
+            NX_OK ||
         threads->CreateUserTaskThread(store, CNxThreadManager::FLAG_JOINABLE, 1) != NX_OK) {
         return Fail("cannot start its threads");
     }
@@ -83,17 +95,30 @@ int RunThreads(const Options& options) {
 
 int main(int argc, char** argv) {
     Options options;
-    const std::string error = ParseOptions(argc, argv, options);
-    if (!error.empty()) {
-        std::fprintf(stderr, "kv_server: %s\nTry 'kv_server --help'.\n", error.c_str());
-        return c_statusBadOptions;
-    }
-    if (options.help) {
+    std::string error = ParseOptions(argc, argv, options);
+    if (error.empty() && options.help) {
         std::fputs(GetUsage().c_str(), stdout);
         return 0;
     }
+    CNxThreadManager* const threads = CNxThreadManager::Instance();
+    // Before there is another thread, for it inherits this.
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        threads->DisableSignal(signal);
+    }
+    if (error.empty() && threads->InitMainThread(argc, argv) != NX_OK) {
+        return Fail("cannot start");
+    }
+    options = Options();
+    error = error.empty() ? ReadConfiguration(options) : error;
+    error = error.empty() ? ParseOptions(argc, argv, options) : error;
+    if (!error.empty()) {
+        return Fail(error + "\nTry 'kv_server --help'.", c_statusBadOptions);
+    }
+    if (!options.sharedTrace.empty()) {
+        examples::ShareTrace(options.sharedTrace);
+    }
     if (!examples::AllowDescriptors(options.maxClients + c_otherDescriptors)) {
-        return Fail("the limit of open files (ulimit -n) is too low for --max-clients " +
+        return Fail("the limit of open files (ulimit -n) is too low for max-clients " +
                     std::to_string(options.maxClients));
     }
     return RunThreads(options);

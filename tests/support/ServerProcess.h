@@ -21,7 +21,7 @@
 #include <utility>
 #include <vector>
 
-// Started by the constructor, which waits for the line "...:PORT"; killed when the test forgot it.
+// Started by the constructor, which waits for the line "...listening on ADDR:PORT"; killed when the test forgot it.
 class ServerProcess {
 public:
     explicit ServerProcess(const std::string& program, std::vector<std::string> arguments = {}) {
@@ -44,7 +44,10 @@ public:
         }
         close(output[1]);
         m_output = output[0];
-        const std::string line = ReadLine();
+        std::string line = "...";
+        while (!line.empty() && line.find("listening on ") == std::string::npos) {
+            line = ReadLine();
+        }
         m_port = static_cast<unsigned short>(std::atoi(line.c_str() + line.rfind(':') + 1));
         EXPECT_NE(0, m_port) << line;
     }
