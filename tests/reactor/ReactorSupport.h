@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -123,7 +124,11 @@ inline void EchoClients(INxReactor& reactor, int count, int rounds,
             }
             for (const auto& end : ends) {
                 char byte = 0;
-                answers += recv(end->Peer(), &byte, 1, 0) == 1 ? 1 : 0;
+                ssize_t got = 0;
+                do {
+                    got = recv(end->Peer(), &byte, 1, 0);
+                } while (got == -1 && errno == EINTR);
+                answers += got == 1 ? 1 : 0;
             }
         }
         StopSoon(reactor, counts);
