@@ -29,8 +29,7 @@ CNxTimeValue ToInterval(milliseconds time) {
     return {0, static_cast<long>(time.count()) * 1000};
 }
 
-class Sink : public CNxTimerPreciseWrapperIDSink {
-public:
+struct Sink : CNxTimerPreciseWrapperIDSink {
     void OnTimer(CNxTimerPreciseWrapperID* id) override {
         ++m_calls;
         if (m_action) {
@@ -50,8 +49,7 @@ CNxThreadHeartBeat* MakeHandDrivenThread() {
 }
 
 // The target is the test's own thread, whose events fire when the test says so.
-class TimerPrecise : public ::testing::Test {
-protected:
+struct TimerPrecise : ::testing::Test {
     ~TimerPrecise() override { m_target->Destory(0); }
 
     NxResult Schedule(CNxTimerPreciseWrapperID& id, milliseconds interval, unsigned long count) {
@@ -82,11 +80,7 @@ TEST_F(TimerPrecise, RefusesThreadsThatItCannotCall) {
     }
     EXPECT_EQ(id.Schedule(&m_sink, ToInterval(c_tick), 1, 3), NX_ERROR_NULL_POINTER);
     EXPECT_EQ(id.Cancel(), NX_ERROR_FAILURE);
-    CNxTimerPreciseManager* const manager = CNxTimerPreciseManager::Instance();
-    EXPECT_EQ(Manager()->GetThread(NX_THREAD_PRECISE_TIMER), manager);
-    EXPECT_EQ(manager->Cancel(nullptr), NX_ERROR_NULL_POINTER);
-    EXPECT_EQ(manager->Stop(nullptr), NX_OK);
-    EXPECT_TRUE(manager->IsRunning());
+    EXPECT_EQ(CNxTimerPreciseManager::Instance()->Cancel(nullptr), NX_ERROR_NULL_POINTER);
 }
 
 TEST_F(TimerPrecise, FiresItsCount) {
@@ -124,27 +118,20 @@ TEST_F(TimerPrecise, EventsThatWaitAreVoidOnceTheIdIsCancelled) {
     EXPECT_EQ(CallsOfWaitingEvents(), 0);
 }
 
-TEST_F(TimerPrecise, IdMayGoAfterItsLastCallAndAfterAZeroIntervalIsCancelled) {
-    auto id = std::make_unique<CNxTimerPreciseWrapperID>();
-    Schedule(*id, milliseconds(0), 5);
-    AwaitEvents(1);
-    m_sink.m_action = [&id](CNxTimerPreciseWrapperID* fired) {
-        EXPECT_EQ(fired, id.get());
-        id.reset();
-    };
-    EXPECT_EQ(CallsOfWaitingEvents(), 1);
+TEST_F(TimerPrecise, IdMayGoAfterAZeroIntervalIsCancelledAndAfterItsLastCall) {
     for (int i = 0; i < 100; ++i) {
         CNxTimerPreciseWrapperID replaced;
         Schedule(replaced, c_tick, 0);
         Schedule(replaced, milliseconds(0), 1);
         EXPECT_EQ(replaced.Cancel(), NX_ERROR_NOT_FOUND);
     }
-    CNxTimerPreciseWrapperID last;
-    m_sink.m_action = nullptr;
-    Schedule(last, c_tick, 1);
-    m_target->DoHeartBeat();
-    AwaitEvents(1);
-    EXPECT_EQ(CallsOfWaitingEvents(), 1);
+    auto id = std::make_unique<CNxTimerPreciseWrapperID>();
+    Schedule(*id, c_tick, 1);
+    m_sink.m_action = [&id](CNxTimerPreciseWrapperID* /*fired*/) { id.reset(); };
+    while (id != nullptr) {
+        m_target->DoHeartBeat();
+    }
+    EXPECT_EQ(m_sink.m_calls, 1);
 }
 
 #ifdef NXBASE_CHECK_THREADS
@@ -165,90 +152,59 @@ bool IsFull() {
     return std::getenv("NXBASE_TEST_FULL") != nullptr;
 }
 
-// Fires a known number of times; notes when that is too often or too early.
-class Counted : public CNxTimerPreciseWrapperIDSink {
-public:
-    void Start(milliseconds interval, int count, int type, std::atomic<int>& open) {
-        m_interval = interval;
-        m_count = count;
-        m_type = type;
-        m_open = &open;
-        m_start = Clock::now();
-        m_id.Schedule(this, ToInterval(interval), static_cast<unsigned long>(count), type);
-    }
-
-    void OnTimer(CNxTimerPreciseWrapperID* id) override {
+// Fires a known number of times; notes what is too early or elsewhere.
+struct Counted : CNxTimerPreciseWrapperIDSink {
+    void OnTimer(CNxTimerPreciseWrapperID* /*id*/) override {
         ++m_calls;
         m_faults += Clock::now() < m_start + m_interval * m_calls - c_tick;
-        m_faults += id != &m_id || !CNxThreadManager::IsEqualCurrentThread(m_type);
-        if (m_calls == m_count) {
-            --*m_open;
-        }
+        m_faults += !CNxThreadManager::IsEqualCurrentThread(m_type);
+        *m_open -= m_calls == m_count ? 1 : 0;
     }
 
-    CNxTimerPreciseWrapperID m_id;
-    int m_calls = 0;
-    int m_count = 0;
-    int m_faults = 0;
-
-private:
     milliseconds m_interval{0};
     int m_type = 0;
     std::atomic<int>* m_open = nullptr;
-    Clock::time_point m_start;
+    Clock::time_point m_start = Clock::now();
+    CNxTimerPreciseWrapperID m_id;
+    int m_count = 0;
+    int m_calls = 0;
+    int m_faults = 0;
 };
 
-// Is cancelled and destroyed at some time: by itself in a callback, or by another thread.
-class ShortLived : public CNxTimerPreciseWrapperIDSink {
-public:
-    ShortLived(milliseconds interval, int callsOfItsOwn, int type)
-        : m_type(type), m_callsOfItsOwn(callsOfItsOwn) {
+struct Nothing : INxEvent {
+    NxResult OnEventFire() override { return NX_OK; }
+};
+
+// Is cancelled and destroyed at some time: by its own n-th call, or for 0 by another thread.
+struct ShortLived : CNxTimerPreciseWrapperIDSink {
+    ShortLived(milliseconds interval, int lastCall, int type) : m_lastCall(lastCall), m_type(type) {
         m_id->Schedule(this, ToInterval(interval), 0, type);
     }
 
     void OnTimer(CNxTimerPreciseWrapperID* /*id*/) override {
         m_faults += m_gone.load();
-        if (++m_calls == m_callsOfItsOwn) {
+        if (++m_calls == m_lastCall) {
             End();
         }
     }
 
-    // On another thread: what the target has begun is let through.
-    void EndFromOutside();
-
-    bool EndsItself() const { return m_callsOfItsOwn != 0; }
-    int GetFaults() const { return m_faults; }
-    bool IsGone() const { return m_gone != 0; }
-
-private:
     void End() {
         m_faults += m_id->Cancel() != NX_OK;
         m_id.reset();
+        // What the target has begun is let through.
+        Manager()->GetThreadEventQueue(m_type)->SendEvent(new Nothing);
         m_gone = 1;
     }
 
+    const int m_lastCall;
     const int m_type;
-    const int m_callsOfItsOwn;
     int m_calls = 0;
     std::unique_ptr<CNxTimerPreciseWrapperID> m_id = std::make_unique<CNxTimerPreciseWrapperID>();
     std::atomic<int> m_gone{0};
     std::atomic<int> m_faults{0};
 };
 
-class Nothing : public INxEvent {
-public:
-    NxResult OnEventFire() override { return NX_OK; }
-};
-
-void ShortLived::EndFromOutside() {
-    m_faults += m_id->Cancel() != NX_OK;
-    m_id.reset();
-    Manager()->GetThreadEventQueue(m_type)->SendEvent(new Nothing);
-    m_gone = 1;
-}
-
-class Crowd {
-public:
+struct Crowd {
     Crowd() {
         for (CNxThread*& thread : m_threads) {
             Manager()->CreateUserTaskThread(thread, c_joinable, 0);
@@ -261,11 +217,9 @@ public:
             thread->Destory(0);
         }
     }
-
     int AnyType() { return m_threads[m_random() % m_threads.size()]->GetThreadType(); }
     int Number(int low, int high) { return std::uniform_int_distribution(low, high)(m_random); }
 
-private:
     std::mt19937 m_random{4};
     std::vector<CNxThread*> m_threads = std::vector<CNxThread*>(16);
 };
@@ -273,20 +227,19 @@ private:
 int RunShortLived(Crowd& crowd, const std::atomic<int>& open) {
     std::deque<ShortLived> all;
     while (open != 0) {
-        const int calls = crowd.Number(0, 3);
-        ShortLived& timer =
-            all.emplace_back(milliseconds(crowd.Number(1, 30)), calls, crowd.AnyType());
+        const milliseconds interval(crowd.Number(1, 30));
+        ShortLived& timer = all.emplace_back(interval, crowd.Number(0, 3), crowd.AnyType());
         CNxThreadManager::SleepMs(static_cast<unsigned long>(crowd.Number(0, 2)));
-        if (!timer.EndsItself()) {
-            timer.EndFromOutside();
+        if (timer.m_lastCall == 0) {
+            timer.End();
         }
     }
     int faults = 0;
     for (ShortLived& timer : all) {
-        while (!timer.IsGone()) {
+        while (timer.m_gone == 0) {
             std::this_thread::yield();
         }
-        faults += timer.GetFaults();
+        faults += timer.m_faults;
     }
     std::printf("%zu timers cancelled and destroyed meanwhile\n", all.size());
     return faults;
@@ -295,13 +248,17 @@ int RunShortLived(Crowd& crowd, const std::atomic<int>& open) {
 TEST(TimerPreciseCrowd, EveryTimerFiresItsCountWhileOthersComeAndGo) {
     const int timers = IsFull() ? 10000 : 500;
     const int duration = IsFull() ? 10000 : 500;
-    std::vector<Counted> counted(static_cast<size_t>(timers));
+    std::deque<Counted> counted;
     std::atomic<int> open{timers};
     Crowd crowd;
-    for (Counted& timer : counted) {
-        const int interval = crowd.Number(1, duration / 4);
-        const int onGrid = (interval + 9) / 10 * 10;
-        timer.Start(milliseconds(interval), duration / onGrid, crowd.AnyType(), open);
+    for (int i = 0; i < timers; ++i) {
+        Counted& timer = counted.emplace_back();
+        timer.m_interval = milliseconds(crowd.Number(1, duration / 4));
+        timer.m_count = duration / static_cast<int>((timer.m_interval.count() + 9) / 10 * 10);
+        timer.m_type = crowd.AnyType();
+        timer.m_open = &open;
+        timer.m_id.Schedule(&timer, ToInterval(timer.m_interval),
+                            static_cast<unsigned long>(timer.m_count), timer.m_type);
     }
     EXPECT_EQ(RunShortLived(crowd, open), 0);
     long calls = 0;
@@ -316,10 +273,9 @@ TEST(TimerPreciseCrowd, EveryTimerFiresItsCountWhileOthersComeAndGo) {
 
 // ------------------------------------------------------------------------------------------------
 
-class TimerPreciseEnd : public ::testing::Test {
-protected:
-    // Each body runs in a fresh process; a hang is ended by the time limit of the test.
-    void SetUp() override { ::testing::GTEST_FLAG(death_test_style) = "threadsafe"; }
+// Each body runs in a fresh process; a hang is ended by the time limit of the test.
+struct TimerPreciseEnd : ::testing::Test {
+    TimerPreciseEnd() { ::testing::GTEST_FLAG(death_test_style) = "threadsafe"; }
 };
 
 // Made before the manager, so destroyed, still scheduled, after the tear-down.
@@ -329,21 +285,14 @@ void StartForGood(CNxTimerPreciseWrapperIDSink* sink, int type) {
     g_forgotten.emplace_back().Schedule(sink, ToInterval(c_tick), 0, type);
 }
 
-void Demand(bool condition, int line) {
-    if (!condition) {
-        std::fprintf(stderr, "line %d\n", line);
-        std::_Exit(1);
-    }
-}
-
 TEST_F(TimerPreciseEnd, ThreadEndsWithAllOthersAndStartsAgain) {
     const auto body = [] {
         static Sink sink;
         for (int round = 0; round < 2; ++round) {
-            Demand(Manager()->InitMainThread(0, nullptr) == NX_OK, __LINE__);
+            bool good = Manager()->InitMainThread(0, nullptr) == NX_OK;
             CNxTimerPreciseWrapperID id;
             CNxThread* const precise = Manager()->GetThread(NX_THREAD_PRECISE_TIMER);
-            Demand(Manager()->JoinAllThreads() == NX_OK && precise->IsRunning(), __LINE__);
+            good = good && Manager()->JoinAllThreads() == NX_OK && precise->IsRunning();
             CNxThread* worker = nullptr;
             Manager()->CreateUserTaskThread(worker, c_joinable, 1);
             StartForGood(&sink, worker->GetThreadType());
@@ -351,11 +300,13 @@ TEST_F(TimerPreciseEnd, ThreadEndsWithAllOthersAndStartsAgain) {
                 std::this_thread::yield();
             }
             Manager()->StopAllThreads(nullptr);
-            Demand(precise->IsRunning(), __LINE__);
+            good = good && precise->IsRunning();
             Manager()->JoinAllThreads();
-            Demand(!precise->IsRunning(), __LINE__);
+            good = good && !precise->IsRunning();
             const NxResult late = id.Schedule(&sink, ToInterval(c_tick), 1, NX_THREAD_MAIN);
-            Demand(late == NX_ERROR_NULL_POINTER, __LINE__);
+            if (!good || late != NX_ERROR_NULL_POINTER) {
+                std::exit(1);
+            }
             worker->Destory(0);
             Manager()->GetThread(NX_THREAD_MAIN)->Destory(0);
         }
