@@ -128,7 +128,7 @@ CTraceFile::EResult CTraceFile::ReadAll(int fd, CTraceBatch& batch) {
         return NO_TRACE_FILE;
     }
     // What was written during the reading has gone over the oldest records.
-    if (later > layout.m_end) {
+    if (later > layout.m_end && layout.m_end == ParseTraceHeader(batch.m_content)) {
         layout.m_older.remove_prefix(std::min(later - layout.m_end, layout.m_older.size()));
     }
     TakeNew(layout, batch);

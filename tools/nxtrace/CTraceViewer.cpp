@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr auto FOLLOW_INTERVAL = std::chrono::milliseconds(200);
+constexpr auto FOLLOW_INTERVAL = std::chrono::milliseconds(100);
 
 }  // namespace
 

@@ -66,6 +66,14 @@ size_t FindMarker(std::string_view content) {
     return at;
 }
 
+// Behind the header; without a sound one, perhaps at the very beginning.
+size_t FirstRecord(std::string_view content, bool hasHeader) {
+    CTraceRecord record;
+    const bool isBehindDamage = content.size() > TRACE_HEADER_SIZE &&
+                                ParseRecord(content.substr(TRACE_HEADER_SIZE), record);
+    return hasHeader || isBehindDamage ? TRACE_HEADER_SIZE : 0;
+}
+
 }  // namespace
 
 std::int64_t CalendarMs(int year, int month, int day, int hour, int minute, int second, int ms) {
@@ -135,7 +143,7 @@ bool ReadLayout(std::string_view content, CTraceLayout& layout) {
     const bool isInside = end >= TRACE_HEADER_SIZE && end <= content.size();
     const bool isSound = isInside && content.substr(end, TRACE_MARKER.size()) == TRACE_MARKER;
     const size_t marker = isSound ? end : FindMarker(content);
-    const size_t start = end != 0 ? TRACE_HEADER_SIZE : 0;
+    const size_t start = FirstRecord(content, end != 0);
     if (marker != std::string_view::npos) {
         layout.m_end = std::max(marker, start);
         layout.m_newer = content.substr(start, layout.m_end - start);

@@ -1,0 +1,130 @@
+// The read-write ini file: values come back from a saved file, and failures change nothing.
+#include <gtest/gtest.h>
+#include <nx/config/CConfigFile.h>
+
+#include "../support/TempFolder.h"
+
+namespace {
+
+class CConfigFileTest : public testing::Test {
+protected:
+    void TearDown() override { m_config.Close(); }
+    void Open(const std::string& content) {
+        ASSERT_EQ(m_config.Open(m_folder.Put("x.ini", content).c_str()), 0);
+    }
+    std::string Get(const char* section, const char* key) {
+        return m_config.GetStringParam(section, key, "(none)").c_str();
+    }
+    std::string ErrorsOf(NxResult (*call)(CConfigFile&, const std::string&),
+                         const std::string& path) {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(call(m_config, path), NX_ERROR_FAILURE);
+        return testing::internal::GetCapturedStderr();
+    }
+    static NxResult SaveTo(CConfigFile& config, const std::string& path) {
+        return config.SaveToOtherConfig(path.c_str());
+    }
+    static NxResult Save(CConfigFile& config, const std::string& /*path*/) {
+        return config.SaveConfig();
+    }
+
+    CTempFolder m_folder;
+    CConfigFile& m_config = *CConfigFile::Instance();
+};
+
+}  // namespace
+
+TEST_F(CConfigFileTest, ReadsTypedValues) {
+    setenv("NX_TEST_DIR", "/srv", 1);
+    Open("[Server]\nPort = 0x10\nYes = true\nNo = f\nOdd = maybe\nDir = ${NX_TEST_DIR}\n[a:b]\n");
+    EXPECT_EQ(m_config.GetIntParam("SERVER", "port", 1), 16);
+    EXPECT_EQ(m_config.GetIntParam("Server", "none", 1), 1);
+    EXPECT_TRUE(m_config.GetBoolParam("Server", "Yes", false));
+    EXPECT_FALSE(m_config.GetBoolParam("Server", "No", true));
+    EXPECT_TRUE(m_config.GetBoolParam("Server", "Odd", true));
+    EXPECT_EQ(Get("Server", "Dir"), "/srv");
+    EXPECT_EQ(m_config.GetStringParam("Server", "none", "${NX_TEST_DIR}"), "/srv");
+    // iniparser knows "a:b", the section, as a key without a value.
+    EXPECT_EQ(m_config.GetIntParam("a", "b", 5), 5);
+    EXPECT_TRUE(m_config.GetBoolParam("a", "b", true));
+}
+
+TEST_F(CConfigFileTest, EveryValueThatWasSetComesBackFromTheSavedFile) {
+    Open("above = 1\n[old]\nk = v\n[x:y]\nz = loaded\n");
+    EXPECT_EQ(m_config.SetIntParam("new", "n", -5), 0);
+    EXPECT_EQ(m_config.SetBoolParam("new", "b", true), 0);
+    EXPECT_EQ(m_config.SetStringParam("old", "k", "changed"), 0);
+    EXPECT_EQ(m_config.SetStringParam("old", "empty", ""), 0);
+    EXPECT_EQ(m_config.SetStringParam("part:of", "k", "colon"), 0);
+    EXPECT_EQ(m_config.SetStringParam("", "top", "no section"), 0);
+    EXPECT_EQ(m_config.SetStringParam("long", "k", std::string(960, 'v').c_str()), 0);
+    EXPECT_EQ(m_config.SaveConfig(), NX_OK);
+    EXPECT_NE(m_folder.Get("x.ini").find("[new]\n"), std::string::npos);
+
+    ASSERT_EQ(m_config.Open(m_folder.Path("x.ini").c_str()), 0);
+    EXPECT_EQ(m_config.GetIntParam("new", "n", 0), -5);
+    EXPECT_EQ(Get("new", "b"), "yes");
+    EXPECT_EQ(Get("old", "k"), "changed");
+    EXPECT_EQ(Get("old", "empty"), "");
+    EXPECT_EQ(Get("part:of", "k"), "colon");
+    EXPECT_EQ(Get("", "top"), "no section");
+    EXPECT_EQ(Get("", "above"), "1");
+    EXPECT_EQ(Get("x:y", "z"), "loaded");
+    EXPECT_EQ(Get("long", "k"), std::string(960, 'v'));
+}
+
+TEST_F(CConfigFileTest, EntriesThatWouldSpoilTheFileAreRefused) {
+    Open("[s]\nk = v\n");
+    const struct {
+        const char* section;
+        const char* key;
+        std::string value;
+    } entries[] = {
+        {"s", "k", "two\nlines"},
+        {"s", "k", "joins the next\\"},
+        {"s", "k", std::string(980, 'v')},
+        {"s", "", "v"},
+        {"s", "a=b", "v"},
+        {"s", ";k", "v"},
+        {"s]", "k", "v"},
+        {" s", "k", "v"},
+        {"s:#", "k", "v"},
+    };
+    for (const auto& entry : entries) {
+        EXPECT_EQ(m_config.SetStringParam(entry.section, entry.key, entry.value.c_str()), -1)
+            << entry.section << ":" << entry.key;
+    }
+    EXPECT_EQ(Get("s", "k"), "v");
+
+    // Loading knows forms that saving does not.
+    Open("[s]\ndir = \"C:\\\"\nk = v\n");
+    EXPECT_EQ(ErrorsOf(Save, ""),
+              "SaveToOtherConfig: cannot open " + m_folder.Path("x.ini") + "\n");
+    EXPECT_EQ(m_folder.Get("x.ini"), "[s]\ndir = \"C:\\\"\nk = v\n");
+}
+
+TEST_F(CConfigFileTest, AfterAFailedOpenNothingIsLoaded) {
+    Open("[s]\nk = v\n");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(m_config.Open(m_folder.Put("bad", "[s]\nno entry\n").c_str()), -1);
+    EXPECT_EQ(m_config.Open(m_folder.Put("long", std::string(5000, 'x')).c_str()), -1);
+    EXPECT_EQ(m_config.Open(m_folder.Path("missing").c_str()), -1);
+    EXPECT_EQ(m_config.Open(""), -1);
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(Get("s", "k"), "(none)");
+    EXPECT_EQ(m_config.SetIntParam("s", "k", 1), -1);
+    EXPECT_EQ(m_config.SaveConfig(), NX_ERROR_FAILURE);
+    EXPECT_FALSE(std::filesystem::exists(m_folder.Path("missing")));
+}
+
+TEST_F(CConfigFileTest, FailedSavesSaySo) {
+    Open("[s]\nk = v\n");
+    const std::string text = "SaveToOtherConfig: cannot open ";
+    EXPECT_EQ(ErrorsOf(SaveTo, "/nowhere/x"), text + "/nowhere/x\n");
+    EXPECT_EQ(ErrorsOf(SaveTo, "/dev/full"), text + "/dev/full\n");
+    EXPECT_EQ(ErrorsOf(SaveTo, ""), "");
+    EXPECT_EQ(m_config.SaveToOtherConfig(m_folder.Path("other").c_str()), NX_OK);
+    std::filesystem::remove_all(m_folder.Path("x.ini"));
+    std::filesystem::create_directory(m_folder.Path("x.ini"));
+    EXPECT_EQ(ErrorsOf(Save, ""), text + m_folder.Path("x.ini") + "\n");
+}

@@ -1,0 +1,154 @@
+// Profile files: their syntax, the bounds of every reader, and the parameters with their defaults.
+#include <gtest/gtest.h>
+#include <nx/config/CNxConfigInitFile.h>
+#include <nx/config/init_file.h>
+#include <nx/trace/trace_setting.h>
+
+#include <cstring>
+
+#include "../support/TempFolder.h"
+
+namespace {
+
+class CProfileTest : public testing::Test {
+protected:
+    // Makes this the process's configuration file.
+    void Write(const std::string& content) {
+        m_path = m_folder.Put("x.cfg", content);
+        std::snprintf(g_strConfigfile1, sizeof(g_strConfigfile1), "%s", m_path.c_str());
+    }
+    void TearDown() override { g_strConfigfile1[0] = '\0'; }
+
+    std::string Get(const char* section, const char* key) {
+        char out[4096];
+        get_string_from_profile(section, key, "(none)", out, sizeof(out), m_path.c_str());
+        return out;
+    }
+
+    CTempFolder m_folder;
+    std::string m_path;
+};
+
+}  // namespace
+
+TEST_F(CProfileTest, FindsEntriesOfTheFirstSectionOfTheName) {
+    Write(
+        "above=1\n"
+        "  # key=comment\n"
+        "[ other ]\nkey = wrong\n"
+        "x [ Trace ] y\r\n"
+        "Key = first ; kept # too\r\n"
+        "line without equals\n"
+        "empty =\n"
+        "a=b=c\n"
+        "list=[1]\n"
+        "after=a header\n"
+        "[Trace]\nlate=never\n");
+    EXPECT_EQ(Get("trace", "KEY"), "first ; kept # too");
+    EXPECT_EQ(Get("Trace", "a"), "b=c");
+    EXPECT_EQ(Get("Trace", "empty"), "");
+    EXPECT_EQ(Get("Trace", "list"), "(none)");
+    EXPECT_EQ(Get("Trace", "after"), "(none)") << "a value in brackets is a header";
+    EXPECT_EQ(Get("Trace", "late"), "(none)");
+    EXPECT_EQ(Get("other", "after"), "(none)");
+    EXPECT_EQ(Get("", "above"), "(none)");
+}
+
+TEST_F(CProfileTest, RemovesOnlyMatchingQuotes) {
+    Write("[s]\na=\" a b \"\nb='x'\nc=\"open\nd='mixed\"\ne=\"\nf=\"\"\n");
+    EXPECT_EQ(Get("s", "a"), "a b");
+    EXPECT_EQ(Get("s", "b"), "x");
+    EXPECT_EQ(Get("s", "c"), "\"open");
+    EXPECT_EQ(Get("s", "d"), "'mixed\"");
+    EXPECT_EQ(Get("s", "e"), "\"");
+    EXPECT_EQ(Get("s", "f"), "");
+}
+
+TEST_F(CProfileTest, OnlyTheRawReaderLeavesItsOutputUnterminated) {
+    Write("[s]\nk=12345678");
+    char out[9] = "????????";
+    FILE* const file = std::fopen(m_path.c_str(), "rte");
+    EXPECT_TRUE(read_init_file(file, "s", "k", out, 8));
+    std::fclose(file);
+    EXPECT_STREQ(out, "12345678");
+
+    std::memset(out, '?', sizeof(out));
+    EXPECT_EQ(get_string_from_profile("s", "k", "", out, 8, m_path.c_str()), 7U);
+    EXPECT_STREQ(out, "1234567");
+    EXPECT_EQ(get_string_from_profile("s", "none", "default", out, 4, m_path.c_str()), 3U);
+    EXPECT_STREQ(out, "def");
+    EXPECT_FALSE(get_string_param("s", "k", out, 1));
+}
+
+TEST_F(CProfileTest, SurvivesLinesThatNoEditorWrites) {
+    Write("[s]\n" + std::string("z\0=1\nk=a\0b\n", 11) + "big=" + std::string(1 << 20, 'x') +
+          "\n[t]\nlast=" + std::string(256, '9') + ";");
+    EXPECT_EQ(Get("s", "k"), "a");
+    EXPECT_EQ(Get("s", "big"), std::string(2047 - 4, 'x'));
+    EXPECT_EQ(Get("t", "last"), std::string(256, '9') + ";");
+    EXPECT_EQ(get_int_param("t", "last"), -1) << "clamped to 64 bits, cut to 32";
+    EXPECT_EQ(get_bool_param("t", "last", 1), 0);
+}
+
+TEST_F(CProfileTest, ParametersDropOneSemicolonAndTruncate) {
+    Write(
+        "[Trace]\nEnable=TRUE;\nstdout=yes\noff=;\nempty=\nn = -7;\nport=65537\n"
+        "big=4294967295;\nword=x\ntwice=5;;\n");
+    char out[16];
+    EXPECT_EQ(get_bool_param("Trace", "Enable", 0), 1);
+    EXPECT_EQ(get_bool_param("Trace", "stdout", 1), 0);
+    EXPECT_EQ(get_bool_param("Trace", "off", 1), 0);
+    EXPECT_EQ(get_bool_param("Trace", "empty", 1), 1);
+    EXPECT_EQ(get_bool_param("Trace", "none", 1), 1);
+    EXPECT_EQ(get_int_param("Trace", "n"), -7);
+    EXPECT_EQ(get_int_param("Trace", "word"), 0);
+    EXPECT_EQ(get_uint16_param("Trace", "port"), 1);
+    EXPECT_EQ(get_uint32_param("Trace", "big"), 4294967295U);
+    EXPECT_EQ(get_int_from_profile("Trace", "word", 9, m_path.c_str()), 9);
+    EXPECT_TRUE(get_string_param("Trace", "twice", out, sizeof(out)));
+    EXPECT_STREQ(out, "5;");
+    EXPECT_TRUE(get_string_param("Trace", "off", out, sizeof(out)));
+    EXPECT_STREQ(out, "");
+    EXPECT_FALSE(get_string_param("Trace", "none", out, sizeof(out)));
+}
+
+TEST_F(CProfileTest, WithoutAFileOrArgumentsEveryReaderGivesItsDefault) {
+    m_path = m_folder.Path("missing");
+    char out[8] = "old";
+    EXPECT_EQ(get_int_param("s", "k"), 0);
+    EXPECT_EQ(get_bool_param("s", "k", 1), 1);
+    EXPECT_FALSE(get_string_param("s", "k", out, sizeof(out)));
+    EXPECT_STREQ(out, "");
+    EXPECT_EQ(Get("s", "k"), "(none)");
+    EXPECT_EQ(get_int_from_profile("s", "k", 3, nullptr), 3);
+    EXPECT_FALSE(read_init_file(nullptr, "s", "k", out, sizeof(out)));
+    EXPECT_FALSE(get_string_param("s", "k", nullptr, 0));
+}
+
+TEST_F(CProfileTest, ObjectGivesDefaultsAndResolvesReferences) {
+    setenv("NX_TEST_DIR", "/srv", 1);
+    unsetenv("NX_TEST_NONE");
+    Write("[s]\nn=12;\ndw=18446744073709551615\nw=65535\nb=true\nhome=${NX_TEST_DIR}/x\nbad=${X\n");
+    CNxConfigInitFile config;
+    EXPECT_EQ(config.GetIntParam("s", "n", 1), 12);
+    EXPECT_EQ(config.GetIntParam("s", "home", 4), 4);
+    EXPECT_EQ(config.GetDwordParam("s", "dw", 1), 18446744073709551615UL);
+    EXPECT_EQ(config.GetWordParam("s", "w", 1), 65535);
+    EXPECT_TRUE(config.GetBoolParam("s", "b", 0));
+    EXPECT_FALSE(config.GetBoolParam("s", "n", 1));
+    EXPECT_EQ(config.GetStringParam("s", "home", ""), "/srv/x");
+    EXPECT_EQ(config.GetStringParam("s", "none", "${NX_TEST_DIR}"), "/srv");
+    EXPECT_EQ(config.GetStringParam("s", "bad", ""), "error! ${ is not match with } in string:${X");
+}
+
+TEST(TrimString, TrimsInPlaceAndKnowsComments) {
+    char text[] = " \t a b \r\n";
+    char blanks[] = " \n";
+    char empty[] = "";
+    EXPECT_STREQ(trim_string(text), "a b");
+    EXPECT_STREQ(trim_string(blanks), "");
+    EXPECT_STREQ(trim_string(empty), "");
+    EXPECT_TRUE(is_comment_line(" \t#"));
+    EXPECT_FALSE(is_comment_line("a#"));
+    EXPECT_FALSE(is_comment_line(" "));
+}
