@@ -7,6 +7,9 @@
 #include <nx/buffer/CNxFifoBuffer.h>
 #include <nx/buffer/CNxIDAllocator.h>
 #include <nx/buffer/CNxMessageBlock.h>
+#include <nx/config/CConfigFile.h>
+#include <nx/config/CNxConfigInitFile.h>
+#include <nx/config/init_file.h>
 #include <nx/foundation/CNxAutoPtr.h>
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/foundation/CNxConditionVariableThread.h>
@@ -26,6 +29,7 @@
 #include <nx/net/CNxIPCBase.h>
 #include <nx/net/CNxInetAddr.h>
 #include <nx/net/CNxSocket.h>
+#include <nx/process/process_path.h>
 #include <nx/reactor/CNxEventHandlerRepository.h>
 #include <nx/reactor/CNxPipe.h>
 #include <nx/reactor/CNxReactorBase.h>

@@ -1,6 +1,6 @@
 #include <nx/process/process_path.h>
+#include <nx/trace/CCancelOff.h>
 #include <nx/trace/trace_setting.h>
-#include <pthread.h>
 
 #include <atomic>
 #include <cstdio>
@@ -26,18 +26,6 @@ void StorePath(char (&out)[N], const CNxString& path) {
 struct CExecName {
     CExecName() { StorePath(m_path, GetProcessName()); }
     char m_path[1024];
-};
-
-// Printing is a cancellation point; a thread cancelled in it would leave the mutex locked.
-class CCancelOff {
-public:
-    CCancelOff() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_previous); }
-    ~CCancelOff() { pthread_setcancelstate(m_previous, nullptr); }
-    CCancelOff(const CCancelOff&) = delete;
-    CCancelOff& operator=(const CCancelOff&) = delete;
-
-private:
-    int m_previous = PTHREAD_CANCEL_ENABLE;
 };
 
 void InitOnce() {
