@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 namespace {
 
@@ -45,8 +46,11 @@ bool HasContent(const std::string& path) {
 void OnBeforeFork() {
     CNxT120Trace::t120_trace.load()->BeforeFork();
 }
-void OnAfterFork() {
-    CNxT120Trace::t120_trace.load()->AfterFork();
+void OnForkInParent() {
+    CNxT120Trace::t120_trace.load()->AfterFork(false);
+}
+void OnForkInChild() {
+    CNxT120Trace::t120_trace.load()->AfterFork(true);
 }
 
 CNxT120Trace* MakeInstance() {
@@ -54,7 +58,7 @@ CNxT120Trace* MakeInstance() {
     auto* const engine = new CNxT120Trace("Log", g_logMapEntry, nullptr, 0);
     CNxT120Trace::t120_trace.store(engine, std::memory_order_release);
     // Registered later than the files' own handlers, so the engine is locked before them.
-    pthread_atfork(&OnBeforeFork, &OnAfterFork, &OnAfterFork);
+    pthread_atfork(&OnBeforeFork, &OnForkInParent, &OnForkInChild);
     return engine;
 }
 
@@ -116,7 +120,8 @@ CNxT120Trace::~CNxT120Trace() = default;
 
 void CNxT120Trace::read_config() {
     const CCancelOff cancelOff;
-    CGuard guard(m_mutex);
+    // The files are read without holding up those who trace.
+    CNxMutexGuardT<CNxMutexThread> guard(m_configMutex);
     const int lines = std::max(get_int_param(SECTION, "FlushPerLines"), 1);
     CNxT120TraceFileMgr::Instance().refresh_settings(GetSizeParam(get_process_name()), lines);
     m_enabled = get_bool_param(SECTION, "Enable", 1) != 0;
@@ -323,11 +328,18 @@ void CNxT120Trace::OpenIfSwitchedOn() {
 }
 
 void CNxT120Trace::BeforeFork() NX_NO_THREAD_SAFETY_ANALYSIS {
+    m_configMutex.Lock();
     m_mutex.Lock();
 }
 
-void CNxT120Trace::AfterFork() NX_NO_THREAD_SAFETY_ANALYSIS {
-    m_mutex.UnLock();
+void CNxT120Trace::AfterFork(bool isChild) NX_NO_THREAD_SAFETY_ANALYSIS {
+    if (isChild) {
+        // The lock's owner is the parent's thread, which is not the child's to unlock.
+        new (&m_mutex) CNxMutexThreadRecursive;
+    } else {
+        m_mutex.UnLock();
+    }
+    m_configMutex.UnLock();
 }
 
 char* CNxT120Trace::get_trace_dir() {

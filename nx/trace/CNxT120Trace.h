@@ -118,7 +118,7 @@ public:
 
     // Around a fork(2), for the engine of the process.
     void BeforeFork();
-    void AfterFork();
+    void AfterFork(bool isChild);
 
 private:
     enum TFile { FILE_INFO, FILE_WARNING, FILE_ERROR, FILE_FATAL, FILE_COUNT };
@@ -161,6 +161,8 @@ private:
     const unsigned char m_shared;
     std::atomic<bool> m_enabled{false};
     std::atomic<bool> m_toStdout{false};
+    // Puts readers of the configuration in order. Taken before m_mutex, or without it.
+    CNxMutexThread m_configMutex;
     CNxMutexThreadRecursive m_mutex;
     CFile m_files[FILE_COUNT] NX_GUARDED_BY(m_mutex) = {{"Info", "info", nullptr, 0},
                                                         {"Warning", "warning", nullptr, 0},

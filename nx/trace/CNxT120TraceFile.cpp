@@ -130,7 +130,7 @@ void CNxT120TraceFile::OpenNew() {
         LockFile(F_WRLCK);
     }
     Truncate(m_fd, 0);
-    WriteHeader(HEADER_SIZE);
+    WriteFirstHeader();
     if (m_shared != 0) {
         LockFile(F_UNLCK);
     }
@@ -149,7 +149,7 @@ bool CNxT120TraceFile::attach() {
     fchmod(m_fd, 0666);
     LockFile(F_WRLCK);
     if (GetSize() == 0) {
-        WriteHeader(HEADER_SIZE);
+        WriteFirstHeader();
     }
     LockFile(F_UNLCK);
     return true;
@@ -357,6 +357,13 @@ bool CNxT120TraceFile::WriteHeader(long offset) {
     std::snprintf(text, sizeof(text), "%-31ld\n", offset);
     iovec header = Part(text, HEADER_SIZE);
     return WriteParts(m_fd, &header, 1, 0) == static_cast<size_t>(HEADER_SIZE);
+}
+
+// The disk may have room for a part of it only; then it comes with the first record.
+void CNxT120TraceFile::WriteFirstHeader() {
+    if (!WriteHeader(HEADER_SIZE)) {
+        Truncate(m_fd, 0);
+    }
 }
 
 long CNxT120TraceFile::GetSize() const {

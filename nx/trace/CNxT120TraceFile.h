@@ -104,6 +104,7 @@ private:
     bool Put(long offset, iovec* parts, int count, size_t recordBytes);
     void RestoreMarker(long offset, size_t written);
     bool WriteHeader(long offset);
+    void WriteFirstHeader();
     long GetSize() const;
 
     const std::string m_fileName;

@@ -5,6 +5,8 @@
 
 #include <pthread.h>
 
+#include <new>
+
 namespace {
 
 using CGuard = CNxMutexGuardT<CNxMutexThreadRecursive>;
@@ -115,7 +117,12 @@ void CNxT120TraceFileMgr::AfterFork(bool isChild) NX_NO_THREAD_SAFETY_ANALYSIS {
         file->AfterFork(isChild);
     }
     CNxT120TraceFile::UnlockSharedFiles();
-    m_mutex.UnLock();
+    if (isChild) {
+        // The lock's owner is the parent's thread, which is not the child's to unlock.
+        new (&m_mutex) CNxMutexThreadRecursive;
+    } else {
+        m_mutex.UnLock();
+    }
 }
 
 CNxT120TraceFile* CNxT120TraceFileMgr::Find(const char* name) {

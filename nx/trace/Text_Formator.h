@@ -17,7 +17,7 @@
 class Text_Formator {
 public:
     // Switch hexadecimal numbers on and off; any other value does nothing.
-    enum Ordix { HEX = 0, DEC = 1 };
+    enum Ordix : int { HEX = 0, DEC = 1 };
 
     // Zeroes the whole buffer, which is what terminates the text.
     Text_Formator(char* buffer, unsigned long size);

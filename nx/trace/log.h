@@ -7,7 +7,7 @@
 #include <atomic>
 #include <cstdarg>
 
-enum CNxLogLevel {
+enum CNxLogLevel : int {
     CNX_LOG_QUIET = 0,
     CNX_LOG_FATAL = 1,
     CNX_LOG_ERROR = 2,
