@@ -198,6 +198,34 @@ TEST_F(CNxtraceTest, RefusesWhatIsNoTraceFileAndGoesOn) {
     EXPECT_EQ(status, 1);
 }
 
+TEST(Nxtrace, ShowsEachRecordOfAProcessOnceAcrossItsFourKindsOfFilesAndTheirNumbers) {
+    const CTempFolder folder;
+    std::filesystem::create_directory(folder.Path("bin"));
+    std::filesystem::create_directory(folder.Path("conf"));
+    std::filesystem::copy_file(TRACE_WRITER, folder.Path("bin/w"));
+    folder.Put("conf/w.cfg",
+               "[Trace]\nEnable=TRUE\nw.Info=TRUE\nw.Warning=TRUE\nw.Error=TRUE\nw.Fatal=TRUE\n"
+               "w=2000\n");
+    OutputOf(folder.Path("bin/w") + " 300");
+    std::vector<std::string> files;
+    FindTraceFiles(folder.Path("logs"), "w", files);
+    EXPECT_GT(files.size(), 12U);
+
+    const std::string shown = Nxtrace("--dir " + folder.Path("logs") + " --process w --json");
+    constexpr const char* LEVELS[] = {"Info", "Warning", "Error", "Fatal"};
+    size_t at = 0;
+    for (int i = 0; i < 300; ++i) {
+        const size_t end = shown.find('\n', at);
+        ASSERT_NE(end, std::string::npos) << "after " << i << " records";
+        const std::string line = shown.substr(at, end - at);
+        EXPECT_NE(line.find(std::string("\"level\":\"") + LEVELS[i % 4] + "\""), std::string::npos)
+            << line;
+        EXPECT_NE(line.find("\"text\":\"" + std::to_string(i) + "\""), std::string::npos) << line;
+        at = end + 1;
+    }
+    EXPECT_EQ(at, shown.size());
+}
+
 TEST_F(CNxtraceTest, FollowsGrowthWrapTheNextNumberMidnightAndNewProcesses) {
     const std::string name = "f_info_11212026_";
     const auto make = [&](const std::string& file, unsigned char shared = 0) {

@@ -116,6 +116,11 @@ std::vector<CTraceViewer::CCursor> CTraceViewer::MakeCursors() const {
         }
         found->m_sources.push_back(source);
     }
+    // Of records of the same millisecond those of an info file come first: it has them all, in
+    // order, and the copies in the other files are then known as such.
+    std::stable_partition(cursors.begin(), cursors.end(), [](const CCursor& cursor) {
+        return cursor.m_sources.front()->m_name.m_kind == "info";
+    });
     for (CCursor& cursor : cursors) {
         std::stable_sort(
             cursor.m_sources.begin(), cursor.m_sources.end(),
