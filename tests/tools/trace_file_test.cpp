@@ -117,6 +117,12 @@ TEST(TraceFile, DamageCostsNoRecordThatIsStillWhole) {
     EXPECT_EQ(ReadTexts(folder.Put("t", HeaderLine(32 + newer.size()) + newer + older)),
               (Texts{"c", "d", "e", "f"}));
     EXPECT_EQ(ReadTexts(folder.Put("t", FileOf(std::string(9, '\0') + newer))), (Texts{"e", "f"}));
+    // The header of a file that is followed goes wrong.
+    CTraceFile followed(folder.Put("t", good));
+    EXPECT_EQ(ReadTexts(followed), expected);
+    folder.Put("t", HeaderLine(999999999999999999) +
+                        FileOf(newer + RecordLine(7, "Info:g"), older.substr(60)).substr(32));
+    EXPECT_EQ(ReadTexts(followed), Texts{"g"});
 }
 
 TEST(TraceFile, TakesRecordsApart) {

@@ -94,7 +94,9 @@ CTraceFile::EResult CTraceFile::ReadNew(CTraceBatch& batch) {
     }
     m_lastWrite = status.st_mtim;
     batch.m_records.clear();
-    return ReadGrowth(fd.Get(), header, batch) ? READ : ReadAll(fd.Get(), batch);
+    const bool hasGrown = ParseTraceHeader(header) <= static_cast<size_t>(status.st_size) &&
+                          ReadGrowth(fd.Get(), header, batch);
+    return hasGrown ? READ : ReadAll(fd.Get(), batch);
 }
 
 // The common case of a file that is followed: it has grown behind what was read. False when it is

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <optional>
 
 #include "CTraceViewer.h"
@@ -200,7 +201,12 @@ int main(int argc, char** argv) {
                      command.m_folder.empty() ? "." : command.m_folder.c_str());
         return EXIT_UNREADABLE;
     }
-    Run(command, viewer);
+    try {
+        Run(command, viewer);
+    } catch (const std::bad_alloc&) {
+        std::fputs("nxtrace: a file is too large for the memory\n", stderr);
+        return EXIT_UNREADABLE;
+    }
     const bool isWritten = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
     if (!isWritten) {
         std::perror("nxtrace: standard output");
