@@ -4,10 +4,11 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -26,10 +27,20 @@ inline std::string HeaderOf(size_t offset) {
     return text + std::string(HEADER_SIZE - 1 - text.size(), ' ') + "\n";
 }
 
+// "[MM/DD/YYYY hh:mm:ss.mmm pid=P tid=T] " and any text; '9' in the form is any digit.
 inline bool IsRecord(const std::string& line) {
-    static const std::regex s_form(
-        R"(\[\d\d/\d\d/\d{4} \d\d:\d\d:\d\d\.\d{3} pid=\d+ tid=-?\d+\] .*)");
-    return std::regex_match(line, s_form);
+    static const std::string s_form = "[99/99/9999 99:99:99.999 pid=";
+    for (size_t i = 0; i < s_form.size(); ++i) {
+        const bool isDigit = i < line.size() && line[i] >= '0' && line[i] <= '9';
+        if (i >= line.size() || (s_form[i] == '9' ? !isDigit : line[i] != s_form[i])) {
+            return false;
+        }
+    }
+    int pid = 0;
+    int tid = 0;
+    int end = 0;
+    return std::sscanf(line.c_str() + s_form.size(), "%d tid=%d] %n", &pid, &tid, &end) == 2 &&
+           end > 0;
 }
 
 // The texts of the records up to the marker; a failure for a file that is not whole. A writer that
