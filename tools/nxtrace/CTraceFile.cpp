@@ -6,11 +6,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <thread>
 
 namespace {
 
 constexpr size_t LAST_BYTES = 256;
-constexpr int MAX_TRIES = 5;
+constexpr int MAX_TRIES = 20;
+// A record of the trace engine is shorter than 2048 bytes; other users' records may be longer.
+constexpr size_t LARGEST_WRITE = 4096;
 
 class CDescriptor {
 public:
@@ -51,21 +55,77 @@ bool ReadAt(int fd, size_t offset, size_t size, std::string& out) {
     return true;
 }
 
-// The bytes of the file, such that no record in front of the header's offset is torn; `later` is
-// the header's offset after the reading.
-bool ReadWhole(int fd, std::string& content, size_t& later) {
-    std::string after;
+// A reading of the whole file, beside writers that do not wait for it.
+struct CSnapshot {
+    std::string m_content;
+    // How many of the oldest bytes, behind the marker, may have been overwritten meanwhile.
+    size_t m_overwritten = 0;
+};
+
+enum class EConsistency { FULL, NEWER_PART, NONE, ERROR };
+
+bool IsSameAt(std::string_view content, size_t offset, std::string_view bytes) {
+    return offset <= content.size() && content.substr(offset, bytes.size()) == bytes;
+}
+
+// Every write begins with destroying the marker where the header points. So when both are still
+// there after the reading, nothing was written during it. When not, the records in front of the
+// header's offset are good as long as the writers have not come round to them.
+EConsistency Check(int fd, CSnapshot& snapshot) {
+    const std::string_view content = snapshot.m_content;
+    const size_t end = ParseTraceHeader(content);
+    const size_t last = end - std::min(end, LAST_BYTES);
+    std::string start;
+    std::string lastBytes;
+    std::string marker;
+    if (!ReadAt(fd, last, end - last, lastBytes) || !ReadAt(fd, end, TRACE_MARKER.size(), marker) ||
+        !ReadAt(fd, 0, LAST_BYTES, start)) {
+        return EConsistency::ERROR;
+    }
+    const size_t later = ParseTraceHeader(start);
+    snapshot.m_overwritten = 0;
+    if (later == end && marker == TRACE_MARKER && IsSameAt(content, last, lastBytes) &&
+        IsSameAt(content, end, marker)) {
+        return EConsistency::FULL;
+    }
+    snapshot.m_overwritten = later - std::min(end, later) + LARGEST_WRITE;
+    start.erase(0, TRACE_HEADER_SIZE);
+    const bool isGood = end >= TRACE_HEADER_SIZE && later >= end &&
+                        IsSameAt(content, end - lastBytes.size(), lastBytes) &&
+                        IsSameAt(content, TRACE_HEADER_SIZE,
+                                 std::string_view(start).substr(0, end - TRACE_HEADER_SIZE));
+    return isGood ? EConsistency::NEWER_PART : EConsistency::NONE;
+}
+
+bool IsUnchanged(const struct stat& a, const struct stat& b) {
+    return a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
+           a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
+}
+
+// Tries for a reading that no write disturbed, then is content with less: a busy file is never
+// still, and a damaged one, though still, never consistent. False with errno.
+bool ReadWhole(int fd, CSnapshot& snapshot) {
+    struct stat first {};
+    struct stat now {};
+    if (fstat(fd, &first) != 0) {
+        return false;
+    }
     for (int i = 0; i < MAX_TRIES; ++i) {
-        struct stat status {};
-        if (fstat(fd, &status) != 0 ||
-            !ReadAt(fd, 0, static_cast<size_t>(status.st_size), content) ||
-            !ReadAt(fd, 0, TRACE_HEADER_SIZE, after)) {
+        if (fstat(fd, &now) != 0 ||
+            !ReadAt(fd, 0, static_cast<size_t>(now.st_size), snapshot.m_content)) {
             return false;
         }
-        later = ParseTraceHeader(after);
-        if (later >= ParseTraceHeader(content)) {
-            break;
+        const EConsistency consistency = Check(fd, snapshot);
+        const bool isEnough =
+            consistency == EConsistency::FULL || (consistency == EConsistency::NEWER_PART &&
+                                                  !IsUnchanged(first, now) && i >= MAX_TRIES / 2);
+        if (isEnough || consistency == EConsistency::ERROR) {
+            return isEnough;
         }
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
+    }
+    if (IsUnchanged(first, now)) {
+        snapshot.m_overwritten = 0;
     }
     return true;
 }
@@ -108,10 +168,12 @@ bool CTraceFile::ReadGrowth(int fd, std::string_view header, CTraceBatch& batch)
     }
     const size_t start = m_lastEnd - m_lastBytes.size();
     std::string after;
-    const bool isRead = ReadAt(fd, start, end - start, batch.m_content) &&
-                        batch.m_content.size() == end - start &&
-                        ReadAt(fd, 0, TRACE_HEADER_SIZE, after);
-    if (!isRead || ParseTraceHeader(after) < end ||
+    std::string lastAfter;
+    const bool isRead =
+        ReadAt(fd, start, end - start, batch.m_content) && batch.m_content.size() == end - start &&
+        ReadAt(fd, start, m_lastBytes.size(), lastAfter) && ReadAt(fd, 0, TRACE_HEADER_SIZE, after);
+    // Writers that come round to the new part come through the last bytes first.
+    if (!isRead || ParseTraceHeader(after) < end || lastAfter != m_lastBytes ||
         batch.m_content.compare(0, m_lastBytes.size(), m_lastBytes) != 0) {
         return false;
     }
@@ -121,18 +183,16 @@ bool CTraceFile::ReadGrowth(int fd, std::string_view header, CTraceBatch& batch)
 }
 
 CTraceFile::EResult CTraceFile::ReadAll(int fd, CTraceBatch& batch) {
-    size_t later = 0;
+    CSnapshot snapshot;
     CTraceLayout layout;
-    if (!ReadWhole(fd, batch.m_content, later)) {
+    if (!ReadWhole(fd, snapshot)) {
         return SYSTEM_ERROR;
     }
+    batch.m_content = std::move(snapshot.m_content);
     if (!ReadLayout(batch.m_content, layout)) {
         return NO_TRACE_FILE;
     }
-    // What was written during the reading has gone over the oldest records.
-    if (later > layout.m_end && layout.m_end == ParseTraceHeader(batch.m_content)) {
-        layout.m_older.remove_prefix(std::min(later - layout.m_end, layout.m_older.size()));
-    }
+    layout.m_older.remove_prefix(std::min(snapshot.m_overwritten, layout.m_older.size()));
     TakeNew(layout, batch);
     return READ;
 }

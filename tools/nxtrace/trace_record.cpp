@@ -150,11 +150,16 @@ bool ReadLayout(std::string_view content, CTraceLayout& layout) {
         layout.m_older = content.substr(marker + TRACE_MARKER.size());
         return true;
     }
-    // No marker: nothing tells newer from older but the header, if that.
+    // No marker: nothing tells newer from older but the header, if that. Where it points, a record
+    // may have been half written when its writer was killed.
     layout.m_end = isInside ? end : content.size();
     layout.m_newer = content.substr(std::min(start, content.size()), layout.m_end - start);
-    layout.m_older = content.substr(layout.m_end);
     std::vector<CTraceRecord> records;
+    SplitRecords(content.substr(layout.m_end), records);
+    if (records.size() > 1) {
+        layout.m_older =
+            content.substr(static_cast<size_t>(records[1].m_line.data() - content.data()));
+    }
     SplitRecords(content, records);
     return end != 0 || !records.empty();
 }
