@@ -62,12 +62,12 @@ public:
     static constexpr Ordix HEX = ::Text_Formator::HEX;
     static constexpr Ordix DEC = ::Text_Formator::DEC;
 
-    // The process has one, instance(); further ones are for tools and tests. Names and table must
-    // outlive it; the table (not null) has 27 rows. Without a name lines have no category in them.
-    // With a `fileName` all lines go to one file, LOGS/fileName.PID, or in shared mode the file
-    // "fileName" with a BACKSLASH before its name; its size is then the key `fileName`, and a full
-    // file starts anew instead of counting on. Reads the switches, and opens the files if the
-    // configuration says Enable=TRUE.
+    // The process has one, instance(); further ones are for tools and tests, and not for a forked
+    // child of a process that traces to them. Names and table must outlive it; the table (not null)
+    // has 27 rows. Without a name lines have no category in them. With a `fileName` all lines go to
+    // one file, LOGS/fileName.PID, or in shared mode the file "fileName" with a BACKSLASH before
+    // its name; its size is then the key `fileName`, and a full file starts anew instead of
+    // counting on. Reads the switches, and opens the files if the configuration says Enable=TRUE.
     CNxT120Trace(const char* name, CNxT120TraceMapEntry* entries, const char* fileName,
                  unsigned char shared);
     // Leaves the files open; they belong to g_trace_mgr.

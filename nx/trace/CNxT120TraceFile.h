@@ -73,7 +73,7 @@ public:
     void flush_buffer();
 
     // Flushes, then sets the maximum size and the lines per flush (below 1 counts as 1, above
-    // 65536 as 65536). Returns 1.
+    // 65536 as 65536; as they are while a full disk holds records back). Returns 1.
     int refresh_settings(unsigned long maxSize, int linesPerFlush);
 
     // Whether a private file has reached its maximum size.

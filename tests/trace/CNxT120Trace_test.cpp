@@ -147,6 +147,17 @@ TEST_F(CNxT120TraceTest, AFullFileIsFollowedByTheNextNumber) {
     EXPECT_EQ(FirstInfoTexts().size(), 100u);
 }
 
+TEST_F(CNxT120TraceTest, AFixedNameTakesLinesOfAllLevelsAndStartsAnewWhenFull) {
+    Configure("Enable=TRUE\nx.Info=TRUE\nx.Warning=TRUE\nx.Error=TRUE\nx.Fatal=TRUE\nfixed=2000\n");
+    Run("fixed 0");
+    const Texts kept = TextsOf(m_folder + "/logs/fixed." + m_pid);
+    EXPECT_LT(kept.size(), 40u);
+    EXPECT_EQ(kept.back(), "Info:99");
+    Run("fixed 1");
+    const Texts shared = TextsOf(m_folder + "/logs/\\fixed");
+    EXPECT_EQ(shared.back(), "Info:99");
+}
+
 TEST_F(CNxT120TraceTest, RefreshingWhileThreadsTraceLosesAndTearsNothing) {
     Configure("Enable=TRUE\nx.Info=TRUE\nx=2000000000\nFlushPerLines=7\n");
     const std::string output =

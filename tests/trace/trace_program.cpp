@@ -137,6 +137,16 @@ void Fork() {
     background.join();
 }
 
+// An engine of its own, all of whose lines go to one file.
+void Fixed(unsigned char shared) {
+    CNxT120Trace engine("Log", g_logMapEntry, "fixed", shared);
+    for (int i = 0; i < 100; ++i) {
+        for (const unsigned long level : {0UL, 1UL, 11UL, c_info}) {
+            engine.trace_string(level, std::to_string(i).c_str(), false);
+        }
+    }
+}
+
 void Cancel() {
     CNxT120Trace::instance();
     for (int i = 0; i < 200; ++i) {
@@ -181,6 +191,8 @@ int main(int argc, char** argv) {
         Leap();
     } else if (command == "midnight") {
         Midnight();
+    } else if (command == "fixed") {
+        Fixed(static_cast<unsigned char>(number(2)));
     } else if (command == "exit") {
         ExitEarly();
     } else if (command == "fork") {
