@@ -58,11 +58,12 @@ bool ReadAt(int fd, size_t offset, size_t size, std::string& out) {
 // A reading of the whole file, beside writers that do not wait for it.
 struct CSnapshot {
     std::string m_content;
-    // How many of the oldest bytes, behind the marker, may have been overwritten meanwhile.
+    // How many bytes behind the header's offset may have been overwritten meanwhile; 0 when
+    // nothing was.
     size_t m_overwritten = 0;
 };
 
-enum class EConsistency { FULL, NEWER_PART, NONE, ERROR };
+enum class EConsistency { ERROR, NONE, NEWER_PART, FULL };
 
 bool IsSameAt(std::string_view content, size_t offset, std::string_view bytes) {
     return offset <= content.size() && content.substr(offset, bytes.size()) == bytes;
@@ -83,12 +84,11 @@ EConsistency Check(int fd, CSnapshot& snapshot) {
         return EConsistency::ERROR;
     }
     const size_t later = ParseTraceHeader(start);
-    snapshot.m_overwritten = 0;
+    snapshot.m_overwritten = later - std::min(end, later) + LARGEST_WRITE;
     if (later == end && marker == TRACE_MARKER && IsSameAt(content, last, lastBytes) &&
         IsSameAt(content, end, marker)) {
         return EConsistency::FULL;
     }
-    snapshot.m_overwritten = later - std::min(end, later) + LARGEST_WRITE;
     start.erase(0, TRACE_HEADER_SIZE);
     const bool isGood = end >= TRACE_HEADER_SIZE && later >= end &&
                         IsSameAt(content, end - lastBytes.size(), lastBytes) &&
@@ -116,9 +116,17 @@ bool ReadWhole(int fd, CSnapshot& snapshot) {
             return false;
         }
         const EConsistency consistency = Check(fd, snapshot);
-        const bool isEnough =
-            consistency == EConsistency::FULL || (consistency == EConsistency::NEWER_PART &&
-                                                  !IsUnchanged(first, now) && i >= MAX_TRIES / 2);
+        if (fstat(fd, &now) != 0) {
+            return false;
+        }
+        // A file that grew since its size was asked for was read without its end.
+        const bool isWhole = static_cast<size_t>(now.st_size) == snapshot.m_content.size();
+        const bool isEnough = (consistency == EConsistency::FULL && isWhole) ||
+                              (consistency >= EConsistency::NEWER_PART &&
+                               !IsUnchanged(first, now) && i >= MAX_TRIES / 2);
+        if (isWhole && consistency == EConsistency::FULL) {
+            snapshot.m_overwritten = 0;
+        }
         if (isEnough || consistency == EConsistency::ERROR) {
             return isEnough;
         }
@@ -192,7 +200,15 @@ CTraceFile::EResult CTraceFile::ReadAll(int fd, CTraceBatch& batch) {
     if (!ReadLayout(batch.m_content, layout)) {
         return NO_TRACE_FILE;
     }
-    layout.m_older.remove_prefix(std::min(snapshot.m_overwritten, layout.m_older.size()));
+    const std::string_view content = batch.m_content;
+    const size_t end = ParseTraceHeader(content);
+    if (snapshot.m_overwritten > 0 && end >= TRACE_HEADER_SIZE && end <= content.size()) {
+        // Behind the offset may stand half of anything, a marker that is not the last one too.
+        const size_t older = std::min(end + snapshot.m_overwritten, content.size());
+        const size_t lastLine = std::min(content.rfind('\n'), content.size());
+        layout = {end, content.substr(older, std::max(older, lastLine) - older),
+                  content.substr(TRACE_HEADER_SIZE, end - TRACE_HEADER_SIZE)};
+    }
     TakeNew(layout, batch);
     return READ;
 }
