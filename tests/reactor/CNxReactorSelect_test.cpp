@@ -55,15 +55,4 @@ TEST_F(ReactorSelect, HandlerIsCalledAsLongAsItLeavesInputAndKeepsItsDescriptorB
     EXPECT_EQ(end.m_inputs, 3);
 }
 
-TEST_F(ReactorSelect, ClosedDescriptorEndsTheLoopUntilItsHandlerLeaves) {
-    End end;
-    Fixed closed(fcntl(end.GetHandle(), F_DUPFD_CLOEXEC, 0));
-    ASSERT_EQ(m_reactor.RegisterHandler(&closed, NX_MASK_READ), NX_OK);
-    close(closed.GetHandle());
-    EXPECT_EQ(m_reactor.RunEventLoop(), NX_ERROR_FAILURE);
-    EXPECT_EQ(m_reactor.RemoveHandler(&closed, NX_MASK_READ), NX_OK);
-    StopSoon(m_reactor, m_counts);
-    EXPECT_EQ(m_reactor.RunEventLoop(), NX_OK);
-}
-
 }  // namespace
