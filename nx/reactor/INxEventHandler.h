@@ -27,8 +27,9 @@ inline constexpr long NX_MASK_OUTPUT = NX_MASK_CONNECT | NX_MASK_WRITE;
 // Serves one descriptor on a reactor's thread. Implemented by users, never owned by the reactor.
 //
 // OnInput and OnOutput answer 0 to stay registered; any other answer makes the reactor remove the
-// handler and call its OnClose. With the edge-triggered epoll reactor they read (write) until the
-// call would block, else they are not called again before new data (room) arrives.
+// handler and call its OnClose. With the edge-triggered reactors (epoll, real-time signals) they
+// read (write) until the call would block, else they are not called again before new data (room)
+// arrives.
 class INxEventHandler {
 public:
     // The descriptor. Must not change while the handler is registered.
