@@ -31,6 +31,11 @@ int Fail(const std::string& what, int status = c_statusFailed) {
     return status;
 }
 
+void ReadTraceSwitches() {
+    refresh_trace_config();
+    examples::Trace(examples::c_traceInfo, "trace switches read again");
+}
+
 // From listening to the end that a signal brings.
 int Serve(const Options& options, CNxThread& network, CNxThread& store) {
     INxReactor& reactor = *network.GetReactor();
@@ -46,7 +51,7 @@ int Serve(const Options& options, CNxThread& network, CNxThread& store) {
         error = server.Open();
         address = server.GetAddressText();
         if (error.empty() && !signals.Open(
-                                 reactor, [&server] { server.Stop(); }, refresh_trace_config)) {
+                                 reactor, [&server] { server.Stop(); }, ReadTraceSwitches)) {
             error = "cannot take signals";
         }
     });

@@ -9,13 +9,19 @@
 // process's configuration file HOME/conf/NAME.cfg (nx/trace/trace_setting.h):
 //
 //     [Trace]
-//     Enable=TRUE          # the master switch; without it no file is opened
-//     stdout=TRUE          # every line also to standard output; read at the start only
-//     NAME.Info=TRUE       # the info file, and the category Info
-//     NAME.Warning=TRUE    # the warning file, and the category Warning; .Error and .Fatal alike
-//     NAME.PDU=TRUE        # a category of g_logMapEntry
-//     NAME=1048576         # bytes a file may grow to; below 1025: 20971520
-//     FlushPerLines=20     # lines a file collects in memory; from the first refresh on
+//     Enable=TRUE
+//     stdout=TRUE
+//     NAME.Info=TRUE
+//     NAME.Warning=TRUE
+//     NAME.PDU=TRUE
+//     NAME=1048576
+//     FlushPerLines=20
+//
+// Enable is the master switch; without it no file is opened. stdout prints every line, too; it is
+// read at the start only. NAME.Info switches the info file and the category Info, NAME.Warning,
+// .Error and .Fatal alike; any other name of g_logMapEntry switches a category. NAME is the number
+// of bytes a file may grow to, below 1025: 20971520. FlushPerLines is how many lines a file
+// collects in memory, from the first refresh on.
 //
 // The files are HOME/logs/NAME_info_MMDDYYYY_N.PID.log and _warning_, _error_, _fatal_, of the form
 // of nx/trace/CNxT120TraceFile.h. N counts the files of a day from 0: a file that is full is

@@ -3,20 +3,26 @@
 #include <kv_server/Limits.h>
 #include <sys/resource.h>
 #include <tests/support/ServerProcess.h>
+#include <tests/support/TempFolder.h>
 
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
 
 using kv_server::c_maxWaiting;
 
-class KvServer : public testing::Test {
+// On each reactor.
+class KvServer : public testing::TestWithParam<const char*> {
 protected:
     explicit KvServer(std::vector<std::string> options = {}) : m_server(KV_SERVER, With(options)) {}
 
     static std::vector<std::string> With(std::vector<std::string> options) {
-        options.insert(options.end(), {"--port", "0"});
+        options.insert(options.end(), {"--port", "0", "--reactor", GetParam()});
         return options;
     }
 
@@ -40,7 +46,7 @@ std::string ToSet(const std::string& key, const std::string& value) {
     return "*3\r\n$3\r\nSET\r\n" + ToBulk(key) + ToBulk(value);
 }
 
-TEST_F(KvServer, AThousandClientsGetTheirOwnBytes) {
+TEST_P(KvServer, AThousandClientsGetTheirOwnBytes) {
     const long before = m_server.CountDescriptors();
     {
         std::vector<TestClient> clients;
@@ -73,7 +79,7 @@ TEST_F(KvServer, AThousandClientsGetTheirOwnBytes) {
     ExpectCleanStop();
 }
 
-TEST_F(KvServer, ErrorsOfTheProtocolComeBehindTheRepliesAndEndTheConnection) {
+TEST_P(KvServer, ErrorsOfTheProtocolComeBehindTheRepliesAndEndTheConnection) {
     const TestClient other = Connect();
     for (const std::string bad : {"*1\r\n$99999999\r\n", "*2000\r\n", "*1\r\n!\r\n"}) {
         const TestClient client = Connect();
@@ -89,14 +95,14 @@ TEST_F(KvServer, ErrorsOfTheProtocolComeBehindTheRepliesAndEndTheConnection) {
     EXPECT_EQ("+OK\r\n", leaving.ReceiveAll());
 }
 
-TEST_F(KvServer, AHalfClosedClientGetsAllItsReplies) {
+TEST_P(KvServer, AHalfClosedClientGetsAllItsReplies) {
     const TestClient client = Connect();
     client.Send("PING\r\nPING\r\nPIN");
     client.EndSending();
     EXPECT_EQ("+PONG\r\n+PONG\r\n", client.ReceiveAll());
 }
 
-TEST_F(KvServer, AClientThatDoesNotReadIsNotReadFromAndDisturbsNobody) {
+TEST_P(KvServer, AClientThatDoesNotReadIsNotReadFromAndDisturbsNobody) {
     const std::string value(1 << 20, 'v');
     const TestClient other = Connect();
     other.Expect(ToSet("big", value), "+OK\r\n");
@@ -123,7 +129,7 @@ TEST_F(KvServer, AClientThatDoesNotReadIsNotReadFromAndDisturbsNobody) {
     ExpectCleanStop();
 }
 
-TEST_F(KvServer, ResetClientsLeaveNothingBehind) {
+TEST_P(KvServer, ResetClientsLeaveNothingBehind) {
     const long before = m_server.CountDescriptors();
     for (int i = 0; i < 300; ++i) {
         TestClient client = Connect();
@@ -134,7 +140,7 @@ TEST_F(KvServer, ResetClientsLeaveNothingBehind) {
     ExpectCleanStop();
 }
 
-TEST_F(KvServer, KeysExpireUnasked) {
+TEST_P(KvServer, KeysExpireUnasked) {
     const TestClient client = Connect();
     client.Expect("SET a 1 PX 30\r\nSET b 1 PX 60\r\nSET c 1 EX 100\r\n", "+OK\r\n+OK\r\n+OK\r\n");
     // DBSIZE removes nothing by itself.
@@ -147,7 +153,7 @@ TEST_F(KvServer, KeysExpireUnasked) {
     client.Expect("GET b\r\nTTL c\r\n", "$-1\r\n:100\r\n");
 }
 
-TEST_F(KvServer, SigtermAnswersWhatHasArrived) {
+TEST_P(KvServer, SigtermAnswersWhatHasArrived) {
     constexpr int c_commands = 5000;
     std::vector<TestClient> clients;
     std::string requests;
@@ -170,7 +176,7 @@ TEST_F(KvServer, SigtermAnswersWhatHasArrived) {
     EXPECT_EQ(0, m_server.Wait());
 }
 
-TEST_F(KvServer, RunsOutOfDescriptorsAndRecovers) {
+TEST_P(KvServer, RunsOutOfDescriptorsAndRecovers) {
     const TestClient first = Connect();
     first.Expect("PING\r\n", "+PONG\r\n");
     const auto open = static_cast<rlim_t>(m_server.CountDescriptors());
@@ -197,7 +203,7 @@ protected:
     KvServerForTwo() : KvServer({"--max-clients", "2", "--idle-timeout=1"}) {}
 };
 
-TEST_F(KvServerForTwo, TheThirdIsToldAndAPlaceBecomesFree) {
+TEST_P(KvServerForTwo, TheThirdIsToldAndAPlaceBecomesFree) {
     const TestClient first = Connect();
     {
         const TestClient second = Connect();
@@ -216,7 +222,7 @@ TEST_F(KvServerForTwo, TheThirdIsToldAndAPlaceBecomesFree) {
     ExpectCleanStop();
 }
 
-TEST_F(KvServerForTwo, OnlyASilentClientIsHungUpOn) {
+TEST_P(KvServerForTwo, OnlyASilentClientIsHungUpOn) {
     const TestClient silent = Connect();
     const TestClient talking = Connect();
     pollfd end{silent.GetHandle(), POLLIN, 0};
@@ -226,6 +232,91 @@ TEST_F(KvServerForTwo, OnlyASilentClientIsHungUpOn) {
     EXPECT_EQ("", silent.Receive(1));
     talking.Expect("PING\r\n", "+PONG\r\n");
     ExpectCleanStop();
+}
+
+constexpr const char* c_reactors[] = {"epoll", "select", "rtsig"};
+const auto c_toName = [](const auto& info) { return std::string(info.param); };
+INSTANTIATE_TEST_SUITE_P(Reactors, KvServer, testing::ValuesIn(c_reactors), c_toName);
+INSTANTIATE_TEST_SUITE_P(Reactors, KvServerForTwo, testing::ValuesIn(c_reactors), c_toName);
+
+// The program installed in a home of its own.
+class KvServerHome : public testing::Test {
+protected:
+    KvServerHome() {
+        std::filesystem::create_directories(m_home.Path("bin"));
+        std::filesystem::create_directories(m_home.Path("conf"));
+        std::filesystem::copy_file(KV_SERVER, m_program);
+    }
+
+    void Configure(const std::string& text) const { m_home.Put("conf/kv_server.cfg", text); }
+
+    // All files whose names hold `kind`.
+    std::string ReadTrace(const std::string& kind) const {
+        std::stringstream text;
+        for (const auto& file : std::filesystem::directory_iterator(m_home.Path("logs"))) {
+            if (file.path().filename().string().find(kind) != std::string::npos) {
+                text << std::ifstream(file.path()).rdbuf();
+            }
+        }
+        return text.str();
+    }
+
+    CTempFolder m_home;
+    const std::string m_program = m_home.Path("bin/kv_server");
+};
+
+TEST_F(KvServerHome, ReadsItsConfigurationAgainOnHangUpAndTracesWhatHappens) {
+    const std::string common = "[Server]\nport=0\nmax-clients=1\n[Trace]\nEnable=TRUE\n";
+    Configure(common + "kv_server.Info=TRUE\nkv_server.Warning=TRUE\n");
+    ServerProcess server(m_program);
+    const auto misbehave = [&server](const std::string& bytes) {
+        const TestClient client(server.GetPort());
+        client.Send(bytes);
+        EXPECT_NE("", client.ReceiveAll());
+    };
+    {
+        const TestClient only(server.GetPort());
+        only.Expect("PING\r\n", "+PONG\r\n");
+        misbehave("PING\r\n");
+    }
+    misbehave("*bad\r\n");
+    Configure(common + "kv_server.Info=TRUE\nkv_server.Warning=FALSE\n");
+    server.Signal(SIGHUP);
+    while (ReadTrace("_info_").find("switches") == std::string::npos) {
+        std::this_thread::yield();
+    }
+    misbehave("*worse\r\n");
+    server.Signal(SIGTERM);
+    EXPECT_EQ(0, server.Wait());
+    const std::string info = ReadTrace("_info_");
+    for (const char* line : {"Info:listening on 127.0.0.1:", "Info:stopping; clients 0",
+                             "Info:stopped; clients accepted 4, refused 1"}) {
+        EXPECT_NE(std::string::npos, info.find(line)) << line << info;
+    }
+    const std::string warning = ReadTrace("_warning_");
+    EXPECT_NE(std::string::npos, warning.find("Warning:client 2 refused: max-clients reached"));
+    EXPECT_NE(std::string::npos, warning.find("client 3: Protocol error: invalid multibulk"));
+    EXPECT_EQ(std::string::npos, warning.find("client 4"));
+}
+
+TEST_F(KvServerHome, ServersShareATraceFileAndRefuseABadConfiguration) {
+    const std::string shared = m_home.Path("shared.log");
+    for (int i = 0; i < 2; ++i) {
+        ServerProcess one(m_program, {"--port=0", "--shared-trace", shared});
+        ServerProcess other(m_program, {"--port=0", "--shared-trace", shared});
+        for (ServerProcess* server : {&one, &other}) {
+            server->Signal(SIGTERM);
+            EXPECT_EQ(0, server->Wait());
+        }
+    }
+    const std::string text = m_home.Get("shared.log");
+    int stopped = 0;
+    for (size_t at = 0; (at = text.find("Info:stopped", at)) != std::string::npos; ++at) {
+        ++stopped;
+    }
+    EXPECT_EQ(4, stopped);
+    Configure("[Server]\nmax-clients=none\n");
+    EXPECT_EQ(2, WEXITSTATUS(std::system((m_program + " >/dev/null 2>&1").c_str())));
 }
 
 TEST(KvServerProgram, SaysWhatIsWrongWithItsOptions) {
