@@ -21,7 +21,8 @@
 #include <utility>
 #include <vector>
 
-// Started by the constructor, which waits for the line "...listening on ADDR:PORT"; killed when the test forgot it.
+// Started by the constructor, which waits for the line "...listening on ADDR:PORT"; killed when the
+// test forgot it.
 class ServerProcess {
 public:
     explicit ServerProcess(const std::string& program, std::vector<std::string> arguments = {}) {
