@@ -160,18 +160,6 @@ TEST_F(PipelineTest, EveryWrongByteIsFound) {
     }
 }
 
-TEST(SummaryTest, ExitStatusTellsFailuresFromInterruptions) {
-    Options options;
-    options.requests = 1;
-    LoadProgress progress;
-    EXPECT_EQ(130, GetExitStatus(options, progress, 2));
-    EXPECT_EQ(1, GetExitStatus(options, progress, 0));
-    progress.latency.Record(1);
-    EXPECT_EQ(0, GetExitStatus(options, progress, 0));
-    progress.failed = 1;
-    EXPECT_EQ(1, GetExitStatus(options, progress, 2));
-}
-
 // Serves every connection on a thread of its own; `fault` may change what is answered to what was
 // read in one go, and hangs up by answering false.
 class FaultyServer {
@@ -299,19 +287,6 @@ TEST_F(LoadClientTest, ASilentServerIsStalled) {
     EXPECT_EQ(4U, failed);
     EXPECT_TRUE(HasMessage("stalled, no sign of life for 1 s; the server owes 16 replies"))
         << messages;
-}
-
-TEST_F(LoadClientTest, ARefusedConnectIsReportedFirstFewOnly) {
-    CNxSocketTcp unheard;
-    CNxInetAddr address("127.0.0.1", 0);
-    ASSERT_EQ(0, unheard.Open(0, address));
-    ASSERT_EQ(0, unheard.GetLocalAddr(address));
-    options.connections = 40;
-    Run(address.GetPort());
-    EXPECT_EQ(1, status);
-    EXPECT_EQ(40U, failed);
-    EXPECT_EQ(5, std::count(messages.begin(), messages.end(), '\n'));
-    EXPECT_TRUE(HasMessage("connection 0: cannot connect to 127.0.0.1:")) << messages;
 }
 
 }  // namespace
