@@ -100,7 +100,7 @@ bool Client::Proceed() {
         if (!Flush()) {
             return false;
         }
-        TraceSlowness();
+        NoteSlowness();
         if (m_batch == nullptr || m_slow) {
             return true;
         }
@@ -138,7 +138,7 @@ bool Client::Flush() {
     return true;
 }
 
-void Client::TraceSlowness() {
+void Client::NoteSlowness() {
     const bool slow = m_output.GetSize() >= c_maxWaiting;
     if (slow && !m_slow) {
         examples::Trace(examples::c_traceWarning, "client ", m_id,

@@ -81,7 +81,7 @@ private:
     bool Flush();
     bool Proceed();
     bool Watch();
-    void TraceSlowness();
+    void NoteSlowness();
     bool Receive();
     bool ReceiveNothing(long result);
     void CountLastInput(std::size_t size);
