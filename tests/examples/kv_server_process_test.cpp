@@ -269,6 +269,7 @@ TEST_F(KvServerHome, ReadsItsConfigurationAgainOnHangUpAndTracesWhatHappens) {
     const std::string common = "[Server]\nport=0\nmax-clients=1\n[Trace]\nEnable=TRUE\n";
     Configure(common + "kv_server.Info=TRUE\nkv_server.Warning=TRUE\n");
     ServerProcess server(m_program);
+    const long before = server.CountDescriptors();
     const auto misbehave = [&server](const std::string& bytes) {
         const TestClient client(server.GetPort());
         client.Send(bytes);
@@ -279,7 +280,10 @@ TEST_F(KvServerHome, ReadsItsConfigurationAgainOnHangUpAndTracesWhatHappens) {
         only.Expect("PING\r\n", "+PONG\r\n");
         misbehave("PING\r\n");
     }
+    // Its place is free a moment later.
+    server.ExpectDescriptors(before);
     misbehave("*bad\r\n");
+    server.ExpectDescriptors(before);
     Configure(common + "kv_server.Info=TRUE\nkv_server.Warning=FALSE\n");
     server.Signal(SIGHUP);
     while (ReadTrace("_info_").find("switches") == std::string::npos) {
