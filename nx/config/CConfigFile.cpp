@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 CConfigFile CConfigFile::g_configfile;
 _dictionary_* CConfigFile::m_ini = nullptr;
@@ -150,7 +151,7 @@ CNxString CConfigFile::GetStringParam(const CNxString& section, const CNxString&
     const char* const value = iniparser_getstring(m_ini, name.c_str(), nullptr);
     CNxString resolved;
     const NxResult result =
-        ResolveStringEnv(value == nullptr ? defaultValue : CNxString(value), resolved);
+        ResolveStringEnv(value == nullptr ? std::move(defaultValue) : CNxString(value), resolved);
     return result == NX_OK ? resolved : CNxString();
 }
 

@@ -11,7 +11,7 @@
 #include <nx/foundation/CNxString.h>
 #include <nx/foundation/NxResult.h>
 
-struct _dictionary_;
+struct _dictionary_;  // NOLINT(bugprone-reserved-identifier): iniparser's own name for it
 
 // What is loaded belongs to the process, not to the object: all objects share it, each remembers
 // only its own path. Not locked; use it from one thread, or take turns.

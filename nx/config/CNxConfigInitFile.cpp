@@ -4,6 +4,7 @@
 #include <strings.h>
 
 #include <cstdlib>
+#include <utility>
 
 namespace {
 
@@ -46,7 +47,7 @@ CNxString CNxConfigInitFile::GetStringParam(const CNxString& section, const CNxS
                                             CNxString defaultValue) {
     const CValue value(section, key);
     CNxString resolved;
-    const CNxString text = value.m_isSet ? CNxString(value.m_text) : defaultValue;
+    const CNxString text = value.m_isSet ? CNxString(value.m_text) : std::move(defaultValue);
     return ResolveStringEnv(text, resolved) == NX_OK ? resolved : CNxString();
 }
 

@@ -4,7 +4,7 @@
 namespace {
 
 constexpr unsigned long c_tickMs = 10;
-constexpr unsigned long c_spanMs = 2 * 60 * 60 * 1000;
+constexpr unsigned long c_spanMs = 2UL * 60 * 60 * 1000;
 
 // Null unless its thread runs and shall go on.
 std::atomic<CNxTimerPreciseManager*> s_pPreciseTimerMgr{nullptr};

@@ -7,7 +7,7 @@
 namespace {
 
 constexpr std::int64_t MS_PER_MINUTE = 60'000;
-constexpr std::int64_t MS_PER_DAY = 24 * 60 * MS_PER_MINUTE;
+constexpr std::int64_t MS_PER_DAY = 24L * 60 * MS_PER_MINUTE;
 constexpr std::int64_t DUPLICATE_MS = 20;
 constexpr size_t MAX_SEEN = 1024;
 constexpr char RESET[] = "\033[0m";
