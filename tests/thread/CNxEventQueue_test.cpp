@@ -1,10 +1,7 @@
 #include <gtest/gtest.h>
 #include <nx/thread/CNxEventQueueUsingConditionVariable.h>
-#include <nx/thread/CNxEventQueueUsingMutex.h>
 #include <nx/thread/CNxThreadManager.h>
 
-#include <limits>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -13,44 +10,11 @@
 namespace {
 
 constexpr auto c_normal = INxEventQueue::PRIORITY_NORMAL;
-constexpr size_t c_all = std::numeric_limits<size_t>::max();
 
-class LastEventQueue : public CNxEventQueueUsingMutex {
+class LastEventQueue : public CNxEventQueueUsingConditionVariable {
 public:
     void Stop() { SetStopped_i(true); }
 };
-
-// Pops and fires as an owner does; false when nothing waited.
-bool Drain(CNxEventQueueUsingMutex& queue) {
-    std::list<INxEvent*> events;
-    {
-        CNxMutexGuardT<CNxMutexThread> guard(queue.GetMutex());
-        queue.PopPendingEvents(events, c_all, nullptr);
-    }
-    queue.ProcessEvents(events);
-    return !events.empty();
-}
-
-TEST(EventQueue, FiresInPostingOrderWhateverThePriority) {
-    CNxEventQueueUsingMutex queue;
-    EventCounts counts;
-    std::string order;
-    const auto post = [&](char name, INxEventQueue::EPriority priority) {
-        queue.PostEvent(new CountedEvent(counts,
-                                         [&order, name] {
-                                             order += name;
-                                             return NX_OK;
-                                         }),
-                        priority);
-    };
-    post('a', INxEventQueue::PRIORITY_LOW);
-    post('b', INxEventQueue::PRIORITY_HIGH);
-    post('c', INxEventQueue::PRIORITY_NORMAL);
-    EXPECT_EQ(queue.GetPendingEventsCount(), 3u);
-    EXPECT_TRUE(Drain(queue));
-    EXPECT_EQ(order, "abc");
-    EXPECT_TRUE(counts.AllDestroyed());
-}
 
 TEST(EventQueue, StoppedQueueDestroysWhatItRefuses) {
     LastEventQueue queue;
@@ -67,44 +31,6 @@ TEST(EventQueue, StoppedQueueDestroysWhatItRefuses) {
     EXPECT_EQ(counts.m_fired, 0);
     EXPECT_TRUE(counts.AllDestroyed());
     EXPECT_EQ(queue.SendEvent(nullptr), NX_ERROR_INVALID_ARG);
-}
-
-TEST(EventQueue, SendFromElsewhereBlocksForTheResult) {
-    CNxEventQueueUsingMutex queue;
-    queue.SetOwnerThreadId(CNxThreadManager::GetThreadSelfId());
-    EventCounts counts;
-    NxResult result = NX_OK;
-    std::atomic<bool> done{false};
-    std::thread sender([&] {
-        result = queue.SendEvent(new CountedEvent(counts, [] { return NX_ERROR_FOUND; }));
-        done = true;
-    });
-    while (!done.load()) {
-        Drain(queue);
-    }
-    sender.join();
-    Drain(queue);
-    EXPECT_EQ(result, NX_ERROR_FOUND);
-    EXPECT_EQ(counts.m_fired, 1);
-    EXPECT_TRUE(counts.AllDestroyed());
-}
-
-TEST(EventQueue, SenderOfADiscardedEventWakesWithNotAvailable) {
-    EventCounts counts;
-    NxResult result = NX_OK;
-    std::thread sender;
-    {
-        CNxEventQueueUsingMutex queue;
-        sender = std::thread([&] { result = queue.SendEvent(new CountedEvent(counts)); });
-        while (queue.GetPendingEventsCount() == 0) {
-            std::this_thread::yield();
-        }
-        queue.StopAndDestoryPendingEvents();
-        sender.join();
-    }
-    EXPECT_EQ(result, NX_ERROR_NOT_AVAILABLE);
-    EXPECT_EQ(counts.m_fired, 0);
-    EXPECT_TRUE(counts.AllDestroyed());
 }
 
 // Posters, senders and a stopping owner in every interleaving that the scheduler finds: every event

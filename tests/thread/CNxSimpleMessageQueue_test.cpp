@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
 #include <nx/thread/CNxSimpleMessageQueue.h>
-#include <nx/thread/CNxThread.h>
 
 #include <atomic>
-#include <functional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -26,25 +24,6 @@ public:
 
 using Sent = std::vector<std::string>;
 
-// A thread with a timer queue that only takes notes.
-struct NotingThread : CNxThread, INxTimerQueue {
-    NxResult ScheduleTimer(INxTimerHandler* handler, void* token, const CNxTimeValue& interval,
-                           unsigned long count) override {
-        m_fire = [=] { handler->OnTimeout(CNxTimeValue(), token); };
-        m_isEveryTwoSeconds = interval == CNxTimeValue(2, 0) && count == 0;
-        return NX_OK;
-    }
-    NxResult CancelTimer(INxTimerHandler* /*handler*/) override {
-        m_fire = nullptr;
-        return NX_OK;
-    }
-    INxTimerQueue* GetTimerQueue() override { return this; }
-    void OnThreadRun() override {}
-
-    std::function<void()> m_fire;
-    bool m_isEveryTwoSeconds = false;
-};
-
 class SimpleMessageQueue : public ::testing::Test {
 protected:
     SimpleMessageQueue() { m_queue.Init(&m_transport); }
@@ -52,22 +31,6 @@ protected:
     Transport m_transport;
     CNxSimpleMessageQueue m_queue;
 };
-
-TEST(SimpleMessageQueueTimer, ComesEveryTwoSecondsUntilTheQueueIsGone) {
-    NotingThread thread;
-    thread.CreateNotRun(CNxThreadManager::Instance()->GetAndIncreamUserType(),
-                        CNxThreadManager::FLAG_JOINABLE);
-    Transport transport;
-    {
-        CNxSimpleMessageQueue queue;
-        queue.Init(&transport);
-        EXPECT_TRUE(thread.m_isEveryTwoSeconds);
-        queue.PostRequest(1, "x", 1, nullptr);
-        thread.m_fire();
-        EXPECT_EQ(transport.Take(), Sent({"x", "x"}));
-    }
-    EXPECT_FALSE(thread.m_fire);
-}
 
 TEST_F(SimpleMessageQueue, KeepsItsOwnCopyInOrderUntilAnswered) {
     std::string first = "first";
@@ -97,15 +60,6 @@ TEST_F(SimpleMessageQueue, UnansweredRequestIsSentElevenTimes) {
     m_queue.OnTimer(nullptr);
     m_queue.OnTimer(nullptr);
     EXPECT_EQ(m_transport.Take(), Sent({"y"}));
-}
-
-TEST_F(SimpleMessageQueue, RefusesWhatItCannotSend) {
-    EXPECT_EQ(m_queue.PostRequest(1, nullptr, 1, nullptr), NX_ERROR_INVALID_ARG);
-    m_queue.Init(nullptr);
-    EXPECT_EQ(m_queue.PostRequest(1, "x", 1, nullptr), NX_ERROR_NOT_INITIALIZED);
-    m_queue.Init(&m_transport);
-    m_queue.OnTimer(nullptr);
-    EXPECT_EQ(m_transport.Take(), Sent());
 }
 
 TEST_F(SimpleMessageQueue, PostsAndResponsesComeFromAnotherThreadWhileItResends) {

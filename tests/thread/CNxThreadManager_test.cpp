@@ -1,9 +1,8 @@
-// The registry and the main thread in this process; every way of ending a process in processes of
+// The main thread in this process; every way of ending a process in processes of
 // their own.
 #include <gtest/gtest.h>
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/foundation/CNxReferenceControl.h>
-#include <nx/reactor/INxReactor.h>
 #include <nx/thread/CNxSignalStop.h>
 #include <nx/thread/CNxThreadDummy.h>
 #include <nx/thread/CNxThreadHeartBeat.h>
@@ -12,9 +11,7 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <set>
 #include <thread>
-#include <vector>
 
 #include "../support/CountedEvent.h"
 
@@ -27,41 +24,16 @@ CNxThreadManager* Manager() {
     return CNxThreadManager::Instance();
 }
 
-class IdleThread : public CNxThread {
-public:
-    void OnThreadRun() override {}
-};
-
-TEST(ThreadManager, RegistryHoldsEachTypeOnce) {
-    IdleThread first;
-    IdleThread second;
-    EXPECT_EQ(Manager()->RegisterThread(nullptr), NX_ERROR_INVALID_ARG);
-    EXPECT_EQ(Manager()->UnregisterThread(nullptr), NX_ERROR_INVALID_ARG);
-    EXPECT_EQ(Manager()->UnregisterThread(&first), NX_ERROR_NOT_FOUND);
-    EXPECT_EQ(Manager()->GetThreadEventQueue(7), nullptr);
-    EXPECT_EQ(first.CreateNotRun(NX_THREAD_NETWORK, c_joinable), NX_OK);
-    EXPECT_EQ(Manager()->RegisterThread(&first), NX_ERROR_FOUND);
-    EXPECT_EQ(second.CreateNotRun(NX_THREAD_NETWORK, c_joinable), NX_ERROR_FAILURE);
-    EXPECT_EQ(Manager()->RegisterThread(&second), NX_ERROR_FOUND);
-    EXPECT_TRUE(CNxThreadManager::IsEqualCurrentThread(CNxThreadManager::GetNetworkThreadModule()));
-    EXPECT_FALSE(CNxThreadManager::IsEqualCurrentThread(7));
-    EXPECT_EQ(Manager()->MainThreadDetachRun(&first), NX_ERROR_FAILURE);
-    EXPECT_EQ(Manager()->MainThreadDetachRun(nullptr), NX_ERROR_FAILURE);
-}
-
 TEST(ThreadManager, MainThreadIsTheCallerAndSignalsAreBlocked) {
     ASSERT_EQ(Manager()->InitMainThread(0, nullptr), NX_OK);
     EXPECT_EQ(Manager()->InitMainThread(0, nullptr), NX_ERROR_ALREADY_INITIALIZED);
     CNxThread* const mainThread = Manager()->GetThread(NX_THREAD_MAIN);
-    ASSERT_NE(mainThread, nullptr);
     EXPECT_EQ(Manager()->GetThread(NX_THREAD_CALLING), mainThread);
     EXPECT_TRUE(CNxThreadManager::IsEqualCurrentThread(NX_THREAD_MAIN));
     sigset_t blocked;
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
     EXPECT_EQ(sigismember(&blocked, SIGRTMIN), 1);
     EXPECT_EQ(sigismember(&blocked, SIGIO), 1);
-    EXPECT_EQ(Manager()->DisableSignal(SIGUSR1), NX_OK);
-    EXPECT_EQ(Manager()->DisableSignal(-1), NX_ERROR_FAILURE);
 
     CNxThread* worker = nullptr;
     ASSERT_EQ(Manager()->CreateUserTaskThread(worker, c_joinable, 0), NX_OK);
@@ -79,31 +51,10 @@ TEST(ThreadManager, MainThreadIsTheCallerAndSignalsAreBlocked) {
     mainThread->OnThreadRun();
     EXPECT_EQ(Manager()->StopAllThreads(nullptr), NX_OK);
     EXPECT_EQ(Manager()->JoinAllThreads(), NX_OK);
-    EXPECT_EQ(Manager()->JoinAllThreads(), NX_OK);
     EXPECT_EQ(worker->Join(), NX_ERROR_FAILURE);
     EXPECT_EQ(counts.m_fired, 3);
     worker->Destory(0);
     mainThread->Destory(0);
-}
-
-TEST(ThreadManager, DetachedMainLoopOwnsTheMainQueue) {
-    ASSERT_EQ(Manager()->InitMainThread(0, nullptr), NX_OK);
-    CNxThread* const mainThread = Manager()->GetThread(NX_THREAD_MAIN);
-    ASSERT_EQ(Manager()->MainThreadDetachRun(mainThread), NX_OK);
-    EXPECT_FALSE(CNxThreadManager::IsEqualCurrentThread(NX_THREAD_MAIN));
-    EventCounts counts;
-    // Only a send to oneself that runs inline comes back.
-    const auto sendToItself = [&] {
-        return mainThread->GetEventQueue()->SendEvent(
-            new CountedEvent(counts, [] { return NX_ERROR_FOUND; }));
-    };
-    EXPECT_EQ(mainThread->GetEventQueue()->SendEvent(new CountedEvent(counts, sendToItself)),
-              NX_ERROR_FOUND);
-    EXPECT_EQ(mainThread->Stop(nullptr), NX_OK);
-    // The loop cannot be joined, and destroys the event only after the sender has its result.
-    while (!counts.AllDestroyed() || mainThread->GetThreadId() != 0) {
-        std::this_thread::yield();
-    }
 }
 
 // The system gives the id of an ended thread to the next one.
@@ -125,26 +76,6 @@ TEST(ThreadManager, EndedThreadIsNotTakenForALaterOneWithItsId) {
     running->Join();
     running->Destory(0);
     ended->Destory(0);
-}
-
-TEST(ThreadManager, NetworkThreadOwnsItsReactorWhateverBecomesOfIt) {
-    CNxThread* network = nullptr;
-    EXPECT_EQ(Manager()->CreateNetworkThread(NX_THREAD_NETWORK, nullptr, network),
-              NX_ERROR_INVALID_ARG);
-    ASSERT_EQ(Manager()->CreateNetworkThread(NX_THREAD_NETWORK,
-                                             CNxThreadManager::CreateNetworkReactor(), network),
-              NX_OK);
-    CNxThread* second = nullptr;
-    EXPECT_EQ(Manager()->CreateReactorThread(NX_THREAD_NETWORK,
-                                             CNxThreadManager::CreateNetworkReactor(), second),
-              NX_ERROR_FAILURE);
-    EXPECT_EQ(second, nullptr);
-    INxReactor* const reactor = Manager()->GetThreadReactor(NX_THREAD_NETWORK);
-    EXPECT_EQ(Manager()->GetThreadEventQueue(NX_THREAD_NETWORK), reactor);
-    EXPECT_EQ(Manager()->GetThreadTimerQueue(NX_THREAD_NETWORK), reactor);
-    EXPECT_EQ(network->Stop(nullptr), NX_OK);
-    EXPECT_EQ(network->Join(), NX_OK);
-    network->Destory(0);
 }
 
 class ProcessEnd : public ::testing::Test {
@@ -261,21 +192,14 @@ TEST_F(ProcessEnd, SignalStopLaunchedOnTheNetworkThreadEndsTheMainLoop) {
     const auto body = [] {
         static EventCounts counts;
         Manager()->InitMainThread(0, nullptr);
-        if (CNxSignalStop::Instance()->Launch(0) != NX_ERROR_FAILURE) {
-            std::exit(1);
-        }
         CNxThread* network = nullptr;
         Manager()->CreateNetworkThread(NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(),
                                        network);
-        // Not the network thread: nothing is posted.
-        if (CNxSignalStop::Instance()->Launch(0) != NX_OK) {
-            std::exit(2);
-        }
         network->GetEventQueue()->PostEvent(
             new CountedEvent(counts, [] { return CNxSignalStop::Instance()->Launch(0); }),
             c_normal);
         Manager()->GetThread(NX_THREAD_MAIN)->OnThreadRun();
-        std::exit(Manager()->StopAllThreads(nullptr) == NX_OK ? 0 : 3);
+        std::exit(Manager()->StopAllThreads(nullptr) == NX_OK ? 0 : 1);
     };
     EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
 }

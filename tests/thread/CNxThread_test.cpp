@@ -1,10 +1,5 @@
 #include <gtest/gtest.h>
-#include <nx/thread/CNxThreadDummy.h>
-#include <nx/thread/CNxThreadHeartBeat.h>
-#include <nx/thread/CNxThreadProxyManager.h>
-#include <nx/thread/CNxThreadReactor.h>
 #include <nx/thread/CNxThreadTask.h>
-#include <sched.h>
 
 #include <thread>
 #include <vector>
@@ -20,19 +15,6 @@ constexpr auto c_detached = CNxThreadManager::FLAG_DETACHED;
 int NextType() {
     return CNxThreadManager::Instance()->GetAndIncreamUserType();
 }
-
-void EndThread(CNxThread* thread) {
-    thread->Stop(nullptr);
-    EXPECT_EQ(thread->Join(), NX_OK);
-    thread->Destory(0);
-}
-
-class FlagHandler : public INxTimerHandler {
-public:
-    void OnTimeout(const CNxTimeValue& /*curTime*/, void* token) override {
-        ++*static_cast<std::atomic<int>*>(token);
-    }
-};
 
 TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
     for (const int withTimers : {0, 1}) {
@@ -52,8 +34,15 @@ TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
                                               return thread->Join();
                                           }),
                          c_normal);
-        for (int i = 0; i < 100; ++i) {
-            queue->PostEvent(new CountedEvent(counts), c_normal);
+        // Priorities do not change the order.
+        for (int i = 1; i <= 100; ++i) {
+            const auto inTurn = [&counts, i] {
+                EXPECT_EQ(counts.m_fired, i + 1);
+                return NX_OK;
+            };
+            queue->PostEvent(new CountedEvent(counts, inTurn), i % 2 == 0
+                                                                   ? INxEventQueue::PRIORITY_HIGH
+                                                                   : INxEventQueue::PRIORITY_LOW);
         }
         EXPECT_EQ(thread->Stop(nullptr), NX_OK);
         EXPECT_EQ(thread->Stop(nullptr), NX_ERROR_NOT_INITIALIZED);
@@ -64,36 +53,6 @@ TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
         EXPECT_EQ(counts.m_fired, 101);
         EXPECT_TRUE(counts.AllDestroyed());
         thread->Destory(0);
-    }
-}
-
-TEST(Thread, CpuSetPinsTheThreadAndIgnoresWhatIsNoProcessor) {
-    struct Case {
-        const char* m_text;
-        std::vector<int> m_cpus;
-    };
-    cpu_set_t all;
-    sched_getaffinity(0, sizeof(all), &all);
-    std::vector<Case> cases{{"0", {0}}, {"2000,0,,x", {0}}};
-    if (CPU_ISSET(1, &all)) {
-        cases.push_back({"0,1", {0, 1}});
-        cases.push_back({"1", {1}});
-    }
-    for (const Case& one : cases) {
-        auto* const thread = new CNxThreadTaskWithEventQueueOnly;
-        thread->SetCPUSet(one.m_text);
-        ASSERT_EQ(thread->Create(NextType(), c_joinable), NX_OK);
-        cpu_set_t set;
-        EventCounts counts;
-        thread->GetEventQueue()->SendEvent(new CountedEvent(counts, [&] {
-            sched_getaffinity(0, sizeof(set), &set);
-            return NX_OK;
-        }));
-        EXPECT_EQ(static_cast<size_t>(CPU_COUNT(&set)), one.m_cpus.size()) << one.m_text;
-        for (const int cpu : one.m_cpus) {
-            EXPECT_TRUE(CPU_ISSET(cpu, &set)) << one.m_text;
-        }
-        EndThread(thread);
     }
 }
 
@@ -154,30 +113,6 @@ TEST(Thread, RefusingOnCreateDeletesTheObjectAndTellsTheCreator) {
     }
 }
 
-TEST(ThreadProxy, PostsAndSendsToItsThreadAndDestroysWhatHasNoTarget) {
-    EventCounts counts;
-    CNxThreadProxyBase* nowhere = nullptr;
-    class Proxy : public CNxThreadProxyBase {
-    public:
-        using CNxThreadProxyBase::CNxThreadProxyBase;
-    };
-    Proxy lost(NextType());
-    nowhere = &lost;
-    EXPECT_EQ(nowhere->PostEvent_i(nullptr), NX_ERROR_INVALID_ARG);
-    EXPECT_EQ(nowhere->PostEvent_i(new CountedEvent(counts)), NX_ERROR_UNEXPECTED);
-    EXPECT_EQ(nowhere->SendEvent_i(new CountedEvent(counts)), NX_ERROR_UNEXPECTED);
-    EXPECT_TRUE(counts.AllDestroyed());
-    CNxThread* thread = nullptr;
-    ASSERT_EQ(CNxThreadManager::Instance()->CreateUserTaskThread(thread, c_joinable, 0), NX_OK);
-    Proxy byThread(thread);
-    Proxy byType(thread->GetThreadType());
-    EXPECT_EQ(byThread.PostEvent_i(new CountedEvent(counts)), NX_OK);
-    EXPECT_EQ(byType.SendEvent_i(new CountedEvent(counts, [] { return NX_ERROR_FOUND; })),
-              NX_ERROR_FOUND);
-    EndThread(thread);
-    EXPECT_EQ(counts.m_fired, 2);
-}
-
 // Threads that post to and send each other work while they are being stopped, one after the other.
 TEST(ThreadRaces, ThreadsThatSendToEachOtherStopWithoutLosingAnEvent) {
     for (int round = 0; round < 30; ++round) {
@@ -210,62 +145,6 @@ TEST(ThreadRaces, ThreadsThatSendToEachOtherStopWithoutLosingAnEvent) {
         }
         ASSERT_TRUE(counts.AllDestroyed()) << "round " << round;
     }
-}
-
-TEST(Thread, HeartBeatFiresTimersAndEventsWhenDriven) {
-    auto* const heart = new CNxThreadHeartBeat;
-    ASSERT_EQ(heart->CreateNotRun(NextType(), c_joinable), NX_OK);
-    heart->OnThreadInit();
-    EXPECT_EQ(CNxThreadManager::Instance()->GetThread(NX_THREAD_CALLING), heart);
-    std::atomic<int> fired{0};
-    FlagHandler handler;
-    EventCounts counts;
-    heart->GetTimerQueue()->ScheduleTimer(&handler, &fired, CNxTimeValue::s_tvZero(), 1);
-    heart->GetEventQueue()->PostEvent(new CountedEvent(counts), c_normal);
-    EXPECT_EQ(heart->DoHeartBeat(), NX_OK);
-    EXPECT_EQ(fired, 1);
-    EXPECT_EQ(counts.m_fired, 1);
-    EXPECT_EQ(heart->Stop(nullptr), NX_OK);
-    EXPECT_EQ(heart->Join(), NX_ERROR_FAILURE);
-    heart->Destory(0);
-}
-
-TEST(Thread, TaskFiresATimerWithoutAnyEvent) {
-    CNxThread* thread = nullptr;
-    ASSERT_EQ(CNxThreadManager::Instance()->CreateUserTaskThread(thread, c_joinable, 1), NX_OK);
-    std::atomic<int> fired{0};
-    FlagHandler handler;
-    EventCounts counts;
-    const auto schedule = [&] {
-        return thread->GetTimerQueue()->ScheduleTimer(&handler, &fired, CNxTimeValue(0, 2000), 3);
-    };
-    EXPECT_EQ(thread->GetEventQueue()->SendEvent(new CountedEvent(counts, schedule)), NX_OK);
-    while (fired.load() < 3) {
-        std::this_thread::yield();
-    }
-    EndThread(thread);
-}
-
-TEST(Thread, DummyLeadsToItsThreadAndOwnsNothing) {
-    auto* const dummy = new CNxThreadDummy;
-    EXPECT_EQ(dummy->Create(NextType(), c_joinable), NX_ERROR_NOT_IMPLEMENTED);
-    EXPECT_EQ(dummy->Stop(nullptr), NX_ERROR_NOT_INITIALIZED);
-    EXPECT_EQ(dummy->GetEventQueue(), nullptr);
-    EXPECT_EQ(dummy->Init(nullptr, NextType()), NX_ERROR_INVALID_ARG);
-    CNxThread* actual = nullptr;
-    ASSERT_EQ(CNxThreadManager::Instance()->CreateUserTaskThread(actual, c_joinable, 1), NX_OK);
-    const int type = NextType();
-    ASSERT_EQ(dummy->Init(actual, type), NX_OK);
-    EXPECT_EQ(dummy->Init(actual, type), NX_ERROR_ALREADY_INITIALIZED);
-    EXPECT_EQ(CNxThreadManager::Instance()->GetThreadEventQueue(type), actual->GetEventQueue());
-    EXPECT_EQ(CNxThreadManager::Instance()->GetThreadTimerQueue(type), actual->GetTimerQueue());
-    EXPECT_EQ(dummy->GetThreadId(), actual->GetThreadId());
-    EXPECT_EQ(dummy->Join(), NX_ERROR_FAILURE);
-    EXPECT_EQ(dummy->Stop(nullptr), NX_OK);
-    dummy->Destory(0);
-    EXPECT_EQ(CNxThreadManager::Instance()->GetThread(type), nullptr);
-    EXPECT_EQ(actual->Join(), NX_OK);
-    actual->Destory(0);
 }
 
 }  // namespace
