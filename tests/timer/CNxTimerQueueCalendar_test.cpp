@@ -195,44 +195,4 @@ TEST(CNxTimerQueueCalendar, DoesWhatThePlainWheelDoes) {
     }
 }
 
-struct Counter : INxTimerHandler {
-    void OnTimeout(const CNxTimeValue& /*now*/, void* /*token*/) override { ++m_fired; }
-    int m_fired = 0;
-};
-
-// After how many ticks a timer fires, by the current slot of an eleven-slot wheel.
-TEST(CNxTimerQueueCalendar, TicksUntilATimerFires) {
-    const struct {
-        unsigned m_current;
-        CNxTimeValue m_interval;
-        int m_ticks;
-    } cases[] = {
-        {0, CNxTimeValue(0, 500), 1},   {0, CNxTimeValue(0, 1000), 2},
-        {0, CNxTimeValue(0, 10000), 2}, {0, CNxTimeValue(0, 11000), 3},
-        {8, CNxTimeValue(0, 50000), 7},  // one tick late: the ring was passed
-        {8, CNxTimeValue(9, 0), 1},      // too long for the wheel
-        {0, CNxTimeValue(9, 0), 11},    {8, CNxTimeValue(0, 0), 1},
-    };
-    OwnQueue queue;
-    for (const auto& expected : cases) {
-        CNxTimerQueueCalendar calendar(5, 109, &queue);
-        for (unsigned i = 0; i < expected.m_current; ++i) {
-            calendar.TimerTick();
-        }
-        Counter counter;
-        EXPECT_EQ(calendar.ScheduleTimer(&counter, nullptr, expected.m_interval, 1), NX_OK);
-        int ticks = 0;
-        for (; counter.m_fired == 0 && ticks < 50; ++ticks) {
-            calendar.TimerTick();
-        }
-        EXPECT_EQ(ticks, expected.m_ticks) << "from slot " << expected.m_current;
-        EXPECT_EQ(calendar.CancelTimer(&counter), NX_ERROR_NOT_FOUND);
-    }
-    CNxTimerQueueCalendar calendar(10, 0, &queue);
-    EXPECT_EQ(calendar.ScheduleTimer(nullptr, nullptr, CNxTimeValue(1, 0), 1),
-              NX_ERROR_INVALID_ARG);
-    EXPECT_EQ(calendar.CancelTimer(nullptr), NX_ERROR_INVALID_ARG);
-    EXPECT_EQ(calendar.GetEventQueue(), &queue);
-}
-
 }  // namespace
