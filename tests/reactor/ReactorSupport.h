@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -23,8 +22,7 @@ class End : public INxEventHandler {
 public:
     using Callback = std::function<int(End&)>;
 
-    explicit End(Callback onInput = nullptr, Callback onOutput = nullptr)
-        : m_onInput(std::move(onInput)), m_onOutput(std::move(onOutput)) {
+    explicit End(Callback onInput = nullptr) : m_onInput(std::move(onInput)) {
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_fds), 0);
     }
     ~End() override {
@@ -41,7 +39,7 @@ public:
     }
     int OnOutput(int /*fd*/) override {
         ++m_outputs;
-        return m_onOutput ? m_onOutput(*this) : 0;
+        return 0;
     }
     int OnClose(int /*fd*/, long mask) override {
         m_closedWith = mask;
@@ -71,18 +69,13 @@ public:
 
 private:
     Callback m_onInput;
-    Callback m_onOutput;
     int m_fds[2] = {-1, -1};
 };
 
 class Timer : public INxTimerHandler {
 public:
     explicit Timer(std::function<void()> action) : m_action(std::move(action)) {}
-    void OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) override {
-        ++m_fired;
-        m_action();
-    }
-    int m_fired = 0;
+    void OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) override { m_action(); }
 
 private:
     std::function<void()> m_action;
@@ -94,10 +87,8 @@ inline void StopSoon(INxReactor& reactor, EventCounts& counts) {
 }
 
 // Serves `count` clients on the reactor while another thread sends each a byte and waits for its
-// answer, `rounds` times; all bytes of a round are under way together. `prepare` runs on that
-// thread first.
-inline void EchoClients(INxReactor& reactor, int count, int rounds,
-                        const std::function<void()>& prepare = nullptr) {
+// answer, `rounds` times; all bytes of a round are under way together.
+inline void EchoClients(INxReactor& reactor, int count, int rounds) {
     EventCounts counts;
     std::vector<std::unique_ptr<End>> ends;
     for (int i = 0; i < count; ++i) {
@@ -111,9 +102,6 @@ inline void EchoClients(INxReactor& reactor, int count, int rounds,
     }
     int answers = 0;
     std::thread clients([&] {
-        if (prepare) {
-            prepare();
-        }
         const timeval patience{20, 0};
         for (const auto& end : ends) {
             setsockopt(end->Peer(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
@@ -124,11 +112,7 @@ inline void EchoClients(INxReactor& reactor, int count, int rounds,
             }
             for (const auto& end : ends) {
                 char byte = 0;
-                ssize_t got = 0;
-                do {
-                    got = recv(end->Peer(), &byte, 1, 0);
-                } while (got == -1 && errno == EINTR);
-                answers += got == 1 ? 1 : 0;
+                answers += recv(end->Peer(), &byte, 1, 0) == 1 ? 1 : 0;
             }
         }
         StopSoon(reactor, counts);
