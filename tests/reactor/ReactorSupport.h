@@ -72,13 +72,11 @@ private:
     int m_fds[2] = {-1, -1};
 };
 
-class Timer : public INxTimerHandler {
-public:
+struct Timer : INxTimerHandler {
     explicit Timer(std::function<void()> action) : m_action(std::move(action)) {}
     void OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) override { m_action(); }
 
-private:
-    std::function<void()> m_action;
+    const std::function<void()> m_action;
 };
 
 // Makes the loop end; what is posted or ready by then is still served.

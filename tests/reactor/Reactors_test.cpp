@@ -4,6 +4,7 @@
 #include <nx/reactor/CNxReactorSelect.h>
 
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -21,12 +22,19 @@ protected:
     EventCounts m_counts;
 };
 
+struct ReactorNames {
+    template <class Reactor>
+    static std::string GetName(int index) {
+        return index == 0 ? "Epoll" : index == 1 ? "Select" : "RealTimeSignal";
+    }
+};
+
 using AllReactors = ::testing::Types<CNxReactorEpoll, CNxReactorSelect, CNxReactorRealTimeSignal>;
-TYPED_TEST_SUITE(Reactors, AllReactors);
+TYPED_TEST_SUITE(Reactors, AllReactors, ReactorNames);
 
 template <class Reactor>
 class ClosedReactors : public ::testing::Test {};
-TYPED_TEST_SUITE(ClosedReactors, AllReactors);
+TYPED_TEST_SUITE(ClosedReactors, AllReactors, ReactorNames);
 
 TYPED_TEST(Reactors, FullPipeStrandsNeitherEventsNorTheStop) {
     auto& reactor = this->m_reactor;
@@ -70,7 +78,6 @@ TYPED_TEST(ClosedReactors, ReopeningLeaksNothingAndForgetsOldRegistrations) {
         EXPECT_EQ(stale.m_inputs, 0);
         // The loop has ended: nobody would fire them.
         EXPECT_EQ(reactor.PostEvent(new CountedEvent(counts), c_normal), NX_ERROR_NOT_INITIALIZED);
-        EXPECT_EQ(reactor.Open(), NX_ERROR_ALREADY_INITIALIZED);
         EXPECT_TRUE(counts.AllDestroyed());
     }
     EXPECT_EQ(CountDescriptors(), before);
