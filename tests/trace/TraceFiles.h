@@ -1,21 +1,25 @@
-// What the tests of trace files share: a scratch folder and the parts of a file.
+// What the tests of trace files share: the parts of a file.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "../support/TempFolder.h"
+
 inline const std::string MARKER =
     "************************* Current Trace Point *************************\n\n";
 constexpr size_t HEADER_SIZE = 32;
+
+using Texts = std::vector<std::string>;
 
 inline std::string ReadWhole(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
@@ -27,52 +31,43 @@ inline std::string HeaderOf(size_t offset) {
     return text + std::string(HEADER_SIZE - 1 - text.size(), ' ') + "\n";
 }
 
-// "[MM/DD/YYYY hh:mm:ss.mmm pid=P tid=T] " and any text; '9' in the form is any digit.
-inline bool IsRecord(const std::string& line) {
-    static const std::string s_form = "[99/99/9999 99:99:99.999 pid=";
-    for (size_t i = 0; i < s_form.size(); ++i) {
-        const bool isDigit = i < line.size() && line[i] >= '0' && line[i] <= '9';
-        if (i >= line.size() || (s_form[i] == '9' ? !isDigit : line[i] != s_form[i])) {
-            return false;
-        }
-    }
-    int pid = 0;
-    int tid = 0;
-    int end = 0;
-    return std::sscanf(line.c_str() + s_form.size(), "%d tid=%d] %n", &pid, &tid, &end) == 2 &&
-           end > 0;
+// Every digit a '9': what two stamps have in common.
+inline std::string Masked(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return std::isdigit(c) != 0; }, '9');
+    return text;
 }
 
-// The texts of the records up to the marker; a failure for a file that is not whole. A writer that
-// `wasKilled` may have been replacing the marker by its next record.
-inline std::vector<std::string> TextsOf(const std::string& path, bool wasKilled = false) {
-    const std::string bytes = ReadWhole(path);
+// "[MM/DD/YYYY hh:mm:ss.mmm pid=P tid=T] " and any text.
+inline bool IsRecord(const std::string& line) {
+    const std::string form = "[99/99/9999 99:99:99.999 pid=";
+    int end = 0;
+    return Masked(line.substr(0, form.size())) == form &&
+           std::sscanf(line.c_str() + form.size(), "%*d tid=%*d] %n", &end) == 0 && end > 0;
+}
+
+// The texts of the records up to the marker; a failure for a file that is not whole.
+inline Texts TextsOf(const std::string& bytes) {
     const size_t offset = std::strtoul(bytes.c_str(), nullptr, 10);
-    EXPECT_EQ(bytes.substr(0, HEADER_SIZE), HeaderOf(offset)) << path;
-    std::vector<std::string> texts;
+    EXPECT_EQ(bytes.substr(0, HEADER_SIZE), HeaderOf(offset));
+    Texts texts;
     if (offset < HEADER_SIZE || offset > bytes.size()) {
-        ADD_FAILURE() << path << " points to " << offset;
+        ADD_FAILURE() << bytes.size() << " bytes point to " << offset;
         return texts;
     }
-    if (offset > HEADER_SIZE && !wasKilled) {
-        EXPECT_EQ(bytes.substr(offset, MARKER.size()), MARKER) << path;
-        EXPECT_EQ(bytes[offset - 1], '\n') << path;
+    if (offset > HEADER_SIZE) {
+        EXPECT_EQ(bytes.substr(offset, MARKER.size()), MARKER);
+        EXPECT_EQ(bytes[offset - 1], '\n');
     }
     std::istringstream lines(bytes.substr(HEADER_SIZE, offset - HEADER_SIZE));
     for (std::string line; std::getline(lines, line);) {
-        EXPECT_TRUE(IsRecord(line)) << path << ": " << line;
+        EXPECT_TRUE(IsRecord(line)) << line;
         texts.push_back(line.substr(line.find("] ") + 2));
     }
     return texts;
 }
 
-class CScratchFolder : public testing::Test {
-protected:
-    CScratchFolder() {
-        char path[] = "/tmp/nxtraceXXXXXX";
-        m_folder = mkdtemp(path);
-    }
-    ~CScratchFolder() override { std::filesystem::remove_all(m_folder); }
-
-    std::string m_folder;
-};
+inline Texts TextsIn(const std::string& path) {
+    SCOPED_TRACE(path);
+    return TextsOf(ReadWhole(path));
+}
