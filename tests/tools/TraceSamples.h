@@ -10,8 +10,8 @@
 inline std::string RecordLine(int second, const std::string& levelAndText, int pid = 77,
                               int tid = -5) {
     char head[80];
-    std::snprintf(head, sizeof(head), "[11/21/2026 09:%02d:%02d.%03d pid=%d tid=%d] ", second / 60,
-                  second % 60, 0, pid, tid);
+    std::snprintf(head, sizeof(head), "[11/21/2026 09:%02d:%02d.000 pid=%d tid=%d] ", second / 60,
+                  second % 60, pid, tid);
     return head + levelAndText + "\n";
 }
 
