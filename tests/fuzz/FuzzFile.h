@@ -4,26 +4,35 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <string_view>
+
+inline void Require(bool condition) {
+    if (!condition) {
+        std::abort();
+    }
+}
 
 class CFuzzFile {
 public:
-    CFuzzFile(const uint8_t* data, size_t size) : m_fd(memfd_create("fuzz", MFD_CLOEXEC)) {
-        if (m_fd < 0 || write(m_fd, data, size) != static_cast<ssize_t>(size)) {
-            std::abort();
-        }
-        m_path = "/proc/self/fd/" + std::to_string(m_fd);
+    explicit CFuzzFile(std::string_view content) : m_fd(memfd_create("fuzz", MFD_CLOEXEC)) {
+        Put(content);
     }
     ~CFuzzFile() { close(m_fd); }
     CFuzzFile(const CFuzzFile&) = delete;
     CFuzzFile& operator=(const CFuzzFile&) = delete;
 
+    void Put(std::string_view content) {
+        Require(ftruncate(m_fd, 0) == 0);
+        Require(pwrite(m_fd, content.data(), content.size(), 0) ==
+                static_cast<ssize_t>(content.size()));
+    }
+
     const std::string& Path() const { return m_path; }
 
 private:
-    int m_fd;
-    std::string m_path;
+    const int m_fd;
+    const std::string m_path = "/proc/self/fd/" + std::to_string(m_fd);
 };
