@@ -38,14 +38,14 @@ void Show(const CTraceBatch& batch) {
 
 }  // namespace
 
-// Two states of one file, one after the other; a byte of value 1 parts them.
+// States of one file, one after the other; bytes of value 1 part them.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string_view all(reinterpret_cast<const char*>(data), size);
-    const size_t cut = std::min(all.find('\1'), size);
     CFuzzFile place("");
     CTraceFile file(place.Path());
-    for (const std::string_view next : {all.substr(0, cut), all.substr(std::min(cut + 1, size))}) {
-        place.Put(next);
+    for (size_t at = 0, end = 0; at < size; at = end + 1) {
+        end = std::min(all.find('\1', at), size);
+        place.Put(all.substr(at, end - at));
         CTraceBatch batch;
         if (file.ReadNew(batch) == CTraceFile::READ) {
             CheckRecords(batch);
