@@ -44,43 +44,6 @@ TEST(CNxByteBuffer, IntegersLieInTheChosenOrderAndComeBack) {
     }
 }
 
-TEST(CNxByteBuffer, ShortOrNullReadsTakeNothing) {
-    CNxByteBuffer buffer("1234567");
-    unsigned long i64 = 1;
-    CNxString text("old ");
-    char bytes[8] = "";
-    EXPECT_EQ(buffer.ReadUInt64(&i64), 0);
-    EXPECT_EQ(buffer.ReadUInt8(nullptr) + buffer.ReadUInt16(nullptr), 0);
-    EXPECT_EQ(buffer.ReadUInt24(nullptr) + buffer.ReadUInt32(nullptr), 0);
-    EXPECT_EQ(buffer.ReadUInt64(nullptr), 0);
-    EXPECT_EQ(buffer.ReadString(nullptr, 1) + buffer.ReadBytes(nullptr, 1), 0);
-    for (const unsigned long tooMany : {8ul, c_top}) {
-        EXPECT_EQ(buffer.ReadString(&text, tooMany), 0);
-        EXPECT_EQ(buffer.ReadBytes(bytes, tooMany), 0);
-        EXPECT_EQ(buffer.Consume(tooMany), 0);
-    }
-    EXPECT_EQ(i64, 1u);
-    EXPECT_EQ(buffer.ReadString(&text, 4), 1);
-    EXPECT_EQ(text, "old 1234");
-    EXPECT_EQ(buffer.ReadBytes(bytes, 3), 1);
-    EXPECT_STREQ(bytes, "567");
-    unsigned char i8 = 0;
-    EXPECT_EQ(buffer.ReadUInt8(&i8), 0);
-}
-
-TEST(CNxByteBuffer, HoldsWhatItIsMadeOfUntilClearZeroesIt) {
-    const CNxByteBuffer none(static_cast<const char*>(nullptr));
-    EXPECT_EQ(none.GetUnreadLength() + none.GetCapacity(), 0u);
-    const CNxByteBuffer room(nullptr, 10, CNxByteBuffer::HOST_ORDER);
-    EXPECT_EQ(room.GetUnreadLength(), 0u);
-    EXPECT_EQ(room.GetCapacity(), 10u);
-    CNxByteBuffer bytes("a\0b", 3);
-    EXPECT_EQ(GetUnread(bytes), std::string("a\0b", 3));
-    EXPECT_EQ(bytes.GetCapacity(), 3u);
-    bytes.Clear();
-    EXPECT_EQ(std::string(bytes.ReserveWriteBuffer(3), 3), std::string(3, '\0'));
-}
-
 TEST(CNxByteBuffer, SizesThatCannotBeHadThrowAndChangeNothing) {
     CNxByteBuffer buffer("abc");
     const auto start = buffer.GetReadPosition();

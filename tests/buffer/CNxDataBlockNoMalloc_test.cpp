@@ -32,14 +32,3 @@ TEST(CNxDataBlockNoMalloc, ReadGivesWhatIsAskedForBelowTheEndAndTheOvershootBeyo
     EXPECT_EQ(beyond.Read(dst, 5, &n), NX_ERROR_PARTIAL_DATA);
     EXPECT_EQ(std::string(dst, n), "gh");
 }
-
-TEST(CNxDataBlockNoMalloc, NullsAreRefusedInOrderAndLeaveTheOutParameterAlone) {
-    char byte = 'x';
-    CNxDataBlockNoMalloc none(nullptr, 10);
-    unsigned long n = 99;
-    EXPECT_EQ(none.Read(nullptr, 1, &n), NX_ERROR_INVALID_ARG);
-    EXPECT_EQ(none.Read(&byte, 1, &n), NX_ERROR_NOT_INITIALIZED);
-    EXPECT_EQ(none.Write(nullptr, 1, &n), NX_ERROR_INVALID_ARG);
-    EXPECT_EQ(none.Write(&byte, 1, &n), NX_ERROR_NOT_INITIALIZED);
-    EXPECT_EQ(n, 99U);
-}

@@ -25,18 +25,6 @@ private:
 
 }  // namespace
 
-TEST(CNxDataBlock, ImpossibleSizesAreRefusedAndLeaveTheOutParameterAlone) {
-    char area = 0;
-    CNxDataBlock untouched(1, &area);
-    CNxDataBlock* block = &untouched;
-    EXPECT_EQ(CNxDataBlock::CreateInstance(block, 0, &area), NX_ERROR_INVALID_ARG);
-    for (unsigned long size :
-         {ULONG_MAX, ULONG_MAX - sizeof(CNxDataBlock) + 1, static_cast<unsigned long>(LONG_MAX)}) {
-        EXPECT_EQ(CNxDataBlock::CreateInstance(block, size, nullptr), NX_ERROR_FAILURE);
-    }
-    EXPECT_EQ(block, &untouched);
-}
-
 TEST(CNxDataBlock, StorageSharedByManyThreadsIsDestroyedOnceByTheLast) {
     std::atomic<int> destroyed{0};
     char bytes[] = "shared";

@@ -48,45 +48,6 @@ std::string Flatten(const Block* chain) {
 
 }  // namespace
 
-TEST(CNxMessageBlock, WithoutStorageEveryOperationIsHarmless) {
-    Block impossible(ULONG_MAX, nullptr, 0, ULONG_MAX);
-    Block none(nullptr, 0UL);
-    for (Block* block : {&impossible, &none}) {
-        char byte = 0;
-        unsigned long n = 99;
-        EXPECT_EQ(block->GetReadPtr(), nullptr);
-        EXPECT_EQ(block->GetWritePtr(), nullptr);
-        EXPECT_EQ(block->GetCapacity(), 0U);
-        EXPECT_EQ(block->Write("x", 1, &n), NX_ERROR_PARTIAL_DATA);
-        EXPECT_EQ(block->Read(&byte, 1, &n), NX_ERROR_PARTIAL_DATA);
-        EXPECT_EQ(n, 0U);
-        EXPECT_EQ(block->Read(nullptr, 0, nullptr), NX_OK);
-        EXPECT_EQ(block->AdvanceChainedWritePtr(1), NX_ERROR_PARTIAL_DATA);
-        EXPECT_EQ(Flatten(block), "");
-        EXPECT_EQ(block->FillIov(nullptr, 1), 0U);
-        EXPECT_EQ(block->Disjoint(0), nullptr);
-        EXPECT_EQ(block->ReclaimGarbage(), nullptr);
-        block->RewindChained();
-        block->DuplicateChained()->DestroyChained();
-    }
-}
-
-TEST(CNxMessageBlock, RewindTakesEveryWritePointerFromTheHead) {
-    Block head(8), other(8);
-    head.Append(&other);
-    for (Block* block : {&head, &other}) {
-        block->Write("abcd", 4);
-        block->AdvanceChainedReadPtr(2);
-    }
-    char* headBegin = head.GetReadPtr() - 2;
-    char* otherBegin = other.GetReadPtr() - 2;
-    head.RewindChained();
-    EXPECT_EQ(head.GetReadPtr(), headBegin);
-    EXPECT_EQ(head.GetWritePtr(), headBegin);
-    EXPECT_EQ(other.GetReadPtr(), otherBegin);
-    EXPECT_EQ(other.GetWritePtr(), headBegin);
-}
-
 TEST(CNxMessageBlock, ACutTailConsistsOfDuplicatesAndLeavesForeignBlocksToTheirOwners) {
     char memory[] = "cdef";
     Block foreign(4, memory, 0, 4), last(2);

@@ -34,21 +34,6 @@ protected:
 
 }  // namespace
 
-TEST_F(CConfigFileTest, ReadsTypedValues) {
-    setenv("NX_TEST_DIR", "/srv", 1);
-    Open("[Server]\nPort = 0x10\nYes = true\nNo = f\nOdd = maybe\nDir = ${NX_TEST_DIR}\n[a:b]\n");
-    EXPECT_EQ(m_config.GetIntParam("SERVER", "port", 1), 16);
-    EXPECT_EQ(m_config.GetIntParam("Server", "none", 1), 1);
-    EXPECT_TRUE(m_config.GetBoolParam("Server", "Yes", false));
-    EXPECT_FALSE(m_config.GetBoolParam("Server", "No", true));
-    EXPECT_TRUE(m_config.GetBoolParam("Server", "Odd", true));
-    EXPECT_EQ(Get("Server", "Dir"), "/srv");
-    EXPECT_EQ(m_config.GetStringParam("Server", "none", "${NX_TEST_DIR}"), "/srv");
-    // iniparser knows "a:b", the section, as a key without a value.
-    EXPECT_EQ(m_config.GetIntParam("a", "b", 5), 5);
-    EXPECT_TRUE(m_config.GetBoolParam("a", "b", true));
-}
-
 TEST_F(CConfigFileTest, EveryValueThatWasSetComesBackFromTheSavedFile) {
     Open("above = 1\n[old]\nk = v\n[x:y]\nz = loaded\n");
     EXPECT_EQ(m_config.SetIntParam("new", "n", -5), 0);

@@ -124,31 +124,3 @@ TEST_F(CProfileTest, WithoutAFileOrArgumentsEveryReaderGivesItsDefault) {
     EXPECT_FALSE(read_init_file(nullptr, "s", "k", out, sizeof(out)));
     EXPECT_FALSE(get_string_param("s", "k", nullptr, 0));
 }
-
-TEST_F(CProfileTest, ObjectGivesDefaultsAndResolvesReferences) {
-    setenv("NX_TEST_DIR", "/srv", 1);
-    unsetenv("NX_TEST_NONE");
-    Write("[s]\nn=12;\ndw=18446744073709551615\nw=65535\nb=true\nhome=${NX_TEST_DIR}/x\nbad=${X\n");
-    CNxConfigInitFile config;
-    EXPECT_EQ(config.GetIntParam("s", "n", 1), 12);
-    EXPECT_EQ(config.GetIntParam("s", "home", 4), 4);
-    EXPECT_EQ(config.GetDwordParam("s", "dw", 1), 18446744073709551615UL);
-    EXPECT_EQ(config.GetWordParam("s", "w", 1), 65535);
-    EXPECT_TRUE(config.GetBoolParam("s", "b", 0));
-    EXPECT_FALSE(config.GetBoolParam("s", "n", 1));
-    EXPECT_EQ(config.GetStringParam("s", "home", ""), "/srv/x");
-    EXPECT_EQ(config.GetStringParam("s", "none", "${NX_TEST_DIR}"), "/srv");
-    EXPECT_EQ(config.GetStringParam("s", "bad", ""), "error! ${ is not match with } in string:${X");
-}
-
-TEST(TrimString, TrimsInPlaceAndKnowsComments) {
-    char text[] = " \t a b \r\n";
-    char blanks[] = " \n";
-    char empty[] = "";
-    EXPECT_STREQ(trim_string(text), "a b");
-    EXPECT_STREQ(trim_string(blanks), "");
-    EXPECT_STREQ(trim_string(empty), "");
-    EXPECT_TRUE(is_comment_line(" \t#"));
-    EXPECT_FALSE(is_comment_line("a#"));
-    EXPECT_FALSE(is_comment_line(" "));
-}

@@ -24,27 +24,6 @@ void ExpectThrows(const char* message, Call call) {
     }
 }
 
-TEST(CNxString, NullMakesAnEmptyStringButIsNeverCompared) {
-    EXPECT_TRUE(CNxString(c_null).empty());
-    CNxString s("x");
-    s = nullptr;
-    EXPECT_TRUE(s.empty());
-
-    const char* message = "basic_string::_M_construct null not valid";
-    const CNxString x("x");
-    ExpectThrows<std::logic_error>(message, [&] { return x == c_null; });
-    ExpectThrows<std::logic_error>(message, [&] { return c_null == x; });
-    ExpectThrows<std::logic_error>(message, [&] { return x != c_null; });
-    ExpectThrows<std::logic_error>(message, [&] { return c_null < x; });
-    ExpectThrows<std::logic_error>(message, [&] { return x + c_null; });
-    ExpectThrows<std::logic_error>(message, [&] { return c_null + x; });
-    ExpectThrows<std::logic_error>(message, [&] { return s += c_null; });
-    ExpectThrows<std::logic_error>(message, [&] { return x.find(c_null); });
-    ExpectThrows<std::logic_error>(message, [&] { return CNxString(c_null, 1); });
-    EXPECT_TRUE(CNxString(c_null, 0).empty());
-    EXPECT_EQ(s.append(c_null, 0).insert(0, c_null, 0), "");
-}
-
 TEST(CNxString, EveryComparisonIsUnambiguousAndBytewise) {
     const CNxString low("a");
     const CNxString high("\xff");

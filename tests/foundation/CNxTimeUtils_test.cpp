@@ -53,16 +53,4 @@ TEST(CNxTimeUtils, CalendarAgreesWithTheSystemOnEveryDay) {
     ExpectConverts(951782400, 951782400);
 }
 
-TEST(CNxTimeUtils, CalendarClampsAndCountsDaysIn32Bits) {
-    constexpr long c_last = 253402300799;
-    ExpectConverts(c_last, c_last);
-    for (long early : {-1L, -c_day, std::numeric_limits<long>::min()}) {
-        ExpectConverts(early, 0);
-    }
-    for (long late : {c_last + 1, c_day * 4294967295 + 5}) {
-        ExpectConverts(late, c_last);
-    }
-    ExpectConverts((c_day << 32) + 5, 5);
-}
-
 }  // namespace

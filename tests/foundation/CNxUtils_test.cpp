@@ -33,23 +33,6 @@ TEST(CNxUtils, ConvertsWholeNumbersOfEveryBase) {
     EXPECT_EQ(U64ToStr(0), "0");
 }
 
-TEST(CNxUtils, RefusesWhatIsNotANumberAndLeavesTheOutput) {
-    const CNxString bad[] = {
-        "", "12a", "12 ", " ", "-", "0x", "18446744073709551616", "08", "1.5", CNxString("1\0", 2)};
-    for (const CNxString& text : bad) {
-        SCOPED_TRACE(text);
-        unsigned long u64 = 77;
-        long i64 = 77;
-        unsigned int u32 = 77;
-        int i32 = 77;
-        EXPECT_EQ(StrToU64(text, u64), NX_ERROR_FAILURE);
-        EXPECT_EQ(StrTo64(text, i64), NX_ERROR_FAILURE);
-        EXPECT_EQ(StrToU32(text, u32), NX_ERROR_FAILURE);
-        EXPECT_EQ(StrTo32(text, i32), NX_ERROR_FAILURE);
-        EXPECT_TRUE(u64 == 77 && i64 == 77 && u32 == 77 && i32 == 77);
-    }
-}
-
 TEST(CNxUtils, SplitsWithItsSurprises) {
     const auto expectSplit = [](const CNxString& text, const CNxString& delimiter, size_t hits,
                                 Pieces expected) {
@@ -69,14 +52,6 @@ TEST(CNxUtils, SplitsWithItsSurprises) {
     expectSplit("a,,,b", ",", 2, {"a", ",", "b"});
     expectSplit("a::b::c", "::", 2, {"a", "b", ":c"});
     expectSplit("a::", "::", 1, {"a", ":"});
-}
-
-TEST(CNxUtils, SplitsAPieceOfItsOwnOutput) {
-    Pieces pieces = {"a,b,c,d,e,f,g"};
-    pieces.shrink_to_fit();
-    EXPECT_EQ(SplitString2(pieces[0], ",", pieces), 6U);
-    EXPECT_EQ(pieces.size(), 8U);
-    EXPECT_EQ(pieces.back(), "g");
 }
 
 class CNxUtilsEnvironment : public testing::Test {
@@ -115,46 +90,6 @@ TEST_F(CNxUtilsEnvironment, ResolvesInPlace) {
         EXPECT_EQ(ResolveStringEnv(text, text), NX_OK);
         EXPECT_EQ(text, Resolve(in));
     }
-}
-
-TEST(CNxUtils, BoundedCopyWritesNoTerminator) {
-    const CNxString text("abcdef");
-    for (size_t size : {0U, 1U, 4U, 7U, 9U}) {
-        const std::string copied = text.GetRawData().substr(0, size == 0 ? 0 : size - 1);
-        const std::string expected = copied + std::string(10 - copied.size(), '#');
-        std::string fromString(10, '#');
-        std::string fromChars(10, '#');
-        BufferStringCopy(fromString.data(), size, text);
-        BufferStringCopy(fromChars.data(), size, text.c_str());
-        EXPECT_EQ(fromString, expected);
-        EXPECT_EQ(fromChars, expected);
-    }
-    const char unterminated[] = {'a', 'b'};
-    char target[3] = {};
-    BufferStringCopy(target, sizeof(target), unterminated);
-    EXPECT_STREQ(target, "ab");
-    BufferStringCopy(target, sizeof(target), nullptr);
-    BufferStringCopy(nullptr, 5, text);
-    EXPECT_STREQ(target, "ab");
-}
-
-TEST(CNxUtils, RandomStringIsTerminatedOneByteLate) {
-    char buffer[6] = {};
-    const CNxString text = RandString(buffer, 4);
-    EXPECT_EQ(text.size(), 4U);
-    for (char c : text.GetRawData()) {
-        EXPECT_TRUE(std::isalnum(static_cast<unsigned char>(c)));
-    }
-    char filled[7] = {'#', '#', '#', '#', '#', '#', '#'};
-    EXPECT_EQ(RandString(filled, 4).substr(4), "#");
-    EXPECT_EQ(filled[5], '\0');
-    EXPECT_EQ(filled[6], '#');
-    for (int length : {0, -5, std::numeric_limits<int>::min()}) {
-        char untouched[3] = {'#', '#', '#'};
-        EXPECT_EQ(RandString(untouched, length), "#");
-        EXPECT_EQ(untouched[2], '#');
-    }
-    EXPECT_EQ(RandString(nullptr, 4), "");
 }
 
 }  // namespace

@@ -148,25 +148,6 @@ TEST(CNxSocketBase, FailedAddressQueryLeavesTheAddress) {
     EXPECT_EQ(untyped.GetType(), 0);
 }
 
-TEST(CNxSocketBase, AnswersOfOtherFamiliesAreHarmless) {
-    CNxSocketBase socket;
-    ASSERT_EQ(socket.Open(AF_UNIX, SOCK_STREAM, 0, 1), 0);
-    sockaddr_un name = {};
-    name.sun_family = AF_UNIX;
-    // Abstract, so that no file is left; longer than an address stores.
-    const std::string text = "nxbase-test-" + std::to_string(getpid()) + std::string(60, 'n');
-    text.copy(name.sun_path + 1, sizeof name.sun_path - 1);
-    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + text.size());
-    ASSERT_EQ(bind(socket.GetHandle(), reinterpret_cast<sockaddr*>(&name), size), 0);
-
-    CNxInetAddr address("1.2.3.4:5");
-    EXPECT_EQ(socket.GetLocalAddr(address), 0);
-    EXPECT_EQ(address.GetType(), AF_UNIX);
-    EXPECT_EQ(address.GetSize(), static_cast<int>(size));
-    EXPECT_EQ(address.GetPtr(), nullptr);
-    EXPECT_EQ(address, CNxInetAddr(address));
-}
-
 TEST_F(CNxSocketUdpTest, GathersPiecesIntoOneDatagram) {
     char ab[] = "ab";
     char cde[] = "cde";

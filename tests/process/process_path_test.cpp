@@ -41,16 +41,3 @@ TEST(ProcessPath, OutsideBinTheExecutablesFolderIsHomeAndAWarningIsPrinted) {
         "name:srv\nWarning::" + home + ",not bin path\n" + InitLines(home, "srv");
     EXPECT_EQ(output.substr(0, expected.size()), expected);
 }
-
-TEST(ProcessPath, PathsLongerThanTheirArraysAreCut) {
-    const CTempFolder folder;
-    fs::path deep = folder.Path();
-    while (deep.string().size() < 2100) {
-        deep /= std::string(200, 'd');
-    }
-    const std::string output = RunCopy(deep / "bin" / "srv");
-    const size_t pathLength = (deep / "bin" / "srv").string().size();
-    EXPECT_NE(output.find("lengths 2047 1023 2047 1023 " + std::to_string(pathLength) + "\n"),
-              std::string::npos)
-        << output;
-}

@@ -168,17 +168,18 @@ TEST(TimerPreciseEnd, ProcessThatForgetsItsTimersExitsOnAnyThread) {
     ::testing::GTEST_FLAG(death_test_style) = "threadsafe";
     for (const bool onTarget : {false, true}) {
         const auto body = [onTarget] {
-            static Sink sink;
-            sink.m_exitAt = onTarget ? 700 : 0;
+            // Never destroyed: the targets run on while a target's exit() destroys statics.
+            static auto* const sink = new Sink;
+            sink->m_exitAt = onTarget ? 700 : 0;
             Manager()->InitMainThread(0, nullptr);
             auto* const crowd = new Crowd;
             for (int i = 0; i < (IsFull() ? 10000 : 500); ++i) {
-                g_forgotten.emplace_back().Schedule(&sink, ToInterval(c_tick), 0, crowd->AnyType());
+                g_forgotten.emplace_back().Schedule(sink, ToInterval(c_tick), 0, crowd->AnyType());
             }
             if (onTarget) {
                 Manager()->GetThread(NX_THREAD_MAIN)->OnThreadRun();
             }
-            while (sink.m_calls == 0) {
+            while (sink->m_calls == 0) {
                 std::this_thread::yield();
             }
             std::exit(0);
