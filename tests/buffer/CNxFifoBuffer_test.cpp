@@ -59,22 +59,6 @@ TEST(CNxFifoBuffer, NumbersNearTheTopNeitherWrapNorReachBeyondTheStorage) {
     EXPECT_EQ(n, 4u);
 }
 
-TEST(CNxFifoBuffer, WithoutCapacityItIsBothEmptyAndFull) {
-    CNxFifoBuffer fifo(0);
-    unsigned long n = 9;
-    char byte = 0;
-    EXPECT_EQ(fifo.Read(&byte, 1, &n, nullptr), c_blocked);
-    EXPECT_EQ(fifo.Write(&byte, 1, &n, nullptr), c_blocked);
-    fifo.ConsumeReadData(1);
-    fifo.ConsumeWriteBuffer(1);
-    EXPECT_NE(fifo.GetWriteBuffer(&n), nullptr);
-    fifo.GetReadData(&n);
-    EXPECT_EQ(n, 0u);
-    EXPECT_EQ(fifo.SetCapacity(1), 1);
-    EXPECT_EQ(fifo.Write("a", 1, &n, nullptr), c_done);
-    EXPECT_EQ(fifo.SetCapacity(0), 0);
-}
-
 // The model is the string of the buffered bytes, and the place in the ring where it begins.
 TEST(CNxFifoBuffer, TransfersWhatAStringWould) {
     std::mt19937 engine(2);

@@ -48,32 +48,6 @@ std::string Flatten(const Block* chain) {
 
 }  // namespace
 
-TEST(CNxMessageBlock, ACutTailConsistsOfDuplicatesAndLeavesForeignBlocksToTheirOwners) {
-    char memory[] = "cdef";
-    Block foreign(4, memory, 0, 4), last(2);
-    last.Write("gh", 2);
-    Block* head = MakeOwned("ab");
-    head->Append(&foreign);
-    foreign.Append(MakeOwned("-"));
-    head->Append(&last);
-    EXPECT_EQ(head->Disjoint(9), nullptr);
-    EXPECT_EQ(head->Disjoint(100), nullptr);
-
-    Block* tail = head->Disjoint(2);
-    EXPECT_EQ(Flatten(head), "ab");
-    EXPECT_EQ(foreign.GetNext(), nullptr);
-    EXPECT_EQ(Flatten(&foreign), "cdef");
-    EXPECT_EQ(last.GetNext(), nullptr);
-    EXPECT_EQ(Flatten(tail), "cdef-gh");
-
-    Block* all = head->Disjoint(0);
-    EXPECT_EQ(head->GetLength(), 0U);
-    EXPECT_EQ(Flatten(all), "ab");
-    for (Block* chain : {head, all, tail}) {
-        chain->DestroyChained();
-    }
-}
-
 TEST(CNxMessageBlock, ABlockPassedOverByReclaimingNeverLeadsToADestroyedOne) {
     Block keeper(4);
     keeper.Append(MakeOwned("", 4));

@@ -111,16 +111,3 @@ TEST_F(CProfileTest, ParametersDropOneSemicolonAndTruncate) {
     EXPECT_STREQ(out, "");
     EXPECT_FALSE(get_string_param("Trace", "none", out, sizeof(out)));
 }
-
-TEST_F(CProfileTest, WithoutAFileOrArgumentsEveryReaderGivesItsDefault) {
-    m_path = m_folder.Path("missing");
-    char out[8] = "old";
-    EXPECT_EQ(get_int_param("s", "k"), 0);
-    EXPECT_EQ(get_bool_param("s", "k", 1), 1);
-    EXPECT_FALSE(get_string_param("s", "k", out, sizeof(out)));
-    EXPECT_STREQ(out, "");
-    EXPECT_EQ(Get("s", "k"), "(none)");
-    EXPECT_EQ(get_int_from_profile("s", "k", 3, nullptr), 3);
-    EXPECT_FALSE(read_init_file(nullptr, "s", "k", out, sizeof(out)));
-    EXPECT_FALSE(get_string_param("s", "k", nullptr, 0));
-}

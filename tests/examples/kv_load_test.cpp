@@ -1,34 +1,24 @@
-#include <common/CallEvent.h>
 #include <gtest/gtest.h>
 #include <kv_load/LatencyHistogram.h>
-#include <kv_load/LoadClient.h>
-#include <kv_load/Options.h>
 #include <kv_load/Pipeline.h>
-#include <kv_load/Summary.h>
 #include <kv_load/Workload.h>
 #include <kv_server/CommandRunner.h>
 #include <kv_server/RequestReader.h>
 #include <nx/net/CNxInetAddr.h>
 #include <nx/net/CNxSocket.h>
-#include <nx/thread/CNxThread.h>
-#include <nx/thread/CNxThreadManager.h>
 #include <sys/socket.h>
 #include <tests/examples/TakeText.h>
+#include <tests/support/TempFolder.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdint>
-#include <functional>
-#include <future>
 #include <random>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 namespace {
 
-using namespace examples;
 using namespace kv_load;
 
 TEST(LatencyHistogramTest, QuantilesFollowASortedList) {
@@ -48,33 +38,6 @@ TEST(LatencyHistogramTest, QuantilesFollowASortedList) {
         const std::uint64_t told = histogram.GetQuantile(perMille);
         EXPECT_GE(told, exact) << perMille;
         EXPECT_LE(told, exact + exact / 128) << perMille;
-    }
-}
-
-std::string Parse(std::vector<const char*> arguments, Options& options) {
-    arguments.insert(arguments.begin(), "kv_load");
-    return ParseOptions(static_cast<int>(arguments.size()), arguments.data(), options);
-}
-
-TEST(OptionsTest, SaysWhatIsWrong) {
-    const std::vector<std::pair<std::vector<const char*>, std::string>> cases = {
-        {{}, "--port is missing"},
-        {{"--port"}, "--port needs a value"},
-        {{"--port", "0"}, "--port takes a number from 1 to 65535, not '0'"},
-        {{"--port=65536"}, "--port takes a number from 1 to 65535, not '65536'"},
-        {{"--requests=-1"}, "not '-1'"},
-        {{"--requests=99999999999999999999999"}, "--requests takes a number"},
-        {{"--pipeline", "1x"}, "not '1x'"},
-        {{"--pipeline="}, "not ''"},
-        {{"--prot", "1"}, "unknown option '--prot'"},
-        {{"7000"}, "unknown option '7000'"},
-        {{"--port=1", "--host=localhost"}, "not 'localhost'"},
-        {{"--port=1", "--keys=9", "--connections=10"}, "--keys must be at least --connections"},
-    };
-    for (const auto& [arguments, expected] : cases) {
-        Options options;
-        const std::string error = Parse(arguments, options);
-        EXPECT_NE(std::string::npos, error.find(expected)) << error << " / " << expected;
     }
 }
 
@@ -160,133 +123,42 @@ TEST_F(PipelineTest, EveryWrongByteIsFound) {
     }
 }
 
-// Serves every connection on a thread of its own; `fault` may change what is answered to what was
-// read in one go, and hangs up by answering false.
-class FaultyServer {
-public:
-    using Fault = std::function<bool(std::string& replies)>;
-
-    explicit FaultyServer(Fault fault) : m_fault(std::move(fault)) {
-        EXPECT_EQ(0, m_listener.Open(0, CNxInetAddr("127.0.0.1", 0)));
-        EXPECT_EQ(0, listen(m_listener.GetHandle(), 64));
-        m_acceptor = std::thread([this] { Accept(); });
-    }
-
-    ~FaultyServer() {
-        shutdown(m_listener.GetHandle(), SHUT_RDWR);
-        m_acceptor.join();
-        for (std::thread& thread : m_threads) {
-            thread.join();
-        }
-    }
-
-    std::uint64_t GetPort() const {
-        CNxInetAddr address;
-        m_listener.GetLocalAddr(address);
-        return address.GetPort();
-    }
-
-private:
-    void Accept() {
-        for (int fd = 0; (fd = accept(m_listener.GetHandle(), nullptr, nullptr)) != -1;) {
-            m_threads.emplace_back([this, fd] { Serve(fd); });
-        }
-    }
-
-    void Serve(int fd) {
-        CNxSocketBase socket;
-        socket.SetHandle(fd);
-        ModelServer model;
-        char bytes[4096];
-        for (ssize_t size = 0; (size = recv(fd, bytes, sizeof(bytes), 0)) > 0;) {
-            std::string replies = model.Answer({bytes, static_cast<std::size_t>(size)});
-            const bool goOn = m_fault(replies);
-            send(fd, replies.data(), replies.size(), MSG_NOSIGNAL);
-            if (!goOn) {
-                return;
-            }
-        }
-    }
-
-    const Fault m_fault;
-    CNxSocketTcp m_listener;
-    std::thread m_acceptor;
-    std::vector<std::thread> m_threads;
-};
-
-struct LoadClientTest : testing::Test {
-    LoadClientTest() {
-        options.connections = 4;
-        options.requests = 5000;
-        options.keys = 100;
-    }
-
-    // A whole run on a reactor thread; standard error is kept in `messages`.
-    void Run(std::uint64_t port) {
-        options.port = port;
-        CNxThreadManager* const threads = CNxThreadManager::Instance();
-        CNxThread* thread = nullptr;
-        ASSERT_EQ(NX_OK,
-                  threads->CreateReactorThread(threads->GetAndIncreamUserType(),
-                                               CNxThreadManager::CreateNetworkReactor(), thread));
-        testing::internal::CaptureStderr();
-        std::promise<void> ended;
-        LoadClient client(options, *thread->GetReactor(), [&ended] { ended.set_value(); });
-        CallOn(*thread->GetEventQueue(), [&client] { client.Start(); });
-        ended.get_future().wait();
-        CallOn(*thread->GetEventQueue(), [&client] { client.Close(); });
-        thread->Stop(nullptr);
-        thread->Join();
-        thread->Destory(0);
-        messages = testing::internal::GetCapturedStderr();
-        failed = client.GetProgress().failed;
-        answered = client.GetProgress().latency.GetCount();
-        status = GetExitStatus(options, client.GetProgress(), 0);
-    }
-
-    bool HasMessage(const char* text) const { return messages.find(text) != std::string::npos; }
-
-    Options options;
+// The whole program against a server that sends `reply` to its one client, then nothing.
+struct Outcome {
+    int status = 0;
     std::string messages;
-    std::uint64_t failed = 0;
-    std::uint64_t answered = 0;
-    int status = -1;
 };
 
-TEST_F(LoadClientTest, AnswersOfARightServerPass) {
-    FaultyServer server([](std::string&) { return true; });
-    Run(server.GetPort());
-    EXPECT_EQ(0, status) << messages;
-    EXPECT_EQ(5000U, answered);
-}
-
-TEST_F(LoadClientTest, AWrongReplyCostsOneConnectionAndTheOthersGoOn) {
-    std::atomic<int> left{100};
-    FaultyServer server([&left](std::string& replies) {
-        if (--left == 0) {
-            replies.replace(0, 1, "-ERR ");
+Outcome RunAgainst(const std::string& reply) {
+    CNxSocketTcp listener;
+    CNxInetAddr address;
+    EXPECT_EQ(0, listener.Open(0, CNxInetAddr("127.0.0.1", 0)));
+    EXPECT_EQ(0, listen(listener.GetHandle(), 1));
+    EXPECT_EQ(0, listener.GetLocalAddr(address));
+    std::thread server([&] {
+        CNxSocketBase client;
+        client.SetHandle(accept(listener.GetHandle(), nullptr, nullptr));
+        send(client.GetHandle(), reply.data(), reply.size(), MSG_NOSIGNAL);
+        char byte = 0;
+        while (recv(client.GetHandle(), &byte, 1, 0) > 0) {
         }
-        return true;
     });
-    Run(server.GetPort());
-    EXPECT_EQ(1, status);
-    EXPECT_EQ(1U, failed);
-    EXPECT_TRUE(HasMessage("wrong reply to ")) << messages;
-    EXPECT_TRUE(HasMessage("came \"-ERR ")) << messages;
-    EXPECT_GE(answered, options.requests - options.pipeline);
+    Outcome outcome;
+    outcome.messages = OutputOf(KV_LOAD " --connections 1 --stall-timeout 1 --port " +
+                                    std::to_string(address.GetPort()) + " 2>&1 >/dev/null",
+                                &outcome.status);
+    server.join();
+    return outcome;
 }
 
-TEST_F(LoadClientTest, ASilentServerIsStalled) {
-    options.stallTimeout = 1;
-    FaultyServer server([](std::string& replies) {
-        replies.clear();
-        return true;
-    });
-    Run(server.GetPort());
-    EXPECT_EQ(1, status);
-    EXPECT_EQ(4U, failed);
-    EXPECT_TRUE(HasMessage("stalled, no sign of life for 1 s; the server owes 16 replies"))
-        << messages;
+TEST(KvLoad, AWrongReplyAndASilentServerAreFailures) {
+    const Outcome wrong = RunAgainst("-ERR no\r\n");
+    EXPECT_EQ(1, wrong.status);
+    EXPECT_NE(std::string::npos, wrong.messages.find("came \"-ERR no")) << wrong.messages;
+    const Outcome silent = RunAgainst("");
+    EXPECT_EQ(1, silent.status);
+    EXPECT_NE(std::string::npos, silent.messages.find("the server owes 16 replies"))
+        << silent.messages;
 }
 
 }  // namespace

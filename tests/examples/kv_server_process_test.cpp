@@ -106,7 +106,7 @@ TEST_P(KvServer, AClientThatDoesNotReadIsNotReadFromAndDisturbsNobody) {
     const std::string value(1 << 20, 'v');
     const TestClient other = Connect();
     other.Expect(ToSet("big", value), "+OK\r\n");
-    TestClient lazy = Connect(65536);
+    const TestClient lazy = Connect(65536);
     // Until the server takes no more: it must not go on for ever.
     const std::string request = "GET big\r\n";
     size_t asked = 0;
@@ -125,18 +125,6 @@ TEST_P(KvServer, AClientThatDoesNotReadIsNotReadFromAndDisturbsNobody) {
     for (size_t i = 0; i < std::min<size_t>(asked, 100); ++i) {
         ASSERT_EQ(answer, lazy.Receive(answer.size())) << i;
     }
-    lazy.Reset();
-    ExpectCleanStop();
-}
-
-TEST_P(KvServer, ResetClientsLeaveNothingBehind) {
-    const long before = m_server.CountDescriptors();
-    for (int i = 0; i < 300; ++i) {
-        TestClient client = Connect();
-        client.Send(ToSet("key", std::string(10000, 'x')) + "GET key\r\n*2\r\n$1000000\r\nabc");
-        client.Reset();
-    }
-    m_server.ExpectDescriptors(before);
     ExpectCleanStop();
 }
 
@@ -323,16 +311,14 @@ TEST_F(KvServerHome, ServersShareATraceFileAndRefuseABadConfiguration) {
     EXPECT_EQ(2, WEXITSTATUS(std::system((m_program + " >/dev/null 2>&1").c_str())));
 }
 
-TEST(KvServerProgram, SaysWhatIsWrongWithItsOptions) {
-    const auto run = [](const std::string& options) {
-        return WEXITSTATUS(std::system((KV_SERVER " " + options + " >/dev/null 2>&1").c_str()));
-    };
-    EXPECT_EQ(0, run("--help"));
-    EXPECT_EQ(2, run("--port 65536"));
-    EXPECT_EQ(2, run("--port"));
-    EXPECT_EQ(2, run("--bind localhost"));
-    EXPECT_EQ(2, run("--nonsense 1"));
-    EXPECT_EQ(1, run("--bind 203.0.113.1 --port 0"));
+TEST(KvServerProgram, EndsWithAStatusThatTellsWhatIsWrong) {
+    int status = -1;
+    EXPECT_NE(std::string::npos, OutputOf(KV_SERVER " --help", &status).find("--max-clients"));
+    EXPECT_EQ(0, status);
+    OutputOf(KV_SERVER " --port 65536 2>&1", &status);
+    EXPECT_EQ(2, status);
+    OutputOf(KV_SERVER " --bind 203.0.113.1 --port 0 2>&1", &status);
+    EXPECT_EQ(1, status);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // The pieces of kv_server without a network.
 #include <gtest/gtest.h>
 #include <kv_server/CommandRunner.h>
-#include <kv_server/Glob.h>
 #include <kv_server/KvStore.h>
 #include <kv_server/Limits.h>
 #include <kv_server/RequestReader.h>
@@ -77,10 +76,7 @@ TEST(KvRequestReader, MalformedInputIsNamedBehindWhatWasRight) {
     const std::string good = ToRequest({"PING"});
     const std::pair<std::string, std::string> cases[] = {
         {"*x\r\n", "invalid multibulk length"},
-        {"*1 \r\n", "invalid multibulk length"},
-        {"*\r\n", "invalid multibulk length"},
         {"*1025\r\n", "invalid multibulk length"},
-        {"*99999999999999999999\r\n", "invalid multibulk length"},
         {"*" + std::string(64, '1'), "too big mbulk count string"},
         {"*1\r\n:1\r\n", "expected '$', got ':'"},
         {"*1\r\n$-1\r\n", "invalid bulk length"},
@@ -88,16 +84,7 @@ TEST(KvRequestReader, MalformedInputIsNamedBehindWhatWasRight) {
         {"*1\r\n$" + std::string(64, '1'), "too big bulk count string"},
         {"*1\r\n$4\r\nPINGPING\r\n", "expected CRLF after bulk string"},
         {"'a'b\r\n", "unbalanced quotes in request"},
-        {"\"a\r\n", "unbalanced quotes in request"},
         {std::string(c_maxInline + 2, 'a'), "too big inline request"},
-        {[] {
-             std::string line;
-             for (size_t i = 0; i <= c_maxArguments; ++i) {
-                 line += "a ";
-             }
-             return line + "\r\n";
-         }(),
-         "too many arguments"},
     };
     for (const auto& [input, error] : cases) {
         for (const size_t size : {size_t{1}, size_t{7}, input.size() + good.size()}) {
@@ -106,39 +93,6 @@ TEST(KvRequestReader, MalformedInputIsNamedBehindWhatWasRight) {
             EXPECT_EQ("Protocol error: " + error, read.error);
         }
     }
-}
-
-TEST(KvRequestReader, TheLimitsThemselvesAreAllowed) {
-    const Words most(c_maxArguments, "a");
-    EXPECT_EQ(std::vector<Words>{most}, ReadInPieces(ToRequest(most), 1000).commands);
-    const Words largest{std::string(c_maxBulk, 'x')};
-    EXPECT_EQ(std::vector<Words>{largest}, ReadInPieces(ToRequest(largest), 65536).commands);
-    std::string tooMuch = "*5\r\n";
-    for (int i = 0; i < 4; ++i) {
-        tooMuch += ToRequest(largest).substr(4);
-    }
-    EXPECT_EQ("Protocol error: command too big", ReadInPieces(tooMuch, 1 << 20).error);
-}
-
-TEST(KvGlob, MatchesLikeASlowMatcherAndAnswersHostilePatterns) {
-    const std::pair<const char*, const char*> matches[] = {
-        {"*", ""},        {"", ""},          {"a*c", "abbc"},    {"a?c", "abc"},
-        {"[a-c]x", "bx"}, {"[^a-c]x", "dx"}, {"\\*", "*"},       {"**a**", "bab"},
-        {"[\\]]", "]"},   {"[z-a]", "m"},    {"*.*.c", "a.b.c"}, {"[abc", "b"}};
-    for (const auto& [pattern, text] : matches) {
-        EXPECT_TRUE(MatchesGlob(pattern, text)) << pattern << " " << text;
-    }
-    const std::pair<const char*, const char*> others[] = {
-        {"", "a"},    {"a", ""},       {"a?", "a"}, {"[^a-c]", "b"}, {"[]", "a"},
-        {"\\?", "a"}, {"a*b", "acbd"}, {"?", ""},   {"[a", "b"},     {"\\", "a"}};
-    for (const auto& [pattern, text] : others) {
-        EXPECT_FALSE(MatchesGlob(pattern, text)) << pattern << " " << text;
-    }
-    std::string hostile;
-    for (int i = 0; i < 500; ++i) {
-        hostile += "*a";
-    }
-    EXPECT_FALSE(MatchesGlob(hostile + "b", std::string(5000, 'a')));
 }
 
 // Random operations against a map that knows when each key dies.
@@ -156,21 +110,15 @@ TEST(KvStoreModel, KeysExpireAndOnlyThose) {
         const std::string key = "k" + std::to_string(random() % 50);
         const auto alive = model.find(key);
         const bool isAlive = alive != model.end();
-        switch (random() % 8) {
-            case 0:
-            case 1: {
+        switch (random() % 6) {
+            case 0: {
                 const bool keep = random() % 2 == 0;
-                const std::string value(random() % 3 == 0 ? 5000 : 5,
-                                        static_cast<char>('a' + i % 26));
+                const std::string value(random() % 3 == 0 ? 5000 : 5, 'v');
                 store.Set(key, Value(value), keep);
                 model[key] = {value, keep && isAlive ? alive->second.dies : c_never};
                 break;
             }
-            case 2:
-                ASSERT_EQ(isAlive, store.Delete(key));
-                model.erase(key);
-                break;
-            case 3: {
+            case 1: {
                 const std::int64_t dies = now + 1 + static_cast<std::int64_t>(random() % 20);
                 ASSERT_EQ(isAlive, store.SetExpiry(key, dies));
                 if (isAlive) {
@@ -178,15 +126,19 @@ TEST(KvStoreModel, KeysExpireAndOnlyThose) {
                 }
                 break;
             }
-            case 4:
+            case 2:
                 now += random() % 3;
                 store.SetTime(now);
                 for (auto at = model.begin(); at != model.end();) {
                     at = at->second.dies <= now ? model.erase(at) : std::next(at);
                 }
                 break;
-            case 5:
+            case 3:
                 store.RemoveExpired(random() % 5);
+                break;
+            case 4:
+                ASSERT_EQ(isAlive, store.Delete(key));
+                model.erase(key);
                 break;
             default: {
                 const Value* const found = store.Find(key);
@@ -237,7 +189,6 @@ TEST_F(KvCommands, AnswerAsTheyShould) {
         {"SET n 5\r\nTTL n\r\n", "+OK\r\n:-1\r\n"},
         {"TTL nothing\r\n", ":-2\r\n"},
         {"SET n 1 NX XX\r\n", "-ERR syntax error\r\n"},
-        {"SET n 1 EX 1 PX 1\r\n", "-ERR syntax error\r\n"},
         {"SET n 1 EX\r\n", "-ERR syntax error\r\n"},
         {"SET n 1 EX x\r\n", notANumber},
         {"SET n 1 PX 0\r\n", "-ERR invalid expire time in 'set' command\r\n"},
@@ -251,14 +202,13 @@ TEST_F(KvCommands, AnswerAsTheyShould) {
         {"EXPIRE k 9223372036854775807\r\n", "-ERR invalid expire time in 'expire' command\r\n"},
         {"EXPIRE k -1\r\nEXISTS k\r\n", ":1\r\n:0\r\n"},
         {"DBSIZE\r\n", ":3\r\n"},
-        {"KEYS n?w\r\n", "*1\r\n$3\r\nnew\r\n"},
+        {"KEYS [m-o]?*w\r\nKEYS [^n]??\r\n", "*1\r\n$3\r\nnew\r\n*0\r\n"},
         {"DEL n new m zz\r\nKEYS *\r\n", ":3\r\n*0\r\n"},
         {"COMMAND\r\nCOMMAND COUNT\r\n", "*0\r\n:17\r\n"},
         {"CONFIG GET SAVE x\r\n", "*2\r\n$4\r\nsave\r\n$0\r\n\r\n"},
         {"CONFIG SET save x\r\n", "-ERR unknown subcommand 'SET'\r\n"},
         {"SET a 1\r\nFLUSHALL\r\nDBSIZE\r\n", "+OK\r\n+OK\r\n:0\r\n"},
         {"*1\r\n$3\r\nA\nB\r\n", "-ERR unknown command 'A?B'\r\n"},
-        {"*1\r\n$0\r\n\r\n", "-ERR unknown command ''\r\n"},
     };
     for (const auto& [request, answer] : dialogue) {
         EXPECT_EQ(answer, Run(request)) << request;

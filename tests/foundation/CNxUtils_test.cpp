@@ -1,10 +1,8 @@
-// Conversions, splitting, environment references, bounded copies, random strings.
+// Conversions, splitting, environment references.
 #include <gtest/gtest.h>
 #include <nx/foundation/CNxUtils.h>
 
-#include <cctype>
 #include <cstdlib>
-#include <ctime>
 #include <limits>
 
 namespace {
@@ -16,8 +14,6 @@ TEST(CNxUtils, ConvertsWholeNumbersOfEveryBase) {
     EXPECT_EQ(StrToU64("18446744073709551615", u64), NX_OK);
     EXPECT_EQ(u64, 18446744073709551615U);
     EXPECT_EQ(StrToU64(U64ToStr(u64), u64), NX_OK);
-    EXPECT_EQ(StrToU64("010", u64), NX_OK);
-    EXPECT_EQ(u64, 8U);
     long i64 = 0;
     EXPECT_EQ(StrTo64(" -9223372036854775808", i64), NX_OK);
     EXPECT_EQ(i64, std::numeric_limits<long>::min());
@@ -42,10 +38,8 @@ TEST(CNxUtils, SplitsWithItsSurprises) {
         EXPECT_EQ(SplitString2(text, delimiter, pieces), hits);
         EXPECT_EQ(pieces, expected);
     };
-    expectSplit("a,b,c", ",", 2, {"a", "b", "c"});
     expectSplit("a,,b", ",", 1, {"a", ",b"});
     expectSplit("abc", ",", 0, {});
-    expectSplit("", ",", 0, {});
     expectSplit("abc", "", 0, {});
     expectSplit(",", ",", 1, {});
     expectSplit(",a,", ",", 2, {"a"});
@@ -67,7 +61,10 @@ protected:
     }
     static CNxString Resolve(const CNxString& in) {
         CNxString out("old");
+        CNxString inPlace(in);
         EXPECT_EQ(ResolveStringEnv(in, out), NX_OK);
+        EXPECT_EQ(ResolveStringEnv(inPlace, inPlace), NX_OK);
+        EXPECT_EQ(inPlace, out);
         return out;
     }
 };
@@ -81,14 +78,6 @@ TEST_F(CNxUtilsEnvironment, ResolvesReferencesWithTheirSurprises) {
     EXPECT_EQ(Resolve(""), "");
     for (const char* bad : {"${NX_TEST_HOME", "${A}${B}", "a}b${C}", "}${"}) {
         EXPECT_EQ(Resolve(bad), CNxString("error! ${ is not match with } in string:") + bad);
-    }
-}
-
-TEST_F(CNxUtilsEnvironment, ResolvesInPlace) {
-    for (const char* in : {"plain", "${NX_TEST_HOME}/x", "${"}) {
-        CNxString text(in);
-        EXPECT_EQ(ResolveStringEnv(text, text), NX_OK);
-        EXPECT_EQ(text, Resolve(in));
     }
 }
 

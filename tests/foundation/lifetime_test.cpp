@@ -21,14 +21,6 @@ private:
     std::atomic<int>& m_deleted;
 };
 
-class Returned : public CNxReferenceControlT<CNxMutexThread> {
-public:
-    int m_returned = 0;
-
-protected:
-    void OnReferenceDestory() override { ++m_returned; }
-};
-
 TEST(CNxReferenceControlT, ManyThreadsAgreeOnTheLastRelease) {
     std::atomic<int> deleted{0};
     CNxAutoPtr<Counted> shared(new Counted(deleted));

@@ -10,26 +10,6 @@
 
 namespace {
 
-// A mutex whose Lock can be made to fail.
-struct FailingMutex {
-    NxResult Lock() { return m_result; }
-    NxResult UnLock() {
-        ++m_unlocks;
-        return NX_OK;
-    }
-    NxResult m_result = NX_ERROR_FAILURE;
-    int m_unlocks = 0;
-};
-
-TEST(CNxMutexGuardT, UnlocksOnlyWhatItLocked) {
-    FailingMutex mutex;
-    { CNxMutexGuardT<FailingMutex> guard(mutex); }
-    EXPECT_EQ(mutex.m_unlocks, 0);
-    mutex.m_result = NX_OK;
-    { CNxMutexGuardT<FailingMutex> guard(mutex); }
-    EXPECT_EQ(mutex.m_unlocks, 1);
-}
-
 TEST(CNxConditionVariableThread, TimesOutAtOnceForPastAndAbsurdDeadlines) {
     CNxMutexThread mutex;
     CNxConditionVariableThread condition(mutex);

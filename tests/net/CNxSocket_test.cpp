@@ -1,17 +1,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <string>
-#include <utility>
+#include <tuple>
 
 #include <nx/net/CNxSocket.h>
 
@@ -28,26 +24,19 @@ CNxInetAddr GetLocal(const CNxSocketBase& socket) {
     return address;
 }
 
-// Two connected stream sockets; the test keeps `peer`, which reads the end of the stream once the
-// other end is closed.
+// Two connected stream sockets; the test keeps `peer`.
 struct Pair {
-    Pair() {
-        int ends[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-        handle = ends[0];
-        peer = ends[1];
-    }
+    Pair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0); }
     ~Pair() { close(peer); }
-    Pair(const Pair&) = delete;
-    Pair& operator=(const Pair&) = delete;
 
     bool IsOtherEndClosed() const {
         char byte;
         return recv(peer, &byte, 1, MSG_DONTWAIT) == 0;
     }
 
-    int handle;
-    int peer;
+    int fds[2] = {-1, -1};
+    int& handle = fds[0];
+    int& peer = fds[1];
 };
 
 class CNxSocketUdpTest : public ::testing::Test {
@@ -67,13 +56,6 @@ protected:
         const ssize_t size = recv(m_receiver.GetHandle(), &datagram[0], datagram.size(), 0);
         datagram.resize(size < 0 ? 0 : static_cast<size_t>(size));
         return datagram;
-    }
-
-    void ExpectSendFails(const iovec* pieces, unsigned long count, const CNxInetAddr& peer,
-                         int error) {
-        errno = 0;
-        EXPECT_EQ(m_sender.SendVTo(pieces, count, peer), -1);
-        EXPECT_EQ(errno, error);
     }
 
     CNxSocketUdp m_receiver;
@@ -141,11 +123,6 @@ TEST(CNxSocketBase, FailedAddressQueryLeavesTheAddress) {
     EXPECT_EQ(errno, ENOTCONN);
     EXPECT_EQ(address, CNxInetAddr("server.invalid", 7));
     EXPECT_FALSE(address.IsResolved());
-
-    CNxInetAddr untyped(0);
-    EXPECT_EQ(socket.GetLocalAddr(untyped), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(untyped.GetType(), 0);
 }
 
 TEST_F(CNxSocketUdpTest, GathersPiecesIntoOneDatagram) {
@@ -154,8 +131,6 @@ TEST_F(CNxSocketUdpTest, GathersPiecesIntoOneDatagram) {
     const iovec pieces[] = {{ab, 2}, {nullptr, 0}, {cde, 3}};
     EXPECT_EQ(m_sender.SendVTo(pieces, 3, m_peer), 5);
     EXPECT_EQ(Receive(), "abcde");
-    EXPECT_EQ(m_sender.SendVTo(pieces, 1, m_peer), 2);
-    EXPECT_EQ(Receive(), "ab");
 
     // Around the size up to which nothing is allocated, and the largest that IPv4 carries.
     for (size_t total : {2047U, 2048U, 2049U, 65507U}) {
@@ -167,8 +142,8 @@ TEST_F(CNxSocketUdpTest, GathersPiecesIntoOneDatagram) {
     }
 
     ASSERT_EQ(connect(m_sender.GetHandle(), m_peer.GetPtr(), sizeof(sockaddr_in)), 0);
-    EXPECT_EQ(m_sender.SendVTo(pieces, 3, CNxInetAddr(0)), 5);
-    EXPECT_EQ(Receive(), "abcde");
+    EXPECT_EQ(m_sender.SendVTo(pieces, 1, CNxInetAddr(0)), 2);
+    EXPECT_EQ(Receive(), "ab");
 }
 
 TEST_F(CNxSocketUdpTest, WhatIsNoDatagramIsRefused) {
@@ -178,14 +153,16 @@ TEST_F(CNxSocketUdpTest, WhatIsNoDatagramIsRefused) {
     EXPECT_EQ(m_sender.SendVTo(empty, 0, m_peer), 10001);
     EXPECT_EQ(m_sender.SendVTo(nullptr, 0, m_peer), 10001);
 
-    const iovec missing[] = {{bytes, 2}, {nullptr, 1}};
-    const iovec overflowing[] = {{bytes, 2}, {bytes, SIZE_MAX - 1}};
-    const iovec huge[] = {{bytes, 2}, {bytes, size_t{8} << 30}};
-    ExpectSendFails(nullptr, 1, m_peer, EFAULT);
-    ExpectSendFails(missing, 2, m_peer, EFAULT);
-    ExpectSendFails(overflowing, 2, m_peer, EMSGSIZE);
-    ExpectSendFails(huge, 2, m_peer, EMSGSIZE);
-    ExpectSendFails(missing, 1, CNxInetAddr("server.invalid", 1), EADDRNOTAVAIL);
-    m_sender.Close();
-    ExpectSendFails(missing, 1, m_peer, EBADF);
+    const CNxInetAddr unresolved("server.invalid", 1);
+    const std::tuple<iovec, const CNxInetAddr&, int> cases[] = {
+        {{nullptr, 1}, m_peer, EFAULT},
+        {{bytes, SIZE_MAX - 1}, m_peer, EMSGSIZE},
+        {{bytes, size_t{8} << 30}, m_peer, EMSGSIZE},
+        {{bytes, 1}, unresolved, EADDRNOTAVAIL},
+    };
+    for (const auto& [second, peer, error] : cases) {
+        const iovec pieces[] = {{bytes, 2}, second};
+        EXPECT_EQ(m_sender.SendVTo(pieces, 2, peer), -1);
+        EXPECT_EQ(errno, error);
+    }
 }

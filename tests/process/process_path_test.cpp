@@ -28,9 +28,7 @@ TEST(ProcessPath, InstalledProgramFindsItsHomeOnceForAllThreads) {
     const std::string expected =
         "name:srv\n" +
         InitLines(folder.Path().substr(0, folder.Path().find_last_not_of('/') + 1), "srv");
-    EXPECT_EQ(output.substr(0, expected.size()), expected);
-    EXPECT_EQ(output.find("lengths"), expected.size());
-    EXPECT_NE(output.find("process srv\n"), std::string::npos);
+    EXPECT_EQ(output, expected + "process srv\n");
 }
 
 TEST(ProcessPath, OutsideBinTheExecutablesFolderIsHomeAndAWarningIsPrinted) {

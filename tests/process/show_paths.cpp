@@ -3,7 +3,6 @@
 #include <nx/trace/trace_setting.h>
 
 #include <cstdio>
-#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -16,8 +15,5 @@ int main() {
         thread.join();
     }
     trace_setting_init();
-    std::printf("lengths %zu %zu %zu %zu %zu\n", std::strlen(g_strTracehome1),
-                std::strlen(g_strConfigfile1), std::strlen(g_strLogDir1),
-                std::strlen(get_exec_name()), GetProcessName().length());
     std::printf("process %s\n", get_process_name());
 }

@@ -161,13 +161,6 @@ public:
         EXPECT_EQ(answer, Receive(answer.size())) << request.substr(0, 80);
     }
 
-    // Hangs up with a reset instead of an orderly end.
-    void Reset() {
-        const linger abort{1, 0};
-        setsockopt(m_socket, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
-        close(std::exchange(m_socket, -1));
-    }
-
 private:
     int m_socket;
 };

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/foundation/CNxReferenceControl.h>
-#include <nx/thread/CNxSignalStop.h>
 #include <nx/thread/CNxThreadDummy.h>
 #include <nx/thread/CNxThreadHeartBeat.h>
 #include <nx/thread/CNxThreadManager.h>
@@ -184,22 +183,6 @@ TEST_F(ProcessEnd, CountedObjectsOutliveTheManager) {
         holder.m_object->AddReference();
         Manager()->InitMainThread(0, nullptr);
         std::exit(0);
-    };
-    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
-}
-
-TEST_F(ProcessEnd, SignalStopLaunchedOnTheNetworkThreadEndsTheMainLoop) {
-    const auto body = [] {
-        static EventCounts counts;
-        Manager()->InitMainThread(0, nullptr);
-        CNxThread* network = nullptr;
-        Manager()->CreateNetworkThread(NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(),
-                                       network);
-        network->GetEventQueue()->PostEvent(
-            new CountedEvent(counts, [] { return CNxSignalStop::Instance()->Launch(0); }),
-            c_normal);
-        Manager()->GetThread(NX_THREAD_MAIN)->OnThreadRun();
-        std::exit(Manager()->StopAllThreads(nullptr) == NX_OK ? 0 : 1);
     };
     EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
 }

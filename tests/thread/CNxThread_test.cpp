@@ -113,38 +113,4 @@ TEST(Thread, RefusingOnCreateDeletesTheObjectAndTellsTheCreator) {
     }
 }
 
-// Threads that post to and send each other work while they are being stopped, one after the other.
-TEST(ThreadRaces, ThreadsThatSendToEachOtherStopWithoutLosingAnEvent) {
-    for (int round = 0; round < 30; ++round) {
-        EventCounts counts;
-        std::vector<CNxThread*> threads(4);
-        for (CNxThread*& thread : threads) {
-            ASSERT_EQ(CNxThreadManager::Instance()->CreateUserTaskThread(thread, c_joinable, 1),
-                      NX_OK);
-        }
-        // Only towards higher numbers, so that no two wait for each other.
-        for (size_t from = 0; from + 1 < threads.size(); ++from) {
-            for (int i = 0; i < 50; ++i) {
-                INxEventQueue* const next = threads[from + 1]->GetEventQueue();
-                const auto action = [&counts, next] {
-                    next->PostEvent(new CountedEvent(counts), c_normal);
-                    return next->SendEvent(new CountedEvent(counts));
-                };
-                threads[from]->GetEventQueue()->PostEvent(new CountedEvent(counts, action),
-                                                          c_normal);
-            }
-        }
-        for (CNxThread* thread : threads) {
-            EXPECT_EQ(thread->Stop(nullptr), NX_OK);
-        }
-        for (CNxThread* thread : threads) {
-            EXPECT_EQ(thread->Join(), NX_OK);
-        }
-        for (CNxThread* thread : threads) {
-            thread->Destory(0);
-        }
-        ASSERT_TRUE(counts.AllDestroyed()) << "round " << round;
-    }
-}
-
 }  // namespace
