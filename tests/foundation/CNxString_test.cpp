@@ -12,8 +12,6 @@ static_assert(std::is_nothrow_move_assignable_v<CNxString>);
 
 namespace {
 
-constexpr const char* c_null = nullptr;
-
 template <class Exception, class Call>
 void ExpectThrows(const char* message, Call call) {
     try {

@@ -26,7 +26,7 @@ CNxInetAddr GetLocal(const CNxSocketBase& socket) {
 
 // Two connected stream sockets; the test keeps `peer`.
 struct Pair {
-    Pair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0); }
+    Pair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0); }
     ~Pair() { close(peer); }
 
     bool IsOtherEndClosed() const {
@@ -34,9 +34,9 @@ struct Pair {
         return recv(peer, &byte, 1, MSG_DONTWAIT) == 0;
     }
 
-    int fds[2] = {-1, -1};
-    int& handle = fds[0];
-    int& peer = fds[1];
+    int ends[2] = {-1, -1};
+    const int& handle = ends[0];
+    const int& peer = ends[1];
 };
 
 class CNxSocketUdpTest : public ::testing::Test {
