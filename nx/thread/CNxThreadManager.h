@@ -99,7 +99,8 @@ public:
 
     // Calls Stop(timeout) respectively Join() of every registered thread except the main one and
     // ignores their answers: a thread with nothing to join (detached, a dummy, a heartbeat, joined
-    // before) is passed over. The thread of the precise timers is ended and joined by the first
+    // before) is passed over. A reactor whose StopEventLoop answers NX_ERROR_FAILURE (a full signal
+    // queue) is told by an event. The thread of the precise timers is ended and joined by the first
     // JoinAllThreads after a StopAllThreads, behind all others; any other one passes it over.
     // NX_OK; NX_ERROR_FAILURE, with nothing done, when a main thread is registered and the caller
     // is not it.

@@ -55,6 +55,26 @@ bool IsEnding(NxResult stopped) {
     return stopped == NX_OK || stopped == NX_ERROR_NOT_INITIALIZED;
 }
 
+// Ends a reactor's loop from inside.
+class CStopLoop : public INxEvent {
+public:
+    explicit CStopLoop(INxReactor& reactor) : m_reactor(reactor) {}
+    NxResult OnEventFire() override { return m_reactor.StopEventLoop(); }
+
+private:
+    INxReactor& m_reactor;
+};
+
+// A reactor may be out of reach of its StopEventLoop (a full signal queue) but not of an event, and
+// a thread that nobody stopped would be waited for for ever.
+NxResult StopThread(CNxThread* thread, CNxTimeValue* timeout) {
+    const NxResult stopped = thread->Stop(timeout);
+    INxReactor* const reactor = thread->GetReactor();
+    return stopped == NX_ERROR_FAILURE && reactor != nullptr
+               ? reactor->PostEvent(new CStopLoop(*reactor), INxEventQueue::PRIORITY_NORMAL)
+               : stopped;
+}
+
 // It is not ended by its Stop and must not be waited for.
 bool IsPreciseTimerThread(CNxThread* thread) {
     return dynamic_cast<CNxTimerPreciseManager*>(thread) != nullptr;
@@ -285,7 +305,7 @@ NxResult CNxThreadManagerImp::StopAllThreads(CNxTimeValue* timeout) {
     }
     for (CNxThread* thread : CopyRegistry()) {
         if (thread->GetThreadType() != NX_THREAD_MAIN) {
-            thread->Stop(timeout);
+            StopThread(thread, timeout);
         }
     }
     m_stopAsked.store(1);
@@ -379,7 +399,7 @@ void CNxThreadManagerImp::StopAndJoinForTearDown() {
         if (queue != nullptr && IsEqualCurrentThread(queue->GetOwnerThreadId())) {
             // Nobody drains it any more; a thread that waits for an answer could not be joined.
             queue->StopAndDestoryPendingEvents();
-        } else if (!thread->IsRunning() || IsEnding(thread->Stop(nullptr))) {
+        } else if (!thread->IsRunning() || IsEnding(StopThread(thread, nullptr))) {
             ending.push_back(thread);
         }
     }

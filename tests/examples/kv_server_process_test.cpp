@@ -90,16 +90,13 @@ TEST_P(KvServer, ErrorsOfTheProtocolComeBehindTheRepliesAndEndTheConnection) {
         EXPECT_EQ(all.size() - 1, all.find('\n', 35));
         other.Expect("PING\r\n", "+PONG\r\n");
     }
+    const TestClient halfClosed = Connect();
+    halfClosed.Send("PING\r\nPING\r\nPIN");
+    halfClosed.EndSending();
+    EXPECT_EQ("+PONG\r\n+PONG\r\n", halfClosed.ReceiveAll());
     const TestClient leaving = Connect();
     leaving.Send("QUIT\r\nPING\r\n");
     EXPECT_EQ("+OK\r\n", leaving.ReceiveAll());
-}
-
-TEST_P(KvServer, AHalfClosedClientGetsAllItsReplies) {
-    const TestClient client = Connect();
-    client.Send("PING\r\nPING\r\nPIN");
-    client.EndSending();
-    EXPECT_EQ("+PONG\r\n+PONG\r\n", client.ReceiveAll());
 }
 
 TEST_P(KvServer, AClientThatDoesNotReadIsNotReadFromAndDisturbsNobody) {
@@ -177,8 +174,7 @@ TEST_P(KvServer, RunsOutOfDescriptorsAndRecovers) {
         send(clients.back().GetHandle(), "PING\r\n", 6, MSG_NOSIGNAL);
         served += clients.back().Receive(7) == "+PONG\r\n" ? 1 : 0;
     }
-    EXPECT_GE(served, 4);
-    EXPECT_LE(served, 6);
+    EXPECT_TRUE(served >= 4 && served <= 6) << served;
     clients.clear();
     m_server.ExpectDescriptors(static_cast<long>(open));
     Connect().Expect("PING\r\n", "+PONG\r\n");
@@ -219,7 +215,6 @@ TEST_P(KvServerForTwo, OnlyASilentClientIsHungUpOn) {
     }
     EXPECT_EQ("", silent.Receive(1));
     talking.Expect("PING\r\n", "+PONG\r\n");
-    ExpectCleanStop();
 }
 
 constexpr const char* c_reactors[] = {"epoll", "select", "rtsig"};

@@ -43,8 +43,6 @@ TEST(CNxInetAddr, SplitsHostAndPortAtTheFirstColon) {
     EXPECT_EQ(address.GetType(), AF_INET6);
     EXPECT_TRUE(address.IsResolved());
     EXPECT_EQ(std::memcmp(address.GetPtr(), zero, sizeof zero), 0);
-    EXPECT_EQ(address.Set(CNxString(":80")), NX_OK);
-    EXPECT_EQ(address.GetPort(), 80);
 }
 
 TEST(CNxInetAddr, RefusedTextChangesNothing) {

@@ -1,5 +1,6 @@
 // What is particular to readiness by signals: the queue and its overflow.
 #include <nx/reactor/CNxReactorRealTimeSignal.h>
+#include <nx/thread/CNxThread.h>
 #include <sys/resource.h>
 
 #include <string>
@@ -50,6 +51,20 @@ TEST_F(ReactorRealTimeSignal, OverflowLosesNoClient) {
         ASSERT_EQ(m_reactor.Close(), NX_OK);
         ASSERT_EQ(m_reactor.Open(), NX_OK);
     }
+}
+
+TEST_F(ReactorRealTimeSignal, FullQueueDoesNotKeepTheThreadFromStopping) {
+    m_reactor.Close();
+    CNxThreadManager* const manager = CNxThreadManager::Instance();
+    CNxThread* thread = nullptr;
+    ASSERT_EQ(manager->CreateNetworkThread(NX_THREAD_NETWORK, new CNxReactorRealTimeSignal, thread),
+              NX_OK);
+    LimitSignals(0);
+    EXPECT_EQ(thread->Stop(nullptr), NX_ERROR_FAILURE);
+    EXPECT_EQ(manager->StopAllThreads(nullptr), NX_OK);
+    EXPECT_EQ(manager->JoinAllThreads(), NX_OK);
+    EXPECT_FALSE(thread->IsRunning());
+    thread->Destory(0);
 }
 
 TEST_F(ReactorRealTimeSignal, OverflowCallsAllOnceAndDropsThoseThatConnect) {
