@@ -4,6 +4,8 @@
 
 #include <functional>
 #include <map>
+#include <random>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -112,23 +114,69 @@ TEST_F(ReactorBase, CallbackThatChangesTheTableEndsItsOwnDispatch) {
     EXPECT_TRUE(other.m_closedWith.empty());
 }
 
-TEST_F(ReactorBase, AnswersTellWhetherTheRegistrationChanged) {
-    Handler other(5);
-    const auto registering = [&](Handler& handler, long mask) {
-        return m_reactor.RegisterHandler(&handler, mask);
-    };
-    EXPECT_EQ(registering(m_handler, 0x1000), NX_ERROR_INVALID_ARG);
-    EXPECT_EQ(registering(m_handler, c_readWrite), NX_OK);
-    EXPECT_EQ(registering(m_handler, c_readWrite), NX_OK);
-    EXPECT_EQ(registering(m_handler, NX_MASK_READ), NX_ERROR_FOUND);
-    EXPECT_EQ(registering(other, c_readWrite), NX_ERROR_FOUND);
-    EXPECT_EQ(m_reactor.RemoveHandler(&other, 0), NX_ERROR_INVALID_ARG);
-    EXPECT_EQ(m_reactor.RemoveHandler(&other, NX_MASK_ACCEPT), NX_OK);
-    EXPECT_EQ(m_reactor.RemoveHandler(&other, NX_MASK_READ), NX_ERROR_FOUND);
-    EXPECT_EQ(m_reactor.m_watched[5], c_readWrite);
-    EXPECT_EQ(m_reactor.RemoveHandler(&other, NX_MASK_WRITE), NX_OK);
-    EXPECT_TRUE(m_reactor.m_watched.empty());
-    EXPECT_EQ(Dispatch(5, NX_MASK_READ), NX_ERROR_NOT_FOUND);
+// The table written out as the rules say: what a descriptor is registered with, and what each
+// operation answers.
+struct Model {
+    using Entry = std::pair<Handler*, long>;
+
+    NxResult Register(Handler& handler, long mask) {
+        if ((mask & NX_MASK_ALL_EVENTS) == 0) {
+            return NX_ERROR_INVALID_ARG;
+        }
+        const Entry entry{&handler, mask & NX_MASK_ALL_EVENTS};
+        Entry& place = m_table.try_emplace(handler.m_fd, entry).first->second;
+        return std::exchange(place, entry) == entry ? NX_OK : NX_ERROR_FOUND;
+    }
+
+    NxResult Remove(int fd, long mask) {
+        if ((mask & NX_MASK_ALL_EVENTS) == 0) {
+            return NX_ERROR_INVALID_ARG;
+        }
+        const auto found = m_table.find(fd);
+        if (found == m_table.end() || (found->second.second & mask) == 0) {
+            return NX_OK;
+        }
+        found->second.second &= ~mask;
+        return found->second.second == 0 ? m_table.erase(found), NX_OK : NX_ERROR_FOUND;
+    }
+
+    std::map<int, Entry> m_table;
+};
+
+TEST_F(ReactorBase, RandomOperationsAgreeWithALiteralTable) {
+    std::vector<Handler> handlers;
+    for (int i = 0; i < 12; ++i) {
+        handlers.emplace_back(20 + i / 3);
+    }
+    Model model;
+    std::mt19937 random(7);
+    for (int step = 0; step < 20000; ++step) {
+        Handler& handler = handlers[random() % handlers.size()];
+        const long mask = static_cast<long>(random() % 0x200);
+        const auto entry = model.m_table.find(handler.m_fd);
+        const auto operation = random() % 3;
+        if (operation == 0) {
+            ASSERT_EQ(m_reactor.RegisterHandler(&handler, mask), model.Register(handler, mask));
+        } else if (operation == 1) {
+            ASSERT_EQ(m_reactor.RemoveHandler(&handler, mask), model.Remove(handler.m_fd, mask));
+        } else if (entry == model.m_table.end()) {
+            ASSERT_EQ(Dispatch(handler.m_fd, mask), NX_ERROR_NOT_FOUND);
+        } else {
+            const auto [called, registered] = entry->second;
+            const bool closed = (mask & NX_MASK_CLOSE) != 0;
+            const long active = closed ? 0 : mask & registered;
+            const int inputs = called->m_inputs + ((active & NX_MASK_INPUT) != 0 ? 1 : 0);
+            const int outputs = called->m_outputs + ((active & NX_MASK_OUTPUT) != 0 ? 1 : 0);
+            ASSERT_EQ(Dispatch(handler.m_fd, mask), NX_OK);
+            ASSERT_EQ(called->m_inputs, inputs);
+            ASSERT_EQ(called->m_outputs, outputs);
+            if (closed) {
+                ASSERT_EQ(called->m_closedWith.back(), registered);
+                model.m_table.erase(entry);
+            }
+        }
+        ASSERT_EQ(m_reactor.m_watched.size(), model.m_table.size());
+    }
 }
 
 }  // namespace
