@@ -46,6 +46,8 @@ NxResult CNxReactorEpoll::OpenParts() {
     if (m_EhRepository.IsOpen()) {
         return NX_ERROR_ALREADY_INITIALIZED;
     }
+    // Before the first step that can fail: the Close behind it belongs to the opening thread.
+    Reset2CurrentThread();
     const NxResult epoll = OpenEpoll();
     if (epoll != NX_OK) {
         return epoll;
@@ -69,7 +71,7 @@ NxResult CNxReactorEpoll::OpenEpoll() {
 }
 
 void CNxReactorEpoll::CloseEpoll() {
-    if (m_epollHandle > 0) {
+    if (m_epollHandle != -1) {
         close(m_epollHandle);
         m_epollHandle = -1;
     }

@@ -1,6 +1,12 @@
 #include <nx/thread/CNxEventQueueBase.h>
 #include <nx/thread/CNxThreadManager.h>
 
+namespace {
+
+thread_local int s_processing = 0;
+
+}  // namespace
+
 CNxEventQueueBase::CNxEventQueueBase() : m_reportTime(CNxTimeValue::GetTimeOfDay()) {}
 
 CNxEventQueueBase::~CNxEventQueueBase() {
@@ -80,10 +86,16 @@ NxResult CNxEventQueueBase::PopOnePendingEvent(INxEvent*& out, size_t* remaining
 }
 
 NxResult CNxEventQueueBase::ProcessEvents(const std::list<INxEvent*>& events) {
+    ++s_processing;
     for (INxEvent* event : events) {
         ProcessOneEvent(event);
     }
+    --s_processing;
     return NX_OK;
+}
+
+bool CNxEventQueueBase::IsProcessing() {
+    return s_processing != 0;
 }
 
 NxResult CNxEventQueueBase::ProcessOneEvent(INxEvent* event) {

@@ -50,6 +50,10 @@ public:
     // is: the caller clears it. NX_OK. Without any lock held.
     NxResult ProcessEvents(const std::list<INxEvent*>& events);
 
+    // Whether the calling thread is within ProcessEvents. Of the batch it has there, senders may be
+    // waiting that nobody can wake but its end.
+    static bool IsProcessing();
+
     // NX_ERROR_INVALID_ARG for null, else NX_OK.
     NxResult ProcessOneEvent(INxEvent* event);
 

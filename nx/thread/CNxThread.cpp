@@ -14,6 +14,8 @@ namespace {
 
 constexpr unsigned long c_maxProcessors = 1024;
 
+std::atomic<int> s_systemThreads{0};
+
 // Reads "1,3" into `set`; false when it names no processor.
 bool ParseCpuSet(const CNxString& text, cpu_set_t& set) {
     CPU_ZERO(&set);
@@ -95,13 +97,13 @@ NxResult CNxThread::StartSystemThread() {
     if (pthread_attr_init(&attributes) != 0) {
         return NX_ERROR_UNEXPECTED;
     }
-    const bool detached = !IsJoinable() && (m_flags & CNxThreadManager::FLAG_DETACHED) != 0;
+    const bool detached = IsDetached();
     pthread_attr_setdetachstate(&attributes,
                                 detached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE);
     m_startEvent = &startEvent;
     m_started = true;
     m_running.store(1);
-    m_toJoin.store(detached ? 0 : 1);
+    s_systemThreads.fetch_add(1);
     pthread_t handle{};
     const int error = pthread_create(&handle, &attributes, &CNxThread::ThreadProc, this);
     pthread_attr_destroy(&attributes);
@@ -109,7 +111,7 @@ NxResult CNxThread::StartSystemThread() {
         m_startEvent = nullptr;
         m_started = false;
         m_running.store(0);
-        m_toJoin.store(0);
+        s_systemThreads.fetch_sub(1);
         return NX_ERROR_UNEXPECTED;
     }
     // From here on the object may delete itself: only locals are touched.
@@ -121,8 +123,11 @@ NxResult CNxThread::StartSystemThread() {
 }
 
 void* CNxThread::ThreadProc(void* object) {
-    if (object != nullptr) {
-        static_cast<CNxThread*>(object)->Run();
+    auto* const thread = static_cast<CNxThread*>(object);
+    if (thread != nullptr) {
+        const int counted = thread->m_started ? 1 : 0;
+        thread->Run();
+        s_systemThreads.fetch_sub(counted);
     }
     return nullptr;
 }
@@ -134,13 +139,14 @@ void CNxThread::Run() {
     CStartEvent* const startEvent = m_startEvent;
     m_startEvent = nullptr;
     if (OnCreate() != NX_OK) {
-        m_toJoin.store(0);
         delete this;
         startEvent->m_result = NX_ERROR_NULL_POINTER;
         startEvent->Signal();
         return;
     }
     OnThreadInit();
+    // Behind the handle and OnCreate: whoever finds the object in the registry may join it now.
+    m_toJoin.store(m_started && !IsDetached() ? 1 : 0);
     if (m_type != NX_THREAD_MAIN && startEvent != nullptr) {
         startEvent->Signal();
     }
@@ -157,6 +163,10 @@ void CNxThread::EndRun() {
     if (!joinable && m_endCounter.fetch_add(1) + 1 > 1) {
         delete this;
     }
+}
+
+bool CNxThread::DoesAnyRun() {
+    return s_systemThreads.load() != 0;
 }
 
 NxResult CNxThread::Stop(CNxTimeValue* /*timeout*/) {

@@ -77,6 +77,9 @@ public:
     // Whether the library runs a system thread for this object at the moment.
     bool IsRunning() const { return m_running.load(std::memory_order_acquire) != 0; }
 
+    // Whether any system thread of this library runs, also one that has left the registry.
+    static bool DoesAnyRun();
+
     // The processors that the thread may run on, as numbers with commas between them ("1,3"); empty
     // for all. Taken over when the thread starts; numbers from 1024 and what is no number are
     // ignored, a set of which nothing is left changes nothing.
@@ -100,6 +103,9 @@ private:
     void Run();
     void EndRun();
     void Unregister();
+    bool IsDetached() const {
+        return !IsJoinable() && (m_flags & CNxThreadManager::FLAG_DETACHED) != 0;
+    }
     bool IsJoinable() const { return (m_flags & CNxThreadManager::FLAG_JOINABLE) != 0; }
 
     std::atomic<unsigned long> m_threadId{0};

@@ -39,10 +39,11 @@ inline constexpr int NX_THREAD_USER = 4097;
 //
 // Tear-down (at exit()): asks every registered thread except the main one to stop, joins them,
 // destroys the clean-up objects (CNxCleanUpBase) newest first, then the thread objects. A thread
-// that cannot be stopped or joined is left alone, together with its object and the manager, so the
-// process exits all the same. When exit() runs on a thread other than a registered main thread, no
-// thread but that of the precise timers is stopped and the objects of running threads are left
-// alone.
+// that cannot be stopped or joined (a detached one, a loop on a thread of the application's own) is
+// left alone; as it may use any of them, all thread objects and the manager then stay too, and the
+// process exits all the same. When exit() runs on a thread other than a registered main thread, or
+// within an event, whose sender may be waiting for its end, no thread but that of the precise
+// timers is stopped, and all thread objects stay.
 //
 // Any thread may call any operation. A thread object that a look-up returned is not protected
 // against being destroyed meanwhile: whoever destroys threads orders that with their users.
@@ -97,6 +98,8 @@ public:
     virtual NxResult CreateNetworkThread(int type, INxReactor* reactor, CNxThread*& out) = 0;
     virtual NxResult CreateReactorThread(int type, INxReactor* reactor, CNxThread*& out) = 0;
 
+    // BEWARE: a reactor thread refuses a time-out and then runs on: pass null, or JoinAllThreads
+    // waits for it without end.
     // Calls Stop(timeout) respectively Join() of every registered thread except the main one and
     // ignores their answers: a thread with nothing to join (detached, a dummy, a heartbeat, joined
     // before) is passed over. A reactor whose StopEventLoop answers NX_ERROR_FAILURE (a full signal

@@ -1,6 +1,8 @@
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/foundation/CNxEventThread.h>
 #include <nx/reactor/CNxReactorEpoll.h>
+#include <nx/thread/CNxThreadDummy.h>
+#include <nx/thread/CNxThreadHeartBeat.h>
 #include <nx/thread/CNxThreadManagerImp.h>
 #include <nx/thread/CNxThreadReactor.h>
 #include <nx/thread/CNxThreadTask.h>
@@ -78,6 +80,13 @@ NxResult StopThread(CNxThread* thread, CNxTimeValue* timeout) {
 // It is not ended by its Stop and must not be waited for.
 bool IsPreciseTimerThread(CNxThread* thread) {
     return dynamic_cast<CNxTimerPreciseManager*>(thread) != nullptr;
+}
+
+// A loop on a thread of the application's own: nobody can tell whether it has ended.
+bool IsDrivenElsewhere(CNxThread* thread) {
+    const unsigned long id = thread->GetThreadId();
+    return id != 0 && !CNxThreadManager::IsEqualCurrentThread(id) &&
+           dynamic_cast<CNxThreadDummy*>(thread) == nullptr;
 }
 
 struct CMainThreadStart {
@@ -376,7 +385,8 @@ bool CNxThreadManagerImp::IsMainOrHasNone() {
 }
 
 bool CNxThreadManagerImp::TearDown() {
-    const bool mayStop = IsMainOrHasNone();
+    // From within an event nobody can be joined: a thread may be waiting for that event's result.
+    const bool mayStop = IsMainOrHasNone() && !CNxEventQueueBase::IsProcessing();
     if (mayStop) {
         StopAndJoinForTearDown();
     }
@@ -384,7 +394,7 @@ bool CNxThreadManagerImp::TearDown() {
     CNxTimerPreciseManager::EndAndJoin();
     CNxCleanUpBase::CleanupAll();
     CNxTimerPreciseManager::EndAndJoin();
-    return DestroyThreads(mayStop);
+    return mayStop && DestroyThreads();
 }
 
 // Joins only what is on its way to its end: a thread that cannot be stopped must not keep the
@@ -396,10 +406,14 @@ void CNxThreadManagerImp::StopAndJoinForTearDown() {
             continue;
         }
         auto* const queue = dynamic_cast<CNxEventQueueBase*>(thread->GetEventQueue());
-        if (queue != nullptr && IsEqualCurrentThread(queue->GetOwnerThreadId())) {
+        if (queue != nullptr && (IsEqualCurrentThread(queue->GetOwnerThreadId()) ||
+                                 dynamic_cast<CNxThreadHeartBeat*>(thread) != nullptr)) {
             // Nobody drains it any more; a thread that waits for an answer could not be joined.
             queue->StopAndDestoryPendingEvents();
-        } else if (!thread->IsRunning() || IsEnding(StopThread(thread, nullptr))) {
+            continue;
+        }
+        const NxResult stopped = StopThread(thread, nullptr);
+        if (!thread->IsRunning() || IsEnding(stopped)) {
             ending.push_back(thread);
         }
     }
@@ -408,15 +422,15 @@ void CNxThreadManagerImp::StopAndJoinForTearDown() {
     }
 }
 
-// A main thread that runs detached counts as running when another thread tears down.
-bool CNxThreadManagerImp::DestroyThreads(bool mayStop) {
-    bool allGone = true;
-    for (CNxThread* thread : CopyRegistry()) {
-        if (thread->IsRunning() || (!mayStop && thread->GetThreadType() == NX_THREAD_MAIN)) {
-            allGone = false;
-        } else {
-            thread->Destory(0);
-        }
+// Destroys all or, while one runs that may use the others, none.
+bool CNxThreadManagerImp::DestroyThreads() {
+    const std::vector<CNxThread*> threads = CopyRegistry();
+    if (CNxThread::DoesAnyRun() ||
+        std::any_of(threads.begin(), threads.end(), &IsDrivenElsewhere)) {
+        return false;
     }
-    return allGone;
+    for (CNxThread* thread : threads) {
+        thread->Destory(0);
+    }
+    return true;
 }

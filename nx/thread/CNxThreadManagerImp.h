@@ -54,7 +54,7 @@ private:
     std::vector<CNxThread*> CopyRegistry();
     bool IsMainOrHasNone();
     void StopAndJoinForTearDown();
-    bool DestroyThreads(bool mayStop);
+    bool DestroyThreads();
 
     CNxMutexThreadRecursive& m_singletonMutex;
     CNxMutexThread& m_referenceControlMutex;

@@ -29,12 +29,20 @@ NxResult CNxThreadReactor::Stop(CNxTimeValue* timeout) {
     if (timeout != nullptr) {
         return NX_ERROR_NOT_IMPLEMENTED;
     }
-    return m_reactor != nullptr ? m_reactor->StopEventLoop() : NX_ERROR_NOT_INITIALIZED;
+    if (m_reactor == nullptr) {
+        return NX_ERROR_NOT_INITIALIZED;
+    }
+    m_stopAsked.store(1);
+    return m_reactor->StopEventLoop();
 }
 
 void CNxThreadReactor::OnThreadInit() {
     if (m_reactor != nullptr && GetThreadType() != NX_THREAD_MAIN) {
         m_openResult = m_reactor->Open();
+        // Open has cleared what another thread asked for since the registration.
+        if (m_openResult == NX_OK && m_stopAsked.load() != 0) {
+            m_reactor->StopEventLoop();
+        }
     }
 }
 

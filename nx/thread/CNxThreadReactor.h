@@ -1,6 +1,7 @@
 // The thread that runs a reactor.
 #pragma once
 
+#include <atomic>
 #include <memory>
 
 #include <nx/reactor/INxReactor.h>
@@ -34,6 +35,7 @@ public:
 
 private:
     std::unique_ptr<INxReactor> m_reactor;
+    std::atomic<int> m_stopAsked{0};
     // Of Open; written by the new thread while Create waits for it.
     NxResult m_openResult = NX_ERROR_NOT_INITIALIZED;
 };

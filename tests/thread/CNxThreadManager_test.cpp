@@ -110,16 +110,43 @@ TEST_F(ProcessEnd, ForgottenThreadsAreStoppedAndJoined) {
     EXPECT_EXIT(body(), ::testing::ExitedWithCode(3), "cleaned up");
 }
 
+// For an event that is still in the queue, and for the one that ends the process.
 TEST_F(ProcessEnd, WorkerThatWaitsForTheMainThreadDoesNotKeepTheProcess) {
+    for (const bool inEvent : {false, true}) {
+        const auto body = [inEvent] {
+            static EventCounts counts;
+            Manager()->InitMainThread(0, nullptr);
+            CNxThread* const mainThread = Manager()->GetThread(NX_THREAD_MAIN);
+            INxEventQueue* const mainQueue = mainThread->GetEventQueue();
+            const auto send = [mainQueue] {
+                return mainQueue->SendEvent(
+                    new CountedEvent(counts, []() -> NxResult { std::exit(0); }));
+            };
+            StartWorker()->GetEventQueue()->PostEvent(new CountedEvent(counts, send), c_normal);
+            while (mainQueue->GetPendingEventsCount() == 0) {
+                std::this_thread::yield();
+            }
+            if (inEvent) {
+                mainThread->OnThreadRun();
+            }
+            std::exit(0);
+        };
+        EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "") << "in the event " << inEvent;
+    }
+}
+
+TEST_F(ProcessEnd, LoopOnAThreadOfTheApplicationDoesNotKeepTheProcess) {
     const auto body = [] {
-        static EventCounts counts;
+        static std::atomic<bool> isUp{false};
         Manager()->InitMainThread(0, nullptr);
-        INxEventQueue* const mainQueue = Manager()->GetThreadEventQueue(NX_THREAD_MAIN);
-        StartWorker()->GetEventQueue()->PostEvent(
-            new CountedEvent(counts,
-                             [=] { return mainQueue->SendEvent(new CountedEvent(counts)); }),
-            c_normal);
-        while (mainQueue->GetPendingEventsCount() == 0) {
+        std::thread([] {
+            auto* const thread = new CNxThreadTask;
+            thread->CreateNotRun(Manager()->GetAndIncreamUserType(), c_joinable);
+            thread->OnThreadInit();
+            isUp = true;
+            thread->OnThreadRun();
+        }).detach();
+        while (!isUp) {
             std::this_thread::yield();
         }
         std::exit(0);

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/thread/CNxThreadTask.h>
 
 #include <thread>
@@ -111,6 +112,24 @@ TEST(Thread, RefusingOnCreateDeletesTheObjectAndTellsTheCreator) {
         EXPECT_EQ(deleted, 1);
         EXPECT_EQ(CNxThreadManager::Instance()->GetThread(type), nullptr);
     }
+}
+
+// As if another thread had found it in the registry.
+class ReactorStoppedWhileItOpens : public CNxReactorEpoll {
+public:
+    NxResult Open() override {
+        CNxThreadManager::Instance()->GetThread(NX_THREAD_NETWORK)->Stop(nullptr);
+        return CNxReactorEpoll::Open();
+    }
+};
+
+TEST(Thread, StopThatComesBeforeTheReactorIsOpenIsNotLost) {
+    CNxThread* thread = nullptr;
+    ASSERT_EQ(CNxThreadManager::Instance()->CreateNetworkThread(
+                  NX_THREAD_NETWORK, new ReactorStoppedWhileItOpens, thread),
+              NX_OK);
+    EXPECT_EQ(thread->Join(), NX_OK);
+    thread->Destory(0);
 }
 
 }  // namespace
