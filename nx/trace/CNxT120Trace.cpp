@@ -136,8 +136,10 @@ void CNxT120Trace::read_config() {
 int CNxT120Trace::load(void* file) {
     const CCancelOff cancelOff;
     CGuard guard(m_mutex);
+    const CTraceStamp& stamp = CurrentTraceStamp();
+    NoticeFork(stamp);
     if (file != nullptr || m_files[FILE_INFO].m_handle == nullptr) {
-        Open(file, CurrentTraceStamp());
+        Open(file, stamp);
     }
     return 1;
 }
@@ -279,8 +281,9 @@ void CNxT120Trace::NoticeFork(const CTraceStamp& stamp) {
 }
 
 bool CNxT120Trace::HasOpenFile() const {
-    return std::any_of(std::begin(m_files), std::end(m_files),
-                       [](const CFile& file) { return file.m_handle != nullptr; });
+    return std::any_of(std::begin(m_files), std::end(m_files), [](const CFile& file) {
+        return file.m_handle != nullptr && file.m_handle->is_open();
+    });
 }
 
 bool CNxT120Trace::SetDate(const CTraceStamp& stamp) {
@@ -322,8 +325,10 @@ void CNxT120Trace::NoticeNewDay(const CTraceStamp& stamp) {
 void CNxT120Trace::OpenIfSwitchedOn() {
     const CCancelOff cancelOff;
     CGuard guard(m_mutex);
+    const CTraceStamp& stamp = CurrentTraceStamp();
+    NoticeFork(stamp);
     if (!HasOpenFile() && get_bool_param(SECTION, "Enable", 0) != 0) {
-        Open(nullptr, CurrentTraceStamp());
+        Open(nullptr, stamp);
     }
 }
 

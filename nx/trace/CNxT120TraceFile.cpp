@@ -12,6 +12,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
+#include <utility>
 
 namespace {
 
@@ -203,9 +205,12 @@ int CNxT120TraceFile::refresh_settings(unsigned long maxSize, int linesPerFlush)
     m_maxSize = BoundSize(maxSize);
     // Records that a full disk holds back keep their buffer.
     if (lines != m_linesPerFlush && m_bufferedBytes == 0) {
-        m_linesPerFlush = lines;
-        m_bufferedLines = 0;
-        m_buffer.reset(new char[lines * LINE_SIZE]);
+        std::unique_ptr<char[]> buffer(new (std::nothrow) char[lines * LINE_SIZE]);
+        if (buffer != nullptr) {
+            m_linesPerFlush = lines;
+            m_bufferedLines = 0;
+            m_buffer = std::move(buffer);
+        }
     }
     return 1;
 }

@@ -73,13 +73,17 @@ public:
     void flush_buffer();
 
     // Flushes, then sets the maximum size and the lines per flush (below 1 counts as 1, above
-    // 65536 as 65536; as they are while a full disk holds records back). Returns 1.
+    // 65536 as 65536; as they are while a full disk holds records back, and without the memory for
+    // them: 2 KiB a line). Returns 1.
     int refresh_settings(unsigned long maxSize, int linesPerFlush);
 
     // Whether a private file has reached its maximum size.
     bool is_wrapped() const { return m_wrapped.load(std::memory_order_relaxed); }
 
     bool is_shared() const { return m_shared != 0; }
+
+    // Not while another thread attaches.
+    bool is_open() const { return m_fd >= 0; }
 
     // The process ends: flushes a private file and from now on writes each record at once.
     void drain();

@@ -80,16 +80,6 @@ TEST_F(CProfileTest, OnlyTheRawReaderLeavesItsOutputUnterminated) {
     EXPECT_FALSE(get_string_param("s", "k", out, 1));
 }
 
-TEST_F(CProfileTest, SurvivesLinesThatNoEditorWrites) {
-    Write("[s]\n" + std::string("z\0=1\nk=a\0b\n", 11) + "big=" + std::string(1 << 20, 'x') +
-          "\n[t]\nlast=" + std::string(256, '9') + ";");
-    EXPECT_EQ(Get("s", "k"), "a");
-    EXPECT_EQ(Get("s", "big"), std::string(2047 - 4, 'x'));
-    EXPECT_EQ(Get("t", "last"), std::string(256, '9') + ";");
-    EXPECT_EQ(get_int_param("t", "last"), -1) << "clamped to 64 bits, cut to 32";
-    EXPECT_EQ(get_bool_param("t", "last", 1), 0);
-}
-
 TEST_F(CProfileTest, ParametersDropOneSemicolonAndTruncate) {
     Write(
         "[Trace]\nEnable=TRUE;\nstdout=yes\noff=;\nempty=\nn = -7;\nport=65537\n"

@@ -6,8 +6,6 @@
 #include <tests/support/TempFolder.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -235,13 +233,7 @@ protected:
 
     // All files whose names hold `kind`.
     std::string ReadTrace(const std::string& kind) const {
-        std::stringstream text;
-        for (const auto& file : std::filesystem::directory_iterator(m_home.Path("logs"))) {
-            if (file.path().filename().string().find(kind) != std::string::npos) {
-                text << std::ifstream(file.path()).rdbuf();
-            }
-        }
-        return text.str();
+        return OutputOf("cat " + m_home.Path("logs") + "/*" + kind + "*");
     }
 
     CTempFolder m_home;

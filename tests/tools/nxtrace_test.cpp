@@ -89,10 +89,16 @@ TEST_F(CNxtraceTest, KeepsTheOrderOfWritingWhenTheClockWasSetBack) {
     m_folder.Put("c_info_11202026_11.5.log", FileOf(RecordLine(60, "Info:0")));
     EXPECT_EQ(Nxtrace(Dir() + "--process c"),
               RecordLine(60, "Info:0") + RecordLine(50, "Info:a") + RecordLine(20, "Info:b"));
+    // A file of the same name in another folder is another process's.
+    std::filesystem::create_directory(m_folder.Path("d"));
+    m_folder.Put("d/c_info_11212026_11.5.log", FileOf(RecordLine(15, "Info:d")));
+    EXPECT_EQ(Nxtrace(m_folder.Path("c_info_11212026_10.5.log ") +
+                      m_folder.Path("d/c_info_11212026_11.5.log")),
+              RecordLine(15, "Info:d") + RecordLine(20, "Info:b"));
 }
 
 TEST_F(CNxtraceTest, FiltersRecords) {
-    EXPECT_EQ(Nxtrace(Dir() + "--level error,WARNING"), m_bad + m_slow);
+    EXPECT_EQ(Nxtrace(Dir() + "--level 'error, WARNING'"), m_bad + m_slow);
     EXPECT_EQ(Nxtrace(Dir() + "--pid 78"), m_other);
     EXPECT_EQ(Nxtrace(Dir() + "--tid 9,-5 --pid 77"), m_one + m_bad + m_slow);
     EXPECT_EQ(Nxtrace(Dir() + "--grep '^(Info|Error):.*[ed]$'"), m_one + m_bad);
@@ -121,12 +127,14 @@ TEST(PrintRecord, TerminalGetsColourButNoControlCharactersOfTheText) {
     size_t size = 0;
     FILE* const out = open_memstream(&text, &size);
     CTraceRecord record;
-    const std::string line = "[11/21/2026 09:00:00.000 pid=1 tid=2] Error:\033[2J\tx";
+    const std::string line =
+        "[11/21/2026 09:00:00.000 pid=1 tid=2] Error:\033[2J\t\xc2\x9bx\xc3\xa9";
     ASSERT_TRUE(ParseRecord(line, record));
     PrintRecord(out, EOutput::TERMINAL, record);
     PrintRecord(out, EOutput::TERMINAL_WITHOUT_COLOUR, record);
     std::fclose(out);
-    const std::string shown = "[11/21/2026 09:00:00.000 pid=1 tid=2] Error:\\x1b[2J\tx";
+    const std::string shown =
+        "[11/21/2026 09:00:00.000 pid=1 tid=2] Error:\\x1b[2J\t\\xc2\\x9bx\xc3\xa9";
     EXPECT_EQ(text, "\033[31m" + shown + "\033[0m\n" + shown + "\n");
     free(text);
 }
@@ -135,19 +143,23 @@ TEST_F(CNxtraceTest, RefusesWhatIsNoTraceFileAndGoesOn) {
     int status = 0;
     const std::string bad = m_folder.Path("srv_info.old");
     const std::string good = m_folder.Path("srv_2_info_11212026_0.78.log");
-    EXPECT_EQ(Nxtrace(bad + " /tmp /nowhere " + m_folder.Put("empty", "") + " " + good, &status),
+    EXPECT_EQ(Nxtrace(bad + " /dev/null /tmp /nowhere " + m_folder.Put("empty", "") + " " + good,
+                      &status),
               "nxtrace: " + bad +
-                  ": not a trace file\nnxtrace: /tmp: Is a directory\n"
+                  ": not a trace file\nnxtrace: /dev/null: not a trace file\nnxtrace: /tmp: Is a "
+                  "directory\n"
                   "nxtrace: /nowhere: No such file or directory\n" +
                   m_other);
     EXPECT_EQ(status, 1);
     for (const char* const wrong : {"", "--nothing", "-n x f", "--since 25:00 f", "--grep '(' f",
-                                    "--pid x f", "--stat -f f", "--level '' f"}) {
+                                    "--pid x f", "--stat -f f", "--level , f"}) {
         Nxtrace(wrong, &status);
         EXPECT_EQ(status, 2) << wrong;
     }
-    Nxtrace(Dir() + "> /dev/full", &status);
-    EXPECT_EQ(status, 1);
+    for (const std::string& failing : {Dir() + "> /dev/full", std::string("-f /nowhere")}) {
+        Nxtrace(failing, &status);
+        EXPECT_EQ(status, 1) << failing;
+    }
 }
 
 TEST(Nxtrace, ShowsEachRecordOfAProcessOnceAcrossItsFourKindsOfFilesAndTheirNumbers) {
@@ -202,4 +214,6 @@ TEST_F(CNxtraceTest, FollowsGrowthWrapTheNextNumberMidnightAndNewProcesses) {
     EXPECT_EQ(folder.Next(), "restarted");
     make("f_info_11222026_0.5.log")->write("Log", "Info", "next day");
     expect("next day");
+    make("f_info_11202026_0.5.log")->write("Log", "Info", "clock set back");
+    expect("clock set back");
 }

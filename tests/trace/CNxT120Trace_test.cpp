@@ -105,6 +105,14 @@ TEST_F(CNxT120TraceTest, AFullFileIsFollowedByTheNextNumber) {
     EXPECT_EQ(next, 100u);
 }
 
+TEST_F(CNxT120TraceTest, ARefreshOpensWhatCouldNotBeOpenedBefore) {
+    Configure("");
+    fs::create_symlink("nowhere", m_folder.Path("logs"));
+    Run("repair");
+    EXPECT_EQ(AllLogs().size(), 1u);
+    EXPECT_EQ(AllLogs().begin()->second, (Texts{"Info:kept 0", "Info:kept 1", "Info:kept 2"}));
+}
+
 TEST_F(CNxT120TraceTest, RefreshingWhileThreadsTraceLosesAndTearsNothing) {
     Configure("x=2000000000\nFlushPerLines=7\n");
     Run(getenv("NX_TRACE_FULL") != nullptr ? "refresh 4 1000" : "refresh 4 30");

@@ -78,6 +78,14 @@ void Refresh(long threads, long refreshes) {
     std::abort();
 }
 
+// Takes away what is in the place of the log folder.
+void Repair() {
+    TraceLines("lost", 3);
+    std::remove((std::string(g_strTracehome1) + "/logs").c_str());
+    refresh_trace_config();
+    TraceLines("kept", 3);
+}
+
 // Needs libfaketime: the clock leaps a day on, back, and two days on.
 void Leap() {
     for (const char* offset : {"+0", "+1d", "+0", "-1h", "+2d", "+0"}) {
@@ -113,6 +121,7 @@ int main(int argc, char** argv) {
         {"lines", [&] { TraceLines("line", number(2)); }},
         {"refresh", [&] { Refresh(number(2), number(3)); }},
         {"leap", Leap},
+        {"repair", Repair},
         {"midnight", Midnight}};
     commands.at(command)();
 }

@@ -147,8 +147,8 @@ CTraceFile::EResult CTraceFile::ReadNew(CTraceBatch& batch) {
         return SYSTEM_ERROR;
     }
     if (!S_ISREG(status.st_mode)) {
-        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
-        return SYSTEM_ERROR;
+        errno = EISDIR;
+        return S_ISDIR(status.st_mode) ? SYSTEM_ERROR : NO_TRACE_FILE;
     }
     std::string header;
     if (!ReadAt(fd.Get(), 0, TRACE_HEADER_SIZE, header)) {

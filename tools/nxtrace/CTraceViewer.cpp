@@ -9,6 +9,7 @@
 #include <queue>
 #include <set>
 #include <thread>
+#include <tuple>
 
 namespace {
 
@@ -17,12 +18,15 @@ constexpr auto FOLLOW_INTERVAL = std::chrono::milliseconds(100);
 }  // namespace
 
 void CTraceViewer::AddFile(const std::string& path) {
-    std::error_code error;
-    const std::string place = std::filesystem::weakly_canonical(path, error).string();
-    if (!error && !m_known.insert(place).second) {
+    if (!m_known.insert(path).second) {
         return;
     }
-    m_sources.push_back(std::make_shared<CSource>(path));
+    std::error_code error;
+    const std::string place = std::filesystem::weakly_canonical(path, error).string();
+    if (!error && place != path && !m_known.insert(place).second) {
+        return;
+    }
+    m_sources.push_back(std::make_shared<CSource>(path, m_pass));
 }
 
 void CTraceViewer::AddFolder(const std::string& folder, const std::string& process) {
@@ -64,12 +68,15 @@ void CTraceViewer::PrintStat() {
 void CTraceViewer::Follow() {
     m_isFollowing = true;
     while (std::fflush(stdout) == 0) {
-        std::this_thread::sleep_for(FOLLOW_INTERVAL);
-        FindNewFiles();
-        PrintAll();
         const auto isDone = [](const auto& source) { return source->m_isDone; };
         m_sources.erase(std::remove_if(m_sources.begin(), m_sources.end(), isDone),
                         m_sources.end());
+        if (m_sources.empty() && m_folders.empty()) {
+            return;
+        }
+        std::this_thread::sleep_for(FOLLOW_INTERVAL);
+        FindNewFiles();
+        PrintAll();
     }
 }
 
@@ -78,11 +85,12 @@ void CTraceViewer::Follow() {
 template <class Sink>
 void CTraceViewer::Merge(Sink sink) {
     std::vector<CCursor> cursors = MakeCursors();
-    const auto isLater = [&](size_t a, size_t b) {
-        const std::int64_t timeA = cursors[a].Front().m_time;
-        const std::int64_t timeB = cursors[b].Front().m_time;
-        return timeA != timeB ? timeA > timeB : a > b;
+    // Of records of the same millisecond those of an info file come first: it has them all, in
+    // order, and the copies in the other files are then known as such.
+    const auto rank = [&](size_t i) {
+        return std::make_tuple(cursors[i].Front().m_time, !cursors[i].Source().IsInfo(), i);
     };
+    const auto isLater = [&](size_t a, size_t b) { return rank(a) > rank(b); };
     std::priority_queue<size_t, std::vector<size_t>, decltype(isLater)> queue(isLater);
     for (size_t i = 0; i < cursors.size(); ++i) {
         if (LoadNext(cursors[i])) {
@@ -107,8 +115,7 @@ std::vector<CTraceViewer::CCursor> CTraceViewer::MakeCursors() const {
     for (const auto& source : m_sources) {
         const auto isSeries = [&](const CCursor& cursor) {
             const CSource& other = *cursor.m_sources.front();
-            return source->m_isNamed && other.m_isNamed &&
-                   other.m_name.IsSameSeries(source->m_name);
+            return source->IsSameSeries(other);
         };
         auto found = std::find_if(cursors.begin(), cursors.end(), isSeries);
         if (found == cursors.end()) {
@@ -116,15 +123,13 @@ std::vector<CTraceViewer::CCursor> CTraceViewer::MakeCursors() const {
         }
         found->m_sources.push_back(source);
     }
-    // Of records of the same millisecond those of an info file come first: it has them all, in
-    // order, and the copies in the other files are then known as such.
+    // Info files are read last: they then have all that was found in the others.
     std::stable_partition(cursors.begin(), cursors.end(), [](const CCursor& cursor) {
-        return cursor.m_sources.front()->m_name.m_kind == "info";
+        return !cursor.m_sources.front()->IsInfo();
     });
     for (CCursor& cursor : cursors) {
-        std::stable_sort(
-            cursor.m_sources.begin(), cursor.m_sources.end(),
-            [](const auto& a, const auto& b) { return b->m_name.IsLaterThan(a->m_name); });
+        std::stable_sort(cursor.m_sources.begin(), cursor.m_sources.end(),
+                         [](const auto& a, const auto& b) { return b->IsAfter(*a); });
     }
     return cursors;
 }
@@ -175,27 +180,24 @@ bool CTraceViewer::IsWanted(const CTraceRecord& record, const CSource& source) {
 }
 
 bool CTraceViewer::HasSuccessor(const CSource& source) const {
-    return source.m_isNamed &&
-           std::any_of(m_sources.begin(), m_sources.end(), [&](const auto& other) {
-               return other->m_isNamed && other->m_name.IsSameSeries(source.m_name) &&
-                      other->m_name.IsLaterThan(source.m_name);
-           });
+    return std::any_of(m_sources.begin(), m_sources.end(), [&](const auto& other) {
+        return other->IsSameSeries(source) && other->IsAfter(source);
+    });
 }
 
-// Whether the file comes after all files of a series that is shown.
-bool CTraceViewer::Continues(const std::string& path) const {
-    const CSource added(path);
-    const auto isSeries = [&](const auto& source) {
-        return source->m_isNamed && source->m_name.IsSameSeries(added.m_name);
-    };
+// Whether the file comes after all files of a series that is shown: when following began, by its
+// name; later, by having appeared since - its date may be earlier when the clock was set back.
+bool CTraceViewer::Continues(const CSource& added) const {
+    const auto isSeries = [&](const auto& source) { return source->IsSameSeries(added); };
     const auto isBefore = [&](const auto& source) {
-        return !isSeries(source) || added.m_name.IsLaterThan(source->m_name);
+        return !isSeries(source) || added.IsAfter(*source);
     };
-    return added.m_isNamed && std::any_of(m_sources.begin(), m_sources.end(), isSeries) &&
-           std::all_of(m_sources.begin(), m_sources.end(), isBefore);
+    return std::any_of(m_sources.begin(), m_sources.end(), isSeries) &&
+           (m_pass > 1 || std::all_of(m_sources.begin(), m_sources.end(), isBefore));
 }
 
 void CTraceViewer::FindNewFiles() {
+    ++m_pass;
     std::vector<std::string> found;
     for (const CFolder& folder : m_folders) {
         FindTraceFiles(folder.m_path, folder.m_process, found);
@@ -203,16 +205,21 @@ void CTraceViewer::FindNewFiles() {
     std::set<std::pair<std::string, std::string>> places;
     for (const auto& source : m_sources) {
         if (source->m_isNamed) {
-            places.emplace(FolderOf(source->m_file.Path()), source->m_name.m_process);
+            places.emplace(source->m_name.m_folder, source->m_name.m_process);
         }
     }
+    std::vector<std::string> others;
     for (const auto& [folder, process] : places) {
-        std::vector<std::string> paths;
-        FindTraceFiles(folder, process, paths);
-        std::copy_if(paths.begin(), paths.end(), std::back_inserter(found),
-                     [&](const std::string& path) { return Continues(path); });
+        FindTraceFiles(folder, process, others);
+    }
+    std::vector<std::string> passedOver;
+    for (const std::string& path : others) {
+        if (m_known.count(path) == 0) {
+            (Continues(CSource(path)) ? found : passedOver).push_back(path);
+        }
     }
     for (const std::string& path : found) {
         AddFile(path);
     }
+    m_known.insert(passedOver.begin(), passedOver.end());
 }

@@ -1,7 +1,6 @@
 // Shows the records of many trace files as one stream, oldest first.
 #pragma once
 
-#include <deque>
 #include <memory>
 #include <set>
 #include <string>
@@ -37,11 +36,22 @@ public:
 
 private:
     struct CSource {
-        explicit CSource(const std::string& path)
-            : m_file(path), m_isNamed(ParseTraceName(path, m_name)) {}
+        explicit CSource(const std::string& path, size_t pass = 0)
+            : m_file(path), m_isNamed(ParseTraceName(path, m_name)), m_pass(pass) {}
+        bool IsSameSeries(const CSource& other) const {
+            return m_isNamed && other.m_isNamed && m_name.IsSameSeries(other.m_name);
+        }
+        bool IsAfter(const CSource& other) const {
+            return m_pass != other.m_pass ? m_pass > other.m_pass
+                                          : m_name.IsLaterThan(other.m_name);
+        }
+        bool IsInfo() const { return m_name.m_kind == "info"; }
         CTraceFile m_file;
         CTraceName m_name;
         bool m_isNamed;
+        // When it was found; files that were there at the beginning are in the order of their
+        // names.
+        size_t m_pass;
         // Nothing more comes: unreadable, or replaced by the next file.
         bool m_isDone = false;
     };
@@ -69,16 +79,18 @@ private:
     void Report(const std::string& path, const char* problem);
     bool IsWanted(const CTraceRecord& record, const CSource& source);
     bool HasSuccessor(const CSource& source) const;
-    bool Continues(const std::string& path) const;
+    bool Continues(const CSource& added) const;
     void FindNewFiles();
 
     const CTraceFilter& m_filter;
     EOutput m_output;
     CSources m_sources;
-    // Every file ever added, whatever path led to it.
+    // Every file ever added, whatever path led to it, and those that are not to be shown.
     std::set<std::string> m_known;
     std::vector<CFolder> m_folders;
     CTraceDuplicates m_duplicates;
     bool m_hasFailed = false;
     bool m_isFollowing = false;
+    // How often new files have been looked for.
+    size_t m_pass = 0;
 };

@@ -65,7 +65,10 @@ std::vector<std::string> SplitAtCommas(const std::string& text) {
     std::vector<std::string> parts;
     std::istringstream in(text);
     for (std::string part; std::getline(in, part, ',');) {
-        parts.push_back(part);
+        const size_t start = part.find_first_not_of(' ');
+        if (start != std::string::npos) {
+            parts.push_back(part.substr(start, part.find_last_not_of(' ') - start + 1));
+        }
     }
     return parts;
 }

@@ -36,6 +36,7 @@ bool ParseTraceName(std::string_view path, CTraceName& name) {
                            static_cast<size_t>(groups[i].rm_eo - groups[i].rm_so));
     };
     const auto number = [&](size_t i) { return std::strtol(text(i).c_str(), nullptr, 10); };
+    name.m_folder = FolderOf(path);
     name.m_process = text(1);
     name.m_kind = text(2);
     name.m_date = (number(5) * 100 + number(3)) * 100 + number(4);

@@ -6,6 +6,8 @@
 #include <vector>
 
 struct CTraceName {
+    // Other folders are other machines' as a rule, where the same process id means nothing.
+    std::string m_folder;
     std::string m_process;
     // "info", "warning", "error" or "fatal".
     std::string m_kind;
@@ -16,7 +18,8 @@ struct CTraceName {
 
     // Of one process and kind: files that follow one another.
     bool IsSameSeries(const CTraceName& other) const {
-        return m_process == other.m_process && m_kind == other.m_kind && m_pid == other.m_pid;
+        return m_process == other.m_process && m_kind == other.m_kind && m_pid == other.m_pid &&
+               m_folder == other.m_folder;
     }
     bool IsLaterThan(const CTraceName& other) const {
         return m_date != other.m_date ? m_date > other.m_date : m_sequence > other.m_sequence;

@@ -9,7 +9,7 @@ namespace {
 constexpr std::int64_t MS_PER_MINUTE = 60'000;
 constexpr std::int64_t MS_PER_DAY = 24L * 60 * MS_PER_MINUTE;
 constexpr std::int64_t DUPLICATE_MS = 20;
-constexpr size_t MAX_SEEN = 1024;
+constexpr size_t MAX_SEEN = 16384;
 constexpr char RESET[] = "\033[0m";
 
 const char* ColourOf(std::string_view level) {
@@ -17,20 +17,6 @@ const char* ColourOf(std::string_view level) {
            : level == "Error"   ? "\033[31m"
            : level == "Warning" ? "\033[33m"
                                 : "";
-}
-
-bool IsControl(char c) {
-    return (static_cast<unsigned char>(c) < ' ' && c != '\n' && c != '\t') || c == '\x7f';
-}
-
-void PrintEscaped(FILE* out, std::string_view text) {
-    for (const char c : text) {
-        if (IsControl(c)) {
-            std::fprintf(out, "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
-        } else {
-            std::fputc(c, out);
-        }
-    }
 }
 
 bool IsContinuation(std::string_view text, size_t at) {
@@ -55,6 +41,29 @@ size_t Utf8Length(std::string_view text) {
     const bool isBad = (first == 0xE0 && second < 0xA0) || (first == 0xED && second > 0x9F) ||
                        (first == 0xF0 && second < 0x90) || (first == 0xF4 && second > 0x8F);
     return isBad ? 0 : length;
+}
+
+// Of UTF-8 text; terminals take U+0080 to U+009F for commands, too.
+bool IsControl(std::string_view c) {
+    return (c.size() == 1 && static_cast<unsigned char>(c[0]) < ' ' && c != "\n" && c != "\t") ||
+           c == "\x7f" ||
+           (c.size() == 2 && c[0] == '\xC2' && static_cast<unsigned char>(c[1]) < 0xA0);
+}
+
+void PrintEscaped(FILE* out, std::string_view text) {
+    while (!text.empty()) {
+        const size_t length = Utf8Length(text);
+        const std::string_view c = text.substr(0, std::max<size_t>(length, 1));
+        if (length > 0 && !IsControl(c)) {
+            std::fwrite(c.data(), 1, c.size(), out);
+        } else {
+            for (const char byte : c) {
+                std::fprintf(out, "\\x%02x",
+                             static_cast<unsigned>(static_cast<unsigned char>(byte)));
+            }
+        }
+        text.remove_prefix(c.size());
+    }
 }
 
 void PrintJsonString(FILE* out, std::string_view text) {
@@ -159,21 +168,22 @@ bool CTraceDuplicates::IsSecond(const CTraceRecord& record, const CTraceName& fi
     if (level != "Warning" && level != "Error" && level != "Fatal") {
         return false;
     }
-    const char kind = file.m_kind.front();
-    const std::string levelAndText = std::string(level) + ":" + std::string(record.m_text);
-    for (CSeen& seen : m_seen) {
-        const bool isSame = std::abs(seen.m_time - record.m_time) <= DUPLICATE_MS &&
-                            seen.m_tid == record.m_tid && seen.m_pid == record.m_pid &&
-                            seen.m_process == file.m_process && seen.m_levelAndText == levelAndText;
-        if (isSame && seen.m_kinds.find(kind) == std::string::npos) {
-            seen.m_kinds += kind;
-            return true;
-        }
+    const size_t side = file.m_kind == "info" ? 0 : 1;
+    CSeen own{record.m_time, record.m_tid, file.m_process, record.m_pid,
+              std::string(level) + ":" + std::string(record.m_text)};
+    std::deque<CSeen>& others = m_seen[1 - side];
+    const auto copy = std::find_if(others.begin(), others.end(), [&](const CSeen& seen) {
+        return std::abs(seen.m_time - own.m_time) <= DUPLICATE_MS && seen.m_tid == own.m_tid &&
+               seen.m_pid == own.m_pid && seen.m_process == own.m_process &&
+               seen.m_levelAndText == own.m_levelAndText;
+    });
+    if (copy != others.end()) {
+        others.erase(copy);
+        return true;
     }
-    m_seen.push_back({record.m_time, record.m_tid, file.m_process, record.m_pid, levelAndText,
-                      std::string(1, kind)});
-    if (m_seen.size() > MAX_SEEN) {
-        m_seen.pop_front();
+    m_seen[side].push_back(std::move(own));
+    if (m_seen[side].size() > MAX_SEEN) {
+        m_seen[side].pop_front();
     }
     return false;
 }

@@ -40,7 +40,8 @@ private:
 };
 
 // Finds the second copies of warnings, errors and fatal records: the process writes them to a file
-// of their own besides the info file, and a moment later. Remembers the last 1024 such records.
+// of their own besides the info file, and a moment later. Of either side the last 16384 records
+// are remembered that have not met their copy: thousands may share a millisecond.
 class CTraceDuplicates {
 public:
     // Whether the same record was seen before in another kind of file of the same process.
@@ -53,8 +54,7 @@ private:
         std::string m_process;
         long m_pid;
         std::string m_levelAndText;
-        // Kinds of files, by their first letter, that had it.
-        std::string m_kinds;
     };
-    std::deque<CSeen> m_seen;
+    // From info files, and from the others.
+    std::deque<CSeen> m_seen[2];
 };
