@@ -127,7 +127,7 @@ void* CNxFifoBuffer::GetWriteBuffer(unsigned long* length) {
     if (m_buffered == 0) {
         m_readIndex = 0;
     }
-    const unsigned long place = m_buffered == 0 ? 0 : GetPlace(m_buffered);
+    const unsigned long place = GetPlace(m_buffered);
     const bool wrapped = m_buffered != 0 && place <= m_readIndex;
     Answer(0, (wrapped ? m_readIndex : m_capacity) - place, length);
     return m_storage.get() + place;

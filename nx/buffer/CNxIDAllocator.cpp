@@ -25,11 +25,10 @@ unsigned int CNxIDAllocator::AllocID() {
         m_freed.pop_back();
         return id;
     }
-    Range& range = m_fresh[m_firstFresh];
+    Range& range = m_fresh.front();
     const unsigned int id = range.m_first++;
-    if (id == range.m_last && ++m_firstFresh == m_fresh.size()) {
-        m_fresh.clear();
-        m_firstFresh = 0;
+    if (id == range.m_last) {
+        m_fresh.pop_front();
     }
     return id;
 }

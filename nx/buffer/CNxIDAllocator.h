@@ -1,7 +1,7 @@
 // A pool of identifiers from a range, for sessions, requests and the like.
 #pragma once
 
-#include <cstddef>
+#include <list>
 #include <vector>
 
 #include <nx/foundation/CNxMutexThread.h>
@@ -40,12 +40,10 @@ private:
         unsigned int m_last;
     };
 
-    // Together the free list: the freed identifiers from the back, then the ranges from
-    // m_firstFresh on.
+    // Together the free list: the freed identifiers from the back, then the ranges.
     mutable CNxMutexThread m_mutex;
     std::vector<unsigned int> m_freed NX_GUARDED_BY(m_mutex);
-    std::vector<Range> m_fresh NX_GUARDED_BY(m_mutex);
-    size_t m_firstFresh NX_GUARDED_BY(m_mutex) = 0;
+    std::list<Range> m_fresh NX_GUARDED_BY(m_mutex);
     unsigned long m_available NX_GUARDED_BY(m_mutex) = 0;
     unsigned int m_min NX_GUARDED_BY(m_mutex) = 0;
     unsigned int m_max NX_GUARDED_BY(m_mutex) = 0;

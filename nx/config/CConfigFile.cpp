@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <utility>
+#include <vector>
 
 CConfigFile CConfigFile::g_configfile;
 _dictionary_* CConfigFile::m_ini = nullptr;
@@ -46,10 +47,22 @@ bool IsGoodKey(const CNxString& key) {
            std::strchr("[#;", key.front()) == nullptr;
 }
 
+// What has to stand in a file so that iniparser reads the value: in quotes when it would be cut.
+// There is no way to write a value that needs them and holds both kinds.
+CNxString ToFileText(const CNxString& value) {
+    const bool isPlain =
+        value.empty() || (value.find_first_of(";#") == CNxString::npos && !HasBlankEnd(value) &&
+                          std::strchr("\"'", value.front()) == nullptr && value.back() != '\\');
+    const char* const quote = value.find('"') == CNxString::npos ? "\"" : "'";
+    const bool cannotQuote = value.find(*quote) != CNxString::npos;
+    return isPlain || cannotQuote ? value : quote + value + quote;
+}
+
 bool IsGoodValue(const CNxString& value) {
     // iniparser looks for the joining backslash in front of any white space at the end.
-    const size_t last = value.find_last_not_of(WHITE_SPACE);
-    return !HoldsAny(value, "\r\n") && (last == CNxString::npos || value[last] != '\\');
+    const CNxString text = ToFileText(value);
+    const size_t last = text.find_last_not_of(WHITE_SPACE);
+    return !HoldsAny(text, "\r\n") && (last == CNxString::npos || text[last] != '\\');
 }
 
 // Whether the entry stays one in a saved file. There, the section ends at the first ':'.
@@ -106,15 +119,39 @@ void DumpKeysWithoutSection(const dictionary* ini, FILE* out) {
     }
 }
 
+using Entry = std::pair<CNxString, CNxString>;
+
+// Puts values into the quotes that the file needs. Answers the entries that it has changed, as they
+// were.
+std::vector<Entry> QuoteValues(dictionary* ini) {
+    std::vector<Entry> original;
+    for (ssize_t i = 0; i < ini->size; ++i) {
+        if (ini->key[i] == nullptr || ini->val[i] == nullptr) {
+            continue;
+        }
+        const Entry entry(ini->key[i], ini->val[i]);
+        const CNxString text = ToFileText(entry.second);
+        if (text != entry.second) {
+            iniparser_set(ini, entry.first.c_str(), text.c_str());
+            original.push_back(entry);
+        }
+    }
+    return original;
+}
+
 bool Dump(dictionary* ini, const CNxString& path) {
     FILE* const out = std::fopen(path.c_str(), "we");
     if (out == nullptr) {
         return false;
     }
     TidySections(ini);
+    const std::vector<Entry> original = QuoteValues(ini);
     DumpKeysWithoutSection(ini, out);
     if (iniparser_getnsec(ini) > 0) {
         iniparser_dump_ini(ini, out);
+    }
+    for (const Entry& entry : original) {
+        iniparser_set(ini, entry.first.c_str(), entry.second.c_str());
     }
     const bool isWritten = std::ferror(out) == 0;
     return std::fclose(out) == 0 && isWritten;

@@ -4,8 +4,9 @@
 // values in quotes, a backslash at a line's end that joins the next, lines of at most 1022 bytes.
 // What it does not keep from loading to saving:
 // - comments, empty lines, and the order and letter case of sections and keys (all lower case);
-// - a value's blanks at either end, quotes around it, and everything from a ';' or '#' on. They
-//   stand in the saved file (quotes of the loaded file do not), but the next load drops them.
+// - the quotes around a value: where it needs some, the saved file has them;
+// - a value that holds both kinds of quotes and begins with one, begins or ends with a blank, or
+//   holds ';' or '#': it stands in the saved file as it is, and the next load cuts it.
 #pragma once
 
 #include <nx/foundation/CNxString.h>
@@ -45,7 +46,9 @@ public:
     // - a section that begins or ends with white space, or holds ']' or a line end;
     // - a key that is empty, begins or ends with white space, begins with '[', '#' or ';', or holds
     //   '=' or a line end;
-    // - a value that holds a line end or a zero byte, or ends with a backslash;
+    // - a value that holds a line end or a zero byte, or both kinds of quotes and a backslash at
+    // its
+    //   end;
     // - names or a value that make a line of more than 1000 bytes.
     // An empty section stands for the keys above the first section. A section with a ':' ends there
     // in the saved file, and the rest is part of the key, which finds the same values.

@@ -1,4 +1,5 @@
 #include <nx/config/init_file.h>
+#include <nx/foundation/CNxString.h>
 #include <nx/trace/trace_setting.h>
 #include <strings.h>
 
@@ -110,6 +111,9 @@ bool read_init_file(FILE* stream, const char* section, const char* key, char* ou
 }
 
 char* trim_string(char* s) {
+    if (s == nullptr) {
+        return nullptr;
+    }
     s += std::strspn(s, WHITE_SPACE);
     size_t length = std::strlen(s);
     while (length > 0 && std::strchr(WHITE_SPACE, s[length - 1]) != nullptr) {
@@ -119,7 +123,7 @@ char* trim_string(char* s) {
 }
 
 bool is_comment_line(const char* s) {
-    return s[std::strspn(s, WHITE_SPACE)] == '#';
+    return s != nullptr && s[std::strspn(s, WHITE_SPACE)] == '#';
 }
 
 int get_int_from_profile(const char* section, const char* key, int defaultValue, const char* path) {
@@ -138,8 +142,10 @@ unsigned long get_string_from_profile(const char* section, const char* key,
     if (out == nullptr || size == 0) {
         return 0;
     }
-    if (!LookUp(path, section, key, out, size) && defaultValue != nullptr) {
-        std::strncpy(out, defaultValue, size - 1);
+    // A copy, for the default may be what `out` holds.
+    const CNxString fallback(defaultValue);
+    if (!LookUp(path, section, key, out, size)) {
+        std::strncpy(out, fallback.c_str(), size - 1);
     }
     return std::strlen(out);
 }

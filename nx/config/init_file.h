@@ -30,9 +30,10 @@ bool read_init_file(FILE* stream, const char* section, const char* key, char* ou
                     unsigned long size);
 
 // Writes zeros over the white space at the end; returns the first character that is none.
+// Null for null.
 char* trim_string(char* s);
 
-// Whether the first visible character is '#'.
+// Whether the first visible character is '#'. False for null.
 bool is_comment_line(const char* s);
 
 // From the file `path`. The default also for a value that is no number.

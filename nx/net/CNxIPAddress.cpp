@@ -87,12 +87,14 @@ CNxIPAddress& CNxIPAddress::operator=(const CNxIPAddress& other) {
         std::memcpy(m_octets, other.m_octets, sizeof m_octets);
         std::memcpy(m_hostName, other.m_hostName, sizeof m_hostName);
     }
-    CNxIPAddress::FormatOutput();
+    FormatOutput();
     return *this;
 }
 
 void CNxIPAddress::ToOctet(unsigned char* octets) const {
-    std::memcpy(octets, m_octets, sizeof m_octets);
+    if (octets != nullptr) {
+        std::memcpy(octets, m_octets, sizeof m_octets);
+    }
 }
 
 int CNxIPAddress::ParseAddress(const char* text) {

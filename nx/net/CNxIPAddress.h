@@ -25,7 +25,7 @@ public:
     // "1.2.3.4"; empty when not valid.
     virtual const char* ToString() const { return m_text; }
 
-    // Copies the four bytes, the first of the text first.
+    // Copies the four bytes, the first of the text first; nothing for null.
     virtual void ToOctet(unsigned char* octets) const;
 
     // Sets the bytes, and the host name when it takes a look-up; a host name of 64 or more

@@ -12,6 +12,13 @@ void* ToToken(CNxTimerPreciseWrapperIDSink* sink) {
     return sink;
 }
 
+// One may be pending that the manager's own Schedule made so.
+#ifdef NXBASE_CHECK_THREADS
+constexpr bool c_checksEveryId = true;
+#else
+constexpr bool c_checksEveryId = false;
+#endif
+
 }  // namespace
 
 CNxTimerPreciseWrapperID::CNxTimerPreciseWrapperID() : m_state(std::make_shared<State>(0)) {
@@ -19,7 +26,7 @@ CNxTimerPreciseWrapperID::CNxTimerPreciseWrapperID() : m_state(std::make_shared<
 }
 
 CNxTimerPreciseWrapperID::~CNxTimerPreciseWrapperID() {
-    if (!IsScheduled()) {
+    if (!c_checksEveryId && !IsScheduled()) {
         return;
     }
     CNxMutexGuardT<CNxMutexThread> guard(CNxTimerPreciseManager::GetMutex());

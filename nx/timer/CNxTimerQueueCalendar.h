@@ -55,8 +55,10 @@ public:
                            unsigned long count) override;
 
     // As INxTimerQueue, except for timers with an interval of zero, where the answer is
-    // NX_ERROR_NOT_FOUND: they are cancelled all the same, but when such a timer has replaced one
-    // with another interval, it is NOT cancelled.
+    // NX_ERROR_NOT_FOUND: they are cancelled all the same. But once such a timer has replaced one
+    // with another interval, NEITHER IT NOR A LATER ONE with an interval of zero is cancelled until
+    // the handler gets another interval again; cancel first to avoid that. The queue keeps a few
+    // bytes for such a handler, also after its last firing.
     NxResult CancelTimer(INxTimerHandler* handler) override;
 
     // To be called once per slot interval.

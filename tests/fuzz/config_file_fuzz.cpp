@@ -8,11 +8,10 @@
 
 namespace {
 
-// iniparser drops what looks like a remark or a quote, and blanks at the ends; a '$' is resolved.
+// Not a value that cannot be quoted; a '$' is resolved.
 bool IsKept(const CNxString& value) {
-    return value.find_first_of(";#\"'$") == CNxString::npos &&
-           (value.empty() || (static_cast<unsigned char>(value.front()) > ' ' &&
-                              static_cast<unsigned char>(value.back()) > ' '));
+    const bool hasBoth = value.find('"') != CNxString::npos && value.find('\'') != CNxString::npos;
+    return !hasBoth && value.find('$') == CNxString::npos;
 }
 
 void CheckRoundTrip(CConfigFile& config, const CNxString& section, const CNxString& key,
