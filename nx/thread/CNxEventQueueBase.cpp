@@ -3,7 +3,21 @@
 
 namespace {
 
-thread_local int s_processing = 0;
+// What a ProcessEvents of the thread has under way, and the one in whose event it was called.
+struct CBatch {
+    explicit CBatch(const std::list<INxEvent*>& events)
+        : m_current(events.begin()), m_end(events.end()) {
+        s_innermost = this;
+    }
+    ~CBatch() { s_innermost = m_outer; }
+
+    static thread_local CBatch* s_innermost;
+
+    CBatch* const m_outer = s_innermost;
+    std::list<INxEvent*>::const_iterator m_current;
+    const std::list<INxEvent*>::const_iterator m_end;
+};
+thread_local CBatch* CBatch::s_innermost = nullptr;
 
 }  // namespace
 
@@ -86,16 +100,24 @@ NxResult CNxEventQueueBase::PopOnePendingEvent(INxEvent*& out, size_t* remaining
 }
 
 NxResult CNxEventQueueBase::ProcessEvents(const std::list<INxEvent*>& events) {
-    ++s_processing;
-    for (INxEvent* event : events) {
-        ProcessOneEvent(event);
+    for (CBatch batch(events); batch.m_current != batch.m_end; ++batch.m_current) {
+        ProcessOneEvent(*batch.m_current);
     }
-    --s_processing;
     return NX_OK;
 }
 
-bool CNxEventQueueBase::IsProcessing() {
-    return s_processing != 0;
+void CNxEventQueueBase::AbandonBatches() {
+    for (CBatch* batch = CBatch::s_innermost; batch != nullptr; batch = batch->m_outer) {
+        auto next = batch->m_current;
+        if (auto* const sent = dynamic_cast<CNxEventSynchronous*>(*next)) {
+            sent->Abandon();
+        }
+        while (++next != batch->m_end) {
+            if (*next != nullptr) {
+                (*next)->OnDestorySelf();
+            }
+        }
+    }
 }
 
 NxResult CNxEventQueueBase::ProcessOneEvent(INxEvent* event) {
@@ -169,6 +191,11 @@ void CNxEventSynchronous::OnDestorySelf() {
     if (m_firstDestructionDone.exchange(1) != 0) {
         delete this;
     }
+}
+
+void CNxEventSynchronous::Abandon() {
+    m_event.store(nullptr);
+    m_done.Signal();
 }
 
 NxResult CNxEventSynchronous::WaitResultAndDeleteThis() {

@@ -50,9 +50,9 @@ public:
     // is: the caller clears it. NX_OK. Without any lock held.
     NxResult ProcessEvents(const std::list<INxEvent*>& events);
 
-    // Whether the calling thread is within ProcessEvents. Of the batch it has there, senders may be
-    // waiting that nobody can wake but its end.
-    static bool IsProcessing();
+    // For a caller within ProcessEvents that is not going to return, since it ends the process:
+    // wakes the sender of the event that it is in, and destroys those behind it unfired.
+    static void AbandonBatches();
 
     // NX_ERROR_INVALID_ARG for null, else NX_OK.
     NxResult ProcessOneEvent(INxEvent* event);
@@ -114,6 +114,10 @@ public:
 
     NxResult OnEventFire() override;
     void OnDestorySelf() override;
+
+    // For the queue's thread, within OnEventFire, when that is not going to return: wakes the
+    // sender with NX_ERROR_NOT_AVAILABLE. Wrapper and event stay as they are.
+    void Abandon();
 
     // For the sending thread, once: waits without limit until the wrapper has fired or was
     // discarded. The result of the event, or NX_ERROR_NOT_AVAILABLE when it was discarded. The

@@ -41,9 +41,10 @@ inline constexpr int NX_THREAD_USER = 4097;
 // destroys the clean-up objects (CNxCleanUpBase) newest first, then the thread objects. A thread
 // that cannot be stopped or joined (a detached one, a loop on a thread of the application's own) is
 // left alone; as it may use any of them, all thread objects and the manager then stay too, and the
-// process exits all the same. When exit() runs on a thread other than a registered main thread, or
-// within an event, whose sender may be waiting for its end, no thread but that of the precise
-// timers is stopped, and all thread objects stay.
+// process exits all the same. When exit() is called within an event, its sender and those of the
+// events behind it are answered with NX_ERROR_NOT_AVAILABLE. When exit() runs on a thread other
+// than a registered main thread, no thread but that of the precise timers is stopped, and all
+// thread objects stay.
 //
 // Any thread may call any operation. A thread object that a look-up returned is not protected
 // against being destroyed meanwhile: whoever destroys threads orders that with their users.

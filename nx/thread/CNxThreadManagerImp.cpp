@@ -385,9 +385,10 @@ bool CNxThreadManagerImp::IsMainOrHasNone() {
 }
 
 bool CNxThreadManagerImp::TearDown() {
-    // From within an event nobody can be joined: a thread may be waiting for that event's result.
-    const bool mayStop = IsMainOrHasNone() && !CNxEventQueueBase::IsProcessing();
+    const bool mayStop = IsMainOrHasNone();
     if (mayStop) {
+        // exit() may have been called within an event, for whose end a thread waits.
+        CNxEventQueueBase::AbandonBatches();
         StopAndJoinForTearDown();
     }
     // Before the queues that it posts to are freed; once more in case a singleton has needed it.

@@ -118,9 +118,10 @@ TEST_F(ProcessEnd, WorkerThatWaitsForTheMainThreadDoesNotKeepTheProcess) {
             Manager()->InitMainThread(0, nullptr);
             CNxThread* const mainThread = Manager()->GetThread(NX_THREAD_MAIN);
             INxEventQueue* const mainQueue = mainThread->GetEventQueue();
-            const auto send = [mainQueue] {
-                return mainQueue->SendEvent(
-                    new CountedEvent(counts, []() -> NxResult { std::exit(0); }));
+            const auto send = [mainQueue]() -> NxResult {
+                return std::fprintf(stderr, "answer %u",
+                                    mainQueue->SendEvent(new CountedEvent(
+                                        counts, []() -> NxResult { std::exit(0); })));
             };
             StartWorker()->GetEventQueue()->PostEvent(new CountedEvent(counts, send), c_normal);
             while (mainQueue->GetPendingEventsCount() == 0) {
@@ -131,7 +132,7 @@ TEST_F(ProcessEnd, WorkerThatWaitsForTheMainThreadDoesNotKeepTheProcess) {
             }
             std::exit(0);
         };
-        EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "") << "in the event " << inEvent;
+        EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "answer 10009") << inEvent;
     }
 }
 
