@@ -118,10 +118,11 @@ TEST_F(ProcessEnd, WorkerThatWaitsForTheMainThreadDoesNotKeepTheProcess) {
             Manager()->InitMainThread(0, nullptr);
             CNxThread* const mainThread = Manager()->GetThread(NX_THREAD_MAIN);
             INxEventQueue* const mainQueue = mainThread->GetEventQueue();
-            const auto send = [mainQueue]() -> NxResult {
-                return std::fprintf(stderr, "answer %u",
-                                    mainQueue->SendEvent(new CountedEvent(
-                                        counts, []() -> NxResult { std::exit(0); })));
+            const auto send = [mainQueue] {
+                const auto end = []() -> NxResult { std::exit(0); };
+                const NxResult answer = mainQueue->SendEvent(new CountedEvent(counts, end));
+                std::fprintf(stderr, "answer %u", answer);
+                return answer;
             };
             StartWorker()->GetEventQueue()->PostEvent(new CountedEvent(counts, send), c_normal);
             while (mainQueue->GetPendingEventsCount() == 0) {
