@@ -51,7 +51,8 @@ public:
     NxResult ProcessEvents(const std::list<INxEvent*>& events);
 
     // For a caller within ProcessEvents that is not going to return, since it ends the process:
-    // wakes the sender of the event that it is in, and destroys those behind it unfired.
+    // wakes the sender of the event that it is in, and destroys those behind it unfired. Senders
+    // read NX_ERROR_NOT_AVAILABLE. For any other caller it does nothing.
     static void AbandonBatches();
 
     // NX_ERROR_INVALID_ARG for null, else NX_OK.
@@ -116,7 +117,7 @@ public:
     void OnDestorySelf() override;
 
     // For the queue's thread, within OnEventFire, when that is not going to return: wakes the
-    // sender with NX_ERROR_NOT_AVAILABLE. Wrapper and event stay as they are.
+    // sender with NX_ERROR_NOT_AVAILABLE. Neither the wrapper nor its event is destroyed any more.
     void Abandon();
 
     // For the sending thread, once: waits without limit until the wrapper has fired or was

@@ -108,8 +108,8 @@ Text_Formator& Text_Formator::operator<<(const CNxString& text) {
 
 Text_Formator& Text_Formator::operator<<(void* pointer) {
     m_hexFlag = 1;
-    return advance("0x"),
-           *this << static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(pointer));
+    advance("0x");
+    return *this << static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(pointer));
 }
 
 Text_Formator& Text_Formator::operator<<(Ordix ordix) {

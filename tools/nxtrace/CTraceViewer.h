@@ -37,7 +37,9 @@ public:
 private:
     struct CSource {
         explicit CSource(const std::string& path, size_t pass = 0)
-            : m_file(path), m_isNamed(ParseTraceName(path, m_name)), m_pass(pass) {}
+            : m_file(path), m_isNamed(ParseTraceName(path, m_name)), m_pass(pass) {
+            m_name.m_folder = FolderOf(path);
+        }
         bool IsSameSeries(const CSource& other) const {
             return m_isNamed && other.m_isNamed && m_name.IsSameSeries(other.m_name);
         }

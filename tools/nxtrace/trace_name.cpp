@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 
 namespace {
 
@@ -36,7 +37,6 @@ bool ParseTraceName(std::string_view path, CTraceName& name) {
                            static_cast<size_t>(groups[i].rm_eo - groups[i].rm_so));
     };
     const auto number = [&](size_t i) { return std::strtol(text(i).c_str(), nullptr, 10); };
-    name.m_folder = FolderOf(path);
     name.m_process = text(1);
     name.m_kind = text(2);
     name.m_date = (number(5) * 100 + number(3)) * 100 + number(4);
@@ -47,10 +47,11 @@ bool ParseTraceName(std::string_view path, CTraceName& name) {
 
 std::string FolderOf(std::string_view path) {
     const size_t slash = path.rfind('/');
-    if (slash == std::string_view::npos) {
-        return ".";
-    }
-    return std::string(path.substr(0, std::max<size_t>(slash, 1)));
+    const std::string folder(
+        slash == std::string_view::npos ? "." : path.substr(0, std::max<size_t>(slash, 1)));
+    std::error_code error;
+    const std::string place = std::filesystem::weakly_canonical(folder, error).string();
+    return error ? folder : place;
 }
 
 bool FindTraceFiles(const std::string& folder, std::string_view process,

@@ -6,7 +6,8 @@
 #include <vector>
 
 struct CTraceName {
-    // Other folders are other machines' as a rule, where the same process id means nothing.
+    // FolderOf the path, filled in by who compares files of several folders: another one is another
+    // machine's as a rule, where the same process id means nothing.
     std::string m_folder;
     std::string m_process;
     // "info", "warning", "error" or "fatal".
@@ -26,10 +27,10 @@ struct CTraceName {
     }
 };
 
-// Whether the path's last part is such a name.
+// Whether the path's last part is such a name; then all but the folder is filled in.
 bool ParseTraceName(std::string_view path, CTraceName& name);
 
-// The folder of a path, "." when it names none.
+// The folder of a path, written in one way only, whatever way led to it.
 std::string FolderOf(std::string_view path);
 
 // The paths of the trace files in a folder, sorted by name: all of them, or those of one process,

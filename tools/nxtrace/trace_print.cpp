@@ -169,13 +169,13 @@ bool CTraceDuplicates::IsSecond(const CTraceRecord& record, const CTraceName& fi
         return false;
     }
     const size_t side = file.m_kind == "info" ? 0 : 1;
-    CSeen own{record.m_time, record.m_tid, file.m_process, record.m_pid,
-              std::string(level) + ":" + std::string(record.m_text)};
+    CSeen own{record.m_time,  record.m_tid, file.m_folder,
+              file.m_process, record.m_pid, std::string(level) + ":" + std::string(record.m_text)};
     std::deque<CSeen>& others = m_seen[1 - side];
     const auto copy = std::find_if(others.begin(), others.end(), [&](const CSeen& seen) {
         return std::abs(seen.m_time - own.m_time) <= DUPLICATE_MS && seen.m_tid == own.m_tid &&
                seen.m_pid == own.m_pid && seen.m_process == own.m_process &&
-               seen.m_levelAndText == own.m_levelAndText;
+               seen.m_folder == own.m_folder && seen.m_levelAndText == own.m_levelAndText;
     });
     if (copy != others.end()) {
         others.erase(copy);

@@ -44,13 +44,15 @@ private:
 // are remembered that have not met their copy: thousands may share a millisecond.
 class CTraceDuplicates {
 public:
-    // Whether the same record was seen before in another kind of file of the same process.
+    // Whether the same record was seen before in another kind of file of the same process and
+    // folder.
     bool IsSecond(const CTraceRecord& record, const CTraceName& file);
 
 private:
     struct CSeen {
         std::int64_t m_time;
         long m_tid;
+        std::string m_folder;
         std::string m_process;
         long m_pid;
         std::string m_levelAndText;
