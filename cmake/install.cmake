@@ -4,8 +4,17 @@ include(GNUInstallDirs)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/nxbase)
 install(TARGETS nxbase EXPORT nxbaseTargets)
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/nx DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-        FILES_MATCHING PATTERN "*.h")
+# Headers that say "Inside the library only" in their first line are not installed.
+file(GLOB_RECURSE headers CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}
+     ${PROJECT_SOURCE_DIR}/nx/*.h)
+foreach(header ${headers})
+    file(STRINGS ${PROJECT_SOURCE_DIR}/${header} first_line LIMIT_COUNT 1)
+    if(NOT first_line MATCHES "^// Inside the library only")
+        get_filename_component(folder ${header} DIRECTORY)
+        install(FILES ${PROJECT_SOURCE_DIR}/${header}
+                DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder})
+    endif()
+endforeach()
 install(EXPORT nxbaseTargets NAMESPACE nxbase:: DESTINATION ${package_dir})
 
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/nxbaseConfig.cmake.in nxbaseConfig.cmake

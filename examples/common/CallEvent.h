@@ -1,7 +1,7 @@
 // An event that calls a function.
 #pragma once
 
-#include <nx/thread/INxEventQueue.h>
+#include <nx/event/INxEventQueue.h>
 
 #include <utility>
 

@@ -1,6 +1,6 @@
 #include <common/CommandLine.h>
 #include <nx/config/init_file.h>
-#include <nx/trace/trace_setting.h>
+#include <nx/process/trace_setting.h>
 
 #include <algorithm>
 #include <cerrno>

@@ -5,7 +5,7 @@
 #include <nx/net/CNxSocket.h>
 #include <nx/reactor/INxReactor.h>
 #include <nx/thread/CNxSimpleMessageQueue.h>
-#include <nx/timer/CNxTimerPreciseWrapperID.h>
+#include <nx/thread/CNxTimerPreciseWrapperID.h>
 #include <reliable_sender/Options.h>
 
 #include <cstdint>

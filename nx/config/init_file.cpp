@@ -1,6 +1,6 @@
 #include <nx/config/init_file.h>
 #include <nx/foundation/CNxString.h>
-#include <nx/trace/trace_setting.h>
+#include <nx/process/trace_setting.h>
 #include <strings.h>
 
 #include <cstdlib>

@@ -1,5 +1,5 @@
 // Reads profile files - [section] lines and key=value lines - above all the process's own
-// configuration file (g_strConfigfile1, nx/trace/trace_setting.h).
+// configuration file (g_strConfigfile1, nx/process/trace_setting.h).
 //
 // Nothing is cached: every look-up opens the file, scans it from the top and closes it, so an
 // edited file counts from the next look-up on. Any thread may call any function. Nothing is

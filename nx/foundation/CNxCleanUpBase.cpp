@@ -1,27 +1,17 @@
 #include <nx/foundation/CNxCleanUpBase.h>
-#include <nx/foundation/CNxMutexThread.h>
-#include <nx/thread/CNxThreadManager.h>
+#include <nx/foundation/CNxProcessWide.h>
 
 CNxCleanUpBase* CNxCleanUpBase::s_pHeader = nullptr;
 
-namespace {
-
-CNxMutexThreadRecursive& GetSingletonMutex() {
-    CNxMutexThreadRecursive* mutex = nullptr;
-    CNxThreadManager::Instance()->GetSingletonMutex(mutex);
-    return *mutex;
-}
-
-}  // namespace
-
 CNxCleanUpBase::CNxCleanUpBase() {
-    CNxMutexGuardT<CNxMutexThreadRecursive> guard(GetSingletonMutex());
+    CNxMutexGuardT<CNxMutexThreadRecursive> guard(CNxProcessWide::GetSingletonMutex());
+    CNxProcessWide::SetTearDownIfNone(&CNxCleanUpBase::CleanupAll);
     m_next = s_pHeader;
     s_pHeader = this;
 }
 
 void CNxCleanUpBase::CleanupAll() {
-    CNxMutexGuardT<CNxMutexThreadRecursive> guard(GetSingletonMutex());
+    CNxMutexGuardT<CNxMutexThreadRecursive> guard(CNxProcessWide::GetSingletonMutex());
     CNxCleanUpBase* object = s_pHeader;
     while (object != nullptr) {
         CNxCleanUpBase* const next = object->m_next;

@@ -1,17 +1,19 @@
 // The intrusive reference count of shared objects (data blocks, DNS records).
 #pragma once
 
-#include <nx/foundation/CNxMutexThread.h>
-#include <nx/thread/CNxThreadManager.h>
+#include <atomic>
+#include <cassert>
+
+class CNxMutexThread;
 
 // Base of an object that is shared by counting references; CNxAutoPtr holds one. The count starts
 // at 0: whoever makes the object takes the first reference.
 //
-// One process-wide mutex, handed out by the thread manager, guards the counts of all objects, so
-// references may be taken and released on any thread. It outlives every object, static ones
-// included. Nothing is called while it is held.
+// Any thread may take and release references; nothing is locked. What a thread did with the object
+// before its release has happened for the thread that destroys it.
 //
-// Instantiated as CNxReferenceControlT<CNxMutexThread>.
+// Instantiated as CNxReferenceControlT<CNxMutexThread>: the mutex names the kind of threads that
+// share the object, and is not used.
 template <class Mutex>
 class CNxReferenceControlT {
 public:
@@ -19,15 +21,13 @@ public:
     CNxReferenceControlT& operator=(const CNxReferenceControlT&) = delete;
 
     // Returns the new count.
-    long AddReference() {
-        CNxMutexGuardT<Mutex> guard(*m_mutex);
-        return ++m_references;
-    }
+    long AddReference() { return m_references.fetch_add(1, std::memory_order_relaxed) + 1; }
 
-    // Returns the new count. The call that brings it to 0 runs OnReferenceDestory() and answers 0;
+    // Returns the new count. The call that brings it to 0 runs OnReferenceDestory() and returns 0;
     // the object must not be touched afterwards.
     long ReleaseReference() {
-        const long references = Decrement();
+        const long references = m_references.fetch_sub(1, std::memory_order_acq_rel) - 1;
+        assert(references >= 0);
         if (references != 0) {
             return references;
         }
@@ -36,22 +36,16 @@ public:
     }
 
 protected:
-    CNxReferenceControlT() { CNxThreadManager::Instance()->GetReferenceControlMutex(m_mutex); }
+    CNxReferenceControlT() = default;
 
 public:
     virtual ~CNxReferenceControlT() = default;
 
 protected:
-    // Called exactly once, without the mutex, when the last reference is gone. Overridden by
-    // objects that go back to where they came from instead of being deleted.
+    // Called exactly once, when the last reference is gone. Overridden by objects that go back to
+    // where they came from instead of being deleted.
     virtual void OnReferenceDestory() { delete this; }
 
 private:
-    long Decrement() {
-        CNxMutexGuardT<Mutex> guard(*m_mutex);
-        return --m_references;
-    }
-
-    Mutex* m_mutex = nullptr;
-    long m_references = 0;
+    std::atomic<long> m_references{0};
 };

@@ -4,8 +4,7 @@
 #include <atomic>
 
 #include <nx/foundation/CNxCleanUpBase.h>
-#include <nx/foundation/CNxMutexThread.h>
-#include <nx/thread/CNxThreadManager.h>
+#include <nx/foundation/CNxProcessWide.h>
 
 // Holds the single T of the process. T offers its own `static T* Instance()` that returns
 // CNxSingletonT<T>::Instance(), and makes this class a friend if its constructor is private.
@@ -14,20 +13,15 @@
 template <class T>
 class CNxSingletonT : public CNxCleanUpBase {
 public:
-    // Any thread; T is constructed once. Null when the thread manager yields no mutex. Not to be
-    // called after the tear-down: it would answer the destroyed object.
+    // Any thread; T is constructed once. Never null. Not to be called after the tear-down: it would
+    // return the destroyed object.
     static T* Instance() {
         static std::atomic<CNxSingletonT*> s_pInstance{nullptr};
         CNxSingletonT* instance = s_pInstance.load(std::memory_order_acquire);
         if (instance != nullptr) {
             return &instance->m_object;
         }
-        CNxMutexThreadRecursive* mutex = nullptr;
-        CNxThreadManager::Instance()->GetSingletonMutex(mutex);
-        if (mutex == nullptr) {
-            return nullptr;
-        }
-        CNxMutexGuardT<CNxMutexThreadRecursive> guard(*mutex);
+        CNxMutexGuardT<CNxMutexThreadRecursive> guard(CNxProcessWide::GetSingletonMutex());
         instance = s_pInstance.load(std::memory_order_relaxed);
         if (instance == nullptr) {
             instance = new CNxSingletonT;

@@ -1,5 +1,6 @@
 #include <nx/foundation/CNxTimeUtils.h>
 
+#include <cerrno>
 #include <cstdio>
 
 namespace {
@@ -83,4 +84,10 @@ CNxString GetGMTTimeString() {
                   c_weekdays[date.tm_wday], date.tm_mday, c_months[date.tm_mon - 1], date.tm_year,
                   date.tm_hour, date.tm_min, date.tm_sec);
     return {text};
+}
+
+void cnx_sleep_ms(unsigned long ms) {
+    timespec remaining{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
+    while (nanosleep(&remaining, &remaining) == -1 && errno == EINTR) {
+    }
 }

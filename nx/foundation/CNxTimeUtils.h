@@ -62,3 +62,7 @@ void cnx_gmtime(long t, tm* out);
 
 // The current UTC time as in "Sun, 15 Nov 2026 18:12:11 GMT" (RFC 1123).
 CNxString GetGMTTimeString();
+
+// Sleeps that many milliseconds in full, also when signals interrupt it; any other failure of
+// nanosleep(2) ends the sleep.
+void cnx_sleep_ms(unsigned long ms);

@@ -1,5 +1,6 @@
 #include <nx/reactor/CNxReactorBase.h>
 #include <nx/timer/CNxTimerQueueOrderedList.h>
+#include <pthread.h>
 
 #include <utility>
 
@@ -54,7 +55,7 @@ NxResult CNxReactorBase::Close() {
 void CNxReactorBase::Reset2CurrentThread() {
     m_Est.Reset2CurrentThreadId();
     CNxStopFlag::Reset2CurrentThreadId();
-    SetOwnerThreadId(CNxThreadManager::GetThreadSelfId());
+    SetOwnerThreadId(pthread_self());
     if (m_pTimerQueue != nullptr) {
         m_pTimerQueue->Reset2CurrentThreadId();
     }

@@ -4,10 +4,10 @@
 
 #include <memory>
 
+#include <nx/event/CNxEventQueueUsingMutex.h>
+#include <nx/foundation/CNxUtilClasses.h>
 #include <nx/reactor/CNxEventHandlerRepository.h>
 #include <nx/reactor/INxReactor.h>
-#include <nx/thread/CNxEventQueueUsingMutex.h>
-#include <nx/thread/CNxUtilClasses.h>
 #include <nx/timer/CNxTimerQueueBase.h>
 
 // Life: constructed (stopped) -> Open on the thread that runs the loop -> RunEventLoop until

@@ -2,8 +2,8 @@
 // queue and timer queue.
 #pragma once
 
+#include <nx/event/INxEventQueue.h>
 #include <nx/reactor/INxEventHandler.h>
-#include <nx/thread/INxEventQueue.h>
 #include <nx/timer/INxTimerQueue.h>
 
 // Any thread may call PostEvent, SendEvent, GetPendingEventsCount, NotifyHandler and StopEventLoop;

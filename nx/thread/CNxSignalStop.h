@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-#include <nx/thread/INxEventQueue.h>
+#include <nx/event/INxEventQueue.h>
 
 class CNxThread;
 

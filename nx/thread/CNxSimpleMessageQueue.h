@@ -6,7 +6,7 @@
 #include <memory>
 
 #include <nx/foundation/CNxMutexThread.h>
-#include <nx/timer/CNxTimerWrapperID.h>
+#include <nx/thread/CNxTimerWrapperID.h>
 
 // A request that waits for its response, with a copy of its bytes.
 class CNxSimpleMessage {

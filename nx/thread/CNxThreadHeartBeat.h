@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include <nx/thread/CNxEventQueueUsingMutex.h>
+#include <nx/event/CNxEventQueueUsingMutex.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/timer/CNxTimerQueueOrderedList.h>
 

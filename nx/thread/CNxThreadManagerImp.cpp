@@ -1,37 +1,30 @@
+#include <nx/event/CNxCallingThread.h>
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/foundation/CNxEventThread.h>
+#include <nx/foundation/CNxProcessWide.h>
+#include <nx/foundation/CNxTimeUtils.h>
+#include <nx/process/trace_setting.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/thread/CNxThreadDummy.h>
 #include <nx/thread/CNxThreadHeartBeat.h>
 #include <nx/thread/CNxThreadManagerImp.h>
 #include <nx/thread/CNxThreadReactor.h>
 #include <nx/thread/CNxThreadTask.h>
-#include <nx/timer/CNxTimerPreciseManager.h>
-#include <nx/trace/trace_setting.h>
+#include <nx/thread/CNxTimerPreciseManager.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <ctime>
 
 namespace {
 
 std::atomic<CNxThreadManager*> s_pThreadManagerOnlyOne{nullptr};
 pthread_mutex_t s_creationMutex = PTHREAD_MUTEX_INITIALIZER;
 
-// Never destroyed: counted objects, static ones too, may use these two at any time.
-CNxMutexThreadRecursive& ImmortalSingletonMutex() {
-    static auto* const s_mutex = new CNxMutexThreadRecursive;
-    return *s_mutex;
-}
-
-CNxMutexThread& ImmortalReferenceControlMutex() {
-    static auto* const s_mutex = new CNxMutexThread;
-    return *s_mutex;
+INxEventQueue* GetCallingThreadEventQueue() {
+    return CNxThreadManager::Instance()->GetThreadEventQueue(NX_THREAD_CALLING);
 }
 
 // Makes the calling thread the owner of what feeds `thread`.
@@ -118,7 +111,8 @@ CNxThreadManager* CNxThreadManager::Instance() {
     if (manager == nullptr) {
         manager = new CNxThreadManagerImp;
         s_pThreadManagerOnlyOne.store(manager, std::memory_order_release);
-        std::atexit(&CNxThreadManager::CleanupOnlyOne);
+        CNxProcessWide::SetTearDown(&CNxThreadManager::CleanupOnlyOne);
+        CNxCallingThread::SetFinder(&GetCallingThreadEventQueue);
     }
     pthread_mutex_unlock(&s_creationMutex);
     return manager;
@@ -126,8 +120,12 @@ CNxThreadManager* CNxThreadManager::Instance() {
 
 void CNxThreadManager::CleanupOnlyOne() {
     auto* const manager = static_cast<CNxThreadManagerImp*>(s_pThreadManagerOnlyOne.load());
+    if (manager == nullptr) {
+        CNxCleanUpBase::CleanupAll();
+        return;
+    }
     // A thread that still runs keeps the manager it knows.
-    if (manager != nullptr && manager->TearDown()) {
+    if (manager->TearDown()) {
         delete manager;
     }
 }
@@ -162,9 +160,7 @@ bool CNxThreadManager::IsEqualCurrentThread(int type) {
 }
 
 void CNxThreadManager::SleepMs(unsigned long ms) {
-    timespec remaining{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
-    while (nanosleep(&remaining, &remaining) == -1 && errno == EINTR) {
-    }
+    cnx_sleep_ms(ms);
 }
 
 int CNxThreadManager::GetNetworkThreadModule() {
@@ -187,10 +183,7 @@ int CNxThreadManagerImp::GetPlannedCpu(int index) const {
 }
 
 CNxThreadManagerImp::CNxThreadManagerImp()
-    : m_singletonMutex(ImmortalSingletonMutex()),
-      m_referenceControlMutex(ImmortalReferenceControlMutex()),
-      m_processors(sysconf(_SC_NPROCESSORS_ONLN)),
-      m_cpuPlan(m_processors) {}
+    : m_processors(sysconf(_SC_NPROCESSORS_ONLN)), m_cpuPlan(m_processors) {}
 
 CNxThreadManagerImp::~CNxThreadManagerImp() {
     s_pThreadManagerOnlyOne.store(nullptr);
@@ -366,12 +359,12 @@ NxResult CNxThreadManagerImp::UnregisterThread(CNxThread* thread) {
 }
 
 NxResult CNxThreadManagerImp::GetSingletonMutex(CNxMutexThreadRecursive*& mutex) {
-    mutex = &m_singletonMutex;
+    mutex = &CNxProcessWide::GetSingletonMutex();
     return NX_OK;
 }
 
 NxResult CNxThreadManagerImp::GetReferenceControlMutex(CNxMutexThread*& mutex) {
-    mutex = &m_referenceControlMutex;
+    mutex = &CNxProcessWide::GetReferenceControlMutex();
     return NX_OK;
 }
 

@@ -1,4 +1,4 @@
-// The thread manager's implementation. Programs use it through CNxThreadManager.
+// Inside the library only: the thread manager's implementation. Programs use CNxThreadManager.
 #pragma once
 
 #include <atomic>
@@ -56,8 +56,6 @@ private:
     void StopAndJoinForTearDown();
     bool DestroyThreads();
 
-    CNxMutexThreadRecursive& m_singletonMutex;
-    CNxMutexThread& m_referenceControlMutex;
     std::vector<CNxThread*> m_threads NX_GUARDED_BY(m_registryMutex);
     CNxMutexThread m_registryMutex;
     unsigned int m_lastUserType NX_GUARDED_BY(m_registryMutex) = NX_THREAD_USER - 1;

@@ -2,7 +2,7 @@
 // thread's event queue.
 #pragma once
 
-#include <nx/thread/INxEventQueue.h>
+#include <nx/event/INxEventQueue.h>
 
 class CNxThread;
 

@@ -1,4 +1,4 @@
-#include <nx/thread/CNxEventStop.h>
+#include <nx/event/CNxEventStop.h>
 #include <nx/thread/CNxThreadTask.h>
 
 #include <limits>

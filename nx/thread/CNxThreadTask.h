@@ -3,9 +3,9 @@
 
 #include <memory>
 
-#include <nx/thread/CNxEventQueueUsingConditionVariable.h>
+#include <nx/event/CNxEventQueueUsingConditionVariable.h>
+#include <nx/foundation/CNxUtilClasses.h>
 #include <nx/thread/CNxThread.h>
-#include <nx/thread/CNxUtilClasses.h>
 #include <nx/timer/CNxTimerQueueOrderedList.h>
 
 // Sleeps until events come and fires them in order.

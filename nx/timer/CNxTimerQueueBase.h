@@ -2,8 +2,8 @@
 // over a container that a subclass supplies.
 #pragma once
 
+#include <nx/foundation/CNxUtilClasses.h>
 #include <nx/foundation/INxObserver.h>
-#include <nx/thread/CNxUtilClasses.h>
 #include <nx/timer/INxTimerQueue.h>
 
 // Belongs to the thread that made it (Reset2CurrentThreadId moves it); takes no lock. Has no thread

@@ -4,7 +4,7 @@
 #include <functional>
 #include <utility>
 
-#include <nx/thread/CNxThreadManager.h>
+#include <nx/event/CNxCallingThread.h>
 
 namespace {
 
@@ -26,9 +26,7 @@ CNxTimerQueueCalendar::CNxTimerQueueCalendar(unsigned long slotIntervalMs, unsig
     : m_slotIntervalMs(std::max(slotIntervalMs, c_minSlotIntervalMs)),
       m_slots(GetLastIndex(m_slotIntervalMs, maxTimeMs) + 1),
       m_lastIndex(m_slots.size() - 1),
-      m_eventQueue(eventQueue != nullptr
-                       ? eventQueue
-                       : CNxThreadManager::Instance()->GetThreadEventQueue(NX_THREAD_CALLING)) {}
+      m_eventQueue(eventQueue != nullptr ? eventQueue : CNxCallingThread::GetEventQueue()) {}
 
 CNxTimerQueueCalendar::~CNxTimerQueueCalendar() {
     m_slots.push_back(m_immediate);

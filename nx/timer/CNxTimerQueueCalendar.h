@@ -6,7 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include <nx/thread/INxEventQueue.h>
+#include <nx/event/INxEventQueue.h>
 #include <nx/timer/INxTimerQueue.h>
 
 // One link of a slot's chain.

@@ -1,11 +1,11 @@
 #include <nx/config/init_file.h>
+#include <nx/foundation/CCancelOff.h>
 #include <nx/process/process_path.h>
-#include <nx/trace/CCancelOff.h>
+#include <nx/process/trace_setting.h>
 #include <nx/trace/CNxT120Trace.h>
 #include <nx/trace/CNxT120TraceFile.h>
 #include <nx/trace/CNxT120TraceFileMgr.h>
 #include <nx/trace/CTraceStamp.h>
-#include <nx/trace/trace_setting.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -6,7 +6,7 @@
 //
 // Every line goes to the info file; lines of level 11 also to the warning file, of level 1 to the
 // error file, of level 0 to the fatal file. What is switched on stands in the section Trace of the
-// process's configuration file HOME/conf/NAME.cfg (nx/trace/trace_setting.h):
+// process's configuration file HOME/conf/NAME.cfg (nx/process/trace_setting.h):
 //
 //     [Trace]
 //     Enable=TRUE

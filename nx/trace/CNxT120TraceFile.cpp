@@ -1,5 +1,5 @@
 #include <fcntl.h>
-#include <nx/trace/CCancelOff.h>
+#include <nx/foundation/CCancelOff.h>
 #include <nx/trace/CNxT120TraceFile.h>
 #include <nx/trace/CTraceStamp.h>
 #include <sys/stat.h>

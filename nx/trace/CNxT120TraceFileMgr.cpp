@@ -1,4 +1,4 @@
-#include <nx/trace/CCancelOff.h>
+#include <nx/foundation/CCancelOff.h>
 #include <nx/trace/CNxT120TraceFile.h>
 #include <nx/trace/CNxT120TraceFileMgr.h>
 #include <nx/trace/trace_utils.h>

@@ -1,9 +1,7 @@
 #include <nx/foundation/CNxMutexThread.h>
+#include <nx/foundation/CNxTimeUtils.h>
 #include <nx/trace/trace_utils.h>
 #include <sys/time.h>
-
-#include <cerrno>
-#include <ctime>
 
 unsigned long get_tick_count() {
     timeval now{};
@@ -17,9 +15,7 @@ unsigned long calculate_tick_interval(unsigned long start, unsigned long end) {
 }
 
 void ms_sleep(unsigned long ms) {
-    timespec remaining{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
-    while (nanosleep(&remaining, &remaining) == -1 && errno == EINTR) {
-    }
+    cnx_sleep_ms(ms);
 }
 
 void CleanLock(CNxMutexThreadBase* mutex) NX_NO_THREAD_SAFETY_ANALYSIS {

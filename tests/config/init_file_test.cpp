@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 #include <nx/config/CNxConfigInitFile.h>
 #include <nx/config/init_file.h>
-#include <nx/trace/trace_setting.h>
+#include <nx/process/trace_setting.h>
 
 #include <cstring>
 

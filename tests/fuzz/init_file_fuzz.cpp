@@ -1,7 +1,7 @@
 // The profile reader: no file content makes a look-up read or write outside its buffers.
 #include <nx/config/CNxConfigInitFile.h>
 #include <nx/config/init_file.h>
-#include <nx/trace/trace_setting.h>
+#include <nx/process/trace_setting.h>
 
 #include <cstdio>
 #include <cstring>

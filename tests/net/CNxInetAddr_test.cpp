@@ -7,8 +7,8 @@
 #include <vector>
 
 #include <nx/foundation/CNxAutoPtr.h>
-#include <nx/net/CNxDnsManager.h>
 #include <nx/net/CNxInetAddr.h>
+#include <nx/resolve/CNxDnsManager.h>
 
 namespace {
 

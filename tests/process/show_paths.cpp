@@ -1,6 +1,6 @@
 // A program that tells what trace_setting_init found; the test copies it to different places.
 #include <nx/process/process_path.h>
-#include <nx/trace/trace_setting.h>
+#include <nx/process/trace_setting.h>
 
 #include <cstdio>
 #include <thread>

@@ -1,5 +1,5 @@
 // What is particular to readiness by signals: the queue and its overflow.
-#include <nx/reactor/CNxReactorRealTimeSignal.h>
+#include <nx/reactor/realtime/CNxReactorRealTimeSignal.h>
 #include <nx/thread/CNxThread.h>
 #include <sys/resource.h>
 

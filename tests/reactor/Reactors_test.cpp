@@ -1,7 +1,7 @@
 // What users of any reactor rely on, proved over each of them.
 #include <nx/reactor/CNxReactorEpoll.h>
-#include <nx/reactor/CNxReactorRealTimeSignal.h>
 #include <nx/reactor/CNxReactorSelect.h>
+#include <nx/reactor/realtime/CNxReactorRealTimeSignal.h>
 
 #include <memory>
 #include <string>

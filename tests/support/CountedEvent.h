@@ -1,7 +1,7 @@
 // An event that keeps a public record of what the library did with it.
 #pragma once
 
-#include <nx/thread/INxEventQueue.h>
+#include <nx/event/INxEventQueue.h>
 
 #include <atomic>
 #include <functional>

@@ -1,7 +1,7 @@
 // The event that ends the loop of the thread that fires it.
 #pragma once
 
-#include <nx/thread/INxEventQueue.h>
+#include <nx/event/INxEventQueue.h>
 
 // Thread is a kind with SetStopFlag(); it must outlive the event, which it does in its own queue.
 template <class Thread>

@@ -1,4 +1,4 @@
-#include <nx/thread/CNxEventQueueUsingConditionVariable.h>
+#include <nx/event/CNxEventQueueUsingConditionVariable.h>
 
 NxResult CNxEventQueueUsingConditionVariable::PostEvent(INxEvent* event, EPriority /*priority*/) {
     return Post_i(event, false);

@@ -1,5 +1,5 @@
 #include <nx/thread/CNxThreadManager.h>
-#include <nx/timer/CNxTimerWrapperID.h>
+#include <nx/thread/CNxTimerWrapperID.h>
 
 CNxTimerWrapperID::~CNxTimerWrapperID() {
     Cancel();

@@ -1,5 +1,5 @@
 #include <gtest/gtest.h>
-#include <nx/thread/CNxEventQueueUsingConditionVariable.h>
+#include <nx/event/CNxEventQueueUsingConditionVariable.h>
 #include <nx/thread/CNxThreadManager.h>
 
 #include <thread>

@@ -1,4 +1,4 @@
-#include <nx/reactor/CNxReactorThreadProxy.h>
+#include <nx/thread/CNxReactorThreadProxy.h>
 
 namespace {
 

@@ -4,9 +4,9 @@
 #include <atomic>
 #include <list>
 
+#include <nx/event/INxEventQueue.h>
 #include <nx/foundation/CNxEventThread.h>
 #include <nx/foundation/CNxTimeValue.h>
-#include <nx/thread/INxEventQueue.h>
 
 // A first-in first-out list of events with the rules of posting, sending, popping and refusing.
 // Safe only where the caller holds the lock of the owning object; the queues for use between

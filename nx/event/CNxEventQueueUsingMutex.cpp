@@ -1,4 +1,4 @@
-#include <nx/thread/CNxEventQueueUsingMutex.h>
+#include <nx/event/CNxEventQueueUsingMutex.h>
 
 NxResult CNxEventQueueUsingMutex::PostEvent(INxEvent* event, EPriority priority) {
     return PostEventWithOldSize(event, priority, nullptr);

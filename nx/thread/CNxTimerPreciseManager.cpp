@@ -1,5 +1,5 @@
 #include <nx/foundation/CNxEventThread.h>
-#include <nx/timer/CNxTimerPreciseManager.h>
+#include <nx/thread/CNxTimerPreciseManager.h>
 
 namespace {
 

@@ -1,6 +1,6 @@
+#include <nx/foundation/CCancelOff.h>
 #include <nx/process/process_path.h>
-#include <nx/trace/CCancelOff.h>
-#include <nx/trace/trace_setting.h>
+#include <nx/process/trace_setting.h>
 
 #include <atomic>
 #include <cstdio>

@@ -1,5 +1,5 @@
 #include <nx/foundation/CNxAutoPtr.h>
-#include <nx/net/CNxDnsManager.h>
+#include <nx/resolve/CNxDnsManager.h>
 
 NxResult CNxDnsRecord::GetFirstIPAddr(CNxInetAddr& address) const {
     if (m_addresses.empty()) {

@@ -1,9 +1,9 @@
 // The marks of objects that belong to one thread, and the flag that ends a thread's loop.
 #pragma once
 
-#include <atomic>
+#include <pthread.h>
 
-#include <nx/thread/CNxThreadManager.h>
+#include <atomic>
 
 // Remembers the one thread that may use an object. In checking builds (NXBASE_CHECK_THREADS, on in
 // Debug and sanitizer builds) a call from another thread ends the process with a message; otherwise
@@ -11,9 +11,9 @@
 class CNxEnsureSingleThread {
 public:
     // The constructing thread.
-    CNxEnsureSingleThread() : m_threadId(CNxThreadManager::GetThreadSelfId()) {}
+    CNxEnsureSingleThread() : m_threadId(pthread_self()) {}
 
-    void Reset2CurrentThreadId() { Reset2ThreadId(CNxThreadManager::GetThreadSelfId()); }
+    void Reset2CurrentThreadId() { Reset2ThreadId(pthread_self()); }
     void Reset2ThreadId(unsigned long id) { m_threadId.store(id, std::memory_order_relaxed); }
 
     // `what` names the object in the message.

@@ -1,6 +1,6 @@
 #include <nx/thread/CNxThread.h>
-#include <nx/timer/CNxTimerPreciseManager.h>
-#include <nx/timer/CNxTimerPreciseWrapperID.h>
+#include <nx/thread/CNxTimerPreciseManager.h>
+#include <nx/thread/CNxTimerPreciseWrapperID.h>
 
 #include <cstdio>
 #include <cstdlib>

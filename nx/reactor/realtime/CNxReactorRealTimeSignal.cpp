@@ -1,6 +1,6 @@
 #include <fcntl.h>
 #include <linux/sysctl.h>
-#include <nx/reactor/CNxReactorRealTimeSignal.h>
+#include <nx/reactor/realtime/CNxReactorRealTimeSignal.h>
 #include <poll.h>
 #include <sys/syscall.h>
 #include <unistd.h>

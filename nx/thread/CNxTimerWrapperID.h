@@ -1,6 +1,6 @@
 // A timer as a member of the object that needs it, instead of a base class: the object hands it a
-// sink and is called back. For timers of the thread itself; nx/timer/CNxTimerPreciseWrapperID.h has
-// the ones that call another thread.
+// sink and is called back. For timers of the thread itself; nx/thread/CNxTimerPreciseWrapperID.h
+// has the ones that call another thread.
 #pragma once
 
 #include <nx/foundation/CNxTimeValue.h>

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 #include <nx/thread/CNxThreadHeartBeat.h>
-#include <nx/timer/CNxTimerWrapperID.h>
+#include <nx/thread/CNxTimerWrapperID.h>
 
 #include "../support/SimulatedClock.h"
 

@@ -1,8 +1,8 @@
 #include <nx/reactor/CNxReactorSelect.h>
-#include <nx/reactor/CNxReactorThreadProxy.h>
+#include <nx/thread/CNxReactorThreadProxy.h>
 #include <nx/thread/CNxThread.h>
 
-#include "ReactorSupport.h"
+#include "../reactor/ReactorSupport.h"
 
 namespace {
 

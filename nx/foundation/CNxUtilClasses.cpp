@@ -1,4 +1,4 @@
-#include <nx/thread/CNxUtilClasses.h>
+#include <nx/foundation/CNxUtilClasses.h>
 
 #ifdef NXBASE_CHECK_THREADS
 
@@ -7,8 +7,8 @@
 
 void CNxEnsureSingleThread::EnsureSingleThread(const char* what) const {
     const unsigned long owner = m_threadId.load(std::memory_order_relaxed);
-    const unsigned long caller = CNxThreadManager::GetThreadSelfId();
-    if (CNxThreadManager::IsThreadEqual(owner, caller)) {
+    const unsigned long caller = pthread_self();
+    if (owner == caller) {
         return;
     }
     std::fprintf(stderr, "nxbase: %s belongs to thread %lx but was used from thread %lx\n", what,

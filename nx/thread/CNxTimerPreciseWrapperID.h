@@ -6,8 +6,8 @@
 #include <atomic>
 #include <memory>
 
+#include <nx/event/INxEventQueue.h>
 #include <nx/foundation/CNxTimeValue.h>
-#include <nx/thread/INxEventQueue.h>
 #include <nx/timer/INxTimerQueue.h>
 
 class CNxTimerPreciseWrapperID;
@@ -34,7 +34,7 @@ public:
 // Schedule and Cancel may be called on any thread, also at the same time.
 class CNxTimerPreciseWrapperID : public INxTimerHandler {
 public:
-    // The first one starts the thread of all precise timers (nx/timer/CNxTimerPreciseManager.h),
+    // The first one starts the thread of all precise timers (nx/thread/CNxTimerPreciseManager.h),
     // so it is not made before InitMainThread.
     CNxTimerPreciseWrapperID();
     ~CNxTimerPreciseWrapperID() override;

@@ -1,8 +1,8 @@
 // Precise timers: in a crowd, then at the end of a process.
 #include <gtest/gtest.h>
 #include <nx/thread/CNxThreadManager.h>
-#include <nx/timer/CNxTimerPreciseManager.h>
-#include <nx/timer/CNxTimerPreciseWrapperID.h>
+#include <nx/thread/CNxTimerPreciseManager.h>
+#include <nx/thread/CNxTimerPreciseWrapperID.h>
 
 #include <chrono>
 #include <cstdlib>

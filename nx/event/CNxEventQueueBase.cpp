@@ -1,5 +1,5 @@
-#include <nx/thread/CNxEventQueueBase.h>
-#include <nx/thread/CNxThreadManager.h>
+#include <nx/event/CNxEventQueueBase.h>
+#include <pthread.h>
 
 namespace {
 
@@ -41,7 +41,7 @@ NxResult CNxEventQueueBase::SendEvent(INxEvent* event) {
         event->OnDestorySelf();
         return NX_ERROR_NOT_INITIALIZED;
     }
-    if (CNxThreadManager::IsEqualCurrentThread(GetOwnerThreadId())) {
+    if (GetOwnerThreadId() == pthread_self()) {
         const NxResult result = event->OnEventFire();
         event->OnDestorySelf();
         return result;

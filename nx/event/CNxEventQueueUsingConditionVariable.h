@@ -1,8 +1,8 @@
 // The event queue that any thread may post to and whose owner sleeps until something comes.
 #pragma once
 
+#include <nx/event/CNxEventQueueBase.h>
 #include <nx/foundation/CNxConditionVariableThread.h>
-#include <nx/thread/CNxEventQueueBase.h>
 
 // CNxEventQueueBase behind a mutex and a condition variable. Every operation below locks by itself;
 // events are fired and destroyed without the lock, so an event may post to its own queue at any

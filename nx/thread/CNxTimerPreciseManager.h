@@ -1,12 +1,12 @@
 // The thread that drives the precise timers of the process. Programs use it through
-// nx/timer/CNxTimerPreciseWrapperID.h.
+// nx/thread/CNxTimerPreciseWrapperID.h.
 #pragma once
 
 #include <memory>
 
 #include <nx/foundation/CNxMutexThread.h>
+#include <nx/foundation/CNxUtilClasses.h>
 #include <nx/thread/CNxThread.h>
-#include <nx/thread/CNxUtilClasses.h>
 #include <nx/timer/CNxTimerQueueCalendar.h>
 
 class CNxTimerPreciseWrapperID;

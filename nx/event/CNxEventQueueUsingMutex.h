@@ -1,8 +1,8 @@
 // The event queue that any thread may post to and that its owner polls.
 #pragma once
 
+#include <nx/event/CNxEventQueueBase.h>
 #include <nx/foundation/CNxMutexThread.h>
-#include <nx/thread/CNxEventQueueBase.h>
 
 // CNxEventQueueBase behind a mutex. PostEvent, SendEvent, GetPendingEventsCount and both ways of
 // destroying what waits lock it themselves; the owner locks GetMutex() around the pop operations.

@@ -1,0 +1,43 @@
+#include <nx/foundation/CNxProcessWide.h>
+
+#include <atomic>
+#include <cstdlib>
+
+namespace {
+
+using TearDown = void (*)();
+
+std::atomic<TearDown> s_tearDown{nullptr};
+
+// Forgets it first: what is made later during exit() is torn down as well.
+void RunTearDown() {
+    const TearDown tearDown = s_tearDown.exchange(nullptr);
+    if (tearDown != nullptr) {
+        tearDown();
+    }
+}
+
+}  // namespace
+
+CNxMutexThreadRecursive& CNxProcessWide::GetSingletonMutex() {
+    static auto* const s_mutex = new CNxMutexThreadRecursive;
+    return *s_mutex;
+}
+
+CNxMutexThread& CNxProcessWide::GetReferenceControlMutex() {
+    static auto* const s_mutex = new CNxMutexThread;
+    return *s_mutex;
+}
+
+void CNxProcessWide::SetTearDown(TearDown tearDown) {
+    if (s_tearDown.exchange(tearDown) == nullptr) {
+        std::atexit(&RunTearDown);
+    }
+}
+
+void CNxProcessWide::SetTearDownIfNone(TearDown tearDown) {
+    TearDown none = nullptr;
+    if (s_tearDown.compare_exchange_strong(none, tearDown)) {
+        std::atexit(&RunTearDown);
+    }
+}

@@ -1,0 +1,13 @@
+# Fails unless the link map MAP names between one and MOST objects of the library.
+file(STRINGS ${MAP} lines REGEX "libnxbase\\.a\\([A-Za-z0-9_]+\\.cpp\\.o\\)")
+set(objects)
+foreach(line ${lines})
+    string(REGEX MATCH "[A-Za-z0-9_]+\\.cpp\\.o" object ${line})
+    list(APPEND objects ${object})
+endforeach()
+list(REMOVE_DUPLICATES objects)
+list(LENGTH objects count)
+message("${count} objects: ${objects}")
+if(count LESS 1 OR count GREATER ${MOST})
+    message(FATAL_ERROR "expected 1 to ${MOST}")
+endif()
