@@ -104,11 +104,13 @@ void ScheduleAndCancel(benchmark::State& state) {
     CNxTimerQueueOrderedList queue(nullptr);
     std::vector<Idle> others(static_cast<size_t>(state.range(0)));
     for (size_t i = 0; i < others.size(); ++i) {
-        queue.ScheduleTimer(&others[i], nullptr, CNxTimeValue(1000 + static_cast<long>(i), 0), 1);
+        benchmark::DoNotOptimize(queue.ScheduleTimer(
+            &others[i], nullptr, CNxTimeValue(1000 + static_cast<long>(i), 0), 1));
     }
     Idle handler;
     for (auto _ : state) {
-        queue.ScheduleTimer(&handler, nullptr, CNxTimeValue(1000 + state.range(0) / 2, 0), 1);
+        benchmark::DoNotOptimize(
+            queue.ScheduleTimer(&handler, nullptr, CNxTimeValue(1000 + state.range(0) / 2, 0), 1));
         queue.CancelTimer(&handler);
     }
 }

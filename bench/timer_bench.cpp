@@ -64,7 +64,7 @@ private:
 template <class Queue>
 struct Adapter {
     void Schedule(Connection& connection, const CNxTimeValue& interval) {
-        m_queue.ScheduleTimer(&connection, nullptr, interval, 1);
+        benchmark::DoNotOptimize(m_queue.ScheduleTimer(&connection, nullptr, interval, 1));
     }
     void CheckExpire() { m_queue.CheckExpire(nullptr); }
     size_t m_limit = 0;
@@ -74,7 +74,7 @@ struct Adapter {
 class Wheel {
 public:
     void Schedule(Connection& connection, const CNxTimeValue& interval) {
-        m_queue.ScheduleTimer(&connection, nullptr, interval, 1);
+        benchmark::DoNotOptimize(m_queue.ScheduleTimer(&connection, nullptr, interval, 1));
     }
     void CheckExpire() { m_queue.TimerTick(); }
     size_t m_limit = 0;

@@ -12,9 +12,11 @@
 #include <nx/config/CNxConfigInitFile.h>
 #include <nx/config/init_file.h>
 #include <nx/event/CNxEventQueueBase.h>
+#include <nx/event/CNxEventQueueLocked.h>
 #include <nx/event/CNxEventQueueUsingConditionVariable.h>
 #include <nx/event/CNxEventQueueUsingMutex.h>
 #include <nx/event/CNxEventStop.h>
+#include <nx/event/CNxEventSynchronous.h>
 #include <nx/event/INxEventQueue.h>
 #include <nx/foundation/CNxAutoPtr.h>
 #include <nx/foundation/CNxCleanUpBase.h>

@@ -46,7 +46,7 @@ void StoreService::ScheduleExpiry() {
     m_nextExpiry = next;
     const std::int64_t wait = std::max<std::int64_t>(*next - m_store.GetTime(), 0);
     const CNxTimeValue interval(wait / c_msPerSecond, wait % c_msPerSecond * c_usPerMs);
-    m_timers.ScheduleTimer(this, nullptr, interval, 1);
+    static_cast<void>(m_timers.ScheduleTimer(this, nullptr, interval, 1));
 }
 
 }  // namespace kv_server

@@ -27,7 +27,7 @@ CNxTimeValue FromMs(std::uint64_t ms) {
 
 Sender::Request::Request(Sender& owner, unsigned int number)
     : m_owner(owner), m_number(number), m_postedAt(examples::NowNs()) {
-    m_givenUp.Schedule(this, c_queueTakes, 0, NX_THREAD_NETWORK);
+    static_cast<void>(m_givenUp.Schedule(this, c_queueTakes, 0, NX_THREAD_NETWORK));
 }
 
 Sender::Sender(const Options& options, INxReactor& reactor, std::function<void()> onEnd)
@@ -47,7 +47,8 @@ bool Sender::Open() {
     m_queue = std::make_unique<CNxSimpleMessageQueue>();
     m_queue->Init(this);
     if (m_options.timeout != 0) {
-        m_deadline.Schedule(this, FromMs(m_options.timeout * 1000), 1, NX_THREAD_NETWORK);
+        static_cast<void>(
+            m_deadline.Schedule(this, FromMs(m_options.timeout * 1000), 1, NX_THREAD_NETWORK));
     }
     const NxResult paced =
         m_pace.Schedule(this, FromMs(m_options.interval), m_options.requests, NX_THREAD_NETWORK);

@@ -1,5 +1,8 @@
 #include <nx/event/CNxEventQueueBase.h>
+#include <nx/event/CNxEventSynchronous.h>
 #include <pthread.h>
+
+#include <iterator>
 
 namespace {
 
@@ -46,18 +49,13 @@ NxResult CNxEventQueueBase::SendEvent(INxEvent* event) {
         event->OnDestorySelf();
         return result;
     }
-    auto* const wrapper = new CNxEventSynchronous(event, this);
-    const NxResult posted = PostEvent(wrapper, PRIORITY_NORMAL);
-    if (posted != NX_OK) {
-        // The refusal let go of it for the queue; this is the sender's part.
-        wrapper->OnDestorySelf();
-        return posted;
-    }
-    return wrapper->WaitResultAndDeleteThis();
+    CNxEventSynchronous wrapper(event, this);
+    const NxResult posted = PostEvent(&wrapper, PRIORITY_NORMAL);
+    return posted == NX_OK ? wrapper.WaitResult() : posted;
 }
 
 size_t CNxEventQueueBase::GetPendingEventsCount() {
-    return m_pendingCount;
+    return m_pendingEvents.size();
 }
 
 void CNxEventQueueBase::DestoryPendingEvents() {
@@ -73,19 +71,17 @@ void CNxEventQueueBase::StopAndDestoryPendingEvents() {
 
 NxResult CNxEventQueueBase::PopPendingEvents(std::list<INxEvent*>& out, size_t max,
                                              size_t* remaining) {
-    if (m_pendingCount == 0) {
+    if (m_pendingEvents.empty()) {
         return NX_ERROR_NOT_FOUND;
     }
-    if (m_pendingCount <= max) {
+    if (m_pendingEvents.size() <= max) {
         TakeAll_i(out);
     } else {
-        for (size_t i = 0; i < max; ++i) {
-            out.splice(out.end(), m_pendingEvents, m_pendingEvents.begin());
-        }
-        m_pendingCount -= max;
+        const auto end = std::next(m_pendingEvents.begin(), static_cast<std::ptrdiff_t>(max));
+        out.splice(out.end(), m_pendingEvents, m_pendingEvents.begin(), end);
     }
     if (remaining != nullptr) {
-        *remaining = m_pendingCount;
+        *remaining = m_pendingEvents.size();
     }
     return NX_OK;
 }
@@ -107,12 +103,9 @@ NxResult CNxEventQueueBase::ProcessEvents(const std::list<INxEvent*>& events) {
 }
 
 void CNxEventQueueBase::AbandonBatches() {
+    CNxEventSynchronous::AbandonUnderWay();
     for (CBatch* batch = CBatch::s_innermost; batch != nullptr; batch = batch->m_outer) {
-        auto next = batch->m_current;
-        if (auto* const sent = dynamic_cast<CNxEventSynchronous*>(*next)) {
-            sent->Abandon();
-        }
-        while (++next != batch->m_end) {
+        for (auto next = std::next(batch->m_current); next != batch->m_end; ++next) {
             if (*next != nullptr) {
                 (*next)->OnDestorySelf();
             }
@@ -137,7 +130,6 @@ NxResult CNxEventQueueBase::Append_i(Node& node) {
         return NX_ERROR_NOT_INITIALIZED;
     }
     m_pendingEvents.splice(m_pendingEvents.end(), node);
-    ++m_pendingCount;
     return NX_OK;
 }
 
@@ -150,71 +142,10 @@ NxResult CNxEventQueueBase::FinishPost(INxEvent* event, NxResult result) {
 
 void CNxEventQueueBase::TakeAll_i(std::list<INxEvent*>& out) {
     out.swap(m_pendingEvents);
-    m_pendingCount = 0;
 }
 
 void CNxEventQueueBase::DestroyAll(const std::list<INxEvent*>& events) {
     for (INxEvent* event : events) {
-        event->OnDestorySelf();
-    }
-}
-
-CNxEventSynchronous::CNxEventSynchronous(INxEvent* event, CNxEventQueueBase* queue)
-    : m_event(event), m_queue(queue) {}
-
-CNxEventSynchronous::~CNxEventSynchronous() {
-    DestroyWrappedEvent();
-    if (m_firstDestructionDone.load() == 0) {
-        m_done.Signal();
-    }
-}
-
-NxResult CNxEventSynchronous::OnEventFire() {
-    // A fired wrapper passes through the queue once more, only to be destroyed there.
-    if (m_firstDestructionDone.load() != 0) {
-        return NX_OK;
-    }
-    INxEvent* const event = m_event.load();
-    const NxResult result = event != nullptr ? event->OnEventFire() : NX_ERROR_NULL_POINTER;
-    m_result = result;
-    m_fired = true;
-    m_done.Signal();
-    return result;
-}
-
-void CNxEventSynchronous::OnDestorySelf() {
-    DestroyWrappedEvent();
-    if (!m_fired) {
-        m_done.Signal();
-    }
-    // Last, because from here on the other thread may delete the wrapper.
-    if (m_firstDestructionDone.exchange(1) != 0) {
-        delete this;
-    }
-}
-
-void CNxEventSynchronous::Abandon() {
-    m_event.store(nullptr);
-    m_done.Signal();
-}
-
-NxResult CNxEventSynchronous::WaitResultAndDeleteThis() {
-    const NxResult waited = m_done.Wait(nullptr);
-    if (waited != NX_OK) {
-        return waited;
-    }
-    const NxResult result = m_result;
-    if (m_fired) {
-        m_queue->PostEvent(this, INxEventQueue::PRIORITY_NORMAL);
-    } else {
-        OnDestorySelf();
-    }
-    return result;
-}
-
-void CNxEventSynchronous::DestroyWrappedEvent() {
-    INxEvent* const event = m_event.exchange(nullptr);
-    if (event != nullptr) {
         event->OnDestorySelf();
     }
 }

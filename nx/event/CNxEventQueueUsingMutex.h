@@ -1,25 +1,16 @@
 // The event queue that any thread may post to and that its owner polls.
 #pragma once
 
-#include <nx/event/CNxEventQueueBase.h>
-#include <nx/foundation/CNxMutexThread.h>
+#include <nx/event/CNxEventQueueLocked.h>
 
-// CNxEventQueueBase behind a mutex. PostEvent, SendEvent, GetPendingEventsCount and both ways of
-// destroying what waits lock it themselves; the owner locks GetMutex() around the pop operations.
-// Events are fired and destroyed without it, so an event may post to its own queue at any point.
-class CNxEventQueueUsingMutex : public CNxEventQueueBase {
+// The owner locks GetMutex() around the pop operations.
+class CNxEventQueueUsingMutex : public CNxEventQueueLocked {
 public:
-    NxResult PostEvent(INxEvent* event, EPriority priority) override;
-    size_t GetPendingEventsCount() override;
-    void DestoryPendingEvents() override;
-    void StopAndDestoryPendingEvents() override;
-
     // As PostEvent; `oldSize` (may be null) gets the number of events that waited before this one,
     // whatever becomes of it.
-    NxResult PostEventWithOldSize(INxEvent* event, EPriority priority, size_t* oldSize);
+    NxResult PostEventWithOldSize(INxEvent* event, EPriority /*priority*/, size_t* oldSize) {
+        return Post(event, EAfter::OPEN, oldSize);
+    }
 
     CNxMutexThread& GetMutex() { return m_mutex; }
-
-private:
-    CNxMutexThread m_mutex;
 };

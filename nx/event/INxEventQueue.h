@@ -38,9 +38,8 @@ public:
 
     // Has the event fired by the thread that owns the queue and returns its result; blocks until
     // then, without a limit. Called on that thread itself it fires the event at once.
-    // BEWARE: the result comes when the event has fired, and the event may be destroyed only after
-    // that: OnEventFire may use what lies on the sender's stack, OnDestorySelf and the destructor
-    // may not.
+    // Before it returns the event has been destroyed: an event may use what lies on the sender's
+    // stack to its very end.
     // NX_ERROR_INVALID_ARG for null, NX_ERROR_NOT_INITIALIZED when the queue is stopped,
     // NX_ERROR_NOT_AVAILABLE when the event was discarded without having fired.
     virtual NxResult SendEvent(INxEvent* event) = 0;
@@ -49,4 +48,9 @@ public:
     virtual size_t GetPendingEventsCount() = 0;
 
     virtual ~INxEventQueue() = default;
+
+    // Refuses every event from now on and destroys those that wait, in order, without firing them;
+    // their senders get NX_ERROR_NOT_AVAILABLE. For the end of a loop that nobody will run again.
+    // A queue that cannot be stopped does nothing.
+    virtual void StopAndDestoryPendingEvents() {}
 };

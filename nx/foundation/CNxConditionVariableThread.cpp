@@ -39,12 +39,7 @@ NxResult CNxConditionVariableThread::Wait(CNxTimeValue* timeout) {
 }
 
 NxResult CNxConditionVariableThread::WaitUntil(const CNxTimeValue& deadline) {
-    if (deadline == CNxTimeValue::s_tvMax()) {
-        return pthread_cond_wait(&m_condition, m_mutex.GetNativeHandle()) == 0 ? NX_OK
-                                                                               : NX_ERROR_FAILURE;
-    }
-    const timespec until = ToTimespec(deadline);
-    switch (pthread_cond_timedwait(&m_condition, m_mutex.GetNativeHandle(), &until)) {
+    switch (WaitWithMutex(deadline)) {
         case 0:
         case EINTR:
             return NX_OK;
@@ -53,6 +48,31 @@ NxResult CNxConditionVariableThread::WaitUntil(const CNxTimeValue& deadline) {
         default:
             return NX_ERROR_FAILURE;
     }
+}
+
+// The mutex is held again at its end, also when the thread is cancelled in the wait.
+class CNxConditionVariableThread::CReleased {
+public:
+    explicit CReleased(CNxMutexThread& mutex) : m_mutex(mutex) {
+        m_mutex.AssertHeld();
+        m_mutex.NoteUnLocked();
+    }
+    ~CReleased() { m_mutex.NoteLocked(); }
+
+    CReleased(const CReleased&) = delete;
+    CReleased& operator=(const CReleased&) = delete;
+
+private:
+    CNxMutexThread& m_mutex;
+};
+
+int CNxConditionVariableThread::WaitWithMutex(const CNxTimeValue& deadline) {
+    const CReleased released(m_mutex);
+    if (deadline == CNxTimeValue::s_tvMax()) {
+        return pthread_cond_wait(&m_condition, &m_mutex.m_mutex);
+    }
+    const timespec until = ToTimespec(deadline);
+    return pthread_cond_timedwait(&m_condition, &m_mutex.m_mutex, &until);
 }
 
 CNxTimeValue CNxConditionVariableThread::GetDeadline(const CNxTimeValue* timeout) {

@@ -27,17 +27,21 @@ public:
     // Call with the mutex locked; it is released while waiting and held again on return.
     // `timeout` is relative; null or s_tvMax() waits without limit, zero or less does not wait.
     // NX_OK when woken, NX_ERROR_TIMEOUT when the time ran out, NX_ERROR_FAILURE otherwise.
-    NxResult Wait(CNxTimeValue* timeout);
+    [[nodiscard]] NxResult Wait(CNxTimeValue* timeout);
 
     // The same with a point in time, for loops that re-check: the limit does not start anew with
     // every wake-up. s_tvMax() waits without limit.
-    NxResult WaitUntil(const CNxTimeValue& deadline);
+    [[nodiscard]] NxResult WaitUntil(const CNxTimeValue& deadline);
 
     // The deadline that WaitUntil takes for a relative `timeout` counted from now; s_tvMax() for
     // null and for what lies beyond the largest time value.
     static CNxTimeValue GetDeadline(const CNxTimeValue* timeout);
 
 private:
+    class CReleased;
+
+    int WaitWithMutex(const CNxTimeValue& deadline);
+
     CNxMutexThread& m_mutex;
     pthread_cond_t m_condition;
 };

@@ -20,7 +20,7 @@ public:
     // `timeout` is relative; null or s_tvMax() waits without limit.
     // NX_OK when the event was or became signalled, NX_ERROR_TIMEOUT when the time ran out,
     // NX_ERROR_FAILURE when a lock or wait failed.
-    NxResult Wait(CNxTimeValue* timeout = nullptr);
+    [[nodiscard]] NxResult Wait(CNxTimeValue* timeout = nullptr);
 
     // NX_OK or NX_ERROR_FAILURE.
     NxResult Signal();

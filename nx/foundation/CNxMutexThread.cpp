@@ -1,5 +1,10 @@
 #include <nx/foundation/CNxMutexThread.h>
 
+#ifdef NXBASE_CHECK_THREADS
+#include <cstdio>
+#include <cstdlib>
+#endif
+
 namespace {
 
 NxResult ToResult(int error) {
@@ -22,13 +27,42 @@ CNxMutexThreadBase::~CNxMutexThreadBase() {
 
 // The bodies hand over to pthread, where the analysis does not look.
 NxResult CNxMutexThreadBase::Lock() NX_NO_THREAD_SAFETY_ANALYSIS {
-    return ToResult(pthread_mutex_lock(&m_mutex));
+    const NxResult locked = ToResult(pthread_mutex_lock(&m_mutex));
+    if (locked == NX_OK) {
+        NoteLocked();
+    }
+    return locked;
 }
 
 NxResult CNxMutexThreadBase::UnLock() NX_NO_THREAD_SAFETY_ANALYSIS {
+    NoteUnLocked();
     return ToResult(pthread_mutex_unlock(&m_mutex));
 }
 
 NxResult CNxMutexThreadBase::TryLock() NX_NO_THREAD_SAFETY_ANALYSIS {
-    return ToResult(pthread_mutex_trylock(&m_mutex));
+    const NxResult locked = ToResult(pthread_mutex_trylock(&m_mutex));
+    if (locked == NX_OK) {
+        NoteLocked();
+    }
+    return locked;
 }
+
+#ifdef NXBASE_CHECK_THREADS
+void CNxMutexThreadBase::AssertHeld() const NX_NO_THREAD_SAFETY_ANALYSIS {
+    if (m_holder.load(std::memory_order_relaxed) != pthread_self()) {
+        std::fprintf(stderr, "nxbase: a mutex is not held by the thread that relies on it\n");
+        std::abort();
+    }
+}
+
+void CNxMutexThreadBase::NoteLocked() {
+    m_holder.store(pthread_self(), std::memory_order_relaxed);
+    ++m_depth;
+}
+
+void CNxMutexThreadBase::NoteUnLocked() {
+    if (--m_depth == 0) {
+        m_holder.store(0, std::memory_order_relaxed);
+    }
+}
+#endif

@@ -7,6 +7,8 @@
 #include <nx/foundation/NxThreadAnnotations.h>
 #include <pthread.h>
 
+#include <atomic>
+
 // What both kinds share. Made only as one of the derived classes, which initialise the mutex; must
 // be unlocked when it is destroyed.
 class NX_CAPABILITY("mutex") CNxMutexThreadBase {
@@ -21,17 +23,36 @@ public:
     NxResult UnLock() NX_RELEASE();
 
     // NX_OK, or NX_ERROR_FAILURE when the mutex is busy or the call fails. Never blocks.
-    NxResult TryLock() NX_TRY_ACQUIRE(false);
+    [[nodiscard]] NxResult TryLock() NX_TRY_ACQUIRE(false);
 
-    // For the condition variable that waits with this mutex.
-    pthread_mutex_t* GetNativeHandle() { return &m_mutex; }
+    // In checking builds (NXBASE_CHECK_THREADS) ends the process with a message unless the calling
+    // thread holds the mutex; otherwise nothing.
+#ifdef NXBASE_CHECK_THREADS
+    void AssertHeld() const NX_ASSERT_CAPABILITY(this);
+#else
+    void AssertHeld() const NX_ASSERT_CAPABILITY(this) {}
+#endif
 
 protected:
     explicit CNxMutexThreadBase(int pthreadType);
     ~CNxMutexThreadBase();
 
 private:
+    // Waits with it, which releases and takes it.
+    friend class CNxConditionVariableThread;
+
     pthread_mutex_t m_mutex;
+
+    // Who holds it, for AssertHeld.
+#ifdef NXBASE_CHECK_THREADS
+    void NoteLocked();
+    void NoteUnLocked();
+    std::atomic<unsigned long> m_holder{0};
+    int m_depth = 0;
+#else
+    void NoteLocked() {}
+    void NoteUnLocked() {}
+#endif
 };
 
 // Not recursive: a thread that locks it twice waits for itself for ever, TryLock on a held one

@@ -11,6 +11,7 @@
 
 #define NX_CAPABILITY(name) NX_THREAD_ATTRIBUTE(capability(name))
 #define NX_SCOPED_CAPABILITY NX_THREAD_ATTRIBUTE(scoped_lockable)
+#define NX_ASSERT_CAPABILITY(...) NX_THREAD_ATTRIBUTE(assert_capability(__VA_ARGS__))
 #define NX_GUARDED_BY(mutex) NX_THREAD_ATTRIBUTE(guarded_by(mutex))
 #define NX_REQUIRES(...) NX_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define NX_ACQUIRE(...) NX_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))

@@ -155,6 +155,10 @@ size_t CNxReactorBase::GetPendingEventsCount() {
     return CNxEventQueueUsingMutex::GetPendingEventsCount();
 }
 
+void CNxReactorBase::StopAndDestoryPendingEvents() {
+    CNxEventQueueUsingMutex::StopAndDestoryPendingEvents();
+}
+
 NxResult CNxReactorBase::ScheduleTimer(INxTimerHandler* handler, void* token,
                                        const CNxTimeValue& interval, unsigned long count) {
     m_Est.EnsureSingleThread(c_name);

@@ -55,6 +55,7 @@ public:
     NxResult PostEvent(INxEvent* event, INxEventQueue::EPriority priority) override;
     NxResult SendEvent(INxEvent* event) override;
     size_t GetPendingEventsCount() override;
+    void StopAndDestoryPendingEvents() override;
 
     // As the timer queue; NX_ERROR_NOT_INITIALIZED before Open and after Close.
     NxResult ScheduleTimer(INxTimerHandler* handler, void* token, const CNxTimeValue& interval,
@@ -89,7 +90,7 @@ public:
                                           long mask);
 
     // Hands the reactor to the calling thread while its loop does not run.
-    void Reset2CurrentThread();
+    void Reset2CurrentThread() override;
 
     // The demultiplexer's part of a removal and of a registration. Registering with a null
     // handler or a descriptor that cannot be watched answers an error and watches nothing.

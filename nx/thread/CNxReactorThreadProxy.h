@@ -46,7 +46,7 @@ public:
     // real reactor answers; NX_ERROR_NULL_POINTER without a reactor, NX_ERROR_UNEXPECTED without a
     // thread, NX_ERROR_NOT_INITIALIZED or NX_ERROR_NOT_AVAILABLE when the thread has ended or ends
     // meanwhile.
-    NxResult RegisterHandler(INxEventHandler* handler, long mask) override;
+    [[nodiscard]] NxResult RegisterHandler(INxEventHandler* handler, long mask) override;
     NxResult RemoveHandler(INxEventHandler* handler, long mask) override;
 
     // Those of the real reactor; 0 and null without one.
@@ -58,13 +58,14 @@ public:
 
     // What belongs to the reactor's thread or to its owner. All answer NX_ERROR_NOT_IMPLEMENTED and
     // do nothing, except that an event is destroyed.
-    NxResult Open() override;
+    [[nodiscard]] NxResult Open() override;
     NxResult Close() override;
     NxResult RunEventLoop() override;
     NxResult StopEventLoop() override;
-    NxResult NotifyHandler(INxEventHandler* handler, long mask) override;
-    NxResult ScheduleTimer(INxTimerHandler* handler, void* token, const CNxTimeValue& interval,
-                           unsigned long count) override;
+    [[nodiscard]] NxResult NotifyHandler(INxEventHandler* handler, long mask) override;
+    [[nodiscard]] NxResult ScheduleTimer(INxTimerHandler* handler, void* token,
+                                         const CNxTimeValue& interval,
+                                         unsigned long count) override;
     NxResult CancelTimer(INxTimerHandler* handler) override;
     NxResult SendEvent(INxEvent* event) override;
     using INxReactor::PostEvent;

@@ -16,7 +16,8 @@ CNxSimpleMessage::CNxSimpleMessage(unsigned int id, const char* data, unsigned l
 }
 
 CNxSimpleMessageQueue::CNxSimpleMessageQueue() {
-    m_timer.Schedule(this, CNxTimeValue(c_resendSeconds), 0);
+    // Without a timer queue on this thread requests go out once; there is nobody to tell.
+    static_cast<void>(m_timer.Schedule(this, CNxTimeValue(c_resendSeconds), 0));
 }
 
 CNxSimpleMessageQueue::~CNxSimpleMessageQueue() {
@@ -64,6 +65,7 @@ void CNxSimpleMessageQueue::OnTimer(CNxTimerWrapperID* /*id*/) {
 }
 
 void CNxSimpleMessageQueue::Send_i(CNxSimpleMessage& message, const char* data) {
+    m_mutex.AssertHeld();
     if (m_sink != nullptr) {
         m_sink->OnSendMessage(message.m_userData, data, message.m_size);
     }

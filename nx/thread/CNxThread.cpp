@@ -2,6 +2,7 @@
 #include <pthread.h>
 #include <sched.h>
 
+#include <cassert>
 #include <cstdlib>
 
 // How the new thread tells the one in Create that it is up, or that it is not going to be.
@@ -97,26 +98,25 @@ NxResult CNxThread::StartSystemThread() {
     if (pthread_attr_init(&attributes) != 0) {
         return NX_ERROR_UNEXPECTED;
     }
-    const bool detached = IsDetached();
+    const bool joinable = IsJoinable();
     pthread_attr_setdetachstate(&attributes,
-                                detached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE);
+                                joinable ? PTHREAD_CREATE_JOINABLE : PTHREAD_CREATE_DETACHED);
     m_startEvent = &startEvent;
-    m_started = true;
-    m_running.store(1);
+    m_life.store(ELife::STARTING);
     s_systemThreads.fetch_add(1);
     pthread_t handle{};
     const int error = pthread_create(&handle, &attributes, &CNxThread::ThreadProc, this);
     pthread_attr_destroy(&attributes);
     if (error != 0) {
         m_startEvent = nullptr;
-        m_started = false;
-        m_running.store(0);
+        m_life.store(ELife::NONE);
         s_systemThreads.fetch_sub(1);
         return NX_ERROR_UNEXPECTED;
     }
     // From here on the object may delete itself: only locals are touched.
-    startEvent.Wait(nullptr);
-    if (startEvent.m_result != NX_OK && !detached) {
+    while (startEvent.Wait(nullptr) != NX_OK) {
+    }
+    if (startEvent.m_result != NX_OK && joinable) {
         pthread_join(handle, nullptr);
     }
     return startEvent.m_result;
@@ -125,7 +125,7 @@ NxResult CNxThread::StartSystemThread() {
 void* CNxThread::ThreadProc(void* object) {
     auto* const thread = static_cast<CNxThread*>(object);
     if (thread != nullptr) {
-        const int counted = thread->m_started ? 1 : 0;
+        const int counted = thread->m_life.load() == ELife::STARTING ? 1 : 0;
         thread->Run();
         s_systemThreads.fetch_sub(counted);
     }
@@ -140,29 +140,62 @@ void CNxThread::Run() {
     m_startEvent = nullptr;
     if (OnCreate() != NX_OK) {
         delete this;
-        startEvent->m_result = NX_ERROR_NULL_POINTER;
-        startEvent->Signal();
+        if (startEvent != nullptr) {
+            startEvent->m_result = NX_ERROR_NULL_POINTER;
+            startEvent->Signal();
+        }
         return;
     }
     OnThreadInit();
-    // Behind the handle and OnCreate: whoever finds the object in the registry may join it now.
-    m_toJoin.store(m_started && !IsDetached() ? 1 : 0);
-    if (m_type != NX_THREAD_MAIN && startEvent != nullptr) {
-        startEvent->Signal();
+    if (startEvent == nullptr) {
+        // On a thread of the application's own.
+        OnThreadRun();
+        SetThreadId(0);
+        return;
     }
-    OnThreadRun();
-    EndRun();
+    // After the handle and OnCreate: whoever finds the object in the registry may join it now.
+    assert(m_life.load() == ELife::STARTING);
+    m_life.store(ELife::RUNNING);
+    startEvent->Signal();
+    RunLoop();
 }
 
-void CNxThread::EndRun() {
-    const bool joinable = IsJoinable();
+void CNxThread::RunLoop() {
+    OnThreadRun();
     // The system will give the id to another thread, which must not be taken for this one.
     SetThreadId(0);
-    // Behind this a joinable object may be destroyed by its owner.
-    m_running.store(0, std::memory_order_release);
-    if (!joinable && m_endCounter.fetch_add(1) + 1 > 1) {
+    ELife life = ELife::RUNNING;
+    if (m_life.compare_exchange_strong(life, ELife::ENDED)) {
+        // The owner may have destroyed the object by now.
+        return;
+    }
+    assert(life == ELife::RUNNING_CLAIMED);
+    if (IsJoinable()) {
+        m_life.store(ELife::ENDED_CLAIMED);
+    } else {
         delete this;
     }
+}
+
+// Returns in which state it found the end of the thread to be claimed; NONE when there is nothing
+// to claim: no system thread, one that is not up yet, or one whose end is taken care of.
+CNxThread::ELife CNxThread::Claim() {
+    ELife life = ELife::RUNNING;
+    if (m_life.compare_exchange_strong(life, ELife::RUNNING_CLAIMED)) {
+        return ELife::RUNNING;
+    }
+    const bool ended =
+        life == ELife::ENDED && m_life.compare_exchange_strong(life, ELife::ENDED_CLAIMED);
+    return ended ? ELife::ENDED : ELife::NONE;
+}
+
+bool CNxThread::IsRunning() const {
+    const ELife life = m_life.load(std::memory_order_acquire);
+    return life == ELife::STARTING || life == ELife::RUNNING || life == ELife::RUNNING_CLAIMED;
+}
+
+void CNxThread::BindToCallingThread() {
+    SetThreadId(CNxThreadManager::GetThreadSelfId());
 }
 
 bool CNxThread::DoesAnyRun() {
@@ -177,15 +210,17 @@ NxResult CNxThread::Join() {
     if (CNxThreadManager::IsEqualCurrentThread(GetThreadId())) {
         return NX_ERROR_FAILURE;
     }
-    if (m_toJoin.exchange(0) == 0) {
+    if (!IsJoinable() || Claim() == ELife::NONE) {
         return NX_ERROR_FAILURE;
     }
     return pthread_join(m_threadHandle, nullptr) == 0 ? NX_OK : NX_ERROR_FAILURE;
 }
 
 NxResult CNxThread::Destory(long /*reason*/) {
+    assert(m_life.load() != ELife::STARTING);
     Unregister();
-    if (m_started && !IsJoinable() && m_endCounter.fetch_add(1) + 1 < 2) {
+    if (!IsJoinable() && Claim() == ELife::RUNNING) {
+        // The thread deletes the object at its end.
         return NX_OK;
     }
     delete this;
@@ -200,7 +235,7 @@ void CNxThread::Unregister() {
 
 CNxThread::~CNxThread() {
     Unregister();
-    if (m_toJoin.exchange(0) != 0) {
+    if (IsJoinable() && Claim() != ELife::NONE) {
         // Never joined: let the system reclaim it when it ends.
         pthread_detach(m_threadHandle);
     }

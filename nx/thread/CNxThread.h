@@ -33,19 +33,18 @@ public:
     // NX_ERROR_FAILURE when the type is taken; NX_ERROR_UNEXPECTED when the system starts no thread
     // (the object stays registered). In all these cases the object is still the caller's.
     // NX_ERROR_NULL_POINTER when OnCreate refused: the object has deleted itself and is gone.
-    virtual NxResult Create(int type, CNxThreadManager::TFlag flags);
+    [[nodiscard]] virtual NxResult Create(int type, CNxThreadManager::TFlag flags);
 
     // Registers the thread under `type` with the identity of the calling thread and starts
     // nothing. Results as Create, without the last two.
-    virtual NxResult CreateNotRun(int type, CNxThreadManager::TFlag flags);
+    [[nodiscard]] virtual NxResult CreateNotRun(int type, CNxThreadManager::TFlag flags);
 
     // Asks the thread to end its run. NX_ERROR_NOT_IMPLEMENTED unless a subclass can.
     virtual NxResult Stop(CNxTimeValue* timeout);
 
-    // Called on the new thread before anything else; another answer than NX_OK ends the thread and
+    // Called on the new thread before anything else; another result than NX_OK ends the thread and
     // deletes the object.
-    virtual NxResult OnCreate() { return NX_OK; }
-
+    [[nodiscard]] virtual NxResult OnCreate() { return NX_OK; }
     // Called on the new thread before its loop; queues are made here.
     virtual void OnThreadInit() {}
 
@@ -75,7 +74,7 @@ public:
     unsigned long GetThreadHandle() const { return m_threadHandle; }
 
     // Whether the library runs a system thread for this object at the moment.
-    bool IsRunning() const { return m_running.load(std::memory_order_acquire) != 0; }
+    bool IsRunning() const;
 
     // Whether any system thread of this library runs, also one that has left the registry.
     static bool DoesAnyRun();
@@ -91,6 +90,24 @@ public:
 
     virtual ~CNxThread();
 
+    // What follows is for the thread manager.
+
+    // How a thread comes to its end at the latest when the process exits.
+    enum class EEnd {
+        BY_STOP,          // Stop makes its loop end
+        BY_APPLICATION,   // the application runs it, and does so no more
+        WITH_ANOTHER,     // it stands for another thread, and has no loop
+        AFTER_ALL_OTHERS  // the manager ends it when no other runs any more
+    };
+    virtual EEnd GetEnd() const { return EEnd::BY_STOP; }
+
+    // Stop, and where that cannot reach the loop another way that does.
+    virtual NxResult StopForCertain(CNxTimeValue* timeout) { return Stop(timeout); }
+
+    // Makes the calling thread the one that the object stands for and whose queues it has, while
+    // nobody runs its loop.
+    virtual void BindToCallingThread();
+
 protected:
     // For kinds that take their identity from elsewhere instead of Create.
     NxResult RegisterAs(int type, unsigned long id, unsigned long handle);
@@ -98,28 +115,30 @@ protected:
 private:
     class CStartEvent;
 
+    // The life of the system thread. "Claimed" says that its end is taken care of: a joinable
+    // thread has its one joiner, a detached one deletes its object itself.
+    //
+    //     NONE <--> STARTING --> RUNNING --------> ENDED
+    //                               |                |
+    //                               v                v
+    //                        RUNNING_CLAIMED --> ENDED_CLAIMED
+    enum class ELife { NONE, STARTING, RUNNING, RUNNING_CLAIMED, ENDED, ENDED_CLAIMED };
+
     NxResult PrepareCreate(int type, CNxThreadManager::TFlag flags);
     NxResult StartSystemThread();
     void Run();
-    void EndRun();
+    void RunLoop();
+    ELife Claim();
     void Unregister();
-    bool IsDetached() const {
-        return !IsJoinable() && (m_flags & CNxThreadManager::FLAG_DETACHED) != 0;
-    }
     bool IsJoinable() const { return (m_flags & CNxThreadManager::FLAG_JOINABLE) != 0; }
 
     std::atomic<unsigned long> m_threadId{0};
     unsigned long m_threadHandle = 0;
     int m_type = -1;
     CNxThreadManager::TFlag m_flags = CNxThreadManager::FLAG_NONE;
-    // On the stack of the thread that is in Create.
-    CStartEvent* m_startEvent = nullptr;
     std::atomic<int> m_registered{0};
     CNxString m_cpuSet;
-    // Of a detached thread: the end of its run and Destory count here, the second one deletes.
-    std::atomic<int> m_endCounter{0};
-    bool m_started = false;
-    std::atomic<int> m_running{0};
-    // 1 while there is a system thread that nobody has joined.
-    std::atomic<int> m_toJoin{0};
+    std::atomic<ELife> m_life{ELife::NONE};
+    // While STARTING; on the stack of the thread that is in Create.
+    CStartEvent* m_startEvent = nullptr;
 };

@@ -11,10 +11,10 @@ public:
     // Registers the dummy under `type` with the identity of `actual`. NX_OK;
     // NX_ERROR_ALREADY_INITIALIZED on a second call, NX_ERROR_INVALID_ARG for null or type -1,
     // NX_ERROR_FOUND when the type is taken.
-    NxResult Init(CNxThread* actual, int type);
+    [[nodiscard]] NxResult Init(CNxThread* actual, int type);
 
     // A dummy starts nothing. NX_ERROR_NOT_IMPLEMENTED.
-    NxResult Create(int type, CNxThreadManager::TFlag flags) override;
+    [[nodiscard]] NxResult Create(int type, CNxThreadManager::TFlag flags) override;
 
     // Stops the actual thread and answers as it does; NX_ERROR_NOT_INITIALIZED without one.
     NxResult Stop(CNxTimeValue* timeout) override;
@@ -25,6 +25,8 @@ public:
     INxReactor* GetReactor() override;
     INxEventQueue* GetEventQueue() override;
     INxTimerQueue* GetTimerQueue() override;
+
+    EEnd GetEnd() const override { return EEnd::WITH_ANOTHER; }
 
 private:
     CNxThread* m_actual = nullptr;

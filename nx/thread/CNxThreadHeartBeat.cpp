@@ -2,9 +2,23 @@
 
 #include <limits>
 
+namespace {
+
+constexpr size_t c_noLimit = std::numeric_limits<size_t>::max();
+
+}  // namespace
+
 void CNxThreadHeartBeat::OnThreadInit() {
     m_timerQueue = std::make_unique<CNxTimerQueueOrderedList>(nullptr);
-    m_eventQueue.SetOwnerThreadId(CNxThreadManager::GetThreadSelfId());
+    BindToCallingThread();
+}
+
+void CNxThreadHeartBeat::BindToCallingThread() {
+    CNxThread::BindToCallingThread();
+    m_eventQueue.SetOwnerThreadId(GetThreadId());
+    if (m_timerQueue != nullptr) {
+        m_timerQueue->Reset2CurrentThreadId();
+    }
 }
 
 NxResult CNxThreadHeartBeat::DoHeartBeat() {
@@ -14,7 +28,9 @@ NxResult CNxThreadHeartBeat::DoHeartBeat() {
     std::list<INxEvent*> events;
     {
         CNxMutexGuardT<CNxMutexThread> guard(m_eventQueue.GetMutex());
-        m_eventQueue.PopPendingEvents(events, std::numeric_limits<size_t>::max(), nullptr);
+        if (m_eventQueue.PopPendingEvents(events, c_noLimit, nullptr) != NX_OK) {
+            return NX_OK;
+        }
     }
     return m_eventQueue.ProcessEvents(events);
 }

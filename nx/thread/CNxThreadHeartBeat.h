@@ -34,6 +34,9 @@ public:
     // Null before OnThreadInit.
     INxTimerQueue* GetTimerQueue() override { return m_timerQueue.get(); }
 
+    EEnd GetEnd() const override { return EEnd::BY_APPLICATION; }
+    void BindToCallingThread() override;
+
 private:
     CNxEventQueueUsingMutex m_eventQueue;
     std::unique_ptr<CNxTimerQueueOrderedList> m_timerQueue;

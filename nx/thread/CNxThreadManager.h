@@ -61,7 +61,7 @@ public:
     // GetThread(NX_THREAD_MAIN)->OnThreadRun().
     // NX_OK, NX_ERROR_ALREADY_INITIALIZED when any thread is registered already, or the result of
     // CNxThread::Create. The arguments are not used.
-    virtual NxResult InitMainThread(int argc, char** argv) = 0;
+    [[nodiscard]] virtual NxResult InitMainThread(int argc, char** argv) = 0;
 
     // Runs a main thread's loop on a new, detached system thread, which becomes the owner of its
     // event queue, timer queue or reactor; the caller must no longer act as the main thread.
@@ -69,7 +69,7 @@ public:
     // GetThreadId() of the object is 0, and only then may the object be destroyed.
     // NX_OK, or NX_ERROR_FAILURE for null, for a thread of another type, or when no thread can be
     // started ("thread create failed\n" on stderr).
-    virtual NxResult MainThreadDetachRun(CNxThread* thread) = 0;
+    [[nodiscard]] virtual NxResult MainThreadDetachRun(CNxThread* thread) = 0;
 
     // The registered thread of that type, for NX_THREAD_CALLING the one that is the caller; null
     // if there is none.
@@ -84,7 +84,8 @@ public:
     // with the next user type. NX_OK with the thread in `out`; otherwise the result of
     // CNxThread::Create, and `out` as it was. The caller ends it with Stop, Join and Destory, or
     // leaves that to StopAllThreads, JoinAllThreads and the tear-down.
-    virtual NxResult CreateUserTaskThread(CNxThread*& out, TFlag flags, int withTimerQueue) = 0;
+    [[nodiscard]] virtual NxResult CreateUserTaskThread(CNxThread*& out, TFlag flags,
+                                                        int withTimerQueue) = 0;
 
     // 4097, 4098, ...: a type that no other call gets.
     virtual int GetAndIncreamUserType() = 0;
@@ -96,15 +97,17 @@ public:
     // owns the reactor from here on, also when the call fails: both are then destroyed.
     // NX_OK with the thread in `out`; NX_ERROR_INVALID_ARG for a null reactor, else the result of
     // CNxThreadReactor::Create. The second is the same under the name for further reactor threads.
-    virtual NxResult CreateNetworkThread(int type, INxReactor* reactor, CNxThread*& out) = 0;
-    virtual NxResult CreateReactorThread(int type, INxReactor* reactor, CNxThread*& out) = 0;
+    [[nodiscard]] virtual NxResult CreateNetworkThread(int type, INxReactor* reactor,
+                                                       CNxThread*& out) = 0;
+    [[nodiscard]] virtual NxResult CreateReactorThread(int type, INxReactor* reactor,
+                                                       CNxThread*& out) = 0;
 
     // BEWARE: a reactor thread refuses a time-out and then runs on: pass null, or JoinAllThreads
     // waits for it without end.
     // Calls Stop(timeout) respectively Join() of every registered thread except the main one and
     // ignores their answers: a thread with nothing to join (detached, a dummy, a heartbeat, joined
-    // before) is passed over. A reactor whose StopEventLoop answers NX_ERROR_FAILURE (a full signal
-    // queue) is told by an event. The thread of the precise timers is ended and joined by the first
+    // before) is passed over. A reactor whose StopEventLoop returns NX_ERROR_FAILURE is told by an
+    // event. The thread of the precise timers is ended and joined by the first
     // JoinAllThreads after a StopAllThreads, behind all others; any other one passes it over.
     // NX_OK; NX_ERROR_FAILURE, with nothing done, when a main thread is registered and the caller
     // is not it.
@@ -113,7 +116,7 @@ public:
 
     // Enters a thread object into the registry; CNxThread does it by itself. NX_OK,
     // NX_ERROR_INVALID_ARG for null, NX_ERROR_FOUND when it or its type is registered.
-    virtual NxResult RegisterThread(CNxThread* thread) = 0;
+    [[nodiscard]] virtual NxResult RegisterThread(CNxThread* thread) = 0;
 
     // Takes out the first entry that is the same object or has its type. NX_OK,
     // NX_ERROR_INVALID_ARG for null, NX_ERROR_NOT_FOUND.

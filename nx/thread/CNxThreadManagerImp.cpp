@@ -5,8 +5,6 @@
 #include <nx/foundation/CNxTimeUtils.h>
 #include <nx/process/trace_setting.h>
 #include <nx/reactor/CNxReactorEpoll.h>
-#include <nx/thread/CNxThreadDummy.h>
-#include <nx/thread/CNxThreadHeartBeat.h>
 #include <nx/thread/CNxThreadManagerImp.h>
 #include <nx/thread/CNxThreadReactor.h>
 #include <nx/thread/CNxThreadTask.h>
@@ -27,59 +25,26 @@ INxEventQueue* GetCallingThreadEventQueue() {
     return CNxThreadManager::Instance()->GetThreadEventQueue(NX_THREAD_CALLING);
 }
 
-// Makes the calling thread the owner of what feeds `thread`.
-void BindToCallingThread(CNxThread* thread) {
-    const unsigned long self = CNxThreadManager::GetThreadSelfId();
-    thread->SetThreadId(self);
-    if (auto* queue = dynamic_cast<CNxEventQueueBase*>(thread->GetEventQueue())) {
-        queue->SetOwnerThreadId(self);
-    }
-    if (auto* timers = dynamic_cast<CNxTimerQueueBase*>(thread->GetTimerQueue())) {
-        timers->Reset2CurrentThreadId();
-    }
-    if (auto* loop = dynamic_cast<CNxStopFlag*>(thread)) {
-        loop->Reset2CurrentThreadId();
-    }
-    if (auto* reactor = dynamic_cast<CNxReactorBase*>(thread->GetReactor())) {
-        reactor->Reset2CurrentThread();
-    }
-}
-
-// Whether a thread that answered this to Stop will leave its loop.
+// Whether a thread that returned this from Stop will leave its loop.
 bool IsEnding(NxResult stopped) {
     return stopped == NX_OK || stopped == NX_ERROR_NOT_INITIALIZED;
 }
 
-// Ends a reactor's loop from inside.
-class CStopLoop : public INxEvent {
-public:
-    explicit CStopLoop(INxReactor& reactor) : m_reactor(reactor) {}
-    NxResult OnEventFire() override { return m_reactor.StopEventLoop(); }
-
-private:
-    INxReactor& m_reactor;
-};
-
-// A reactor may be out of reach of its StopEventLoop (a full signal queue) but not of an event, and
-// a thread that nobody stopped would be waited for for ever.
-NxResult StopThread(CNxThread* thread, CNxTimeValue* timeout) {
-    const NxResult stopped = thread->Stop(timeout);
-    INxReactor* const reactor = thread->GetReactor();
-    return stopped == NX_ERROR_FAILURE && reactor != nullptr
-               ? reactor->PostEvent(new CStopLoop(*reactor), INxEventQueue::PRIORITY_NORMAL)
-               : stopped;
-}
-
-// It is not ended by its Stop and must not be waited for.
-bool IsPreciseTimerThread(CNxThread* thread) {
-    return dynamic_cast<CNxTimerPreciseManager*>(thread) != nullptr;
+bool IsEndedByManager(const CNxThread* thread) {
+    return thread->GetEnd() == CNxThread::EEnd::AFTER_ALL_OTHERS;
 }
 
 // A loop on a thread of the application's own: nobody can tell whether it has ended.
-bool IsDrivenElsewhere(CNxThread* thread) {
+bool IsDrivenElsewhere(const CNxThread* thread) {
     const unsigned long id = thread->GetThreadId();
     return id != 0 && !CNxThreadManager::IsEqualCurrentThread(id) &&
-           dynamic_cast<CNxThreadDummy*>(thread) == nullptr;
+           thread->GetEnd() != CNxThread::EEnd::WITH_ANOTHER;
+}
+
+// Whether its loop will not be run any more: the caller is the one who would.
+bool IsAbandoned(const CNxThread* thread) {
+    return thread->GetEnd() == CNxThread::EEnd::BY_APPLICATION ||
+           CNxThreadManager::IsEqualCurrentThread(thread->GetThreadId());
 }
 
 struct CMainThreadStart {
@@ -91,7 +56,7 @@ void* MainThreadFun(void* argument) {
     auto* const start = static_cast<CMainThreadStart*>(argument);
     CNxThread* const thread = start->m_thread;
     pthread_detach(pthread_self());
-    BindToCallingThread(thread);
+    thread->BindToCallingThread();
     start->m_takenOver.Signal();
     thread->OnThreadRun();
     // The system will give the id to another thread.
@@ -217,7 +182,8 @@ NxResult CNxThreadManagerImp::MainThreadDetachRun(CNxThread* thread) {
         std::fprintf(stderr, "thread create failed\n");
         return NX_ERROR_FAILURE;
     }
-    start.m_takenOver.Wait(nullptr);
+    while (start.m_takenOver.Wait(nullptr) != NX_OK) {
+    }
     return NX_OK;
 }
 
@@ -307,7 +273,7 @@ NxResult CNxThreadManagerImp::StopAllThreads(CNxTimeValue* timeout) {
     }
     for (CNxThread* thread : CopyRegistry()) {
         if (thread->GetThreadType() != NX_THREAD_MAIN) {
-            StopThread(thread, timeout);
+            thread->StopForCertain(timeout);
         }
     }
     m_stopAsked.store(1);
@@ -319,7 +285,7 @@ NxResult CNxThreadManagerImp::JoinAllThreads() {
         return NX_ERROR_FAILURE;
     }
     for (CNxThread* thread : CopyRegistry()) {
-        if (thread->GetThreadType() != NX_THREAD_MAIN && !IsPreciseTimerThread(thread)) {
+        if (thread->GetThreadType() != NX_THREAD_MAIN && !IsEndedByManager(thread)) {
             thread->Join();
         }
     }
@@ -396,17 +362,18 @@ bool CNxThreadManagerImp::TearDown() {
 void CNxThreadManagerImp::StopAndJoinForTearDown() {
     std::vector<CNxThread*> ending;
     for (CNxThread* thread : CopyRegistry()) {
-        if (IsPreciseTimerThread(thread)) {
+        if (IsEndedByManager(thread) || thread->GetEnd() == CNxThread::EEnd::WITH_ANOTHER) {
             continue;
         }
-        auto* const queue = dynamic_cast<CNxEventQueueBase*>(thread->GetEventQueue());
-        if (queue != nullptr && (IsEqualCurrentThread(queue->GetOwnerThreadId()) ||
-                                 dynamic_cast<CNxThreadHeartBeat*>(thread) != nullptr)) {
-            // Nobody drains it any more; a thread that waits for an answer could not be joined.
-            queue->StopAndDestoryPendingEvents();
+        if (IsAbandoned(thread)) {
+            // A thread that waits for an answer could not be joined.
+            INxEventQueue* const queue = thread->GetEventQueue();
+            if (queue != nullptr) {
+                queue->StopAndDestoryPendingEvents();
+            }
             continue;
         }
-        const NxResult stopped = StopThread(thread, nullptr);
+        const NxResult stopped = thread->StopForCertain(nullptr);
         if (!thread->IsRunning() || IsEnding(stopped)) {
             ending.push_back(thread);
         }

@@ -14,20 +14,23 @@ public:
     // The tear-down that CNxThreadManager describes.
     ~CNxThreadManagerImp() override;
 
-    NxResult InitMainThread(int argc, char** argv) override;
-    NxResult MainThreadDetachRun(CNxThread* thread) override;
+    [[nodiscard]] NxResult InitMainThread(int argc, char** argv) override;
+    [[nodiscard]] NxResult MainThreadDetachRun(CNxThread* thread) override;
     CNxThread* GetThread(int type) override;
     INxReactor* GetThreadReactor(int type) override;
     INxEventQueue* GetThreadEventQueue(int type) override;
     INxTimerQueue* GetThreadTimerQueue(int type) override;
-    NxResult CreateUserTaskThread(CNxThread*& out, TFlag flags, int withTimerQueue) override;
+    [[nodiscard]] NxResult CreateUserTaskThread(CNxThread*& out, TFlag flags,
+                                                int withTimerQueue) override;
     int GetAndIncreamUserType() override;
     NxResult DisableSignal(int signo) override;
-    NxResult CreateNetworkThread(int type, INxReactor* reactor, CNxThread*& out) override;
-    NxResult CreateReactorThread(int type, INxReactor* reactor, CNxThread*& out) override;
+    [[nodiscard]] NxResult CreateNetworkThread(int type, INxReactor* reactor,
+                                               CNxThread*& out) override;
+    [[nodiscard]] NxResult CreateReactorThread(int type, INxReactor* reactor,
+                                               CNxThread*& out) override;
     NxResult StopAllThreads(CNxTimeValue* timeout) override;
     NxResult JoinAllThreads() override;
-    NxResult RegisterThread(CNxThread* thread) override;
+    [[nodiscard]] NxResult RegisterThread(CNxThread* thread) override;
     NxResult UnregisterThread(CNxThread* thread) override;
     NxResult GetSingletonMutex(CNxMutexThreadRecursive*& mutex) override;
     NxResult GetReferenceControlMutex(CNxMutexThread*& mutex) override;

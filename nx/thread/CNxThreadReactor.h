@@ -12,12 +12,12 @@ class CNxThreadReactor : public CNxThread {
 public:
     // Hands the reactor over, before Create. NX_OK; NX_ERROR_ALREADY_INITIALIZED when there is one
     // already, NX_ERROR_INVALID_ARG for null; the reactor then stays the caller's.
-    NxResult Init(INxReactor* reactor);
+    [[nodiscard]] NxResult Init(INxReactor* reactor);
 
     // As CNxThread::Create. The reactor is opened on the thread that will run it, for type
     // NX_THREAD_MAIN in the call itself; when that fails its result is returned, with the thread
     // ended and, if joinable, joined: all that is left to do is Destory.
-    NxResult Create(int type, CNxThreadManager::TFlag flags) override;
+    [[nodiscard]] NxResult Create(int type, CNxThreadManager::TFlag flags) override;
 
     // Makes the reactor leave its loop behind all events posted so far. NX_ERROR_NOT_IMPLEMENTED
     // for a time-out, NX_ERROR_NOT_INITIALIZED without a reactor, else what the reactor answers.
@@ -32,6 +32,10 @@ public:
     INxReactor* GetReactor() override { return m_reactor.get(); }
     INxEventQueue* GetEventQueue() override { return m_reactor.get(); }
     INxTimerQueue* GetTimerQueue() override { return m_reactor.get(); }
+
+    // A reactor that its StopEventLoop does not reach is told by an event.
+    NxResult StopForCertain(CNxTimeValue* timeout) override;
+    void BindToCallingThread() override;
 
 private:
     std::unique_ptr<INxReactor> m_reactor;

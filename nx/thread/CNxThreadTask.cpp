@@ -5,7 +5,6 @@
 
 namespace {
 
-constexpr size_t c_noLimit = std::numeric_limits<size_t>::max();
 constexpr size_t c_eventsPerTurn = 100000;
 
 }  // namespace
@@ -15,21 +14,32 @@ NxResult CNxThreadTaskWithEventQueueOnly::Stop(CNxTimeValue* /*timeout*/) {
 }
 
 void CNxThreadTaskWithEventQueueOnly::OnThreadInit() {
-    m_eventQueue.SetOwnerThreadId(CNxThreadManager::GetThreadSelfId());
-    Reset2CurrentThreadId();
+    CNxThreadTaskWithEventQueueOnly::BindToCallingThread();
     SetStartFlag();
+}
+
+void CNxThreadTaskWithEventQueueOnly::BindToCallingThread() {
+    CNxThread::BindToCallingThread();
+    m_eventQueue.SetOwnerThreadId(GetThreadId());
+    Reset2CurrentThreadId();
 }
 
 void CNxThreadTaskWithEventQueueOnly::OnThreadRun() {
     EnsureLoopThread();
     std::list<INxEvent*> events;
     while (!IsStopped()) {
-        if (m_eventQueue.PopOrWaitPendingEvents(events, nullptr, c_noLimit) == NX_OK) {
+        CNxTimeValue wait = CNxTimeValue::s_tvMax();
+        const size_t most = BeginTurn(wait);
+        if (m_eventQueue.PopOrWaitPendingEvents(events, &wait, most) == NX_OK) {
             m_eventQueue.ProcessEvents(events);
             events.clear();
         }
     }
     m_eventQueue.StopAndDestoryPendingEvents();
+}
+
+size_t CNxThreadTaskWithEventQueueOnly::BeginTurn(CNxTimeValue& /*wait*/) {
+    return std::numeric_limits<size_t>::max();
 }
 
 void CNxThreadTask::OnThreadInit() {
@@ -37,18 +47,16 @@ void CNxThreadTask::OnThreadInit() {
     CNxThreadTaskWithEventQueueOnly::OnThreadInit();
 }
 
-void CNxThreadTask::OnThreadRun() {
-    EnsureLoopThread();
-    std::list<INxEvent*> events;
-    while (!IsStopped()) {
-        CNxTimeValue wait = CNxTimeValue::s_tvMax();
-        if (m_timerQueue != nullptr) {
-            m_timerQueue->CheckExpire(&wait);
-        }
-        if (m_eventQueue.PopOrWaitPendingEvents(events, &wait, c_eventsPerTurn) == NX_OK) {
-            m_eventQueue.ProcessEvents(events);
-            events.clear();
-        }
+void CNxThreadTask::BindToCallingThread() {
+    CNxThreadTaskWithEventQueueOnly::BindToCallingThread();
+    if (m_timerQueue != nullptr) {
+        m_timerQueue->Reset2CurrentThreadId();
     }
-    m_eventQueue.StopAndDestoryPendingEvents();
+}
+
+size_t CNxThreadTask::BeginTurn(CNxTimeValue& wait) {
+    if (m_timerQueue != nullptr) {
+        m_timerQueue->CheckExpire(&wait);
+    }
+    return c_eventsPerTurn;
 }

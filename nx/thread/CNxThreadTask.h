@@ -22,7 +22,13 @@ public:
 
     INxEventQueue* GetEventQueue() override { return &m_eventQueue; }
 
+    void BindToCallingThread() override;
+
 protected:
+    // The start of a turn: `wait` (no limit) may be made the time until the loop is needed again.
+    // Returns the most events that the turn fires.
+    virtual size_t BeginTurn(CNxTimeValue& wait);
+
     CNxEventQueueUsingConditionVariable m_eventQueue;
 };
 
@@ -31,10 +37,14 @@ protected:
 class CNxThreadTask : public CNxThreadTaskWithEventQueueOnly {
 public:
     void OnThreadInit() override;
-    void OnThreadRun() override;
 
     // Null before OnThreadInit.
     INxTimerQueue* GetTimerQueue() override { return m_timerQueue.get(); }
+
+    void BindToCallingThread() override;
+
+protected:
+    size_t BeginTurn(CNxTimeValue& wait) override;
 
 private:
     std::unique_ptr<CNxTimerQueueOrderedList> m_timerQueue;

@@ -8,6 +8,8 @@ constexpr unsigned long c_spanMs = 2UL * 60 * 60 * 1000;
 
 // Null unless its thread runs and shall go on.
 std::atomic<CNxTimerPreciseManager*> s_pPreciseTimerMgr{nullptr};
+// The one made last, until it is destroyed.
+std::atomic<CNxTimerPreciseManager*> s_last{nullptr};
 
 }  // namespace
 
@@ -43,40 +45,45 @@ CNxTimerPreciseManager* CNxTimerPreciseManager::Start() {
 }
 
 bool CNxTimerPreciseManager::DestroyEnded() {
-    auto* const ended = dynamic_cast<CNxTimerPreciseManager*>(
-        CNxThreadManager::Instance()->GetThread(NX_THREAD_PRECISE_TIMER));
-    if (ended == nullptr) {
+    CNxTimerPreciseManager* const last = s_last.load(std::memory_order_acquire);
+    if (last == nullptr) {
         return true;
     }
-    if (ended->m_joined.load(std::memory_order_acquire) == 0) {
+    if (last->m_joined.load(std::memory_order_acquire) == 0) {
         return false;
     }
-    ended->Destory(0);
+    last->Destory(0);
     return true;
 }
 
 CNxTimerPreciseManager::CNxTimerPreciseManager()
-    : m_calendar(std::make_unique<CNxTimerQueueCalendar>(c_tickMs, c_spanMs, nullptr)) {}
+    : m_calendar(std::make_unique<CNxTimerQueueCalendar>(c_tickMs, c_spanMs, nullptr)) {
+    s_last.store(this, std::memory_order_release);
+}
 
 CNxTimerPreciseManager::~CNxTimerPreciseManager() {
     CNxTimerPreciseManager* self = this;
     s_pPreciseTimerMgr.compare_exchange_strong(self, nullptr);
+    self = this;
+    s_last.compare_exchange_strong(self, nullptr);
 }
 
-NxResult CNxTimerPreciseManager::Schedule_l(INxTimerHandler* id, void* sink,
-                                            const CNxTimeValue& interval, unsigned long count) {
+void CNxTimerPreciseManager::Schedule_l(INxTimerHandler* id, void* sink,
+                                        const CNxTimeValue& interval, unsigned long count) {
+    GetMutex().AssertHeld();
     if (m_calendar == nullptr) {
-        return NX_OK;
+        return;
     }
     if (interval == CNxTimeValue::s_tvZero()) {
         // A timer that gets an interval of zero in place of another one could not be cancelled.
         m_calendar->CancelTimer(id);
     }
-    m_calendar->ScheduleTimer(id, sink, interval, count);
-    return NX_OK;
+    // Refuses nothing but a null handler; that it replaced another timer is no news to the caller.
+    static_cast<void>(m_calendar->ScheduleTimer(id, sink, interval, count));
 }
 
 NxResult CNxTimerPreciseManager::Cancel_l(INxTimerHandler* id) {
+    GetMutex().AssertHeld();
     return m_calendar != nullptr ? m_calendar->CancelTimer(id) : NX_ERROR_NULL_POINTER;
 }
 
@@ -86,7 +93,7 @@ void CNxTimerPreciseManager::OnThreadRun() {
     CNxEventThread never(0, 0);
     CNxTimeValue tick(0, c_tickMs * 1000);
     while (IsStopped()) {
-        never.Wait(&tick);
+        static_cast<void>(never.Wait(&tick));
         CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
         if (m_calendar != nullptr) {
             m_calendar->TimerTick();

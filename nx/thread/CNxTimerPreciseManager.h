@@ -29,8 +29,9 @@ public:
 
     // What CNxTimerPreciseWrapperID does, less the id's own state: one that was not scheduled
     // itself is not called. NX_OK, also when the thread has ended and nothing is scheduled.
-    NxResult Schedule(CNxTimerPreciseWrapperID* id, CNxTimerPreciseWrapperIDSink* sink,
-                      const CNxTimeValue& interval, unsigned long count);
+    [[nodiscard]] NxResult Schedule(CNxTimerPreciseWrapperID* id,
+                                    CNxTimerPreciseWrapperIDSink* sink,
+                                    const CNxTimeValue& interval, unsigned long count);
 
     // NX_OK; NX_ERROR_NULL_POINTER for null and when the thread has ended; NX_ERROR_NOT_FOUND when
     // no timer is pending, and for one with an interval of zero, which is cancelled all the same.
@@ -40,6 +41,8 @@ public:
     NxResult Stop(CNxTimeValue* /*timeout*/) override { return NX_OK; }
 
     void OnThreadRun() override;
+
+    EEnd GetEnd() const override { return EEnd::AFTER_ALL_OTHERS; }
 
     // For the thread manager. Ends the thread and waits for that; nothing to do when it does not
     // run, or when called on it. The object stays registered.
@@ -62,11 +65,11 @@ private:
     static CNxTimerPreciseManager* Start();
 
     // With the mutex held.
-    NxResult Schedule_l(INxTimerHandler* id, void* sink, const CNxTimeValue& interval,
-                        unsigned long count);
+    void Schedule_l(INxTimerHandler* id, void* sink, const CNxTimeValue& interval,
+                    unsigned long count);
     NxResult Cancel_l(INxTimerHandler* id);
 
-    // Null when the thread shall end or has ended.
+    // Null when the thread shall end or has ended. With the mutex held.
     std::unique_ptr<CNxTimerQueueCalendar> m_calendar;
     std::atomic<int> m_joined{0};
 };

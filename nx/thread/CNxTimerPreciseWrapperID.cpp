@@ -64,7 +64,8 @@ NxResult CNxTimerPreciseWrapperID::Schedule(CNxTimerPreciseWrapperIDSink* sink,
         return NX_ERROR_NULL_POINTER;
     }
     m_state->fetch_or(c_scheduled);
-    return manager->Schedule_l(this, ToToken(sink), interval, count);
+    manager->Schedule_l(this, ToToken(sink), interval, count);
+    return NX_OK;
 }
 
 NxResult CNxTimerPreciseWrapperID::Cancel() {
@@ -107,7 +108,8 @@ NxResult CNxTimerPreciseManager::Schedule(CNxTimerPreciseWrapperID* id,
                                           CNxTimerPreciseWrapperIDSink* sink,
                                           const CNxTimeValue& interval, unsigned long count) {
     CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
-    return Schedule_l(id, ToToken(sink), interval, count);
+    Schedule_l(id, ToToken(sink), interval, count);
+    return NX_OK;
 }
 
 NxResult CNxTimerPreciseManager::Cancel(CNxTimerPreciseWrapperID* id) {

@@ -51,8 +51,9 @@ public:
     // NX_ERROR_NULL_POINTER when there is no such thread, when it has no event queue (an earlier
     // schedule of the id then goes on without calling anybody), and when the timer thread does not
     // run: it could not be started, or has ended since the id was made.
-    NxResult Schedule(CNxTimerPreciseWrapperIDSink* sink, const CNxTimeValue& interval,
-                      unsigned long count, int threadType);
+    [[nodiscard]] NxResult Schedule(CNxTimerPreciseWrapperIDSink* sink,
+                                    const CNxTimeValue& interval, unsigned long count,
+                                    int threadType);
 
     // NX_OK; NX_ERROR_FAILURE when nothing was scheduled since the last Cancel. The timer is
     // cancelled too with NX_ERROR_NOT_FOUND: it has fired for the last time, or its interval is

@@ -34,8 +34,8 @@ public:
     // otherwise what the queue answers: NX_OK, NX_ERROR_FOUND when the timer was scheduled already
     // and has this schedule now, NX_ERROR_INVALID_ARG for an interval of zero or less with another
     // count than 1.
-    NxResult Schedule(CNxTimerWrapperIDSink* sink, const CNxTimeValue& interval,
-                      unsigned long count);
+    [[nodiscard]] NxResult Schedule(CNxTimerWrapperIDSink* sink, const CNxTimeValue& interval,
+                                    unsigned long count);
 
     // NX_OK, also when nothing was scheduled since the last Cancel; NX_ERROR_NOT_FOUND when the
     // timer has fired for the last time or its Schedule was refused.

@@ -1,6 +1,7 @@
 #include <nx/timer/CNxTimerPriorityQueue.h>
 
 #include <algorithm>
+#include <cassert>
 #include <utility>
 
 namespace {
@@ -19,7 +20,8 @@ bool CNxTimerPriorityQueue::IsBehind(const CKey& key, const CKey& other) {
     return key.m_expiry < other.m_expiry;
 }
 
-int CNxTimerPriorityQueue::PushNode_l(const CNode& node) {
+NxResult CNxTimerPriorityQueue::PushNode_l(const CNode& node) {
+    assert(m_heap.size() == m_index.size());
     if (m_heap.size() == m_heap.capacity()) {
         m_heap.reserve(2 * m_heap.size() + c_children);
     }
@@ -31,13 +33,15 @@ int CNxTimerPriorityQueue::PushNode_l(const CNode& node) {
     if (inserted) {
         m_heap.push_back(key);
         Put(SiftUp(m_heap.size() - 1, key), key);
-        return 0;
+        assert(IsInOrder(entry->m_place));
+        return NX_OK;
     }
     Settle(entry->m_place, key);
-    return 1;
+    return NX_ERROR_FOUND;
 }
 
-int CNxTimerPriorityQueue::RePushNode_l(const CNode& node) {
+NxResult CNxTimerPriorityQueue::RePushNode_l(const CNode& node) {
+    assert(m_index.count(node.m_handler) == 0);
     return PushNode_l(node);
 }
 
@@ -55,35 +59,36 @@ CNxTimerPriorityQueue::CEntry* CNxTimerPriorityQueue::FindOrInsert(INxTimerHandl
     return &result.position->second;
 }
 
-int CNxTimerPriorityQueue::EraseNode_l(INxTimerHandler* handler) {
+NxResult CNxTimerPriorityQueue::EraseNode_l(INxTimerHandler* handler) {
     const auto found = m_index.find(handler);
     if (found == m_index.end()) {
-        return 1;
+        return NX_ERROR_NOT_FOUND;
     }
     Remove(found);
-    return 0;
+    return NX_OK;
 }
 
-int CNxTimerPriorityQueue::PopFirstNode_l(CNode& node) {
+NxResult CNxTimerPriorityQueue::PopFirstNode_l(CNode& node) {
     if (m_heap.empty()) {
-        return -1;
+        return NX_ERROR_NOT_FOUND;
     }
     node = m_heap.front().m_entry->m_node;
     Remove(m_index.find(node.m_handler));
-    return 0;
+    return NX_OK;
 }
 
-int CNxTimerPriorityQueue::GetEarliestTime_l(CNxTimeValue& time) const {
+NxResult CNxTimerPriorityQueue::GetEarliestTime_l(CNxTimeValue& time) const {
     if (m_heap.empty()) {
-        return -1;
+        return NX_ERROR_NOT_FOUND;
     }
     time = m_heap.front().m_expiry;
-    return 0;
+    return NX_OK;
 }
 
 // The last key takes the place that becomes free.
 void CNxTimerPriorityQueue::Remove(Index::iterator entry) {
     const size_t place = entry->second.m_place;
+    assert(m_heap[place].m_entry == &entry->second);
     m_spare = m_index.extract(entry);
     const CKey last = m_heap.back();
     m_heap.pop_back();
@@ -96,6 +101,7 @@ void CNxTimerPriorityQueue::Remove(Index::iterator entry) {
 void CNxTimerPriorityQueue::Settle(size_t place, const CKey& key) {
     const size_t above = SiftUp(place, key);
     Put(above == place ? SiftDown(place, key) : above, key);
+    assert(IsInOrder(key.m_entry->m_place));
 }
 
 size_t CNxTimerPriorityQueue::SiftUp(size_t place, const CKey& key) {
@@ -127,6 +133,21 @@ size_t CNxTimerPriorityQueue::SiftDown(size_t place, const CKey& key) {
         Put(place, m_heap[ahead]);
         place = ahead;
     }
+}
+
+// Whether a key stands between its parent and its children.
+bool CNxTimerPriorityQueue::IsInOrder(size_t place) const {
+    if (place != 0 && IsBehind(m_heap[(place - 1) / c_children], m_heap[place])) {
+        return false;
+    }
+    const size_t first = c_children * place + 1;
+    const size_t end = std::min(first + c_children, m_heap.size());
+    for (size_t child = first; child < end; ++child) {
+        if (IsBehind(m_heap[place], m_heap[child])) {
+            return false;
+        }
+    }
+    return true;
 }
 
 void CNxTimerPriorityQueue::Put(size_t place, const CKey& key) {

@@ -15,11 +15,11 @@ public:
     explicit CNxTimerPriorityQueue(INxObserver* observer) : CNxTimerQueueBase(observer) {}
 
 protected:
-    int PushNode_l(const CNode& node) override;
-    int EraseNode_l(INxTimerHandler* handler) override;
-    int RePushNode_l(const CNode& node) override;
-    int PopFirstNode_l(CNode& node) override;
-    int GetEarliestTime_l(CNxTimeValue& time) const override;
+    [[nodiscard]] NxResult PushNode_l(const CNode& node) override;
+    [[nodiscard]] NxResult EraseNode_l(INxTimerHandler* handler) override;
+    [[nodiscard]] NxResult RePushNode_l(const CNode& node) override;
+    [[nodiscard]] NxResult PopFirstNode_l(CNode& node) override;
+    [[nodiscard]] NxResult GetEarliestTime_l(CNxTimeValue& time) const override;
 
 private:
     // A timer, and where its key lies in the heap.
@@ -41,6 +41,7 @@ private:
     void Settle(size_t place, const CKey& key);
     size_t SiftUp(size_t place, const CKey& key);
     size_t SiftDown(size_t place, const CKey& key);
+    bool IsInOrder(size_t place) const;
     void Put(size_t place, const CKey& key);
 
     std::vector<CKey> m_heap;  // the children of i are 4i+1 to 4i+4

@@ -1,5 +1,7 @@
 #include <nx/timer/CNxTimerQueueBase.h>
 
+#include <cassert>
+
 namespace {
 
 constexpr const char* c_name = "a timer queue";
@@ -21,17 +23,14 @@ NxResult CNxTimerQueueBase::ScheduleTimer(INxTimerHandler* handler, void* token,
     }
     m_Est.EnsureSingleThread(c_name);
     CNxTimeValue earliest;
-    const bool wasEmpty = m_observer != nullptr && GetEarliestTime_l(earliest) == -1;
+    const bool wasEmpty = m_observer != nullptr && GetEarliestTime_l(earliest) != NX_OK;
     const CNxTimeValue expiry = GetExpiry(CNxTimeValue::GetTimeOfDay(), interval);
-    const int pushed =
+    const NxResult pushed =
         PushNode_l(CNode{handler, token, expiry, interval, count == 0 ? c_endless : count});
     if (wasEmpty) {
         m_observer->OnObserve("TimerQueue", nullptr);
     }
-    if (pushed == 0) {
-        return NX_OK;
-    }
-    return pushed == 1 ? NX_ERROR_FOUND : NX_ERROR_FAILURE;
+    return pushed == NX_OK || pushed == NX_ERROR_FOUND ? pushed : NX_ERROR_FAILURE;
 }
 
 NxResult CNxTimerQueueBase::CancelTimer(INxTimerHandler* handler) {
@@ -39,17 +38,14 @@ NxResult CNxTimerQueueBase::CancelTimer(INxTimerHandler* handler) {
         return NX_ERROR_INVALID_ARG;
     }
     m_Est.EnsureSingleThread(c_name);
-    const int erased = EraseNode_l(handler);
-    if (erased == 0) {
-        return NX_OK;
-    }
-    return erased == 1 ? NX_ERROR_NOT_FOUND : NX_ERROR_FAILURE;
+    const NxResult erased = EraseNode_l(handler);
+    return erased == NX_OK || erased == NX_ERROR_NOT_FOUND ? erased : NX_ERROR_FAILURE;
 }
 
 CNxTimeValue CNxTimerQueueBase::GetEarliestTime() {
     m_Est.EnsureSingleThread(c_name);
     CNxTimeValue earliest;
-    return GetEarliestTime_l(earliest) == 0 ? earliest : CNxTimeValue::s_tvMax();
+    return GetEarliestTime_l(earliest) == NX_OK ? earliest : CNxTimeValue::s_tvMax();
 }
 
 int CNxTimerQueueBase::CheckExpire(CNxTimeValue* remainTime) {
@@ -58,10 +54,10 @@ int CNxTimerQueueBase::CheckExpire(CNxTimeValue* remainTime) {
     CNxTimeValue earliest;
     int fired = 0;
     // An empty queue costs no clock read.
-    if (GetEarliestTime_l(earliest) == 0) {
+    if (GetEarliestTime_l(earliest) == NX_OK) {
         const CNxTimeValue now = CNxTimeValue::GetTimeOfDay();
         fired = FireDueNodes(now);
-        if (GetEarliestTime_l(earliest) == 0) {
+        if (GetEarliestTime_l(earliest) == NX_OK) {
             remaining = earliest - now;
         }
     }
@@ -74,9 +70,12 @@ int CNxTimerQueueBase::CheckExpire(CNxTimeValue* remainTime) {
 int CNxTimerQueueBase::FireDueNodes(const CNxTimeValue& now) {
     int fired = 0;
     CNxTimeValue earliest;
-    while (GetEarliestTime_l(earliest) == 0 && earliest <= now) {
+    while (GetEarliestTime_l(earliest) == NX_OK && earliest <= now) {
         CNode node{};
-        PopFirstNode_l(node);
+        if (PopFirstNode_l(node) != NX_OK) {
+            break;
+        }
+        assert(node.m_expiry <= now);
         // Armed again before it runs, so the handler may cancel or replace its own timer.
         ArmAgain(node, now);
         node.m_handler->OnTimeout(now, node.m_token);
@@ -91,6 +90,7 @@ void CNxTimerQueueBase::ArmAgain(CNode& node, const CNxTimeValue& now) {
     }
     if (node.m_interval > CNxTimeValue::s_tvZero()) {
         node.m_expiry = GetExpiry(now, node.m_interval);
-        RePushNode_l(node);
+        // It has no result of its own to return: a container that refuses has dropped the timer.
+        static_cast<void>(RePushNode_l(node));
     }
 }

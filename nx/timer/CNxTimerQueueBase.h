@@ -22,8 +22,9 @@ public:
     // other than 1; a one-shot timer may have it, and is due at once. Count ~0ul is endless like 0.
     // An expiry beyond the largest time value never comes. NX_ERROR_FAILURE when the container
     // refuses.
-    NxResult ScheduleTimer(INxTimerHandler* handler, void* token, const CNxTimeValue& interval,
-                           unsigned long count) override;
+    [[nodiscard]] NxResult ScheduleTimer(INxTimerHandler* handler, void* token,
+                                         const CNxTimeValue& interval,
+                                         unsigned long count) override;
     NxResult CancelTimer(INxTimerHandler* handler) override;
 
     // The earliest expiry, s_tvMax() when no timer is pending.
@@ -51,17 +52,16 @@ protected:
         unsigned long m_count;  // firings left; c_endless is never counted down
     };
 
-    // The container. Among equal expiries the node that was pushed last is the first.
-    // 0 when the handler was new, 1 when its node was replaced, anything else is a failure.
-    virtual int PushNode_l(const CNode& node) = 0;
-    // 0, or 1 when the handler had no node.
-    virtual int EraseNode_l(INxTimerHandler* handler) = 0;
-    // Pushes a node whose handler is known to have none. 0.
-    virtual int RePushNode_l(const CNode& node) = 0;
-    // Takes the earliest node out. 0, or -1 when there is none.
-    virtual int PopFirstNode_l(CNode& node) = 0;
-    // 0, or -1 when there is none.
-    virtual int GetEarliestTime_l(CNxTimeValue& time) const = 0;
+    // The container. Among equal expiries the node that was pushed last is the first. Results:
+    // NX_OK; NX_ERROR_FOUND when a push replaced the handler's node; NX_ERROR_NOT_FOUND when there is
+    // no such node. Any other code of a subclass counts as NX_ERROR_FAILURE.
+    [[nodiscard]] virtual NxResult PushNode_l(const CNode& node) = 0;
+    [[nodiscard]] virtual NxResult EraseNode_l(INxTimerHandler* handler) = 0;
+    // Pushes a node whose handler is known to have none.
+    [[nodiscard]] virtual NxResult RePushNode_l(const CNode& node) = 0;
+    // Takes the earliest node out.
+    [[nodiscard]] virtual NxResult PopFirstNode_l(CNode& node) = 0;
+    [[nodiscard]] virtual NxResult GetEarliestTime_l(CNxTimeValue& time) const = 0;
 
 private:
     int FireDueNodes(const CNxTimeValue& now);

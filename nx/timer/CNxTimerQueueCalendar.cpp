@@ -1,6 +1,7 @@
 #include <nx/timer/CNxTimerQueueCalendar.h>
 
 #include <algorithm>
+#include <cassert>
 #include <functional>
 #include <utility>
 
@@ -69,6 +70,7 @@ NxResult CNxTimerQueueCalendar::CancelTimer(INxTimerHandler* handler) {
     if (found->second == nullptr) {
         return NX_ERROR_NOT_FOUND;
     }
+    assert(found->second->m_value.m_handler == handler);
     Unlink(found->second);
     m_entries.erase(found);
     return NX_OK;
@@ -116,6 +118,7 @@ void CNxTimerQueueCalendar::TakeCurrentSlot(std::vector<Due>& due) {
 
 void CNxTimerQueueCalendar::ArmAgain(SlotPtr entry, Slot*& nextRound) {
     const ValueType& value = entry->m_value;
+    assert(value.m_count != 0);
     const unsigned long left = --entry->m_value.m_count;
     const unsigned long offset = GetOffset(value.m_interval);
     const unsigned long index = GetIndex(offset);
@@ -158,6 +161,7 @@ unsigned long CNxTimerQueueCalendar::GetOffset(const CNxTimeValue& interval) con
 
 // Wraps by one slot less than the ring has.
 unsigned long CNxTimerQueueCalendar::GetIndex(unsigned long offset) const {
+    assert(offset <= m_lastIndex && m_currentIndex <= m_lastIndex);
     const unsigned long index = m_currentIndex + offset;
     return index <= m_lastIndex ? index : index - m_lastIndex;
 }
@@ -193,6 +197,8 @@ void CNxTimerQueueCalendar::Push(Slot*& head, SlotPtr entry) {
 }
 
 CNxTimerQueueCalendar::SlotPtr CNxTimerQueueCalendar::Unlink(Slot* entry) {
+    assert(*entry->m_self == entry);
+    assert(entry->m_next == nullptr || entry->m_next->m_self == &entry->m_next);
     *entry->m_self = entry->m_next;
     if (entry->m_next != nullptr) {
         entry->m_next->m_self = entry->m_self;

@@ -51,8 +51,9 @@ public:
 
     // NX_ERROR_INVALID_ARG for a null handler. NX_ERROR_FOUND when a timer of the handler with an
     // interval other than zero was replaced by another of that kind; else NX_OK.
-    NxResult ScheduleTimer(INxTimerHandler* handler, void* token, const CNxTimeValue& interval,
-                           unsigned long count) override;
+    [[nodiscard]] NxResult ScheduleTimer(INxTimerHandler* handler, void* token,
+                                         const CNxTimeValue& interval,
+                                         unsigned long count) override;
 
     // As INxTimerQueue, except for timers with an interval of zero, where the answer is
     // NX_ERROR_NOT_FOUND: they are cancelled all the same. But once such a timer has replaced one

@@ -1,9 +1,10 @@
 #include <nx/timer/CNxTimerQueueOrderedList.h>
 
 #include <algorithm>
+#include <cassert>
 
 // One walk both inserts the node and drops the handler's old one.
-int CNxTimerQueueOrderedList::PushNode_l(const CNode& node) {
+NxResult CNxTimerQueueOrderedList::PushNode_l(const CNode& node) {
     bool inserted = false;
     bool replaced = false;
     for (auto at = m_nodes.begin(); at != m_nodes.end() && !(inserted && replaced);) {
@@ -21,41 +22,42 @@ int CNxTimerQueueOrderedList::PushNode_l(const CNode& node) {
     if (!inserted) {
         m_nodes.push_back(node);
     }
-    return replaced ? 1 : 0;
+    return replaced ? NX_ERROR_FOUND : NX_OK;
 }
 
-int CNxTimerQueueOrderedList::EraseNode_l(INxTimerHandler* handler) {
+NxResult CNxTimerQueueOrderedList::EraseNode_l(INxTimerHandler* handler) {
     const auto found = std::find_if(m_nodes.begin(), m_nodes.end(), [handler](const CNode& node) {
         return node.m_handler == handler;
     });
     if (found == m_nodes.end()) {
-        return 1;
+        return NX_ERROR_NOT_FOUND;
     }
     m_nodes.erase(found);
-    return 0;
+    return NX_OK;
 }
 
-int CNxTimerQueueOrderedList::RePushNode_l(const CNode& node) {
+NxResult CNxTimerQueueOrderedList::RePushNode_l(const CNode& node) {
     const auto place = std::find_if(m_nodes.begin(), m_nodes.end(), [&node](const CNode& other) {
         return other.m_expiry >= node.m_expiry;
     });
     m_nodes.insert(place, node);
-    return 0;
+    return NX_OK;
 }
 
-int CNxTimerQueueOrderedList::PopFirstNode_l(CNode& node) {
+NxResult CNxTimerQueueOrderedList::PopFirstNode_l(CNode& node) {
     if (m_nodes.empty()) {
-        return -1;
+        return NX_ERROR_NOT_FOUND;
     }
     node = m_nodes.front();
     m_nodes.pop_front();
-    return 0;
+    assert(m_nodes.empty() || node.m_expiry <= m_nodes.front().m_expiry);
+    return NX_OK;
 }
 
-int CNxTimerQueueOrderedList::GetEarliestTime_l(CNxTimeValue& time) const {
+NxResult CNxTimerQueueOrderedList::GetEarliestTime_l(CNxTimeValue& time) const {
     if (m_nodes.empty()) {
-        return -1;
+        return NX_ERROR_NOT_FOUND;
     }
     time = m_nodes.front().m_expiry;
-    return 0;
+    return NX_OK;
 }

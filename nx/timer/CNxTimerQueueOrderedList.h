@@ -15,11 +15,11 @@ public:
     int EnsureSorted() { return 0; }
 
 protected:
-    int PushNode_l(const CNode& node) override;
-    int EraseNode_l(INxTimerHandler* handler) override;
-    int RePushNode_l(const CNode& node) override;
-    int PopFirstNode_l(CNode& node) override;
-    int GetEarliestTime_l(CNxTimeValue& time) const override;
+    [[nodiscard]] NxResult PushNode_l(const CNode& node) override;
+    [[nodiscard]] NxResult EraseNode_l(INxTimerHandler* handler) override;
+    [[nodiscard]] NxResult RePushNode_l(const CNode& node) override;
+    [[nodiscard]] NxResult PopFirstNode_l(CNode& node) override;
+    [[nodiscard]] NxResult GetEarliestTime_l(CNxTimeValue& time) const override;
 
 private:
     std::list<CNode> m_nodes;

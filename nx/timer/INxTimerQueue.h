@@ -22,8 +22,9 @@ public:
     // cancelled. A handler that has a timer gets this one instead.
     // NX_OK; NX_ERROR_FOUND when a timer of the handler was replaced, which counts as success;
     // NX_ERROR_INVALID_ARG for a null handler. Implementations add what else they refuse.
-    virtual NxResult ScheduleTimer(INxTimerHandler* handler, void* token,
-                                   const CNxTimeValue& interval, unsigned long count) = 0;
+    [[nodiscard]] virtual NxResult ScheduleTimer(INxTimerHandler* handler, void* token,
+                                                 const CNxTimeValue& interval,
+                                                 unsigned long count) = 0;
 
     // NX_OK, NX_ERROR_INVALID_ARG for null, NX_ERROR_NOT_FOUND when the handler has no timer.
     virtual NxResult CancelTimer(INxTimerHandler* handler) = 0;

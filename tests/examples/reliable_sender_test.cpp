@@ -38,8 +38,9 @@ struct BareSocket {
 TEST(ReliableSender, SendsAgainWhatWasLostUntilEverythingIsAnswered) {
     constexpr unsigned int c_requests = 20;
     CNxThread* network = nullptr;
-    CNxThreadManager::Instance()->CreateNetworkThread(
-        NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(), network);
+    ASSERT_EQ(CNxThreadManager::Instance()->CreateNetworkThread(
+                  NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(), network),
+              NX_OK);
     INxReactor& reactor = *network->GetReactor();
     BareSocket peer;
     BareSocket stranger;

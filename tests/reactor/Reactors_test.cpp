@@ -54,7 +54,7 @@ TYPED_TEST(Reactors, FullPipeStrandsNeitherEventsNorTheStop) {
             reactor.StopEventLoop();
         }
     });
-    reactor.ScheduleTimer(&stop, nullptr, CNxTimeValue(0, 1000), 0);
+    EXPECT_EQ(reactor.ScheduleTimer(&stop, nullptr, CNxTimeValue(0, 1000), 0), NX_OK);
     EXPECT_EQ(reactor.RunEventLoop(), NX_OK);
     EXPECT_EQ(end.m_inputs, notified);
 }

@@ -23,7 +23,7 @@ TEST(ReactorThreadProxy, RegistersAndRemovesOnTheReactorsThreadWithItsAnswers) {
     EXPECT_EQ(proxy.RegisterHandler(&end, NX_MASK_WRITE | NX_MASK_READ), NX_OK);
     EXPECT_EQ(proxy.RegisterHandler(&end, NX_MASK_READ), NX_ERROR_FOUND);
     end.Send();
-    called.Wait(nullptr);
+    EXPECT_EQ(called.Wait(nullptr), NX_OK);
     EXPECT_EQ(proxy.RemoveHandler(&end, NX_MASK_READ), NX_OK);
     EXPECT_TRUE(onReactorThread);
     thread->Stop(nullptr);

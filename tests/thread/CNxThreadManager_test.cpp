@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "../support/CountedEvent.h"
+#include "../support/Must.h"
 
 namespace {
 
@@ -83,7 +84,7 @@ protected:
 
 CNxThread* StartWorker(CNxThreadManager::TFlag flags = c_joinable) {
     CNxThread* worker = nullptr;
-    Manager()->CreateUserTaskThread(worker, flags, 1);
+    Must(Manager()->CreateUserTaskThread(worker, flags, 1));
     return worker;
 }
 
@@ -94,15 +95,15 @@ public:
 
 TEST_F(ProcessEnd, ForgottenThreadsAreStoppedAndJoined) {
     const auto body = [] {
-        Manager()->InitMainThread(0, nullptr);
+        Must(Manager()->InitMainThread(0, nullptr));
         CNxThread* out = nullptr;
-        Manager()->CreateNetworkThread(NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(),
-                                       out);
+        Must(Manager()->CreateNetworkThread(NX_THREAD_NETWORK,
+                                            CNxThreadManager::CreateNetworkReactor(), out));
         CNxThread* const worker = StartWorker();
         StartWorker(CNxThreadManager::FLAG_DETACHED);
-        (new CNxThreadDummy)->Init(worker, Manager()->GetAndIncreamUserType());
+        Must((new CNxThreadDummy)->Init(worker, Manager()->GetAndIncreamUserType()));
         auto* const heart = new CNxThreadHeartBeat;
-        heart->CreateNotRun(Manager()->GetAndIncreamUserType(), c_joinable);
+        Must(heart->CreateNotRun(Manager()->GetAndIncreamUserType(), c_joinable));
         heart->OnThreadInit();
         new SayGoodbye;
         std::exit(3);
@@ -115,7 +116,7 @@ TEST_F(ProcessEnd, WorkerThatWaitsForTheMainThreadDoesNotKeepTheProcess) {
     for (const bool inEvent : {false, true}) {
         const auto body = [inEvent] {
             static EventCounts counts;
-            Manager()->InitMainThread(0, nullptr);
+            Must(Manager()->InitMainThread(0, nullptr));
             CNxThread* const mainThread = Manager()->GetThread(NX_THREAD_MAIN);
             INxEventQueue* const mainQueue = mainThread->GetEventQueue();
             const auto send = [mainQueue] {
@@ -140,10 +141,10 @@ TEST_F(ProcessEnd, WorkerThatWaitsForTheMainThreadDoesNotKeepTheProcess) {
 TEST_F(ProcessEnd, LoopOnAThreadOfTheApplicationDoesNotKeepTheProcess) {
     const auto body = [] {
         static std::atomic<bool> isUp{false};
-        Manager()->InitMainThread(0, nullptr);
+        Must(Manager()->InitMainThread(0, nullptr));
         std::thread([] {
             auto* const thread = new CNxThreadTask;
-            thread->CreateNotRun(Manager()->GetAndIncreamUserType(), c_joinable);
+            Must(thread->CreateNotRun(Manager()->GetAndIncreamUserType(), c_joinable));
             thread->OnThreadInit();
             isUp = true;
             thread->OnThreadRun();
@@ -167,8 +168,8 @@ public:
 
 TEST_F(ProcessEnd, ThreadThatCannotBeStoppedDoesNotKeepTheProcess) {
     const auto body = [] {
-        Manager()->InitMainThread(0, nullptr);
-        (new EndlessThread)->Create(Manager()->GetAndIncreamUserType(), c_joinable);
+        Must(Manager()->InitMainThread(0, nullptr));
+        Must((new EndlessThread)->Create(Manager()->GetAndIncreamUserType(), c_joinable));
         std::exit(0);
     };
     EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
@@ -178,11 +179,11 @@ TEST_F(ProcessEnd, ExitOnAnotherThreadLeavesRunningThreadsAlone) {
     for (const bool detachedMain : {false, true}) {
         const auto body = [detachedMain] {
             static EventCounts counts;
-            Manager()->InitMainThread(0, nullptr);
+            Must(Manager()->InitMainThread(0, nullptr));
             CNxThread* const mainThread = Manager()->GetThread(NX_THREAD_MAIN);
             StartWorker();
             if (detachedMain) {
-                Manager()->MainThreadDetachRun(mainThread);
+                Must(Manager()->MainThreadDetachRun(mainThread));
                 std::exit(0);
             }
             StartWorker()->GetEventQueue()->PostEvent(
@@ -208,7 +209,7 @@ TEST_F(ProcessEnd, CountedObjectsOutliveTheManager) {
         } holder;
         holder.m_object = new StaticCounted;
         holder.m_object->AddReference();
-        Manager()->InitMainThread(0, nullptr);
+        Must(Manager()->InitMainThread(0, nullptr));
         std::exit(0);
     };
     EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");

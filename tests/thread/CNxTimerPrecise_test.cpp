@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "../support/Must.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -58,7 +60,7 @@ struct Nothing : INxEvent {
 // Is cancelled and destroyed at some time: by its own n-th call, or for 0 by another thread.
 struct ShortLived : CNxTimerPreciseWrapperIDSink {
     ShortLived(milliseconds interval, int lastCall, int type) : m_lastCall(lastCall), m_type(type) {
-        m_id->Schedule(this, ToInterval(interval), 0, type);
+        EXPECT_EQ(m_id->Schedule(this, ToInterval(interval), 0, type), NX_OK);
     }
 
     void OnTimer(CNxTimerPreciseWrapperID* /*id*/) override {
@@ -87,7 +89,7 @@ struct ShortLived : CNxTimerPreciseWrapperIDSink {
 struct Crowd {
     Crowd() {
         for (CNxThread*& thread : m_threads) {
-            Manager()->CreateUserTaskThread(thread, c_joinable, 0);
+            Must(Manager()->CreateUserTaskThread(thread, c_joinable, 0));
         }
     }
     ~Crowd() {
@@ -138,8 +140,9 @@ TEST(TimerPreciseCrowd, EveryTimerFiresItsCountWhileOthersComeAndGo) {
         timer.m_count = duration / static_cast<int>((timer.m_interval.count() + 9) / 10 * 10);
         timer.m_type = crowd.AnyType();
         timer.m_open = &open;
-        timer.m_id.Schedule(&timer, ToInterval(timer.m_interval),
-                            static_cast<unsigned long>(timer.m_count), timer.m_type);
+        ASSERT_EQ(timer.m_id.Schedule(&timer, ToInterval(timer.m_interval),
+                                      static_cast<unsigned long>(timer.m_count), timer.m_type),
+                  NX_OK);
     }
     EXPECT_EQ(RunShortLived(crowd, open), 0);
     for (Counted& timer : counted) {
@@ -171,10 +174,11 @@ TEST(TimerPreciseEnd, ProcessThatForgetsItsTimersExitsOnAnyThread) {
             // Never destroyed: the targets run on while a target's exit() destroys statics.
             static auto* const sink = new Sink;
             sink->m_exitAt = onTarget ? 700 : 0;
-            Manager()->InitMainThread(0, nullptr);
+            Must(Manager()->InitMainThread(0, nullptr));
             auto* const crowd = new Crowd;
             for (int i = 0; i < (IsFull() ? 10000 : 500); ++i) {
-                g_forgotten.emplace_back().Schedule(sink, ToInterval(c_tick), 0, crowd->AnyType());
+                Must(g_forgotten.emplace_back().Schedule(sink, ToInterval(c_tick), 0,
+                                                         crowd->AnyType()));
             }
             if (onTarget) {
                 Manager()->GetThread(NX_THREAD_MAIN)->OnThreadRun();

@@ -17,8 +17,9 @@ struct DeletingSink : CNxTimerWrapperIDSink {
 TEST(TimerWrapperID, MayBeDestroyedWhileScheduledAndFromItsOwnCallback) {
     SimulatedClock clock;
     auto* const thread = new CNxThreadHeartBeat;
-    thread->CreateNotRun(CNxThreadManager::Instance()->GetAndIncreamUserType(),
-                         CNxThreadManager::FLAG_JOINABLE);
+    ASSERT_EQ(thread->CreateNotRun(CNxThreadManager::Instance()->GetAndIncreamUserType(),
+                                   CNxThreadManager::FLAG_JOINABLE),
+              NX_OK);
     thread->OnThreadInit();
     DeletingSink sink;
     const CNxTimeValue second(1);

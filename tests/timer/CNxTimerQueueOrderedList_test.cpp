@@ -31,10 +31,10 @@ TEST(TimerQueue, FiresByExpiryLastScheduledFirstAndDoesNotCatchUp) {
     const CNxTimeValue second(1, 0);
     EXPECT_EQ(queue.ScheduleTimer(&a, nullptr, CNxTimeValue(0, -1), 2), NX_ERROR_INVALID_ARG);
     EXPECT_EQ(queue.GetEarliestTime(), CNxTimeValue::s_tvMax());
-    queue.ScheduleTimer(&late, nullptr, CNxTimeValue(60, 0), 1);
-    queue.ScheduleTimer(&a, nullptr, second, 3);
-    queue.ScheduleTimer(&b, nullptr, second, 0);
-    queue.ScheduleTimer(&once, nullptr, CNxTimeValue(0, 500), 1);
+    EXPECT_EQ(queue.ScheduleTimer(&late, nullptr, CNxTimeValue(60, 0), 1), NX_OK);
+    EXPECT_EQ(queue.ScheduleTimer(&a, nullptr, second, 3), NX_OK);
+    EXPECT_EQ(queue.ScheduleTimer(&b, nullptr, second, 0), NX_OK);
+    EXPECT_EQ(queue.ScheduleTimer(&once, nullptr, CNxTimeValue(0, 500), 1), NX_OK);
     // Many periods pass, of which each timer gets one.
     clock.Advance(5000000);
     CNxTimeValue remaining;

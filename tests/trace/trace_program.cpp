@@ -114,7 +114,9 @@ int main(int argc, char** argv) {
         Shared(argv[2], number(3), number(4));
     }
     // As a server starts.
-    CNxThreadManager::Instance()->InitMainThread(argc, argv);
+    if (CNxThreadManager::Instance()->InitMainThread(argc, argv) != NX_OK) {
+        return 1;
+    }
     std::printf("pid=%d\n", getpid());
     const std::map<std::string, std::function<void()>> commands = {
         {"levels", [&] { Levels(number(2)); }},

@@ -1,11 +1,10 @@
-#include <nx/event/CNxEventQueueUsingMutex.h>
+#include <nx/event/CNxEventQueueLocked.h>
 
-NxResult CNxEventQueueUsingMutex::PostEvent(INxEvent* event, EPriority priority) {
-    return PostEventWithOldSize(event, priority, nullptr);
+NxResult CNxEventQueueLocked::PostEvent(INxEvent* event, EPriority /*priority*/) {
+    return Post(event, EAfter::OPEN, nullptr);
 }
 
-NxResult CNxEventQueueUsingMutex::PostEventWithOldSize(INxEvent* event, EPriority /*priority*/,
-                                                       size_t* oldSize) {
+NxResult CNxEventQueueLocked::Post(INxEvent* event, EAfter after, size_t* oldSize) {
     Node node(1, event);
     NxResult result = NX_OK;
     {
@@ -14,16 +13,22 @@ NxResult CNxEventQueueUsingMutex::PostEventWithOldSize(INxEvent* event, EPriorit
             *oldSize = CNxEventQueueBase::GetPendingEventsCount();
         }
         result = Append_i(node);
+        if (result == NX_OK) {
+            if (after == EAfter::STOPPED) {
+                SetStopped_i(true);
+            }
+            OnAppended_l();
+        }
     }
     return FinishPost(event, result);
 }
 
-size_t CNxEventQueueUsingMutex::GetPendingEventsCount() {
+size_t CNxEventQueueLocked::GetPendingEventsCount() {
     CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
     return CNxEventQueueBase::GetPendingEventsCount();
 }
 
-void CNxEventQueueUsingMutex::DestoryPendingEvents() {
+void CNxEventQueueLocked::DestoryPendingEvents() {
     std::list<INxEvent*> events;
     {
         CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
@@ -32,10 +37,10 @@ void CNxEventQueueUsingMutex::DestoryPendingEvents() {
     DestroyAll(events);
 }
 
-void CNxEventQueueUsingMutex::StopAndDestoryPendingEvents() {
+void CNxEventQueueLocked::StopAndDestoryPendingEvents() {
     {
         CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
         SetStopped_i(true);
     }
-    CNxEventQueueUsingMutex::DestoryPendingEvents();
+    CNxEventQueueLocked::DestoryPendingEvents();
 }
