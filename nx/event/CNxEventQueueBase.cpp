@@ -2,6 +2,7 @@
 #include <nx/event/CNxEventSynchronous.h>
 #include <pthread.h>
 
+#include <cassert>
 #include <iterator>
 
 namespace {
@@ -12,7 +13,10 @@ struct CBatch {
         : m_current(events.begin()), m_end(events.end()) {
         s_innermost = this;
     }
-    ~CBatch() { s_innermost = m_outer; }
+    ~CBatch() {
+        assert(s_innermost == this);
+        s_innermost = m_outer;
+    }
 
     static thread_local CBatch* s_innermost;
 
@@ -123,6 +127,7 @@ NxResult CNxEventQueueBase::ProcessOneEvent(INxEvent* event) {
 }
 
 NxResult CNxEventQueueBase::Append_i(Node& node) {
+    assert(node.size() == 1);
     if (node.front() == nullptr) {
         return NX_ERROR_INVALID_ARG;
     }

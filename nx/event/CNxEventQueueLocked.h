@@ -1,4 +1,4 @@
-// What the queues for use between threads have in common: the core behind a mutex.
+// What the queues for use between threads have in common: the core and a mutex.
 #pragma once
 
 #include <nx/event/CNxEventQueueBase.h>

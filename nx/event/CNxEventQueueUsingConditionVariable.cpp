@@ -2,6 +2,7 @@
 
 // Under the mutex: without it the owner may have taken the event and destroyed the queue by now.
 void CNxEventQueueUsingConditionVariable::OnAppended_l() {
+    m_mutex.AssertHeld();
     m_condition.Signal();
 }
 

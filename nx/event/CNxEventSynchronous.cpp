@@ -1,6 +1,7 @@
 #include <nx/event/CNxEventSynchronous.h>
 #include <nx/foundation/CCancelOff.h>
 
+#include <cassert>
 #include <utility>
 
 // Marks the wrapper as the one whose event the calling thread is in, to the end of the scope.
@@ -9,7 +10,10 @@ public:
     explicit CUnderWay(CNxEventSynchronous& wrapper) : m_wrapper(wrapper) {
         m_wrapper.m_outer = std::exchange(s_innermost, &wrapper);
     }
-    ~CUnderWay() { s_innermost = m_wrapper.m_outer; }
+    ~CUnderWay() {
+        assert(s_innermost == &m_wrapper);
+        s_innermost = m_wrapper.m_outer;
+    }
 
     CUnderWay(const CUnderWay&) = delete;
     CUnderWay& operator=(const CUnderWay&) = delete;

@@ -4,7 +4,7 @@
 #include <pthread.h>
 
 // From here to the end of the scope the calling thread is not cancelled; a request that comes
-// meanwhile is served at the first cancellation point behind it. File and console output are
+// meanwhile is served at the first cancellation point after it. File and console output are
 // cancellation points, and a thread that ended in one would keep the locks it holds.
 class CCancelOff {
 public:

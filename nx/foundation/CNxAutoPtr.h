@@ -1,6 +1,7 @@
 // The pointer that holds one reference to a reference-counted object.
 #pragma once
 
+#include <cassert>
 #include <utility>
 
 // Takes a reference when it gets a non-null pointer and releases it when it lets go. T needs
@@ -37,8 +38,14 @@ public:
     void Reset(T* object = nullptr) { *this = CNxAutoPtr(object); }
 
     T* Get() const { return m_object; }
-    T* operator->() const { return m_object; }
-    T& operator*() const { return *m_object; }
+    T* operator->() const {
+        assert(m_object != nullptr);
+        return m_object;
+    }
+    T& operator*() const {
+        assert(m_object != nullptr);
+        return *m_object;
+    }
     explicit operator bool() const { return m_object != nullptr; }
 
 private:

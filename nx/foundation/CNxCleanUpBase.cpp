@@ -1,6 +1,8 @@
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/foundation/CNxProcessWide.h>
 
+#include <cassert>
+
 CNxCleanUpBase* CNxCleanUpBase::s_pHeader = nullptr;
 
 CNxCleanUpBase::CNxCleanUpBase() {
@@ -15,6 +17,7 @@ void CNxCleanUpBase::CleanupAll() {
     CNxCleanUpBase* object = s_pHeader;
     while (object != nullptr) {
         CNxCleanUpBase* const next = object->m_next;
+        assert(next != object);
         object->CleanUp();
         s_pHeader = next;
         object = next;

@@ -8,7 +8,7 @@
 // system clock is set. The mutex is the caller's and must outlive the condition. Any thread may
 // call any operation.
 //
-// A wake-up is a hint: Wait may also answer NX_OK without a signal (pthread_cond_wait(3p)), so
+// A wake-up is a hint: Wait may also return NX_OK without a signal (pthread_cond_wait(3p)), so
 // callers re-check what they wait for, in a loop.
 class CNxConditionVariableThread {
 public:

@@ -1,5 +1,7 @@
 #include <nx/foundation/CNxEventThread.h>
 
+#include <cassert>
+
 CNxEventThread::CNxEventThread(int manualReset, int initialState, const char* /*name*/)
     : m_condition(m_mutex),
       m_manualReset(manualReset != 0 ? 1 : 0),
@@ -22,11 +24,13 @@ NxResult CNxEventThread::Wait(CNxTimeValue* timeout) {
     do {
         result = m_condition.WaitUntil(deadline);
     } while (result == NX_OK && !IsReleased(broadcastsBefore));
+    assert(m_waiting != 0 && m_wakeups <= m_waiting);
     --m_waiting;
     if (!IsReleased(broadcastsBefore)) {
         return result;
     }
     if (m_manualReset == 0) {
+        assert(m_wakeups != 0);
         --m_wakeups;
     }
     return NX_OK;
@@ -60,6 +64,7 @@ NxResult CNxEventThread::WakeWaiters() {
     if (m_waiting == m_wakeups) {
         return NX_OK;
     }
+    assert(m_wakeups < m_waiting);
     ++m_wakeups;
     return m_condition.Signal();
 }

@@ -1,4 +1,4 @@
-// An event object: threads wait until another thread signals it.
+// A wait object: threads wait until another thread signals it.
 #pragma once
 
 #include <nx/foundation/CNxConditionVariableThread.h>
@@ -7,7 +7,7 @@
 // Automatic reset: one signal lets exactly one wait pass. A signal that finds a waiter belongs to a
 // waiter also when its time runs out at that moment, and no wake-up without a signal counts as
 // one. A signal that finds nobody waiting is kept for the next wait; it does not add up.
-// Any thread may call any operation; a thread that has returned from Wait may destroy the event
+// Any thread may call any operation; a thread that has returned from Wait may destroy the object
 // even while the signalling call is still on its way out.
 class CNxEventThread {
 public:
@@ -18,14 +18,14 @@ public:
     CNxEventThread& operator=(const CNxEventThread&) = delete;
 
     // `timeout` is relative; null or s_tvMax() waits without limit.
-    // NX_OK when the event was or became signalled, NX_ERROR_TIMEOUT when the time ran out,
+    // NX_OK when the object was or became signalled, NX_ERROR_TIMEOUT when the time ran out,
     // NX_ERROR_FAILURE when a lock or wait failed.
     [[nodiscard]] NxResult Wait(CNxTimeValue* timeout = nullptr);
 
     // NX_OK or NX_ERROR_FAILURE.
     NxResult Signal();
 
-    // Lets the threads waiting now pass (manual: all, automatic: one) and leaves the event
+    // Lets the threads waiting now pass (manual: all, automatic: one) and leaves the object
     // unsignalled; with nobody waiting it is lost. NX_OK or NX_ERROR_FAILURE.
     NxResult Pulse();
 

@@ -1,5 +1,5 @@
 // The two mutexes of the library, plain and recursive, and the scope guard that every lock in it
-// goes through. Thin wrappers over pthread_mutex_t (pthread_mutex_lock(3p)) that answer with
+// goes through. Thin wrappers over pthread_mutex_t (pthread_mutex_lock(3p)) that return
 // result codes.
 #pragma once
 
@@ -56,7 +56,7 @@ private:
 };
 
 // Not recursive: a thread that locks it twice waits for itself for ever, TryLock on a held one
-// answers NX_ERROR_FAILURE.
+// returns NX_ERROR_FAILURE.
 class CNxMutexThread : public CNxMutexThreadBase {
 public:
     CNxMutexThread() : CNxMutexThreadBase(PTHREAD_MUTEX_NORMAL) {}

@@ -17,7 +17,7 @@ public:
 
     // Waits until the count is above 0 and takes one. NX_OK, or NX_ERROR_FAILURE when sem_wait
     // fails, which includes a signal handler that interrupted it.
-    NxResult Lock();
+    [[nodiscard]] NxResult Lock();
 
     // Gives one back. NX_OK, or NX_ERROR_FAILURE when sem_post fails (the count is at its limit).
     NxResult UnLock();

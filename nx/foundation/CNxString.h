@@ -128,7 +128,7 @@ public:
         return m_data.compare(at, len, NotNull(s, n), n);
     }
 
-    // Each answers npos when there is nothing to find.
+    // Each returns npos when there is nothing to find.
     // clang-format off
     size_t find(const CNxString& s, size_t pos = 0) const noexcept { return m_data.find(s.m_data, pos); }
     size_t find(const char* s, size_t pos = 0) const { return m_data.find(NotNull(s), pos); }
@@ -169,7 +169,7 @@ private:
     }
     static const char* NotNull(const char* s, size_t n) { return n == 0 ? s : NotNull(s); }
     [[noreturn]] static void ThrowNull();
-    // Takes the answer of the forwarded call, which is m_data, and gives the string around it.
+    // Takes what the forwarded call returns, which is m_data, and gives the string around it.
     CNxString& Self(std::string& /*data*/) noexcept { return *this; }
 
     std::string m_data;

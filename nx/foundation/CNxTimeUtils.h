@@ -47,7 +47,7 @@ constexpr bool TimeIsBetween(unsigned int earlier, unsigned int middle,
                             : earlier <= middle || middle <= later;
 }
 
-// gettimeofday(2), its answer unchanged.
+// gettimeofday(2), its result unchanged.
 int cnx_gettimeofday(timeval* tv, void* tz);
 
 // The current UTC time as the system's tm (months 0..11, years since 1900) and the microseconds of

@@ -2,13 +2,14 @@
 // signed 64-bit. Points in time are wall-clock time since the epoch, so whatever is timed with them
 // moves when the system clock is set.
 //
-// operator< answers LATER THAN, the same as operator>: heaps of the standard library then keep the
+// operator< means LATER THAN, the same as operator>: heaps of the standard library then keep the
 // earliest time at their top. No std::sort, std::min, std::max or ordered container by accident;
 // compare with > and <=.
 #pragma once
 
 #include <sys/time.h>
 
+#include <cassert>
 #include <limits>
 
 // Two words, passed by value. Always normalised: the microseconds lie between -999999 and 999999,
@@ -140,6 +141,8 @@ constexpr void CNxTimeValue::Normalize() noexcept {
         ++m_sec;
         m_usec -= c_usecPerSec;
     }
+    assert(m_usec > -c_usecPerSec && m_usec < c_usecPerSec);
+    assert(m_sec == 0 || m_usec == 0 || (m_sec > 0) == (m_usec > 0));
 }
 
 constexpr CNxTimeValue& CNxTimeValue::operator+=(const CNxTimeValue& other) noexcept {

@@ -21,10 +21,10 @@ std::int64_t getCurrentTime();
 // NX_OK, or NX_ERROR_FAILURE with `out` untouched for an empty text, for one that is not a number
 // to its end, and for one out of the 64-bit range. The 32-bit forms have no range of their own:
 // they store the low 32 bits. Set errno.
-NxResult StrToU64(const CNxString& text, unsigned long& out);
-NxResult StrTo64(const CNxString& text, long& out);
-NxResult StrToU32(const CNxString& text, unsigned int& out);
-NxResult StrTo32(const CNxString& text, int& out);
+[[nodiscard]] NxResult StrToU64(const CNxString& text, unsigned long& out);
+[[nodiscard]] NxResult StrTo64(const CNxString& text, long& out);
+[[nodiscard]] NxResult StrToU32(const CNxString& text, unsigned int& out);
+[[nodiscard]] NxResult StrTo32(const CNxString& text, int& out);
 
 // The value in decimal.
 CNxString U32ToStr(unsigned int value);
@@ -33,8 +33,8 @@ CNxString U64ToStr(unsigned long value);
 // Appends the non-empty pieces of `text` between the delimiters to `pieces`. Returns how many
 // delimiters were found, which is not the number of pieces. Surprises:
 // - Without a delimiter in `text`, or with an empty one, nothing is appended, not even `text`.
-// - A delimiter directly behind another is not seen: "a,,b" gives "a" and ",b", and returns 1.
-// - The last piece begins one character behind the beginning of the last delimiter, so with a
+// - A delimiter right after another is not seen: "a,,b" gives "a" and ",b", and returns 1.
+// - The last piece begins one character after the beginning of the last delimiter, so with a
 //   longer delimiter it carries the rest of it: "a::b" gives "a" and ":b".
 size_t SplitString2(const CNxString& text, const CNxString& delimiter,
                     std::vector<CNxString>& pieces);

@@ -1,7 +1,7 @@
 // The result codes that almost every operation returns.
 //
-// 0 is success, failures count from 10001. Ordinary failures never throw. A few operations answer
-// like the system call they wrap (-1 and errno); their headers say so.
+// 0 is success, failures count from 10001. Ordinary failures never throw. A few operations return
+// what the system call they wrap does (-1 and errno); their headers say so.
 #pragma once
 
 using NxResult = unsigned int;
@@ -18,14 +18,14 @@ inline constexpr NxResult NX_ERROR_ALREADY_INITIALIZED = 10003;
 inline constexpr NxResult NX_ERROR_NOT_IMPLEMENTED = 10004;
 // A needed object is missing.
 inline constexpr NxResult NX_ERROR_NULL_POINTER = 10005;
-// An inconsistent state, or an odd answer of the system.
+// An inconsistent state, or a result that the system should not give.
 inline constexpr NxResult NX_ERROR_UNEXPECTED = 10006;
 // 10007 is not used.
 // Null pointer, zero size, value out of range.
 inline constexpr NxResult NX_ERROR_INVALID_ARG = 10008;
 // No result (yet).
 inline constexpr NxResult NX_ERROR_NOT_AVAILABLE = 10009;
-// The answer will come later.
+// The result will come later.
 inline constexpr NxResult NX_ERROR_WOULD_BLOCK = 10010;
 // Nothing to take, or not registered.
 inline constexpr NxResult NX_ERROR_NOT_FOUND = 10011;

@@ -48,7 +48,7 @@ public:
                            unsigned long count) override = 0;
     NxResult CancelTimer(INxTimerHandler* handler) override = 0;
 
-    // Hands the reactor to the calling thread while its loop does not run. A reactor that is bound to
-    // no thread does nothing.
+    // Hands the reactor to the calling thread while its loop does not run. A reactor that is bound
+    // to no thread does nothing.
     virtual void Reset2CurrentThread() {}
 };

@@ -43,7 +43,7 @@ public:
     CNxReactorThreadProxy(INxReactor* reactor, int type);
 
     // Blocks until the reactor's thread has done it; on that thread itself done at once. What the
-    // real reactor answers; NX_ERROR_NULL_POINTER without a reactor, NX_ERROR_UNEXPECTED without a
+    // real reactor returns; NX_ERROR_NULL_POINTER without a reactor, NX_ERROR_UNEXPECTED without a
     // thread, NX_ERROR_NOT_INITIALIZED or NX_ERROR_NOT_AVAILABLE when the thread has ended or ends
     // meanwhile.
     [[nodiscard]] NxResult RegisterHandler(INxEventHandler* handler, long mask) override;
@@ -56,7 +56,7 @@ public:
     void* GetCookie() override;
     void SetCookie(void* cookie) override;
 
-    // What belongs to the reactor's thread or to its owner. All answer NX_ERROR_NOT_IMPLEMENTED and
+    // What belongs to the reactor's thread or to its owner. All return NX_ERROR_NOT_IMPLEMENTED and
     // do nothing, except that an event is destroyed.
     [[nodiscard]] NxResult Open() override;
     NxResult Close() override;

@@ -14,14 +14,14 @@ public:
     static CNxSignalStop* Instance();
 
     // Call it on the network thread, e.g. from the handler of a signalfd: posts this object to
-    // that thread's queue, behind the events that wait there, and prints
+    // that thread's queue, after the events that wait there, and prints
     // "CNxSignalStop::CNxSignalStop, PostEvent, rv=%d.\n". The argument is not used.
     // The result of the post; NX_OK with nothing done when it was launched before or the caller is
     // not the network thread; NX_ERROR_FAILURE when there is no network thread or it has no queue.
     NxResult Launch(int signal);
 
     // On the network thread: prints "CNxSignalStop::OnEventFire. tid=%d.\n" and stops the main
-    // thread. What its Stop answers, or NX_ERROR_NULL_POINTER without a main thread.
+    // thread. What its Stop returns, or NX_ERROR_NULL_POINTER without a main thread.
     NxResult OnEventFire() override;
 
     void OnDestorySelf() override {}

@@ -1,6 +1,7 @@
 #include <nx/thread/CNxSimpleMessageQueue.h>
 
 #include <algorithm>
+#include <cassert>
 
 namespace {
 
@@ -69,6 +70,7 @@ void CNxSimpleMessageQueue::Send_i(CNxSimpleMessage& message, const char* data) 
     if (m_sink != nullptr) {
         m_sink->OnSendMessage(message.m_userData, data, message.m_size);
     }
+    assert(message.m_sendCount <= c_maxResends);
     ++message.m_sendCount;
 }
 

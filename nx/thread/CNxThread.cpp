@@ -101,6 +101,7 @@ NxResult CNxThread::StartSystemThread() {
     const bool joinable = IsJoinable();
     pthread_attr_setdetachstate(&attributes,
                                 joinable ? PTHREAD_CREATE_JOINABLE : PTHREAD_CREATE_DETACHED);
+    assert(m_life.load() == ELife::NONE && m_startEvent == nullptr);
     m_startEvent = &startEvent;
     m_life.store(ELife::STARTING);
     s_systemThreads.fetch_add(1);

@@ -16,7 +16,7 @@ public:
     // A dummy starts nothing. NX_ERROR_NOT_IMPLEMENTED.
     [[nodiscard]] NxResult Create(int type, CNxThreadManager::TFlag flags) override;
 
-    // Stops the actual thread and answers as it does; NX_ERROR_NOT_INITIALIZED without one.
+    // Stops the actual thread and returns what that does; NX_ERROR_NOT_INITIALIZED without one.
     NxResult Stop(CNxTimeValue* timeout) override;
 
     void OnThreadRun() override {}

@@ -42,7 +42,7 @@ inline constexpr int NX_THREAD_USER = 4097;
 // that cannot be stopped or joined (a detached one, a loop on a thread of the application's own) is
 // left alone; as it may use any of them, all thread objects and the manager then stay too, and the
 // process exits all the same. When exit() is called within an event, its sender and those of the
-// events behind it are answered with NX_ERROR_NOT_AVAILABLE. When exit() runs on a thread other
+// events after it get NX_ERROR_NOT_AVAILABLE. When exit() runs on a thread other
 // than a registered main thread, no thread but that of the precise timers is stopped, and all
 // thread objects stay.
 //
@@ -105,10 +105,10 @@ public:
     // BEWARE: a reactor thread refuses a time-out and then runs on: pass null, or JoinAllThreads
     // waits for it without end.
     // Calls Stop(timeout) respectively Join() of every registered thread except the main one and
-    // ignores their answers: a thread with nothing to join (detached, a dummy, a heartbeat, joined
+    // ignores their results: a thread with nothing to join (detached, a dummy, a heartbeat, joined
     // before) is passed over. A reactor whose StopEventLoop returns NX_ERROR_FAILURE is told by an
     // event. The thread of the precise timers is ended and joined by the first
-    // JoinAllThreads after a StopAllThreads, behind all others; any other one passes it over.
+    // JoinAllThreads after a StopAllThreads, after all others; any other one passes it over.
     // NX_OK; NX_ERROR_FAILURE, with nothing done, when a main thread is registered and the caller
     // is not it.
     virtual NxResult StopAllThreads(CNxTimeValue* timeout) = 0;

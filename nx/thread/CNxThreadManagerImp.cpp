@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cassert>
 #include <csignal>
 #include <cstdio>
 
@@ -321,6 +322,7 @@ NxResult CNxThreadManagerImp::UnregisterThread(CNxThread* thread) {
         return NX_ERROR_NOT_FOUND;
     }
     m_threads.erase(found);
+    assert(std::find(m_threads.begin(), m_threads.end(), thread) == m_threads.end());
     return NX_OK;
 }
 
@@ -366,7 +368,7 @@ void CNxThreadManagerImp::StopAndJoinForTearDown() {
             continue;
         }
         if (IsAbandoned(thread)) {
-            // A thread that waits for an answer could not be joined.
+            // A thread that waits for a result could not be joined.
             INxEventQueue* const queue = thread->GetEventQueue();
             if (queue != nullptr) {
                 queue->StopAndDestoryPendingEvents();

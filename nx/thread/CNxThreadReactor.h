@@ -19,8 +19,8 @@ public:
     // ended and, if joinable, joined: all that is left to do is Destory.
     [[nodiscard]] NxResult Create(int type, CNxThreadManager::TFlag flags) override;
 
-    // Makes the reactor leave its loop behind all events posted so far. NX_ERROR_NOT_IMPLEMENTED
-    // for a time-out, NX_ERROR_NOT_INITIALIZED without a reactor, else what the reactor answers.
+    // Makes the reactor leave its loop after all events posted so far. NX_ERROR_NOT_IMPLEMENTED
+    // for a time-out, NX_ERROR_NOT_INITIALIZED without a reactor, else what the reactor returns.
     NxResult Stop(CNxTimeValue* timeout) override;
 
     void OnThreadInit() override;

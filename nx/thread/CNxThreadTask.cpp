@@ -1,6 +1,7 @@
 #include <nx/event/CNxEventStop.h>
 #include <nx/thread/CNxThreadTask.h>
 
+#include <cassert>
 #include <limits>
 
 namespace {
@@ -30,6 +31,7 @@ void CNxThreadTaskWithEventQueueOnly::OnThreadRun() {
     while (!IsStopped()) {
         CNxTimeValue wait = CNxTimeValue::s_tvMax();
         const size_t most = BeginTurn(wait);
+        assert(events.empty());
         if (m_eventQueue.PopOrWaitPendingEvents(events, &wait, most) == NX_OK) {
             m_eventQueue.ProcessEvents(events);
             events.clear();

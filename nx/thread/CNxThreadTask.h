@@ -11,7 +11,7 @@
 // Sleeps until events come and fires them in order.
 class CNxThreadTaskWithEventQueueOnly : public CNxThread, public CNxStopFlag {
 public:
-    // Ends the loop behind all events posted so far; later ones are refused with
+    // Ends the loop after all events posted so far; later ones are refused with
     // NX_ERROR_NOT_INITIALIZED. The time-out is not used: Join waits for the end.
     // NX_OK, or NX_ERROR_NOT_INITIALIZED when it was stopped before.
     NxResult Stop(CNxTimeValue* timeout) override;

@@ -1,6 +1,8 @@
 #include <nx/foundation/CNxEventThread.h>
 #include <nx/thread/CNxTimerPreciseManager.h>
 
+#include <cassert>
+
 namespace {
 
 constexpr unsigned long c_tickMs = 10;
@@ -32,6 +34,7 @@ CNxTimerPreciseManager* CNxTimerPreciseManager::Instance() {
 }
 
 CNxTimerPreciseManager* CNxTimerPreciseManager::Start() {
+    GetMutex().AssertHeld();
     if (!DestroyEnded()) {
         return nullptr;
     }
@@ -112,6 +115,7 @@ void CNxTimerPreciseManager::EndAndJoin() {
         if (manager == nullptr) {
             return;
         }
+        assert(manager->m_calendar != nullptr);
         manager->m_calendar.reset();
         manager->SetStartFlag();
     }

@@ -16,7 +16,7 @@ class CNxTimerPreciseWrapperIDSink;
 // ms plus what the last tick took, it ticks a wheel of two hours.
 //
 // It runs until JoinAllThreads after StopAllThreads, or until the tear-down: both end and join it
-// behind the other threads. Its timers are dropped then. The next id or Instance() starts a new
+// after the other threads. Its timers are dropped then. The next id or Instance() starts a new
 // one.
 //
 // Any thread may call any operation. One mutex serialises them with the ticks; it outlives

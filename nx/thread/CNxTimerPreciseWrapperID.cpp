@@ -83,6 +83,7 @@ NxResult CNxTimerPreciseWrapperID::Cancel() {
 }
 
 void CNxTimerPreciseWrapperID::OnTimeout(const CNxTimeValue& /*curTime*/, void* token) {
+    CNxTimerPreciseManager::GetMutex().AssertHeld();
     if (IsScheduled() && token != nullptr && m_targetQueue != nullptr) {
         auto* const sink = static_cast<CNxTimerPreciseWrapperIDSink*>(token);
         m_targetQueue->PostEvent(new CEventTimer(sink, this), INxEventQueue::PRIORITY_NORMAL);

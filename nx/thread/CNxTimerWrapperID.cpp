@@ -1,6 +1,8 @@
 #include <nx/thread/CNxThreadManager.h>
 #include <nx/thread/CNxTimerWrapperID.h>
 
+#include <cassert>
+
 CNxTimerWrapperID::~CNxTimerWrapperID() {
     Cancel();
 }
@@ -22,6 +24,7 @@ NxResult CNxTimerWrapperID::Cancel() {
         return NX_OK;
     }
     m_scheduled = 0;
+    assert(m_queue != nullptr);
     return m_queue->CancelTimer(this);
 }
 

@@ -31,7 +31,7 @@ public:
     // Calls `sink` (not owned) first `interval` from now, then every `interval`, `count` times in
     // all, 0 meaning until cancelled. With a null sink nobody is called.
     // NX_ERROR_NULL_POINTER when the calling thread is not registered or has no timer queue;
-    // otherwise what the queue answers: NX_OK, NX_ERROR_FOUND when the timer was scheduled already
+    // otherwise what the queue returns: NX_OK, NX_ERROR_FOUND when the timer was scheduled already
     // and has this schedule now, NX_ERROR_INVALID_ARG for an interval of zero or less with another
     // count than 1.
     [[nodiscard]] NxResult Schedule(CNxTimerWrapperIDSink* sink, const CNxTimeValue& interval,

@@ -11,7 +11,7 @@ constexpr size_t c_children = 4;
 
 }  // namespace
 
-// The relation that a heap of the standard library would be given: operator< of time values answers
+// The relation that a heap of the standard library would be given: operator< of time values means
 // later than. Of equal expiries the one pushed last is ahead.
 bool CNxTimerPriorityQueue::IsBehind(const CKey& key, const CKey& other) {
     if (key.m_expiry == other.m_expiry) {

@@ -58,6 +58,7 @@ int CNxTimerQueueBase::CheckExpire(CNxTimeValue* remainTime) {
         const CNxTimeValue now = CNxTimeValue::GetTimeOfDay();
         fired = FireDueNodes(now);
         if (GetEarliestTime_l(earliest) == NX_OK) {
+            assert(earliest > now);
             remaining = earliest - now;
         }
     }
@@ -85,6 +86,7 @@ int CNxTimerQueueBase::FireDueNodes(const CNxTimeValue& now) {
 }
 
 void CNxTimerQueueBase::ArmAgain(CNode& node, const CNxTimeValue& now) {
+    assert(node.m_count != 0);
     if (node.m_count != c_endless && --node.m_count == 0) {
         return;
     }

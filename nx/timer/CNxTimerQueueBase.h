@@ -53,8 +53,8 @@ protected:
     };
 
     // The container. Among equal expiries the node that was pushed last is the first. Results:
-    // NX_OK; NX_ERROR_FOUND when a push replaced the handler's node; NX_ERROR_NOT_FOUND when there is
-    // no such node. Any other code of a subclass counts as NX_ERROR_FAILURE.
+    // NX_OK; NX_ERROR_FOUND when a push replaced the handler's node; NX_ERROR_NOT_FOUND when there
+    // is no such node. Any other code of a subclass counts as NX_ERROR_FAILURE.
     [[nodiscard]] virtual NxResult PushNode_l(const CNode& node) = 0;
     [[nodiscard]] virtual NxResult EraseNode_l(INxTimerHandler* handler) = 0;
     // Pushes a node whose handler is known to have none.

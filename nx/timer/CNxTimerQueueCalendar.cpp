@@ -188,6 +188,7 @@ void CNxTimerQueueCalendar::RemoveImmediate(const INxTimerHandler* handler) {
 }
 
 void CNxTimerQueueCalendar::Push(Slot*& head, SlotPtr entry) {
+    assert(head == nullptr || head->m_self == &head);
     entry->m_next = head;
     entry->m_self = &head;
     if (head != nullptr) {

@@ -55,7 +55,7 @@ public:
                                          const CNxTimeValue& interval,
                                          unsigned long count) override;
 
-    // As INxTimerQueue, except for timers with an interval of zero, where the answer is
+    // As INxTimerQueue, except for timers with an interval of zero, where the result is
     // NX_ERROR_NOT_FOUND: they are cancelled all the same. But once such a timer has replaced one
     // with another interval, NEITHER IT NOR A LATER ONE with an interval of zero is cancelled until
     // the handler gets another interval again; cancel first to avoid that. The queue keeps a few

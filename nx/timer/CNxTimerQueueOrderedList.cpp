@@ -40,7 +40,9 @@ NxResult CNxTimerQueueOrderedList::RePushNode_l(const CNode& node) {
     const auto place = std::find_if(m_nodes.begin(), m_nodes.end(), [&node](const CNode& other) {
         return other.m_expiry >= node.m_expiry;
     });
-    m_nodes.insert(place, node);
+    const auto inserted = m_nodes.insert(place, node);
+    assert(inserted == m_nodes.begin() || std::prev(inserted)->m_expiry <= node.m_expiry);
+    static_cast<void>(inserted);  // without assertions nobody looks at it
     return NX_OK;
 }
 
