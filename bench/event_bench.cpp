@@ -6,6 +6,7 @@
 #include <deque>
 #include <functional>
 #include <limits>
+#include <memory>
 #include <mutex>
 
 namespace {
@@ -57,7 +58,8 @@ void PostPopAndFire(benchmark::State& state) {
         std::list<INxEvent*> batch;
         {
             CNxMutexGuardT<CNxMutexThread> guard(queue.GetMutex());
-            queue.PopPendingEvents(batch, std::numeric_limits<size_t>::max(), nullptr);
+            benchmark::DoNotOptimize(
+                queue.PopPendingEvents(batch, std::numeric_limits<size_t>::max(), nullptr));
         }
         queue.ProcessEvents(batch);
     }
@@ -69,7 +71,11 @@ BENCHMARK(PostPopAndFire)->Arg(1)->Arg(100);
 // There and back between two threads, through a task thread's condition.
 void SendToAnotherThread(benchmark::State& state) {
     CNxThread* worker = nullptr;
-    CNxThreadManager::Instance()->CreateUserTaskThread(worker, CNxThreadManager::FLAG_JOINABLE, 0);
+    if (CNxThreadManager::Instance()->CreateUserTaskThread(worker, CNxThreadManager::FLAG_JOINABLE,
+                                                           0) != NX_OK) {
+        state.SkipWithError("no thread");
+        return;
+    }
     long sum = 0;
     for (auto _ : state) {
         worker->GetEventQueue()->SendEvent(new Increment(sum));
@@ -83,8 +89,11 @@ BENCHMARK(SendToAnotherThread)->UseRealTime();
 // The same through a reactor's notify pipe.
 void SendToAReactorThread(benchmark::State& state) {
     CNxThread* network = nullptr;
-    CNxThreadManager::Instance()->CreateNetworkThread(
-        NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(), network);
+    if (CNxThreadManager::Instance()->CreateNetworkThread(
+            NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(), network) != NX_OK) {
+        state.SkipWithError("no thread");
+        return;
+    }
     long sum = 0;
     for (auto _ : state) {
         network->GetEventQueue()->SendEvent(new Increment(sum));
@@ -94,6 +103,31 @@ void SendToAReactorThread(benchmark::State& state) {
     network->Destory(0);
 }
 BENCHMARK(SendToAReactorThread)->UseRealTime();
+
+// A reference taken and released on an object that no other thread has; the peer is the counter of
+// std::shared_ptr.
+void PeerSharedPointer(benchmark::State& state) {
+    const auto object = std::make_shared<long>(0);
+    for (auto _ : state) {
+        auto copy = object;
+        benchmark::DoNotOptimize(copy);
+    }
+}
+BENCHMARK(PeerSharedPointer)->Threads(1)->Threads(2)->UseRealTime();
+
+void TakeAndReleaseAReference(benchmark::State& state) {
+    CNxDataBlock* block = nullptr;
+    if (CNxDataBlock::CreateInstance(block, 64, nullptr) != NX_OK) {
+        state.SkipWithError("no memory");
+        return;
+    }
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(block->AddReference());
+        benchmark::DoNotOptimize(block->ReleaseReference());
+    }
+    block->ReleaseReference();
+}
+BENCHMARK(TakeAndReleaseAReference)->Threads(1)->Threads(2)->UseRealTime();
 
 class Idle : public INxTimerHandler {
     void OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) override {}

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <nx/event/CNxEventQueueUsingConditionVariable.h>
-#include <nx/thread/CNxThreadManager.h>
+
+#include <pthread.h>
 
 #include <thread>
 #include <vector>
@@ -33,6 +34,70 @@ TEST(EventQueue, StoppedQueueDestroysWhatItRefuses) {
     EXPECT_EQ(queue.SendEvent(nullptr), NX_ERROR_INVALID_ARG);
 }
 
+// Tells its sender's stack that it fired and that it is gone, as late as its class can.
+class OnTheSendersStack : public INxEvent {
+public:
+    OnTheSendersStack(int& fired, int& gone) : m_fired(fired), m_gone(gone) {}
+    ~OnTheSendersStack() override {
+        std::this_thread::yield();
+        m_gone += m_fired;
+    }
+    NxResult OnEventFire() override {
+        ++m_fired;
+        return NX_ERROR_FOUND;
+    }
+
+private:
+    int& m_fired;
+    int& m_gone;
+};
+
+TEST(EventQueue, ASentEventIsGoneBeforeItsSenderGoesOn) {
+    CNxEventQueueUsingConditionVariable queue;
+    bool stopped = false;
+    std::thread owner([&] {
+        queue.SetOwnerThreadId(pthread_self());
+        std::list<INxEvent*> events;
+        while (!stopped) {
+            if (queue.PopOrWaitPendingEvents(events, nullptr, 100) == NX_OK) {
+                queue.ProcessEvents(events);
+                events.clear();
+            }
+        }
+    });
+    for (int i = 0; i < 1000; ++i) {
+        int fired = 0;
+        int gone = 0;
+        ASSERT_EQ(queue.SendEvent(new OnTheSendersStack(fired, gone)), NX_ERROR_FOUND);
+        ASSERT_EQ(gone, 1);
+    }
+    EventCounts counts;
+    queue.PostLastEvent(new CountedEvent(counts, [&] {
+        stopped = true;
+        return NX_OK;
+    }));
+    owner.join();
+}
+
+// A sender that is cancelled waits all the same: the queue has what lies on its stack.
+TEST(EventQueue, ACancelledSenderIsNotTornFromItsEvent) {
+    CNxEventQueueUsingConditionVariable queue;
+    EventCounts counts;
+    std::thread sender([&] {
+        EXPECT_EQ(queue.SendEvent(new CountedEvent(counts)), NX_OK);
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    });
+    while (queue.GetPendingEventsCount() == 0) {
+        std::this_thread::yield();
+    }
+    pthread_cancel(sender.native_handle());
+    std::list<INxEvent*> events;
+    ASSERT_EQ(queue.PopOrWaitPendingEvents(events, nullptr, 1), NX_OK);
+    queue.ProcessEvents(events);
+    sender.join();
+    EXPECT_TRUE(counts.AllDestroyed());
+}
+
 // Posters, senders and a stopping owner in every interleaving that the scheduler finds: every event
 // ends exactly once, every sender returns with one of its three answers, nothing hangs.
 TEST(EventQueueRaces, PostsAndSendsAgainstTheStopAreCountedToTheLast) {
@@ -44,7 +109,7 @@ TEST(EventQueueRaces, PostsAndSendsAgainstTheStopAreCountedToTheLast) {
             CNxEventQueueUsingConditionVariable queue;
             std::atomic<bool> stopped{false};
             std::thread owner([&] {
-                queue.SetOwnerThreadId(CNxThreadManager::GetThreadSelfId());
+                queue.SetOwnerThreadId(pthread_self());
                 std::list<INxEvent*> events;
                 while (!stopped.load()) {
                     if (queue.PopOrWaitPendingEvents(events, nullptr, 3) == NX_OK) {
