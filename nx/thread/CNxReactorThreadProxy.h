@@ -13,30 +13,30 @@
 // CNxReactorThreadProxyImp.
 class CNxReactorThreadProxy : public INxReactor, public CNxThreadProxyBase {
 public:
-    // Runs `reactor->RegisterHandler(handler, mask)` where it fires, RemoveHandler respectively.
-    // NX_ERROR_NULL_POINTER without a reactor.
-    class CEventRegisterHandler : public INxEvent {
-    public:
-        CEventRegisterHandler(INxReactor* reactor, INxEventHandler* handler, long mask)
+    // Call the reactor's RegisterHandler, respectively RemoveHandler, where they fire, and return
+    // its result; NX_ERROR_NULL_POINTER without a reactor.
+    class CEventHandlerCall : public INxEvent {
+    protected:
+        CEventHandlerCall(INxReactor* reactor, INxEventHandler* handler, long mask)
             : m_reactor(reactor), m_handler(handler), m_mask(mask) {}
-        NxResult OnEventFire() override;
 
-    private:
         INxReactor* const m_reactor;
         INxEventHandler* const m_handler;
         const long m_mask;
     };
 
-    class CEventRemoveHandler : public INxEvent {
+    class CEventRegisterHandler : public CEventHandlerCall {
+    public:
+        CEventRegisterHandler(INxReactor* reactor, INxEventHandler* handler, long mask)
+            : CEventHandlerCall(reactor, handler, mask) {}
+        NxResult OnEventFire() override;
+    };
+
+    class CEventRemoveHandler : public CEventHandlerCall {
     public:
         CEventRemoveHandler(INxReactor* reactor, INxEventHandler* handler, long mask)
-            : m_reactor(reactor), m_handler(handler), m_mask(mask) {}
+            : CEventHandlerCall(reactor, handler, mask) {}
         NxResult OnEventFire() override;
-
-    private:
-        INxReactor* const m_reactor;
-        INxEventHandler* const m_handler;
-        const long m_mask;
     };
 
     // `type` is that of the thread that runs the reactor and is registered now.

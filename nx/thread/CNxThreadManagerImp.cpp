@@ -76,9 +76,9 @@ CNxThreadManager* CNxThreadManager::Instance() {
     manager = s_pThreadManagerOnlyOne.load(std::memory_order_relaxed);
     if (manager == nullptr) {
         manager = new CNxThreadManagerImp;
-        s_pThreadManagerOnlyOne.store(manager, std::memory_order_release);
         CNxProcessWide::SetTearDown(&CNxThreadManager::CleanupOnlyOne);
         CNxCallingThread::SetFinder(&GetCallingThreadEventQueue);
+        s_pThreadManagerOnlyOne.store(manager, std::memory_order_release);
     }
     pthread_mutex_unlock(&s_creationMutex);
     return manager;
