@@ -1,9 +1,13 @@
 #include <common/CommandLine.h>
+#include <common/Program.h>
 #include <nx/config/init_file.h>
+#include <nx/net/CNxInetAddr.h>
 #include <nx/process/trace_setting.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -47,10 +51,16 @@ bool CommandLine::IsKnown(const std::string& name) const {
 std::string CommandLine::Store(const std::string& name, const std::string& value) const {
     const TextOption* const text = Find(texts, name);
     if (text == nullptr) {
-        return SetNumber(*Find(numbers, name), value);
+        const NumberOption* const number = Find(numbers, name);
+        assert(number != nullptr);
+        return SetNumber(*number, value);
     }
     *text->value = value;
     return {};
+}
+
+std::string CommandLine::Check() const {
+    return check ? check() : std::string();
 }
 
 std::string CommandLine::ReadSection(const char* section) {
@@ -71,7 +81,7 @@ std::string CommandLine::ReadSection(const char* section) {
             }
         }
     }
-    return {};
+    return Check();
 }
 
 std::string CommandLine::Parse(int argc, const char* const* argv) {
@@ -95,7 +105,30 @@ std::string CommandLine::Parse(int argc, const char* const* argv) {
             return error;
         }
     }
-    return {};
+    return Check();
+}
+
+std::optional<int> CommandLine::Read(int argc, const char* const* argv) {
+    const std::string error = Parse(argc, argv);
+    if (!error.empty()) {
+        return Fail(WithHint(error), c_statusBadOptions);
+    }
+    if (help) {
+        std::fputs(usage, stdout);
+        return 0;
+    }
+    return std::nullopt;
+}
+
+std::string WithHint(const std::string& error) {
+    return error + "\nTry '" + program_invocation_short_name + " --help'.";
+}
+
+std::string CheckAddress(const char* option, const std::string& value) {
+    if (CNxInetAddr::IsIpAddress(CNxString(value.c_str()))) {
+        return {};
+    }
+    return std::string(option) + " takes an IPv4 or IPv6 address, not '" + value + "'";
 }
 
 }  // namespace examples

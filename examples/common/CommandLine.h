@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,23 +22,37 @@ struct TextOption {
     std::string* value;
 };
 
+// The options of a program. What is wrong is said in one line for people; "" when nothing is.
 struct CommandLine {
+    const char* usage;  // the text of --help
     std::vector<NumberOption> numbers;
     std::vector<TextOption> texts;
-    // Set by --help, which ends the reading.
+    // Looks at all values at the end of a reading.
+    std::function<std::string()> check;
+    // Whether --help, which ends the reading without a check, was there.
     bool help = false;
 
     // Stores what the section of the process's configuration file says, where an option is a key by
-    // its name without the dashes. Answers as Parse. After trace_setting_init.
-    std::string ReadSection(const char* section);
+    // its name without the dashes. Returns what is wrong. After trace_setting_init.
+    [[nodiscard]] std::string ReadSection(const char* section);
 
-    // Stores what the arguments say; the last of several wins. Answers what is wrong, in one line
-    // for people, or "".
-    std::string Parse(int argc, const char* const* argv);
+    // Stores what the arguments say; the last of several wins. Returns what is wrong.
+    [[nodiscard]] std::string Parse(int argc, const char* const* argv);
+
+    // For main(): reads the arguments, and prints the help or what is wrong. Returns the status to
+    // end with, or nothing when the program is to go on.
+    [[nodiscard]] std::optional<int> Read(int argc, const char* const* argv);
 
 private:
     bool IsKnown(const std::string& name) const;
     std::string Store(const std::string& name, const std::string& value) const;
+    std::string Check() const;
 };
+
+// What is wrong with the options, and a line that tells where to learn more.
+std::string WithHint(const std::string& error);
+
+// What is wrong with the option's value as an IPv4 or IPv6 address, or "".
+std::string CheckAddress(const char* option, const std::string& value);
 
 }  // namespace examples

@@ -1,6 +1,7 @@
 // Sends back what it receives: echo_server [port]. docs/guide.md explains it step by step.
 #include <common/CallEvent.h>
-#include <common/StopSignals.h>
+#include <common/Program.h>
+#include <common/SignalThread.h>
 #include <nx/nx.h>
 #include <sys/socket.h>
 
@@ -25,12 +26,11 @@ public:
             }
         }
         // The socket is full, or it is the others' turn: go on when it can be written to.
-        m_reactor.RegisterHandler(this, NX_MASK_WRITE);
-        return 0;
+        return WaitFor(NX_MASK_WRITE) ? 0 : -1;
     }
     int OnOutput(int fd) override {
-        m_reactor.RegisterHandler(this, NX_MASK_READ);
-        return Send(m_unsent.data(), m_unsent.size()) ? OnInput(fd) : -1;
+        const bool goesOn = WaitFor(NX_MASK_READ) && Send(m_unsent.data(), m_unsent.size());
+        return goesOn ? OnInput(fd) : -1;
     }
     int OnClose(int fd, long /*mask*/) override {
         m_owner.erase(fd);  // Deletes this.
@@ -38,6 +38,11 @@ public:
     }
 
 private:
+    bool WaitFor(long mask) {
+        const NxResult result = m_reactor.RegisterHandler(this, mask);
+        return result == NX_OK || result == NX_ERROR_FOUND;  // FOUND: it replaced another.
+    }
+
     // Keeps what the socket does not take now. False when the client is gone.
     bool Send(const char* data, size_t size) {
         const ssize_t sent = send(GetHandle(), data, size, MSG_NOSIGNAL);
@@ -72,7 +77,8 @@ public:
             }
         }
         if (errno != EAGAIN) {  // Out of descriptors, say: no new edge tells when that is over.
-            m_reactor.ScheduleTimer(this, nullptr, CNxTimeValue(0, 50000), 1);
+            examples::Require(m_reactor.ScheduleTimer(this, nullptr, CNxTimeValue(0, 50000), 1),
+                              "set a timer");
         }
         return 0;
     }
@@ -86,25 +92,21 @@ private:
 };
 
 int main(int argc, char** argv) {
+    examples::SignalThread signals({SIGINT, SIGTERM});  // First: before any other thread.
     CNxThreadManager* const threads = CNxThreadManager::Instance();
-    threads->DisableSignal(SIGINT);  // First: every thread made later inherits this.
-    threads->DisableSignal(SIGTERM);
     CNxThread* network = nullptr;
     if (threads->InitMainThread(argc, argv) != NX_OK ||
         threads->CreateNetworkThread(NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(),
                                      network) != NX_OK) {
-        return 1;
+        return examples::Fail("cannot start its threads");
     }
     INxReactor& reactor = *network->GetReactor();
     const unsigned long port = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 0;
     CNxInetAddr address("127.0.0.1", static_cast<unsigned short>(port));
     AcceptHandler acceptor(reactor);
-    examples::StopSignals signals;
     bool opened = false;
-    examples::CallOn(reactor, [&] {
-        opened = port <= 65535 && acceptor.Open(address) &&
-                 signals.Open(reactor, [] { CNxSignalStop::Instance()->Launch(0); });
-    });
+    examples::CallOn(reactor, [&] { opened = port <= 65535 && acceptor.Open(address); });
+    opened = opened && signals.Open(reactor, [](int) { CNxSignalStop::Instance()->Launch(0); });
     if (opened) {
         std::printf("listening on %s:%d\n", address.GetHostAddr(), address.GetPort());
         std::fflush(stdout);
@@ -112,7 +114,6 @@ int main(int argc, char** argv) {
     } else {
         std::fprintf(stderr, "echo_server: cannot listen on port %lu\n", port);
     }
-    examples::CallOn(reactor, [&] { signals.Close(); });
     threads->StopAllThreads(nullptr);
     threads->JoinAllThreads();  // From here on nobody calls the handlers any more.
     return opened ? 0 : 1;

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <system_error>
 #include <utility>
@@ -45,10 +46,16 @@ void Connection::Open() {
         return;
     }
     m_state = EState::CONNECTING;
-    const NxResult registered = m_setup.reactor.RegisterHandler(this, NX_MASK_CONNECT);
-    if (registered != NX_OK) {
-        Fail("cannot be watched by the reactor (result " + std::to_string(registered) + ")");
+    Watch(NX_MASK_CONNECT);
+}
+
+bool Connection::Watch(long mask) {
+    const NxResult result = m_setup.reactor.RegisterHandler(this, mask);
+    if (result == NX_OK || result == NX_ERROR_FOUND) {
+        return true;
     }
+    Fail("cannot be watched by the reactor (result " + std::to_string(result) + ")");
+    return false;
 }
 
 bool Connection::OpenSocket() {
@@ -66,10 +73,11 @@ bool Connection::OpenSocket() {
 }
 
 void Connection::OnConnected() {
-    m_state = EState::CONNECTED;
     // Before the run the server has nothing to say, but it may hang up.
-    m_setup.reactor.RegisterHandler(this, NX_MASK_READ);
-    m_setup.owner.OnConnected();
+    if (Watch(NX_MASK_READ)) {
+        m_state = EState::CONNECTED;
+        m_setup.owner.OnConnected();
+    }
 }
 
 void Connection::Start() {
@@ -175,6 +183,7 @@ void Connection::Send() {
                                   m_outputEnd - m_outputSent, MSG_NOSIGNAL);
         if (sent >= 0) {
             m_outputSent += static_cast<std::size_t>(sent);
+            assert(m_outputSent <= m_outputEnd);
             continue;
         }
         if (errno == EAGAIN || errno == EWOULDBLOCK) {
@@ -203,14 +212,14 @@ void Connection::FillOutput() {
     }
     m_outputSent = 0;
     m_outputEnd = static_cast<std::size_t>(end - begin);
+    assert(m_outputEnd <= GetOutputCapacity(m_workload, m_setup.pipeline));
 }
 
 // Watching for room costs a look at the socket with every reply, so it is not left on.
 void Connection::WaitForRoom(bool wait) {
     if (m_waitsForRoom != wait) {
         m_waitsForRoom = wait;
-        const long mask = wait ? NX_MASK_READ | NX_MASK_WRITE : NX_MASK_READ;
-        m_setup.reactor.RegisterHandler(this, mask);
+        Watch(wait ? NX_MASK_READ | NX_MASK_WRITE : NX_MASK_READ);
     }
 }
 

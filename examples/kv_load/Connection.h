@@ -1,7 +1,7 @@
 // One connection to the server.
 #pragma once
 
-#include <kv_load/LoadProgress.h>
+#include <kv_load/LatencyHistogram.h>
 #include <kv_load/Pipeline.h>
 #include <kv_load/Workload.h>
 #include <nx/net/CNxInetAddr.h>
@@ -14,6 +14,20 @@
 #include <string>
 
 namespace kv_load {
+
+// How far a run is. Belongs to the network thread while it runs; the main thread reads it
+// afterwards.
+struct LoadProgress {
+    // Requests that no connection has made up yet; the connections take from here.
+    std::uint64_t toIssue = 0;
+    // Of NowNs(); 0 before the first request.
+    std::int64_t startedAt = 0;
+    std::int64_t endedAt = 0;
+    // Connections that were given up.
+    std::uint64_t failed = 0;
+    // Of every request that got its right reply.
+    LatencyHistogram latency;
+};
 
 class Connection;
 
@@ -74,7 +88,8 @@ private:
 
     bool OpenSocket();
     void OnConnected();
-    // False when the connection has failed.
+    // False when the connection has failed, of which the owner has heard.
+    bool Watch(long mask);
     bool Receive();
     bool ReceiveFailed(long result);
     void Send();

@@ -1,9 +1,11 @@
 #include <common/Clock.h>
+#include <common/Program.h>
 #include <kv_load/LoadClient.h>
 #include <nx/foundation/CNxTimeValue.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <chrono>
 #include <cstdio>
 #include <utility>
@@ -61,7 +63,8 @@ LoadClient::LoadClient(const Options& options, INxReactor& reactor, std::functio
 }
 
 void LoadClient::Start() {
-    m_reactor.ScheduleTimer(this, nullptr, CNxTimeValue(0, c_tickUsec), 0);
+    examples::Require(m_reactor.ScheduleTimer(this, nullptr, CNxTimeValue(0, c_tickUsec), 0),
+                      "watch its connections");
     OpenMore();
 }
 
@@ -105,12 +108,14 @@ void LoadClient::StartLoad() {
 }
 
 void LoadClient::OnConnected() {
+    assert(m_connecting > 0 && !m_started);
     ++m_connected;
     --m_connecting;
     OpenMore();
 }
 
 void LoadClient::OnDone() {
+    assert(m_connected > 0 && m_started);
     --m_connected;
     EndIfNobodyIsLeft();
 }
@@ -121,6 +126,7 @@ void LoadClient::OnFailed(const Connection& connection, bool wasConnected, const
         std::fprintf(stderr, "kv_load: connection %llu: %s\n",
                      static_cast<unsigned long long>(connection.GetNumber()), why.c_str());
     }
+    assert(wasConnected ? m_connected > 0 : m_connecting > 0);
     if (wasConnected) {
         --m_connected;
         EndIfNobodyIsLeft();

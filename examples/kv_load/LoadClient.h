@@ -2,7 +2,6 @@
 #pragma once
 
 #include <kv_load/Connection.h>
-#include <kv_load/LoadProgress.h>
 #include <kv_load/Options.h>
 #include <kv_load/ProgressPrinter.h>
 #include <nx/reactor/INxReactor.h>

@@ -21,14 +21,6 @@ struct Options {
     // Seconds.
     std::uint64_t connectTimeout = 10;
     std::uint64_t stallTimeout = 30;
-    bool help = false;
 };
-
-// Reads "--name value" and "--name=value"; the last of several wins. Answers what is wrong, in one
-// line for people, or "" when `options` can be used. With --help nothing else is demanded.
-std::string ParseOptions(int argc, const char* const* argv, Options& options);
-
-// The text of --help.
-std::string GetUsage();
 
 }  // namespace kv_load

@@ -1,6 +1,7 @@
 #include <kv_load/Pipeline.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cstdio>
 #include <cstring>
 
@@ -52,6 +53,7 @@ Pipeline::Pipeline(Workload& workload, std::size_t depth)
     : m_workload(workload), m_requests(depth), m_reply(new char[workload.GetMaxReplySize()]) {}
 
 char* Pipeline::WriteNext(char* out) {
+    assert(!IsFull());
     const std::size_t last = m_first + m_count;
     Request& request = m_requests[last < m_requests.size() ? last : last - m_requests.size()];
     ++m_count;
@@ -68,6 +70,7 @@ void Pipeline::MarkSent(std::int64_t now) {
 
 bool Pipeline::Check(const char* data, std::size_t size, std::int64_t now,
                      LatencyHistogram& latency) {
+    assert(m_mismatch.empty());
     while (size > 0) {
         // The server cannot answer what it has not been asked.
         if (m_count == m_unsent) {
@@ -105,6 +108,7 @@ std::string Pipeline::DescribeDebt() const {
 }
 
 void Pipeline::Pop() {
+    assert(m_count > m_unsent);
     m_first = m_first + 1 < m_requests.size() ? m_first + 1 : 0;
     --m_count;
     m_matched = 0;

@@ -23,7 +23,7 @@ public:
     bool IsEmpty() const { return m_count == 0; }
     bool IsFull() const { return m_count == m_requests.size(); }
 
-    // Makes up the next request, writes its bytes and answers their end. Not when full.
+    // Makes up the next request, writes its bytes and returns their end. Not when full.
     char* WriteNext(char* out);
 
     // Those written since the last call are handed to the kernel now.

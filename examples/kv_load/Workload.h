@@ -34,10 +34,10 @@ public:
     std::size_t GetMaxRequestSize() const;
     std::size_t GetMaxReplySize() const;
 
-    // Makes up the next request and writes its bytes; answers their end.
+    // Makes up the next request and writes its bytes; returns their end.
     char* WriteNext(char* out, Request& request);
 
-    // Writes the right reply to a request made up before; answers its end.
+    // Writes the right reply to a request made up before; returns its end.
     char* WriteReply(char* out, const Request& request) const;
 
     // "GET load:...", for people.

@@ -1,100 +1,164 @@
 // kv_load: loads a key-value server and checks every reply. See --help.
 //
-// The main thread only waits. All sockets, timers and signals are the network thread's; the main
-// thread sends it what is to be started and closed, and prints the summary when it has ended.
-#include <common/CallEvent.h>
-#include <common/Descriptors.h>
-#include <common/StopSignals.h>
+// The main thread only waits. All sockets and timers are the network thread's; the main thread
+// prints the summary when it has ended.
+#include <common/Clock.h>
+#include <common/CommandLine.h>
+#include <common/Program.h>
 #include <kv_load/LoadClient.h>
-#include <kv_load/Options.h>
-#include <kv_load/Summary.h>
-#include <nx/reactor/INxReactor.h>
-#include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadManager.h>
 
-#include <csignal>
 #include <cstdio>
 #include <new>
+#include <string>
 
 namespace {
 
 using namespace examples;
 using namespace kv_load;
 
-constexpr int c_statusFailed = 1;
-constexpr int c_statusBadOptions = 2;
+constexpr const char* c_usage =
+    "usage: kv_load --port P [options]\n"
+    "\n"
+    "Loads a key-value server that speaks RESP2 and checks every byte that it answers.\n"
+    "\n"
+    "  --host ADDR               IPv4 or IPv6 address of the server (127.0.0.1)\n"
+    "  --port P                  its port\n"
+    "  --connections N           connections at the same time (50)\n"
+    "  --pipeline D              requests under way on each connection (16)\n"
+    "  --value-size B            bytes of a value (32)\n"
+    "  --requests N              requests in all (100000)\n"
+    "  --keys K                  keys that are written and read, shared out among the\n"
+    "                            connections (10000)\n"
+    "  --connect-timeout SECONDS a connect may take this long (10)\n"
+    "  --stall-timeout SECONDS   the server may be silent this long while it owes a\n"
+    "                            reply (30)\n"
+    "  --help                    print this\n"
+    "\n"
+    "About half of the requests are SET, half GET; a few are INCR and PING. Values are\n"
+    "arbitrary bytes. The keys are named load:RUN:..., RUN being different in every run,\n"
+    "so that several runs can share a server; they stay on the server.\n"
+    "\n"
+    "A connection that fails or gets a wrong reply is reported and given up; the others\n"
+    "go on. Exit status: 0 when every request got its right reply, 1 when not, 2 for bad\n"
+    "options, 130 and 143 when ended by SIGINT and SIGTERM.\n";
 
-int Fail(const char* what) {
-    std::fprintf(stderr, "kv_load: %s\n", what);
-    return c_statusFailed;
-}
-
-// Runs the load from the first connect to the last close. The main loop ends when the client has
-// nothing left to do or a signal comes.
-int RunLoad(const Options& options, INxReactor& network) {
-    CNxThread* const mainThread = CNxThreadManager::Instance()->GetThread(NX_THREAD_MAIN);
-    const auto stopMain = [mainThread] { mainThread->Stop(nullptr); };
-    LoadClient client(options, network, stopMain);
-    StopSignals signals;
-    bool opened = false;
-    CallOn(network, [&] {
-        opened = signals.Open(network, stopMain);
-        if (opened) {
-            client.Start();
+CommandLine Describe(Options& options) {
+    constexpr std::uint64_t c_day = 86400;
+    CommandLine line{};
+    line.usage = c_usage;
+    line.texts = {{"--host", &options.host}};
+    line.numbers = {
+        {"--port", &options.port, 1, 65535},
+        {"--connections", &options.connections, 1, 60000},
+        {"--pipeline", &options.pipeline, 1, 65536},
+        {"--value-size", &options.valueSize, 0, 16UL << 20},
+        {"--requests", &options.requests, 1, 1000000000000UL},
+        {"--keys", &options.keys, 1, 99999999},
+        {"--connect-timeout", &options.connectTimeout, 1, c_day},
+        {"--stall-timeout", &options.stallTimeout, 1, c_day},
+    };
+    line.check = [&options]() -> std::string {
+        if (options.port == 0) {
+            return "--port is missing";
         }
-    });
-    if (opened) {
-        mainThread->OnThreadRun();
-    }
-    CallOn(network, [&] {
-        client.Close();
-        signals.Close();
-    });
-    if (!opened) {
-        return Fail("cannot take signals");
-    }
-    PrintSummary(options, client.GetProgress(), signals.GetSignal());
-    return GetExitStatus(options, client.GetProgress(), signals.GetSignal());
+        const std::string error = CheckAddress("--host", options.host);
+        if (error.empty() && options.keys < options.connections) {
+            return "--keys must be at least --connections, for each connection has keys of its own";
+        }
+        return error;
+    };
+    return line;
 }
 
-int RunOnNetworkThread(const Options& options) {
-    CNxThreadManager* const threads = CNxThreadManager::Instance();
-    // Before there is another thread, for it inherits this.
-    threads->DisableSignal(SIGINT);
-    threads->DisableSignal(SIGTERM);
-    CNxThread* network = nullptr;
-    if (threads->InitMainThread(0, nullptr) != NX_OK ||
-        threads->CreateNetworkThread(NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(),
-                                     network) != NX_OK) {
-        return Fail("cannot start the network thread");
+double ToMs(std::uint64_t ns) {
+    return static_cast<double>(ns) / 1e6;
+}
+
+// 0 if every request got its right reply; 1 if not, also when a signal ended the run after a
+// failure; else 128 plus the signal.
+int GetExitStatus(const Options& options, const LoadProgress& progress, int signal) {
+    if (progress.failed != 0) {
+        return c_statusFailed;
     }
-    int status = c_statusFailed;
-    try {
-        status = RunLoad(options, *network->GetReactor());
-    } catch (const std::bad_alloc&) {
-        Fail("not enough memory for that many connections, keys or bytes of values");
+    if (progress.latency.GetCount() == options.requests) {
+        return 0;
     }
-    threads->StopAllThreads(nullptr);
-    threads->JoinAllThreads();
-    return status;
+    return signal != 0 ? c_statusSignal + signal : c_statusFailed;
+}
+
+std::string GetVerdict(const Options& options, const LoadProgress& progress, int signal) {
+    const unsigned long long failed = progress.failed;
+    if (failed != 0) {
+        return "FAILED: " + std::to_string(failed) + " of " + std::to_string(options.connections) +
+               " connections given up";
+    }
+    if (GetExitStatus(options, progress, signal) != 0) {
+        return "interrupted; every reply until then was right";
+    }
+    return "every reply was right";
+}
+
+// What was achieved. `signal` is the one that ended the run, or 0.
+void PrintSummary(const Options& options, const LoadProgress& progress, int signal) {
+    const LatencyHistogram& latency = progress.latency;
+    const unsigned long long count = latency.GetCount();
+    const std::int64_t duration =
+        progress.startedAt != 0 ? progress.endedAt - progress.startedAt : 0;
+    const double seconds =
+        static_cast<double>(duration) / static_cast<double>(examples::c_nsPerSecond);
+    std::printf("requests    %llu of %llu\n", count,
+                static_cast<unsigned long long>(options.requests));
+    std::printf("connections %llu, pipeline %llu, value size %llu\n",
+                static_cast<unsigned long long>(options.connections),
+                static_cast<unsigned long long>(options.pipeline),
+                static_cast<unsigned long long>(options.valueSize));
+    std::printf("seconds     %.3f\n", seconds);
+    std::printf("throughput  %.0f requests/s\n",
+                seconds > 0 ? static_cast<double>(count) / seconds : 0.0);
+    std::printf("latency ms  p50 %.3f  p99 %.3f  p99.9 %.3f  max %.3f\n",
+                ToMs(latency.GetQuantile(500)), ToMs(latency.GetQuantile(990)),
+                ToMs(latency.GetQuantile(999)), ToMs(latency.GetMax()));
+    std::printf("result      %s\n", GetVerdict(options, progress, signal).c_str());
+}
+
+// From the first connect to the last close. The main loop ends when the client has nothing left to
+// do or a signal comes.
+int RunLoad(const Options& options, Program& program) {
+    LoadClient client(options, program.GetReactor(), StopMain);
+    NetworkWork work;
+    work.open = [&client] {
+        client.Start();
+        return std::string();
+    };
+    work.close = [&client] { client.Close(); };
+    const std::string error = program.Run(work);
+    if (!error.empty()) {
+        return Fail(error);
+    }
+    PrintSummary(options, client.GetProgress(), program.GetSignal());
+    return GetExitStatus(options, client.GetProgress(), program.GetSignal());
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     Options options;
-    const std::string error = ParseOptions(argc, argv, options);
-    if (!error.empty()) {
-        std::fprintf(stderr, "kv_load: %s\nTry 'kv_load --help'.\n", error.c_str());
-        return c_statusBadOptions;
-    }
-    if (options.help) {
-        std::fputs(GetUsage().c_str(), stdout);
-        return 0;
+    if (const auto status = Describe(options).Read(argc, argv)) {
+        return *status;
     }
     // The rest is for the library and the standard streams.
     if (!AllowDescriptors(options.connections + 64)) {
         return Fail("the limit of open files (ulimit -n) is too low for that many connections");
     }
-    return RunOnNetworkThread(options);
+    Program program;
+    if (!program.Init(argc, argv) ||
+        !program.StartNetwork(CNxThreadManager::CreateNetworkReactor())) {
+        return Fail("cannot start the network thread");
+    }
+    try {
+        return RunLoad(options, program);
+    } catch (const std::bad_alloc&) {
+        return Fail("not enough memory for that many connections, keys or bytes of values");
+    }
 }

@@ -1,11 +1,12 @@
 #include <common/Trace.h>
 #include <kv_server/Client.h>
-#include <kv_server/Limits.h>
 #include <kv_server/ReplyWriter.h>
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <utility>
 
@@ -16,7 +17,7 @@ namespace {
 // Full receive buffers in one go; then the other clients have their turn.
 constexpr int c_turns = 16;
 
-// After Stop: what one client can have had on its way.
+// After Stop: as much as one client can have had on its way.
 constexpr std::size_t c_lastInput = 1UL << 20;
 
 bool WouldBlock() {
@@ -40,7 +41,30 @@ Client::Client(std::uint64_t id, int socket, INxReactor& reactor, IClientOwner& 
 }
 
 Client::~Client() {
+    // Not registered any more when the reactor has dropped it.
     m_reactor.RemoveHandler(this, NX_MASK_ALL_EVENTS);
+}
+
+bool Client::MayFollow(EState state, EState next) {
+    switch (state) {
+        case EState::WAITING:
+            return next == EState::READABLE || next == EState::STOPPING || next == EState::ENDING;
+        case EState::READABLE:
+            return next != EState::READABLE && next != EState::LINGERING;
+        case EState::STOPPING:
+            return next == EState::ENDING || next == EState::HUNG_UP;
+        case EState::ENDING:
+            return next == EState::LINGERING;
+        case EState::HUNG_UP:
+        case EState::LINGERING:
+            break;
+    }
+    return false;
+}
+
+void Client::Enter(EState next) {
+    assert(MayFollow(m_state, next));
+    m_state = next;
 }
 
 bool Client::Open() {
@@ -48,33 +72,40 @@ bool Client::Open() {
 }
 
 bool Client::Refuse(std::string_view error) {
-    m_refused = true;
-    m_ending = true;
+    Enter(EState::ENDING);
     ReplyWriter(m_output).WriteError(error);
-    return Open() && Continue();
+    return Continue();
 }
 
 bool Client::Stop() {
-    m_stopping = true;
-    m_readable = true;
+    if (IsTaking()) {
+        Enter(EState::STOPPING);
+    }
     return Continue();
 }
 
 bool Client::OnReplies(std::unique_ptr<Batch> batch) {
+    assert(m_batch == nullptr && batch->clientId == m_id && !IsSlow());
     m_batch = std::move(batch);
     m_output.Append(std::move(m_batch->replies));
-    if (m_batch->quit) {
-        m_ending = true;
+    if (m_batch->quit && IsTaking()) {
+        Enter(EState::ENDING);
     }
     if (m_batch->quit || !m_batch->HasCommands()) {
-        m_batch->bytes.reset();
-        m_batch->commands.Clear();
+        m_batch->Clear();
     }
-    return Continue();
+    const bool goesOn = Continue();
+    if (goesOn && IsSlow()) {
+        examples::Trace(examples::c_traceWarning, "client ", m_id,
+                        " reads slowly: ", m_output.GetSize(), " bytes wait for it");
+    }
+    return goesOn;
 }
 
 int Client::OnInput(int /*fd*/) {
-    m_readable = true;
+    if (m_state == EState::WAITING) {
+        Enter(EState::READABLE);
+    }
     return Continue() ? 0 : -1;
 }
 
@@ -91,28 +122,25 @@ bool Client::Continue() {
     return Proceed() && Watch();
 }
 
-// Whether the connection goes on.
 bool Client::Proceed() {
-    if (m_lingering) {
+    if (m_state == EState::LINGERING) {
         return Discard();
     }
     for (int turn = 0; turn < c_turns; ++turn) {
         if (!Flush()) {
             return false;
         }
-        NoteSlowness();
-        if (m_batch == nullptr || m_slow) {
+        if (m_batch == nullptr || IsSlow()) {
             return true;
         }
-        const bool toldError = m_ending || m_batch->error.empty();
-        if (m_batch->HasCommands() || !toldError) {
+        if (m_batch->HasWork()) {
             m_owner.Submit(std::move(m_batch));
             return true;
         }
-        if (m_ending) {
+        if (!IsTaking()) {
             return m_output.IsEmpty() ? End() : true;
         }
-        if (!m_readable) {
+        if (m_state == EState::WAITING) {
             return true;
         }
         if (!Receive()) {
@@ -125,35 +153,22 @@ bool Client::Proceed() {
 
 // Sends until all is gone or the socket is full.
 bool Client::Flush() {
-    m_waitsForRoom = false;
-    while (!m_output.IsEmpty() && !m_waitsForRoom) {
+    while (!m_output.IsEmpty()) {
         if (m_output.SendTo(GetHandle()) >= 0) {
             m_activeAt = m_owner.GetSeconds();
-        } else if (WouldBlock()) {
-            m_waitsForRoom = true;
         } else if (errno != EINTR) {
-            return false;
+            return WouldBlock();
         }
     }
     return true;
 }
 
-void Client::NoteSlowness() {
-    const bool slow = m_output.GetSize() >= c_maxWaiting;
-    if (slow && !m_slow) {
-        examples::Trace(examples::c_traceWarning, "client ", m_id,
-                        " reads slowly: ", m_output.GetSize(), " bytes wait for it");
-    }
-    m_slow = slow;
-}
-
-// Watching for room costs a look at the socket with every event, so it is not left on. A reactor
-// that reports states, not changes, must not report what is left for later. False when the socket
-// cannot be watched any more.
+// Watching for room costs a look at the socket with every readiness, so it is not left on. A
+// reactor that reports states, not changes, must not report what is left for later.
 bool Client::Watch() {
     const bool statesOnly = m_reactor.GetReactorType() == INxReactor::TYPE_SELECT;
-    const bool input = !statesOnly || !m_readable || m_lingering;
-    const long wanted = (input ? NX_MASK_READ : 0) | (m_waitsForRoom ? NX_MASK_WRITE : 0);
+    const bool input = !statesOnly || m_state == EState::WAITING || m_state == EState::LINGERING;
+    const long wanted = (input ? NX_MASK_READ : 0) | (m_output.IsEmpty() ? 0 : NX_MASK_WRITE);
     if (wanted == m_watched) {
         return true;
     }
@@ -166,6 +181,7 @@ bool Client::Watch() {
 }
 
 bool Client::Receive() {
+    assert(m_state == EState::READABLE || m_state == EState::STOPPING);
     char* const buffer = m_reactor.GetBufferPtr();
     const ssize_t received = recv(GetHandle(), buffer, m_reactor.GetBufferSize(), 0);
     if (received <= 0) {
@@ -177,42 +193,39 @@ bool Client::Receive() {
     if (!m_batch->error.empty()) {
         examples::Trace(examples::c_traceWarning, "client ", m_id, ": ", m_batch->error.c_str());
     }
-    if (m_stopping) {
+    if (m_state == EState::STOPPING) {
         CountLastInput(size);
     }
     return true;
 }
 
-// Whether the connection goes on.
 bool Client::ReceiveNothing(long result) {
     if (result == 0) {
-        m_inputEnded = true;
-        m_ending = true;
+        Enter(EState::HUNG_UP);
         return true;
     }
     if (errno == EINTR) {
         return true;
     }
-    m_readable = false;
-    m_ending = m_ending || m_stopping;
+    Enter(m_state == EState::STOPPING ? EState::ENDING : EState::WAITING);
     return WouldBlock();
 }
 
 // A client that never stops sending must not keep the server from stopping.
 void Client::CountLastInput(std::size_t size) {
-    m_lastInput -= size < m_lastInput ? size : m_lastInput;
+    m_lastInput -= std::min(size, m_lastInput);
     if (m_lastInput == 0) {
-        m_readable = false;
-        m_ending = true;
+        Enter(EState::ENDING);
     }
 }
 
 bool Client::End() {
-    if (m_inputEnded || (m_stopping && IsDelivered())) {
+    assert(m_output.IsEmpty() && m_batch != nullptr);
+    if (m_state == EState::HUNG_UP) {
         return false;
     }
+    Enter(EState::LINGERING);
     shutdown(GetHandle(), SHUT_WR);
-    m_lingering = true;
     m_activeAt = m_owner.GetSeconds();
     return Discard();
 }
@@ -229,10 +242,9 @@ bool Client::Discard() {
     return true;
 }
 
-// Whether the client's system has acknowledged every byte.
-bool Client::IsDelivered() const {
+bool Client::IsDone() const {
     int waiting = 0;
-    return m_socket.Control(TIOCOUTQ, &waiting) == 0 && waiting == 0;
+    return IsLingering() && m_socket.Control(TIOCOUTQ, &waiting) == 0 && waiting == 0;
 }
 
 }  // namespace kv_server

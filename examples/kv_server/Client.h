@@ -1,8 +1,7 @@
 // One client's connection: its commands to the store, the replies back to it.
 #pragma once
 
-#include <kv_server/Batch.h>
-#include <kv_server/RequestReader.h>
+#include <kv_server/Request.h>
 #include <nx/net/CNxSocket.h>
 #include <nx/reactor/INxReactor.h>
 
@@ -50,26 +49,27 @@ public:
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    // Begins to take commands. False when the reactor cannot watch the socket.
-    bool Open();
+    // One of the two comes first. Open begins to take commands; Refuse only tells the client why it
+    // is not served, `error` being a whole error reply's text. False when the client is gone or the
+    // reactor cannot watch the socket.
+    [[nodiscard]] bool Open();
+    [[nodiscard]] bool Refuse(std::string_view error);
 
-    // Only tells the client why it is not served. `error` is a whole error reply's text.
-    bool Refuse(std::string_view error);
+    [[nodiscard]] bool Continue();
+    [[nodiscard]] bool OnReplies(std::unique_ptr<Batch> batch);
 
-    bool Continue();
-    bool OnReplies(std::unique_ptr<Batch> batch);
+    // The server stops: answers what has arrived by now, and ends.
+    [[nodiscard]] bool Stop();
 
-    // Answers what has arrived by now, and ends.
-    bool Stop();
+    bool IsLingering() const { return m_state == EState::LINGERING; }
 
-    // Whether the connection may be closed without loss, while it ends.
-    bool IsDone() const { return m_lingering && IsDelivered(); }
+    // Whether it lingers and the client's system has acknowledged every byte: it may be closed
+    // without loss.
+    bool IsDone() const;
 
     std::uint64_t GetId() const { return m_id; }
-    bool IsRefused() const { return m_refused; }
-    bool IsLingering() const { return m_lingering; }
 
-    // When the client last sent or took something, or began to end; in the owner's seconds.
+    // When the client last sent or took something, or began to linger; in the owner's seconds.
     std::int64_t GetActiveAt() const { return m_activeAt; }
 
     int GetHandle() const override { return m_socket.GetHandle(); }
@@ -78,37 +78,45 @@ public:
     int OnClose(int fd, long mask) override;
 
 private:
-    bool Flush();
+    // In the order of a life, in which only READABLE goes back; MayFollow has the ways.
+    enum class EState {
+        WAITING,    // takes commands; there is nothing to receive
+        READABLE,   // takes commands; there may be something to receive
+        STOPPING,   // takes what has arrived, and no more than c_lastInput bytes of it
+        ENDING,     // takes no more; what was asked is answered
+        HUNG_UP,    // the same, and the client has hung up its side: nothing to linger for
+        LINGERING,  // all is sent; what still comes is thrown away
+    };
+
+    static bool MayFollow(EState state, EState next);
+    void Enter(EState next);
+    bool IsTaking() const { return m_state < EState::ENDING; }
+    bool IsSlow() const { return m_output.GetSize() >= c_maxWaiting; }
+
+    // They return whether the connection goes on.
     bool Proceed();
-    bool Watch();
-    void NoteSlowness();
+    bool Flush();
     bool Receive();
     bool ReceiveNothing(long result);
-    void CountLastInput(std::size_t size);
     bool End();
     bool Discard();
-    bool IsDelivered() const;
+    bool Watch();
+
+    void CountLastInput(std::size_t size);
 
     const std::uint64_t m_id;
     INxReactor& m_reactor;
     IClientOwner& m_owner;
     CNxSocketBase m_socket;
-    long m_watched = 0;  // the events that it is registered for
+    long m_watched = 0;  // the mask that it is registered with
 
     RequestReader m_reader;
     std::unique_ptr<Batch> m_batch;  // null while the store has it
-    BlockChain m_output;
+    examples::BlockChain m_output;   // after a Flush: what waits for room in the socket
     std::int64_t m_activeAt;
 
-    bool m_readable = false;      // there may be something to receive
-    bool m_waitsForRoom = false;  // the socket is full
-    bool m_slow = false;          // too many replies wait
-    bool m_inputEnded = false;    // the client has hung up its side
-    bool m_ending = false;        // no more input is taken
-    bool m_lingering = false;     // all is sent
-    bool m_stopping = false;
-    bool m_refused = false;
-    std::size_t m_lastInput;  // what is still received after Stop
+    EState m_state = EState::WAITING;
+    std::size_t m_lastInput;  // bytes still received while STOPPING
 };
 
 }  // namespace kv_server

@@ -1,30 +1,16 @@
 #include <kv_server/CommandRunner.h>
-#include <kv_server/Glob.h>
-#include <kv_server/Limits.h>
 #include <strings.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cctype>
-#include <charconv>
 #include <ctime>
-#include <limits>
 
 namespace kv_server {
 
 namespace {
 
-constexpr const char* c_notANumber = "ERR value is not an integer or out of range";
-constexpr const char* c_syntaxError = "ERR syntax error";
 constexpr std::size_t c_shownOfName = 64;
-
-bool EqualsNoCase(std::string_view text, std::string_view name) {
-    return text.size() == name.size() && strncasecmp(text.data(), name.data(), name.size()) == 0;
-}
-
-bool ToNumber(std::string_view text, long& out) {
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), out);
-    return error == std::errc() && end == text.data() + text.size();
-}
 
 // Errors are lines, so what they quote must not end the line.
 std::string ToShownName(std::string_view name) {
@@ -63,6 +49,10 @@ constexpr CommandRunner::Command CommandRunner::s_commands[] = {
     {"QUIT", 1, c_maxArguments, &CommandRunner::Quit},
 };
 
+bool CommandRunner::EqualsNoCase(std::string_view text, std::string_view name) {
+    return text.size() == name.size() && strncasecmp(text.data(), name.data(), name.size()) == 0;
+}
+
 // The busiest come first in the table, and their lengths differ from most others'.
 const CommandRunner::Command* CommandRunner::FindCommand(std::string_view name) {
     const auto hasName = [name](const Command& command) {
@@ -77,6 +67,7 @@ void CommandRunner::Run(Batch& batch) {
     m_quit = false;
     while (batch.HasCommands() && !m_quit && batch.replies.GetSize() < c_maxWaiting) {
         const CommandList& list = batch.commands;
+        assert(batch.bytes != nullptr && list.ends.back() == list.arguments.size());
         m_arguments.clear();
         for (std::size_t i = batch.next > 0 ? list.ends[batch.next - 1] : 0;
              i < list.ends[batch.next]; ++i) {
@@ -90,6 +81,7 @@ void CommandRunner::Run(Batch& batch) {
     batch.quit = m_quit;
     if (!m_quit && !batch.HasCommands() && !batch.error.empty()) {
         reply.WriteError("ERR " + batch.error);
+        batch.error.clear();
         batch.quit = true;
     }
 }
@@ -117,137 +109,6 @@ void CommandRunner::Ping(ReplyWriter& reply) {
 
 void CommandRunner::Echo(ReplyWriter& reply) {
     reply.WriteBulk(m_arguments[1]);
-}
-
-void CommandRunner::Set(ReplyWriter& reply) {
-    SetOptions options;
-    const char* const error = ReadSetOptions(options);
-    if (error != nullptr) {
-        reply.WriteError(error);
-        return;
-    }
-    const std::string_view key = m_arguments[1];
-    if (options.onlyNew || options.onlyOld) {
-        const bool isOld = m_store.Find(key) != nullptr;
-        if (isOld == options.onlyNew) {
-            reply.WriteNil();
-            return;
-        }
-    }
-    m_store.Set(key, Value(m_arguments[2]));
-    if (options.expiresAt != 0) {
-        m_store.SetExpiry(key, options.expiresAt);
-    }
-    reply.WriteStatus("OK");
-}
-
-// The error to be told, or null.
-const char* CommandRunner::ReadSetOptions(SetOptions& options) const {
-    for (std::size_t i = 3; i < m_arguments.size(); ++i) {
-        const std::string_view option = m_arguments[i];
-        const bool seconds = EqualsNoCase(option, "EX");
-        if (EqualsNoCase(option, "NX")) {
-            options.onlyNew = true;
-        } else if (EqualsNoCase(option, "XX")) {
-            options.onlyOld = true;
-        } else if ((seconds || EqualsNoCase(option, "PX")) && options.expiresAt == 0 &&
-                   i + 1 < m_arguments.size()) {
-            const char* const error = ReadExpiry(m_arguments[++i], seconds ? 1000 : 1, options);
-            if (error != nullptr) {
-                return error;
-            }
-        } else {
-            return c_syntaxError;
-        }
-    }
-    return options.onlyNew && options.onlyOld ? c_syntaxError : nullptr;
-}
-
-const char* CommandRunner::ReadExpiry(std::string_view number, std::int64_t unit,
-                                      SetOptions& options) const {
-    long count = 0;
-    if (!ToNumber(number, count)) {
-        return c_notANumber;
-    }
-    const std::int64_t now = m_store.GetTime();
-    if (count <= 0 || count > (std::numeric_limits<std::int64_t>::max() - now) / unit) {
-        return "ERR invalid expire time in 'set' command";
-    }
-    options.expiresAt = now + count * unit;
-    return nullptr;
-}
-
-void CommandRunner::Get(ReplyWriter& reply) {
-    const Value* const value = m_store.Find(m_arguments[1]);
-    if (value == nullptr) {
-        reply.WriteNil();
-    } else {
-        reply.WriteBulk(*value);
-    }
-}
-
-void CommandRunner::Del(ReplyWriter& reply) {
-    reply.WriteNumber(std::count_if(m_arguments.begin() + 1, m_arguments.end(),
-                                    [this](std::string_view key) { return m_store.Delete(key); }));
-}
-
-void CommandRunner::Exists(ReplyWriter& reply) {
-    const auto exists = [this](std::string_view key) { return m_store.Find(key) != nullptr; };
-    reply.WriteNumber(std::count_if(m_arguments.begin() + 1, m_arguments.end(), exists));
-}
-
-void CommandRunner::Add(long change, ReplyWriter& reply) {
-    const Value* const value = m_store.Find(m_arguments[1]);
-    long number = 0;
-    if (value != nullptr && !ToNumber(value->GetBytes(), number)) {
-        reply.WriteError(c_notANumber);
-        return;
-    }
-    if (__builtin_add_overflow(number, change, &number)) {
-        reply.WriteError("ERR increment or decrement would overflow");
-        return;
-    }
-    m_store.Set(m_arguments[1], Value(std::to_string(number)), true);
-    reply.WriteNumber(number);
-}
-
-void CommandRunner::Expire(ReplyWriter& reply) {
-    long seconds = 0;
-    if (!ToNumber(m_arguments[2], seconds)) {
-        reply.WriteError(c_notANumber);
-        return;
-    }
-    const std::int64_t now = m_store.GetTime();
-    if (seconds > (std::numeric_limits<std::int64_t>::max() - now) / 1000) {
-        reply.WriteError("ERR invalid expire time in 'expire' command");
-        return;
-    }
-    const bool done = seconds > 0 ? m_store.SetExpiry(m_arguments[1], now + seconds * 1000)
-                                  : m_store.Delete(m_arguments[1]);
-    reply.WriteNumber(done ? 1 : 0);
-}
-
-void CommandRunner::Ttl(ReplyWriter& reply) {
-    if (m_store.Find(m_arguments[1]) == nullptr) {
-        reply.WriteNumber(-2);
-        return;
-    }
-    const auto expiry = m_store.GetExpiry(m_arguments[1]);
-    reply.WriteNumber(expiry.has_value() ? (*expiry - m_store.GetTime() + 500) / 1000 : -1);
-}
-
-void CommandRunner::Keys(ReplyWriter& reply) {
-    std::size_t count = 0;
-    BlockChain names;
-    ReplyWriter writer(names);
-    m_store.ForEachKey([&](std::string_view key) {
-        if (MatchesGlob(m_arguments[1], key)) {
-            writer.WriteBulk(key);
-            ++count;
-        }
-    });
-    reply.WriteArraySize(count);
-    reply.WriteReplies(std::move(names));
 }
 
 void CommandRunner::DbSize(ReplyWriter& reply) {
@@ -302,7 +163,7 @@ void CommandRunner::Config(ReplyWriter& reply) {
         return std::any_of(m_arguments.begin() + 2, m_arguments.end(),
                            [&](std::string_view p) { return MatchesGlob(ToLower(p), name); });
     };
-    BlockChain found;
+    examples::BlockChain found;
     ReplyWriter writer(found);
     std::size_t count = 0;
     for (const auto& [name, value] : parameters) {

@@ -1,25 +1,34 @@
 // The commands: what they are called, what they take, and what they do to the store.
 #pragma once
 
-#include <kv_server/Batch.h>
 #include <kv_server/KvStore.h>
 #include <kv_server/ReplyWriter.h>
-#include <kv_server/Stats.h>
+#include <kv_server/Request.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <string>
+#include <ctime>
 #include <string_view>
 #include <vector>
 
 namespace kv_server {
+
+// What INFO tells of the connections. Counted on the network thread, read on the store's.
+struct Stats {
+    const std::time_t startedAt = std::time(nullptr);
+    std::atomic<std::uint64_t> connected{0};
+    std::atomic<std::uint64_t> accepted{0};
+    std::atomic<std::uint64_t> refused{0};
+    unsigned short port = 0;  // set before there are clients
+};
 
 // Belongs to the store's thread; the store and the numbers outlive it.
 class CommandRunner {
 public:
     CommandRunner(KvStore& store, const Stats& stats) : m_store(store), m_stats(stats) {}
 
-    // Runs the commands of the batch in their order, writes a reply for each, and, behind the last,
+    // Runs the commands of the batch in their order, writes a reply for each, and, after the last,
     // the error of the input. Stops early when c_maxWaiting bytes of replies have come together:
     // the batch then still has commands, to be run when the client has taken these.
     void Run(Batch& batch);
@@ -40,6 +49,7 @@ private:
     static const Command s_commands[];
 
     static const Command* FindCommand(std::string_view name);
+    static bool EqualsNoCase(std::string_view text, std::string_view name);
     void RunOne(ReplyWriter& reply);
 
     void Ping(ReplyWriter& reply);

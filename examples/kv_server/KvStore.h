@@ -1,17 +1,58 @@
 // The keys and their values, some of which expire.
 #pragma once
 
-#include <kv_server/Value.h>
+#include <common/BlockChain.h>
+#include <nx/buffer/CNxDataBlock.h>
+#include <nx/foundation/CNxAutoPtr.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 
 namespace kv_server {
+
+// A stored value.
+//
+// Large values live in counted blocks, which go out to clients without being copied, even when the
+// value is replaced meanwhile; small ones are cheaper to copy. Belongs to the store's thread.
+class Value {
+public:
+    // Throws std::bad_alloc.
+    explicit Value(std::string_view bytes) {
+        if (bytes.size() < c_sharedFrom) {
+            m_small = bytes;
+            return;
+        }
+        CNxDataBlock* block = nullptr;
+        if (CNxDataBlock::CreateInstance(block, bytes.size(), bytes.data()) != NX_OK) {
+            throw std::bad_alloc();
+        }
+        m_large = CNxAutoPtr<CNxDataBlock>::Adopt(block);
+    }
+
+    std::string_view GetBytes() const {
+        return m_large ? std::string_view(m_large->GetData(), m_large->GetSize()) : m_small;
+    }
+
+    void AppendTo(examples::BlockChain& chain) const {
+        if (m_large) {
+            chain.Share(m_large.Get());
+        } else {
+            chain.Write(m_small);
+        }
+    }
+
+private:
+    static constexpr std::size_t c_sharedFrom = 4096;
+
+    std::string m_small;
+    CNxAutoPtr<CNxDataBlock> m_large;
+};
 
 // Knows no clock: its owner tells it the time, in milliseconds from any start. A key whose time has
 // come is gone for every operation that names it; its memory is freed then or by RemoveExpired.
@@ -43,7 +84,7 @@ public:
     // When the first key expires; nothing when none does.
     std::optional<std::int64_t> GetNextExpiry() const;
 
-    // Removes at most `limit` expired keys, and answers how many.
+    // Removes at most `limit` expired keys, and returns how many.
     std::size_t RemoveExpired(std::size_t limit);
 
     // Calls `visit(key)` for every key that has not expired. It must not change the store.
@@ -76,5 +117,11 @@ private:
     Expiries m_expiries;  // to the keys in m_entries, which stay where they are
     std::string m_key;    // a look-up needs a string; this one keeps its memory
 };
+
+// Whether the text matches the pattern as a whole: '*' any bytes, '?' one byte, [abc], [a-z] and
+// [^a] one of (none of) these, '\' takes the next byte literally. Bytes, no locale; takes at most
+// the product of the two sizes in steps, unlike fnmatch(3), which a hostile pattern keeps busy for
+// ever.
+bool MatchesGlob(std::string_view pattern, std::string_view text);
 
 }  // namespace kv_server

@@ -18,17 +18,6 @@ struct Options {
     std::string reactor = "epoll";
     // A trace file that several processes write to; "" for none.
     std::string sharedTrace;
-    bool help = false;
 };
-
-// Reads the section Server of the configuration file. Answers what is wrong, in one line for
-// people, or "". After trace_setting_init.
-std::string ReadConfiguration(Options& options);
-
-// Reads the command line over it. Answers likewise.
-std::string ParseOptions(int argc, const char* const* argv, Options& options);
-
-// The text of --help.
-std::string GetUsage();
 
 }  // namespace kv_server

@@ -1,10 +1,12 @@
 #include <common/AddressText.h>
 #include <common/CallEvent.h>
 #include <common/Clock.h>
+#include <common/Program.h>
 #include <common/Trace.h>
 #include <kv_server/Server.h>
-#include <unistd.h>
 
+#include <algorithm>
+#include <cassert>
 #include <utility>
 #include <vector>
 
@@ -18,11 +20,51 @@ constexpr std::int64_t c_lingerSeconds = 2;
 constexpr std::int64_t c_stopSeconds = 5;
 constexpr long c_stopTickUsec = 10000;
 
+// So many go fast enough for nobody to notice; the rest waits for the next turn.
+constexpr std::size_t c_removedAtOnce = 10000;
+constexpr std::int64_t c_msPerSecond = 1000;
+constexpr std::int64_t c_usPerMs = 1000;
+
 std::int64_t NowSeconds() {
     return examples::NowNs() / examples::c_nsPerSecond;
 }
 
+std::int64_t NowMs() {
+    return examples::NowNs() / (examples::c_nsPerSecond / c_msPerSecond);
+}
+
 }  // namespace
+
+void StoreService::Run(Batch& batch) {
+    m_store.SetTime(NowMs());
+    m_runner.Run(batch);
+    ScheduleExpiry();
+}
+
+void StoreService::Close() {
+    m_timers.CancelTimer(this);
+    m_store.Clear();
+}
+
+void StoreService::OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) {
+    m_nextExpiry.reset();
+    m_store.SetTime(NowMs());
+    m_store.RemoveExpired(c_removedAtOnce);
+    ScheduleExpiry();
+}
+
+// One timer, for the key that expires first. It may come early when the system's clock is set, and
+// is then set again.
+void StoreService::ScheduleExpiry() {
+    const std::optional<std::int64_t> next = m_store.GetNextExpiry();
+    if (!next.has_value() || next == m_nextExpiry) {
+        return;
+    }
+    m_nextExpiry = next;
+    const std::int64_t wait = std::max<std::int64_t>(*next - m_store.GetTime(), 0);
+    const CNxTimeValue interval(wait / c_msPerSecond, wait % c_msPerSecond * c_usPerMs);
+    examples::Require(m_timers.ScheduleTimer(this, nullptr, interval, 1), "time an expiry");
+}
 
 Server::Server(const Options& options, INxReactor& network, INxEventQueue& store,
                StoreService& service, Stats& stats, std::function<void()> onStopped)
@@ -42,9 +84,13 @@ std::string Server::Open() {
     std::string error = m_acceptor.Open(CNxInetAddr(m_options.bind.c_str(), port));
     if (error.empty()) {
         m_stats.port = m_acceptor.GetAddress().GetPort();
-        m_network.ScheduleTimer(this, nullptr, CNxTimeValue(1, 0), 0);
+        Tick(CNxTimeValue(1, 0));
     }
     return error;
+}
+
+void Server::Tick(const CNxTimeValue& interval) {
+    examples::Require(m_network.ScheduleTimer(this, nullptr, interval, 0), "watch its clients");
 }
 
 std::string Server::GetAddressText() const {
@@ -56,18 +102,16 @@ void Server::OnAccepted(int socket) {
     const std::uint64_t id = ++m_lastClientId;
     IClientOwner& owner = *this;
     auto client = std::make_unique<Client>(id, socket, m_network, owner);
-    bool isOpen = false;
-    if (m_stats.connected < m_options.maxClients) {
-        isOpen = client->Open();
-    } else {
+    if (m_stats.connected >= m_options.maxClients) {
         CountRefused("max-clients reached");
-        isOpen = m_clients.size() < m_options.maxClients + c_refusedAtOnce &&
-                 client->Refuse("ERR max number of clients reached");
-    }
-    if (isOpen) {
-        m_stats.connected += client->IsRefused() ? 0 : 1;
-        m_clients.emplace(id, std::move(client));
-    } else if (!client->IsRefused()) {
+        if (m_connections.size() < m_options.maxClients + c_refusedAtOnce &&
+            client->Refuse("ERR max number of clients reached")) {
+            m_connections.emplace(id, Connection{std::move(client), false});
+        }
+    } else if (client->Open()) {
+        ++m_stats.connected;
+        m_connections.emplace(id, Connection{std::move(client), true});
+    } else {
         CountRefused("the reactor has no place for it");
     }
 }
@@ -88,26 +132,32 @@ void Server::Submit(std::unique_ptr<Batch> batch) {
 
 void Server::OnReplies(std::unique_ptr<Batch> batch) {
     const std::uint64_t id = batch->clientId;
-    const auto found = m_clients.find(id);
-    if (found != m_clients.end() && !found->second->OnReplies(std::move(batch))) {
+    Client* const client = Find(id);
+    if (client != nullptr && !client->OnReplies(std::move(batch))) {
         Erase(id);
     }
 }
 
 void Server::ContinueLater(std::uint64_t clientId) {
     examples::CallLater(m_network, [this, clientId] {
-        const auto found = m_clients.find(clientId);
-        if (found != m_clients.end() && !found->second->Continue()) {
+        Client* const client = Find(clientId);
+        if (client != nullptr && !client->Continue()) {
             Erase(clientId);
         }
     });
 }
 
+Client* Server::Find(std::uint64_t clientId) {
+    const auto found = m_connections.find(clientId);
+    return found != m_connections.end() ? found->second.client.get() : nullptr;
+}
+
 void Server::Stop() {
-    examples::Trace(examples::c_traceInfo, "stopping; clients ", m_clients.size());
+    assert(m_stopAt == 0);
+    examples::Trace(examples::c_traceInfo, "stopping; clients ", m_connections.size());
     m_acceptor.Close();
     m_stopAt = NowSeconds() + c_stopSeconds;
-    m_network.ScheduleTimer(this, nullptr, CNxTimeValue(0, c_stopTickUsec), 0);
+    Tick(CNxTimeValue(0, c_stopTickUsec));
     EraseIf([](Client& client) { return !client.Stop(); });
 }
 
@@ -121,7 +171,7 @@ void Server::Close() {
 void Server::OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) {
     m_seconds = NowSeconds();
     EraseIf([this](Client& client) { return IsOverdue(client); });
-    if (m_stopAt != 0 && m_clients.empty() && m_onStopped) {
+    if (m_stopAt != 0 && m_connections.empty() && m_onStopped) {
         std::exchange(m_onStopped, nullptr)();
     }
 }
@@ -147,8 +197,8 @@ bool Server::IsOverdue(const Client& client) const {
 template <class Condition>
 void Server::EraseIf(Condition condition) {
     std::vector<std::uint64_t> ids;
-    for (const auto& [id, client] : m_clients) {
-        if (condition(*client)) {
+    for (const auto& [id, connection] : m_connections) {
+        if (condition(*connection.client)) {
             ids.push_back(id);
         }
     }
@@ -158,9 +208,11 @@ void Server::EraseIf(Condition condition) {
 }
 
 void Server::Erase(std::uint64_t clientId) {
-    const auto found = m_clients.find(clientId);
-    m_stats.connected -= found->second->IsRefused() ? 0 : 1;
-    m_clients.erase(found);
+    const auto found = m_connections.find(clientId);
+    assert(found != m_connections.end());
+    m_stats.connected -= found->second.isServed ? 1 : 0;
+    m_connections.erase(found);
+    assert(m_stats.connected <= m_connections.size());
 }
 
 }  // namespace kv_server

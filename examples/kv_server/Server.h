@@ -1,19 +1,46 @@
-// The network side: who is connected, and the way of a batch to the store and back.
+// The two sides of the server: who is connected, on the network thread, and the keys, on a thread
+// of their own. Batches of commands and replies travel between them as events.
 #pragma once
 
-#include <kv_server/Acceptor.h>
+#include <common/Acceptor.h>
 #include <kv_server/Client.h>
+#include <kv_server/CommandRunner.h>
+#include <kv_server/KvStore.h>
 #include <kv_server/Options.h>
-#include <kv_server/Stats.h>
-#include <kv_server/StoreService.h>
+#include <nx/event/INxEventQueue.h>
+#include <nx/timer/INxTimerQueue.h>
 
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
 namespace kv_server {
+
+// Runs batches and removes keys when they expire. Made on any thread; Run and Close belong to the
+// store's. Destroyed closed.
+class StoreService : private INxTimerHandler {
+public:
+    StoreService(INxTimerQueue& timers, const Stats& stats)
+        : m_timers(timers), m_runner(m_store, stats) {}
+    StoreService(const StoreService&) = delete;
+    StoreService& operator=(const StoreService&) = delete;
+
+    void Run(Batch& batch);
+    void Close();
+
+private:
+    void OnTimeout(const CNxTimeValue& curTime, void* token) override;
+    void ScheduleExpiry();
+
+    INxTimerQueue& m_timers;
+    KvStore m_store;
+    CommandRunner m_runner;
+    // What the timer is set to; nothing while it is not.
+    std::optional<std::int64_t> m_nextExpiry;
+};
 
 // Made and destroyed on the main thread; everything else belongs to the network thread. Destroyed
 // closed, and when neither thread runs events any more.
@@ -26,14 +53,14 @@ public:
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
-    // Listens. Answers what is wrong, or "".
-    std::string Open();
+    // Listens. Returns what is wrong, or "".
+    [[nodiscard]] std::string Open();
 
     // "ADDR:PORT".
     std::string GetAddressText() const;
 
     // Accepts no more, answers what has arrived, and hangs up on each client when it is answered,
-    // on all of them after five seconds.
+    // on all of them after five seconds. To be called once.
     void Stop();
 
     // Hangs up on whoever is left.
@@ -46,9 +73,18 @@ private:
     std::int64_t GetSeconds() const override { return m_seconds; }
     void OnTimeout(const CNxTimeValue& curTime, void* token) override;
 
+    // A connection, which counts as a client unless it is only told that it is refused.
+    struct Connection {
+        std::unique_ptr<Client> client;
+        bool isServed;
+    };
+
     void OnAccepted(int socket);
     void CountRefused(const char* why);
     void OnReplies(std::unique_ptr<Batch> batch);
+    // The client of that number, or null.
+    Client* Find(std::uint64_t clientId);
+    void Tick(const CNxTimeValue& interval);
     template <class Condition>
     void EraseIf(Condition condition);
     void Erase(std::uint64_t clientId);
@@ -61,9 +97,9 @@ private:
     Stats& m_stats;
     std::function<void()> m_onStopped;  // empty once called
 
-    Acceptor m_acceptor;
+    examples::Acceptor m_acceptor;
     // A batch may come back when its client is gone: it is known by a number that is never reused.
-    std::unordered_map<std::uint64_t, std::unique_ptr<Client>> m_clients;
+    std::unordered_map<std::uint64_t, Connection> m_connections;
     std::uint64_t m_lastClientId = 0;
     std::int64_t m_seconds;
     std::int64_t m_stopAt = 0;  // 0 before Stop

@@ -3,76 +3,78 @@
 // The network thread has the sockets, the store's thread has the keys; batches of commands and
 // replies travel between them as events. The main thread only waits for the end.
 #include <common/CallEvent.h>
-#include <common/Descriptors.h>
-#include <common/StopSignals.h>
+#include <common/CommandLine.h>
+#include <common/Program.h>
 #include <common/Trace.h>
 #include <kv_server/Options.h>
 #include <kv_server/Server.h>
-#include <kv_server/StoreService.h>
 #include <nx/nx.h>
 
-#include <csignal>
 #include <cstdio>
 #include <string>
 
 namespace {
 
 using namespace kv_server;
-using examples::CallOn;
+using examples::CommandLine;
 
-constexpr int c_statusFailed = 1;
-constexpr int c_statusBadOptions = 2;
+constexpr const char* c_usage =
+    "usage: kv_server [options]\n"
+    "\n"
+    "An in-memory key-value server that speaks RESP2.\n"
+    "\n"
+    "  --bind ADDR               IPv4 or IPv6 address to listen on (127.0.0.1)\n"
+    "  --port P                  port to listen on; 0 takes a free one (6379)\n"
+    "  --idle-timeout SECONDS    hang up on a client that was silent this long; 0 for\n"
+    "                            never (300)\n"
+    "  --max-clients N           clients at the same time; more are told so and hung up\n"
+    "                            on (10000)\n"
+    "  --reactor NAME            epoll, select (at most 1024 descriptors) or rtsig (epoll)\n"
+    "  --shared-trace FILE       trace to this file, too; other processes may do the same\n"
+    "  --help                    print this\n"
+    "\n"
+    "The section Server of conf/kv_server.cfg, beside the folder of this program, may hold\n"
+    "the same options, without the dashes; the command line wins. Its section Trace says "
+    "what\n"
+    "is traced to logs/; SIGHUP has it read again.\n"
+    "\n"
+    "Commands: PING ECHO SET (EX PX NX XX) GET DEL EXISTS INCR DECR EXPIRE TTL KEYS DBSIZE\n"
+    "FLUSHALL INFO COMMAND CONFIG-GET QUIT.\n"
+    "\n"
+    "SIGINT and SIGTERM end it when every command that has arrived is answered, after\n"
+    "five seconds at most. Exit status: 0 then, 1 when it cannot serve, 2 for bad "
+    "options.\n";
+
 // For the library, the standard streams, and clients that are being refused.
 constexpr rlim_t c_otherDescriptors = 128;
 
-int Fail(const std::string& what, int status = c_statusFailed) {
+int Fail(const std::string& what, int status = examples::c_statusFailed) {
     examples::Trace(examples::c_traceError, what.c_str());
-    std::fprintf(stderr, "kv_server: %s\n", what.c_str());
-    return status;
+    return examples::Fail(what, status);
 }
 
-void ReadTraceSwitches() {
-    refresh_trace_config();
-    examples::Trace(examples::c_traceInfo, "trace switches read again");
-}
-
-// From listening to the end that a signal brings.
-int Serve(const Options& options, CNxThread& network, CNxThread& store) {
-    INxReactor& reactor = *network.GetReactor();
-    INxEventQueue& storeQueue = *store.GetEventQueue();
-    Stats stats;
-    StoreService service(*store.GetTimerQueue(), stats);
-    Server server(options, reactor, storeQueue, service, stats,
-                  [] { CNxSignalStop::Instance()->Launch(SIGTERM); });
-    examples::StopSignals signals;
-    std::string error;
-    std::string address;
-    CallOn(reactor, [&] {
-        error = server.Open();
-        address = server.GetAddressText();
-        if (error.empty() && !signals.Open(
-                                 reactor, [&server] { server.Stop(); }, ReadTraceSwitches)) {
-            error = "cannot take signals";
+CommandLine Describe(Options& options) {
+    CommandLine line{};
+    line.usage = c_usage;
+    line.texts = {
+        {"--bind", &options.bind},
+        {"--reactor", &options.reactor},
+        {"--shared-trace", &options.sharedTrace},
+    };
+    line.numbers = {
+        {"--port", &options.port, 0, 65535},
+        {"--idle-timeout", &options.idleTimeout, 0, 31536000},
+        {"--max-clients", &options.maxClients, 1, 1000000},
+    };
+    line.check = [&options] {
+        const std::string& reactor = options.reactor;
+        std::string error = examples::CheckAddress("bind", options.bind);
+        if (error.empty() && reactor != "epoll" && reactor != "select" && reactor != "rtsig") {
+            error = "reactor takes epoll, select or rtsig, not '" + reactor + "'";
         }
-    });
-    if (error.empty()) {
-        std::printf("kv_server: listening on %s\n", address.c_str());
-        examples::Trace(examples::c_traceInfo, "listening on ", address.c_str(), ", reactor ",
-                        options.reactor.c_str());
-        std::fflush(stdout);
-        CNxThreadManager::Instance()->GetThread(NX_THREAD_MAIN)->OnThreadRun();
-    }
-    CallOn(reactor, [&] {
-        signals.Close();
-        server.Close();
-    });
-    CallOn(storeQueue, [&] { service.Close(); });
-    // Before the objects go: what is left in the queues refers to them.
-    CNxThreadManager::Instance()->StopAllThreads(nullptr);
-    CNxThreadManager::Instance()->JoinAllThreads();
-    examples::Trace(examples::c_traceInfo, "stopped; clients accepted ", stats.accepted.load(),
-                    ", refused ", stats.refused.load());
-    return error.empty() ? 0 : Fail(error);
+        return error;
+    };
+    return line;
 }
 
 // The caller owns it.
@@ -84,40 +86,66 @@ INxReactor* MakeReactor(const std::string& name) {
                            : CNxThreadManager::CreateNetworkReactor();
 }
 
-int RunThreads(const Options& options) {
-    CNxThreadManager* const threads = CNxThreadManager::Instance();
-    CNxThread* network = nullptr;
-    CNxThread* store = nullptr;
-    if (threads->CreateNetworkThread(NX_THREAD_NETWORK, MakeReactor(options.reactor), network) !=
-            NX_OK ||
-        threads->CreateUserTaskThread(store, CNxThreadManager::FLAG_JOINABLE, 1) != NX_OK) {
-        return Fail("cannot start its threads");
+void ReadTraceSwitches() {
+    refresh_trace_config();
+    examples::Trace(examples::c_traceInfo, "trace switches read again");
+}
+
+std::string Listen(Server& server, const Options& options) {
+    const std::string error = server.Open();
+    if (error.empty()) {
+        const std::string address = server.GetAddressText();
+        std::printf("kv_server: listening on %s\n", address.c_str());
+        examples::Trace(examples::c_traceInfo, "listening on ", address.c_str(), ", reactor ",
+                        options.reactor.c_str());
+        std::fflush(stdout);
     }
-    return Serve(options, *network, *store);
+    return error;
+}
+
+// From listening to the end that a signal brings.
+int Serve(const Options& options, examples::Program& program, CNxThread& store) {
+    INxEventQueue& storeQueue = *store.GetEventQueue();
+    Stats stats;
+    StoreService service(*store.GetTimerQueue(), stats);
+    Server server(options, program.GetReactor(), storeQueue, service, stats,
+                  [] { CNxSignalStop::Instance()->Launch(SIGTERM); });
+    examples::NetworkWork work;
+    work.open = [&] { return Listen(server, options); };
+    work.close = [&] {
+        server.Close();
+        examples::CallOn(storeQueue, [&service] { service.Close(); });
+    };
+    work.onStop = [&server] { server.Stop(); };
+    work.onHangUp = ReadTraceSwitches;
+    const std::string error = program.Run(work);
+    examples::Trace(examples::c_traceInfo, "stopped; clients accepted ", stats.accepted.load(),
+                    ", refused ", stats.refused.load());
+    return error.empty() ? 0 : Fail(error);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    examples::Program program({SIGINT, SIGTERM, SIGHUP});
     Options options;
-    std::string error = ParseOptions(argc, argv, options);
-    if (error.empty() && options.help) {
-        std::fputs(GetUsage().c_str(), stdout);
+    CommandLine line = Describe(options);
+    std::string error = line.Parse(argc, argv);
+    if (line.help) {
+        std::fputs(line.usage, stdout);
         return 0;
     }
-    CNxThreadManager* const threads = CNxThreadManager::Instance();
-    // Before there is another thread, for it inherits this.
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        threads->DisableSignal(signal);
-    }
-    if (error.empty() && threads->InitMainThread(argc, argv) != NX_OK) {
+    if (error.empty() && !program.Init(argc, argv)) {
         return Fail("cannot start");
     }
-    options = Options();
-    error = error.empty() ? ReadConfiguration(options) : error;
-    error = error.empty() ? ParseOptions(argc, argv, options) : error;
+    if (error.empty()) {
+        // Now that the configuration file is known: it comes first, and the arguments win.
+        options = Options();
+        error = line.ReadSection("Server");
+        error = error.empty() ? line.Parse(argc, argv) : error;
+    }
     if (!error.empty()) {
-        return Fail(error + "\nTry 'kv_server --help'.", c_statusBadOptions);
+        return Fail(examples::WithHint(error), examples::c_statusBadOptions);
     }
     if (!options.sharedTrace.empty()) {
         examples::ShareTrace(options.sharedTrace);
@@ -126,5 +154,11 @@ int main(int argc, char** argv) {
         return Fail("the limit of open files (ulimit -n) is too low for max-clients " +
                     std::to_string(options.maxClients));
     }
-    return RunThreads(options);
+    CNxThread* store = nullptr;
+    if (!program.StartNetwork(MakeReactor(options.reactor)) ||
+        CNxThreadManager::Instance()->CreateUserTaskThread(store, CNxThreadManager::FLAG_JOINABLE,
+                                                           1) != NX_OK) {
+        return Fail("cannot start its threads");
+    }
+    return Serve(options, program, *store);
 }

@@ -1,4 +1,6 @@
 #include <reliable_sender/Datagrams.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <charconv>
 #include <system_error>
@@ -42,6 +44,21 @@ bool ReadRequest(std::string_view datagram, unsigned int& number) {
 
 bool ReadAnswer(std::string_view datagram, unsigned int& number) {
     return Read(datagram, c_answer, "\r\n", number);
+}
+
+long ReceiveFrom(const CNxSocketUdp& socket, INxReactor& reactor, CNxInetAddr& from) {
+    socklen_t length = CNxInetAddr::GetInetAddrSize();
+    const ssize_t size = recvfrom(socket.GetHandle(), reactor.GetBufferPtr(),
+                                  reactor.GetBufferSize(), 0, from.GetPtr(), &length);
+    if (size != -1) {
+        from.base_set(from.GetType(), static_cast<int>(length));
+    }
+    return size;
+}
+
+void SendTo(const CNxSocketUdp& socket, const char* data, std::size_t size, const CNxInetAddr& to) {
+    const iovec piece{const_cast<char*>(data), size};
+    static_cast<void>(socket.SendVTo(&piece, 1, to));
 }
 
 }  // namespace reliable_sender

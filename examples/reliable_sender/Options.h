@@ -23,14 +23,6 @@ struct Options {
     std::uint64_t listen = 0;
     // Per cent of the requests that the peer leaves unanswered.
     std::uint64_t lose = 0;
-    bool help = false;
 };
-
-// Reads "--name value" and "--name=value"; the last of several wins. Answers what is wrong, in one
-// line for people, or "" when `options` can be used. With --help nothing else is demanded.
-std::string ParseOptions(int argc, const char* const* argv, Options& options);
-
-// The text of --help.
-std::string GetUsage();
 
 }  // namespace reliable_sender

@@ -1,7 +1,5 @@
 #include <reliable_sender/Datagrams.h>
 #include <reliable_sender/Peer.h>
-#include <sys/socket.h>
-#include <sys/uio.h>
 
 #include <string>
 #include <string_view>
@@ -9,8 +7,9 @@
 namespace reliable_sender {
 
 bool Peer::Open(const CNxInetAddr& address) {
-    m_family = address.GetType();
-    return m_socket.Open(address) == 0 && m_reactor.RegisterHandler(this, NX_MASK_READ) == NX_OK;
+    m_address = address;
+    return m_socket.Open(address) == 0 && m_socket.GetLocalAddr(m_address) == 0 &&
+           m_reactor.RegisterHandler(this, NX_MASK_READ) == NX_OK;
 }
 
 void Peer::Close() {
@@ -20,14 +19,8 @@ void Peer::Close() {
     }
 }
 
-CNxInetAddr Peer::GetAddress() const {
-    CNxInetAddr address(m_family);
-    m_socket.GetLocalAddr(address);
-    return address;
-}
-
 int Peer::OnInput(int /*fd*/) {
-    CNxInetAddr sender(m_family);
+    CNxInetAddr sender(m_address.GetType());
     long size = 0;
     while ((size = ReceiveFrom(m_socket, m_reactor, sender)) != -1) {
         const std::string_view datagram(m_reactor.GetBufferPtr(), static_cast<std::size_t>(size));
@@ -46,21 +39,6 @@ void Peer::Answer(unsigned int number, const CNxInetAddr& sender) {
         const std::string answer = MakeAnswer(number);
         SendTo(m_socket, answer.data(), answer.size(), sender);
     }
-}
-
-long ReceiveFrom(const CNxSocketUdp& socket, INxReactor& reactor, CNxInetAddr& from) {
-    socklen_t length = CNxInetAddr::GetInetAddrSize();
-    const ssize_t size = recvfrom(socket.GetHandle(), reactor.GetBufferPtr(),
-                                  reactor.GetBufferSize(), 0, from.GetPtr(), &length);
-    if (size != -1) {
-        from.base_set(from.GetType(), static_cast<int>(length));
-    }
-    return size;
-}
-
-void SendTo(const CNxSocketUdp& socket, const char* data, std::size_t size, const CNxInetAddr& to) {
-    const iovec piece{const_cast<char*>(data), size};
-    socket.SendVTo(&piece, 1, to);
 }
 
 }  // namespace reliable_sender

@@ -19,11 +19,11 @@ public:
     Peer& operator=(const Peer&) = delete;
 
     // Listens on the address, whose port may be 0. False when it cannot.
-    bool Open(const CNxInetAddr& address);
+    [[nodiscard]] bool Open(const CNxInetAddr& address);
     void Close();
 
-    // What it listens on.
-    CNxInetAddr GetAddress() const;
+    // What it listens on, once open.
+    const CNxInetAddr& GetAddress() const { return m_address; }
 
     // Once closed, any thread.
     std::uint64_t GetReceived() const { return m_received; }
@@ -38,17 +38,10 @@ private:
     INxReactor& m_reactor;
     const std::uint64_t m_lose;
     CNxSocketUdp m_socket;
-    int m_family = 0;
+    CNxInetAddr m_address;
     std::mt19937 m_random{std::random_device()()};
     std::uint64_t m_received = 0;
     std::uint64_t m_answered = 0;
 };
-
-// Takes the next datagram out of the socket into the reactor's buffer. Answers its bytes, or -1
-// when there is none; `from` has the type of the socket and becomes the sender.
-long ReceiveFrom(const CNxSocketUdp& socket, INxReactor& reactor, CNxInetAddr& from);
-
-// A datagram that the system does not take is lost, like others on the way.
-void SendTo(const CNxSocketUdp& socket, const char* data, std::size_t size, const CNxInetAddr& to);
 
 }  // namespace reliable_sender

@@ -1,10 +1,12 @@
 #include <common/Clock.h>
+#include <common/Program.h>
 #include <nx/thread/CNxThreadManager.h>
 #include <reliable_sender/Datagrams.h>
 #include <reliable_sender/Peer.h>
 #include <reliable_sender/Sender.h>
 
 #include <algorithm>
+#include <cassert>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -27,7 +29,8 @@ CNxTimeValue FromMs(std::uint64_t ms) {
 
 Sender::Request::Request(Sender& owner, unsigned int number)
     : m_owner(owner), m_number(number), m_postedAt(examples::NowNs()) {
-    static_cast<void>(m_givenUp.Schedule(this, c_queueTakes, 0, NX_THREAD_NETWORK));
+    examples::Require(m_givenUp.Schedule(this, c_queueTakes, 0, NX_THREAD_NETWORK),
+                      "time a request");
 }
 
 Sender::Sender(const Options& options, INxReactor& reactor, std::function<void()> onEnd)
@@ -45,14 +48,15 @@ bool Sender::Open() {
     }
     // Here, because it takes the timers of the thread that makes it.
     m_queue = std::make_unique<CNxSimpleMessageQueue>();
-    m_queue->Init(this);
-    if (m_options.timeout != 0) {
-        static_cast<void>(
-            m_deadline.Schedule(this, FromMs(m_options.timeout * 1000), 1, NX_THREAD_NETWORK));
+    if (m_queue->Init(this) != NX_OK) {
+        return false;
     }
-    const NxResult paced =
-        m_pace.Schedule(this, FromMs(m_options.interval), m_options.requests, NX_THREAD_NETWORK);
-    return paced == NX_OK;
+    if (m_options.timeout != 0 && m_deadline.Schedule(this, FromMs(m_options.timeout * 1000), 1,
+                                                      NX_THREAD_NETWORK) != NX_OK) {
+        return false;
+    }
+    return m_pace.Schedule(this, FromMs(m_options.interval), m_options.requests,
+                           NX_THREAD_NETWORK) == NX_OK;
 }
 
 void Sender::Close() {
@@ -83,7 +87,8 @@ void Sender::PostNext() {
 
 void Sender::Post(unsigned int number) {
     const std::string datagram = MakeRequest(number, m_options.size);
-    m_queue->PostRequest(number, datagram.data(), datagram.size(), nullptr);
+    examples::Require(m_queue->PostRequest(number, datagram.data(), datagram.size(), nullptr),
+                      "post a request");
 }
 
 // The queue's lock is held: sends, and nothing else.
@@ -115,6 +120,7 @@ void Sender::TakeAnswer(unsigned int number) {
     m_progress.longestNs = std::max(m_progress.longestNs, took);
     m_queue->RcvResponse(number);
     m_open.erase(found);
+    assert(m_progress.answered + m_open.size() < m_progress.posted);
     if (++m_progress.answered == m_options.requests) {
         m_onEnd();
     }

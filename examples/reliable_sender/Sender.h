@@ -40,7 +40,7 @@ public:
     Sender& operator=(const Sender&) = delete;
 
     // False when there is no socket to be had or no timer.
-    bool Open();
+    [[nodiscard]] bool Open();
 
     // Ends the run where it stands. To be called once, also after `onEnd` and a failed Open.
     void Close();

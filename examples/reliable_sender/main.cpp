@@ -2,81 +2,102 @@
 //
 // The main thread only waits. The socket and what answers the timers are the network thread's.
 #include <common/AddressText.h>
-#include <common/CallEvent.h>
-#include <common/StopSignals.h>
-#include <nx/reactor/INxReactor.h>
-#include <nx/thread/CNxThread.h>
+#include <common/CommandLine.h>
+#include <common/Program.h>
 #include <nx/thread/CNxThreadManager.h>
 #include <reliable_sender/Options.h>
 #include <reliable_sender/Peer.h>
 #include <reliable_sender/Sender.h>
 
-#include <csignal>
 #include <cstdio>
-#include <functional>
+#include <string>
 
 namespace {
 
 using namespace examples;
 using namespace reliable_sender;
 
-constexpr int c_statusFailed = 1;
-constexpr int c_statusBadOptions = 2;
-constexpr int c_statusSignal = 128;
+constexpr const char* c_usage =
+    "usage: reliable_sender --port P [options]\n"
+    "       reliable_sender --listen P [options]\n"
+    "\n"
+    "Sends requests over UDP, each again every 2 seconds until the peer has answered it.\n"
+    "With --listen it is the peer.\n"
+    "\n"
+    "  --host ADDR        IPv4 or IPv6 address of the peer (127.0.0.1)\n"
+    "  --port P           its port\n"
+    "  --requests N       requests to send (10)\n"
+    "  --interval MS      a new one every so many milliseconds (100)\n"
+    "  --size B           bytes that each carries (32)\n"
+    "  --timeout SECONDS  give up what is unanswered then (never)\n"
+    "  --listen P         answer requests on this port until a signal comes\n"
+    "  --lose PERCENT     as if so many of them had been lost on the way (0)\n"
+    "  --help             print this\n"
+    "\n"
+    "A request is a datagram \"REQ number bytes\", its answer \"ACK number\"; so netcat "
+    "can\n"
+    "be the peer as well. Exit status: 0 when every request was answered, 1 when not, 2 "
+    "for\n"
+    "bad options, 130 and 143 when ended by SIGINT and SIGTERM.\n";
 
-int Fail(const char* what) {
-    std::fprintf(stderr, "reliable_sender: %s\n", what);
-    return c_statusFailed;
-}
-
-void StopMain() {
-    CNxThreadManager::Instance()->GetThread(NX_THREAD_MAIN)->Stop(nullptr);
-}
-
-// Runs the main loop until it is stopped, by a signal or otherwise. `open` and `close` are called
-// on the network thread. Answers the signal, 0 for none, -1 when `open` failed.
-int RunBetween(INxReactor& network, const std::function<bool()>& open,
-               const std::function<void()>& close) {
-    StopSignals signals;
-    bool opened = false;
-    CallOn(network, [&] { opened = signals.Open(network, StopMain) && open(); });
-    if (opened) {
-        CNxThreadManager::Instance()->GetThread(NX_THREAD_MAIN)->OnThreadRun();
-    }
-    CallOn(network, [&] {
-        close();
-        signals.Close();
-    });
-    return opened ? signals.GetSignal() : -1;
-}
-
-int RunPeer(const Options& options, INxReactor& network) {
-    Peer peer(network, options.lose);
-    const CNxInetAddr address(options.host.c_str(), static_cast<unsigned short>(options.listen));
-    const auto open = [&] {
-        const bool opened = peer.Open(address);
-        if (opened) {
-            std::printf("listening on %s\n", ToText(peer.GetAddress()).c_str());
-            std::fflush(stdout);
-        }
-        return opened;
+CommandLine Describe(Options& options) {
+    // What a precise timer can wait for, and what fits a datagram.
+    constexpr std::uint64_t c_maxTimeout = 7000;
+    constexpr std::uint64_t c_maxSize = 60000;
+    CommandLine line{};
+    line.usage = c_usage;
+    line.texts = {{"--host", &options.host}};
+    line.numbers = {
+        {"--port", &options.port, 1, 65535},
+        {"--requests", &options.requests, 1, 10000},
+        {"--interval", &options.interval, 1, 60000},
+        {"--size", &options.size, 0, c_maxSize},
+        {"--timeout", &options.timeout, 1, c_maxTimeout},
+        {"--listen", &options.listen, 1, 65535},
+        {"--lose", &options.lose, 0, 100},
     };
-    const int signal = RunBetween(network, open, [&peer] { peer.Close(); });
-    if (signal == -1) {
-        return Fail("cannot listen there");
+    line.check = [&options]() -> std::string {
+        if ((options.port == 0) == (options.listen == 0)) {
+            return "one of --port and --listen is needed";
+        }
+        return CheckAddress("--host", options.host);
+    };
+    return line;
+}
+
+int RunPeer(const Options& options, Program& program) {
+    Peer peer(program.GetReactor(), options.lose);
+    const CNxInetAddr address(options.host.c_str(), static_cast<unsigned short>(options.listen));
+    NetworkWork work;
+    work.open = [&]() -> std::string {
+        if (!peer.Open(address)) {
+            return "cannot listen there";
+        }
+        std::printf("listening on %s\n", ToText(peer.GetAddress()).c_str());
+        std::fflush(stdout);
+        return {};
+    };
+    work.close = [&peer] { peer.Close(); };
+    const std::string error = program.Run(work);
+    if (!error.empty()) {
+        return Fail(error);
     }
     std::printf("%llu requests, %llu answered\n",
                 static_cast<unsigned long long>(peer.GetReceived()),
                 static_cast<unsigned long long>(peer.GetAnswered()));
-    return c_statusSignal + signal;
+    return c_statusSignal + program.GetSignal();
 }
 
-int RunSender(const Options& options, INxReactor& network) {
-    Sender sender(options, network, StopMain);
-    const int signal = RunBetween(
-        network, [&sender] { return sender.Open(); }, [&sender] { sender.Close(); });
-    if (signal == -1) {
-        return Fail("cannot open a socket or start a timer");
+int RunSender(const Options& options, Program& program) {
+    Sender sender(options, program.GetReactor(), StopMain);
+    NetworkWork work;
+    work.open = [&sender]() -> std::string {
+        return sender.Open() ? "" : "cannot open a socket or start a timer";
+    };
+    work.close = [&sender] { sender.Close(); };
+    const std::string error = program.Run(work);
+    if (!error.empty()) {
+        return Fail(error);
     }
     const Progress& progress = sender.GetProgress();
     std::printf("requests   %u of %llu answered, the slowest after %lld ms\n", progress.answered,
@@ -88,40 +109,20 @@ int RunSender(const Options& options, INxReactor& network) {
     if (progress.answered == options.requests) {
         return 0;
     }
-    return signal != 0 ? c_statusSignal + signal : c_statusFailed;
-}
-
-int RunOnNetworkThread(const Options& options) {
-    CNxThreadManager* const threads = CNxThreadManager::Instance();
-    // Before there is another thread, for it inherits this.
-    threads->DisableSignal(SIGINT);
-    threads->DisableSignal(SIGTERM);
-    CNxThread* network = nullptr;
-    if (threads->InitMainThread(0, nullptr) != NX_OK ||
-        threads->CreateNetworkThread(NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(),
-                                     network) != NX_OK) {
-        return Fail("cannot start the network thread");
-    }
-    INxReactor& reactor = *network->GetReactor();
-    const int status =
-        options.listen != 0 ? RunPeer(options, reactor) : RunSender(options, reactor);
-    threads->StopAllThreads(nullptr);
-    threads->JoinAllThreads();
-    return status;
+    return program.GetSignal() != 0 ? c_statusSignal + program.GetSignal() : c_statusFailed;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     Options options;
-    const std::string error = ParseOptions(argc, argv, options);
-    if (!error.empty()) {
-        std::fprintf(stderr, "reliable_sender: %s\nTry 'reliable_sender --help'.\n", error.c_str());
-        return c_statusBadOptions;
+    if (const auto status = Describe(options).Read(argc, argv)) {
+        return *status;
     }
-    if (options.help) {
-        std::fputs(GetUsage().c_str(), stdout);
-        return 0;
+    Program program;
+    if (!program.Init(argc, argv) ||
+        !program.StartNetwork(CNxThreadManager::CreateNetworkReactor())) {
+        return Fail("cannot start the network thread");
     }
-    return RunOnNetworkThread(options);
+    return options.listen != 0 ? RunPeer(options, program) : RunSender(options, program);
 }

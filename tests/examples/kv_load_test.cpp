@@ -3,7 +3,6 @@
 #include <kv_load/Pipeline.h>
 #include <kv_load/Workload.h>
 #include <kv_server/CommandRunner.h>
-#include <kv_server/RequestReader.h>
 #include <nx/net/CNxInetAddr.h>
 #include <nx/net/CNxSocket.h>
 #include <sys/socket.h>

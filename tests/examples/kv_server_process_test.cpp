@@ -1,6 +1,5 @@
 // The whole kv_server over real sockets.
 #include <gtest/gtest.h>
-#include <kv_server/Limits.h>
 #include <sys/resource.h>
 #include <tests/support/ServerProcess.h>
 #include <tests/support/TempFolder.h>
@@ -11,8 +10,6 @@
 #include <vector>
 
 namespace {
-
-using kv_server::c_maxWaiting;
 
 // On each reactor.
 class KvServer : public testing::TestWithParam<const char*> {

@@ -1,9 +1,6 @@
 // The pieces of kv_server without a network.
 #include <gtest/gtest.h>
 #include <kv_server/CommandRunner.h>
-#include <kv_server/KvStore.h>
-#include <kv_server/Limits.h>
-#include <kv_server/RequestReader.h>
 #include <tests/examples/TakeText.h>
 
 #include <algorithm>

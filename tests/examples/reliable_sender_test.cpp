@@ -19,7 +19,7 @@ using namespace reliable_sender;
 
 // A socket that the test reads and writes itself.
 struct BareSocket {
-    BareSocket() { m_socket.Open(CNxInetAddr("127.0.0.1", 0)); }
+    BareSocket() { EXPECT_EQ(0, m_socket.Open(CNxInetAddr("127.0.0.1", 0))); }
     std::string Receive() {
         char buffer[1000];
         socklen_t length = CNxInetAddr::GetInetAddrSize();
@@ -45,7 +45,7 @@ TEST(ReliableSender, SendsAgainWhatWasLostUntilEverythingIsAnswered) {
     BareSocket peer;
     BareSocket stranger;
     CNxInetAddr address;
-    peer.m_socket.GetLocalAddr(address);
+    ASSERT_EQ(0, peer.m_socket.GetLocalAddr(address));
     Options options;
     options.port = address.GetPort();
     options.requests = c_requests;
@@ -69,7 +69,7 @@ TEST(ReliableSender, SendsAgainWhatWasLostUntilEverythingIsAnswered) {
     end.get_future().wait();
     CallOn(reactor, [&sender] { sender.Close(); });
     network->Stop(nullptr);
-    network->Join();
+    EXPECT_EQ(NX_OK, network->Join());
     network->Destory(0);
     EXPECT_EQ(sender.GetProgress().answered, c_requests);
     EXPECT_EQ(sender.GetProgress().posted, c_requests);

@@ -1,11 +1,12 @@
-#include <kv_server/BlockChain.h>
+#include <common/BlockChain.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cassert>
 #include <new>
 #include <utility>
 
-namespace kv_server {
+namespace examples {
 
 namespace {
 
@@ -23,16 +24,23 @@ ChainPtr MakeBlock(std::size_t capacity) {
     return block;
 }
 
+void Fill(CNxMessageBlock& block, std::string_view bytes) {
+    const NxResult result = block.Write(bytes.data(), bytes.size());
+    assert(result == NX_OK);
+    static_cast<void>(result);
+}
+
 void BlockChain::Write(std::string_view bytes) {
     m_size += bytes.size();
     if (m_tail != nullptr) {
         unsigned long written = 0;
-        m_tail->Write(bytes.data(), bytes.size(), &written);
+        // A part of them is as good as all.
+        static_cast<void>(m_tail->Write(bytes.data(), bytes.size(), &written));
         bytes.remove_prefix(written);
     }
     if (!bytes.empty()) {
         ChainPtr block = MakeBlock(std::max(bytes.size(), c_blockSize));
-        block->Write(bytes.data(), bytes.size());
+        Fill(*block, bytes);
         Link(std::move(block));
     }
 }
@@ -40,12 +48,13 @@ void BlockChain::Write(std::string_view bytes) {
 void BlockChain::Share(CNxDataBlock* data) {
     ChainPtr block(new CNxMessageBlock(data, CNxMessageBlock::DUPLICATED));
     // All of it counts as written, so no later Write finds space in it.
-    block->Write(nullptr, data->GetSize());
+    Fill(*block, {nullptr, data->GetSize()});
     m_size += data->GetSize();
     Link(std::move(block));
 }
 
 void BlockChain::Link(ChainPtr block) {
+    assert(block != nullptr && (m_head == nullptr) == (m_tail == nullptr));
     CNxMessageBlock* const added = block.release();
     if (m_tail != nullptr) {
         m_tail->SetNext(added);
@@ -74,13 +83,16 @@ long BlockChain::SendTo(int socket) {
     if (sent <= 0) {
         return sent;
     }
+    assert(static_cast<std::size_t>(sent) <= m_size);
     m_size -= static_cast<std::size_t>(sent);
-    m_head->AdvanceChainedReadPtr(static_cast<unsigned long>(sent));
+    // Fails for more than there is only.
+    static_cast<void>(m_head->AdvanceChainedReadPtr(static_cast<unsigned long>(sent)));
     m_head.reset(m_head.release()->ReclaimGarbage());
     if (m_head == nullptr) {
         m_tail = nullptr;
     }
+    assert((m_head == nullptr) == (m_size == 0));
     return sent;
 }
 
-}  // namespace kv_server
+}  // namespace examples

@@ -1,4 +1,4 @@
-// The listening socket.
+// A listening socket that keeps accepting, also when the process runs out of descriptors.
 #pragma once
 
 #include <nx/net/CNxInetAddr.h>
@@ -8,7 +8,7 @@
 #include <functional>
 #include <string>
 
-namespace kv_server {
+namespace examples {
 
 // Accepts clients on a reactor. Made on any thread; the rest belongs to the reactor's. Destroyed
 // closed.
@@ -25,12 +25,12 @@ public:
     Acceptor(const Acceptor&) = delete;
     Acceptor& operator=(const Acceptor&) = delete;
 
-    // Answers what is wrong, or "".
-    std::string Open(const CNxInetAddr& address);
+    // Returns what is wrong, or "".
+    [[nodiscard]] std::string Open(const CNxInetAddr& address);
     void Close();
 
-    // Where it listens; the port is that of the system when 0 was asked for.
-    CNxInetAddr GetAddress() const;
+    // Where it listens, once open; the port is that of the system when 0 was asked for.
+    const CNxInetAddr& GetAddress() const { return m_address; }
 
     int GetHandle() const override { return m_socket.GetHandle(); }
     int OnInput(int fd) override;
@@ -41,13 +41,15 @@ private:
     void OnTimeout(const CNxTimeValue& curTime, void* token) override;
     EResult AcceptOne();
     EResult HangUpOnOne();
+    void TryAgain(const CNxTimeValue& wait);
     void OpenSpare();
 
     INxReactor& m_reactor;
     const std::function<void(int)> m_onAccepted;
     const std::function<void()> m_onRefused;
     CNxSocketTcp m_socket;
+    CNxInetAddr m_address;
     CNxSocketBase m_spare;
 };
 
-}  // namespace kv_server
+}  // namespace examples

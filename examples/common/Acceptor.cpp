@@ -1,13 +1,15 @@
+#include <common/Acceptor.h>
 #include <common/AddressText.h>
+#include <common/Program.h>
 #include <fcntl.h>
-#include <kv_server/Acceptor.h>
 #include <sys/socket.h>
 
+#include <cassert>
 #include <cerrno>
 #include <system_error>
 #include <utility>
 
-namespace kv_server {
+namespace examples {
 
 namespace {
 
@@ -22,10 +24,9 @@ Acceptor::Acceptor(INxReactor& reactor, std::function<void(int)> onAccepted,
 
 std::string Acceptor::Open(const CNxInetAddr& address) {
     if (m_socket.Open(1, address) != 0 || m_socket.Enable(CNxIPCBase::NON_BLOCK) != 0 ||
-        listen(m_socket.GetHandle(), SOMAXCONN) != 0 ||
+        listen(m_socket.GetHandle(), SOMAXCONN) != 0 || m_socket.GetLocalAddr(m_address) != 0 ||
         m_reactor.RegisterHandler(this, NX_MASK_ACCEPT) != NX_OK) {
-        return "cannot listen on " + examples::ToText(address) + ": " +
-               std::system_category().message(errno);
+        return "cannot listen on " + ToText(address) + ": " + std::system_category().message(errno);
     }
     OpenSpare();
     return {};
@@ -40,12 +41,6 @@ void Acceptor::Close() {
     }
 }
 
-CNxInetAddr Acceptor::GetAddress() const {
-    CNxInetAddr address;
-    m_socket.GetLocalAddr(address);
-    return address;
-}
-
 int Acceptor::OnInput(int /*fd*/) {
     for (int i = 0; i < c_acceptsAtOnce; ++i) {
         const EResult result = AcceptOne();
@@ -53,13 +48,17 @@ int Acceptor::OnInput(int /*fd*/) {
             return 0;
         }
         if (result == EResult::AGAIN_LATER) {
-            m_reactor.ScheduleTimer(this, nullptr, CNxTimeValue(0, c_retryUsec), 1);
+            TryAgain(CNxTimeValue(0, c_retryUsec));
             return 0;
         }
     }
     // The clients have their turn first.
-    m_reactor.ScheduleTimer(this, nullptr, CNxTimeValue::s_tvZero(), 1);
+    TryAgain(CNxTimeValue::s_tvZero());
     return 0;
+}
+
+void Acceptor::TryAgain(const CNxTimeValue& wait) {
+    Require(m_reactor.ScheduleTimer(this, nullptr, wait, 1), "time the next accept");
 }
 
 void Acceptor::OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) {
@@ -104,7 +103,8 @@ Acceptor::EResult Acceptor::HangUpOnOne() {
 }
 
 void Acceptor::OpenSpare() {
+    assert(m_spare.GetHandle() == -1);
     m_spare.SetHandle(open("/dev/null", O_RDONLY | O_CLOEXEC));
 }
 
-}  // namespace kv_server
+}  // namespace examples

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string_view>
 
-namespace kv_server {
+namespace examples {
 
 struct DestroyChain {
     void operator()(CNxMessageBlock* head) const { head->DestroyChained(); }
@@ -16,6 +16,9 @@ using ChainPtr = std::unique_ptr<CNxMessageBlock, DestroyChain>;
 
 // A new block with room for at least `capacity` bytes. Throws std::bad_alloc.
 ChainPtr MakeBlock(std::size_t capacity);
+
+// Writes the bytes into the block, which has room for them.
+void Fill(CNxMessageBlock& block, std::string_view bytes);
 
 // Owns its blocks. Belongs to one thread at a time. What writes throws std::bad_alloc.
 class BlockChain {
@@ -27,7 +30,7 @@ public:
     std::size_t GetSize() const { return m_size; }
     bool IsEmpty() const { return m_size == 0; }
 
-    // Copies the bytes behind what is there.
+    // Copies the bytes after what is there.
     void Write(std::string_view bytes);
 
     // Appends the whole of the data block without copying it; takes a reference of its own.
@@ -36,8 +39,9 @@ public:
     // Takes over the blocks of the other, which is empty afterwards.
     void Append(BlockChain&& other) noexcept;
 
-    // One sendmsg(2) of as much as it takes, without SIGPIPE; drops what was sent. Its result.
-    long SendTo(int socket);
+    // One sendmsg(2) of as much as it takes, without SIGPIPE; drops what was sent. Returns its
+    // result: the bytes sent, or -1 with errno.
+    [[nodiscard]] long SendTo(int socket);
 
 private:
     void Link(ChainPtr block);
@@ -47,4 +51,4 @@ private:
     std::size_t m_size = 0;
 };
 
-}  // namespace kv_server
+}  // namespace examples

@@ -1,7 +1,7 @@
-#include <kv_server/Limits.h>
-#include <kv_server/RequestParser.h>
+#include <kv_server/Request.h>
 
 #include <algorithm>
+#include <cassert>
 #include <charconv>
 #include <utility>
 
@@ -12,17 +12,20 @@ namespace {
 // Longer than any number that can be meant.
 constexpr std::size_t c_maxHeader = 32;
 
-// A whole number in decimal and nothing else.
-bool ToNumber(std::string_view text, long& out) {
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), out);
-    return error == std::errc() && end == text.data() + text.size();
-}
-
 bool IsBlank(char c) {
     return c == ' ' || c == '\t';
 }
 
+std::string_view GetBytes(const CNxMessageBlock& block) {
+    return {block.GetReadPtr(), block.GetLength()};
+}
+
 }  // namespace
+
+bool ToNumber(std::string_view text, long& out) {
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), out);
+    return error == std::errc() && end == text.data() + text.size();
+}
 
 std::size_t RequestParser::Parse(std::string_view input, CommandList& out) {
     std::size_t consumed = 0;
@@ -40,6 +43,7 @@ std::size_t RequestParser::Parse(std::string_view input, CommandList& out) {
                 out.ends.push_back(out.arguments.size());
             }
             consumed += m_position;
+            assert(consumed <= input.size());
             m_arguments.clear();
             m_state = EState::BEGIN;
             m_position = m_scanned = m_needed = 0;
@@ -126,13 +130,14 @@ RequestParser::EStep RequestParser::ReadBulk(std::string_view command) {
     if (command.substr(m_needed - 2, 2) != "\r\n") {
         return Fail("expected CRLF after bulk string");
     }
+    assert(m_argumentsLeft > 0 && m_arguments.size() < c_maxArguments);
     AddArgument(m_position, m_bulkSize);
     m_position = m_scanned = m_needed;
     m_state = EState::BULK_SIZE;
     return --m_argumentsLeft == 0 ? EStep::COMPLETE : EStep::ON;
 }
 
-// The line at the current position, without its end, CR LF or a bare LF; the position goes behind
+// The line at the current position, without its end, CR LF or a bare LF; the position goes after
 // it. False when it has not ended within `maxSize` bytes.
 bool RequestParser::TakeLine(std::string_view command, std::size_t maxSize,
                              std::string_view& line) {
@@ -187,6 +192,59 @@ bool RequestParser::AddArgument(std::size_t offset, std::size_t size) {
 RequestParser::EStep RequestParser::Fail(std::string error) {
     m_error = "Protocol error: " + std::move(error);
     return EStep::ON;
+}
+
+void RequestReader::Take(std::string_view received, Batch& batch) {
+    if (!m_parser.GetError().empty()) {
+        return;
+    }
+    assert(!batch.HasCommands());
+    batch.Clear();
+    // Mostly nothing is left over from before, and the shared buffer is parsed where it stands.
+    if (m_partial != nullptr) {
+        Keep(received);
+    }
+    const std::string_view input = m_partial != nullptr ? GetBytes(*m_partial) : received;
+    const std::size_t consumed = m_parser.Parse(input, batch.commands);
+    batch.error = m_parser.GetError();
+    const std::string_view rest = batch.error.empty() ? input.substr(consumed) : "";
+    if (consumed == 0) {
+        if (m_partial == nullptr && !rest.empty()) {
+            Keep(rest);
+        }
+        return;
+    }
+    examples::ChainPtr bytes = std::move(m_partial);
+    if (bytes == nullptr) {
+        bytes = examples::MakeBlock(consumed);
+        examples::Fill(*bytes, received.substr(0, consumed));
+    }
+    if (!rest.empty()) {
+        Keep(rest);
+    }
+    batch.bytes = std::move(bytes);
+}
+
+void RequestReader::Keep(std::string_view bytes) {
+    const std::size_t kept = m_partial != nullptr ? m_partial->GetLength() : 0;
+    if (m_partial == nullptr || m_partial->GetSpace() < bytes.size()) {
+        Grow(kept + bytes.size());
+    }
+    examples::Fill(*m_partial, bytes);
+}
+
+// Doubling keeps the copying linear; the size of the command, once known, ends the growth.
+void RequestReader::Grow(std::size_t size) {
+    const std::size_t needed = m_parser.GetNeeded();
+    std::size_t capacity = 2 * size;
+    if (needed >= size && needed < capacity) {
+        capacity = needed;
+    }
+    examples::ChainPtr grown = examples::MakeBlock(capacity);
+    if (m_partial != nullptr) {
+        examples::Fill(*grown, GetBytes(*m_partial));
+    }
+    m_partial = std::move(grown);
 }
 
 }  // namespace kv_server

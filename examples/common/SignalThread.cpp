@@ -1,0 +1,47 @@
+#include <common/CallEvent.h>
+#include <common/SignalThread.h>
+
+#include <cassert>
+#include <system_error>
+#include <utility>
+
+namespace examples {
+
+SignalThread::SignalThread(std::initializer_list<int> signals) : m_anySignal(*signals.begin()) {
+    sigemptyset(&m_signals);
+    for (const int signo : signals) {
+        sigaddset(&m_signals, signo);
+    }
+    // Can fail for a wrong first argument only.
+    pthread_sigmask(SIG_BLOCK, &m_signals, nullptr);
+}
+
+bool SignalThread::Open(INxEventQueue& queue, std::function<void(int)> onSignal) {
+    assert(!m_thread.joinable() && !m_isClosing);
+    m_onSignal = std::move(onSignal);
+    try {
+        m_thread = std::thread([this, &queue] { Run(queue); });
+    } catch (const std::system_error&) {
+        return false;
+    }
+    return true;
+}
+
+void SignalThread::Close() {
+    if (m_thread.joinable()) {
+        m_isClosing = true;
+        pthread_kill(m_thread.native_handle(), m_anySignal);
+        m_thread.join();
+    }
+}
+
+void SignalThread::Run(INxEventQueue& queue) {
+    int signo = 0;
+    while (sigwait(&m_signals, &signo) == 0 && !m_isClosing) {
+        assert(sigismember(&m_signals, signo) == 1);
+        // A queue that refuses has ended its loop: there is nobody left to be told.
+        CallLater(queue, [this, signo] { m_onSignal(signo); });
+    }
+}
+
+}  // namespace examples
