@@ -17,6 +17,8 @@ namespace {
 // Enough for one send; beyond it a deep pipeline is asked in several.
 constexpr std::ptrdiff_t c_outputAim = 65536;
 
+constexpr std::int64_t c_quietNs = examples::c_nsPerSecond / 10;
+
 std::size_t GetOutputCapacity(const Workload& workload, std::size_t pipeline) {
     const std::size_t request = workload.GetMaxRequestSize();
     return std::min(pipeline * request, static_cast<std::size_t>(c_outputAim) + request);
@@ -104,6 +106,8 @@ void Connection::CheckTimeouts(std::int64_t now) {
         FailConnect("no answer within " + ToSeconds(m_setup.connectTimeoutNs));
     } else if (m_state == EState::RUNNING && waited > m_setup.stallTimeoutNs) {
         FailLost("stalled, no sign of life for " + ToSeconds(m_setup.stallTimeoutNs));
+    } else if (m_state == EState::RUNNING && waited > c_quietNs) {
+        OnInput(GetHandle());
     }
 }
 
@@ -150,7 +154,7 @@ bool Connection::Receive() {
             return false;
         }
         // A short read has emptied the socket, and what comes next is an edge of its own. Only the
-        // end of the stream may have come already: sending brings that out, else reading on does.
+        // end of the stream may have come already: CheckTimeouts looks for it.
         if (count < size && CanAsk()) {
             return true;
         }

@@ -73,7 +73,8 @@ public:
     // Tells nobody.
     void Close();
 
-    // Fails the connection if it has waited too long for the server.
+    // Fails the connection if it has waited too long for the server, or if that has hung up
+    // together with its last bytes. To be called a few times a second.
     void CheckTimeouts(std::int64_t now);
 
     std::uint64_t GetNumber() const { return m_number; }

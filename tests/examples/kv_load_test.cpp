@@ -122,13 +122,14 @@ TEST_F(PipelineTest, EveryWrongByteIsFound) {
     }
 }
 
-// The whole program against a server that sends `reply` to its one client, then nothing.
+// The whole program against a server that sends `reply` to its one client, in one segment with the
+// end of the stream if it hangs up, then nothing.
 struct Outcome {
     int status = 0;
     std::string messages;
 };
 
-Outcome RunAgainst(const std::string& reply) {
+Outcome RunAgainst(const std::string& reply, bool hangUp = false) {
     CNxSocketTcp listener;
     CNxInetAddr address;
     EXPECT_EQ(0, listener.Open(0, CNxInetAddr("127.0.0.1", 0)));
@@ -137,7 +138,11 @@ Outcome RunAgainst(const std::string& reply) {
     std::thread server([&] {
         CNxSocketBase client;
         client.SetHandle(accept(listener.GetHandle(), nullptr, nullptr));
-        send(client.GetHandle(), reply.data(), reply.size(), MSG_NOSIGNAL);
+        const int more = hangUp ? MSG_MORE : 0;
+        send(client.GetHandle(), reply.data(), reply.size(), MSG_NOSIGNAL | more);
+        if (hangUp) {
+            shutdown(client.GetHandle(), SHUT_WR);
+        }
         char byte = 0;
         while (recv(client.GetHandle(), &byte, 1, 0) > 0) {
         }
@@ -150,7 +155,7 @@ Outcome RunAgainst(const std::string& reply) {
     return outcome;
 }
 
-TEST(KvLoad, AWrongReplyAndASilentServerAreFailures) {
+TEST(KvLoad, AWrongReplyASilentServerAndOneThatHangsUpAreFailures) {
     const Outcome wrong = RunAgainst("-ERR no\r\n");
     EXPECT_EQ(1, wrong.status);
     EXPECT_NE(std::string::npos, wrong.messages.find("came \"-ERR no")) << wrong.messages;
@@ -158,6 +163,8 @@ TEST(KvLoad, AWrongReplyAndASilentServerAreFailures) {
     EXPECT_EQ(1, silent.status);
     EXPECT_NE(std::string::npos, silent.messages.find("the server owes 16 replies"))
         << silent.messages;
+    const Outcome gone = RunAgainst("+OK\r\n", true);
+    EXPECT_NE(std::string::npos, gone.messages.find("closed by the server")) << gone.messages;
 }
 
 }  // namespace
