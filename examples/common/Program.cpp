@@ -67,7 +67,7 @@ std::string Program::Run(const NetworkWork& work) {
         threads->GetThread(NX_THREAD_MAIN)->OnThreadRun();
     }
     m_signals.Close();
-    // Comes after the last signal. Not done only when the thread is gone, and the work with it.
+    // Comes after the last signal. Refused only by a thread that has ended and calls nobody.
     CallOn(reactor, work.close);
     // Before the work's objects go: what is left in the queues refers to them.
     Require(threads->StopAllThreads(nullptr), "stop its threads");

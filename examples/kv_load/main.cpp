@@ -62,7 +62,7 @@ CommandLine Describe(Options& options) {
         if (options.port == 0) {
             return "--port is missing";
         }
-        const std::string error = CheckAddress("--host", options.host);
+        std::string error = CheckAddress("--host", options.host);
         if (error.empty() && options.keys < options.connections) {
             return "--keys must be at least --connections, for each connection has keys of its own";
         }

@@ -92,7 +92,7 @@ void ReadTraceSwitches() {
 }
 
 std::string Listen(Server& server, const Options& options) {
-    const std::string error = server.Open();
+    std::string error = server.Open();
     if (error.empty()) {
         const std::string address = server.GetAddressText();
         std::printf("kv_server: listening on %s\n", address.c_str());
