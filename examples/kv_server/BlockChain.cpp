@@ -27,12 +27,13 @@ void BlockChain::Write(std::string_view bytes) {
     m_size += bytes.size();
     if (m_tail != nullptr) {
         unsigned long written = 0;
-        m_tail->Write(bytes.data(), bytes.size(), &written);
+        // What does not fit goes into a block of its own.
+        static_cast<void>(m_tail->Write(bytes.data(), bytes.size(), &written));
         bytes.remove_prefix(written);
     }
     if (!bytes.empty()) {
         ChainPtr block = MakeBlock(std::max(bytes.size(), c_blockSize));
-        block->Write(bytes.data(), bytes.size());
+        static_cast<void>(block->Write(bytes.data(), bytes.size()));  // made to fit
         Link(std::move(block));
     }
 }
@@ -40,7 +41,7 @@ void BlockChain::Write(std::string_view bytes) {
 void BlockChain::Share(CNxDataBlock* data) {
     ChainPtr block(new CNxMessageBlock(data, CNxMessageBlock::DUPLICATED));
     // All of it counts as written, so no later Write finds space in it.
-    block->Write(nullptr, data->GetSize());
+    static_cast<void>(block->Write(nullptr, data->GetSize()));
     m_size += data->GetSize();
     Link(std::move(block));
 }
@@ -75,7 +76,8 @@ long BlockChain::SendTo(int socket) {
         return sent;
     }
     m_size -= static_cast<std::size_t>(sent);
-    m_head->AdvanceChainedReadPtr(static_cast<unsigned long>(sent));
+    // The chain has at least what was sent of it.
+    static_cast<void>(m_head->AdvanceChainedReadPtr(static_cast<unsigned long>(sent)));
     m_head.reset(m_head.release()->ReclaimGarbage());
     if (m_head == nullptr) {
         m_tail = nullptr;

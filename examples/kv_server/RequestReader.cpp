@@ -36,7 +36,7 @@ void RequestReader::Take(std::string_view received, Batch& batch) {
     ChainPtr bytes = std::move(m_partial);
     if (bytes == nullptr) {
         bytes = MakeBlock(consumed);
-        bytes->Write(received.data(), consumed);
+        static_cast<void>(bytes->Write(received.data(), consumed));  // made to fit
     }
     if (!rest.empty()) {
         Keep(rest);
@@ -49,7 +49,7 @@ void RequestReader::Keep(std::string_view bytes) {
     if (m_partial == nullptr || m_partial->GetSpace() < bytes.size()) {
         Grow(kept + bytes.size());
     }
-    m_partial->Write(bytes.data(), bytes.size());
+    static_cast<void>(m_partial->Write(bytes.data(), bytes.size()));  // grown to fit
 }
 
 // Doubling keeps the copying linear; the size of the command, once known, ends the growth.
@@ -62,7 +62,7 @@ void RequestReader::Grow(std::size_t size) {
     ChainPtr grown = MakeBlock(capacity);
     if (m_partial != nullptr) {
         const std::string_view kept = GetBytes(*m_partial);
-        grown->Write(kept.data(), kept.size());
+        static_cast<void>(grown->Write(kept.data(), kept.size()));  // made to fit
     }
     m_partial = std::move(grown);
 }
