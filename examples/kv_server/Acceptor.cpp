@@ -42,7 +42,8 @@ void Acceptor::Close() {
 
 CNxInetAddr Acceptor::GetAddress() const {
     CNxInetAddr address;
-    m_socket.GetLocalAddr(address);
+    // Without a socket: no address, port 0.
+    static_cast<void>(m_socket.GetLocalAddr(address));
     return address;
 }
 

@@ -22,7 +22,8 @@ void Peer::Close() {
 
 CNxInetAddr Peer::GetAddress() const {
     CNxInetAddr address(m_family);
-    m_socket.GetLocalAddr(address);
+    // Without a socket: no address, port 0.
+    static_cast<void>(m_socket.GetLocalAddr(address));
     return address;
 }
 
@@ -60,7 +61,8 @@ long ReceiveFrom(const CNxSocketUdp& socket, INxReactor& reactor, CNxInetAddr& f
 
 void SendTo(const CNxSocketUdp& socket, const char* data, std::size_t size, const CNxInetAddr& to) {
     const iovec piece{const_cast<char*>(data), size};
-    socket.SendVTo(&piece, 1, to);
+    // A datagram that is not sent is like one that is lost: it is sent again.
+    static_cast<void>(socket.SendVTo(&piece, 1, to));
 }
 
 }  // namespace reliable_sender

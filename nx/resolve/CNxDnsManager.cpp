@@ -1,6 +1,8 @@
 #include <nx/foundation/CNxAutoPtr.h>
 #include <nx/resolve/CNxDnsManager.h>
 
+#include <cassert>
+
 NxResult CNxDnsRecord::GetFirstIPAddr(CNxInetAddr& address) const {
     if (m_addresses.empty()) {
         return NX_ERROR_NOT_AVAILABLE;
@@ -37,6 +39,8 @@ NxResult CNxInetAddr::TryResolve() {
     if (!record || record->GetFirstIPAddr(*this) != NX_OK) {
         return NX_ERROR_NOT_AVAILABLE;
     }
-    SetPort(port);
+    // What was found may be of another family, which keeps the port all the same.
+    static_cast<void>(SetPort(port));
+    assert(IsResolved());
     return NX_OK;
 }

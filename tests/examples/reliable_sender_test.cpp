@@ -19,7 +19,7 @@ using namespace reliable_sender;
 
 // A socket that the test reads and writes itself.
 struct BareSocket {
-    BareSocket() { m_socket.Open(CNxInetAddr("127.0.0.1", 0)); }
+    BareSocket() { EXPECT_EQ(m_socket.Open(CNxInetAddr("127.0.0.1", 0)), 0); }
     std::string Receive() {
         char buffer[1000];
         socklen_t length = CNxInetAddr::GetInetAddrSize();
@@ -44,7 +44,7 @@ TEST(ReliableSender, SendsAgainWhatWasLostUntilEverythingIsAnswered) {
     BareSocket peer;
     BareSocket stranger;
     CNxInetAddr address;
-    peer.m_socket.GetLocalAddr(address);
+    ASSERT_EQ(peer.m_socket.GetLocalAddr(address), 0);
     Options options;
     options.port = address.GetPort();
     options.requests = c_requests;
