@@ -63,6 +63,7 @@ bool LookUp(const char* path, const char* section, const char* key, char* out, u
     const CFile file = OpenProfile(path);
     const bool isFound = read_init_file(file.get(), section, key, out, size - 1);
     out[size - 1] = '\0';
+    assert(isFound || out[0] == '\0');
     return isFound;
 }
 

@@ -25,12 +25,9 @@ NxResult CNxInetAddr::TryResolve() {
     if (m_hostName.empty()) {
         return NX_OK;
     }
-    CNxDnsManager* manager = CNxDnsManager::Instance();
-    if (manager == nullptr) {
-        return NX_ERROR_NOT_AVAILABLE;
-    }
     CNxDnsRecord* found = nullptr;
-    const NxResult result = manager->AsyncResolve(found, m_hostName, nullptr, 1, nullptr);
+    const NxResult result =
+        CNxDnsManager::Instance()->AsyncResolve(found, m_hostName, nullptr, 1, nullptr);
     const auto record = CNxAutoPtr<CNxDnsRecord>::Adopt(found);
     if (result != NX_OK) {
         return result;

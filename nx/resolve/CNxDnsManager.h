@@ -39,7 +39,7 @@ private:
 // Lives until the tear-down of the library. Any thread may call any operation.
 class CNxDnsManager {
 public:
-    // Made by the first call; null when the thread manager yields no mutex.
+    // Made by the first call; never null.
     static CNxDnsManager* Instance();
 
     CNxDnsManager(const CNxDnsManager&) = delete;

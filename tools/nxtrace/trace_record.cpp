@@ -35,6 +35,7 @@ bool ParseHead(std::string_view line, CHead& h) {
     const int count =
         std::sscanf(text, "[%2d/%2d/%4d %2d:%2d:%2d.%3d pid=%11ld tid=%11ld]%n", &h.month, &h.day,
                     &h.year, &h.hour, &h.minute, &h.second, &h.ms, &h.pid, &h.tid, &length);
+    assert(length >= 0 && static_cast<size_t>(length) <= MAX_HEAD);
     h.length = static_cast<size_t>(length);
     return count == 9 && length > 0 && IsCalendar(h);
 }
