@@ -2,6 +2,7 @@
 #include <nx/foundation/CNxString.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cstdint>
 #include <cstring>
 #include <new>
@@ -61,6 +62,7 @@ int CNxByteBuffer::ReadInt(Int* value) {
     }
     *value = static_cast<Int>(sum);
     m_readPosition += Width;
+    assert(m_readPosition <= m_end && m_end <= m_capacity);
     return 1;
 }
 
@@ -142,6 +144,7 @@ void CNxByteBuffer::WriteString(const CNxString& text) {
 }
 
 char* CNxByteBuffer::ReserveWriteBuffer(unsigned long n) {
+    assert(m_readPosition <= m_end && m_end <= m_capacity);
     if (n > m_capacity - m_end) {
         const unsigned long unread = GetUnreadLength();
         if (n > c_maxCapacity - unread) {
@@ -149,6 +152,7 @@ char* CNxByteBuffer::ReserveWriteBuffer(unsigned long n) {
         }
         Resize(unread + n);
     }
+    assert(n <= m_capacity - m_end);
     char* reserved = m_storage.get() + m_end;
     m_end += n;
     return reserved;
@@ -167,10 +171,12 @@ void CNxByteBuffer::Resize(unsigned long size) {
     }
     m_readPosition = 0;
     m_end = kept;
+    assert(m_end <= m_capacity);
     ++m_version;
 }
 
 int CNxByteBuffer::Consume(unsigned long n) {
+    assert(m_readPosition <= m_end);
     if (n > GetUnreadLength()) {
         return 0;
     }

@@ -47,17 +47,17 @@ public:
     CNxByteBuffer(const CNxByteBuffer&) = delete;
     CNxByteBuffer& operator=(const CNxByteBuffer&) = delete;
 
-    // All reads: 1; 0, with nothing read or stored, for a null destination or when fewer bytes
-    // than asked for are unread.
-    int ReadUInt8(unsigned char* value);
-    int ReadUInt16(unsigned short* value);
+    // All reads return 1, or 0, with nothing read or stored, for a null destination or when fewer
+    // bytes than asked for are unread.
+    [[nodiscard]] int ReadUInt8(unsigned char* value);
+    [[nodiscard]] int ReadUInt16(unsigned short* value);
     // Three bytes.
-    int ReadUInt24(unsigned int* value);
-    int ReadUInt32(unsigned int* value);
-    int ReadUInt64(unsigned long* value);
+    [[nodiscard]] int ReadUInt24(unsigned int* value);
+    [[nodiscard]] int ReadUInt32(unsigned int* value);
+    [[nodiscard]] int ReadUInt64(unsigned long* value);
     // Appends exactly `length` bytes to the string, whatever they are.
-    int ReadString(CNxString* text, unsigned long length);
-    int ReadBytes(char* bytes, unsigned long length);
+    [[nodiscard]] int ReadString(CNxString* text, unsigned long length);
+    [[nodiscard]] int ReadBytes(char* bytes, unsigned long length);
 
     void WriteUInt8(unsigned char value);
     void WriteUInt16(unsigned short value);
@@ -72,20 +72,20 @@ public:
 
     // Counts `n` bytes as written and returns where they lie, for the caller to fill before they
     // are read. The pointer is good until the next write, Resize or Clear.
-    char* ReserveWriteBuffer(unsigned long n);
+    [[nodiscard]] char* ReserveWriteBuffer(unsigned long n);
 
     // Moves the unread bytes to the front, into a larger storage when the capacity is below `size`
     // (see the class). Unread bytes beyond `size` are LOST; the capacity never shrinks.
     void Resize(unsigned long size);
 
-    // Skips bytes. 1; 0, with nothing skipped, when fewer are unread.
-    int Consume(unsigned long n);
+    // Skips bytes. Returns 1, or 0, with nothing skipped, when fewer are unread.
+    [[nodiscard]] int Consume(unsigned long n);
 
     ReadPosition GetReadPosition() const { return {m_readPosition, m_version}; }
 
-    // Reads again from there. 1; 0, with nothing changed, when the bytes have moved since: by a
-    // write that made room, Resize or Clear.
-    int SetReadPosition(const ReadPosition& position);
+    // Reads again from there. Returns 1, or 0, with nothing changed, when the bytes have moved
+    // since: by a write that made room, Resize or Clear.
+    [[nodiscard]] int SetReadPosition(const ReadPosition& position);
 
     // Empties the buffer and zeroes its whole storage.
     void Clear();
@@ -99,7 +99,7 @@ public:
 private:
     void Construct(const char* bytes, unsigned long length, ByteOrder order);
     template <unsigned Width, class Int>
-    int ReadInt(Int* value);
+    [[nodiscard]] int ReadInt(Int* value);
     template <unsigned Width, class Int>
     void WriteInt(Int value);
 

@@ -1,10 +1,11 @@
 #include <nx/buffer/CNxDataBlock.h>
 
+#include <cassert>
 #include <cstdint>
 #include <cstring>
 #include <new>
 
-// The payload starts right behind the header, so the header's size has to keep it aligned.
+// The payload starts right after the header, so the header's size has to keep it aligned.
 static_assert(sizeof(CNxDataBlock) % alignof(std::max_align_t) == 0);
 static_assert(alignof(CNxDataBlock) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
 
@@ -31,6 +32,7 @@ NxResult CNxDataBlock::CreateInstance(CNxDataBlock*& out, unsigned long size, co
         std::memcpy(payload, data, size);
     }
     out = ::new (memory) CNxDataBlock(size, payload);
+    assert(reinterpret_cast<char*>(out) == memory && out->m_data == payload);
     out->AddReference();
     return NX_OK;
 }

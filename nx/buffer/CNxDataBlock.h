@@ -20,7 +20,8 @@ public:
     // or hands it on with CNxAutoPtr<CNxDataBlock>::Adopt.
     // NX_OK with the block in `out`. NX_ERROR_INVALID_ARG for size 0; NX_ERROR_FAILURE when there
     // is no memory, or the size is more than any object can have; `out` then stays as it was.
-    static NxResult CreateInstance(CNxDataBlock*& out, unsigned long size, const char* data);
+    [[nodiscard]] static NxResult CreateInstance(CNxDataBlock*& out, unsigned long size,
+                                                 const char* data);
 
     // A header over an existing area, which it does not own: the area must outlive the block. The
     // count starts at 0. To be made with `new`, since the last ReleaseReference() deletes it.

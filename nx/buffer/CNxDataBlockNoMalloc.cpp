@@ -1,6 +1,7 @@
 #include <nx/buffer/CNxDataBlockNoMalloc.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cstdint>
 #include <cstring>
 
@@ -46,6 +47,7 @@ NxResult CNxDataBlockNoMalloc::Write(const void* src, unsigned long count,
     if (m_writePtr == nullptr) {
         return NX_ERROR_NOT_INITIALIZED;
     }
+    assert(m_begin <= m_writePtr && m_writePtr <= m_end);
     const unsigned long n = std::min(count, static_cast<unsigned long>(m_end - m_writePtr));
     std::memcpy(m_writePtr, src, n);
     m_writePtr += n;

@@ -4,29 +4,29 @@
 #include <nx/foundation/NxResult.h>
 
 // BEWARE: Read DOES NOT STOP AT THE END OF THE MEMORY, nor at what has been written. As long as its
-// position is below the end it copies as many bytes as it is asked for, also those behind the end.
+// position is below the end it copies as many bytes as it is asked for, also those after the end.
 // The caller bounds `count`, or uses CNxMessageBlock over the same memory. Write stops.
 //
 // Both cursors start at the first byte. The memory is never freed and must outlive the object; a
 // copy has cursors of its own over the same memory. One thread at a time.
 class CNxDataBlockNoMalloc {
 public:
-    // `data` must be writable if Write is to be called. With null, reading and writing answer
-    // NX_ERROR_NOT_INITIALIZED.
+    // `size` in bytes. `data` must be writable if Write is to be called. With null, reading and
+    // writing return NX_ERROR_NOT_INITIALIZED.
     CNxDataBlockNoMalloc(const char* data, unsigned long size);
 
-    // Copies `count` bytes to `dst` and moves the read position behind them; see the warning above.
+    // Copies `count` bytes to `dst` and moves the read position past them; see the warning above.
     // The amount goes to `outRead`, which may be null and is left alone by the two refusals.
     // NX_OK; NX_ERROR_PARTIAL_DATA when the position is at the end (nothing is copied) or beyond it
     // by less than `count` (as many bytes are copied as it is beyond).
     // NX_ERROR_INVALID_ARG for a null `dst`, else NX_ERROR_NOT_INITIALIZED without memory.
-    NxResult Read(void* dst, unsigned long count, unsigned long* outRead);
+    [[nodiscard]] NxResult Read(void* dst, unsigned long count, unsigned long* outRead);
 
     // Copies as much of `src` as there is room for before the end. The amount goes to `outWritten`,
     // which may be null and is left alone by the two refusals.
     // NX_OK; NX_ERROR_PARTIAL_DATA when it was less than `count`. NX_ERROR_INVALID_ARG for a null
     // `src`, else NX_ERROR_NOT_INITIALIZED without memory.
-    NxResult Write(const void* src, unsigned long count, unsigned long* outWritten);
+    [[nodiscard]] NxResult Write(const void* src, unsigned long count, unsigned long* outWritten);
 
     const char* GetBegin() const { return m_begin; }
     const char* GetEnd() const { return m_end; }

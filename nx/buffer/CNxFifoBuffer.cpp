@@ -1,6 +1,7 @@
 #include <nx/buffer/CNxFifoBuffer.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cstdint>
 #include <cstring>
 #include <new>
@@ -14,10 +15,14 @@ std::unique_ptr<char[]> MakeStorage(unsigned long size) {
     return std::unique_ptr<char[]>(size > PTRDIFF_MAX ? nullptr : new (std::nothrow) char[size]);
 }
 
-int Answer(int result, unsigned long count, unsigned long* done) {
-    if (done != nullptr) {
-        *done = count;
+void Store(unsigned long value, unsigned long* out) {
+    if (out != nullptr) {
+        *out = value;
     }
+}
+
+int Report(CNxFifoBuffer::TransferResult result, unsigned long count, unsigned long* done) {
+    Store(count, done);
     return result;
 }
 
@@ -30,26 +35,38 @@ CNxFifoBuffer::CNxFifoBuffer(unsigned long capacity)
     }
 }
 
-// Index of the byte that lies `offset` bytes, at most the capacity, behind the first buffered one.
+bool CNxFifoBuffer::IsInOrder() const {
+    return m_buffered <= m_capacity && (m_readIndex < m_capacity || m_readIndex == 0);
+}
+
+// Index of the byte that lies `offset` bytes, at most the capacity, after the first buffered one.
 unsigned long CNxFifoBuffer::GetPlace(unsigned long offset) const {
+    assert(IsInOrder() && offset <= m_capacity);
     const unsigned long place = m_readIndex + offset;
     return place < m_capacity ? place : place - m_capacity;
 }
 
 void CNxFifoBuffer::CopyOut(char* to, unsigned long offset, unsigned long count) const {
+    assert(offset <= m_buffered && count <= m_buffered - offset);
     const unsigned long place = GetPlace(offset);
     const unsigned long run = std::min(count, m_capacity - place);
     std::memcpy(to, m_storage.get() + place, run);
     std::memcpy(to + run, m_storage.get(), count - run);
 }
 
+void CNxFifoBuffer::TakeOut(unsigned long count) {
+    assert(count <= m_buffered);
+    m_readIndex = GetPlace(count);
+    m_buffered -= count;
+}
+
 int CNxFifoBuffer::Read(void* to, unsigned long length, unsigned long* done, int* /*unused*/) {
     const Guard guard(m_mutex);
     unsigned long count = 0;
     const int result = ReadOffsetLocked(to, length, 0, &count);
-    m_readIndex = GetPlace(count);
-    m_buffered -= count;
-    return Answer(result, count, done);
+    TakeOut(count);
+    Store(count, done);
+    return result;
 }
 
 int CNxFifoBuffer::Write(const void* from, unsigned long length, unsigned long* done,
@@ -58,7 +75,9 @@ int CNxFifoBuffer::Write(const void* from, unsigned long length, unsigned long* 
     unsigned long count = 0;
     const int result = WriteOffsetLocked(from, length, 0, &count);
     m_buffered += count;
-    return Answer(result, count, done);
+    assert(IsInOrder());
+    Store(count, done);
+    return result;
 }
 
 int CNxFifoBuffer::ReadOffset(void* to, unsigned long length, unsigned long offset,
@@ -76,23 +95,23 @@ int CNxFifoBuffer::WriteOffset(const void* from, unsigned long length, unsigned 
 int CNxFifoBuffer::ReadOffsetLocked(void* to, unsigned long length, unsigned long offset,
                                     unsigned long* done) {
     if (offset >= m_buffered) {
-        return Answer(m_state == STATE_CLOSED ? TRANSFER_CLOSED : TRANSFER_BLOCKED, 0, done);
+        return Report(m_state == STATE_CLOSED ? TRANSFER_CLOSED : TRANSFER_BLOCKED, 0, done);
     }
     const unsigned long count = to == nullptr ? 0 : std::min(length, m_buffered - offset);
     if (count != 0) {
         CopyOut(static_cast<char*>(to), offset, count);
     }
-    return Answer(TRANSFER_DONE, count, done);
+    return Report(TRANSFER_DONE, count, done);
 }
 
 int CNxFifoBuffer::WriteOffsetLocked(const void* from, unsigned long length, unsigned long offset,
                                      unsigned long* done) {
     if (m_state == STATE_CLOSED) {
-        return Answer(TRANSFER_CLOSED, 0, done);
+        return Report(TRANSFER_CLOSED, 0, done);
     }
     const unsigned long room = m_capacity - m_buffered;
     if (offset >= room) {
-        return Answer(TRANSFER_BLOCKED, 0, done);
+        return Report(TRANSFER_BLOCKED, 0, done);
     }
     const unsigned long count = from == nullptr ? 0 : std::min(length, room - offset);
     if (count != 0) {
@@ -102,26 +121,24 @@ int CNxFifoBuffer::WriteOffsetLocked(const void* from, unsigned long length, uns
         std::memcpy(m_storage.get() + place, bytes, run);
         std::memcpy(m_storage.get(), bytes + run, count - run);
     }
-    return Answer(TRANSFER_DONE, count, done);
+    return Report(TRANSFER_DONE, count, done);
 }
 
 const void* CNxFifoBuffer::GetReadData(unsigned long* length) {
     const Guard guard(m_mutex);
-    Answer(0, std::min(m_buffered, m_capacity - m_readIndex), length);
+    Store(std::min(m_buffered, m_capacity - m_readIndex), length);
     return m_storage.get() + m_readIndex;
 }
 
 void CNxFifoBuffer::ConsumeReadData(unsigned long n) {
     const Guard guard(m_mutex);
-    const unsigned long count = std::min(n, m_buffered);
-    m_readIndex = GetPlace(count);
-    m_buffered -= count;
+    TakeOut(std::min(n, m_buffered));
 }
 
 void* CNxFifoBuffer::GetWriteBuffer(unsigned long* length) {
     const Guard guard(m_mutex);
     if (m_state == STATE_CLOSED) {
-        Answer(0, 0, length);
+        Store(0, length);
         return nullptr;
     }
     if (m_buffered == 0) {
@@ -129,7 +146,7 @@ void* CNxFifoBuffer::GetWriteBuffer(unsigned long* length) {
     }
     const unsigned long place = GetPlace(m_buffered);
     const bool wrapped = m_buffered != 0 && place <= m_readIndex;
-    Answer(0, (wrapped ? m_readIndex : m_capacity) - place, length);
+    Store((wrapped ? m_readIndex : m_capacity) - place, length);
     return m_storage.get() + place;
 }
 
@@ -140,12 +157,14 @@ void CNxFifoBuffer::ConsumeWriteBuffer(unsigned long n) {
 
 int CNxFifoBuffer::GetBuffered(unsigned long* count) const {
     const Guard guard(m_mutex);
-    return Answer(1, m_buffered, count);
+    Store(m_buffered, count);
+    return 1;
 }
 
 int CNxFifoBuffer::GetWriteRemaining(unsigned long* count) const {
     const Guard guard(m_mutex);
-    return Answer(1, m_capacity - m_buffered, count);
+    Store(m_capacity - m_buffered, count);
+    return 1;
 }
 
 int CNxFifoBuffer::SetCapacity(unsigned long size) {
@@ -166,6 +185,7 @@ int CNxFifoBuffer::SetCapacity(unsigned long size) {
     m_storage = std::move(storage);
     m_capacity = size;
     m_readIndex = 0;
+    assert(IsInOrder());
     return 1;
 }
 

@@ -1,5 +1,6 @@
 #include <nx/buffer/CNxIDAllocator.h>
 
+#include <cassert>
 #include <limits>
 
 NxResult CNxIDAllocator::Init(unsigned int min, unsigned int max) {
@@ -20,12 +21,15 @@ unsigned int CNxIDAllocator::AllocID() {
         return 0;
     }
     --m_available;
+    assert(m_available + 1 >= m_freed.size());
     if (!m_freed.empty()) {
         const unsigned int id = m_freed.back();
         m_freed.pop_back();
         return id;
     }
+    assert(!m_fresh.empty());
     Range& range = m_fresh.front();
+    assert(range.m_first <= range.m_last);
     const unsigned int id = range.m_first++;
     if (id == range.m_last) {
         m_fresh.pop_front();
@@ -40,6 +44,7 @@ int CNxIDAllocator::FreeID(unsigned int id) {
     }
     m_freed.push_back(id);
     ++m_available;
+    assert(m_available >= m_freed.size());
     return 1;
 }
 

@@ -18,17 +18,17 @@ public:
     CNxIDAllocator(const CNxIDAllocator&) = delete;
     CNxIDAllocator& operator=(const CNxIDAllocator&) = delete;
 
-    // Puts every identifier of [min, max] behind those that are free, also when another range was
-    // put there before; from now on FreeID takes identifiers of the new range only.
+    // Puts every identifier of [min, max] after those that are free. A second Init ADDS its range;
+    // from then on FreeID takes identifiers of the new range only.
     // NX_OK; NX_ERROR_FAILURE, with nothing changed, when min or max is 0, min is not below max, or
     // max is 4294967295.
-    NxResult Init(unsigned int min, unsigned int max);
+    [[nodiscard]] NxResult Init(unsigned int min, unsigned int max);
 
     // The next identifier, 0 when none is left.
-    unsigned int AllocID();
+    [[nodiscard]] unsigned int AllocID();
 
-    // 1, or 0 with nothing done for 0 and for what is outside the range of the last Init. Does not
-    // notice that an identifier is free already: it will then be handed out twice.
+    // DOES NOT NOTICE that an identifier is free already: it will then be handed out twice.
+    // Returns 1, or 0, with nothing done, for 0 and for what is outside the range of the last Init.
     int FreeID(unsigned int id);
 
     // How many AllocID calls would succeed.

@@ -44,6 +44,7 @@ CNxMessageBlock::CNxMessageBlock(unsigned long size, const char* data, unsigned 
     if (advanceWritePtr <= GetSpace()) {
         m_write += advanceWritePtr;
     }
+    assert(IsInOrder());
 }
 
 CNxMessageBlock::CNxMessageBlock(CNxDataBlock* dataBlock, unsigned long flags)
@@ -71,6 +72,7 @@ NxResult CNxMessageBlock::Read(void* dst, unsigned long count, unsigned long* ou
     char* to = static_cast<char*>(dst);
     unsigned long remaining = count;
     for (CNxMessageBlock* block = this; block != nullptr; block = block->m_next) {
+        assert(block->IsInOrder());
         const unsigned long n = std::min(remaining, block->GetLength());
         CopyBytes(to, block->m_read, n);
         if (advance != 0) {
@@ -88,6 +90,7 @@ NxResult CNxMessageBlock::Read(void* dst, unsigned long count, unsigned long* ou
 }
 
 NxResult CNxMessageBlock::Write(const void* src, unsigned long count, unsigned long* outWritten) {
+    assert(IsInOrder());
     const unsigned long n = std::min(count, GetSpace());
     CopyBytes(m_write, src, n);
     m_write += n;
@@ -126,6 +129,7 @@ NxResult CNxMessageBlock::AdvanceChainedWritePtr(unsigned long count, unsigned l
     unsigned long remaining = count;
     for (CNxMessageBlock* block = this; block != nullptr && block->m_read == block->m_begin;
          block = block->m_next) {
+        assert(block->IsInOrder());
         const unsigned long n = std::min(remaining, block->GetSpace());
         block->m_write += n;
         remaining -= n;
@@ -143,6 +147,7 @@ unsigned long CNxMessageBlock::FillIov(iovec* iov, unsigned long maxCount) const
     unsigned long filled = 0;
     for (const CNxMessageBlock* block = this; block != nullptr && filled < maxCount;
          block = block->m_next) {
+        assert(block->IsInOrder());
         if (block->GetLength() != 0) {
             iov[filled++] = iovec{block->m_read, block->GetLength()};
         }
@@ -168,7 +173,7 @@ CNxString CNxMessageBlock::FlattenChained() const {
 void CNxMessageBlock::RewindChained() {
     for (CNxMessageBlock* block = this; block != nullptr; block = block->m_next) {
         block->m_read = block->m_begin;
-        // The head's begin, also for the blocks behind it.
+        // The head's begin, also for the blocks after it.
         block->m_write = m_begin;
     }
 }
@@ -227,6 +232,7 @@ CNxMessageBlock* CNxMessageBlock::DuplicateTopLevel() const {
         copy->m_read = copy->m_begin + (m_read - m_begin);
         copy->m_write = copy->m_begin + (m_write - m_begin);
         copy->m_flags |= DUPLICATED;
+        assert(copy->GetCapacity() == GetCapacity());
     }
     return copy;
 }
@@ -267,6 +273,7 @@ bool CNxMessageBlock::MakeAllDuplicated(CNxMessageBlock*& head) {
     }
     for (CNxMessageBlock** link = &head; copies != nullptr; link = &(*link)->m_next) {
         CNxMessageBlock* block = *link;
+        assert(block != nullptr);
         if (!block->IsDuplicated()) {
             *link = copies;
             copies = copies->m_next;
@@ -282,6 +289,7 @@ CNxMessageBlock* CNxMessageBlock::Disjoint(unsigned long offset) {
     // Past the blocks that end before the cut; with nothing left to pass, past empty ones.
     while (last != nullptr &&
            (last->GetLength() < offset || (offset == 0 && last->GetLength() == 0))) {
+        assert(last->IsInOrder());
         offset -= last->GetLength();
         last = last->m_next;
     }
@@ -304,8 +312,10 @@ CNxMessageBlock* CNxMessageBlock::Disjoint(unsigned long offset) {
         half->m_next = tail;
         half->m_read += offset;
         last->m_write = last->m_read + offset;
+        assert(half->IsInOrder() && last->IsInOrder());
         tail = half;
     }
     last->m_next = nullptr;
+    assert(tail == nullptr || tail->IsDuplicated());
     return tail;
 }

@@ -71,20 +71,21 @@ public:
     // Frees nothing: what was linked before is the caller's.
     void SetNext(CNxMessageBlock* next) { m_next = next; }
 
-    // Links `tail` behind the last block. Nothing is copied, no ownership changes. Walks the whole
+    // Links `tail` after the last block. Nothing is copied, no ownership changes. Walks the whole
     // chain: who appends often keeps the last block and uses SetNext.
     void Append(CNxMessageBlock* tail);
 
     // Copies the next `count` bytes of the chain to `dst`, and consumes them unless `advance` is 0.
     // A null `dst` skips bytes, or with advance 0 measures. The amount goes to `outRead` (may be
     // null). NX_OK; NX_ERROR_PARTIAL_DATA when the chain had less, all of it now copied.
-    NxResult Read(void* dst, unsigned long count, unsigned long* outRead = nullptr,
-                  int advance = 1);
+    [[nodiscard]] NxResult Read(void* dst, unsigned long count, unsigned long* outRead = nullptr,
+                                int advance = 1);
 
     // Appends `count` bytes to THIS BLOCK ONLY, never to the next. A null `src` counts whatever is
     // in the space as written. The amount goes to `outWritten` (may be null). NX_OK;
     // NX_ERROR_PARTIAL_DATA when there was less space, which is now full.
-    NxResult Write(const void* src, unsigned long count, unsigned long* outWritten = nullptr);
+    [[nodiscard]] NxResult Write(const void* src, unsigned long count,
+                                 unsigned long* outWritten = nullptr);
 
     unsigned long GetChainedLength() const;
     unsigned long GetChainedSpace() const;
@@ -92,18 +93,20 @@ public:
     unsigned long GetChainedCapacity() const;
 
     // Read(nullptr, count, outAdvanced): skips bytes.
-    NxResult AdvanceChainedReadPtr(unsigned long count, unsigned long* outAdvanced = nullptr);
+    [[nodiscard]] NxResult AdvanceChainedReadPtr(unsigned long count,
+                                                 unsigned long* outAdvanced = nullptr);
 
     // Counts `count` bytes as written after the caller filled the storage directly, block by block:
     // a block is full before the next one gets any. The amount goes to `outAdvanced` (may be null).
     // NX_OK. NX_ERROR_PARTIAL_DATA for count 0, when something was already consumed from this block
     // (nothing is done), and when the chain ends, or goes on with a block something was consumed
     // from, before the count is used up: the blocks before are then full.
-    NxResult AdvanceChainedWritePtr(unsigned long count, unsigned long* outAdvanced = nullptr);
+    [[nodiscard]] NxResult AdvanceChainedWritePtr(unsigned long count,
+                                                  unsigned long* outAdvanced = nullptr);
 
     // Describes the unread bytes for writev(2): one entry for each block that has any, at most
     // `maxCount`. Returns the number of entries filled, 0 for a null `iov`. Nothing is consumed.
-    unsigned long FillIov(iovec* iov, unsigned long maxCount) const;
+    [[nodiscard]] unsigned long FillIov(iovec* iov, unsigned long maxCount) const;
 
     // The unread bytes in one string; nothing is consumed. Empty also when there is no memory for
     // it (GetChainedLength() tells the difference).
@@ -117,24 +120,24 @@ public:
 
     // Passes over the empty blocks at the front and returns the first block that holds something,
     // the new head, or null. Empty blocks with DUPLICATED are destroyed, possibly this one; the
-    // others are left to their owners, linked to what remains of the chain behind them.
-    CNxMessageBlock* ReclaimGarbage();
+    // others are left to their owners, linked to what remains of the chain after them.
+    [[nodiscard]] CNxMessageBlock* ReclaimGarbage();
 
     // Destroys every block of the chain, this one first. All must have DUPLICATED: a block without
     // it is an assertion failure in checking builds; otherwise the walk ends there, and that block
-    // and those behind it stay as they are.
+    // and those after it stay as they are.
     void DestroyChained();
 
     // A new block of the same view and flags, plus DUPLICATED, not linked to anything. Storage in a
     // data block is shared and nothing copied; memory of the caller (DONT_DELETE) is copied, the
     // whole capacity, into storage of the duplicate's own. Null when there is no memory.
-    CNxMessageBlock* DuplicateTopLevel() const;
+    [[nodiscard]] CNxMessageBlock* DuplicateTopLevel() const;
 
     // The same for every block, as a new chain. Null, and nothing left over, when there is no
     // memory.
-    CNxMessageBlock* DuplicateChained() const;
+    [[nodiscard]] CNxMessageBlock* DuplicateChained() const;
 
-    // Cuts the chain behind its first `offset` unread bytes and returns what follows: a chain in
+    // Cuts the chain after its first `offset` unread bytes and returns what follows: a chain in
     // which every block has DUPLICATED, to be ended with DestroyChained. Empty blocks in front of
     // the cut stay here, so does the block that ends at it. A block that the cut goes through is
     // duplicated and both keep their half; with offset 0 that leaves this side empty. Blocks of the
@@ -144,16 +147,17 @@ public:
     // the space of the front half is where the bytes of the tail are. Do not write into it.
     //
     // Null, with nothing changed, when there is nothing to detach: the chain has fewer than
-    // `offset` bytes, or its last block is the one that the cut is behind, or (offset 0) all are
+    // `offset` bytes, or its last block ends at the cut, or (offset 0) all are
     // empty. Null as well when there is no memory for the duplicates; the chain is then whole as
     // before.
-    CNxMessageBlock* Disjoint(unsigned long offset);
+    [[nodiscard]] CNxMessageBlock* Disjoint(unsigned long offset);
 
 private:
+    bool IsInOrder() const { return m_begin <= m_read && m_read <= m_write && m_write <= m_end; }
     bool IsDuplicated() const { return (m_flags & DUPLICATED) != 0; }
     void ViewStorage(char* begin, unsigned long size);
     CNxMessageBlock* MakeCopyOfStorage() const;
-    static bool MakeAllDuplicated(CNxMessageBlock*& head);
+    [[nodiscard]] static bool MakeAllDuplicated(CNxMessageBlock*& head);
 
     CNxMessageBlock* m_next = nullptr;
     CNxAutoPtr<CNxDataBlock> m_dataBlock;

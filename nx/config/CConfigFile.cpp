@@ -3,6 +3,7 @@
 #include <nx/foundation/CNxUtils.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -16,7 +17,7 @@ namespace {
 constexpr char WHITE_SPACE[] = " \t\r\n\v\f";
 // iniparser reads lines of 1022 bytes, and writes section names into a buffer of 1025.
 constexpr size_t MAX_LINE = 1000;
-// It pads the keys of a saved file to this width and puts " = " behind.
+// It pads the keys of a saved file to this width and puts " = " after it.
 constexpr size_t KEY_WIDTH = 30;
 constexpr size_t SEPARATOR = 3;
 
@@ -68,6 +69,7 @@ bool IsGoodValue(const CNxString& value) {
 // Whether the entry stays one in a saved file. There, the section ends at the first ':'.
 bool SurvivesSaving(const CNxString& name, const CNxString& value) {
     const size_t colon = name.find(':');
+    assert(colon != CNxString::npos);
     const CNxString section = name.substr(0, colon);
     const CNxString key = name.substr(colon + 1);
     return IsGoodSection(section) && IsGoodKey(key) && IsGoodValue(value) &&
@@ -85,29 +87,32 @@ bool AllSurviveSaving(const dictionary* ini) {
     return true;
 }
 
-// iniparser saves only the keys of sections that it knows by name.
-int EnsureSection(dictionary* ini, const CNxString& name) {
+// iniparser saves only the keys of sections that it knows by name. False without memory for it.
+bool EnsureSection(dictionary* ini, const CNxString& name) {
     const CNxString section = name.substr(0, name.find(':'));
     if (section.empty() || iniparser_find_entry(ini, section.c_str()) != 0) {
-        return 0;
+        return true;
     }
-    return iniparser_set(ini, section.c_str(), nullptr);
+    return iniparser_set(ini, section.c_str(), nullptr) == 0;
 }
 
 // Makes every section known by its name, and by no other: iniparser would write the names without
-// text or with a ':' in forms that it cannot read.
-void TidySections(dictionary* ini) {
+// text or with a ':' in forms that it cannot read. False when the memory ran out.
+bool TidySections(dictionary* ini) {
     for (ssize_t i = 0; i < ini->size; ++i) {
         const CNxString name(ini->key[i]);
         if (ini->key[i] == nullptr) {
             continue;
         }
-        EnsureSection(ini, name);
+        if (!EnsureSection(ini, name)) {
+            return false;
+        }
         const bool isSection = ini->val[i] == nullptr;
         if (isSection && (name.empty() || name.find(':') != CNxString::npos)) {
             dictionary_unset(ini, name.c_str());
         }
     }
+    return true;
 }
 
 // iniparser's own dump forgets the keys above the first section, or spoils their names.
@@ -121,7 +126,13 @@ void DumpKeysWithoutSection(const dictionary* ini, FILE* out) {
 
 using Entry = std::pair<CNxString, CNxString>;
 
-// Puts values into the quotes that the file needs. Answers the entries that it has changed, as they
+// Of an entry that is there; that cannot fail.
+void ChangeValue(dictionary* ini, const CNxString& name, const CNxString& value) {
+    assert(HasValue(ini, name));
+    static_cast<void>(iniparser_set(ini, name.c_str(), value.c_str()));
+}
+
+// Puts values into the quotes that the file needs. Returns the entries that it has changed, as they
 // were.
 std::vector<Entry> QuoteValues(dictionary* ini) {
     std::vector<Entry> original;
@@ -132,7 +143,7 @@ std::vector<Entry> QuoteValues(dictionary* ini) {
         const Entry entry(ini->key[i], ini->val[i]);
         const CNxString text = ToFileText(entry.second);
         if (text != entry.second) {
-            iniparser_set(ini, entry.first.c_str(), text.c_str());
+            ChangeValue(ini, entry.first, text);
             original.push_back(entry);
         }
     }
@@ -140,18 +151,20 @@ std::vector<Entry> QuoteValues(dictionary* ini) {
 }
 
 bool Dump(dictionary* ini, const CNxString& path) {
+    if (!TidySections(ini)) {
+        return false;
+    }
     FILE* const out = std::fopen(path.c_str(), "we");
     if (out == nullptr) {
         return false;
     }
-    TidySections(ini);
     const std::vector<Entry> original = QuoteValues(ini);
     DumpKeysWithoutSection(ini, out);
     if (iniparser_getnsec(ini) > 0) {
         iniparser_dump_ini(ini, out);
     }
     for (const Entry& entry : original) {
-        iniparser_set(ini, entry.first.c_str(), entry.second.c_str());
+        ChangeValue(ini, entry.first, entry.second);
     }
     const bool isWritten = std::ferror(out) == 0;
     return std::fclose(out) == 0 && isWritten;
@@ -208,7 +221,7 @@ int CConfigFile::SetIntParam(const CNxString& section, const CNxString& key, int
 int CConfigFile::SetStringParam(const CNxString& section, const CNxString& key,
                                 const CNxString& value) {
     const CNxString name = EntryName(section, key);
-    if (m_ini == nullptr || !SurvivesSaving(name, value) || EnsureSection(m_ini, name) != 0) {
+    if (m_ini == nullptr || !SurvivesSaving(name, value) || !EnsureSection(m_ini, name)) {
         return -1;
     }
     return iniparser_set(m_ini, name.c_str(), value.c_str());

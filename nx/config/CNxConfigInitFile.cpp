@@ -1,7 +1,6 @@
 #include <nx/config/CNxConfigInitFile.h>
 #include <nx/config/init_file.h>
 #include <nx/foundation/CNxUtils.h>
-#include <strings.h>
 
 #include <cstdlib>
 #include <utility>
@@ -53,6 +52,5 @@ CNxString CNxConfigInitFile::GetStringParam(const CNxString& section, const CNxS
 
 bool CNxConfigInitFile::GetBoolParam(const CNxString& section, const CNxString& key,
                                      int defaultValue) {
-    const CValue value(section, key);
-    return value.m_isSet ? strcasecmp(value.m_text, "TRUE") == 0 : defaultValue != 0;
+    return get_bool_param(section.c_str(), key.c_str(), defaultValue != 0 ? 1 : 0) != 0;
 }

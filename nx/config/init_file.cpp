@@ -3,6 +3,7 @@
 #include <nx/process/trace_setting.h>
 #include <strings.h>
 
+#include <cassert>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -57,10 +58,12 @@ char* EntryValue(char* line, const char* key) {
 
 // As read_init_file, but opens the file, and `out` is always terminated.
 bool LookUp(const char* path, const char* section, const char* key, char* out, unsigned long size) {
+    assert(out != nullptr && size > 0);
     out[0] = '\0';
     const CFile file = OpenProfile(path);
     const bool isFound = read_init_file(file.get(), section, key, out, size - 1);
     out[size - 1] = '\0';
+    assert(isFound || out[0] == '\0');
     return isFound;
 }
 
@@ -154,8 +157,7 @@ bool get_string_param(const char* section, const char* key, char* out, unsigned 
     if (out == nullptr || size == 0) {
         return false;
     }
-    LookUp(g_strConfigfile1, section, key, out, size);
-    const bool hasValue = out[0] != '\0';
+    const bool hasValue = LookUp(g_strConfigfile1, section, key, out, size) && out[0] != '\0';
     DropSemicolon(out);
     return hasValue;
 }

@@ -6,7 +6,7 @@
 // reported: without the file, the section or the key the caller gets the default.
 //
 // The syntax, line by line; white space is " \t\r\n":
-// - A line whose first visible character is '#' is a comment. Nothing else is: a ';' or '#' behind
+// - A line whose first visible character is '#' is a comment. Nothing else is: a ';' or '#' after
 //   a value belongs to the value.
 // - A line with '[' and ']' anywhere, "key=a[1]" too, is a section header. The name stands between
 //   the first '[' and the first ']', trimmed; it is empty when ']' comes first.
@@ -26,18 +26,19 @@
 // Looks `key` up from the stream's position on. True when found; `out` is then filled as by
 // strncpy(3): cut at `size`, zero-padded, and NOT terminated by a value of `size` bytes or more.
 // False otherwise, or for a null argument; `out` is then untouched.
-bool read_init_file(FILE* stream, const char* section, const char* key, char* out,
-                    unsigned long size);
+[[nodiscard]] bool read_init_file(FILE* stream, const char* section, const char* key, char* out,
+                                  unsigned long size);
 
 // Writes zeros over the white space at the end; returns the first character that is none.
 // Null for null.
-char* trim_string(char* s);
+[[nodiscard]] char* trim_string(char* s);
 
 // Whether the first visible character is '#'. False for null.
-bool is_comment_line(const char* s);
+[[nodiscard]] bool is_comment_line(const char* s);
 
 // From the file `path`. The default also for a value that is no number.
-int get_int_from_profile(const char* section, const char* key, int defaultValue, const char* path);
+[[nodiscard]] int get_int_from_profile(const char* section, const char* key, int defaultValue,
+                                       const char* path);
 
 // Puts the value, or else the default (null: the empty text), into `out`, cut at size - 1 bytes and
 // terminated. Returns its length; 0 for a null `out` or size 0.
@@ -48,14 +49,17 @@ unsigned long get_string_from_profile(const char* section, const char* key,
 // The following read the process's configuration file, and drop one ';' at the value's end.
 
 // Puts the value into `out`, cut at size - 1 bytes and terminated; the empty text when there is
-// none. Returns whether there was one before its ';' was dropped: for "key=;" true and "".
-bool get_string_param(const char* section, const char* key, char* out, unsigned long size);
+// none. Returns whether there was one before its ';' was dropped: for "key=;" true and "". False
+// for a null `out` or size 0.
+[[nodiscard]] bool get_string_param(const char* section, const char* key, char* out,
+                                    unsigned long size);
 
 // 0 for a value that is missing or no number. Of a value the first 256 bytes count.
-int get_int_param(const char* section, const char* key);
-std::uint16_t get_uint16_param(const char* section, const char* key);
-std::uint32_t get_uint32_param(const char* section, const char* key);
+[[nodiscard]] int get_int_param(const char* section, const char* key);
+[[nodiscard]] std::uint16_t get_uint16_param(const char* section, const char* key);
+[[nodiscard]] std::uint32_t get_uint32_param(const char* section, const char* key);
 
 // 1 for "TRUE" in any case, 0 for anything else ("yes" and "1" too); the default when the value is
 // missing or empty.
-unsigned char get_bool_param(const char* section, const char* key, unsigned char defaultValue);
+[[nodiscard]] unsigned char get_bool_param(const char* section, const char* key,
+                                           unsigned char defaultValue);

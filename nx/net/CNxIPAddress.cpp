@@ -4,6 +4,7 @@
 #include <netdb.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -16,7 +17,7 @@ constexpr size_t c_maxDottedLength = 15;
 constexpr int c_lookupFailed = -1;
 
 // Runs one of the re-entrant look-ups, `resolve(host, buffer, size, result, error)`, with a buffer
-// that is large enough. Calls `use` with the host found; answers 0 or h_errno.
+// that is large enough. Calls `use` with the host found; returns 0 or h_errno.
 template <class Resolve, class Use>
 int LookUp(Resolve resolve, Use use) {
     std::vector<char> buffer(1024);
@@ -54,6 +55,7 @@ bool IsDigit(char c) {
 
 // One to three digits to a byte. Zero is "0" alone: "00" is more likely an octal number.
 bool ParseOctet(const char* text, size_t length, unsigned char& octet) {
+    assert(length >= 1 && length <= 3);
     int value = 0;
     for (size_t i = 0; i < length; ++i) {
         value = value * 10 + (text[i] - '0');
@@ -139,6 +141,7 @@ bool CNxIPAddress::ParseDottedIPString(const char* text) {
         if (end - at > 3 || !std::all_of(at, end, IsDigit)) {
             return false;
         }
+        assert(pieces < sizeof m_octets);  // there are three dots
         const bool stored = ParseOctet(at, static_cast<size_t>(end - at), m_octets[pieces]);
         good = good && stored;
         ++pieces;

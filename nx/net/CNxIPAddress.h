@@ -28,20 +28,19 @@ public:
     // Copies the four bytes, the first of the text first; nothing for null.
     virtual void ToOctet(unsigned char* octets) const;
 
-    // Sets the bytes, and the host name when it takes a look-up; a host name of 64 or more
-    // characters is cut. Clears host name and resolver error first. 1; 0 when the text is neither
-    // dotted text nor a name with an IPv4 address, with the resolver error -1 if the look-up
-    // failed. Sets NEITHER validity NOR the dotted text. Without a look-up 0 for null and empty
-    // text.
-    virtual int ParseAddress(const char* text);
+    // Sets NEITHER validity NOR the dotted text, but the bytes, and the host name when it takes a
+    // look-up; a host name of 64 or more characters is cut. Clears host name and resolver error
+    // first. Returns 1; 0 when the text is neither dotted text nor a name with an IPv4 address,
+    // with the resolver error -1 if the look-up failed. Null and empty text are not looked up.
+    [[nodiscard]] virtual int ParseAddress(const char* text);
 
     // Makes the dotted text from the bytes.
     virtual void FormatOutput();
 
-    // Sets the bytes from "D.D.D.D", each D of one to three digits and at most 255; zero is written
-    // 0 alone, other numbers may begin with zeroes. True when all four could be set; else some of
-    // them may have been. Nothing else is set.
-    bool ParseDottedIPString(const char* text);
+    // Sets the bytes, and nothing else, from "D.D.D.D", each D of one to three digits and at most
+    // 255; zero is written 0 alone, other numbers may begin with zeroes. True when all four could
+    // be set; else some of them MAY HAVE BEEN.
+    [[nodiscard]] bool ParseDottedIPString(const char* text);
 
     // 1 or 0.
     int Valid() const { return m_valid; }
@@ -59,16 +58,16 @@ public:
     // object unchanged.
     const char* ResolveHostname(int& error);
 
-    // Looks the host up, as ResolveHostname, and answers 0 or its h_errno; HOST_NOT_FOUND when not
+    // Looks the host up, as ResolveHostname, and returns 0 or its h_errno; HOST_NOT_FOUND when not
     // valid.
-    int AddrToFriendly() const;
+    [[nodiscard]] int AddrToFriendly() const;
 
     // Always -1, nothing is written. No look-up is made, since nobody could learn its result.
     static int ResolveToHostname(const in_addr& address, char* name);
 
     // The first IPv4 address of a host. 0; -1, with `address` unchanged, for null and when there is
     // none.
-    static int ResolveToAddress(const char* name, in_addr& address);
+    [[nodiscard]] static int ResolveToAddress(const char* name, in_addr& address);
 
     // All 0 when not valid.
 

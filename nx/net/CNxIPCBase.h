@@ -1,8 +1,9 @@
 // A descriptor number and what is done with any descriptor: non-blocking mode and ioctl(2).
 #pragma once
 
-// Owns nothing: it neither opens nor closes. Copies name the same descriptor. Operations answer
-// like the system calls, -1 with errno.
+// OWNS NOTHING: it neither opens nor closes, and copies name the same descriptor. The classes that
+// own one are in nx/net/CNxSocket.h. Operations return -1 with errno when they fail, like the
+// system calls.
 class CNxIPCBase {
 public:
     // The only option of Enable and Disable.
@@ -16,11 +17,11 @@ public:
 
     // Switches non-blocking mode on or off. 0, or -1: errno of fcntl(2), or EINVAL, with the
     // descriptor untouched, for another option than NON_BLOCK.
-    int Enable(int option) const;
-    int Disable(int option) const;
+    [[nodiscard]] int Enable(int option) const;
+    [[nodiscard]] int Disable(int option) const;
 
     // ioctl(descriptor, command, argument) and its result.
-    int Control(int command, void* argument) const;
+    [[nodiscard]] int Control(int command, void* argument) const;
 
 private:
     int m_handle = -1;

@@ -1,16 +1,16 @@
 #include <arpa/inet.h>
+#include <nx/net/CNxInetAddr.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
-#include <nx/net/CNxInetAddr.h>
-
 namespace {
 
-constexpr size_t kHostBufferSize = 512;
+constexpr size_t c_hostBufferSize = 512;
 
 // One place in the storage serves the port of both families.
 static_assert(offsetof(sockaddr_in, sin_port) == offsetof(sockaddr_in6, sin6_port), "");
@@ -21,7 +21,9 @@ bool HasZeroByte(const CNxString& text) {
 
 CNxString ToText(int family, const void* bytes) {
     char text[INET6_ADDRSTRLEN];
-    return inet_ntop(family, bytes, text, sizeof text);
+    const char* const written = inet_ntop(family, bytes, text, sizeof text);
+    assert(written == text);
+    return written;
 }
 
 }  // namespace
@@ -55,18 +57,19 @@ CNxInetAddr::CNxInetAddr(const sockaddr_in6* address)
 }
 
 CNxInetAddr::CNxInetAddr(const char* host, unsigned short port) : CNxInetAddr() {
-    Set(host, port);
+    static_cast<void>(Set(host, port));  // IsResolved() tells
 }
 
 CNxInetAddr::CNxInetAddr(const CNxString& host, unsigned short port) : CNxInetAddr() {
-    Set(host, port);
+    static_cast<void>(Set(host, port));  // IsResolved() tells
 }
 
 CNxInetAddr::CNxInetAddr(const char* hostPort) : CNxInetAddr() {
-    Set(hostPort);
+    static_cast<void>(Set(hostPort));  // IsResolved() tells
 }
 
 void CNxInetAddr::ResetTo(int family) {
+    assert(family == AF_INET || family == AF_INET6);
     std::memset(&m_address, 0, sizeof m_address);
     m_address.base.sa_family = static_cast<sa_family_t>(family);
     m_type = family;
@@ -99,7 +102,8 @@ NxResult CNxInetAddr::Set(const char* host, unsigned short port) {
     }
     m_hostName.assign(host);
     std::memset(&m_address, 0, sizeof m_address);
-    SetPort(port);
+    // Kept for the resolved address also when the type takes none.
+    static_cast<void>(SetPort(port));
     return TryResolve();
 }
 
@@ -114,7 +118,7 @@ NxResult CNxInetAddr::Set(const char* hostPort) {
     if (hostPort == nullptr) {
         return NX_ERROR_INVALID_ARG;
     }
-    char host[kHostBufferSize];
+    char host[c_hostBufferSize];
     const size_t length = std::strcspn(hostPort, ":");
     if (length >= sizeof host) {
         return NX_ERROR_NOT_AVAILABLE;

@@ -2,10 +2,11 @@
 // still to be resolved.
 //
 // Where it surprises:
-// - Setting a host name that is not resolved yet is reported by the result and by IsResolved()
-//   only: type and size stay those of before, the socket address is zeroed.
+// - NO HOST NAME IS LOOKED UP YET: each stays unresolved (nx/resolve/CNxDnsManager.h).
+// - That a host name is not resolved is told by the result and by IsResolved() only: type and size
+//   stay those of before, the socket address is zeroed.
 // - The one-argument text forms split at the first ':', so they cannot take IPv6 addresses.
-// - A text form with an empty host ("", ":80") resolves nothing and answers NX_OK: address and
+// - A text form with an empty host ("", ":80") resolves nothing and returns NX_OK: address and
 //   family bytes are zero, the type is the one of before.
 #pragma once
 
@@ -39,17 +40,17 @@ public:
     // host name; anything else is kept as the host name, and TryResolve() is called.
     // NX_OK; NX_ERROR_FAILURE, with nothing changed, for a null pointer, an empty CNxString or one
     // with a zero byte in it; the result of TryResolve().
-    NxResult Set(const char* host, unsigned short port);
-    NxResult Set(const CNxString& host, unsigned short port);
+    [[nodiscard]] NxResult Set(const char* host, unsigned short port);
+    [[nodiscard]] NxResult Set(const CNxString& host, unsigned short port);
 
     // "host" (port 0) or "host:port", the port decimal and cut to 16 bits, 0 if it is no number.
     // As above, and with nothing changed: NX_ERROR_INVALID_ARG for a null pointer,
     // NX_ERROR_NOT_AVAILABLE for a host part of more than 511 characters.
-    NxResult Set(const char* hostPort);
-    NxResult Set(const CNxString& hostPort);
+    [[nodiscard]] NxResult Set(const char* hostPort);
+    [[nodiscard]] NxResult Set(const CNxString& hostPort);
 
     // Set(host, 0).
-    NxResult SetIpAddrByString(const char* host);
+    [[nodiscard]] NxResult SetIpAddrByString(const char* host);
 
     // Becomes an IPv4 address with a socket port of 0; of `ip` the low 32 bits count. The port kept
     // beside the socket address stays. NX_OK.
@@ -57,19 +58,19 @@ public:
 
     // Becomes an IPv6 address likewise. NX_OK, or NX_ERROR_INVALID_ARG, with nothing changed, for
     // null.
-    NxResult SetIp6AddrBy16Bytes(const char* address);
+    [[nodiscard]] NxResult SetIp6AddrBy16Bytes(const char* address);
 
     // Host order. NX_OK, or NX_ERROR_FAILURE when the type is neither of the two; the port is then
     // kept all the same.
-    NxResult SetPort(unsigned short port);
+    [[nodiscard]] NxResult SetPort(unsigned short port);
 
-    // Asks the DNS manager for the host name. NX_OK when there is none, or when it is resolved now:
-    // the address is then the first one found, with the port as set here. Otherwise the object is
-    // as it was and may be asked again:
-    // NX_ERROR_WOULD_BLOCK while a look-up runs, NX_ERROR_NOT_AVAILABLE when there is no answer.
-    // No look-up is made yet: every host name answers NX_ERROR_NOT_AVAILABLE.
-    // Defined in nx/net/CNxDnsManager.cpp, since the manager stands on this class.
-    NxResult TryResolve();
+    // Asks the DNS manager for the address of the host name; the port stays as set here.
+    // NX_OK when there is no host name, or when it is resolved now: the address is then the first
+    // one found. Otherwise the object stays as it was, and the call may be made again:
+    // NX_ERROR_WOULD_BLOCK while a look-up runs, NX_ERROR_NOT_AVAILABLE when it found nothing,
+    // which is so for every host name as long as the manager looks nothing up. Defined in
+    // nx/resolve/CNxDnsManager.cpp, since the manager stands on this class.
+    [[nodiscard]] NxResult TryResolve();
 
     // Type and size only, unchecked: for whoever has written an address through GetPtr(). A size
     // outside [0, 28] never makes an operation of the library read further than the 28 bytes.
@@ -102,7 +103,7 @@ public:
     unsigned long GetIpAddrIn4Bytes() const;
 
     // Writes 16 bytes. NX_OK, NX_ERROR_FAILURE unless IPv6, NX_ERROR_INVALID_ARG for null.
-    NxResult GetIp6AddrIn16Bytes(char* out) const;
+    [[nodiscard]] NxResult GetIp6AddrIn16Bytes(char* out) const;
 
     // Empty once resolved.
     const CNxString& GetHostName() const { return m_hostName; }
@@ -116,8 +117,9 @@ public:
     // callers share: the next call overwrites it, and two threads must not be in here at once.
     const char* GetHostAddr() const;
 
-    // The same into `buffer`; 46 bytes take every address. Answers `buffer`, which holds "" when
-    // the text does not fit; a static "" for a null buffer or a size below 1, with nothing written.
+    // The same into `buffer`, whose `size` in bytes is enough for every address from 46 on. Returns
+    // `buffer`, which holds "" when the text does not fit; a static "", with nothing written, for a
+    // null buffer or a size below 1.
     const char* GetHostAddr(char* buffer, int size) const;
 
     // IPv4 0.0.0.0, port 0.
@@ -128,11 +130,11 @@ public:
 
     // The address in network order, in the low 32 bits. False, with `out` 0, when the text is no
     // IPv4 literal; a null or empty text is 0 and true.
-    static bool IpAddrStringTo4Bytes(const char* text, unsigned long& out);
+    [[nodiscard]] static bool IpAddrStringTo4Bytes(const char* text, unsigned long& out);
 
     // Writes 16 bytes. False when the text is no IPv6 literal or `out` is null; true with nothing
     // written for a null or empty text.
-    static bool Ip6AddrStringTo16Bytes(const char* text, char* out);
+    [[nodiscard]] static bool Ip6AddrStringTo16Bytes(const char* text, char* out);
 
     // From network order; "" for null.
     static CNxString IpAddr4BytesToString(unsigned long ip);
@@ -160,7 +162,7 @@ private:
 
     bool IsInet() const { return m_type == AF_INET || m_type == AF_INET6; }
     void ResetTo(int family);
-    bool SetLiteral(const char* text);
+    [[nodiscard]] bool SetLiteral(const char* text);
 
     int m_type;
     int m_size;

@@ -1,20 +1,20 @@
+#include <nx/net/CNxSocket.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 #include <memory>
 #include <utility>
 
-#include <nx/net/CNxSocket.h>
-
 namespace {
 
-constexpr size_t kMaxDatagram = 65535;
+constexpr size_t c_maxDatagram = 65535;
 // A datagram that fits one Ethernet frame, with some room, is gathered without an allocation.
-constexpr size_t kStackDatagram = 2048;
+constexpr size_t c_stackDatagram = 2048;
 
 using AddressQuery = int (*)(int, sockaddr*, socklen_t*);
 
@@ -23,14 +23,15 @@ int QueryAddress(AddressQuery query, int handle, CNxInetAddr& address) {
         errno = EINVAL;
         return -1;
     }
-    CNxInetAddr answer(AF_INET6);
+    CNxInetAddr reported(AF_INET6);
     socklen_t length = CNxInetAddr::GetInetAddrSize();
-    if (query(handle, answer.GetPtr(), &length) != 0) {
+    if (query(handle, reported.GetPtr(), &length) != 0) {
         return -1;
     }
-    answer.base_set(answer.GetPtr()->sa_family, static_cast<int>(length));
-    answer.SetPort(answer.GetPort());
-    address = std::move(answer);
+    reported.base_set(reported.GetPtr()->sa_family, static_cast<int>(length));
+    // Another family has no port: 0 is kept for it.
+    static_cast<void>(reported.SetPort(reported.GetPort()));
+    address = std::move(reported);
     return 0;
 }
 
@@ -38,6 +39,7 @@ socklen_t GetLength(const CNxInetAddr& address) {
     return static_cast<socklen_t>(std::clamp(address.GetSize(), 0, CNxInetAddr::GetInetAddrSize()));
 }
 
+// Or errno is set.
 bool CheckResolved(const CNxInetAddr& address) {
     if (!address.IsResolved()) {
         errno = EADDRNOTAVAIL;
@@ -46,7 +48,7 @@ bool CheckResolved(const CNxInetAddr& address) {
     return true;
 }
 
-// The total, or -1 with errno when the pieces cannot be one datagram.
+// The total, or -1 with errno when the pieces make no datagram.
 long SumPieces(const iovec* pieces, unsigned long count) {
     if (pieces == nullptr && count != 0) {
         errno = EFAULT;
@@ -54,7 +56,8 @@ long SumPieces(const iovec* pieces, unsigned long count) {
     }
     size_t total = 0;
     for (const iovec* piece = pieces; piece != pieces + count; ++piece) {
-        if (piece->iov_len > kMaxDatagram - total) {
+        assert(total <= c_maxDatagram);
+        if (piece->iov_len > c_maxDatagram - total) {
             errno = EMSGSIZE;
             return -1;
         }
@@ -63,6 +66,10 @@ long SumPieces(const iovec* pieces, unsigned long count) {
             return -1;
         }
         total += piece->iov_len;
+    }
+    if (total == 0) {
+        errno = EINVAL;
+        return -1;
     }
     return static_cast<long>(total);
 }
@@ -74,6 +81,14 @@ void Gather(const iovec* pieces, unsigned long count, char* out) {
             out += piece->iov_len;
         }
     }
+}
+
+// Without the descriptor, and with errno as the failed call left it. Returns -1.
+int CloseAfterFailure(CNxSocketBase& socket) {
+    const int failure = errno;
+    socket.Close();
+    errno = failure;
+    return -1;
 }
 
 long SendTo(int handle, const void* bytes, size_t size, const CNxInetAddr& peer) {
@@ -97,6 +112,7 @@ CNxSocketBase& CNxSocketBase::operator=(CNxSocketBase&& other) noexcept {
 
 int CNxSocketBase::Open(int family, int type, int protocol, int reuseAddr) {
     Close();
+    assert(GetHandle() == -1);
     SetHandle(socket(family, type | SOCK_CLOEXEC, protocol));
     if (GetHandle() == -1) {
         return -1;
@@ -106,10 +122,7 @@ int CNxSocketBase::Open(int family, int type, int protocol, int reuseAddr) {
         setsockopt(GetHandle(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0) {
         return 0;
     }
-    const int failure = errno;
-    Close();
-    errno = failure;
-    return -1;
+    return CloseAfterFailure(*this);
 }
 
 int CNxSocketBase::Close() {
@@ -137,10 +150,7 @@ int CNxSocketBase::OpenBound(const CNxInetAddr& local, int type, int reuseAddr) 
     if (bind(GetHandle(), local.GetPtr(), GetLength(local)) == 0) {
         return 0;
     }
-    const int failure = errno;
-    Close();
-    errno = failure;
-    return -1;
+    return CloseAfterFailure(*this);
 }
 
 int CNxSocketTcp::Open(int reuseAddr, const CNxInetAddr& local) {
@@ -154,17 +164,14 @@ int CNxSocketUdp::Open(const CNxInetAddr& local) {
 long CNxSocketUdp::SendVTo(const iovec* pieces, unsigned long count,
                            const CNxInetAddr& peer) const {
     const long total = SumPieces(pieces, count);
-    if (total == 0) {
-        return NX_ERROR_FAILURE;
-    }
-    if (total < 0 || !CheckResolved(peer)) {
+    if (total == -1 || !CheckResolved(peer)) {
         return -1;
     }
     const auto size = static_cast<size_t>(total);
     if (count == 1) {
         return SendTo(GetHandle(), pieces->iov_base, size, peer);
     }
-    char onStack[kStackDatagram];
+    char onStack[c_stackDatagram];
     std::unique_ptr<char[]> onHeap;
     if (size > sizeof onStack) {
         onHeap.reset(new char[size]);

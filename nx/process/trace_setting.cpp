@@ -1,8 +1,10 @@
 #include <nx/foundation/CCancelOff.h>
+#include <nx/foundation/CNxUtils.h>
 #include <nx/process/process_path.h>
 #include <nx/process/trace_setting.h>
 
 #include <atomic>
+#include <cassert>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -17,28 +19,24 @@ namespace {
 std::mutex s_initMutex;
 std::atomic<bool> s_initialised{false};
 
-template <size_t N>
-void StorePath(char (&out)[N], const CNxString& path) {
-    const size_t length = path.copy(out, N - 1);
-    out[length] = '\0';
-}
-
 struct CExecName {
-    CExecName() { StorePath(m_path, GetProcessName()); }
-    char m_path[1024];
+    CExecName() { BufferStringCopy(m_path, sizeof(m_path), GetProcessName()); }
+    char m_path[1024] = "";
 };
 
+// Writes to the texts while they are still all zeros.
 void InitOnce() {
+    assert(g_strTracehome1[0] == '\0' && g_strConfigfile1[0] == '\0');
     const CNxString name = get_process_name();
     std::printf("name:%s\n", name.c_str());
     if (name.empty()) {
         return;
     }
     const CNxString home = GetBinHomePath();
-    StorePath(g_currentProcessName1, name);
-    StorePath(g_strTracehome1, home);
-    StorePath(g_strConfigfile1, home + "/conf/" + name + ".cfg");
-    StorePath(g_strLogDir1, home + "/logs/");
+    BufferStringCopy(g_currentProcessName1, sizeof(g_currentProcessName1), name);
+    BufferStringCopy(g_strTracehome1, sizeof(g_strTracehome1), home);
+    BufferStringCopy(g_strConfigfile1, sizeof(g_strConfigfile1), home + "/conf/" + name + ".cfg");
+    BufferStringCopy(g_strLogDir1, sizeof(g_strLogDir1), home + "/logs/");
     std::printf("trace_setting_init, g_strTracehome1=%s\n", g_strTracehome1);
     std::printf("trace_setting_init, g_strConfigfile1=%s\n", g_strConfigfile1);
     std::printf("trace_setting_init, g_strLogDir1=%s\n", g_strLogDir1);

@@ -24,6 +24,6 @@ void trace_setting_init();
 // is unknown. Do not write to it.
 char* get_exec_name();
 
-// The part of get_exec_name() behind its last '/', "defproc" when the path is unknown. Do not write
+// The part of get_exec_name() after its last '/', "defproc" when the path is unknown. Do not write
 // to it.
 char* get_process_name();

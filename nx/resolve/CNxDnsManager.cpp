@@ -1,6 +1,8 @@
 #include <nx/foundation/CNxAutoPtr.h>
 #include <nx/resolve/CNxDnsManager.h>
 
+#include <cassert>
+
 NxResult CNxDnsRecord::GetFirstIPAddr(CNxInetAddr& address) const {
     if (m_addresses.empty()) {
         return NX_ERROR_NOT_AVAILABLE;
@@ -23,12 +25,9 @@ NxResult CNxInetAddr::TryResolve() {
     if (m_hostName.empty()) {
         return NX_OK;
     }
-    CNxDnsManager* manager = CNxDnsManager::Instance();
-    if (manager == nullptr) {
-        return NX_ERROR_NOT_AVAILABLE;
-    }
     CNxDnsRecord* found = nullptr;
-    const NxResult result = manager->AsyncResolve(found, m_hostName, nullptr, 1, nullptr);
+    const NxResult result =
+        CNxDnsManager::Instance()->AsyncResolve(found, m_hostName, nullptr, 1, nullptr);
     const auto record = CNxAutoPtr<CNxDnsRecord>::Adopt(found);
     if (result != NX_OK) {
         return result;
@@ -37,6 +36,8 @@ NxResult CNxInetAddr::TryResolve() {
     if (!record || record->GetFirstIPAddr(*this) != NX_OK) {
         return NX_ERROR_NOT_AVAILABLE;
     }
-    SetPort(port);
+    // What was found may be of another family, which keeps the port all the same.
+    static_cast<void>(SetPort(port));
+    assert(IsResolved());
     return NX_OK;
 }

@@ -1,6 +1,6 @@
 // The process-wide resolver of host names.
 //
-// It makes no look-up yet: AsyncResolve answers NX_ERROR_NOT_AVAILABLE for every name. Programs
+// IT LOOKS NOTHING UP YET: AsyncResolve returns NX_ERROR_NOT_AVAILABLE for every name. Programs
 // pass numeric addresses to CNxInetAddr, or resolve names themselves.
 #pragma once
 
@@ -29,7 +29,7 @@ public:
 
     // Copies the first address over `address`, its port and empty host name included. NX_OK, or
     // NX_ERROR_NOT_AVAILABLE, with `address` as it was, when nothing was found.
-    NxResult GetFirstIPAddr(CNxInetAddr& address) const;
+    [[nodiscard]] NxResult GetFirstIPAddr(CNxInetAddr& address) const;
 
 private:
     const CNxString m_hostName;
@@ -39,18 +39,18 @@ private:
 // Lives until the tear-down of the library. Any thread may call any operation.
 class CNxDnsManager {
 public:
-    // Made by the first call; null when the thread manager yields no mutex.
+    // Made by the first call; never null.
     static CNxDnsManager* Instance();
 
     CNxDnsManager(const CNxDnsManager&) = delete;
     CNxDnsManager& operator=(const CNxDnsManager&) = delete;
 
-    // Looks the host name up without blocking. `record` becomes null, and with NX_OK the answer,
+    // Looks the host name up without blocking. `record` becomes null, or with NX_OK what was found,
     // with a reference that the caller releases.
-    // NX_ERROR_NOT_AVAILABLE, always: no look-up is made, the observer is not called, and the last
-    // three arguments are not used.
-    NxResult AsyncResolve(CNxDnsRecord*& record, const CNxString& host, INxObserver* observer, int,
-                          CNxThread* thread);
+    // NX_ERROR_NOT_AVAILABLE, always: nothing is looked up, the observer is not called, and the
+    // last three arguments are not used.
+    [[nodiscard]] NxResult AsyncResolve(CNxDnsRecord*& record, const CNxString& host,
+                                        INxObserver* observer, int, CNxThread* thread);
 
 private:
     friend class CNxSingletonT<CNxDnsManager>;

@@ -1,5 +1,6 @@
 #include <nx/config/init_file.h>
 #include <nx/foundation/CCancelOff.h>
+#include <nx/foundation/CNxUtils.h>
 #include <nx/process/process_path.h>
 #include <nx/process/trace_setting.h>
 #include <nx/trace/CNxT120Trace.h>
@@ -11,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -57,19 +59,18 @@ CNxT120Trace* MakeInstance() {
     trace_setting_init();
     auto* const engine = new CNxT120Trace("Log", g_logMapEntry, nullptr, 0);
     CNxT120Trace::t120_trace.store(engine, std::memory_order_release);
-    // Registered later than the files' own handlers, so the engine is locked before them.
-    pthread_atfork(&OnBeforeFork, &OnForkInParent, &OnForkInChild);
+    // Registered later than the files' own handlers, so the engine is locked before them. Without
+    // the memory for it a forked child may find the engine locked; all else works.
+    static_cast<void>(pthread_atfork(&OnBeforeFork, &OnForkInParent, &OnForkInChild));
     return engine;
 }
 
-// Static storage for a path that never changes.
 struct CTraceDir {
     CTraceDir() {
         const CNxString home = GetBinHomePath();
-        const CNxString dir = home.empty() ? CNxString("/tmp") : home + "/logs";
-        m_path[dir.copy(m_path, sizeof(m_path) - 1)] = '\0';
+        BufferStringCopy(m_path, sizeof(m_path), home.empty() ? "/tmp" : home + "/logs");
     }
-    char m_path[1024];
+    char m_path[1024] = "";
 };
 
 }  // namespace
@@ -149,7 +150,8 @@ bool CNxT120Trace::IsToOpen(const CFile& candidate, const void* file) const {
 }
 
 void CNxT120Trace::Open(void* file, const CTraceStamp& stamp) {
-    mkdir(g_strLogDir1, 0777);
+    // Mostly it is there; when it cannot be made, the files cannot be opened, and drop records.
+    static_cast<void>(mkdir(g_strLogDir1, 0777));
     SetDate(stamp);
     const unsigned long maxSize =
         GetSizeParam(m_fileName != nullptr ? m_fileName : get_process_name());
@@ -226,6 +228,7 @@ void CNxT120Trace::FatalTraceString(unsigned long level, const char* text) {
 }
 
 void CNxT120Trace::Print(unsigned long level, const char* text) const {
+    assert(level < NX_TRACE_LEVELS);
     char line[PRINT_SIZE];
     line[0] = '\0';
     const char* const category = m_mapEntries[level].name;
@@ -239,6 +242,7 @@ const CNxT120Trace::CLevelFile CNxT120Trace::LEVEL_FILES[] = {
     {11, FILE_WARNING}, {0, FILE_FATAL}, {1, FILE_ERROR}};
 
 void CNxT120Trace::WriteToFiles(unsigned long level, const char* text) {
+    assert(level < NX_TRACE_LEVELS);
     const CTraceStamp& stamp = CurrentTraceStamp();
     NoticeFork(stamp);
     if (m_files[FILE_INFO].m_handle != nullptr) {
@@ -254,6 +258,7 @@ void CNxT120Trace::WriteToFiles(unsigned long level, const char* text) {
 }
 
 void CNxT120Trace::WriteToLevelFile(TFile which, const CTraceStamp& stamp, const char* text) {
+    assert(which != FILE_INFO);
     const CFile& file = m_files[which];
     if (file.m_handle != nullptr) {
         file.m_handle->write(stamp, m_name, file.m_key, text);
@@ -287,6 +292,7 @@ bool CNxT120Trace::HasOpenFile() const {
 }
 
 bool CNxT120Trace::SetDate(const CTraceStamp& stamp) {
+    assert(stamp.m_month >= 1 && stamp.m_month <= 12 && stamp.m_day >= 1);
     if (stamp.m_day == m_day && stamp.m_month == m_month) {
         return false;
     }
@@ -332,9 +338,10 @@ void CNxT120Trace::OpenIfSwitchedOn() {
     }
 }
 
+// A lock that cannot be taken would not be in the way of the child either.
 void CNxT120Trace::BeforeFork() NX_NO_THREAD_SAFETY_ANALYSIS {
-    m_configMutex.Lock();
-    m_mutex.Lock();
+    static_cast<void>(m_configMutex.Lock());
+    static_cast<void>(m_mutex.Lock());
 }
 
 void CNxT120Trace::AfterFork(bool isChild) NX_NO_THREAD_SAFETY_ANALYSIS {

@@ -1,12 +1,11 @@
-// The trace engine of the process: a line is checked against its category's switch, stamped, and
-// written to up to four files in the process's log folder.
+// The trace engine of the process: a text is checked against the switch of its level, and becomes a
+// stamped record in up to four files in the process's log folder.
 //
 //     if (CNxT120Trace::instance()->is_on(21)) { ... build the text ... }
 //     CNxT120Trace::instance()->trace_string(21, "listening", false);
 //
-// Every line goes to the info file; lines of level 11 also to the warning file, of level 1 to the
-// error file, of level 0 to the fatal file. What is switched on stands in the section Trace of the
-// process's configuration file HOME/conf/NAME.cfg (nx/process/trace_setting.h):
+// NO FILE IS OPENED UNTIL THE CONFIGURATION ASKS FOR IT: what is switched on stands in the section
+// Trace of the process's configuration file HOME/conf/NAME.cfg (nx/process/trace_setting.h):
 //
 //     [Trace]
 //     Enable=TRUE
@@ -17,17 +16,18 @@
 //     NAME=1048576
 //     FlushPerLines=20
 //
-// Enable is the master switch; without it no file is opened. stdout prints every line, too; it is
-// read at the start only. NAME.Info switches the info file and the category Info, NAME.Warning,
-// .Error and .Fatal alike; any other name of g_logMapEntry switches a category. NAME is the number
-// of bytes a file may grow to, below 1025: 20971520. FlushPerLines is how many lines a file
-// collects in memory, from the first refresh on.
+// Enable is the master switch. stdout prints every record, too; it is read at the start only.
+// NAME.Info switches the info file and the category Info, NAME.Warning, .Error and .Fatal alike;
+// any other name of g_logMapEntry switches a category. NAME is the number of bytes a file may grow
+// to, below 1025: 20971520. FlushPerLines is how many records a file collects in memory, from the
+// first refresh on.
 //
-// The files are HOME/logs/NAME_info_MMDDYYYY_N.PID.log and _warning_, _error_, _fatal_, of the form
-// of nx/trace/CNxT120TraceFile.h. N counts the files of a day from 0: a file that is full is
-// followed by the next number, a new day begins with new files. A file that is there already and is
-// not empty (the clock was set back, the process number has been used before) is not overwritten:
-// its number is passed over.
+// Every record goes to the info file; those of level 11 also to the warning file, of level 1 to the
+// error file, of level 0 to the fatal file. The files are HOME/logs/NAME_info_MMDDYYYY_N.PID.log
+// and _warning_, _error_, _fatal_, of the form of nx/trace/CNxT120TraceFile.h. N counts the files
+// of a day from 0: a file that is full is followed by the next number, a new day begins with new
+// files. A file that is there already and is not empty (the clock was set back, the process number
+// has been used before) is not overwritten: its number is passed over.
 #pragma once
 
 #include <nx/foundation/CNxMutexThread.h>
@@ -40,7 +40,7 @@
 class CNxT120TraceFile;
 struct CTraceStamp;
 
-// A category. The switch is read by tracing threads without a lock.
+// A category: what a level is called, and its switch, which tracing threads read without a lock.
 struct CNxT120TraceMapEntry {
     std::uint64_t id;
     const char* name;
@@ -56,11 +56,11 @@ inline constexpr unsigned long NX_TRACE_LEVELS = 27;
 extern CNxT120TraceMapEntry g_logMapEntry[NX_TRACE_LEVELS];
 
 // Any thread may call any operation. Nothing is reported: a file that cannot be opened or written
-// drops lines, and tracing goes on when there is room again. Levels from 27 on and null texts are
+// drops records, and tracing goes on when there is room again. Levels from 27 on and null texts are
 // refused silently. A thread is not cancelled inside of an operation.
 //
-// After a fork(2) the child opens files of its own with its first line - the names hold its process
-// id - and leaves the parent's alone.
+// After a fork(2) the child opens files of its own with its first record - the names hold its
+// process id - and leaves the parent's alone.
 class CNxT120Trace {
 public:
     using Text_Formator = ::Text_Formator;
@@ -70,9 +70,9 @@ public:
 
     // The process has one, instance(); further ones are for tools and tests, and not for a forked
     // child of a process that traces to them. Names and table must outlive it; the table (not null)
-    // has 27 rows. Without a name lines have no category in them. With a `fileName` all lines go to
-    // one file, LOGS/fileName.PID, or in shared mode the file "fileName" with a BACKSLASH before
-    // its name; its size is then the key `fileName`, and a full file starts anew instead of
+    // has 27 rows. Without a name records have no category in them. With a `fileName` all records
+    // go to one file, LOGS/fileName.PID, or in shared mode the file "fileName" with a BACKSLASH
+    // before its name; its size is then the key `fileName`, and a full file starts anew instead of
     // counting on. Reads the switches, and opens the files if the configuration says Enable=TRUE.
     CNxT120Trace(const char* name, CNxT120TraceMapEntry* entries, const char* fileName,
                  unsigned char shared);
@@ -87,36 +87,36 @@ public:
     static CNxT120Trace* instance();
 
     // Reads the switches anew, flushes EVERY file of g_trace_mgr and gives it the size and the
-    // lines per flush of the configuration. Here a missing Enable counts as TRUE, which lets
-    // lines through to standard output even if no file is open.
+    // records per flush of the configuration. Here a missing Enable counts as TRUE, which lets
+    // records through to standard output even if no file is open.
     void read_config();
 
     // Opens files: for null all four, unless the info file is open already; else the one with that
     // handle anew, under its next number. A file that the configuration no longer wants stays
-    // closed. Here a missing Enable counts as FALSE. Returns 1.
+    // closed. Here a missing Enable counts as FALSE. Returns 1, always.
     int load(void* file);
 
-    // Whether lines of that level go anywhere.
+    // Whether texts of that level become records.
     bool is_on(unsigned long level) const {
         return level < NX_TRACE_LEVELS && m_enabled.load(std::memory_order_relaxed) &&
                m_mapEntries[level].enabled.load(std::memory_order_relaxed) != 0;
     }
 
-    // Writes the line if its level is on. `toStdout`, or the key stdout, also prints it: at most
-    // 2047 bytes, and an empty line behind it.
+    // Writes a record if the level is on. `toStdout`, or the key stdout, also prints it: at most
+    // 2047 bytes, and an empty line after it.
     void trace_string(unsigned long level, const char* text, bool toStdout) {
         if (is_on(level) && text != nullptr) {
             Trace(level, text, toStdout || m_toStdout.load(std::memory_order_relaxed));
         }
     }
 
-    // The same, but prints the line always, also when the level or all tracing is switched off.
+    // The same, but always prints the record, also when the level or all tracing is switched off.
     void FatalTraceString(unsigned long level, const char* text);
 
     // HOME/logs, at most 1023 bytes; "/tmp" when the home is not known. Do not write to it.
     static char* get_trace_dir();
 
-    // The executable's base name, "bztrace" when it is unknown (the free get_process_name answers
+    // The executable's base name, "bztrace" when it is unknown (the free get_process_name returns
     // "defproc"). Do not write to it.
     static char* get_process_name();
 
@@ -129,14 +129,14 @@ public:
 private:
     enum TFile { FILE_INFO, FILE_WARNING, FILE_ERROR, FILE_FATAL, FILE_COUNT };
     struct CFile {
-        // As in the configuration key, and the prefix of lines.
+        // As in the configuration key, and the prefix of records.
         const char* m_key;
         // As in the file's name.
         const char* m_tag;
         CNxT120TraceFile* m_handle;
         unsigned int m_sequence;
     };
-    // Lines of these levels also go to a file of their own.
+    // Records of these levels also go to a file of their own.
     struct CLevelFile {
         unsigned long m_level;
         TFile m_file;

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -62,7 +63,7 @@ size_t WriteParts(int fd, iovec* parts, int count, off_t offset) {
 }
 
 void Truncate(int fd, long size) {
-    // What a refusal leaves behind lies beyond the marker, where nobody relies on it.
+    // What a refusal leaves there lies beyond the marker, where nobody relies on it.
     while (ftruncate(fd, size) != 0 && errno == EINTR) {
     }
 }
@@ -85,12 +86,14 @@ struct CNxT120TraceFile::CRecord {
     }
 
     void Add(const char* text, size_t length) {
+        assert(m_count < c_maxParts);
         m_parts[m_count++] = Part(text, length);
         m_length += length;
     }
 
-    // Room for the marker behind the record.
-    iovec m_parts[6];
+    // Stamp, prefix, colon, text, line end, and the marker after the record.
+    static constexpr int c_maxParts = 6;
+    iovec m_parts[c_maxParts];
     int m_count = 0;
     size_t m_length = 0;
 };
@@ -103,7 +106,8 @@ CNxT120TraceFile::CNxT120TraceFile(const char* fileName, unsigned long maxSize,
       m_buffer(new char[LINE_SIZE]) {
     if (!m_fileName.empty() && create != 0) {
         const CCancelOff cancelOff;
-        OpenNew();
+        CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
+        static_cast<void>(Open(false));  // is_open() tells
     }
 }
 
@@ -120,40 +124,33 @@ CNxMutexThread& CNxT120TraceFile::GetMutex() {
     return m_shared != 0 ? SharedFilesMutex() : m_mutex;
 }
 
-void CNxT120TraceFile::OpenNew() {
-    CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
-    m_fd = open(m_fileName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY, 0666);
-    if (m_fd < 0) {
-        return;
-    }
-    // Emptied under the lock, where no other process is in the middle of a record.
-    if (m_shared != 0) {
-        fchmod(m_fd, 0666);
-        LockFile(F_WRLCK);
-    }
-    Truncate(m_fd, 0);
-    WriteFirstHeader();
-    if (m_shared != 0) {
-        LockFile(F_UNLCK);
-    }
-}
-
 bool CNxT120TraceFile::attach() {
     const CCancelOff cancelOff;
     CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
-    if (m_shared == 0 || m_fd >= 0 || m_fileName.empty()) {
-        return false;
-    }
+    return m_shared != 0 && m_fd < 0 && !m_fileName.empty() && Open(true);
+}
+
+bool CNxT120TraceFile::Open(bool keepsRecords) {
+    assert(m_fd < 0 && !m_fileName.empty());
     m_fd = open(m_fileName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY, 0666);
     if (m_fd < 0) {
         return false;
     }
-    fchmod(m_fd, 0666);
-    LockFile(F_WRLCK);
+    // Emptied under the lock, where no other process is in the middle of a record.
+    if (m_shared != 0) {
+        // The umask may keep others out. Another user's file stays as its owner made it.
+        static_cast<void>(fchmod(m_fd, 0666));
+        LockFile(F_WRLCK);
+    }
+    if (!keepsRecords) {
+        Truncate(m_fd, 0);
+    }
     if (GetSize() == 0) {
         WriteFirstHeader();
     }
-    LockFile(F_UNLCK);
+    if (m_shared != 0) {
+        LockFile(F_UNLCK);
+    }
     return true;
 }
 
@@ -226,7 +223,8 @@ void CNxT120TraceFile::drain() {
 }
 
 void CNxT120TraceFile::LockSharedFiles() NX_NO_THREAD_SAFETY_ANALYSIS {
-    SharedFilesMutex().Lock();
+    // A lock that cannot be taken would not be in the way of the child either.
+    static_cast<void>(SharedFilesMutex().Lock());
 }
 
 void CNxT120TraceFile::UnlockSharedFiles() NX_NO_THREAD_SAFETY_ANALYSIS {
@@ -234,7 +232,7 @@ void CNxT120TraceFile::UnlockSharedFiles() NX_NO_THREAD_SAFETY_ANALYSIS {
 }
 
 void CNxT120TraceFile::BeforeFork() NX_NO_THREAD_SAFETY_ANALYSIS {
-    m_mutex.Lock();
+    static_cast<void>(m_mutex.Lock());  // as above
     Flush();
 }
 
@@ -247,6 +245,7 @@ void CNxT120TraceFile::AfterFork(bool isChild) NX_NO_THREAD_SAFETY_ANALYSIS {
 }
 
 void CNxT120TraceFile::LockFile(short type) {
+    assert(m_fd >= 0);
     struct flock lock {};
     lock.l_type = type;
     lock.l_whence = SEEK_SET;
@@ -259,8 +258,9 @@ void CNxT120TraceFile::Append(const CRecord& record) {
     if (m_fd < 0) {
         return;
     }
-    // One byte less than the lines have: a line of 2048 bytes counts a terminator.
+    // One byte less than the buffer has: its 2048 bytes a record count a terminator.
     const size_t capacity = m_linesPerFlush * LINE_SIZE - 1;
+    assert(m_bufferedBytes <= capacity && (m_bufferedBytes == 0) == (m_bufferedLines == 0));
     if (record.m_length > capacity - m_bufferedBytes) {
         Flush();
         if (m_bufferedBytes > 0) {
@@ -276,6 +276,7 @@ void CNxT120TraceFile::Append(const CRecord& record) {
         m_bufferedBytes += length;
         room -= length;
     }
+    assert(m_bufferedBytes <= capacity);
     if (isCut) {
         m_buffer[m_bufferedBytes - 1] = '\n';
     }
@@ -316,7 +317,8 @@ void CNxT120TraceFile::WriteShared(const CRecord& record) {
     }
     CRecord whole = record;
     whole.Add(MARKER, MARKER_SIZE);
-    Put(offset, whole.m_parts, whole.m_count, record.m_length);
+    // What cannot be written is dropped.
+    static_cast<void>(Put(offset, whole.m_parts, whole.m_count, record.m_length));
     LockFile(F_UNLCK);
 }
 
@@ -334,6 +336,7 @@ long CNxT120TraceFile::ReadOffset() {
 }
 
 bool CNxT120TraceFile::Put(long offset, iovec* parts, int count, size_t recordBytes) {
+    assert(offset >= HEADER_SIZE && recordBytes > 0);
     const long end = offset + static_cast<long>(recordBytes);
     const size_t written = WriteParts(m_fd, parts, count, offset);
     if (written == recordBytes + MARKER_SIZE && WriteHeader(end)) {
@@ -348,18 +351,20 @@ bool CNxT120TraceFile::Put(long offset, iovec* parts, int count, size_t recordBy
 
 // After a write of which only `written` bytes reached the file.
 void CNxT120TraceFile::RestoreMarker(long offset, size_t written) {
-    const bool hasNothingBehind =
-        GetSize() <= offset + static_cast<long>(std::max(written, MARKER_SIZE));
+    assert(offset >= HEADER_SIZE && written > 0);
+    const bool isAtTheEnd = GetSize() <= offset + static_cast<long>(std::max(written, MARKER_SIZE));
     iovec marker = Part(MARKER, MARKER_SIZE);
     const bool isRestored = WriteParts(m_fd, &marker, 1, offset) == MARKER_SIZE;
-    if (hasNothingBehind) {
+    if (isAtTheEnd) {
         Truncate(m_fd, offset + (isRestored ? static_cast<long>(MARKER_SIZE) : 0));
     }
 }
 
 bool CNxT120TraceFile::WriteHeader(long offset) {
+    assert(offset >= HEADER_SIZE);
     char text[HEADER_SIZE + 1];
     std::snprintf(text, sizeof(text), "%-31ld\n", offset);
+    assert(text[HEADER_SIZE - 1] == '\n');
     iovec header = Part(text, HEADER_SIZE);
     return WriteParts(m_fd, &header, 1, 0) == static_cast<size_t>(HEADER_SIZE);
 }

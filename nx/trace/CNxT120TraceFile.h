@@ -3,16 +3,16 @@
 //     offset 0    "%-31ld\n"            the offset of the marker: where the next record goes
 //     offset 32   one record a line     "[MM/DD/YYYY hh:mm:ss.mmm pid=P tid=T] PREFIX:TEXT\n"
 //                                       without tag or prefix: "[...] TEXT\n"
-//     behind the newest record          "************************* Current Trace Point
+//     after the newest record           "************************* Current Trace Point
 //                                       *************************\n\n" (in one line)
-//     behind the marker                 in a shared file that has wrapped: what is left of the
+//     after the marker                  in a shared file that has wrapped: what is left of the
 //                                       older records, the first one cut
 //
 // A new file is a header holding 32. Every write goes records and marker first, header last, so
 // the header is right whenever a writer dies. tools/nxtrace reads these files.
 //
-// A private file belongs to this process: records collect in a buffer of N lines of 2048 bytes and
-// are written every N lines; a full file (header offset >= maximum when a flush begins) still takes
+// A private file belongs to this process: records collect in a buffer of N times 2048 bytes and are
+// written every N records; a full file (header offset >= maximum when a flush begins) still takes
 // that flush and from then on is_wrapped(). A shared file is written by any number of processes,
 // each record at once, under an fcntl(2) lock of the whole file; a full one goes on at offset 32.
 #pragma once
@@ -54,7 +54,7 @@ public:
 
     // Opens the file as it is; makes it, with mode 0666, when it is missing. False when it has no
     // name, is open already, is not shared or cannot be opened.
-    bool attach();
+    [[nodiscard]] bool attach();
 
     // Whether the name is exactly this; false for null and for a file without a name.
     bool is_same_file(const char* name) const;
@@ -72,9 +72,9 @@ public:
     // Writes what the buffer holds.
     void flush_buffer();
 
-    // Flushes, then sets the maximum size and the lines per flush (below 1 counts as 1, above
-    // 65536 as 65536; as they are while a full disk holds records back, and without the memory for
-    // them: 2 KiB a line). Returns 1.
+    // Flushes, then sets the maximum size in bytes and the number of records per flush (below 1
+    // counts as 1, above 65536 as 65536). That number stays as it is while a full disk holds
+    // records back, and when there is no memory for them, 2 KiB a record. Returns 1, always.
     int refresh_settings(unsigned long maxSize, int linesPerFlush);
 
     // Whether a private file has reached its maximum size.
@@ -99,15 +99,15 @@ private:
     struct CRecord;
 
     CNxMutexThread& GetMutex();
-    void OpenNew();
+    [[nodiscard]] bool Open(bool keepsRecords);
     void LockFile(short type);
     void Append(const CRecord& record);
     void Flush();
     void WriteShared(const CRecord& record);
-    long ReadOffset();
-    bool Put(long offset, iovec* parts, int count, size_t recordBytes);
+    [[nodiscard]] long ReadOffset();
+    [[nodiscard]] bool Put(long offset, iovec* parts, int count, size_t recordBytes);
     void RestoreMarker(long offset, size_t written);
-    bool WriteHeader(long offset);
+    [[nodiscard]] bool WriteHeader(long offset);
     void WriteFirstHeader();
     long GetSize() const;
 

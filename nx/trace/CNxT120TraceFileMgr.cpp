@@ -1,7 +1,7 @@
 #include <nx/foundation/CCancelOff.h>
+#include <nx/foundation/CNxTimeUtils.h>
 #include <nx/trace/CNxT120TraceFile.h>
 #include <nx/trace/CNxT120TraceFileMgr.h>
-#include <nx/trace/trace_utils.h>
 
 #include <pthread.h>
 
@@ -24,7 +24,8 @@ void OnForkInChild() {
 }
 
 CNxT120TraceFileMgr* MakeInstance() {
-    pthread_atfork(&OnBeforeFork, &OnForkInParent, &OnForkInChild);
+    // Without the memory for it a forked child may find files locked; all else works.
+    static_cast<void>(pthread_atfork(&OnBeforeFork, &OnForkInParent, &OnForkInChild));
     return new CNxT120TraceFileMgr;
 }
 
@@ -49,7 +50,7 @@ CNxT120TraceFileMgr& CNxT120TraceFileMgr::Instance() {
 CNxT120TraceFileMgr::CNxT120TraceFileMgr() = default;
 
 CNxT120TraceFileMgr::~CNxT120TraceFileMgr() {
-    ms_sleep(SHUTDOWN_MS);
+    cnx_sleep_ms(SHUTDOWN_MS);
 }
 
 void* CNxT120TraceFileMgr::open(const char* name, unsigned long maxSize, unsigned char shared,
@@ -70,7 +71,8 @@ void* CNxT120TraceFileMgr::attach(const char* name, unsigned long maxSize) {
     CNxT120TraceFile* file = Find(name);
     if (file == nullptr) {
         file = new CNxT120TraceFile(name, maxSize, 1, 0);
-        file->attach();
+        // One that cannot be opened drops what is written to it.
+        static_cast<void>(file->attach());
         m_files.emplace_front(file);
     }
     return file;
@@ -105,7 +107,8 @@ void CNxT120TraceFileMgr::drain() {
 }
 
 void CNxT120TraceFileMgr::BeforeFork() NX_NO_THREAD_SAFETY_ANALYSIS {
-    m_mutex.Lock();
+    // A lock that cannot be taken would not be in the way of the child either.
+    static_cast<void>(m_mutex.Lock());
     CNxT120TraceFile::LockSharedFiles();
     for (const auto& file : m_files) {
         file->BeforeFork();

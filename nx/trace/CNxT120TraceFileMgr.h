@@ -26,10 +26,11 @@ public:
     // The file of exactly this name if it is open here - as it is, the other arguments do not
     // count - or else a new one (CNxT120TraceFile's constructor). Null makes a new file without a
     // name, which drops what is written to it. Never null, also when the file cannot be opened.
-    void* open(const char* name, unsigned long maxSize, unsigned char shared, unsigned char create);
+    [[nodiscard]] void* open(const char* name, unsigned long maxSize, unsigned char shared,
+                             unsigned char create);
 
     // The same for a shared file that keeps what is in it (CNxT120TraceFile::attach).
-    void* attach(const char* name, unsigned long maxSize);
+    [[nodiscard]] void* attach(const char* name, unsigned long maxSize);
 
     // Flushes, closes and destroys the file. Nothing happens when it is not open here.
     void close(void* file);
@@ -49,7 +50,7 @@ public:
     void AfterFork(bool isChild);
 
 private:
-    CNxT120TraceFile* Find(const char* name);
+    [[nodiscard]] CNxT120TraceFile* Find(const char* name);
 
     CNxMutexThreadRecursive m_mutex;
     // Newest first.
@@ -60,9 +61,9 @@ private:
 extern CNxT120TraceFileMgr& g_trace_mgr;
 
 // The operations of g_trace_mgr as functions; a handle is what open or attach returned.
-void* T120_Open_Trace_Dev(const char* name, unsigned long maxSize, unsigned char shared,
-                          unsigned char create);
-void* T120_Attach_Trace_Dev(const char* name, unsigned long maxSize);
+[[nodiscard]] void* T120_Open_Trace_Dev(const char* name, unsigned long maxSize,
+                                        unsigned char shared, unsigned char create);
+[[nodiscard]] void* T120_Attach_Trace_Dev(const char* name, unsigned long maxSize);
 void T120_Close_Trace_Dev(void* handle);
 void T120_Write_Trace_Dev(void* handle, const char* tag, const char* prefix, const char* text);
 void T120_Refresh_Settings(unsigned long maxSize, int linesPerFlush);

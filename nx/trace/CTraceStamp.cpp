@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cassert>
 #include <cstdio>
 
 namespace {
@@ -31,6 +32,7 @@ void Rebuild(CTraceStamp& stamp, time_t second) {
     length += std::snprintf(stamp.m_text + length, sizeof(stamp.m_text) - stamp.m_msOffset + 1,
                             ".000 pid=%d tid=%d] ", getpid(), static_cast<int>(pthread_self()));
     stamp.m_length = static_cast<size_t>(length);
+    assert(stamp.m_msOffset + 3 < stamp.m_length && stamp.m_length < sizeof(stamp.m_text));
 }
 
 }  // namespace
@@ -49,6 +51,7 @@ const CTraceStamp& CurrentTraceStamp() {
         Rebuild(s_stamp, now.tv_sec);
     }
     const auto ms = static_cast<unsigned int>(now.tv_usec / 1000);
+    assert(ms < 1000);
     char* const digits = s_stamp.m_text + s_stamp.m_msOffset;
     digits[0] = static_cast<char>('0' + ms / 100);
     digits[1] = static_cast<char>('0' + ms / 10 % 10);

@@ -1,4 +1,4 @@
-// Inside the library only: what every trace line begins with - local time, process and thread.
+// Inside the library only: what every trace record begins with - local time, process and thread.
 #pragma once
 
 #include <cstddef>

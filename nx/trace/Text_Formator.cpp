@@ -1,6 +1,7 @@
 #include <nx/trace/Text_Formator.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -8,7 +9,7 @@
 namespace {
 
 constexpr unsigned long RESERVED = 64;
-// The largest double has 309 digits before the point and six behind it.
+// The largest double has 309 digits before the point and six after it.
 constexpr size_t SCRATCH = 328;
 
 }  // namespace
@@ -29,6 +30,7 @@ void Text_Formator::reset() {
 }
 
 void Text_Formator::Append(const char* text, size_t length) {
+    assert(m_length == 0 || m_length + RESERVED <= m_size);
     if (m_size < RESERVED + m_length) {
         return;
     }
@@ -50,6 +52,7 @@ Text_Formator& Text_Formator::AppendNumber(const char* decimal, const char* hex,
     char scratch[SCRATCH];
     const int length =
         std::snprintf(scratch, sizeof(scratch), m_hexFlag != 0 ? hex : decimal, value);
+    assert(length > 0 && static_cast<size_t>(length) < sizeof(scratch));
     Append(scratch, static_cast<size_t>(length));
     m_hexFlag = 0;
     return *this;
@@ -92,7 +95,9 @@ Text_Formator& Text_Formator::operator<<(float value) {
 
 Text_Formator& Text_Formator::operator<<(double value) {
     char scratch[SCRATCH];
-    Append(scratch, static_cast<size_t>(std::snprintf(scratch, sizeof(scratch), "%f", value)));
+    const int length = std::snprintf(scratch, sizeof(scratch), "%f", value);
+    assert(length > 0 && static_cast<size_t>(length) < sizeof(scratch));
+    Append(scratch, static_cast<size_t>(length));
     return *this;
 }
 

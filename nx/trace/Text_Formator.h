@@ -5,7 +5,7 @@
 //     text << "peer " << address << " sent type 0x" << CNxT120Trace::HEX << type;
 //     INxTraceManager::Instance()->TraceString(21, text);
 //
-// The last 64 bytes of the buffer stay free: a buffer of 64 bytes or less accepts nothing. What
+// THE LAST 64 BYTES of the buffer stay free: a buffer of 64 bytes or less accepts nothing. What
 // does not fit is cut silently.
 #pragma once
 

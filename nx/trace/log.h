@@ -1,6 +1,9 @@
 // A small console log with levels, independent of the trace engine. Everything goes to standard
 // output, one line a message; messages of more than 1023 bytes are cut.
 //
+// Not in nx/nx.h: its functions have everyday names (error, debug, verbose), so only the units that
+// log include it.
+//
 // Any thread may call any function; a line is printed by one call of printf(3).
 #pragma once
 
@@ -37,8 +40,8 @@ extern std::atomic<const char*> cnx_argv0;
 // argument is not used.
 void log_init(const char* argv0, CNxLogLevel level, int unused);
 
-// Sets the threshold. 0, -1 for a level that is none. BEFORE log_init HAS STORED A NAME NOTHING
-// HAPPENS, and the answer is 0.
+// Sets the threshold. BEFORE log_init HAS STORED A NAME NOTHING HAPPENS, and it returns 0. Else 0,
+// or -1 for a level that is none.
 int log_change_level(CNxLogLevel level);
 
 CNxLogLevel get_log_level();

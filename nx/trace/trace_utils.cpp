@@ -1,13 +1,10 @@
 #include <nx/foundation/CNxMutexThread.h>
 #include <nx/foundation/CNxTimeUtils.h>
+#include <nx/foundation/CNxUtils.h>
 #include <nx/trace/trace_utils.h>
-#include <sys/time.h>
 
 unsigned long get_tick_count() {
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    return static_cast<unsigned long>(now.tv_sec) * 1000 +
-           static_cast<unsigned long>(now.tv_usec) / 1000;
+    return static_cast<unsigned long>(GetCurrentTimerInMSec());
 }
 
 unsigned long calculate_tick_interval(unsigned long start, unsigned long end) {

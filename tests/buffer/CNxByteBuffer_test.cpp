@@ -48,7 +48,7 @@ TEST(CNxByteBuffer, SizesThatCannotBeHadThrowAndChangeNothing) {
     CNxByteBuffer buffer("abc");
     const auto start = buffer.GetReadPosition();
     for (const unsigned long size : {c_top, c_top - 2, c_top / 2 + 1}) {
-        EXPECT_THROW(buffer.ReserveWriteBuffer(size), std::bad_alloc);
+        EXPECT_THROW(static_cast<void>(buffer.ReserveWriteBuffer(size)), std::bad_alloc);
         EXPECT_THROW(buffer.Resize(size), std::bad_alloc);
         EXPECT_THROW(CNxByteBuffer("a", size), std::bad_alloc);
     }

@@ -40,7 +40,7 @@ TEST(CNxFifoBuffer, NumbersNearTheTopNeitherWrapNorReachBeyondTheStorage) {
     CNxFifoBuffer fifo(4);
     unsigned long n = 0;
     char bytes[8] = "";
-    fifo.Write("abc", 3, nullptr, nullptr);
+    ASSERT_EQ(fifo.Write("abc", 3, nullptr, nullptr), c_done);
     for (const unsigned long huge : {c_top, c_top - 1, c_top / 2 + 1}) {
         EXPECT_EQ(fifo.ReadOffset(bytes, huge, huge, &n), c_blocked);
         EXPECT_EQ(fifo.WriteOffset(bytes, huge, huge, &n), c_blocked);
@@ -99,7 +99,8 @@ TEST(CNxFifoBuffer, TransfersWhatAStringWould) {
             case 3:
                 ASSERT_EQ(fifo.WriteOffset(bytes, length, offset, &n),
                           offset < capacity - model.size() ? c_done : c_blocked);
-                fifo.WriteOffset("xxxxx", offset, 0, nullptr);
+                ASSERT_EQ(fifo.WriteOffset("xxxxx", offset, 0, nullptr),
+                          model.size() < capacity ? c_done : c_blocked);
                 ASSERT_EQ(fifo.GetBuffered(&buffered), 1);
                 ASSERT_EQ(buffered, model.size());
                 model.append(std::min(offset, capacity - model.size()), 'x').append(bytes, n);

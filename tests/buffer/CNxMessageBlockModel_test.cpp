@@ -82,7 +82,7 @@ private:
         return bytes;
     }
 
-    // Of each kind, behind a chain or on its own.
+    // Of each kind, after a chain or on its own.
     void AddBlock() {
         const std::string bytes = Bytes(Pick(12));
         const size_t written = Pick(bytes.size() + 1);

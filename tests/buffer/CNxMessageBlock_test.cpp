@@ -10,7 +10,7 @@ using Block = CNxMessageBlock;
 
 Block* MakeOwned(const std::string& bytes, unsigned long space = 0) {
     auto* block = new Block(bytes.size() + space, nullptr, Block::DUPLICATED);
-    block->Write(bytes.data(), bytes.size());
+    EXPECT_EQ(block->Write(bytes.data(), bytes.size()), NX_OK);
     return block;
 }
 
@@ -24,7 +24,7 @@ TEST(CNxMessageBlock, ABlockPassedOverByReclaimingNeverLeadsToADestroyedOne) {
     keeper.Append(full);
     EXPECT_EQ(keeper.ReclaimGarbage(), full);
     EXPECT_EQ(keeper.GetNext(), full);
-    full->AdvanceChainedReadPtr(1);
+    EXPECT_EQ(full->AdvanceChainedReadPtr(1), NX_OK);
     EXPECT_EQ(keeper.ReclaimGarbage(), nullptr);
     EXPECT_EQ(keeper.GetNext(), nullptr);
 }

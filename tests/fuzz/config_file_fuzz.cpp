@@ -41,9 +41,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const CNxString section = all.substr(0, first);
     const CNxString key = first < line ? all.substr(first + 1, second - first - 1) : "";
     const CNxString value = second < line ? all.substr(second + 1, line - second - 1) : "";
-    config.GetIntParam(section, key, 1);
-    config.GetBoolParam(section, key, true);
-    config.GetStringParam(section, key, "");
+    static_cast<void>(config.GetIntParam(section, key, 1));
+    static_cast<void>(config.GetBoolParam(section, key, true));
+    static_cast<void>(config.GetStringParam(section, key, ""));
     CheckRoundTrip(config, section, key, value);
     return 0;
 }

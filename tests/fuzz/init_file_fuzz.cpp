@@ -18,9 +18,10 @@ void ReadEverySize(const char* path, const char* section, const char* key) {
         const size_t length =
             get_string_from_profile(section, key, "default", out.data(), size, path);
         Require(size == 0 ? length == 0 : length == std::strlen(out.data()));
-        get_string_param(section, key, out.data(), size);
+        const bool isSet = get_string_param(section, key, out.data(), size);
+        Require(size != 0 || !isSet);
         FILE* const file = std::fopen(path, "rte");
-        read_init_file(file, section, key, out.data(), size);
+        static_cast<void>(read_init_file(file, section, key, out.data(), size));
         std::fclose(file);
     }
 }
@@ -34,11 +35,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (const char* const section : {"Trace", ""}) {
         for (const char* const key : {"Enable", ""}) {
             ReadEverySize(file.Path().c_str(), section, key);
-            get_int_from_profile(section, key, 7, file.Path().c_str());
-            get_int_param(section, key);
+            static_cast<void>(get_int_from_profile(section, key, 7, file.Path().c_str()));
+            static_cast<void>(get_int_param(section, key));
             Require(get_bool_param(section, key, 1) <= 1);
-            config.GetIntParam(section, key, 1);
-            config.GetStringParam(section, key, "${HOME}");
+            static_cast<void>(config.GetIntParam(section, key, 1));
+            static_cast<void>(config.GetStringParam(section, key, "${HOME}"));
         }
     }
     return 0;

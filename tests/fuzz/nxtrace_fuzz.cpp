@@ -25,8 +25,7 @@ void CheckRecords(const CTraceBatch& batch) {
 void Show(const CTraceBatch& batch) {
     static FILE* const s_null = std::fopen("/dev/null", "we");
     CTraceFilter filter;
-    filter.SetLevels("info,Error");
-    filter.SetPattern("a.*b");
+    Require(filter.SetLevels("info,Error").empty() && filter.SetPattern("a.*b").empty());
     CTraceStat stat;
     for (const CTraceRecord& record : batch.m_records) {
         filter.Accepts(record);

@@ -6,7 +6,7 @@
 
 #include "trace_record.h"
 
-// A line of 11/21/2026 at that second behind 09:00:00.
+// A line of 11/21/2026 at that second after 09:00:00.
 inline std::string RecordLine(int second, const std::string& levelAndText, int pid = 77,
                               int tid = -5) {
     char head[80];
@@ -21,7 +21,7 @@ inline std::string HeaderLine(size_t offset) {
     return header;
 }
 
-// A file whose newer records stand in front of the marker, and older bytes behind it.
+// A file whose newer records stand before the marker, and older bytes after it.
 inline std::string FileOf(const std::string& newer, const std::string& older = "") {
     return HeaderLine(TRACE_HEADER_SIZE + newer.size()) + newer + std::string(TRACE_MARKER) + older;
 }

@@ -173,7 +173,7 @@ TEST(Nxtrace, ShowsEachRecordOfAProcessOnceAcrossItsFourKindsOfFilesAndTheirNumb
                "w=2000\n");
     OutputOf(folder.Path("bin/w") + " 300");
     std::vector<std::string> files;
-    FindTraceFiles(folder.Path("logs"), "w", files);
+    ASSERT_TRUE(FindTraceFiles(folder.Path("logs"), "w", files));
     EXPECT_GT(files.size(), 12U);
 
     std::string expected;

@@ -38,7 +38,7 @@ std::string TextOf(int i) {
 }  // namespace
 
 // The follower that looks after every record sees all; the one that looks after every hundredth is
-// overtaken and goes on with what is left. A private file goes on behind its limit.
+// overtaken and goes on with what is left. A private file goes on beyond its limit.
 TEST(TraceFile, IsUnwrappedAfterEveryRecordAndFollowedUntilOvertaken) {
     const CTempFolder folder;
     for (const bool isShared : {false, true}) {

@@ -107,7 +107,7 @@ TEST_F(CNxT120TraceFileTest, WhatCannotBeOpenedOrWrittenDropsRecords) {
 }
 
 // Writes until nothing more fits, then again after `makeRoom`: what was there stays readable, and
-// the records that follow arrive whole. Answers how many there were before.
+// the records that follow arrive whole. Returns how many there were before.
 template <class MakeRoom>
 size_t FillThenResume(const std::string& path, unsigned char shared, MakeRoom makeRoom) {
     CNxT120TraceFile file(path.c_str(), 0, shared, 1);

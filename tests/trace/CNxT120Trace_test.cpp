@@ -179,15 +179,14 @@ bool IsWholeText(const std::string& text) {
                              text.substr(static_cast<size_t>(at)) == std::string(length, 'x'));
 }
 
-// Every line behind the marker is whole, but for what the wrap or a killed writer cut: the lines
-// up to the first whole one. Answers the number of records.
+// Every line after the marker is whole, but for what the wrap or a killed writer cut: the lines
+// up to the first whole one. Returns the number of records.
 size_t CheckShared(const std::string& bytes) {
     const Texts newer = TextsOf(bytes);
     EXPECT_TRUE(std::all_of(newer.begin(), newer.end(), IsWholeText));
-    std::istringstream behind(
-        bytes.substr(std::strtoul(bytes.c_str(), nullptr, 10) + MARKER.size()));
+    std::istringstream rest(bytes.substr(std::strtoul(bytes.c_str(), nullptr, 10) + MARKER.size()));
     size_t older = 0;
-    for (std::string line; std::getline(behind, line);) {
+    for (std::string line; std::getline(rest, line);) {
         const bool isWhole = IsRecord(line) && IsWholeText(line.substr(line.find("] ") + 2));
         EXPECT_TRUE(isWhole || older == 0 || line + "\n\n" == MARKER || line.empty()) << line;
         older += isWhole ? 1 : 0;

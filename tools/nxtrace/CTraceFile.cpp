@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <chrono>
 #include <thread>
@@ -50,6 +51,7 @@ bool ReadAt(int fd, size_t offset, size_t size, std::string& out) {
             break;
         }
         have += static_cast<size_t>(n);
+        assert(have <= size);
     }
     out.resize(have);
     return true;
@@ -58,7 +60,7 @@ bool ReadAt(int fd, size_t offset, size_t size, std::string& out) {
 // A reading of the whole file, beside writers that do not wait for it.
 struct CSnapshot {
     std::string m_content;
-    // How many bytes behind the header's offset may have been overwritten meanwhile; 0 when
+    // How many bytes after the header's offset may have been overwritten meanwhile; 0 when
     // nothing was.
     size_t m_overwritten = 0;
 };
@@ -116,19 +118,18 @@ bool ReadWhole(int fd, CSnapshot& snapshot) {
             return false;
         }
         const EConsistency consistency = Check(fd, snapshot);
-        if (fstat(fd, &now) != 0) {
+        if (consistency == EConsistency::ERROR || fstat(fd, &now) != 0) {
             return false;
         }
         // A file that grew since its size was asked for was read without its end.
         const bool isWhole = static_cast<size_t>(now.st_size) == snapshot.m_content.size();
-        const bool isEnough = (consistency == EConsistency::FULL && isWhole) ||
-                              (consistency >= EConsistency::NEWER_PART &&
-                               !IsUnchanged(first, now) && i >= MAX_TRIES / 2);
-        if (isWhole && consistency == EConsistency::FULL) {
+        if (consistency == EConsistency::FULL && isWhole) {
             snapshot.m_overwritten = 0;
+            return true;
         }
-        if (isEnough || consistency == EConsistency::ERROR) {
-            return isEnough;
+        if (consistency >= EConsistency::NEWER_PART && !IsUnchanged(first, now) &&
+            i >= MAX_TRIES / 2) {
+            return true;
         }
         std::this_thread::sleep_for(std::chrono::microseconds(500));
     }
@@ -167,13 +168,14 @@ CTraceFile::EResult CTraceFile::ReadNew(CTraceBatch& batch) {
     return hasGrown ? READ : ReadAll(fd.Get(), batch);
 }
 
-// The common case of a file that is followed: it has grown behind what was read. False when it is
+// The common case of a file that is followed: it has grown after what was read. False when it is
 // not so, or the file changed during the reading.
 bool CTraceFile::ReadGrowth(int fd, std::string_view header, CTraceBatch& batch) {
     const size_t end = ParseTraceHeader(header);
     if (m_lastBytes.empty() || end < m_lastEnd) {
         return false;
     }
+    assert(m_lastBytes.size() <= m_lastEnd);
     const size_t start = m_lastEnd - m_lastBytes.size();
     std::string after;
     std::string lastAfter;
@@ -203,7 +205,7 @@ CTraceFile::EResult CTraceFile::ReadAll(int fd, CTraceBatch& batch) {
     const std::string_view content = batch.m_content;
     const size_t end = ParseTraceHeader(content);
     if (snapshot.m_overwritten > 0 && end >= TRACE_HEADER_SIZE && end <= content.size()) {
-        // Behind the offset may stand half of anything, a marker that is not the last one too.
+        // After the offset may stand half of anything, a marker that is not the last one too.
         const size_t older = std::min(end + snapshot.m_overwritten, content.size());
         const size_t lastLine = std::min(content.rfind('\n'), content.size());
         layout = {end, content.substr(older, std::max(older, lastLine) - older),
@@ -223,6 +225,7 @@ void CTraceFile::TakeNew(const CTraceLayout& layout, CTraceBatch& batch) {
     std::string_view older = layout.m_older;
     std::string_view newer = layout.m_newer;
     if (IsSeenPartThere(content)) {
+        assert(layout.m_end <= content.size());
         if (m_lastEnd <= layout.m_end) {
             older = {};
             newer = content.substr(m_lastEnd, layout.m_end - m_lastEnd);
@@ -237,6 +240,7 @@ void CTraceFile::TakeNew(const CTraceLayout& layout, CTraceBatch& batch) {
 
 // `bytes` stand in front of the offset `end`.
 void CTraceFile::Remember(std::string_view header, size_t end, std::string_view bytes) {
+    assert(bytes.size() <= end);
     const std::string_view last = bytes.substr(bytes.size() - std::min(LAST_BYTES, bytes.size()));
     m_lastBytes = last;
     m_lastHeader = header;

@@ -28,11 +28,11 @@ public:
 
     // Reads what has come since the last call, at first everything. UNCHANGED leaves the batch
     // alone. Records that were overwritten between two calls are lost. SYSTEM_ERROR sets errno.
-    EResult ReadNew(CTraceBatch& batch);
+    [[nodiscard]] EResult ReadNew(CTraceBatch& batch);
 
 private:
-    bool ReadGrowth(int fd, std::string_view header, CTraceBatch& batch);
-    EResult ReadAll(int fd, CTraceBatch& batch);
+    [[nodiscard]] bool ReadGrowth(int fd, std::string_view header, CTraceBatch& batch);
+    [[nodiscard]] EResult ReadAll(int fd, CTraceBatch& batch);
     void TakeNew(const CTraceLayout& layout, CTraceBatch& batch);
     void Remember(std::string_view header, size_t end, std::string_view bytes);
     bool IsSeenPartThere(std::string_view content) const;

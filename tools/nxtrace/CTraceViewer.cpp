@@ -54,8 +54,9 @@ void CTraceViewer::PrintLast(size_t count) {
     });
     for (const std::string& line : lines) {
         CTraceRecord record;
-        ParseRecord(line, record);
-        PrintRecord(stdout, m_output, record);
+        if (ParseRecord(line, record)) {
+            PrintRecord(stdout, m_output, record);
+        }
     }
 }
 
@@ -66,7 +67,6 @@ void CTraceViewer::PrintStat() {
 }
 
 void CTraceViewer::Follow() {
-    m_isFollowing = true;
     while (std::fflush(stdout) == 0) {
         const auto isDone = [](const auto& source) { return source->m_isDone; };
         m_sources.erase(std::remove_if(m_sources.begin(), m_sources.end(), isDone),
@@ -114,8 +114,7 @@ std::vector<CTraceViewer::CCursor> CTraceViewer::MakeCursors() const {
     std::vector<CCursor> cursors;
     for (const auto& source : m_sources) {
         const auto isSeries = [&](const CCursor& cursor) {
-            const CSource& other = *cursor.m_sources.front();
-            return source->IsSameSeries(other);
+            return source->IsSameSeries(*cursor.m_sources.front());
         };
         auto found = std::find_if(cursors.begin(), cursors.end(), isSeries);
         if (found == cursors.end()) {
@@ -162,7 +161,8 @@ bool CTraceViewer::Read(CSource& source, CTraceBatch& batch) {
     }
     source.m_isDone = true;
     // A file that is followed may be cleaned away.
-    if (!m_isFollowing || errno != ENOENT || result == CTraceFile::NO_TRACE_FILE) {
+    const bool isFollowing = m_pass > 0;
+    if (!isFollowing || errno != ENOENT || result == CTraceFile::NO_TRACE_FILE) {
         Report(source.m_file.Path(),
                result == CTraceFile::NO_TRACE_FILE ? "not a trace file" : std::strerror(errno));
     }
@@ -176,7 +176,7 @@ void CTraceViewer::Report(const std::string& path, const char* problem) {
 
 bool CTraceViewer::IsWanted(const CTraceRecord& record, const CSource& source) {
     return m_filter.Accepts(record) &&
-           !(source.m_isNamed && m_duplicates.IsSecond(record, source.m_name));
+           !(source.m_name.IsGiven() && m_duplicates.IsSecond(record, source.m_name));
 }
 
 bool CTraceViewer::HasSuccessor(const CSource& source) const {
@@ -200,17 +200,18 @@ void CTraceViewer::FindNewFiles() {
     ++m_pass;
     std::vector<std::string> found;
     for (const CFolder& folder : m_folders) {
-        FindTraceFiles(folder.m_path, folder.m_process, found);
+        // A folder that cannot be read now is looked at again in the next pass.
+        static_cast<void>(FindTraceFiles(folder.m_path, folder.m_process, found));
     }
     std::set<std::pair<std::string, std::string>> places;
     for (const auto& source : m_sources) {
-        if (source->m_isNamed) {
+        if (source->m_name.IsGiven()) {
             places.emplace(source->m_name.m_folder, source->m_name.m_process);
         }
     }
     std::vector<std::string> others;
     for (const auto& [folder, process] : places) {
-        FindTraceFiles(folder, process, others);
+        static_cast<void>(FindTraceFiles(folder, process, others));  // as above
     }
     std::vector<std::string> passedOver;
     for (const std::string& path : others) {

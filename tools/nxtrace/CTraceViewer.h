@@ -1,6 +1,7 @@
 // Shows the records of many trace files as one stream, oldest first.
 #pragma once
 
+#include <cassert>
 #include <memory>
 #include <set>
 #include <string>
@@ -17,6 +18,7 @@ class CTraceViewer {
 public:
     CTraceViewer(const CTraceFilter& filter, EOutput output) : m_filter(filter), m_output(output) {}
 
+    // Once, whatever paths lead to it.
     void AddFile(const std::string& path);
     // All files of the folder, or those of one process (not empty), now and, when following, later.
     void AddFolder(const std::string& folder, const std::string& process);
@@ -37,11 +39,9 @@ public:
 private:
     struct CSource {
         explicit CSource(const std::string& path, size_t pass = 0)
-            : m_file(path), m_isNamed(ParseTraceName(path, m_name)), m_pass(pass) {
-            m_name.m_folder = FolderOf(path);
-        }
+            : m_file(path), m_name(NameOfTraceFile(path)), m_pass(pass) {}
         bool IsSameSeries(const CSource& other) const {
-            return m_isNamed && other.m_isNamed && m_name.IsSameSeries(other.m_name);
+            return m_name.IsGiven() && m_name.IsSameSeries(other.m_name);
         }
         bool IsAfter(const CSource& other) const {
             return m_pass != other.m_pass ? m_pass > other.m_pass
@@ -50,9 +50,8 @@ private:
         bool IsInfo() const { return m_name.m_kind == "info"; }
         CTraceFile m_file;
         CTraceName m_name;
-        bool m_isNamed;
-        // When it was found; files that were there at the beginning are in the order of their
-        // names.
+        // In which pass it was found; files that were there at the beginning are in the order of
+        // their names.
         size_t m_pass;
         // Nothing more comes: unreadable, or replaced by the next file.
         bool m_isDone = false;
@@ -68,18 +67,24 @@ private:
         size_t m_next = 0;
         CTraceBatch m_batch;
         size_t m_record = 0;
-        const CTraceRecord& Front() const { return m_batch.m_records[m_record]; }
-        const CSource& Source() const { return *m_sources[m_next - 1]; }
+        const CTraceRecord& Front() const {
+            assert(m_record < m_batch.m_records.size());
+            return m_batch.m_records[m_record];
+        }
+        const CSource& Source() const {
+            assert(m_next > 0 && m_next <= m_sources.size());
+            return *m_sources[m_next - 1];
+        }
     };
 
     template <class Sink>
     void Merge(Sink sink);
     std::vector<CCursor> MakeCursors() const;
-    bool Advance(CCursor& cursor);
-    bool LoadNext(CCursor& cursor);
-    bool Read(CSource& source, CTraceBatch& batch);
+    [[nodiscard]] bool Advance(CCursor& cursor);
+    [[nodiscard]] bool LoadNext(CCursor& cursor);
+    [[nodiscard]] bool Read(CSource& source, CTraceBatch& batch);
     void Report(const std::string& path, const char* problem);
-    bool IsWanted(const CTraceRecord& record, const CSource& source);
+    [[nodiscard]] bool IsWanted(const CTraceRecord& record, const CSource& source);
     bool HasSuccessor(const CSource& source) const;
     bool Continues(const CSource& added) const;
     void FindNewFiles();
@@ -92,7 +97,6 @@ private:
     std::vector<CFolder> m_folders;
     CTraceDuplicates m_duplicates;
     bool m_hasFailed = false;
-    bool m_isFollowing = false;
-    // How often new files have been looked for.
+    // How often new files have been looked for: from 1 on while following.
     size_t m_pass = 0;
 };

@@ -55,6 +55,8 @@ enum EOption {
     OPTION_VERSION,
 };
 
+constexpr char STAT_ALONE[] = "--stat counts what is there: not with --follow, --json or --lines";
+
 constexpr option OPTIONS[] = {
     {"follow", no_argument, nullptr, 'f'},
     {"lines", required_argument, nullptr, 'n'},
@@ -73,14 +75,15 @@ constexpr option OPTIONS[] = {
     {nullptr, 0, nullptr, 0},
 };
 
+enum class EShow { RECORDS, JSON, STAT };
+
 struct CCommand {
     CTraceFilter m_filter;
     std::string m_folder;
     std::string m_process;
     std::optional<size_t> m_count;
+    EShow m_show = EShow::RECORDS;
     bool m_isFollow = false;
-    bool m_isJson = false;
-    bool m_isStat = false;
 };
 
 [[noreturn]] void Refuse(const std::string& problem) {
@@ -116,6 +119,13 @@ void Apply(int which, const std::string& argument, CCommand& command) {
     }
 }
 
+void Choose(EShow show, CCommand& command) {
+    if (command.m_show != EShow::RECORDS && command.m_show != show) {
+        Refuse(STAT_ALONE);
+    }
+    command.m_show = show;
+}
+
 void ParseOptions(int argc, char** argv, CCommand& command) {
     for (int which = 0; (which = getopt_long(argc, argv, "fhn:", OPTIONS, nullptr)) != -1;) {
         switch (which) {
@@ -136,10 +146,10 @@ void ParseOptions(int argc, char** argv, CCommand& command) {
                 command.m_process = optarg;
                 break;
             case OPTION_JSON:
-                command.m_isJson = true;
+                Choose(EShow::JSON, command);
                 break;
             case OPTION_STAT:
-                command.m_isStat = true;
+                Choose(EShow::STAT, command);
                 break;
             case '?':
                 std::fputs("Try 'nxtrace --help'.\n", stderr);
@@ -148,18 +158,18 @@ void ParseOptions(int argc, char** argv, CCommand& command) {
                 Apply(which, optarg, command);
         }
     }
-    if (command.m_isStat && (command.m_isFollow || command.m_isJson || command.m_count)) {
-        Refuse("--stat counts what is there: not with --follow, --json or --lines");
+    if (command.m_show == EShow::STAT && (command.m_isFollow || command.m_count)) {
+        Refuse(STAT_ALONE);
     }
     if (optind == argc && command.m_folder.empty() && command.m_process.empty()) {
         Refuse("no file: give FILE..., or --dir DIR");
     }
 }
 
-EOutput ChooseOutput(bool isJson) {
+EOutput ChooseOutput(EShow show) {
     const char* const noColour = std::getenv("NO_COLOR");
     const char* const terminal = std::getenv("TERM");
-    if (isJson) {
+    if (show == EShow::JSON) {
         return EOutput::JSON;
     }
     if (isatty(STDOUT_FILENO) == 0) {
@@ -171,7 +181,7 @@ EOutput ChooseOutput(bool isJson) {
 }
 
 void Run(const CCommand& command, CTraceViewer& viewer) {
-    if (command.m_isStat) {
+    if (command.m_show == EShow::STAT) {
         viewer.PrintStat();
     } else if (command.m_count) {
         viewer.PrintLast(*command.m_count);
@@ -188,7 +198,7 @@ void Run(const CCommand& command, CTraceViewer& viewer) {
 int main(int argc, char** argv) {
     CCommand command;
     ParseOptions(argc, argv, command);
-    CTraceViewer viewer(command.m_filter, ChooseOutput(command.m_isJson));
+    CTraceViewer viewer(command.m_filter, ChooseOutput(command.m_show));
     for (int i = optind; i < argc; ++i) {
         viewer.AddFile(argv[i]);
     }

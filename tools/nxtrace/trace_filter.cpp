@@ -31,7 +31,7 @@ bool ParseAgo(const std::string& text, tm& when) {
     return localtime_r(&then, &when) != nullptr;
 }
 
-// The rest of a text behind its date or time: nothing, or milliseconds.
+// The rest of a text after its date or time: nothing, or milliseconds.
 bool ParseRest(const char* rest, bool hasSeconds, int& ms) {
     if (hasSeconds && *rest == '.') {
         char* end = nullptr;

@@ -12,9 +12,9 @@
 #include "trace_record.h"
 
 // The calendar milliseconds (CalendarMs) that a text of the user means: "10m" (s, m, h or d before
-// now), "09:30", "09:30:15" or "09:30:15.250" (today), "2026-11-21" with or without a time behind
+// now), "09:30", "09:30:15" or "09:30:15.250" (today), "2026-11-21" with or without a time after
 // it, or "11/21/2026" likewise, as the files write it. False when it is none of these.
-bool ParseUserTime(const std::string& text, std::int64_t& time);
+[[nodiscard]] bool ParseUserTime(const std::string& text, std::int64_t& time);
 
 class CTraceFilter {
 public:
@@ -22,16 +22,16 @@ public:
     CTraceFilter(const CTraceFilter&) = delete;
     CTraceFilter& operator=(const CTraceFilter&) = delete;
 
-    // Each answers an empty text, or what is wrong with the argument.
-    std::string SetSince(const std::string& text);
-    std::string SetUntil(const std::string& text);
+    // Each returns an empty text, or what is wrong with the argument.
+    [[nodiscard]] std::string SetSince(const std::string& text);
+    [[nodiscard]] std::string SetUntil(const std::string& text);
     // Names between commas, in any case.
-    std::string SetLevels(const std::string& text);
+    [[nodiscard]] std::string SetLevels(const std::string& text);
     // Numbers between commas.
-    std::string SetPids(const std::string& text);
-    std::string SetTids(const std::string& text);
+    [[nodiscard]] std::string SetPids(const std::string& text);
+    [[nodiscard]] std::string SetTids(const std::string& text);
     // A POSIX extended regular expression, searched in "Level:text".
-    std::string SetPattern(const std::string& text);
+    [[nodiscard]] std::string SetPattern(const std::string& text);
 
     bool Accepts(const CTraceRecord& record) const;
 

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <new>
 
 namespace {
 
@@ -15,22 +16,23 @@ constexpr size_t NAME_GROUPS = 8;
 const regex_t& NamePattern() {
     static const regex_t* const s_pattern = [] {
         static regex_t s_regex;
-        regcomp(&s_regex,
-                "^(.+)_(info|warning|error|fatal)_([0-9]{2})([0-9]{2})([0-9]{4})"
-                "_([0-9]{1,10})\\.([0-9]{1,10})\\.log$",
-                REG_EXTENDED);
+        if (regcomp(&s_regex,
+                    "^(.+)_(info|warning|error|fatal)_([0-9]{2})([0-9]{2})([0-9]{4})"
+                    "_([0-9]{1,10})\\.([0-9]{1,10})\\.log$",
+                    REG_EXTENDED) != 0) {
+            throw std::bad_alloc();
+        }
         return &s_regex;
     }();
     return *s_pattern;
 }
 
-}  // namespace
-
-bool ParseTraceName(std::string_view path, CTraceName& name) {
-    const std::string file(path.substr(path.rfind('/') + 1));
+// All but the folder.
+CTraceName ParseTraceName(const std::string& file) {
+    CTraceName name;
     regmatch_t groups[NAME_GROUPS];
     if (regexec(&NamePattern(), file.c_str(), NAME_GROUPS, groups, 0) != 0) {
-        return false;
+        return name;
     }
     const auto text = [&](size_t i) {
         return file.substr(static_cast<size_t>(groups[i].rm_so),
@@ -42,7 +44,7 @@ bool ParseTraceName(std::string_view path, CTraceName& name) {
     name.m_date = (number(5) * 100 + number(3)) * 100 + number(4);
     name.m_sequence = number(6);
     name.m_pid = number(7);
-    return true;
+    return name;
 }
 
 std::string FolderOf(std::string_view path) {
@@ -54,6 +56,14 @@ std::string FolderOf(std::string_view path) {
     return error ? folder : place;
 }
 
+}  // namespace
+
+CTraceName NameOfTraceFile(std::string_view path) {
+    CTraceName name = ParseTraceName(std::string(path.substr(path.rfind('/') + 1)));
+    name.m_folder = FolderOf(path);
+    return name;
+}
+
 bool FindTraceFiles(const std::string& folder, std::string_view process,
                     std::vector<std::string>& paths) {
     DIR* const dir = opendir(folder.c_str());
@@ -61,8 +71,8 @@ bool FindTraceFiles(const std::string& folder, std::string_view process,
         return false;
     }
     while (const dirent* const entry = readdir(dir)) {
-        CTraceName name;
-        if (ParseTraceName(entry->d_name, name) && (process.empty() || name.m_process == process)) {
+        const CTraceName name = ParseTraceName(entry->d_name);
+        if (name.IsGiven() && (process.empty() || name.m_process == process)) {
             paths.push_back(folder + "/" + entry->d_name);
         }
     }

@@ -6,8 +6,8 @@
 #include <vector>
 
 struct CTraceName {
-    // FolderOf the path, filled in by who compares files of several folders: another one is another
-    // machine's as a rule, where the same process id means nothing.
+    // Where the file is, written in one way only, whatever path led to it: another folder is
+    // another machine's as a rule, where the same process id means nothing.
     std::string m_folder;
     std::string m_process;
     // "info", "warning", "error" or "fatal".
@@ -17,6 +17,8 @@ struct CTraceName {
     long m_sequence = 0;
     long m_pid = 0;
 
+    // Whether the file has such a name; of another one only the folder is known.
+    bool IsGiven() const { return !m_kind.empty(); }
     // Of one process and kind: files that follow one another.
     bool IsSameSeries(const CTraceName& other) const {
         return m_process == other.m_process && m_kind == other.m_kind && m_pid == other.m_pid &&
@@ -27,13 +29,10 @@ struct CTraceName {
     }
 };
 
-// Whether the path's last part is such a name; then all but the folder is filled in.
-bool ParseTraceName(std::string_view path, CTraceName& name);
-
-// The folder of a path, written in one way only, whatever way led to it.
-std::string FolderOf(std::string_view path);
+// The name that the path of a file ends in.
+CTraceName NameOfTraceFile(std::string_view path);
 
 // The paths of the trace files in a folder, sorted by name: all of them, or those of one process,
 // by their names alone. False with errno when the folder cannot be read.
-bool FindTraceFiles(const std::string& folder, std::string_view process,
-                    std::vector<std::string>& paths);
+[[nodiscard]] bool FindTraceFiles(const std::string& folder, std::string_view process,
+                                  std::vector<std::string>& paths);

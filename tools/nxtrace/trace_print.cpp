@@ -1,6 +1,7 @@
 #include "trace_print.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdlib>
 #include <string_view>
 
@@ -25,6 +26,7 @@ bool IsContinuation(std::string_view text, size_t at) {
 
 // The length of the UTF-8 character that the text begins with; 0 when it is none.
 size_t Utf8Length(std::string_view text) {
+    assert(!text.empty());
     const auto first = static_cast<unsigned char>(text[0]);
     const auto second = static_cast<unsigned char>(text.size() > 1 ? text[1] : '\0');
     const size_t length = first < 0x80                     ? 1
@@ -181,6 +183,7 @@ bool CTraceDuplicates::IsSecond(const CTraceRecord& record, const CTraceName& fi
         others.erase(copy);
         return true;
     }
+    assert(m_seen[side].size() <= MAX_SEEN);
     m_seen[side].push_back(std::move(own));
     if (m_seen[side].size() > MAX_SEEN) {
         m_seen[side].pop_front();

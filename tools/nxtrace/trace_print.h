@@ -46,7 +46,7 @@ class CTraceDuplicates {
 public:
     // Whether the same record was seen before in another kind of file of the same process and
     // folder.
-    bool IsSecond(const CTraceRecord& record, const CTraceName& file);
+    [[nodiscard]] bool IsSecond(const CTraceRecord& record, const CTraceName& file);
 
 private:
     struct CSeen {

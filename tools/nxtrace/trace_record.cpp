@@ -1,6 +1,7 @@
 #include "trace_record.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cctype>
 #include <cstdio>
 #include <cstring>
@@ -34,6 +35,7 @@ bool ParseHead(std::string_view line, CHead& h) {
     const int count =
         std::sscanf(text, "[%2d/%2d/%4d %2d:%2d:%2d.%3d pid=%11ld tid=%11ld]%n", &h.month, &h.day,
                     &h.year, &h.hour, &h.minute, &h.second, &h.ms, &h.pid, &h.tid, &length);
+    assert(length >= 0 && static_cast<size_t>(length) <= MAX_HEAD);
     h.length = static_cast<size_t>(length);
     return count == 9 && length > 0 && IsCalendar(h);
 }
@@ -66,12 +68,12 @@ size_t FindMarker(std::string_view content) {
     return at;
 }
 
-// Behind the header; without a sound one, perhaps at the very beginning.
+// After the header; without a sound one, perhaps at the very beginning.
 size_t FirstRecord(std::string_view content, bool hasHeader) {
     CTraceRecord record;
-    const bool isBehindDamage = content.size() > TRACE_HEADER_SIZE &&
-                                ParseRecord(content.substr(TRACE_HEADER_SIZE), record);
-    return hasHeader || isBehindDamage ? TRACE_HEADER_SIZE : 0;
+    const bool isAfterDamage = content.size() > TRACE_HEADER_SIZE &&
+                               ParseRecord(content.substr(TRACE_HEADER_SIZE), record);
+    return hasHeader || isAfterDamage ? TRACE_HEADER_SIZE : 0;
 }
 
 }  // namespace
@@ -111,6 +113,7 @@ void SplitRecords(std::string_view piece, std::vector<CTraceRecord>& records) {
             isInRecord = false;
         } else if (isInRecord) {
             CTraceRecord& last = records.back();
+            assert(line.end() >= last.m_line.end());
             const auto growth = static_cast<size_t>(line.end() - last.m_line.end());
             last.m_line = {last.m_line.data(), last.m_line.size() + growth};
             last.m_text = {last.m_text.data(), last.m_text.size() + growth};
@@ -146,6 +149,7 @@ bool ReadLayout(std::string_view content, CTraceLayout& layout) {
     const size_t start = FirstRecord(content, end != 0);
     if (marker != std::string_view::npos) {
         layout.m_end = std::max(marker, start);
+        assert(layout.m_end <= content.size());
         layout.m_newer = content.substr(start, layout.m_end - start);
         layout.m_older = content.substr(marker + TRACE_MARKER.size());
         return true;
@@ -153,7 +157,8 @@ bool ReadLayout(std::string_view content, CTraceLayout& layout) {
     // No marker: nothing tells newer from older but the header, if that. Where it points, a record
     // may have been half written when its writer was killed.
     layout.m_end = isInside ? end : content.size();
-    layout.m_newer = content.substr(std::min(start, content.size()), layout.m_end - start);
+    assert(start <= layout.m_end && layout.m_end <= content.size());
+    layout.m_newer = content.substr(start, layout.m_end - start);
     std::vector<CTraceRecord> records;
     SplitRecords(content.substr(layout.m_end), records);
     if (records.size() > 1) {

@@ -1,7 +1,7 @@
 // Trace files taken apart: the records in the bytes of a file, oldest first.
 //
 // A trace file is "%-31ld\n" with the offset of the marker, then records, then the marker line.
-// Records behind the marker are older: they were written before a shared file began again at
+// Records after the marker are older: they were written before a shared file began again at
 // offset 32, and the first of them may have lost its beginning.
 #pragma once
 
@@ -23,7 +23,7 @@ struct CTraceRecord {
     std::string_view m_level;
     // May hold line ends: a text of several lines is one record.
     std::string_view m_text;
-    // All of it, without the line end behind it.
+    // All of it, without the line end after it.
     std::string_view m_line;
 };
 
@@ -31,7 +31,7 @@ struct CTraceRecord {
 std::int64_t CalendarMs(int year, int month, int day, int hour, int minute, int second, int ms);
 
 // Whether the line begins like a record; then fills it, the line being all of it.
-bool ParseRecord(std::string_view line, CTraceRecord& record);
+[[nodiscard]] bool ParseRecord(std::string_view line, CTraceRecord& record);
 
 // Appends the records of a piece of a file. What stands before the first one is dropped: it is the
 // rest of a record that was overwritten, or damage.
@@ -47,9 +47,9 @@ struct CTraceLayout {
 };
 
 // The header's offset, or 0 when the first 32 bytes are no header.
-size_t ParseTraceHeader(std::string_view content);
+[[nodiscard]] size_t ParseTraceHeader(std::string_view content);
 
 // False when the bytes are not those of a trace file: neither header nor marker nor record. An
 // empty file is one without records. A header that does not point at the marker is not believed:
 // the marker is searched.
-bool ReadLayout(std::string_view content, CTraceLayout& layout);
+[[nodiscard]] bool ReadLayout(std::string_view content, CTraceLayout& layout);
