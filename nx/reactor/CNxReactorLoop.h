@@ -28,8 +28,8 @@ public:
     // The result of CNxReactorNotifyPipe::Notify.
     [[nodiscard]] NxResult NotifyHandler(INxEventHandler* handler, long mask) override;
 
-    // NX_OK when stopped, also before it was opened; NX_ERROR_FAILURE when the wait fails, and the
-    // loop may be run again. Once stopped it fires the events posted so far and refuses later ones.
+    // NX_OK when stopped, also while closed; NX_ERROR_FAILURE when the wait fails, and the loop may
+    // be run again. Once stopped it fires the events posted so far and refuses later ones.
     NxResult RunEventLoop() override;
 
     // Also before the loop runs, which then only fires what was posted. NX_OK.
@@ -43,9 +43,10 @@ private:
     // Close. NX_OK, or why it cannot be opened.
     [[nodiscard]] virtual NxResult OpenDemultiplexer() { return NX_OK; }
 
-    // Waits once, for at most `remaining` (s_tvMax(): without limit), and dispatches what is ready;
-    // fires the posted events if nothing else does. `timersFired` have fired in this turn.
-    // NX_OK, also when nothing came or a signal interrupted it; NX_ERROR_FAILURE ends the loop.
+    // Waits once, for at most `remaining` (s_tvMax(): without limit), dispatches what is ready and,
+    // where no record of the pipe does it, fires the posted events. `timersFired` is how many
+    // timers have fired in this turn. NX_OK, also when nothing came or a signal interrupted it;
+    // NX_ERROR_FAILURE ends the loop.
     [[nodiscard]] virtual NxResult WaitAndDispatch(const CNxTimeValue& remaining,
                                                    int timersFired) = 0;
 

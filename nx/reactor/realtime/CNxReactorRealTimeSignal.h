@@ -39,6 +39,10 @@ class CUntoldReadiness;
 // A signal says nothing about which opening of a descriptor it was for. Callbacks without readiness
 // happen, and find that the call would block; a failure, and what a handler hears that waits for a
 // connect, is checked with poll(2).
+//
+// Open also forgets the signals that wait, and asks the system for 81,920 queued ones where it
+// still has that setting. NX_ERROR_UNEXPECTED from it also means that the signals cannot be
+// blocked.
 class CNxReactorRealTimeSignal : public CNxReactorLoop {
 public:
     // Blocks the signals for the constructing thread.
@@ -51,10 +55,6 @@ public:
     // when that fails.
     [[nodiscard]] NxResult init();
     [[nodiscard]] NxResult init2();
-
-    // Open also forgets the signals that wait, and asks the system for 81,920 queued ones where it
-    // still has that setting. NX_ERROR_UNEXPECTED from it also means that the signals cannot be
-    // blocked.
 
     // Descriptors that are still registered raise no signals any more. NX_OK.
     NxResult Close() override;
