@@ -44,6 +44,7 @@
 #include <nx/reactor/CNxPipe.h>
 #include <nx/reactor/CNxReactorBase.h>
 #include <nx/reactor/CNxReactorEpoll.h>
+#include <nx/reactor/CNxReactorLoop.h>
 #include <nx/reactor/CNxReactorNotifyPipe.h>
 #include <nx/reactor/CNxReactorSelect.h>
 #include <nx/reactor/INxEventHandler.h>

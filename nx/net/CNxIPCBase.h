@@ -9,6 +9,9 @@ public:
     // The only option of Enable and Disable.
     enum : int { NON_BLOCK = 0 };
 
+    CNxIPCBase() = default;
+    explicit CNxIPCBase(int handle) : m_handle(handle) {}
+
     // -1 when there is no descriptor.
     int GetHandle() const { return m_handle; }
 

@@ -72,6 +72,7 @@ int CNxEventHandlerRepository::FillFdSets(fd_set& readSet, fd_set& writeSet,
     const int end = std::min(m_nMaxHandler, static_cast<int>(FD_SETSIZE));
     for (int i = 0; i < end; ++i) {
         const CElement& element = At(i);
+        assert(element.m_handler != nullptr || element.m_mask == 0);
         const int fd = element.m_handler != nullptr ? element.m_handler->GetHandle() : -1;
         if (fd < 0 || fd >= FD_SETSIZE) {
             continue;

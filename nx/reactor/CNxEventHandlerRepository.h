@@ -5,6 +5,7 @@
 #include <nx/reactor/INxEventHandler.h>
 #include <sys/select.h>
 
+#include <cassert>
 #include <cstddef>
 #include <memory>
 
@@ -21,7 +22,7 @@ public:
     // Sizes the table with SetRlimit(RLIMIT_NOFILE, 8192) and makes it, all free. NX_OK,
     // NX_ERROR_ALREADY_INITIALIZED when there is one, NX_ERROR_UNEXPECTED when the limit cannot be
     // had, NX_ERROR_FAILURE when there is no memory for it.
-    NxResult Open();
+    [[nodiscard]] NxResult Open();
 
     // Frees the table. NX_OK.
     NxResult Close();
@@ -34,21 +35,30 @@ public:
     // Whether the table is there and has a place for the descriptor.
     bool HasPlace(int fd) const { return m_pHandlers != nullptr && fd >= 0 && fd < m_nMaxHandler; }
 
-    // The registration of a descriptor that has a place.
-    CElement& At(int fd) { return m_pHandlers[static_cast<size_t>(fd)]; }
-    const CElement& At(int fd) const { return m_pHandlers[static_cast<size_t>(fd)]; }
+    // Whether the descriptor has a place, and a handler in it.
+    bool IsRegistered(int fd) const { return HasPlace(fd) && At(fd).m_handler != nullptr; }
 
+    // The registration of a descriptor that has a place.
+    CElement& At(int fd) {
+        assert(HasPlace(fd));
+        return m_pHandlers[static_cast<size_t>(fd)];
+    }
+    const CElement& At(int fd) const {
+        assert(HasPlace(fd));
+        return m_pHandlers[static_cast<size_t>(fd)];
+    }
+
+    // Raising the soft limit lowers a higher hard limit to the same value.
     // Makes sure that the process may use at least `wanted` of a resource (getrlimit(2)) and tells
     // in `actual` how many there are: the soft limit when it is `wanted` or more, else `wanted`
-    // after both limits were set to it, which also lowers a higher hard limit. Where that is not
-    // permitted the old soft limit stays. NX_OK; NX_ERROR_UNEXPECTED when the system calls fail or
-    // the soft limit is infinite.
-    static NxResult SetRlimit(int resource, int wanted, int& actual);
+    // after both limits were set to it. Where that is not permitted the old soft limit stays.
+    // NX_OK; NX_ERROR_UNEXPECTED when the system calls fail or the soft limit is infinite.
+    [[nodiscard]] static NxResult SetRlimit(int resource, int wanted, int& actual);
 
     // Adds the descriptor of every handler, asked with GetHandle(), to the read set (input and
     // connect bits) and the write set (output bits). The exception set is not touched; places and
-    // descriptors that an fd_set cannot hold (FD_SETSIZE) are passed over. The largest descriptor,
-    // or -1 without any.
+    // descriptors that an fd_set cannot hold (FD_SETSIZE) are passed over. Returns the largest
+    // descriptor, -1 without any.
     int FillFdSets(fd_set& readSet, fd_set& writeSet, fd_set& exceptionSet) const;
 
 private:

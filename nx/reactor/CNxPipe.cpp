@@ -19,7 +19,7 @@ bool CloseHandle(int& handle) {
 NxResult CNxPipe::Open(unsigned long size) {
     int handles[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, handles) != 0) {
-        return static_cast<NxResult>(-1);
+        return NX_ERROR_NOT_AVAILABLE;
     }
     m_readHandle = handles[0];
     m_writeHandle = handles[1];

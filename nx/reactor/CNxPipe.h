@@ -8,9 +8,9 @@ class CNxPipe {
 public:
     // Makes the pair, close-on-exec, with socket buffers of `size` bytes (at most 65535; the system
     // may round). Opening an open pipe loses its handles: Close comes first.
-    // NX_OK; -1, not a result code, when there is no socket pair; NX_ERROR_NOT_AVAILABLE when a
-    // buffer cannot be set, with both handles closed again.
-    NxResult Open(unsigned long size);
+    // NX_OK; NX_ERROR_NOT_AVAILABLE when there is no socket pair or a buffer cannot be set. After a
+    // failure the pipe is closed.
+    [[nodiscard]] NxResult Open(unsigned long size);
 
     // NX_OK, also when closed; NX_ERROR_FAILURE when a close fails. Closed in any case.
     NxResult Close();

@@ -2,6 +2,7 @@
 #include <nx/timer/CNxTimerQueueOrderedList.h>
 #include <pthread.h>
 
+#include <cassert>
 #include <utility>
 
 namespace {
@@ -32,18 +33,6 @@ NxResult CNxReactorBase::Open() {
     return opened;
 }
 
-NxResult CNxReactorBase::FinishOpen(NxResult opened) {
-    if (opened != NX_OK) {
-        Close();
-        return opened;
-    }
-    SetStartFlag();
-    if (GetPendingEventsCount() != 0) {
-        NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE);
-    }
-    return NX_OK;
-}
-
 NxResult CNxReactorBase::Close() {
     m_Est.EnsureSingleThread(c_name);
     m_pTimerQueue.reset();
@@ -68,7 +57,7 @@ NxResult CNxReactorBase::RegisterHandler(INxEventHandler* handler, long mask) {
         return NX_ERROR_INVALID_ARG;
     }
     const int fd = handler->GetHandle();
-    if (!m_EhRepository.HasPlace(fd) || m_EhRepository.At(fd).m_handler == nullptr) {
+    if (!m_EhRepository.IsRegistered(fd)) {
         return RegisterInFreePlace(fd, mask, handler);
     }
     CElement& element = m_EhRepository.At(fd);
@@ -76,13 +65,14 @@ NxResult CNxReactorBase::RegisterHandler(INxEventHandler* handler, long mask) {
         return NX_OK;
     }
     OnHandleRemoved(fd);
-    OnHandleRegister(fd, mask, handler);
+    // Whatever it returns: the handler of before is not to be called any more.
+    static_cast<void>(OnHandleRegister(fd, mask, handler));
     element = {handler, mask};
     return NX_ERROR_FOUND;
 }
 
-// The demultiplexer is asked first, about descriptors without a place too: its answer comes before
-// that of the table.
+// The demultiplexer is asked first, about descriptors without a place too: what it refuses is not
+// looked up.
 NxResult CNxReactorBase::RegisterInFreePlace(int fd, long mask, INxEventHandler* handler) {
     const NxResult watched = OnHandleRegister(fd, mask, handler);
     if (watched != NX_OK) {
@@ -105,7 +95,7 @@ NxResult CNxReactorBase::RemoveHandler(INxEventHandler* handler, long mask) {
         return NX_ERROR_INVALID_ARG;
     }
     const int fd = handler->GetHandle();
-    if (!m_EhRepository.HasPlace(fd) || m_EhRepository.At(fd).m_handler == nullptr) {
+    if (!m_EhRepository.IsRegistered(fd)) {
         return NX_OK;
     }
     const CElement element = m_EhRepository.At(fd);
@@ -132,6 +122,7 @@ NxResult CNxReactorBase::RemoveHandleWithoutFinding_i(int fd, const CElement& el
     }
     OnHandleRemoved(fd);
     if ((mask & NX_MASK_SHOULD_CALL) != 0) {
+        assert(element.m_handler != nullptr);
         element.m_handler->OnClose(fd, element.m_mask);
     }
     return NX_OK;
@@ -141,8 +132,8 @@ NxResult CNxReactorBase::PostEvent(INxEvent* event, INxEventQueue::EPriority pri
     size_t oldSize = 0;
     const NxResult posted = PostEventWithOldSize(event, priority, &oldSize);
     if (posted == NX_OK && oldSize == 0) {
-        // Needs no answer: a reactor that is full of wake-ups wakes, and Open looks for itself.
-        NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE);
+        // A reactor that is full of wake-ups wakes without this one, and Open looks for itself.
+        static_cast<void>(NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE));
     }
     return posted;
 }
@@ -181,11 +172,6 @@ NxResult CNxReactorBase::ProcessTimerTick() {
     return NX_OK;
 }
 
-int CNxReactorBase::FireTimers(CNxTimeValue& remaining) {
-    remaining = CNxTimeValue::s_tvMax();
-    return m_pTimerQueue != nullptr ? m_pTimerQueue->CheckExpire(&remaining) : 0;
-}
-
 NxResult CNxReactorBase::ProcessHandleEvent(int fd, long mask, long /*reason*/, int /*fromNotify*/,
                                             int dropConnect) {
     m_Est.EnsureSingleThread(c_name);
@@ -199,6 +185,9 @@ NxResult CNxReactorBase::ProcessHandleEvent(int fd, long mask, long /*reason*/, 
         return NX_ERROR_INVALID_ARG;
     }
     const CElement element = m_EhRepository.At(fd);
+    // A place is free, or it has a handler and what that is registered for.
+    assert((element.m_handler != nullptr) == (element.m_mask != 0));
+    assert((element.m_mask & ~NX_MASK_ALL_EVENTS) == 0);
     if (element.m_handler == nullptr) {
         return NX_ERROR_NOT_FOUND;
     }
@@ -248,19 +237,11 @@ NxResult CNxReactorBase::ProcessPostedEvents() {
     if (popped != NX_OK) {
         return popped;
     }
+    assert(!events.empty() && events.size() <= c_eventsPerTurn);
     const NxResult processed = ProcessEvents(events);
     if (remaining != 0) {
-        NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE);
+        // A reactor that is full of wake-ups comes back here without this one.
+        static_cast<void>(NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE));
     }
     return processed;
-}
-
-void CNxReactorBase::RunLastEvents() {
-    std::list<INxEvent*> events;
-    {
-        CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
-        SetStopped_i(true);
-        TakeAll_i(events);
-    }
-    ProcessEvents(events);
 }

@@ -1,5 +1,5 @@
-// What all reactors share: registration, removal, the dispatch of one readiness, the posted events
-// and the timers. A concrete reactor adds the waiting.
+// What all reactors share: registration, removal, dispatch, the posted events and the timers.
+// CNxReactorLoop adds the loop, a concrete reactor the waiting.
 #pragma once
 
 #include <memory>
@@ -15,8 +15,8 @@
 //
 // Events: accepted from construction on, so that work can be posted before the loop runs; what is
 // posted before Open fires once the loop runs. The end of the loop refuses what comes later: the
-// loop fires what was posted until then, and from there to the next Open every post and send is
-// answered with NX_ERROR_NOT_INITIALIZED and its event destroyed. Close discards what still waits.
+// loop fires what was posted until then, and from there to the next Open every post and send
+// returns NX_ERROR_NOT_INITIALIZED and its event is destroyed. Close discards what still waits.
 // A sender never hangs on a stopping reactor: it gets the event's result, NX_ERROR_NOT_INITIALIZED
 // or NX_ERROR_NOT_AVAILABLE.
 //
@@ -32,23 +32,24 @@ public:
     // Makes the calling thread the reactor's, and the timer queue and the table of registrations.
     // NX_OK, NX_ERROR_ALREADY_INITIALIZED when open, or why there is no table
     // (CNxEventHandlerRepository::Open).
-    NxResult Open() override;
+    [[nodiscard]] NxResult Open() override;
 
     // Drops timers, registrations and pending events. NX_OK. Not from within a callback.
     NxResult Close() override;
 
     // Puts the handler in the place of its descriptor's registration, if there is one.
     // NX_OK, also when nothing changes because handler and mask are those registered.
-    // NX_ERROR_FOUND when another registration was replaced, which counts as success.
+    // NX_ERROR_FOUND when another registration was replaced, which counts as success; also when the
+    // descriptor cannot be watched any more, so that the handler of before is not called for it.
     // NX_ERROR_INVALID_ARG for null, a mask without any bit of NX_MASK_ALL_EVENTS, or a descriptor
     // that has no place in the table: negative, above it, or any while the reactor is not open.
-    // Whatever the demultiplexer answers to a descriptor that it cannot watch; it is asked first.
+    // The result of OnHandleRegister for a descriptor that cannot be watched; it is asked first.
     // After a failure nothing is registered that was not before.
-    NxResult RegisterHandler(INxEventHandler* handler, long mask) override;
+    [[nodiscard]] NxResult RegisterHandler(INxEventHandler* handler, long mask) override;
 
+    // Goes by the descriptor: the registered handler may be another one.
     // NX_OK when the whole registration went or nothing of it was meant; NX_ERROR_FOUND when a part
-    // of it is left; NX_ERROR_INVALID_ARG for null or a mask without any bit of
-    // NX_MASK_ALL_EVENTS. Goes by the descriptor: the registered handler may be another one.
+    // of it is left; NX_ERROR_INVALID_ARG for null or a mask without any bit of NX_MASK_ALL_EVENTS.
     NxResult RemoveHandler(INxEventHandler* handler, long mask) override;
 
     // As CNxEventQueueUsingMutex; wakes the loop when the queue was empty.
@@ -69,22 +70,23 @@ public:
     void* GetCookie() override { return m_pCookie; }
     void SetCookie(void* cookie) override { m_pCookie = cookie; }
 
-    // The one point of dispatch. Calls the handler of `fd` for those events of `mask` that it is
-    // registered for: OnInput, then, if that answered 0 and left the registration in place,
-    // OnOutput. Another answer than 0, or NX_MASK_CLOSE in `mask`, removes the handler and calls
+    // The one point of dispatch. Calls the handler of `fd` for those bits of `mask` that it is
+    // registered for: OnInput, then, if that returned 0 and left the registration in place,
+    // OnOutput. Anything else than 0, or NX_MASK_CLOSE in `mask`, removes the handler and calls
     // its OnClose. With `dropConnect` a handler that waits for a connect is dropped uncalled.
-    // Descriptor -1 runs the posted events, at most 100,000; the rest comes in a later turn.
+    // Descriptor -1 fires the posted events, at most 100,000; the rest comes in a later turn.
+    // `reason` and `fromNotify` are for the caller's reader.
     // NX_OK, NX_ERROR_NOT_INITIALIZED without a table, NX_ERROR_INVALID_ARG for a descriptor
-    // outside of it, NX_ERROR_NOT_FOUND when nothing is registered or no event waits. `reason` and
-    // `fromNotify` are for the caller's reader.
+    // outside of it, NX_ERROR_NOT_FOUND when nothing is registered or no event waits. A loop has no
+    // use for it: the handler has heard what there was to hear.
     NxResult ProcessHandleEvent(int fd, long mask, long reason, int fromNotify, int dropConnect);
 
-    // Fires the due timers. NX_OK, NX_ERROR_NOT_INITIALIZED without a timer queue.
+    // Fires the due timers. NX_OK, NX_ERROR_NOT_INITIALIZED without a timer queue: then there is
+    // nothing to fire, so it may be dropped.
     NxResult ProcessTimerTick();
 
-    // Removes the events of `mask` from a registration of which `element` is a copy, and calls
-    // OnClose if the last of them goes and `mask` has NX_MASK_SHOULD_CALL. Results as
-    // RemoveHandler.
+    // Takes the bits of `mask` off a registration of which `element` is a copy, and calls OnClose
+    // if the last of them goes and `mask` has NX_MASK_SHOULD_CALL. Results as RemoveHandler.
     NxResult RemoveHandleWithoutFinding_i(int fd,
                                           const CNxEventHandlerRepository::CElement& element,
                                           long mask);
@@ -93,30 +95,20 @@ public:
     void Reset2CurrentThread() override;
 
     // The demultiplexer's part of a removal and of a registration. Registering with a null
-    // handler or a descriptor that cannot be watched answers an error and watches nothing.
+    // handler or a descriptor that cannot be watched returns an error and watches nothing.
     virtual void OnHandleRemoved(int fd) = 0;
-    virtual NxResult OnHandleRegister(int fd, long mask, INxEventHandler* handler) = 0;
+    [[nodiscard]] virtual NxResult OnHandleRegister(int fd, long mask,
+                                                    INxEventHandler* handler) = 0;
 
 protected:
-    // The last step of an Open. NX_OK starts the loop's flag and has the events run that were
-    // posted before there was anything to wake; anything else closes the reactor. Answers `opened`.
-    NxResult FinishOpen(NxResult opened);
-
-    // Fires the due timers and answers how many; `remaining` gets the time until the next one,
-    // s_tvMax() without any.
-    int FireTimers(CNxTimeValue& remaining);
-
-    // The end of the loop: refuses further events and fires those posted until now.
-    void RunLastEvents();
-
     CNxEnsureSingleThread m_Est;
     std::unique_ptr<CNxTimerQueueBase> m_pTimerQueue;
     CNxEventHandlerRepository m_EhRepository;
 
 private:
-    NxResult RegisterInFreePlace(int fd, long mask, INxEventHandler* handler);
+    [[nodiscard]] NxResult RegisterInFreePlace(int fd, long mask, INxEventHandler* handler);
     NxResult ProcessPostedEvents();
-    NxResult CallHandler(int fd, long mask, INxEventHandler* handler);
+    NxResult CallHandler(int fd, long active, INxEventHandler* handler);
     NxResult DropHandler(int fd, const INxEventHandler* handler);
 
     char m_szBuffer[65535] = {};

@@ -3,8 +3,10 @@
 #include <nx/reactor/CNxReactorNotifyPipe.h>
 #include <sys/socket.h>
 
+#include <cassert>
 #include <cerrno>
 #include <cstdint>
+#include <initializer_list>
 
 namespace {
 
@@ -16,12 +18,6 @@ struct CRecord {
     std::int64_t m_mask;
 };
 static_assert(sizeof(CRecord) == 16, "the record is written and read as it lies in memory");
-
-NxResult SetNonBlocking(int fd) {
-    CNxIPCBase ipc;
-    ipc.SetHandle(fd);
-    return ipc.Enable(CNxIPCBase::NON_BLOCK) == 0 ? NX_OK : NX_ERROR_FAILURE;
-}
 
 }  // namespace
 
@@ -60,8 +56,12 @@ NxResult CNxReactorNotifyPipe::OpenPipe() {
     if (opened != NX_OK) {
         return opened;
     }
-    const NxResult reading = SetNonBlocking(m_PipeNotify.GetReadHandle());
-    return reading == NX_OK ? SetNonBlocking(m_PipeNotify.GetWriteHandle()) : reading;
+    for (const int handle : {m_PipeNotify.GetReadHandle(), m_PipeNotify.GetWriteHandle()}) {
+        if (CNxIPCBase(handle).Enable(CNxIPCBase::NON_BLOCK) != 0) {
+            return NX_ERROR_FAILURE;
+        }
+    }
+    return NX_OK;
 }
 
 NxResult CNxReactorNotifyPipe::ClosePipe() {
@@ -107,8 +107,8 @@ int CNxReactorNotifyPipe::OnInput(int fd) {
     if (recv(fd, &record, sizeof(record), 0) != static_cast<ssize_t>(sizeof(record))) {
         return 0;
     }
-    m_records.fetch_sub(1);
-    // The pipe's own descriptor stands for a wake-up and nothing else.
+    [[maybe_unused]] const long records = m_records.fetch_sub(1);
+    assert(records > 0);
     if (record.m_fd != fd && m_pReactor != nullptr) {
         m_pReactor->ProcessHandleEvent(record.m_fd, record.m_mask, 0, 1, 0);
     }

@@ -12,7 +12,7 @@ class CNxReactorBase;
 
 // A member of its reactor, registered there like any other handler for the reading end of a
 // CNxPipe. Each notification is one record of 16 bytes in host byte order, written with one call:
-//     0  descriptor, signed 32 bits; -1 runs the posted events
+//     0  descriptor, signed 32 bits; -1 stands for the posted events
 //     4  zero
 //     8  mask, signed 64 bits
 // Open, Close and OnInput belong to the reactor's thread; Notify may be called on any thread, also
@@ -25,20 +25,21 @@ public:
     CNxReactorNotifyPipe(const CNxReactorNotifyPipe&) = delete;
     CNxReactorNotifyPipe& operator=(const CNxReactorNotifyPipe&) = delete;
 
-    // Opens the pipe and registers it. NX_OK, NX_ERROR_INVALID_ARG for null, NX_ERROR_FAILURE when
-    // the pipe cannot be made non-blocking, else what CNxPipe::Open or RegisterHandler answer
-    // (NX_ERROR_FOUND counts as a failure here). After a failure it is closed.
-    NxResult Open(CNxReactorBase* reactor);
+    // Opens the pipe, which must be closed, and registers it. NX_OK, NX_ERROR_INVALID_ARG for null,
+    // NX_ERROR_FAILURE when the pipe cannot be made non-blocking, else the result of CNxPipe::Open
+    // or RegisterHandler (NX_ERROR_FOUND counts as a failure here). After a failure it is closed.
+    [[nodiscard]] NxResult Open(CNxReactorBase* reactor);
 
-    // Takes the registration back and closes the pipe; what CNxPipe::Close answers.
+    // Takes the registration back and closes the pipe; the result of CNxPipe::Close. Closed in any
+    // case.
     NxResult Close();
 
     // Has the reactor dispatch `mask` to the descriptor of `handler`, or to -1 for null. The pipe
     // itself as the handler, with mask 0, only wakes the reactor. Never blocks.
     // NX_OK, NX_ERROR_NOT_INITIALIZED when closed, NX_ERROR_UNEXPECTED when the record does not
     // go in: the pipe is full (it takes some 170), so that the reactor is about to wake anyway. It
-    // then still runs the posted events that a null handler stands for.
-    NxResult Notify(INxEventHandler* handler, long mask);
+    // then still fires the posted events that a null handler stands for.
+    [[nodiscard]] NxResult Notify(INxEventHandler* handler, long mask);
 
     // Whether records wait that OnInput has not read. True may also mean one that is on its way.
     bool HasRecords() const { return m_records.load() > 0; }
@@ -46,19 +47,20 @@ public:
     // The reading end, -1 when closed.
     int GetHandle() const override;
 
-    // Reads one record and has it dispatched. 0.
+    // Reads one record and has it dispatched; the pipe's own descriptor in it stands for a wake-up
+    // and nothing else. 0.
     int OnInput(int fd) override;
 
 private:
-    NxResult OpenPipe();
+    [[nodiscard]] NxResult OpenPipe();
     NxResult ClosePipe();
-    bool Write(const void* record, size_t size) NX_REQUIRES(m_mutex);
+    [[nodiscard]] bool Write(const void* record, size_t size) NX_REQUIRES(m_mutex);
 
     mutable CNxMutexThread m_mutex;
     CNxPipe m_PipeNotify NX_GUARDED_BY(m_mutex);
     CNxReactorBase* m_pReactor = nullptr;
     // Counted before a record is written and after it is read, so it is never below their number.
     std::atomic<long> m_records{0};
-    // Posted events whose record found no room; the next record that is read runs them.
+    // The record for posted events found no room; after the next one that is read they are fired.
     std::atomic<bool> m_eventsOwed{false};
 };

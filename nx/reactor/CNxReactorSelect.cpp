@@ -1,52 +1,9 @@
 #include <nx/reactor/CNxReactorSelect.h>
 
+#include <cassert>
 #include <cerrno>
 
-CNxReactorSelect::~CNxReactorSelect() {
-    // Whoever destroys a reactor has it for himself.
-    Reset2CurrentThread();
-    // Here, because the removal calls hooks of this class.
-    m_NotifyPipe.Close();
-}
-
-NxResult CNxReactorSelect::Open() {
-    return FinishOpen(OpenParts());
-}
-
-NxResult CNxReactorSelect::OpenParts() {
-    const NxResult base = CNxReactorBase::Open();
-    return base == NX_OK ? m_NotifyPipe.Open(this) : base;
-}
-
-NxResult CNxReactorSelect::Close() {
-    m_NotifyPipe.Close();
-    return CNxReactorBase::Close();
-}
-
-NxResult CNxReactorSelect::NotifyHandler(INxEventHandler* handler, long mask) {
-    return m_NotifyPipe.Notify(handler, mask);
-}
-
-NxResult CNxReactorSelect::StopEventLoop() {
-    SetStopFlag();
-    m_NotifyPipe.Notify(&m_NotifyPipe, 0);
-    return NX_OK;
-}
-
-NxResult CNxReactorSelect::RunEventLoop() {
-    m_Est.EnsureSingleThread("a select reactor");
-    while (!IsStopped()) {
-        CNxTimeValue remaining;
-        FireTimers(remaining);
-        if (WaitAndDispatch(remaining) != NX_OK) {
-            return NX_ERROR_FAILURE;
-        }
-    }
-    RunLastEvents();
-    return NX_OK;
-}
-
-NxResult CNxReactorSelect::WaitAndDispatch(const CNxTimeValue& remaining) {
+NxResult CNxReactorSelect::WaitAndDispatch(const CNxTimeValue& remaining, int /*timersFired*/) {
     fd_set exceptionSet;
     FD_ZERO(&m_readSet);
     FD_ZERO(&m_writeSet);
@@ -64,12 +21,12 @@ NxResult CNxReactorSelect::WaitAndDispatch(const CNxTimeValue& remaining) {
     return NX_OK;
 }
 
-// `count` is the number of readiness that is left: none means that the rest need not be looked at.
+// `count` is how many descriptors of both sets are left: none means that the rest need not be
+// looked at.
 void CNxReactorSelect::ProcessFdSets_i(fd_set& ready, long mask, int& count, int maxFd) {
+    assert(count >= 0 && maxFd < FD_SETSIZE);
     for (int fd = 0; fd <= maxFd && count > 0; ++fd) {
-        const bool occupied =
-            m_EhRepository.HasPlace(fd) && m_EhRepository.At(fd).m_handler != nullptr;
-        if (occupied && FD_ISSET(fd, &ready)) {
+        if (m_EhRepository.IsRegistered(fd) && FD_ISSET(fd, &ready)) {
             --count;
             ProcessHandleEvent(fd, mask, 0, 0, 0);
         }

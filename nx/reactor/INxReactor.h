@@ -7,7 +7,8 @@
 #include <nx/timer/INxTimerQueue.h>
 
 // Any thread may call PostEvent, SendEvent, GetPendingEventsCount, NotifyHandler and StopEventLoop;
-// everything else belongs to the thread that called Open.
+// everything else belongs to the thread that called Open. The result codes are with the
+// implementations: CNxReactorBase and CNxReactorLoop have those that all reactors share.
 class INxReactor : public INxEventQueue, public INxTimerQueue {
 public:
     enum EReactorType { TYPE_EPOLL = 1, TYPE_REAL_TIME_SIGNAL = 2, TYPE_SELECT = 4 };
@@ -15,28 +16,30 @@ public:
     virtual int GetReactorType() = 0;
 
     // Opens the reactor on the thread that will run its loop.
-    virtual NxResult Open() = 0;
+    [[nodiscard]] virtual NxResult Open() = 0;
 
-    // Registers the handler for its descriptor and the events of `mask`. A registration that the
-    // descriptor has already is replaced, not merged.
-    virtual NxResult RegisterHandler(INxEventHandler* handler, long mask) = 0;
+    // Registers the handler for its descriptor, to be called for what `mask` has. A registration
+    // that the descriptor has already is replaced, not merged: NX_ERROR_FOUND, which counts as
+    // success.
+    [[nodiscard]] virtual NxResult RegisterHandler(INxEventHandler* handler, long mask) = 0;
 
-    // Takes the events of `mask` off the registration of the handler's descriptor, and the
+    // Takes the bits of `mask` off the registration of the handler's descriptor, and the
     // registration with the last of them. Never calls OnClose.
     virtual NxResult RemoveHandler(INxEventHandler* handler, long mask) = 0;
 
-    // Makes the loop dispatch `mask` to the handler's descriptor, as far as the handler is
-    // registered for it; a null handler stands for descriptor -1, the posted events.
-    virtual NxResult NotifyHandler(INxEventHandler* handler, long mask) = 0;
+    // Has the loop dispatch `mask` to the handler's descriptor, as far as the handler is registered
+    // for it; a null handler stands for descriptor -1, the posted events.
+    [[nodiscard]] virtual NxResult NotifyHandler(INxEventHandler* handler, long mask) = 0;
 
-    // Runs until StopEventLoop.
+    // Runs until StopEventLoop, or until the wait fails.
     virtual NxResult RunEventLoop() = 0;
     virtual NxResult StopEventLoop() = 0;
 
     // Ends the use of the reactor; registered handlers are not told. It may be opened again.
     virtual NxResult Close() = 0;
 
-    // A receive buffer that the handlers of this reactor share: good for the length of a callback.
+    // A receive buffer that the handlers of this reactor share, and its size in bytes: good for the
+    // length of a callback.
     virtual char* GetBufferPtr() = 0;
     virtual unsigned long GetBufferSize() = 0;
 

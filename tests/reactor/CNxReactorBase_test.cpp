@@ -69,16 +69,16 @@ protected:
 };
 
 TEST_F(ReactorBase, RefusingHandlerIsDroppedAndClosedOnce) {
-    m_reactor.RegisterHandler(&m_handler, c_readWrite);
+    EXPECT_EQ(m_reactor.RegisterHandler(&m_handler, c_readWrite), NX_OK);
     m_handler.m_onInput = [] { return -1; };
     EXPECT_EQ(Dispatch(5, c_readWrite), NX_OK);
     EXPECT_EQ(m_handler.m_outputs, 0);
     EXPECT_EQ(m_handler.m_closedWith, std::vector<long>{c_readWrite});
 
     m_handler.m_outputAnswer = 1;
-    m_reactor.RegisterHandler(&m_handler, NX_MASK_WRITE);
+    EXPECT_EQ(m_reactor.RegisterHandler(&m_handler, NX_MASK_WRITE), NX_OK);
     EXPECT_EQ(Dispatch(5, NX_MASK_OUTPUT), NX_OK);
-    m_reactor.RegisterHandler(&m_handler, NX_MASK_CONNECT);
+    EXPECT_EQ(m_reactor.RegisterHandler(&m_handler, NX_MASK_CONNECT), NX_OK);
     EXPECT_EQ(Dispatch(5, NX_MASK_CONNECT, 1), NX_OK);
     EXPECT_EQ(m_handler.m_closedWith,
               (std::vector<long>{c_readWrite, NX_MASK_WRITE, NX_MASK_CONNECT}));
@@ -88,22 +88,22 @@ TEST_F(ReactorBase, RefusingHandlerIsDroppedAndClosedOnce) {
 TEST_F(ReactorBase, CallbackThatChangesTheTableEndsItsOwnDispatch) {
     Handler other(5);
     for (const int answer : {0, -1}) {
-        m_reactor.RegisterHandler(&m_handler, c_readWrite);
+        EXPECT_EQ(m_reactor.RegisterHandler(&m_handler, c_readWrite), NX_OK);
         m_handler.m_onInput = [&] {
             m_reactor.RemoveHandler(&m_handler, NX_MASK_ALL_EVENTS);
             return answer;
         };
         EXPECT_EQ(Dispatch(5, c_readWrite), NX_OK);
-        m_reactor.RegisterHandler(&m_handler, c_readWrite);
+        EXPECT_EQ(m_reactor.RegisterHandler(&m_handler, c_readWrite), NX_OK);
         m_handler.m_onInput = [&] {
-            m_reactor.RegisterHandler(&other, c_readWrite);
+            EXPECT_EQ(m_reactor.RegisterHandler(&other, c_readWrite), NX_ERROR_FOUND);
             return answer;
         };
         EXPECT_EQ(Dispatch(5, c_readWrite), NX_OK);
         m_reactor.RemoveHandler(&other, NX_MASK_ALL_EVENTS);
     }
     // It keeps its place but gives up writing.
-    m_reactor.RegisterHandler(&m_handler, c_readWrite);
+    EXPECT_EQ(m_reactor.RegisterHandler(&m_handler, c_readWrite), NX_OK);
     m_handler.m_onInput = [&] {
         EXPECT_EQ(m_reactor.RemoveHandler(&m_handler, NX_MASK_WRITE), NX_ERROR_FOUND);
         return 0;

@@ -2,6 +2,7 @@
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/reactor/CNxReactorSelect.h>
 #include <nx/reactor/realtime/CNxReactorRealTimeSignal.h>
+#include <sys/resource.h>
 
 #include <memory>
 #include <string>
@@ -67,7 +68,7 @@ TYPED_TEST(ClosedReactors, ReopeningLeaksNothingAndForgetsOldRegistrations) {
         EventCounts counts;
         for (int round = 0; round < 20; ++round) {
             ASSERT_EQ(reactor.Open(), NX_OK);
-            reactor.RegisterHandler(&stale, NX_MASK_READ);
+            ASSERT_EQ(reactor.RegisterHandler(&stale, NX_MASK_READ), NX_OK);
             ASSERT_EQ(reactor.Close(), NX_OK);
         }
         ASSERT_EQ(reactor.Open(), NX_OK);
@@ -81,6 +82,58 @@ TYPED_TEST(ClosedReactors, ReopeningLeaksNothingAndForgetsOldRegistrations) {
         EXPECT_TRUE(counts.AllDestroyed());
     }
     EXPECT_EQ(CountDescriptors(), before);
+}
+
+TYPED_TEST(ClosedReactors, OpenWithoutDescriptorsFailsAndTakesNone) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    // Not less: Open raises it.
+    const rlimit enough{8192, limit.rlim_max};
+    if (setrlimit(RLIMIT_NOFILE, &enough) != 0) {
+        GTEST_SKIP() << "the limit of open descriptors is too low";
+    }
+    // A sanitizer's first look at a type takes descriptors.
+    ASSERT_EQ(TypeParam().Open(), NX_OK);
+    std::vector<int> taken;
+    for (int fd = 0; (fd = dup(STDERR_FILENO)) != -1;) {
+        taken.insert(taken.begin(), fd);
+    }
+    // The lowest first: select(2) takes no others.
+    const auto closeTaken = [&](size_t count) {
+        for (; count > 0; --count) {
+            close(taken.back());
+            taken.pop_back();
+        }
+    };
+    TypeParam reactor;
+    EventCounts counts;
+    std::vector<NxResult> results;
+    while ((results.empty() || results.back() != NX_OK) && results.size() < 10) {
+        results.push_back(reactor.Open());
+        closeTaken(1);
+    }
+    closeTaken(taken.size());
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_EQ(results.back(), NX_OK);
+    EXPECT_EQ(results[results.size() - 2], NX_ERROR_NOT_AVAILABLE);
+    // Two for the pipe, one for epoll.
+    EXPECT_EQ(results.size(), reactor.GetReactorType() == INxReactor::TYPE_EPOLL ? 4u : 3u);
+    StopSoon(reactor, counts);
+    EXPECT_EQ(reactor.RunEventLoop(), NX_OK);
+}
+
+TYPED_TEST(Reactors, SecondOpenClosesItAndTheLoopOfAClosedOneEnds) {
+    auto& reactor = this->m_reactor;
+    EXPECT_EQ(reactor.PostEvent(new CountedEvent(this->m_counts), c_normal), NX_OK);
+    EXPECT_EQ(reactor.StopEventLoop(), NX_OK);
+    EXPECT_EQ(reactor.RunEventLoop(), NX_OK);
+    EXPECT_EQ(this->m_counts.m_fired, 1);
+    ASSERT_EQ(reactor.Close(), NX_OK);
+    ASSERT_EQ(reactor.Open(), NX_OK);
+    EXPECT_EQ(reactor.Open(), NX_ERROR_ALREADY_INITIALIZED);
+    EXPECT_EQ(reactor.RunEventLoop(), NX_OK);
+    End end;
+    EXPECT_NE(reactor.NotifyHandler(&end, NX_MASK_READ), NX_OK);
 }
 
 // Two handlers ready in one batch; the first closes the second's descriptor and another handler
@@ -97,7 +150,7 @@ TYPED_TEST(Reactors, ReadinessOfARemovedHandlerIsNotGivenToTheNextOfItsNumber) {
         other.reset();
         newcomer = std::make_unique<End>();
         EXPECT_EQ(newcomer->GetHandle(), number);
-        reactor.RegisterHandler(newcomer.get(), NX_MASK_READ);
+        EXPECT_EQ(reactor.RegisterHandler(newcomer.get(), NX_MASK_READ), NX_OK);
         StopSoon(reactor, this->m_counts);
         return 0;
     };
@@ -121,7 +174,8 @@ TYPED_TEST(ClosedReactors, NothingIsLostOrWrittenElsewhereWhileTheReactorClosesA
     const auto post = [&] {
         while (!finished.load()) {
             reactor.PostEvent(new CountedEvent(counts), c_normal);
-            reactor.NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE);
+            // Has no room, or nobody to wake, from time to time.
+            static_cast<void>(reactor.NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE));
             std::this_thread::yield();
         }
     };

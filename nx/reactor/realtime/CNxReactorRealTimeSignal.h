@@ -2,15 +2,15 @@
 // (F_SETSIG, fcntl(2)) that the loop takes with sigtimedwait(2).
 #pragma once
 
-#include <pthread.h>
+#include <sys/types.h>
 
-#include <atomic>
 #include <csignal>
-#include <deque>
+#include <memory>
 
-#include <nx/foundation/CNxMutexThread.h>
-#include <nx/reactor/CNxReactorBase.h>
-#include <nx/reactor/CNxReactorNotifyPipe.h>
+#include <nx/reactor/CNxReactorLoop.h>
+
+class CSignalledThread;
+class CUntoldReadiness;
 
 // At most one per process: its descriptors' signals belong to the process, and another reactor
 // would take them.
@@ -21,9 +21,9 @@
 // handler in the place of their default action, which would end the process, and it turns what it
 // gets into an overflow.
 //
-// One turn of the loop: look at the stop flag, fire due timers, wait for one signal and dispatch
-// it. What was readable or writable before it was registered comes when no signal waits, or after
-// 1024 of them, and so do the posted events, so that a flood of these holds up neither.
+// The wait of one turn takes one signal and dispatches it. What was readable or writable before it
+// was registered comes when no signal waits, or after 1024 of them, and so do the posted events, so
+// that a flood of these holds up neither.
 //
 // Edge-triggered like epoll: a handler reads (writes) until the call would block. Registering sets
 // the descriptor's status flags to O_RDWR | O_NONBLOCK | O_ASYNC, removing it sets them to 0, so
@@ -39,7 +39,11 @@
 // A signal says nothing about which opening of a descriptor it was for. Callbacks without readiness
 // happen, and find that the call would block; a failure, and what a handler hears that waits for a
 // connect, is checked with poll(2).
-class CNxReactorRealTimeSignal : public CNxReactorBase {
+//
+// Open also forgets the signals that wait, and asks the system for 81,920 queued ones where it
+// still has that setting. NX_ERROR_UNEXPECTED from it also means that the signals cannot be
+// blocked.
+class CNxReactorRealTimeSignal : public CNxReactorLoop {
 public:
     // Blocks the signals for the constructing thread.
     explicit CNxReactorRealTimeSignal(std::unique_ptr<CNxTimerQueueBase> timerQueue = nullptr);
@@ -47,26 +51,19 @@ public:
 
     int GetReactorType() override { return TYPE_REAL_TIME_SIGNAL; }
 
-    // Block the signals for the calling thread. NX_OK, NX_ERROR_UNEXPECTED when that fails.
-    NxResult init();
-    NxResult init2();
-
-    // Also blocks the signals for the calling thread, forgets those that wait, and asks the system
-    // for 81,920 queued signals where it still has that setting.
-    // NX_OK; NX_ERROR_UNEXPECTED when the signals cannot be blocked; else the result of
-    // CNxReactorBase::Open or CNxReactorNotifyPipe::Open. After a failure the reactor is closed, an
-    // already open one as well.
-    NxResult Open() override;
+    // Block the signals for the calling thread; Open does it by itself. NX_OK, NX_ERROR_UNEXPECTED
+    // when that fails.
+    [[nodiscard]] NxResult init();
+    [[nodiscard]] NxResult init2();
 
     // Descriptors that are still registered raise no signals any more. NX_OK.
     NxResult Close() override;
 
-    // With a handler what CNxReactorNotifyPipe::Notify answers. For null NX_OK, or NX_ERROR_FAILURE
-    // while the reactor is closed and when the signal queue is full; then the posted events run
-    // all the same.
-    NxResult NotifyHandler(INxEventHandler* handler, long mask) override;
+    // With a handler as CNxReactorLoop. For null NX_OK, or NX_ERROR_FAILURE while the reactor is
+    // closed and when the signal queue is full; then the posted events fire all the same.
+    [[nodiscard]] NxResult NotifyHandler(INxEventHandler* handler, long mask) override;
 
-    // NX_OK, when stopped. Once stopped it fires the events posted so far and refuses later ones.
+    // NX_OK, when stopped. May run on another thread than Open, after Reset2CurrentThread there.
     NxResult RunEventLoop() override;
 
     // NX_OK. NX_ERROR_FAILURE while the reactor is closed and, on another thread than the
@@ -76,58 +73,28 @@ public:
     // NX_ERROR_UNEXPECTED for null or when the descriptor cannot be set up; NX_ERROR_FAILURE when
     // it has failed or its peer has hung up already. Input, or room for output, that is there
     // already is dispatched by the loop. With NX_MASK_CONNECT only the outcome of a connect is.
-    NxResult OnHandleRegister(int fd, long mask, INxEventHandler* handler) override;
+    [[nodiscard]] NxResult OnHandleRegister(int fd, long mask, INxEventHandler* handler) override;
     void OnHandleRemoved(int fd) override;
 
     // Nothing; no code installs it.
     static void TimerTickFun(int /*signal*/) {}
 
 private:
-    // A dispatch that no signal will ask for.
-    struct CReady {
-        int m_fd;
-        long m_mask;
-    };
-
-    NxResult OpenParts();
-    NxResult BlockSignals();
-    int SetProcRtsigMax_i(int wanted);
-    void ForgetWaitingSignals();
-    void TakeOver();
+    [[nodiscard]] NxResult OpenDemultiplexer() override;
+    [[nodiscard]] NxResult WaitAndDispatch(const CNxTimeValue& remaining, int timersFired) override;
     void LeaveThread();
-    bool IsRegistered(int fd) const;
-
-    NxResult CheckReadiness(int fd, long mask);
-    NxResult CheckPollIn_i(int fd);
-    void CheckConnect(int fd);
-    void CheckPollOut(int fd);
-
-    void WaitAndDispatch(const CNxTimeValue& remaining);
-    int Wait(siginfo_t& info, const CNxTimeValue& remaining);
     void HandleSignal(const siginfo_t& info);
     void HandleReadiness(int fd, long band);
-    void HandleOverflow(int result, int error);
+    void HandleOverflow(int signal, int error);
     bool HasDeferred() const;
     void RunDeferred();
-    void PollAll();
 
-    sigset_t m_signals;
-    const int m_signal;
-    CNxReactorNotifyPipe m_NotifyPipe;
     pid_t m_pid = 0;
-    // Whoever sends the thread a signal holds the mutex, so that it is there.
-    CNxMutexThread m_threadMutex;
-    pthread_t m_thread NX_GUARDED_BY(m_threadMutex){};
-    int m_bSignalOverFlowing = 0;
-
-    bool m_isThreadThere NX_GUARDED_BY(m_threadMutex) = false;
-    bool m_isStopQueued NX_GUARDED_BY(m_threadMutex) = false;
-    // A wake-up is under way that covers everything posted until it is cleared.
-    std::atomic<bool> m_isWakeQueued{false};
-
-    // For a time when no signal waits.
-    std::deque<CReady> m_ready;
-    bool m_eventsDue = false;
-    bool m_pollAllDue = false;
+    const std::unique_ptr<CSignalledThread> m_thread;
+    // With the posted events and the records of the pipe: what is deferred to a time when no signal
+    // waits.
+    const std::unique_ptr<CUntoldReadiness> m_untold;
     int m_signalsTaken = 0;
+    // 1 from an overflow to the next signal that is none.
+    int m_bSignalOverFlowing = 0;
 };

@@ -1,0 +1,56 @@
+// The loop of every reactor, and how other threads wake and stop it.
+#pragma once
+
+#include <nx/reactor/CNxReactorBase.h>
+#include <nx/reactor/CNxReactorNotifyPipe.h>
+
+// A concrete reactor derives from it and adds the waiting: WaitAndDispatch, OnHandleRegister,
+// OnHandleRemoved and, if there is something to open for them, OpenDemultiplexer.
+//
+// One turn: look at the stop flag, fire the timers that are due, wait and dispatch.
+class CNxReactorLoop : public CNxReactorBase {
+public:
+    using CNxReactorBase::CNxReactorBase;
+
+    // On any thread that has the reactor for itself. Registered handlers are not told, and the
+    // hooks not called.
+    ~CNxReactorLoop() override;
+
+    // A second Open of an open reactor closes it.
+    // NX_OK; NX_ERROR_ALREADY_INITIALIZED when it was open; else what failed first of
+    // OpenDemultiplexer, CNxReactorBase::Open and CNxReactorNotifyPipe::Open. After a failure the
+    // reactor is closed.
+    [[nodiscard]] NxResult Open() override;
+
+    // Its loop then ends at once, should it be run. NX_OK. Not from within a callback.
+    NxResult Close() override;
+
+    // The result of CNxReactorNotifyPipe::Notify.
+    [[nodiscard]] NxResult NotifyHandler(INxEventHandler* handler, long mask) override;
+
+    // NX_OK when stopped, also while closed; NX_ERROR_FAILURE when the wait fails, and the loop may
+    // be run again. Once stopped it fires the events posted so far and refuses later ones.
+    NxResult RunEventLoop() override;
+
+    // Also before the loop runs, which then only fires what was posted. NX_OK.
+    NxResult StopEventLoop() override;
+
+protected:
+    CNxReactorNotifyPipe m_NotifyPipe;
+
+private:
+    // Opens what the reactor waits with, as the first step of Open. After a failure Open calls
+    // Close. NX_OK, or why it cannot be opened.
+    [[nodiscard]] virtual NxResult OpenDemultiplexer() { return NX_OK; }
+
+    // Waits once, for at most `remaining` (s_tvMax(): without limit), dispatches what is ready and,
+    // where no record of the pipe does it, fires the posted events. `timersFired` is how many
+    // timers have fired in this turn. NX_OK, also when nothing came or a signal interrupted it;
+    // NX_ERROR_FAILURE ends the loop.
+    [[nodiscard]] virtual NxResult WaitAndDispatch(const CNxTimeValue& remaining,
+                                                   int timersFired) = 0;
+
+    [[nodiscard]] NxResult OpenParts();
+    int FireTimers(CNxTimeValue& remaining);
+    void RunLastEvents();
+};
