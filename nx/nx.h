@@ -34,6 +34,7 @@
 #include <nx/foundation/CNxUtils.h>
 #include <nx/foundation/INxObserver.h>
 #include <nx/foundation/NxResult.h>
+#include <nx/foundation/NxThreadAnnotations.h>
 #include <nx/net/CNxIPAddress.h>
 #include <nx/net/CNxIPCBase.h>
 #include <nx/net/CNxInetAddr.h>

@@ -59,8 +59,9 @@ public:
     void StopAndDestoryPendingEvents() override;
 
     // As the timer queue; NX_ERROR_NOT_INITIALIZED before Open and after Close.
-    NxResult ScheduleTimer(INxTimerHandler* handler, void* token, const CNxTimeValue& interval,
-                           unsigned long count) override;
+    [[nodiscard]] NxResult ScheduleTimer(INxTimerHandler* handler, void* token,
+                                         const CNxTimeValue& interval,
+                                         unsigned long count) override;
     NxResult CancelTimer(INxTimerHandler* handler) override;
 
     // 65,535 bytes, shared by all handlers of the reactor: good for the length of a callback.

@@ -47,8 +47,9 @@ public:
     virtual void* GetCookie() = 0;
     virtual void SetCookie(void* cookie) = 0;
 
-    NxResult ScheduleTimer(INxTimerHandler* handler, void* token, const CNxTimeValue& interval,
-                           unsigned long count) override = 0;
+    [[nodiscard]] NxResult ScheduleTimer(INxTimerHandler* handler, void* token,
+                                         const CNxTimeValue& interval,
+                                         unsigned long count) override = 0;
     NxResult CancelTimer(INxTimerHandler* handler) override = 0;
 
     // Hands the reactor to the calling thread while its loop does not run. A reactor that is bound
