@@ -9,6 +9,14 @@ using TearDown = void (*)();
 
 std::atomic<TearDown> s_tearDown{nullptr};
 
+std::atomic<unsigned int> s_forks{0};
+
+void CountFork() {
+    s_forks.fetch_add(1, std::memory_order_relaxed);
+}
+
+[[maybe_unused]] const int s_forkNotice = pthread_atfork(nullptr, nullptr, &CountFork);
+
 // Forgets it first: what is made later during exit() is torn down as well.
 void RunTearDown() {
     const TearDown tearDown = s_tearDown.exchange(nullptr);
@@ -40,4 +48,8 @@ void CNxProcessWide::SetTearDownIfNone(TearDown tearDown) {
     if (s_tearDown.compare_exchange_strong(none, tearDown)) {
         std::atexit(&RunTearDown);
     }
+}
+
+unsigned int CNxProcessWide::CountForks() {
+    return s_forks.load(std::memory_order_relaxed);
 }

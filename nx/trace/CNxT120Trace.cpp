@@ -1,5 +1,6 @@
 #include <nx/config/init_file.h>
 #include <nx/foundation/CCancelOff.h>
+#include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxUtils.h>
 #include <nx/process/process_path.h>
 #include <nx/process/trace_setting.h>
@@ -107,7 +108,7 @@ CNxT120Trace::CNxT120Trace(const char* name, CNxT120TraceMapEntry* entries, cons
         m_day = stamp.m_day;
         m_month = stamp.m_month;
         m_pid = getpid();
-        m_forks = CountTraceForks();
+        m_forks = CNxProcessWide::CountForks();
     }
     read_config();
     m_enabled = get_bool_param(SECTION, "Enable", 0) != 0;
@@ -274,10 +275,10 @@ void CNxT120Trace::ReopenIfFull(TFile which, const CTraceStamp& stamp) {
 }
 
 void CNxT120Trace::NoticeFork(const CTraceStamp& stamp) {
-    if (m_forks == CountTraceForks()) {
+    if (m_forks == CNxProcessWide::CountForks()) {
         return;
     }
-    m_forks = CountTraceForks();
+    m_forks = CNxProcessWide::CountForks();
     m_pid = getpid();
     ResetSequences();
     if (HasOpenFile()) {

@@ -1,27 +1,19 @@
+#include <nx/foundation/CNxProcessWide.h>
 #include <nx/trace/CTraceStamp.h>
 #include <pthread.h>
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cassert>
 #include <cstdio>
 
 namespace {
 
-std::atomic<unsigned int> s_forks{0};
-
-void CountFork() {
-    s_forks.fetch_add(1, std::memory_order_relaxed);
-}
-
-[[maybe_unused]] const int s_forkNotice = pthread_atfork(nullptr, nullptr, &CountFork);
-
 void Rebuild(CTraceStamp& stamp, time_t second) {
     tm local{};
     localtime_r(&second, &local);
     stamp.m_second = second;
-    stamp.m_forks = CountTraceForks();
+    stamp.m_forks = CNxProcessWide::CountForks();
     stamp.m_day = local.tm_mday;
     stamp.m_month = local.tm_mon + 1;
     stamp.m_year = local.tm_year + 1900;
@@ -37,17 +29,13 @@ void Rebuild(CTraceStamp& stamp, time_t second) {
 
 }  // namespace
 
-unsigned int CountTraceForks() {
-    return s_forks.load(std::memory_order_relaxed);
-}
-
 const CTraceStamp& CurrentTraceStamp() {
     // Without a constructor or destructor, so that it serves threads that outlive main, too.
     thread_local CTraceStamp s_stamp;
     timeval now{};
     gettimeofday(&now, nullptr);
     if (s_stamp.m_length == 0 || now.tv_sec != s_stamp.m_second ||
-        CountTraceForks() != s_stamp.m_forks) {
+        CNxProcessWide::CountForks() != s_stamp.m_forks) {
         Rebuild(s_stamp, now.tv_sec);
     }
     const auto ms = static_cast<unsigned int>(now.tv_usec / 1000);

@@ -20,7 +20,3 @@ struct CTraceStamp {
 // The calling thread's stamp, brought up to now; it changes at the thread's next call. The calendar
 // is worked out once a second and thread, the ids once a thread and fork.
 const CTraceStamp& CurrentTraceStamp();
-
-// How many forks lie between this process and the one that loaded the library. Children of fork(2)
-// are counted, not those of a bare clone(2).
-unsigned int CountTraceForks();
