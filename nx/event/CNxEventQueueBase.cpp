@@ -121,7 +121,8 @@ NxResult CNxEventQueueBase::ProcessOneEvent(INxEvent* event) {
     if (event == nullptr) {
         return NX_ERROR_INVALID_ARG;
     }
-    event->OnEventFire();
+    // A sent event's wrapper keeps the result for its sender; that of a posted one is nobody's.
+    static_cast<void>(event->OnEventFire());
     event->OnDestorySelf();
     return NX_OK;
 }

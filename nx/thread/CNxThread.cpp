@@ -230,7 +230,8 @@ NxResult CNxThread::Destory(long /*reason*/) {
 
 void CNxThread::Unregister() {
     if (m_registered.exchange(0) != 0) {
-        CNxThreadManager::Instance()->UnregisterThread(this);
+        // Not there when the manager was made anew meanwhile.
+        static_cast<void>(CNxThreadManager::Instance()->UnregisterThread(this));
     }
 }
 

@@ -161,7 +161,8 @@ NxResult CNxThreadManagerImp::InitMainThread(int /*argc*/, char** /*argv*/) {
     if (!CopyRegistry().empty()) {
         return NX_ERROR_ALREADY_INITIALIZED;
     }
-    BlockSignal();
+    // Only a reactor on signals needs it, and that one blocks them for its own thread as well.
+    static_cast<void>(BlockSignal());
     trace_setting_init();
     auto* const thread = new CNxThreadTask;
     const NxResult created = thread->Create(NX_THREAD_MAIN, FLAG_JOINABLE);
@@ -273,8 +274,9 @@ NxResult CNxThreadManagerImp::StopAllThreads(CNxTimeValue* timeout) {
         return NX_ERROR_FAILURE;
     }
     for (CNxThread* thread : CopyRegistry()) {
+        // One that cannot be stopped does not keep the others from it.
         if (thread->GetThreadType() != NX_THREAD_MAIN) {
-            thread->StopForCertain(timeout);
+            static_cast<void>(thread->StopForCertain(timeout));
         }
     }
     m_stopAsked.store(1);
