@@ -1,5 +1,6 @@
 #include <nx/event/CNxEventQueueBase.h>
 #include <nx/event/CNxEventSynchronous.h>
+#include <nx/foundation/CCancelOff.h>
 #include <pthread.h>
 
 #include <cassert>
@@ -53,6 +54,8 @@ NxResult CNxEventQueueBase::SendEvent(INxEvent* event) {
         event->OnDestorySelf();
         return result;
     }
+    // To the end of the scope: a post may be a cancellation point, and then the queue has it.
+    const CCancelOff cancelOff;
     CNxEventSynchronous wrapper(event, this);
     const NxResult posted = PostEvent(&wrapper, PRIORITY_NORMAL);
     return posted == NX_OK ? wrapper.WaitResult() : posted;

@@ -1,3 +1,4 @@
+#include <nx/foundation/CCancelOff.h>
 #include <nx/thread/CNxThread.h>
 #include <pthread.h>
 #include <sched.h>
@@ -93,6 +94,8 @@ NxResult CNxThread::RegisterAs(int type, unsigned long id, unsigned long handle)
 }
 
 NxResult CNxThread::StartSystemThread() {
+    // The new thread has the event that lies on this stack.
+    const CCancelOff cancelOff;
     CStartEvent startEvent;
     pthread_attr_t attributes;
     if (pthread_attr_init(&attributes) != 0) {
