@@ -1,4 +1,5 @@
 #include <nx/foundation/CCancelOff.h>
+#include <nx/reactor/INxReactor.h>
 #include <nx/thread/CNxThread.h>
 #include <pthread.h>
 #include <sched.h>
@@ -15,6 +16,16 @@ public:
 namespace {
 
 constexpr unsigned long c_maxProcessors = 1024;
+
+// Ends a reactor's loop from inside.
+class CStopLoop : public INxEvent {
+public:
+    explicit CStopLoop(INxReactor& reactor) : m_reactor(reactor) {}
+    NxResult OnEventFire() override { return m_reactor.StopEventLoop(); }
+
+private:
+    INxReactor& m_reactor;
+};
 
 std::atomic<int> s_systemThreads{0};
 
@@ -200,6 +211,23 @@ bool CNxThread::IsRunning() const {
 
 void CNxThread::BindToCallingThread() {
     SetThreadId(CNxThreadManager::GetThreadSelfId());
+    if (INxEventQueue* const events = GetEventQueue()) {
+        events->Reset2CurrentThread();
+    }
+    if (INxTimerQueue* const timers = GetTimerQueue()) {
+        timers->Reset2CurrentThread();
+    }
+    if (INxReactor* const reactor = GetReactor()) {
+        reactor->Reset2CurrentThread();
+    }
+}
+
+NxResult CNxThread::StopForCertain(CNxTimeValue* timeout) {
+    const NxResult stopped = Stop(timeout);
+    INxReactor* const reactor = GetReactor();
+    return stopped == NX_ERROR_FAILURE && reactor != nullptr
+               ? reactor->PostEvent(new CStopLoop(*reactor), INxEventQueue::PRIORITY_NORMAL)
+               : stopped;
 }
 
 bool CNxThread::DoesAnyRun() {
