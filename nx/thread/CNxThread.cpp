@@ -15,8 +15,6 @@ namespace {
 
 constexpr unsigned long c_maxProcessors = 1024;
 
-std::atomic<int> s_systemThreads{0};
-
 // Reads "1,3" into `set`; false when it names no processor.
 bool ParseCpuSet(const CNxString& text, cpu_set_t& set) {
     CPU_ZERO(&set);
@@ -104,14 +102,12 @@ NxResult CNxThread::StartSystemThread() {
     assert(m_life.load() == ELife::NONE && m_startEvent == nullptr);
     m_startEvent = &startEvent;
     m_life.store(ELife::STARTING);
-    s_systemThreads.fetch_add(1);
     pthread_t handle{};
     const int error = pthread_create(&handle, &attributes, &CNxThread::ThreadProc, this);
     pthread_attr_destroy(&attributes);
     if (error != 0) {
         m_startEvent = nullptr;
         m_life.store(ELife::NONE);
-        s_systemThreads.fetch_sub(1);
         return NX_ERROR_UNEXPECTED;
     }
     // From here on the object may delete itself: only locals are touched.
@@ -126,9 +122,7 @@ NxResult CNxThread::StartSystemThread() {
 void* CNxThread::ThreadProc(void* object) {
     auto* const thread = static_cast<CNxThread*>(object);
     if (thread != nullptr) {
-        const int counted = thread->m_life.load() == ELife::STARTING ? 1 : 0;
         thread->Run();
-        s_systemThreads.fetch_sub(counted);
     }
     return nullptr;
 }
@@ -197,10 +191,6 @@ bool CNxThread::IsRunning() const {
 
 void CNxThread::BindToCallingThread() {
     SetThreadId(CNxThreadManager::GetThreadSelfId());
-}
-
-bool CNxThread::DoesAnyRun() {
-    return s_systemThreads.load() != 0;
 }
 
 NxResult CNxThread::Stop(CNxTimeValue* /*timeout*/) {

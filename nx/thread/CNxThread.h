@@ -76,9 +76,6 @@ public:
     // Whether the library runs a system thread for this object at the moment.
     bool IsRunning() const;
 
-    // Whether any system thread of this library runs, also one that has left the registry.
-    static bool DoesAnyRun();
-
     // The processors that the thread may run on, as numbers with commas between them ("1,3"); empty
     // for all. Taken over when the thread starts; numbers from 1024 and what is no number are
     // ignored, a set of which nothing is left changes nothing.

@@ -39,12 +39,12 @@ inline constexpr int NX_THREAD_USER = 4097;
 //
 // Tear-down (at exit()): asks every registered thread except the main one to stop, joins them,
 // destroys the clean-up objects (CNxCleanUpBase) newest first, then the thread objects. A thread
-// that cannot be stopped or joined (a detached one, a loop on a thread of the application's own) is
-// left alone; as it may use any of them, all thread objects and the manager then stay too, and the
-// process exits all the same. When exit() is called within an event, its sender and those of the
-// events after it get NX_ERROR_NOT_AVAILABLE. When exit() runs on a thread other
-// than a registered main thread, no thread but that of the precise timers is stopped, and all
-// thread objects stay.
+// that cannot be stopped or joined (a detached one, any thread of the application's own) is left
+// alone. WHILE THE PROCESS HAS ANY OTHER THREAD, all thread objects, their queues and the manager
+// stay as well: it may post until the process is gone, and gets NX_ERROR_NOT_INITIALIZED. When
+// exit() is called within an event, its sender and those of the events after it get
+// NX_ERROR_NOT_AVAILABLE. When exit() runs on a thread other than a registered main thread, no
+// thread but that of the precise timers is stopped, and all thread objects stay.
 //
 // Any thread may call any operation. A thread object that a look-up returned is not protected
 // against being destroyed meanwhile: whoever destroys threads orders that with their users.

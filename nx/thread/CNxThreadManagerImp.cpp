@@ -9,6 +9,7 @@
 #include <nx/thread/CNxThreadReactor.h>
 #include <nx/thread/CNxThreadTask.h>
 #include <nx/thread/CNxTimerPreciseManager.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -35,11 +36,20 @@ bool IsEndedByManager(const CNxThread* thread) {
     return thread->GetEnd() == CNxThread::EEnd::AFTER_ALL_OTHERS;
 }
 
-// A loop on a thread of the application's own: nobody can tell whether it has ended.
-bool IsDrivenElsewhere(const CNxThread* thread) {
-    const unsigned long id = thread->GetThreadId();
-    return id != 0 && !CNxThreadManager::IsEqualCurrentThread(id) &&
-           thread->GetEnd() != CNxThread::EEnd::WITH_ANOTHER;
+constexpr int c_joinedIsGoneMs = 50;
+
+// Whether the process has no thread but the calling one; false also when the system does not tell.
+// A thread that was just joined may still be counted, so others are looked at a little longer.
+bool IsOnlyThread() {
+    for (int waited = 0; waited < c_joinedIsGoneMs; ++waited) {
+        struct stat tasks {};
+        // A folder has a link for itself, one from its parent, and one from each folder in it.
+        if (stat("/proc/self/task", &tasks) == 0 && tasks.st_nlink == 3) {
+            return true;
+        }
+        cnx_sleep_ms(1);
+    }
+    return false;
 }
 
 // Whether its loop will not be run any more: the caller is the one who would.
@@ -385,14 +395,12 @@ void CNxThreadManagerImp::StopAndJoinForTearDown() {
     }
 }
 
-// Destroys all or, while one runs that may use the others, none.
+// Destroys all or, while there is a thread that may use them, none.
 bool CNxThreadManagerImp::DestroyThreads() {
-    const std::vector<CNxThread*> threads = CopyRegistry();
-    if (CNxThread::DoesAnyRun() ||
-        std::any_of(threads.begin(), threads.end(), &IsDrivenElsewhere)) {
+    if (!IsOnlyThread()) {
         return false;
     }
-    for (CNxThread* thread : threads) {
+    for (CNxThread* thread : CopyRegistry()) {
         thread->Destory(0);
     }
     return true;

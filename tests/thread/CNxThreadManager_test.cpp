@@ -157,6 +157,45 @@ TEST_F(ProcessEnd, LoopOnAThreadOfTheApplicationDoesNotKeepTheProcess) {
     EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
 }
 
+// Posts to both until both refuse.
+void PostUntilRefused(INxEventQueue* first, INxEventQueue* second, std::atomic<bool>& refused) {
+    static EventCounts counts;
+    bool goOn = true;
+    while (goOn) {
+        const NxResult one = first->PostEvent(new CountedEvent(counts), c_normal);
+        const NxResult two = second->PostEvent(new CountedEvent(counts), c_normal);
+        goOn = one != NX_ERROR_NOT_INITIALIZED || two != NX_ERROR_NOT_INITIALIZED;
+    }
+    refused = true;
+    for (;;) {
+        first->PostEvent(new CountedEvent(counts), c_normal);
+        second->PostEvent(new CountedEvent(counts), c_normal);
+    }
+}
+
+TEST_F(ProcessEnd, ThreadsOfTheApplicationMayPostUntilTheProcessIsGone) {
+    const auto body = [] {
+        static std::atomic<bool> refused{false};
+        // Called after the tear-down.
+        std::atexit([] {
+            while (!refused) {
+                std::this_thread::yield();
+            }
+            CNxThreadManager::SleepMs(20);
+            std::fputs("all refused", stderr);
+        });
+        Must(Manager()->InitMainThread(0, nullptr));
+        INxEventQueue* const mainQueue = Manager()->GetThreadEventQueue(NX_THREAD_MAIN);
+        INxEventQueue* const workerQueue = StartWorker()->GetEventQueue();
+        std::thread(&PostUntilRefused, mainQueue, workerQueue, std::ref(refused)).detach();
+        while (mainQueue->GetPendingEventsCount() == 0) {
+            std::this_thread::yield();
+        }
+        std::exit(0);
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "all refused");
+}
+
 class EndlessThread : public CNxThread {
 public:
     void OnThreadRun() override {
