@@ -4,7 +4,8 @@
 
 #include <nx/foundation/CNxMutexThread.h>
 
-// Any thread may call any operation, at any time: nothing of this is ever destroyed.
+// Any thread may call any operation, at any time: nothing of this is ever destroyed. A forked child
+// finds both mutexes unlocked.
 class CNxProcessWide {
 public:
     // Held while a singleton is made or a clean-up object is registered or destroyed.
@@ -22,7 +23,7 @@ public:
     static void SetTearDownIfNone(void (*tearDown)());
 
     // How many forks lie between this process and the one that loaded the library. Children of
-    // fork(2) are counted, not those of a bare clone(2). What was noted in one process and is another
-    // number now belongs to a parent.
+    // fork(2) are counted, not those of a bare clone(2). What was noted in one process and is
+    // another number now belongs to a parent.
     static unsigned int CountForks();
 };

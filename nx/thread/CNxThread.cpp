@@ -1,3 +1,4 @@
+#include <nx/foundation/CNxProcessWide.h>
 #include <nx/thread/CNxThread.h>
 #include <pthread.h>
 #include <sched.h>
@@ -101,6 +102,7 @@ NxResult CNxThread::StartSystemThread() {
                                 joinable ? PTHREAD_CREATE_JOINABLE : PTHREAD_CREATE_DETACHED);
     assert(m_life.load() == ELife::NONE && m_startEvent == nullptr);
     m_startEvent = &startEvent;
+    m_forks = CNxProcessWide::CountForks();
     m_life.store(ELife::STARTING);
     pthread_t handle{};
     const int error = pthread_create(&handle, &attributes, &CNxThread::ThreadProc, this);
@@ -175,6 +177,9 @@ void CNxThread::RunLoop() {
 // Returns in which state it found the end of the thread to be claimed; NONE when there is nothing
 // to claim: no system thread, one that is not up yet, or one whose end is taken care of.
 CNxThread::ELife CNxThread::Claim() {
+    if (!IsOfThisProcess()) {
+        return ELife::NONE;
+    }
     ELife life = ELife::RUNNING;
     if (m_life.compare_exchange_strong(life, ELife::RUNNING_CLAIMED)) {
         return ELife::RUNNING;
@@ -186,7 +191,14 @@ CNxThread::ELife CNxThread::Claim() {
 
 bool CNxThread::IsRunning() const {
     const ELife life = m_life.load(std::memory_order_acquire);
-    return life == ELife::STARTING || life == ELife::RUNNING || life == ELife::RUNNING_CLAIMED;
+    const bool isUp =
+        life == ELife::STARTING || life == ELife::RUNNING || life == ELife::RUNNING_CLAIMED;
+    return isUp && IsOfThisProcess();
+}
+
+// A child of fork(2) has the object, but not the thread.
+bool CNxThread::IsOfThisProcess() const {
+    return m_forks == CNxProcessWide::CountForks();
 }
 
 void CNxThread::BindToCallingThread() {
@@ -208,7 +220,7 @@ NxResult CNxThread::Join() {
 }
 
 NxResult CNxThread::Destory(long /*reason*/) {
-    assert(m_life.load() != ELife::STARTING);
+    assert(m_life.load() != ELife::STARTING || !IsOfThisProcess());
     Unregister();
     if (!IsJoinable() && Claim() == ELife::RUNNING) {
         // The thread deletes the object at its end.

@@ -62,8 +62,8 @@ public:
     NxResult Destory(long reason);
 
     // Waits until the thread has ended. NX_OK; NX_ERROR_FAILURE when called on the thread itself,
-    // when there is nothing to join (never started, detached, joined before), or when the system
-    // refuses.
+    // when there is nothing to join (never started, detached, joined before, started by a parent
+    // of this process), or when the system refuses.
     NxResult Join();
 
     // The id is that of pthread_self(3) on the thread; 0 before it has one, and again when its run
@@ -73,7 +73,8 @@ public:
     int GetThreadType() const { return m_type; }
     unsigned long GetThreadHandle() const { return m_threadHandle; }
 
-    // Whether the library runs a system thread for this object at the moment.
+    // Whether the library runs a system thread for this object at the moment. Never in a forked
+    // child for a thread of its parent's.
     bool IsRunning() const;
 
     // The processors that the thread may run on, as numbers with commas between them ("1,3"); empty
@@ -127,6 +128,7 @@ private:
     void RunLoop();
     ELife Claim();
     void Unregister();
+    bool IsOfThisProcess() const;
     bool IsJoinable() const { return (m_flags & CNxThreadManager::FLAG_JOINABLE) != 0; }
 
     std::atomic<unsigned long> m_threadId{0};
@@ -136,6 +138,8 @@ private:
     std::atomic<int> m_registered{0};
     CNxString m_cpuSet;
     std::atomic<ELife> m_life{ELife::NONE};
+    // The process that has the system thread (CNxProcessWide::CountForks).
+    unsigned int m_forks = 0;
     // While STARTING; on the stack of the thread that is in Create.
     CStartEvent* m_startEvent = nullptr;
 };

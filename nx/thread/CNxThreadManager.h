@@ -46,6 +46,15 @@ inline constexpr int NX_THREAD_USER = 4097;
 // NX_ERROR_NOT_AVAILABLE. When exit() runs on a thread other than a registered main thread, no
 // thread but that of the precise timers is stopped, and all thread objects stay.
 //
+// After a fork(2) THE CHILD HAS ONE THREAD, and in its registry only the objects that stand for
+// that one; the types of the others are free. It may start threads of its own, and its precise
+// timers run on one that is. Pending precise timers of the parent do not fire in it. It must not
+// use the queues and reactors of the threads that it has not: what locked them does not run there.
+// At exit() a child that has registered no thread ends the clean-up objects that it has made
+// itself, and nothing else; one that has is torn down like any process, with the objects of the
+// thread that forked, but without its parent's other threads and clean-up objects, whose copies are
+// left as they are.
+//
 // Any thread may call any operation. A thread object that a look-up returned is not protected
 // against being destroyed meanwhile: whoever destroys threads orders that with their users.
 class CNxThreadManager {

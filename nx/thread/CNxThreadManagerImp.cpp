@@ -58,6 +58,35 @@ bool IsAbandoned(const CNxThread* thread) {
            CNxThreadManager::IsEqualCurrentThread(thread->GetThreadId());
 }
 
+CNxThreadManagerImp* GetIfMade() {
+    return static_cast<CNxThreadManagerImp*>(s_pThreadManagerOnlyOne.load());
+}
+
+// The order in which a start of the precise timers locks.
+void OnBeforeFork() {
+    CNxTimerPreciseManager::BeforeFork();
+    pthread_mutex_lock(&s_creationMutex);
+    if (GetIfMade() != nullptr) {
+        GetIfMade()->BeforeFork();
+    }
+}
+
+void OnForkInParent() {
+    if (GetIfMade() != nullptr) {
+        GetIfMade()->AfterForkInParent();
+    }
+    pthread_mutex_unlock(&s_creationMutex);
+    CNxTimerPreciseManager::AfterForkInParent();
+}
+
+void OnForkInChild() {
+    if (GetIfMade() != nullptr) {
+        GetIfMade()->AfterForkInChild();
+    }
+    pthread_mutex_unlock(&s_creationMutex);
+    CNxTimerPreciseManager::AfterForkInChild();
+}
+
 struct CMainThreadStart {
     CNxThread* m_thread;
     CNxEventThread m_takenOver;
@@ -82,6 +111,10 @@ CNxThreadManager* CNxThreadManager::Instance() {
     if (manager != nullptr) {
         return manager;
     }
+    // Before the lock, which a fork takes. Without the memory for it a forked child has its
+    // parent's threads in the registry.
+    [[maybe_unused]] static const int s_forkNotice =
+        pthread_atfork(&OnBeforeFork, &OnForkInParent, &OnForkInChild);
     pthread_mutex_lock(&s_creationMutex);
     manager = s_pThreadManagerOnlyOne.load(std::memory_order_relaxed);
     if (manager == nullptr) {
@@ -95,7 +128,7 @@ CNxThreadManager* CNxThreadManager::Instance() {
 }
 
 void CNxThreadManager::CleanupOnlyOne() {
-    auto* const manager = static_cast<CNxThreadManagerImp*>(s_pThreadManagerOnlyOne.load());
+    CNxThreadManagerImp* const manager = GetIfMade();
     if (manager == nullptr) {
         CNxCleanUpBase::CleanupAll();
         return;
@@ -317,6 +350,7 @@ NxResult CNxThreadManagerImp::RegisterThread(CNxThread* thread) {
         }
     }
     m_threads.push_back(thread);
+    m_forks = CNxProcessWide::CountForks();
     return NX_OK;
 }
 
@@ -355,7 +389,35 @@ bool CNxThreadManagerImp::IsMainOrHasNone() {
     return GetThread(NX_THREAD_MAIN) == nullptr || IsEqualCurrentThread(NX_THREAD_MAIN);
 }
 
+void CNxThreadManagerImp::BeforeFork() NX_NO_THREAD_SAFETY_ANALYSIS {
+    m_registryMutex.Lock();
+}
+
+void CNxThreadManagerImp::AfterForkInParent() NX_NO_THREAD_SAFETY_ANALYSIS {
+    m_registryMutex.UnLock();
+}
+
+void CNxThreadManagerImp::AfterForkInChild() NX_NO_THREAD_SAFETY_ANALYSIS {
+    m_threads.erase(std::remove_if(m_threads.begin(), m_threads.end(),
+                                   [](const CNxThread* thread) {
+                                       return !IsEqualCurrentThread(thread->GetThreadId());
+                                   }),
+                    m_threads.end());
+    m_stopAsked.store(0);
+    m_registryMutex.UnLock();
+}
+
+bool CNxThreadManagerImp::IsUsedByThisProcess() {
+    CNxMutexGuardT<CNxMutexThread> guard(m_registryMutex);
+    return m_forks == CNxProcessWide::CountForks();
+}
+
 bool CNxThreadManagerImp::TearDown() {
+    if (!IsUsedByThisProcess()) {
+        // A forked child without threads of its own: the rest is its parent's.
+        CNxCleanUpBase::CleanupAll();
+        return false;
+    }
     const bool mayStop = IsMainOrHasNone();
     if (mayStop) {
         // exit() may have been called within an event, for whose end a thread waits.

@@ -104,6 +104,21 @@ void CNxTimerPreciseManager::OnThreadRun() {
     }
 }
 
+// The bodies hand the mutex over to each other, where the analysis does not look.
+void CNxTimerPreciseManager::BeforeFork() NX_NO_THREAD_SAFETY_ANALYSIS {
+    GetMutex().Lock();
+}
+
+void CNxTimerPreciseManager::AfterForkInParent() NX_NO_THREAD_SAFETY_ANALYSIS {
+    GetMutex().UnLock();
+}
+
+void CNxTimerPreciseManager::AfterForkInChild() NX_NO_THREAD_SAFETY_ANALYSIS {
+    s_pPreciseTimerMgr.store(nullptr);
+    s_last.store(nullptr);
+    GetMutex().UnLock();
+}
+
 void CNxTimerPreciseManager::EndAndJoin() {
     CNxTimerPreciseManager* manager = Current();
     if (manager == nullptr || CNxThreadManager::IsEqualCurrentThread(manager->GetThreadId())) {

@@ -48,6 +48,11 @@ public:
     // run, or when called on it. The object stays registered.
     static void EndAndJoin();
 
+    // Around a fork: the child has no timer thread, and starts one of its own when it needs it.
+    static void BeforeFork();
+    static void AfterForkInParent();
+    static void AfterForkInChild();
+
     // Destroys an ended and joined manager, so that its thread type is free. False when there is
     // one that is not.
     static bool DestroyEnded();
