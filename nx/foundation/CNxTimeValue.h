@@ -44,6 +44,10 @@ public:
     // The wall clock now.
     static CNxTimeValue GetTimeOfDay() noexcept;
 
+    // The monotonic clock now: since some point in the past that is the same for the whole process,
+    // never set. For measuring how long something takes.
+    static CNxTimeValue GetMonotonicTime() noexcept;
+
     static constexpr CNxTimeValue s_tvZero() noexcept { return {0, 0}; }
 
     // The largest value: stands for "nothing pending" and "wait without limit".

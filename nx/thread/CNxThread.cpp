@@ -1,4 +1,6 @@
 #include <nx/foundation/CNxProcessWide.h>
+#include <nx/foundation/CNxTimeUtils.h>
+#include <nx/foundation/CNxTimeValue.h>
 #include <nx/thread/CNxThread.h>
 #include <pthread.h>
 #include <sched.h>
@@ -15,6 +17,7 @@ public:
 namespace {
 
 constexpr unsigned long c_maxProcessors = 1024;
+constexpr unsigned long c_pollMs = 5;
 
 // Reads "1,3" into `set`; false when it names no processor.
 bool ParseCpuSet(const CNxString& text, cpu_set_t& set) {
@@ -217,6 +220,17 @@ NxResult CNxThread::Join() {
         return NX_ERROR_FAILURE;
     }
     return pthread_join(m_threadHandle, nullptr) == 0 ? NX_OK : NX_ERROR_FAILURE;
+}
+
+// The system's own timed join goes by the wall clock.
+NxResult CNxThread::JoinUntil(const CNxTimeValue& deadline) {
+    while (IsJoinable() && IsRunning()) {
+        if (deadline <= CNxTimeValue::GetMonotonicTime()) {
+            return NX_ERROR_TIMEOUT;
+        }
+        cnx_sleep_ms(c_pollMs);
+    }
+    return Join();
 }
 
 NxResult CNxThread::Destory(long /*reason*/) {

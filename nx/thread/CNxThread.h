@@ -99,6 +99,9 @@ public:
     };
     virtual EEnd GetEnd() const { return EEnd::BY_STOP; }
 
+    // As Join. NX_ERROR_TIMEOUT when the thread has not ended at that point of the monotonic clock.
+    NxResult JoinUntil(const CNxTimeValue& deadline);
+
     // Stop, and where that cannot reach the loop another way that does.
     virtual NxResult StopForCertain(CNxTimeValue* timeout) { return Stop(timeout); }
 

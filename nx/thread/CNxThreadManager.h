@@ -39,10 +39,11 @@ inline constexpr int NX_THREAD_USER = 4097;
 //
 // Tear-down (at exit()): asks every registered thread except the main one to stop, joins them,
 // destroys the clean-up objects (CNxCleanUpBase) newest first, then the thread objects. A thread
-// that cannot be stopped or joined (a detached one, any thread of the application's own) is left
-// alone. WHILE THE PROCESS HAS ANY OTHER THREAD, all thread objects, their queues and the manager
-// stay as well: it may post until the process is gone, and gets NX_ERROR_NOT_INITIALIZED. When
-// exit() is called within an event, its sender and those of the events after it get
+// that cannot be told to stop is waited for up to a limit (SetTearDownLimit), after which a line on
+// stderr says which one it is. That one, detached ones and threads of the application's own are
+// left alone. WHILE THE PROCESS HAS ANY OTHER THREAD, all thread objects, their queues and the
+// manager stay as well: it may post until the process is gone, and gets NX_ERROR_NOT_INITIALIZED.
+// When exit() is called within an event, its sender and those of the events after it get
 // NX_ERROR_NOT_AVAILABLE. When exit() runs on a thread other than a registered main thread, no
 // thread but that of the precise timers is stopped, and all thread objects stay.
 //
@@ -144,6 +145,10 @@ public:
 
     // A new epoll reactor, not open yet. The caller owns it until it hands it to a thread.
     static INxReactor* CreateNetworkReactor();
+
+    // How long the tear-down waits, in all, for joinable threads that cannot be told to stop; 10 s
+    // unless set, not at all for zero or less. Before exit(), on any thread.
+    static void SetTearDownLimit(const CNxTimeValue& limit);
 
     // Nothing to do on this system. NX_OK.
     static NxResult SocketStartup();

@@ -3,6 +3,7 @@
 #include <nx/foundation/CNxEventThread.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxTimeUtils.h>
+#include <nx/foundation/CNxTimeValue.h>
 #include <nx/process/trace_setting.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/thread/CNxThreadManagerImp.h>
@@ -17,11 +18,14 @@
 #include <cassert>
 #include <csignal>
 #include <cstdio>
+#include <utility>
 
 namespace {
 
 std::atomic<CNxThreadManager*> s_pThreadManagerOnlyOne{nullptr};
 pthread_mutex_t s_creationMutex = PTHREAD_MUTEX_INITIALIZER;
+std::atomic<long> s_tearDownLimitMs{10000};
+constexpr CNxTimeValue c_noLimit(1000000000L);  // 30 years
 
 INxEventQueue* GetCallingThreadEventQueue() {
     return CNxThreadManager::Instance()->GetThreadEventQueue(NX_THREAD_CALLING);
@@ -56,6 +60,36 @@ bool IsOnlyThread() {
 bool IsAbandoned(const CNxThread* thread) {
     return thread->GetEnd() == CNxThread::EEnd::BY_APPLICATION ||
            CNxThreadManager::IsEqualCurrentThread(thread->GetThreadId());
+}
+
+// Whether it is on its way to its end: that is waited for however long it takes.
+bool StopForTearDown(CNxThread* thread) {
+    if (IsEndedByManager(thread) || thread->GetEnd() == CNxThread::EEnd::WITH_ANOTHER) {
+        return false;
+    }
+    if (IsAbandoned(thread)) {
+        // A thread that waits for a result could not be joined.
+        INxEventQueue* const queue = thread->GetEventQueue();
+        if (queue != nullptr) {
+            queue->StopAndDestoryPendingEvents();
+        }
+        return false;
+    }
+    const NxResult stopped = thread->StopForCertain(nullptr);
+    return !thread->IsRunning() || IsEnding(stopped);
+}
+
+// Threads that cannot be told to stop may come to their end all the same.
+void JoinWithinLimit(const std::vector<CNxThread*>& threads) {
+    const long limitMs = s_tearDownLimitMs.load();
+    const CNxTimeValue deadline =
+        CNxTimeValue::GetMonotonicTime() + CNxTimeValue(limitMs / 1000, limitMs % 1000 * 1000);
+    for (CNxThread* thread : threads) {
+        if (!IsEndedByManager(thread) && thread->JoinUntil(deadline) == NX_ERROR_TIMEOUT) {
+            std::fprintf(stderr, "nxbase: thread %d has not ended in %ld ms and is left behind\n",
+                         thread->GetThreadType(), limitMs);
+        }
+    }
 }
 
 CNxThreadManagerImp* GetIfMade() {
@@ -137,6 +171,11 @@ void CNxThreadManager::CleanupOnlyOne() {
     if (manager->TearDown()) {
         delete manager;
     }
+}
+
+void CNxThreadManager::SetTearDownLimit(const CNxTimeValue& limit) {
+    s_tearDownLimitMs.store(limit > c_noLimit ? c_noLimit.GetTotalInMsec()
+                                              : limit.GetTotalInMsec());
 }
 
 INxReactor* CNxThreadManager::CreateNetworkReactor() {
@@ -349,6 +388,7 @@ NxResult CNxThreadManagerImp::RegisterThread(CNxThread* thread) {
             return NX_ERROR_FOUND;
         }
     }
+    m_tearDownCopy.reserve(m_threads.size() + 1);
     m_threads.push_back(thread);
     m_forks = CNxProcessWide::CountForks();
     return NX_OK;
@@ -431,30 +471,27 @@ bool CNxThreadManagerImp::TearDown() {
     return mayStop && DestroyThreads();
 }
 
-// Joins only what is on its way to its end: a thread that cannot be stopped must not keep the
-// process.
+// For the thread of the tear-down alone. Threads that are registered meanwhile are not in it.
+std::vector<CNxThread*>& CNxThreadManagerImp::CopyForTearDown() {
+    CNxMutexGuardT<CNxMutexThread> guard(m_registryMutex);
+    assert(m_tearDownCopy.capacity() >= m_threads.size());
+    m_tearDownCopy.assign(m_threads.begin(), m_threads.end());
+    return m_tearDownCopy;
+}
+
 void CNxThreadManagerImp::StopAndJoinForTearDown() {
-    std::vector<CNxThread*> ending;
-    for (CNxThread* thread : CopyRegistry()) {
-        if (IsEndedByManager(thread) || thread->GetEnd() == CNxThread::EEnd::WITH_ANOTHER) {
-            continue;
-        }
-        if (IsAbandoned(thread)) {
-            // A thread that waits for a result could not be joined.
-            INxEventQueue* const queue = thread->GetEventQueue();
-            if (queue != nullptr) {
-                queue->StopAndDestoryPendingEvents();
-            }
-            continue;
-        }
-        const NxResult stopped = thread->StopForCertain(nullptr);
-        if (!thread->IsRunning() || IsEnding(stopped)) {
-            ending.push_back(thread);
+    std::vector<CNxThread*>& threads = CopyForTearDown();
+    size_t ending = 0;
+    for (CNxThread*& thread : threads) {
+        if (StopForTearDown(thread)) {
+            std::swap(threads[ending++], thread);
         }
     }
-    for (CNxThread* thread : ending) {
-        thread->Join();
+    for (size_t i = 0; i < ending; ++i) {
+        threads[i]->Join();
     }
+    threads.erase(threads.begin(), threads.begin() + static_cast<std::ptrdiff_t>(ending));
+    JoinWithinLimit(threads);
 }
 
 // Destroys all or, while there is a thread that may use them, none.
@@ -462,7 +499,7 @@ bool CNxThreadManagerImp::DestroyThreads() {
     if (!IsOnlyThread()) {
         return false;
     }
-    for (CNxThread* thread : CopyRegistry()) {
+    for (CNxThread* thread : CopyForTearDown()) {
         thread->Destory(0);
     }
     return true;

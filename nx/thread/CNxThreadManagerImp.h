@@ -64,10 +64,13 @@ private:
     std::vector<CNxThread*> CopyRegistry();
     bool IsUsedByThisProcess();
     bool IsMainOrHasNone();
+    std::vector<CNxThread*>& CopyForTearDown();
     void StopAndJoinForTearDown();
     bool DestroyThreads();
 
     std::vector<CNxThread*> m_threads NX_GUARDED_BY(m_registryMutex);
+    // Has room for the registry, so that the tear-down allocates nothing.
+    std::vector<CNxThread*> m_tearDownCopy NX_GUARDED_BY(m_registryMutex);
     CNxMutexThread m_registryMutex;
     // The process that was the last to register a thread (CNxProcessWide::CountForks).
     unsigned int m_forks NX_GUARDED_BY(m_registryMutex) = CNxProcessWide::CountForks();

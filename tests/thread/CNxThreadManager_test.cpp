@@ -208,10 +208,30 @@ public:
 TEST_F(ProcessEnd, ThreadThatCannotBeStoppedDoesNotKeepTheProcess) {
     const auto body = [] {
         Must(Manager()->InitMainThread(0, nullptr));
-        Must((new EndlessThread)->Create(Manager()->GetAndIncreamUserType(), c_joinable));
+        CNxThreadManager::SetTearDownLimit(CNxTimeValue(0, 50000));
+        Must((new EndlessThread)->Create(5000, c_joinable));
         std::exit(0);
     };
-    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "thread 5000 has not ended in 50 ms");
+}
+
+// Cannot be stopped, but comes to its end.
+class WorkingThread : public CNxThread {
+public:
+    ~WorkingThread() override { std::fputs("and destroyed", stderr); }
+    void OnThreadRun() override {
+        CNxThreadManager::SleepMs(100);
+        std::fputs("done ", stderr);
+    }
+};
+
+TEST_F(ProcessEnd, ThreadThatEndsByItselfIsWaitedFor) {
+    const auto body = [] {
+        Must(Manager()->InitMainThread(0, nullptr));
+        Must((new WorkingThread)->Create(Manager()->GetAndIncreamUserType(), c_joinable));
+        std::exit(0);
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "done and destroyed");
 }
 
 TEST_F(ProcessEnd, ExitOnAnotherThreadLeavesRunningThreadsAlone) {
