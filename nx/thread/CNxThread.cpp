@@ -1,3 +1,4 @@
+#include <nx/foundation/CCancelOff.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxTimeUtils.h>
 #include <nx/foundation/CNxTimeValue.h>
@@ -95,6 +96,8 @@ NxResult CNxThread::RegisterAs(int type, unsigned long id, unsigned long handle)
 }
 
 NxResult CNxThread::StartSystemThread() {
+    // The new thread has the event that lies on this stack.
+    const CCancelOff cancelOff;
     CStartEvent startEvent;
     pthread_attr_t attributes;
     if (pthread_attr_init(&attributes) != 0) {
@@ -246,7 +249,8 @@ NxResult CNxThread::Destory(long /*reason*/) {
 
 void CNxThread::Unregister() {
     if (m_registered.exchange(0) != 0) {
-        CNxThreadManager::Instance()->UnregisterThread(this);
+        // Not there when the manager was made anew meanwhile.
+        static_cast<void>(CNxThreadManager::Instance()->UnregisterThread(this));
     }
 }
 

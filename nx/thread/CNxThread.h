@@ -106,7 +106,7 @@ public:
     virtual NxResult StopForCertain(CNxTimeValue* timeout) { return Stop(timeout); }
 
     // Makes the calling thread the one that the object stands for and whose queues it has, while
-    // nobody runs its loop.
+    // nobody runs its loop. A kind that brings queues of its own overrides it and binds them too.
     virtual void BindToCallingThread();
 
 protected:

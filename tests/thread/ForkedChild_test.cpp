@@ -54,8 +54,10 @@ public:
         Must(Manager()->CreateUserTaskThread(m_worker, c_joinable, 1));
         Must(Manager()->CreateNetworkThread(NX_THREAD_NETWORK,
                                             CNxThreadManager::CreateNetworkReactor(), m_network));
-        m_timer = new CNxTimerPreciseWrapperID;
-        Must(m_timer->Schedule(new Sink, CNxTimeValue(0, 10000), 0, m_worker->GetThreadType()));
+        static Sink sink;
+        static auto* const timer = new CNxTimerPreciseWrapperID;
+        m_timer = timer;
+        Must(m_timer->Schedule(&sink, CNxTimeValue(0, 10000), 0, m_worker->GetThreadType()));
         new CountsItsEnd(*m_ended);
     }
 
@@ -123,7 +125,7 @@ TEST_F(ForkedChild, StartsAndEndsThreadsOfItsOwn) {
             network->GetEventQueue()->SendEvent(new CountedEvent(counts));
             StopHere(counts.m_fired == 1);
             static Sink sink;
-            auto* const timer = new CNxTimerPreciseWrapperID;
+            static auto* const timer = new CNxTimerPreciseWrapperID;
             Must(timer->Schedule(&sink, CNxTimeValue(0, 10000), 0, NX_THREAD_NETWORK));
             while (sink.m_calls == 0) {
                 std::this_thread::yield();
