@@ -1,6 +1,9 @@
+#include <fcntl.h>
 #include <iniparser/iniparser.h>
 #include <nx/config/CConfigFile.h>
 #include <nx/foundation/CNxUtils.h>
+#include <nx/foundation/high_descriptor.h>
+#include <nx/foundation/standard_streams.h>
 
 #include <algorithm>
 #include <cassert>
@@ -154,8 +157,13 @@ bool Dump(dictionary* ini, const CNxString& path) {
     if (!TidySections(ini)) {
         return false;
     }
-    FILE* const out = std::fopen(path.c_str(), "we");
+    const int fd =
+        ToHighDescriptor(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    FILE* const out = fd < 0 ? nullptr : fdopen(fd, "w");
     if (out == nullptr) {
+        if (fd >= 0) {
+            close(fd);
+        }
         return false;
     }
     const std::vector<Entry> original = QuoteValues(ini);
@@ -240,7 +248,7 @@ NxResult CConfigFile::SaveToOtherConfig(const CNxString& path) {
         return NX_ERROR_FAILURE;
     }
     if (!AllSurviveSaving(m_ini) || !Dump(m_ini, path)) {
-        std::fprintf(stderr, "SaveToOtherConfig: cannot open %s\n", path.c_str());
+        PrintToStderr("SaveToOtherConfig: cannot open %s\n", path.c_str());
         return NX_ERROR_FAILURE;
     }
     return NX_OK;

@@ -2,6 +2,7 @@
 #include <nx/foundation/CCancelOff.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxUtils.h>
+#include <nx/foundation/standard_streams.h>
 #include <nx/process/process_path.h>
 #include <nx/process/trace_setting.h>
 #include <nx/trace/CNxT120Trace.h>
@@ -236,7 +237,7 @@ void CNxT120Trace::Print(unsigned long level, const char* text) const {
     if (m_name != nullptr && category != nullptr) {
         std::snprintf(line, sizeof(line), "%s%s:%s\n", CurrentTraceStamp().m_text, category, text);
     }
-    std::printf("%s\n", line);
+    PrintToStdout("%s\n", line);
 }
 
 const CNxT120Trace::CLevelFile CNxT120Trace::LEVEL_FILES[] = {

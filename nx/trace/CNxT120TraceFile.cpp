@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <nx/foundation/CCancelOff.h>
+#include <nx/foundation/high_descriptor.h>
 #include <nx/trace/CNxT120TraceFile.h>
 #include <nx/trace/CTraceStamp.h>
 #include <sys/stat.h>
@@ -132,7 +133,8 @@ bool CNxT120TraceFile::attach() {
 
 bool CNxT120TraceFile::Open(bool keepsRecords) {
     assert(m_fd < 0 && !m_fileName.empty());
-    m_fd = open(m_fileName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY, 0666);
+    m_fd =
+        ToHighDescriptor(open(m_fileName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY, 0666));
     if (m_fd < 0) {
         return false;
     }

@@ -131,6 +131,25 @@ TEST_F(CNxT120TraceTest, RefreshingWhileThreadsTraceLosesAndTearsNothing) {
     std::printf("%zu lines, none lost\n", texts.size());
 }
 
+TEST_F(CNxT120TraceTest, AReaderOfStdoutThatHasGoneOrStallsHoldsNobodyUp) {
+    Configure("stdout=TRUE\n");
+    // The shell's status of the program, not of the reader; a stalled one reads nothing.
+    for (const char* const reader : {"true", "sleep 2"}) {
+        const std::string run = "(sleep 0.2; timeout 1.5 " + m_program + " quiet 3000; echo $? > " +
+                                m_folder.Path("status") + ") | " + reader;
+        OutputOf("bash -c '" + run + "'");
+        EXPECT_EQ(m_folder.Get("status"), "0\n") << reader;
+    }
+}
+
+TEST_F(CNxT120TraceTest, PrintsIntoNoneOfItsOwnDescriptorsWhenStdoutIsClosed) {
+    Configure("stdout=TRUE\n");
+    OutputOf("bash -c '" + m_program + " quiet 3 >&-'");
+    for (const auto& [name, texts] : AllLogs()) {
+        EXPECT_EQ(texts, (Texts{"Info:line 0", "Info:line 1", "Info:line 2"})) << name;
+    }
+}
+
 class CNxT120TraceClockTest : public CNxT120TraceTest {
 protected:
     void SetUp() override {

@@ -117,9 +117,12 @@ int main(int argc, char** argv) {
     if (CNxThreadManager::Instance()->InitMainThread(argc, argv) != NX_OK) {
         return 1;
     }
-    std::printf("pid=%d\n", getpid());
+    if (command != "quiet") {
+        std::printf("pid=%d\n", getpid());
+    }
     const std::map<std::string, std::function<void()>> commands = {
         {"levels", [&] { Levels(number(2)); }},
+        {"quiet", [&] { TraceLines("line", number(2)); }},
         {"lines", [&] { TraceLines("line", number(2)); }},
         {"refresh", [&] { Refresh(number(2), number(3)); }},
         {"leap", Leap},
