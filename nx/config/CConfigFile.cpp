@@ -4,6 +4,8 @@
 #include <nx/foundation/CNxUtils.h>
 #include <nx/foundation/high_descriptor.h>
 #include <nx/foundation/standard_streams.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cassert>
@@ -186,7 +188,10 @@ int CConfigFile::Open(const CNxString& path) {
         return -1;
     }
     m_path = path;
-    m_ini = iniparser_load(path.c_str());
+    // iniparser would wait for the writer of a FIFO.
+    struct stat status {};
+    const bool isOther = stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+    m_ini = isOther ? nullptr : iniparser_load(path.c_str());
     return m_ini == nullptr ? -1 : 0;
 }
 
