@@ -4,6 +4,7 @@
 #include <nx/foundation/standard_streams.h>
 #include <nx/trace/CNxT120TraceFile.h>
 #include <nx/trace/CTraceStamp.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -114,12 +115,6 @@ int OpenOrMake(const char* path, bool& isNew) {
     return ToHighDescriptor(fd);
 }
 
-// Whether no other user but root has made the file, or made it have a second name.
-bool IsSafe(const struct stat& status) {
-    return S_ISREG(status.st_mode) && status.st_nlink == 1 &&
-           (status.st_uid == geteuid() || status.st_uid == 0);
-}
-
 void SetLock(struct flock& lock, short type) {
     lock.l_type = type;
     lock.l_whence = SEEK_SET;
@@ -192,6 +187,11 @@ CNxMutexThread& CNxT120TraceFile::GetMutex() {
     return m_shared != 0 ? SharedFilesMutex() : m_mutex;
 }
 
+bool CNxT120TraceFile::IsSafe(const struct stat& status) {
+    return S_ISREG(status.st_mode) && status.st_nlink == 1 &&
+           (status.st_uid == geteuid() || status.st_uid == 0);
+}
+
 void CNxT120TraceFile::SetMode(int mode) {
     s_mode.store(mode, std::memory_order_relaxed);
 }
@@ -241,6 +241,11 @@ bool CNxT120TraceFile::Open(CClock::time_point deadline) {
     if (isNew && (mode >= 0 || m_shared != 0)) {
         // As it was made, if the file system knows no modes.
         static_cast<void>(fchmod(fd, mode >= 0 ? static_cast<mode_t>(mode) : 0666));
+    }
+    if (m_shared == 0) {
+        // For who removes old files; unlike the lock of a shared file it lasts as long as the file
+        // is open. Refused, it is told from its name alone.
+        static_cast<void>(flock(fd, LOCK_SH | LOCK_NB));
     }
     if (!Prepare(fd, deadline)) {
         close(fd);

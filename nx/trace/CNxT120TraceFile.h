@@ -27,6 +27,7 @@
 
 struct CTraceStamp;
 struct iovec;
+struct stat;
 
 // One file, as a rule owned by a CNxT120TraceFileMgr. Any thread may call any operation; locks
 // inside serialise them. A thread is not cancelled inside of one.
@@ -67,9 +68,12 @@ public:
     // already, is not shared or cannot be opened now; it is then tried again.
     [[nodiscard]] bool attach();
 
+    // Whether a file with that status would not be refused.
+    [[nodiscard]] static bool IsSafe(const struct stat& status);
+
     // The access mode of files that this process makes from now on, whatever its umask; -1, which
     // it is at first: 0666 for shared files, the umask's choice for private ones. Files that are
-    // there already keep theirs.
+    // there already keep theirs. The trace engine sets it whenever it reads its configuration.
     static void SetMode(int mode);
 
     // Whether the name is exactly this; false for null and for a file without a name.
