@@ -5,6 +5,7 @@
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxTimeUtils.h>
 #include <nx/foundation/CNxTimeValue.h>
+#include <nx/foundation/standard_streams.h>
 #include <nx/process/trace_setting.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/thread/CNxThreadManagerImp.h>
@@ -271,7 +272,7 @@ NxResult CNxThreadManagerImp::MainThreadDetachRun(CNxThread* thread) {
     CMainThreadStart start{thread, CNxEventThread(0, 0)};
     pthread_t handle{};
     if (pthread_create(&handle, nullptr, &MainThreadFun, &start) != 0) {
-        std::fprintf(stderr, "thread create failed\n");
+        PrintToStderr("thread create failed\n");
         return NX_ERROR_FAILURE;
     }
     while (start.m_takenOver.Wait(nullptr) != NX_OK) {
