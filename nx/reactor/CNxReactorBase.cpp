@@ -131,11 +131,18 @@ NxResult CNxReactorBase::RemoveHandleWithoutFinding_i(int fd, const CElement& el
 NxResult CNxReactorBase::PostEvent(INxEvent* event, INxEventQueue::EPriority priority) {
     size_t oldSize = 0;
     const NxResult posted = PostEventWithOldSize(event, priority, &oldSize);
-    if (posted == NX_OK && oldSize == 0) {
-        // A reactor that is full of wake-ups wakes without this one, and Open looks for itself.
-        static_cast<void>(NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE));
+    if (posted != NX_OK || (oldSize != 0 && !IsWakeUpOwed())) {
+        return posted;
     }
-    return posted;
+    if (NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE) != NX_OK) {
+        m_wakeUpOwed.store(true);
+    }
+    return NX_OK;
+}
+
+// The caller pays for it.
+bool CNxReactorBase::IsWakeUpOwed() {
+    return m_wakeUpOwed.load(std::memory_order_relaxed) && m_wakeUpOwed.exchange(false);
 }
 
 NxResult CNxReactorBase::SendEvent(INxEvent* event) {
@@ -240,7 +247,7 @@ NxResult CNxReactorBase::ProcessPostedEvents() {
     assert(!events.empty() && events.size() <= c_eventsPerTurn);
     const NxResult processed = ProcessEvents(events);
     if (remaining != 0) {
-        // A reactor that is full of wake-ups comes back here without this one.
+        // A loop that looks at the queue in every turn comes back here without it.
         static_cast<void>(NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE));
     }
     return processed;

@@ -2,6 +2,7 @@
 // CNxReactorLoop adds the loop, a concrete reactor the waiting.
 #pragma once
 
+#include <atomic>
 #include <memory>
 
 #include <nx/event/CNxEventQueueUsingMutex.h>
@@ -52,7 +53,8 @@ public:
     // of it is left; NX_ERROR_INVALID_ARG for null or a mask without any bit of NX_MASK_ALL_EVENTS.
     NxResult RemoveHandler(INxEventHandler* handler, long mask) override;
 
-    // As CNxEventQueueUsingMutex; wakes the loop when the queue was empty.
+    // As CNxEventQueueUsingMutex; wakes the loop when the queue was empty, and when an earlier
+    // wake-up could not be sent.
     NxResult PostEvent(INxEvent* event, INxEventQueue::EPriority priority) override;
     NxResult SendEvent(INxEvent* event) override;
     size_t GetPendingEventsCount() override;
@@ -111,7 +113,10 @@ private:
     NxResult ProcessPostedEvents();
     NxResult CallHandler(int fd, long active, INxEventHandler* handler);
     NxResult DropHandler(int fd, const INxEventHandler* handler);
+    bool IsWakeUpOwed();
 
     char m_szBuffer[65535] = {};
     void* m_pCookie = nullptr;
+    // Events wait of which the loop has not been told.
+    std::atomic<bool> m_wakeUpOwed{false};
 };

@@ -5,24 +5,11 @@
 
 #include <cassert>
 #include <cerrno>
-#include <climits>
 
 namespace {
 
 constexpr int c_readyPerWait = 1024;
 constexpr int c_forgotten = -1;
-constexpr long c_millisecondsPerSecond = 1000;
-
-// What epoll_wait takes: -1 for no limit, and never more than an int holds.
-int ToTimeoutMs(const CNxTimeValue& remaining) {
-    if (remaining == CNxTimeValue::s_tvMax()) {
-        return -1;
-    }
-    if (remaining.GetSec() >= INT_MAX / c_millisecondsPerSecond) {
-        return INT_MAX;
-    }
-    return static_cast<int>(remaining.GetTotalInMsec());
-}
 
 }  // namespace
 
@@ -50,20 +37,17 @@ void CNxReactorEpoll::CloseEpoll() {
     }
 }
 
-NxResult CNxReactorEpoll::WaitAndDispatch(const CNxTimeValue& remaining, int timersFired) {
-    const int timeoutMs = ToTimeoutMs(remaining);
-    if (timeoutMs == 0 && timersFired == 0) {
+NxResult CNxReactorEpoll::WaitAndDispatch(const CNxTimeValue& remaining, bool hasWork) {
+    const int timeoutMs = static_cast<int>(remaining.GetTotalInMsec());
+    if (timeoutMs == 0 && !hasWork) {
         return NX_OK;
     }
     const int count = epoll_wait(m_epollHandle, m_ready.get(), c_readyPerWait, timeoutMs);
     if (count == -1) {
         return errno == EINTR ? NX_OK : NX_ERROR_FAILURE;
     }
-    if (count > 0) {
-        DispatchReady(count);
-        RearmNotifyPipe();
-        ProcessHandleEvent(-1, NX_MASK_EVENT_QUEUE, 0, 0, 0);
-    }
+    DispatchReady(count);
+    RunPosted();
     return NX_OK;
 }
 
@@ -102,18 +86,6 @@ bool CNxReactorEpoll::IsConnected(int fd) const {
     int error = 0;
     socklen_t length = sizeof(error);
     return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0;
-}
-
-// The pipe gives up one record per readiness, and the edge of the others has gone by.
-void CNxReactorEpoll::RearmNotifyPipe() {
-    if (!m_NotifyPipe.HasRecords()) {
-        return;
-    }
-    epoll_event interest{};
-    interest.events = EPOLLIN | EPOLLET;
-    interest.data.fd = m_NotifyPipe.GetHandle();
-    // Fails only after the pipe was closed, and then nobody waits for its records.
-    epoll_ctl(m_epollHandle, EPOLL_CTL_MOD, interest.data.fd, &interest);
 }
 
 NxResult CNxReactorEpoll::OnHandleRegister(int fd, long mask, INxEventHandler* handler) {

@@ -43,11 +43,10 @@ private:
     };
 
     [[nodiscard]] NxResult OpenDemultiplexer() override;
-    [[nodiscard]] NxResult WaitAndDispatch(const CNxTimeValue& remaining, int timersFired) override;
+    [[nodiscard]] NxResult WaitAndDispatch(const CNxTimeValue& remaining, bool hasWork) override;
     void CloseEpoll();
     void DispatchReady(int count);
     long ToMask(int fd, unsigned int readiness) const;
-    void RearmNotifyPipe();
 
     int m_epollHandle = -1;
     // What a wait found ready.

@@ -80,7 +80,7 @@ NxResult CNxReactorRealTimeSignal::NotifyHandler(INxEventHandler* handler, long 
     }
     const NxResult woken = m_thread->Wake();
     if (woken != NX_OK) {
-        // The signal of its record finds no room either, and an overflow has the loop look.
+        // The signal of its byte finds no room either, and an overflow has the loop look.
         static_cast<void>(m_NotifyPipe.Notify(nullptr, NX_MASK_EVENT_QUEUE));
     }
     return woken;
@@ -121,7 +121,7 @@ NxResult CNxReactorRealTimeSignal::RunEventLoop() {
 }
 
 NxResult CNxReactorRealTimeSignal::WaitAndDispatch(const CNxTimeValue& remaining,
-                                                   int /*timersFired*/) {
+                                                   bool /*hasWork*/) {
     // A timer may have stopped the loop, for which there is no signal.
     const bool mayWait = !IsStopped() && !HasDeferred();
     siginfo_t info{};
@@ -195,7 +195,7 @@ void CNxReactorRealTimeSignal::HandleOverflow(int signal, int error) {
 }
 
 bool CNxReactorRealTimeSignal::HasDeferred() const {
-    return m_thread->IsWakeDue() || !m_untold->IsEmpty() || m_NotifyPipe.HasRecords();
+    return m_thread->IsWakeDue() || !m_untold->IsEmpty();
 }
 
 void CNxReactorRealTimeSignal::RunDeferred() {
@@ -206,11 +206,6 @@ void CNxReactorRealTimeSignal::RunDeferred() {
         const CUntoldReadiness::CDispatch next = m_untold->TakeFirst();
         ProcessHandleEvent(next.m_fd, next.m_mask, 0, 1, 0);
     }
-    // A record whose signal found no room.
-    if (m_NotifyPipe.HasRecords()) {
-        ProcessHandleEvent(m_NotifyPipe.GetHandle(), NX_MASK_READ, 0, 0, 0);
-    }
-    if (m_thread->TakeWake()) {
-        ProcessHandleEvent(-1, NX_MASK_EVENT_QUEUE, 0, 0, 0);
-    }
+    m_thread->TakeWake();
+    RunPosted();
 }

@@ -81,7 +81,7 @@ public:
 
 private:
     [[nodiscard]] NxResult OpenDemultiplexer() override;
-    [[nodiscard]] NxResult WaitAndDispatch(const CNxTimeValue& remaining, int timersFired) override;
+    [[nodiscard]] NxResult WaitAndDispatch(const CNxTimeValue& remaining, bool hasWork) override;
     void LeaveThread();
     void HandleSignal(const siginfo_t& info);
     void HandleReadiness(int fd, long band);
