@@ -114,4 +114,27 @@ TYPED_TEST(ReactorFaults, NotificationsAreNotRefusedForWantOfRoom) {
     EXPECT_EQ(end.m_inputs, accepted);
 }
 
+// In a child, so that the limits of the tests stay, and without the right to raise the hard one.
+void ExitWithLimits(rlim_t soft, rlim_t hard, int wanted, rlim_t softAfter, rlim_t hardAfter) {
+    rlimit limit{soft, hard};
+    int actual = 0;
+    const bool ok = setrlimit(RLIMIT_NOFILE, &limit) == 0 && seteuid(65534) == 0 &&
+                    CNxEventHandlerRepository::SetRlimit(RLIMIT_NOFILE, wanted, actual) == NX_OK &&
+                    getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur == softAfter &&
+                    limit.rlim_max == hardAfter && actual == static_cast<int>(softAfter);
+    _exit(ok ? 0 : 1);
+}
+
+TEST(ReactorLimits, HardLimitOfDescriptorsIsNeverLowered) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    if (geteuid() != 0 || limit.rlim_max < 10000) {
+        GTEST_SKIP() << "may not change the limits as it wants";
+    }
+    const auto exited = testing::ExitedWithCode(0);
+    EXPECT_EXIT(ExitWithLimits(1024, 10000, 8192, 8192, 10000), exited, "");
+    EXPECT_EXIT(ExitWithLimits(1024, 10000, 9000, 9000, 10000), exited, "");
+    EXPECT_EXIT(ExitWithLimits(1024, 3000, 8192, 3000, 3000), exited, "");
+}
+
 }  // namespace
