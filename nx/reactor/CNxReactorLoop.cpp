@@ -63,7 +63,7 @@ NxResult CNxReactorLoop::StopEventLoop() {
 
 NxResult CNxReactorLoop::RunEventLoop() {
     m_Est.EnsureSingleThread("a reactor's loop");
-    while (!IsStopped()) {
+    while (!IsStopped() && !IsCopyOfParent()) {
         CNxTimeValue remaining;
         const int fired = FireTimers(remaining);
         const bool hasPosted = HasPosted();
@@ -72,6 +72,9 @@ NxResult CNxReactorLoop::RunEventLoop() {
         if (waited != NX_OK) {
             return waited;
         }
+    }
+    if (IsCopyOfParent()) {
+        return NX_ERROR_NOT_INITIALIZED;
     }
     RunLastEvents();
     return NX_OK;

@@ -33,7 +33,9 @@ public:
     [[nodiscard]] NxResult NotifyHandler(INxEventHandler* handler, long mask) override;
 
     // NX_OK when stopped, also while closed; NX_ERROR_FAILURE when the wait fails, and the loop may
-    // be run again. Once stopped it fires the events posted so far and refuses later ones.
+    // be run again. NX_ERROR_NOT_INITIALIZED in a forked child for its parent's reactor, also when
+    // a callback forked and returned there: nothing more of it is dispatched.
+    // Once stopped it fires the events posted so far and refuses later ones.
     NxResult RunEventLoop() override;
 
     // Also before the loop runs, which then only fires what was posted. NX_OK.

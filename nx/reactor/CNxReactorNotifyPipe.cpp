@@ -1,4 +1,3 @@
-#include <nx/foundation/CNxProcessWide.h>
 #include <nx/net/CNxIPCBase.h>
 #include <nx/reactor/CNxReactorBase.h>
 #include <nx/reactor/CNxReactorNotifyPipe.h>
@@ -48,7 +47,6 @@ NxResult CNxReactorNotifyPipe::OpenPipe(CNxReactorBase* reactor) {
     CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
     assert(m_notifications.empty() && !m_eventsAsked && !m_isWoken);
     m_pReactor = reactor;
-    m_forks = CNxProcessWide::CountForks();
     const NxResult opened = m_PipeNotify.Open(c_pipeSize);
     if (opened != NX_OK) {
         return opened;
@@ -75,7 +73,7 @@ CNxReactorBase* CNxReactorNotifyPipe::Forget() {
 NxResult CNxReactorNotifyPipe::Notify(INxEventHandler* handler, long mask) {
     const int fd = handler != nullptr && handler != this ? handler->GetHandle() : c_postedEvents;
     CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
-    if (m_pReactor == nullptr || m_forks != CNxProcessWide::CountForks()) {
+    if (m_pReactor == nullptr || m_pReactor->IsCopyOfParent()) {
         return NX_ERROR_NOT_INITIALIZED;
     }
     if (handler != this) {

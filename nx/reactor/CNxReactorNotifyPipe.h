@@ -76,6 +76,4 @@ private:
     size_t m_beforeEvents NX_GUARDED_BY(m_mutex) = 0;
     // A byte is in the pipe.
     bool m_isWoken NX_GUARDED_BY(m_mutex) = false;
-    // CNxProcessWide::CountForks of the process that opened it.
-    unsigned int m_forks NX_GUARDED_BY(m_mutex) = 0;
 };

@@ -33,7 +33,11 @@ void CNxReactorSelect::ProcessFdSets_i(fd_set& ready, long mask, int& count, int
 }
 
 NxResult CNxReactorSelect::OnHandleRegister(int fd, long /*mask*/, INxEventHandler* handler) {
-    return handler != nullptr && fd < FD_SETSIZE ? NX_OK : NX_ERROR_INVALID_ARG;
+    if (handler == nullptr || fd >= FD_SETSIZE) {
+        return NX_ERROR_INVALID_ARG;
+    }
+    OnHandleRemoved(fd);
+    return NX_OK;
 }
 
 // What this turn has still to say about the descriptor is not meant for a later one of its number.

@@ -114,6 +114,43 @@ TYPED_TEST(ReactorFaults, NotificationsAreNotRefusedForWantOfRoom) {
     EXPECT_EQ(end.m_inputs, accepted);
 }
 
+TEST(ReactorEpoll, FailedReRegistrationIsReturnedAndKeepsTheWatch) {
+    CNxReactorEpoll reactor;
+    EventCounts counts;
+    FailingCalls calls;
+    ASSERT_EQ(reactor.Open(), NX_OK);
+    End end([&](End& self) {
+        EXPECT_EQ(self.Drain(), 1);
+        StopSoon(reactor, counts);
+        return 0;
+    });
+    ASSERT_EQ(reactor.RegisterHandler(&end, NX_MASK_READ), NX_OK);
+    calls.Fail(FailingCalls::EPOLL_CTL, ENOMEM, 2);
+    EXPECT_EQ(reactor.RegisterHandler(&end, c_readWrite), NX_ERROR_FAILURE);
+    calls.Fail(FailingCalls::EPOLL_CTL, ENOMEM, 0);
+    end.Send();
+    EXPECT_EQ(reactor.RunEventLoop(), NX_OK);
+    EXPECT_EQ(end.m_inputs, 1);
+    EXPECT_EQ(end.m_outputs, 0);
+    // One call for a changed mask.
+    const int before = calls.Count(FailingCalls::EPOLL_CTL);
+    EXPECT_EQ(reactor.RegisterHandler(&end, c_readWrite), NX_ERROR_FOUND);
+    EXPECT_EQ(calls.Count(FailingCalls::EPOLL_CTL), before + 1);
+}
+
+TEST(ReactorEpoll, WriterIsNotAskedForItsErrorAtEveryEvent) {
+    CNxReactorEpoll reactor;
+    EventCounts counts;
+    FailingCalls calls;
+    ASSERT_EQ(reactor.Open(), NX_OK);
+    End end;
+    ASSERT_EQ(reactor.RegisterHandler(&end, c_readWrite), NX_OK);
+    StopSoon(reactor, counts);
+    EXPECT_EQ(reactor.RunEventLoop(), NX_OK);
+    EXPECT_EQ(end.m_outputs, 1);
+    EXPECT_EQ(calls.Count(FailingCalls::GETSOCKOPT), 0);
+}
+
 // In a child, so that the limits of the tests stay, and without the right to raise the hard one.
 void ExitWithLimits(rlim_t soft, rlim_t hard, int wanted, rlim_t softAfter, rlim_t hardAfter) {
     rlimit limit{soft, hard};
