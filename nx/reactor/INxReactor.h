@@ -54,7 +54,7 @@ public:
 
     // Hands the reactor to the calling thread while its loop does not run. A reactor that is bound
     // to no thread does nothing.
-    virtual void Reset2CurrentThread() {}
+    void Reset2CurrentThread() override {}
 
     // Within a handler's OnClose: why its descriptor failed, an errno such as ECONNREFUSED or
     // ECONNRESET. 0 when that is not known, because the handler itself had refused or had taken the
