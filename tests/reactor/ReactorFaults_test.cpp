@@ -236,6 +236,23 @@ TYPED_TEST(ReactorFaults, RoomIsToldWhenTheSendThatFailedCameBeforeTheRegistrati
     }
 }
 
+TYPED_TEST(ReactorFaults, NumberThatWasClosedWithoutARemovalIsWatchedForItsNextHandler) {
+    ASSERT_EQ(this->m_reactor.Open(), NX_OK);
+    auto stale = std::make_unique<End>();
+    ASSERT_EQ(this->m_reactor.RegisterHandler(stale.get(), NX_MASK_READ), NX_OK);
+    const int number = stale->GetHandle();
+    stale.reset();
+    End next([&](End& self) {
+        StopSoon(this->m_reactor, this->m_counts);
+        return self.Drain() == 1 ? 0 : -1;
+    });
+    ASSERT_EQ(next.GetHandle(), number);
+    EXPECT_EQ(this->m_reactor.RegisterHandler(&next, NX_MASK_READ), NX_ERROR_FOUND);
+    next.Send();
+    EXPECT_EQ(this->m_reactor.RunEventLoop(), NX_OK);
+    EXPECT_EQ(next.m_inputs, 1);
+}
+
 TEST(ReactorEpoll, FailedReRegistrationIsReturnedAndKeepsTheWatch) {
     CNxReactorEpoll reactor;
     EventCounts counts;

@@ -71,7 +71,9 @@ TYPED_TEST(ClosedReactors, OpenWithoutDescriptorsFailsAndTakesNone) {
         GTEST_SKIP() << "the limit of open descriptors is too low";
     }
     // A sanitizer's first look at a type takes descriptors.
-    ASSERT_EQ(TypeParam().Open(), NX_OK);
+    TypeParam first;
+    ASSERT_EQ(first.Open(), NX_OK);
+    ASSERT_EQ(first.Open(), NX_ERROR_ALREADY_INITIALIZED);
     std::vector<int> taken;
     for (int fd = 0; (fd = dup(STDERR_FILENO)) != -1;) {
         taken.insert(taken.begin(), fd);
