@@ -13,7 +13,8 @@
 // NotifyHandler(this, mask). Registering makes the descriptor non-blocking.
 //
 // A descriptor registered for output is closed when it fails, as by a failed connect or a reset;
-// GetCloseReason tells why. OnInput gets what had arrived before.
+// GetCloseReason tells why. OnInput gets what had arrived before; a handler that does not read it
+// is not closed but gets OnOutput, and finds the failure when it reads or writes.
 //
 // The wait of one turn dispatches up to 1024 ready descriptors in the kernel's order, then fires
 // the posted events. A timer due in less than a millisecond is spun for, not waited for; as long as

@@ -96,7 +96,6 @@ bool CNxReactorLoop::HasPosted() {
 }
 
 void CNxReactorLoop::RunPosted() {
-    // Those that are added meanwhile wait for the next turn.
     for (size_t left = m_NotifyPipe.GetCount(); left > 0; --left) {
         m_NotifyPipe.DispatchFirst();
     }

@@ -28,8 +28,8 @@ public:
     NxResult Close() override;
 
     // The result of CNxReactorNotifyPipe::Notify. A handler may ask for itself, on the reactor's
-    // thread, as often as it likes: it is called in the next turn, after what is ready by then, and
-    // no system call is made for it.
+    // thread, as often as it likes: no system call is made for it, and it is called after the
+    // descriptors that are ready.
     [[nodiscard]] NxResult NotifyHandler(INxEventHandler* handler, long mask) override;
 
     // NX_OK when stopped, also while closed; NX_ERROR_FAILURE when the wait fails, and the loop may
@@ -45,7 +45,8 @@ protected:
     // Whether notifications or posted events wait.
     bool HasPosted();
 
-    // Dispatches the notifications that wait now, then fires posted events.
+    // Dispatches the notifications that wait now, then fires posted events. What is added meanwhile
+    // waits for the next turn.
     void RunPosted();
 
     CNxReactorNotifyPipe m_NotifyPipe;

@@ -19,12 +19,10 @@ public:
         long m_mask;
     };
 
-    // Adds what a descriptor that is being registered with `mask` is ready for already; with
-    // NX_MASK_CONNECT only the outcome of a connect is.
-    // Replaces what is there of the descriptor.
-    // NX_OK; NX_ERROR_FAILURE, with all as it was, when it has failed or its peer has hung up,
-    // unless it connects or there is something left to read that `mask` wants, and when there is no
-    // memory.
+    // Adds what a descriptor that is being registered with `mask` is ready for already, in the
+    // place of what is there of it; with NX_MASK_CONNECT only the outcome of a connect is. NX_OK;
+    // NX_ERROR_FAILURE, with all as it was, when it has failed or its peer has hung up, unless it
+    // connects or there is something left to read that `mask` wants, and when there is no memory.
     [[nodiscard]] NxResult Check(int fd, long mask);
 
     // Drops what is there of the descriptor.
