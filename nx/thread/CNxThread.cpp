@@ -1,3 +1,4 @@
+#include <nx/foundation/CCallOut.h>
 #include <nx/foundation/CCancelOff.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxTimeUtils.h>
@@ -8,6 +9,7 @@
 
 #include <cassert>
 #include <cstdlib>
+#include <new>
 
 // How the new thread tells the one in Create that it is up, or that it is not going to be.
 class CNxThread::CStartEvent : public CNxEventThread {
@@ -135,24 +137,42 @@ void* CNxThread::ThreadProc(void* object) {
     return nullptr;
 }
 
+// NX_ERROR_NULL_POINTER when the thread refuses, NX_ERROR_FAILURE when it finds no memory.
+NxResult CNxThread::SetUp() {
+    try {
+        if (OnCreate() != NX_OK) {
+            return NX_ERROR_NULL_POINTER;
+        }
+        OnThreadInit();
+    } catch (const std::bad_alloc&) {
+        return NX_ERROR_FAILURE;
+    }
+    return NX_OK;
+}
+
 void CNxThread::Run() {
     SetThreadId(CNxThreadManager::GetThreadSelfId());
     m_threadHandle = GetThreadId();
     ApplyCpuSet(m_cpuSet);
     CStartEvent* const startEvent = m_startEvent;
     m_startEvent = nullptr;
-    if (OnCreate() != NX_OK) {
+    const NxResult setUp = SetUp();
+    if (setUp == NX_ERROR_NULL_POINTER) {
         delete this;
+    } else if (setUp != NX_OK) {
+        SetThreadId(0);
+        m_life.store(ELife::NONE);
+    }
+    if (setUp != NX_OK) {
         if (startEvent != nullptr) {
-            startEvent->m_result = NX_ERROR_NULL_POINTER;
+            startEvent->m_result = setUp;
             startEvent->Signal();
         }
         return;
     }
-    OnThreadInit();
     if (startEvent == nullptr) {
         // On a thread of the application's own.
-        OnThreadRun();
+        CallOut("OnThreadRun", [this] { OnThreadRun(); });
         SetThreadId(0);
         return;
     }
@@ -164,7 +184,7 @@ void CNxThread::Run() {
 }
 
 void CNxThread::RunLoop() {
-    OnThreadRun();
+    CallOut("OnThreadRun", [this] { OnThreadRun(); });
     // The system will give the id to another thread, which must not be taken for this one.
     SetThreadId(0);
     ELife life = ELife::RUNNING;

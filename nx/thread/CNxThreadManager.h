@@ -69,8 +69,8 @@ public:
     // starts, initialises tracing (nx/process/trace_setting.h), and registers a CNxThreadTask of
     // type NX_THREAD_MAIN that has the caller's identity. Its loop is the caller's to run:
     // GetThread(NX_THREAD_MAIN)->OnThreadRun().
-    // NX_OK, NX_ERROR_ALREADY_INITIALIZED when any thread is registered already, or the result of
-    // CNxThread::Create. The arguments are not used.
+    // NX_OK, NX_ERROR_ALREADY_INITIALIZED when any thread is registered already, NX_ERROR_FAILURE
+    // without memory, or the result of CNxThread::Create. The arguments are not used.
     [[nodiscard]] virtual NxResult InitMainThread(int argc, char** argv) = 0;
 
     // Runs a main thread's loop on a new, detached system thread, which becomes the owner of its
@@ -91,9 +91,9 @@ public:
     virtual INxTimerQueue* GetThreadTimerQueue(int type) = 0;
 
     // Starts a thread that drains an event queue and, for a non-zero `withTimerQueue`, runs timers,
-    // with the next user type. NX_OK with the thread in `out`; otherwise the result of
-    // CNxThread::Create, and `out` as it was. The caller ends it with Stop, Join and Destory, or
-    // leaves that to StopAllThreads, JoinAllThreads and the tear-down.
+    // with the next user type. NX_OK with the thread in `out`; otherwise NX_ERROR_FAILURE without
+    // memory or the result of CNxThread::Create, and `out` as it was. The caller ends it with Stop,
+    // Join and Destory, or leaves that to StopAllThreads, JoinAllThreads and the tear-down.
     [[nodiscard]] virtual NxResult CreateUserTaskThread(CNxThread*& out, TFlag flags,
                                                         int withTimerQueue) = 0;
 
@@ -105,8 +105,9 @@ public:
 
     // Starts a joinable thread that runs the reactor; returns when the reactor is open. The thread
     // owns the reactor from here on, also when the call fails: both are then destroyed.
-    // NX_OK with the thread in `out`; NX_ERROR_INVALID_ARG for a null reactor, else the result of
-    // CNxThreadReactor::Create. The second is the same under the name for further reactor threads.
+    // NX_OK with the thread in `out`; NX_ERROR_INVALID_ARG for a null reactor, NX_ERROR_FAILURE
+    // without memory, else the result of CNxThreadReactor::Create. The second is the same under the
+    // name for further reactor threads.
     [[nodiscard]] virtual NxResult CreateNetworkThread(int type, INxReactor* reactor,
                                                        CNxThread*& out) = 0;
     [[nodiscard]] virtual NxResult CreateReactorThread(int type, INxReactor* reactor,
@@ -125,7 +126,8 @@ public:
     virtual NxResult JoinAllThreads() = 0;
 
     // Enters a thread object into the registry; CNxThread does it by itself. NX_OK,
-    // NX_ERROR_INVALID_ARG for null, NX_ERROR_FOUND when it or its type is registered.
+    // NX_ERROR_INVALID_ARG for null, NX_ERROR_FOUND when it or its type is registered,
+    // NX_ERROR_FAILURE without memory.
     [[nodiscard]] virtual NxResult RegisterThread(CNxThread* thread) = 0;
 
     // Takes out the first entry that is the same object or has its type. NX_OK,

@@ -61,7 +61,7 @@ private:
         int m_cpus[c_plannedCpus] = {-1, -1, -1, -1, -1};
     };
 
-    std::vector<CNxThread*> CopyRegistry();
+    CNxThread* GetAfter(long type);
     bool IsUsedByThisProcess();
     bool IsMainOrHasNone();
     std::vector<CNxThread*>& CopyForTearDown();
@@ -71,6 +71,7 @@ private:
     std::vector<CNxThread*> m_threads NX_GUARDED_BY(m_registryMutex);
     // Has room for the registry, so that the tear-down allocates nothing.
     std::vector<CNxThread*> m_tearDownCopy NX_GUARDED_BY(m_registryMutex);
+    std::vector<CNxThread*> m_ofParent;  // of this process's parent, left as they are
     CNxMutexThread m_registryMutex;
     // The process that was the last to register a thread (CNxProcessWide::CountForks).
     unsigned int m_forks NX_GUARDED_BY(m_registryMutex) = CNxProcessWide::CountForks();

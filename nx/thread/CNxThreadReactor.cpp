@@ -1,5 +1,7 @@
 #include <nx/thread/CNxThreadReactor.h>
 
+#include <new>
+
 namespace {
 
 // Ends a reactor's loop from inside.
@@ -52,9 +54,11 @@ NxResult CNxThreadReactor::Stop(CNxTimeValue* timeout) {
 
 NxResult CNxThreadReactor::StopForCertain(CNxTimeValue* timeout) {
     const NxResult stopped = Stop(timeout);
-    return stopped == NX_ERROR_FAILURE
-               ? m_reactor->PostEvent(new CStopLoop(*m_reactor), INxEventQueue::PRIORITY_NORMAL)
-               : stopped;
+    if (stopped != NX_ERROR_FAILURE) {
+        return stopped;
+    }
+    auto* const event = new (std::nothrow) CStopLoop(*m_reactor);
+    return event != nullptr ? m_reactor->PostEvent(event, INxEventQueue::PRIORITY_NORMAL) : stopped;
 }
 
 void CNxThreadReactor::BindToCallingThread() {
