@@ -25,7 +25,8 @@ std::atomic<CNxTimerPreciseManager*> s_last{nullptr};
 }  // namespace
 
 CNxMutexThread& CNxTimerPreciseManager::GetMutex() {
-    static auto* const s_mutex = new CNxMutexThread;
+    alignas(CNxMutexThread) static char s_place[sizeof(CNxMutexThread)];
+    static auto* const s_mutex = new (s_place) CNxMutexThread;
     return *s_mutex;
 }
 
