@@ -3,6 +3,7 @@
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxTimeUtils.h>
 #include <nx/foundation/CNxTimeValue.h>
+#include <nx/reactor/INxReactor.h>
 #include <nx/thread/CNxThread.h>
 #include <pthread.h>
 #include <sched.h>
@@ -21,6 +22,16 @@ namespace {
 
 constexpr unsigned long c_maxProcessors = 1024;
 constexpr unsigned long c_pollMs = 5;
+
+// Ends a reactor's loop from inside.
+class CStopLoop : public INxEvent {
+public:
+    explicit CStopLoop(INxReactor& reactor) : m_reactor(reactor) {}
+    NxResult OnEventFire() override { return m_reactor.StopEventLoop(); }
+
+private:
+    INxReactor& m_reactor;
+};
 
 // Reads "1,3" into `set`; false when it names no processor.
 bool ParseCpuSet(const CNxString& text, cpu_set_t& set) {
@@ -229,6 +240,23 @@ bool CNxThread::IsOfThisProcess() const {
 
 void CNxThread::BindToCallingThread() {
     SetThreadId(CNxThreadManager::GetThreadSelfId());
+    if (INxEventQueue* const events = GetEventQueue()) {
+        events->Reset2CurrentThread();
+    }
+    if (INxTimerQueue* const timers = GetTimerQueue()) {
+        timers->Reset2CurrentThread();
+    }
+    if (INxReactor* const reactor = GetReactor()) {
+        reactor->Reset2CurrentThread();
+    }
+}
+
+NxResult CNxThread::StopForCertain(CNxTimeValue* timeout) {
+    const NxResult stopped = Stop(timeout);
+    INxReactor* const reactor = GetReactor();
+    return stopped == NX_ERROR_FAILURE && reactor != nullptr
+               ? reactor->PostEvent(new CStopLoop(*reactor), INxEventQueue::PRIORITY_NORMAL)
+               : stopped;
 }
 
 NxResult CNxThread::Stop(CNxTimeValue* /*timeout*/) {

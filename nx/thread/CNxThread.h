@@ -104,11 +104,11 @@ public:
     // As Join. NX_ERROR_TIMEOUT when the thread has not ended at that point of the monotonic clock.
     NxResult JoinUntil(const CNxTimeValue& deadline);
 
-    // Stop, and where that cannot reach the loop another way that does.
-    virtual NxResult StopForCertain(CNxTimeValue* timeout) { return Stop(timeout); }
+    // Stop; a reactor that its StopEventLoop does not reach is told by an event.
+    NxResult StopForCertain(CNxTimeValue* timeout);
 
     // Makes the calling thread the one that the object stands for and whose queues it has, while
-    // nobody runs its loop. A kind that brings queues of its own overrides it and binds them too.
+    // nobody runs its loop. A kind with a CNxStopFlag, which it does not reach, overrides it.
     virtual void BindToCallingThread();
 
 protected:

@@ -1,21 +1,5 @@
 #include <nx/thread/CNxThreadReactor.h>
 
-#include <new>
-
-namespace {
-
-// Ends a reactor's loop from inside.
-class CStopLoop : public INxEvent {
-public:
-    explicit CStopLoop(INxReactor& reactor) : m_reactor(reactor) {}
-    NxResult OnEventFire() override { return m_reactor.StopEventLoop(); }
-
-private:
-    INxReactor& m_reactor;
-};
-
-}  // namespace
-
 NxResult CNxThreadReactor::Init(INxReactor* reactor) {
     if (m_reactor != nullptr) {
         return NX_ERROR_ALREADY_INITIALIZED;
@@ -50,22 +34,6 @@ NxResult CNxThreadReactor::Stop(CNxTimeValue* timeout) {
     }
     m_stopAsked.store(1);
     return m_reactor->StopEventLoop();
-}
-
-NxResult CNxThreadReactor::StopForCertain(CNxTimeValue* timeout) {
-    const NxResult stopped = Stop(timeout);
-    if (stopped != NX_ERROR_FAILURE) {
-        return stopped;
-    }
-    auto* const event = new (std::nothrow) CStopLoop(*m_reactor);
-    return event != nullptr ? m_reactor->PostEvent(event, INxEventQueue::PRIORITY_NORMAL) : stopped;
-}
-
-void CNxThreadReactor::BindToCallingThread() {
-    CNxThread::BindToCallingThread();
-    if (m_reactor != nullptr) {
-        m_reactor->Reset2CurrentThread();
-    }
 }
 
 void CNxThreadReactor::OnThreadInit() {
