@@ -254,9 +254,11 @@ void CNxThread::BindToCallingThread() {
 NxResult CNxThread::StopForCertain(CNxTimeValue* timeout) {
     const NxResult stopped = Stop(timeout);
     INxReactor* const reactor = GetReactor();
-    return stopped == NX_ERROR_FAILURE && reactor != nullptr
-               ? reactor->PostEvent(new CStopLoop(*reactor), INxEventQueue::PRIORITY_NORMAL)
-               : stopped;
+    if (stopped != NX_ERROR_FAILURE || reactor == nullptr) {
+        return stopped;
+    }
+    auto* const event = new (std::nothrow) CStopLoop(*reactor);
+    return event != nullptr ? reactor->PostEvent(event, INxEventQueue::PRIORITY_NORMAL) : stopped;
 }
 
 NxResult CNxThread::Stop(CNxTimeValue* /*timeout*/) {

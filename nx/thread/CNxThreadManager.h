@@ -20,6 +20,7 @@
 class CNxThread;
 class CNxTimeValue;
 class INxEventQueue;
+class INxObserver;
 class INxReactor;
 class INxTimerQueue;
 
@@ -148,6 +149,14 @@ public:
 
     // A new epoll reactor, not open yet. The caller owns it until it hands it to a thread.
     static INxReactor* CreateNetworkReactor();
+
+    // Is told ("ThreadEnd", the CNxThread), on the thread itself, when a thread's loop has ended
+    // without having been stopped: a reactor whose waiting fails for good. From there on nothing
+    // that was registered is served and posts are refused, so a server ends itself: the observer
+    // stops the main thread, and keeps in mind that its status is not 0. A record of level 1
+    // (Error) is traced as well, with an observer or without. Null for none, as at first; not
+    // owned; set it before the threads are made.
+    static void SetThreadEndObserver(INxObserver* observer);
 
     // How long the tear-down waits, in all, for joinable threads that cannot be told to stop; 10 s
     // unless set, not at all for zero or less. Before exit(), on any thread.
