@@ -149,7 +149,8 @@ TEST_F(ForkedChild, IsNotLeftWithALockedManager) {
         Parent parent;
         std::atomic<bool> stop{false};
         std::thread busy([&stop] {
-            CNxTimerPreciseWrapperID timer;
+            // The child has no stack that leads to it.
+            static CNxTimerPreciseWrapperID timer;
             while (!stop) {
                 Manager()->GetAndIncreamUserType();
                 timer.Cancel();
