@@ -1,6 +1,7 @@
 #include <nx/event/CNxEventQueueBase.h>
 #include <nx/event/CNxEventSynchronous.h>
 #include <nx/foundation/CCancelOff.h>
+#include <nx/foundation/CNxProcessWide.h>
 #include <pthread.h>
 
 #include <cassert>
@@ -22,6 +23,7 @@ struct CBatch {
     static thread_local CBatch* s_innermost;
 
     CBatch* const m_outer = s_innermost;
+    const unsigned int m_forks = CNxProcessWide::CountForks();
     std::list<INxEvent*>::const_iterator m_current;
     const std::list<INxEvent*>::const_iterator m_end;
 };
@@ -111,7 +113,10 @@ NxResult CNxEventQueueBase::ProcessEvents(const std::list<INxEvent*>& events) {
 
 void CNxEventQueueBase::AbandonBatches() {
     CNxEventSynchronous::AbandonUnderWay();
-    for (CBatch* batch = CBatch::s_innermost; batch != nullptr; batch = batch->m_outer) {
+    const unsigned int forks = CNxProcessWide::CountForks();
+    // Those of a parent, in whose event the process was forked, are the outermost.
+    for (CBatch* batch = CBatch::s_innermost; batch != nullptr && batch->m_forks == forks;
+         batch = batch->m_outer) {
         for (auto next = std::next(batch->m_current); next != batch->m_end; ++next) {
             if (*next != nullptr) {
                 (*next)->OnDestorySelf();

@@ -53,7 +53,8 @@ public:
 
     // For a caller within an event that is not going to return, since it ends the process: wakes
     // the sender of that event, and destroys unfired those that were taken off the queue with it.
-    // Senders get NX_ERROR_NOT_AVAILABLE. For any other caller it does nothing.
+    // Senders get NX_ERROR_NOT_AVAILABLE. For any other caller it does nothing, nor for an event in
+    // which the process was forked: that is the parent's.
     static void AbandonBatches();
 
     // NX_ERROR_INVALID_ARG for null, else NX_OK.

@@ -15,6 +15,7 @@ public:
     // Calls CleanUp() of every registered object, the newest first, and leaves the list empty. Runs
     // at process exit, after the threads have ended. An object that registers itself from within a
     // CleanUp() is dropped from the list without being called: nothing may be made that late.
+    // A forked child calls only those that it has made itself: its copies of the others are left.
     static void CleanupAll();
 
 protected:
@@ -23,7 +24,10 @@ protected:
     virtual void CleanUp() { delete this; }
 
 private:
+    static void ForgetThoseOfParent();
+
     static CNxCleanUpBase* s_pHeader;
+    static unsigned int s_forks;  // of the process whose objects are listed
 
     CNxCleanUpBase* m_next = nullptr;
 };

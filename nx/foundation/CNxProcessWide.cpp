@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <new>
 
 namespace {
 
@@ -11,11 +12,15 @@ std::atomic<TearDown> s_tearDown{nullptr};
 
 std::atomic<unsigned int> s_forks{0};
 
-void CountFork() {
+// In the child. A recursive mutex cannot be unlocked there by whoever locked it before the fork,
+// and a thread that held it is not there at all: both mutexes start anew.
+void NoticeFork() {
     s_forks.fetch_add(1, std::memory_order_relaxed);
+    new (&CNxProcessWide::GetSingletonMutex()) CNxMutexThreadRecursive;
+    new (&CNxProcessWide::GetReferenceControlMutex()) CNxMutexThread;
 }
 
-[[maybe_unused]] const int s_forkNotice = pthread_atfork(nullptr, nullptr, &CountFork);
+[[maybe_unused]] const int s_forkNotice = pthread_atfork(nullptr, nullptr, &NoticeFork);
 
 // Forgets it first: what is made later during exit() is torn down as well.
 void RunTearDown() {

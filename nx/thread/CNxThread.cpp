@@ -1,4 +1,7 @@
 #include <nx/foundation/CCancelOff.h>
+#include <nx/foundation/CNxProcessWide.h>
+#include <nx/foundation/CNxTimeUtils.h>
+#include <nx/foundation/CNxTimeValue.h>
 #include <nx/reactor/INxReactor.h>
 #include <nx/thread/CNxThread.h>
 #include <pthread.h>
@@ -16,6 +19,7 @@ public:
 namespace {
 
 constexpr unsigned long c_maxProcessors = 1024;
+constexpr unsigned long c_pollMs = 5;
 
 // Ends a reactor's loop from inside.
 class CStopLoop : public INxEvent {
@@ -26,8 +30,6 @@ public:
 private:
     INxReactor& m_reactor;
 };
-
-std::atomic<int> s_systemThreads{0};
 
 // Reads "1,3" into `set`; false when it names no processor.
 bool ParseCpuSet(const CNxString& text, cpu_set_t& set) {
@@ -117,15 +119,14 @@ NxResult CNxThread::StartSystemThread() {
                                 joinable ? PTHREAD_CREATE_JOINABLE : PTHREAD_CREATE_DETACHED);
     assert(m_life.load() == ELife::NONE && m_startEvent == nullptr);
     m_startEvent = &startEvent;
+    m_forks = CNxProcessWide::CountForks();
     m_life.store(ELife::STARTING);
-    s_systemThreads.fetch_add(1);
     pthread_t handle{};
     const int error = pthread_create(&handle, &attributes, &CNxThread::ThreadProc, this);
     pthread_attr_destroy(&attributes);
     if (error != 0) {
         m_startEvent = nullptr;
         m_life.store(ELife::NONE);
-        s_systemThreads.fetch_sub(1);
         return NX_ERROR_UNEXPECTED;
     }
     // From here on the object may delete itself: only locals are touched.
@@ -140,9 +141,7 @@ NxResult CNxThread::StartSystemThread() {
 void* CNxThread::ThreadProc(void* object) {
     auto* const thread = static_cast<CNxThread*>(object);
     if (thread != nullptr) {
-        const int counted = thread->m_life.load() == ELife::STARTING ? 1 : 0;
         thread->Run();
-        s_systemThreads.fetch_sub(counted);
     }
     return nullptr;
 }
@@ -195,6 +194,9 @@ void CNxThread::RunLoop() {
 // Returns in which state it found the end of the thread to be claimed; NONE when there is nothing
 // to claim: no system thread, one that is not up yet, or one whose end is taken care of.
 CNxThread::ELife CNxThread::Claim() {
+    if (!IsOfThisProcess()) {
+        return ELife::NONE;
+    }
     ELife life = ELife::RUNNING;
     if (m_life.compare_exchange_strong(life, ELife::RUNNING_CLAIMED)) {
         return ELife::RUNNING;
@@ -206,7 +208,14 @@ CNxThread::ELife CNxThread::Claim() {
 
 bool CNxThread::IsRunning() const {
     const ELife life = m_life.load(std::memory_order_acquire);
-    return life == ELife::STARTING || life == ELife::RUNNING || life == ELife::RUNNING_CLAIMED;
+    const bool isUp =
+        life == ELife::STARTING || life == ELife::RUNNING || life == ELife::RUNNING_CLAIMED;
+    return isUp && IsOfThisProcess();
+}
+
+// A child of fork(2) has the object, but not the thread.
+bool CNxThread::IsOfThisProcess() const {
+    return m_forks == CNxProcessWide::CountForks();
 }
 
 void CNxThread::BindToCallingThread() {
@@ -230,10 +239,6 @@ NxResult CNxThread::StopForCertain(CNxTimeValue* timeout) {
                : stopped;
 }
 
-bool CNxThread::DoesAnyRun() {
-    return s_systemThreads.load() != 0;
-}
-
 NxResult CNxThread::Stop(CNxTimeValue* /*timeout*/) {
     return NX_ERROR_NOT_IMPLEMENTED;
 }
@@ -248,8 +253,19 @@ NxResult CNxThread::Join() {
     return pthread_join(m_threadHandle, nullptr) == 0 ? NX_OK : NX_ERROR_FAILURE;
 }
 
+// The system's own timed join goes by the wall clock.
+NxResult CNxThread::JoinUntil(const CNxTimeValue& deadline) {
+    while (IsJoinable() && IsRunning()) {
+        if (deadline <= CNxTimeValue::GetMonotonicTime()) {
+            return NX_ERROR_TIMEOUT;
+        }
+        cnx_sleep_ms(c_pollMs);
+    }
+    return Join();
+}
+
 NxResult CNxThread::Destory(long /*reason*/) {
-    assert(m_life.load() != ELife::STARTING);
+    assert(m_life.load() != ELife::STARTING || !IsOfThisProcess());
     Unregister();
     if (!IsJoinable() && Claim() == ELife::RUNNING) {
         // The thread deletes the object at its end.

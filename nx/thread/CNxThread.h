@@ -62,8 +62,8 @@ public:
     NxResult Destory(long reason);
 
     // Waits until the thread has ended. NX_OK; NX_ERROR_FAILURE when called on the thread itself,
-    // when there is nothing to join (never started, detached, joined before), or when the system
-    // refuses.
+    // when there is nothing to join (never started, detached, joined before, started by a parent
+    // of this process), or when the system refuses.
     NxResult Join();
 
     // The id is that of pthread_self(3) on the thread; 0 before it has one, and again when its run
@@ -73,11 +73,9 @@ public:
     int GetThreadType() const { return m_type; }
     unsigned long GetThreadHandle() const { return m_threadHandle; }
 
-    // Whether the library runs a system thread for this object at the moment.
+    // Whether the library runs a system thread for this object at the moment. Never in a forked
+    // child for a thread of its parent's.
     bool IsRunning() const;
-
-    // Whether any system thread of this library runs, also one that has left the registry.
-    static bool DoesAnyRun();
 
     // The processors that the thread may run on, as numbers with commas between them ("1,3"); empty
     // for all. Taken over when the thread starts; numbers from 1024 and what is no number are
@@ -100,6 +98,9 @@ public:
         AFTER_ALL_OTHERS  // the manager ends it when no other runs any more
     };
     virtual EEnd GetEnd() const { return EEnd::BY_STOP; }
+
+    // As Join. NX_ERROR_TIMEOUT when the thread has not ended at that point of the monotonic clock.
+    NxResult JoinUntil(const CNxTimeValue& deadline);
 
     // Stop; a reactor that its StopEventLoop does not reach is told by an event.
     NxResult StopForCertain(CNxTimeValue* timeout);
@@ -130,6 +131,7 @@ private:
     void RunLoop();
     ELife Claim();
     void Unregister();
+    bool IsOfThisProcess() const;
     bool IsJoinable() const { return (m_flags & CNxThreadManager::FLAG_JOINABLE) != 0; }
 
     std::atomic<unsigned long> m_threadId{0};
@@ -139,6 +141,8 @@ private:
     std::atomic<int> m_registered{0};
     CNxString m_cpuSet;
     std::atomic<ELife> m_life{ELife::NONE};
+    // The process that has the system thread (CNxProcessWide::CountForks).
+    unsigned int m_forks = 0;
     // While STARTING; on the stack of the thread that is in Create.
     CStartEvent* m_startEvent = nullptr;
 };

@@ -39,12 +39,22 @@ inline constexpr int NX_THREAD_USER = 4097;
 //
 // Tear-down (at exit()): asks every registered thread except the main one to stop, joins them,
 // destroys the clean-up objects (CNxCleanUpBase) newest first, then the thread objects. A thread
-// that cannot be stopped or joined (a detached one, a loop on a thread of the application's own) is
-// left alone; as it may use any of them, all thread objects and the manager then stay too, and the
-// process exits all the same. When exit() is called within an event, its sender and those of the
-// events after it get NX_ERROR_NOT_AVAILABLE. When exit() runs on a thread other
-// than a registered main thread, no thread but that of the precise timers is stopped, and all
-// thread objects stay.
+// that cannot be told to stop is waited for up to a limit (SetTearDownLimit), after which a line on
+// stderr says which one it is. That one, detached ones and threads of the application's own are
+// left alone. WHILE THE PROCESS HAS ANY OTHER THREAD, all thread objects, their queues and the
+// manager stay as well: it may post until the process is gone, and gets NX_ERROR_NOT_INITIALIZED.
+// When exit() is called within an event, its sender and those of the events after it get
+// NX_ERROR_NOT_AVAILABLE. When exit() runs on a thread other than a registered main thread, no
+// thread but that of the precise timers is stopped, and all thread objects stay.
+//
+// After a fork(2) THE CHILD HAS ONE THREAD, and in its registry only the objects that stand for
+// that one; the types of the others are free. It may start threads of its own, and its precise
+// timers run on one that is. Pending precise timers of the parent do not fire in it. It must not
+// use the queues and reactors of the threads that it has not: what locked them does not run there.
+// At exit() a child that has registered no thread ends the clean-up objects that it has made
+// itself, and nothing else; one that has is torn down like any process, with the objects of the
+// thread that forked, but without its parent's other threads and clean-up objects, whose copies are
+// left as they are.
 //
 // Any thread may call any operation. A thread object that a look-up returned is not protected
 // against being destroyed meanwhile: whoever destroys threads orders that with their users.
@@ -136,6 +146,10 @@ public:
 
     // A new epoll reactor, not open yet. The caller owns it until it hands it to a thread.
     static INxReactor* CreateNetworkReactor();
+
+    // How long the tear-down waits, in all, for joinable threads that cannot be told to stop; 10 s
+    // unless set, not at all for zero or less. Before exit(), on any thread.
+    static void SetTearDownLimit(const CNxTimeValue& limit);
 
     // Nothing to do on this system. NX_OK.
     static NxResult SocketStartup();

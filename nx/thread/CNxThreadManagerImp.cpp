@@ -4,6 +4,7 @@
 #include <nx/foundation/CNxEventThread.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxTimeUtils.h>
+#include <nx/foundation/CNxTimeValue.h>
 #include <nx/foundation/standard_streams.h>
 #include <nx/process/trace_setting.h>
 #include <nx/reactor/CNxReactorEpoll.h>
@@ -11,17 +12,22 @@
 #include <nx/thread/CNxThreadReactor.h>
 #include <nx/thread/CNxThreadTask.h>
 #include <nx/thread/CNxTimerPreciseManager.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cassert>
 #include <csignal>
+#include <cstdio>
+#include <utility>
 
 namespace {
 
 std::atomic<CNxThreadManager*> s_pThreadManagerOnlyOne{nullptr};
 pthread_mutex_t s_creationMutex = PTHREAD_MUTEX_INITIALIZER;
+std::atomic<long> s_tearDownLimitMs{10000};
+constexpr CNxTimeValue c_noLimit(1000000000L);  // 30 years
 
 INxEventQueue* GetCallingThreadEventQueue() {
     return CNxThreadManager::Instance()->GetThreadEventQueue(NX_THREAD_CALLING);
@@ -36,17 +42,89 @@ bool IsEndedByManager(const CNxThread* thread) {
     return thread->GetEnd() == CNxThread::EEnd::AFTER_ALL_OTHERS;
 }
 
-// A loop on a thread of the application's own: nobody can tell whether it has ended.
-bool IsDrivenElsewhere(const CNxThread* thread) {
-    const unsigned long id = thread->GetThreadId();
-    return id != 0 && !CNxThreadManager::IsEqualCurrentThread(id) &&
-           thread->GetEnd() != CNxThread::EEnd::WITH_ANOTHER;
+constexpr int c_joinedIsGoneMs = 50;
+
+// Whether the process has no thread but the calling one; false also when the system does not tell.
+// A thread that was just joined may still be counted, so others are looked at a little longer.
+bool IsOnlyThread() {
+    for (int waited = 0; waited < c_joinedIsGoneMs; ++waited) {
+        struct stat tasks {};
+        // A folder has a link for itself, one from its parent, and one from each folder in it.
+        if (stat("/proc/self/task", &tasks) == 0 && tasks.st_nlink == 3) {
+            return true;
+        }
+        cnx_sleep_ms(1);
+    }
+    return false;
 }
 
 // Whether its loop will not be run any more: the caller is the one who would.
 bool IsAbandoned(const CNxThread* thread) {
     return thread->GetEnd() == CNxThread::EEnd::BY_APPLICATION ||
            CNxThreadManager::IsEqualCurrentThread(thread->GetThreadId());
+}
+
+// Whether it is on its way to its end: that is waited for however long it takes.
+bool StopForTearDown(CNxThread* thread) {
+    if (IsEndedByManager(thread) || thread->GetEnd() == CNxThread::EEnd::WITH_ANOTHER) {
+        return false;
+    }
+    if (IsAbandoned(thread)) {
+        if (thread->GetEnd() == CNxThread::EEnd::BY_STOP &&
+            thread->GetThreadType() != NX_THREAD_MAIN) {
+            thread->StopForCertain(nullptr);
+        }
+        // A thread that waits for a result could not be joined.
+        INxEventQueue* const queue = thread->GetEventQueue();
+        if (queue != nullptr) {
+            queue->StopAndDestoryPendingEvents();
+        }
+        return false;
+    }
+    const NxResult stopped = thread->StopForCertain(nullptr);
+    return !thread->IsRunning() || IsEnding(stopped);
+}
+
+// Threads that cannot be told to stop may come to their end all the same.
+void JoinWithinLimit(const std::vector<CNxThread*>& threads) {
+    const long limitMs = s_tearDownLimitMs.load();
+    const CNxTimeValue deadline =
+        CNxTimeValue::GetMonotonicTime() + CNxTimeValue(limitMs / 1000, limitMs % 1000 * 1000);
+    for (CNxThread* thread : threads) {
+        if (!IsEndedByManager(thread) && thread->JoinUntil(deadline) == NX_ERROR_TIMEOUT) {
+            std::fprintf(stderr, "nxbase: thread %d has not ended in %ld ms and is left behind\n",
+                         thread->GetThreadType(), limitMs);
+        }
+    }
+}
+
+CNxThreadManagerImp* GetIfMade() {
+    return static_cast<CNxThreadManagerImp*>(s_pThreadManagerOnlyOne.load());
+}
+
+// The order in which a start of the precise timers locks.
+void OnBeforeFork() {
+    CNxTimerPreciseManager::BeforeFork();
+    pthread_mutex_lock(&s_creationMutex);
+    if (GetIfMade() != nullptr) {
+        GetIfMade()->BeforeFork();
+    }
+}
+
+void OnForkInParent() {
+    if (GetIfMade() != nullptr) {
+        GetIfMade()->AfterForkInParent();
+    }
+    pthread_mutex_unlock(&s_creationMutex);
+    CNxTimerPreciseManager::AfterForkInParent();
+}
+
+void OnForkInChild() {
+    if (GetIfMade() != nullptr) {
+        GetIfMade()->AfterForkInChild();
+    }
+    pthread_mutex_unlock(&s_creationMutex);
+    CNxTimerPreciseManager::AfterForkInChild();
 }
 
 struct CMainThreadStart {
@@ -73,6 +151,10 @@ CNxThreadManager* CNxThreadManager::Instance() {
     if (manager != nullptr) {
         return manager;
     }
+    // Before the lock, which a fork takes. Without the memory for it a forked child has its
+    // parent's threads in the registry.
+    [[maybe_unused]] static const int s_forkNotice =
+        pthread_atfork(&OnBeforeFork, &OnForkInParent, &OnForkInChild);
     pthread_mutex_lock(&s_creationMutex);
     manager = s_pThreadManagerOnlyOne.load(std::memory_order_relaxed);
     if (manager == nullptr) {
@@ -86,7 +168,7 @@ CNxThreadManager* CNxThreadManager::Instance() {
 }
 
 void CNxThreadManager::CleanupOnlyOne() {
-    auto* const manager = static_cast<CNxThreadManagerImp*>(s_pThreadManagerOnlyOne.load());
+    CNxThreadManagerImp* const manager = GetIfMade();
     if (manager == nullptr) {
         CNxCleanUpBase::CleanupAll();
         return;
@@ -95,6 +177,11 @@ void CNxThreadManager::CleanupOnlyOne() {
     if (manager->TearDown()) {
         delete manager;
     }
+}
+
+void CNxThreadManager::SetTearDownLimit(const CNxTimeValue& limit) {
+    s_tearDownLimitMs.store(limit > c_noLimit ? c_noLimit.GetTotalInMsec()
+                                              : limit.GetTotalInMsec());
 }
 
 INxReactor* CNxThreadManager::CreateNetworkReactor() {
@@ -312,7 +399,9 @@ NxResult CNxThreadManagerImp::RegisterThread(CNxThread* thread) {
             return NX_ERROR_FOUND;
         }
     }
+    m_tearDownCopy.reserve(m_threads.size() + 1);
     m_threads.push_back(thread);
+    m_forks = CNxProcessWide::CountForks();
     return NX_OK;
 }
 
@@ -351,7 +440,35 @@ bool CNxThreadManagerImp::IsMainOrHasNone() {
     return GetThread(NX_THREAD_MAIN) == nullptr || IsEqualCurrentThread(NX_THREAD_MAIN);
 }
 
+void CNxThreadManagerImp::BeforeFork() NX_NO_THREAD_SAFETY_ANALYSIS {
+    m_registryMutex.Lock();
+}
+
+void CNxThreadManagerImp::AfterForkInParent() NX_NO_THREAD_SAFETY_ANALYSIS {
+    m_registryMutex.UnLock();
+}
+
+void CNxThreadManagerImp::AfterForkInChild() NX_NO_THREAD_SAFETY_ANALYSIS {
+    m_threads.erase(std::remove_if(m_threads.begin(), m_threads.end(),
+                                   [](const CNxThread* thread) {
+                                       return !IsEqualCurrentThread(thread->GetThreadId());
+                                   }),
+                    m_threads.end());
+    m_stopAsked.store(0);
+    m_registryMutex.UnLock();
+}
+
+bool CNxThreadManagerImp::IsUsedByThisProcess() {
+    CNxMutexGuardT<CNxMutexThread> guard(m_registryMutex);
+    return m_forks == CNxProcessWide::CountForks();
+}
+
 bool CNxThreadManagerImp::TearDown() {
+    if (!IsUsedByThisProcess()) {
+        // A forked child without threads of its own: the rest is its parent's.
+        CNxCleanUpBase::CleanupAll();
+        return false;
+    }
     const bool mayStop = IsMainOrHasNone();
     if (mayStop) {
         // exit() may have been called within an event, for whose end a thread waits.
@@ -365,44 +482,35 @@ bool CNxThreadManagerImp::TearDown() {
     return mayStop && DestroyThreads();
 }
 
-// Joins only what is on its way to its end: a thread that cannot be stopped must not keep the
-// process.
-void CNxThreadManagerImp::StopAndJoinForTearDown() {
-    std::vector<CNxThread*> ending;
-    for (CNxThread* thread : CopyRegistry()) {
-        if (IsEndedByManager(thread) || thread->GetEnd() == CNxThread::EEnd::WITH_ANOTHER) {
-            continue;
-        }
-        if (IsAbandoned(thread)) {
-            if (thread->GetEnd() == CNxThread::EEnd::BY_STOP &&
-                thread->GetThreadType() != NX_THREAD_MAIN) {
-                thread->StopForCertain(nullptr);
-            }
-            // A thread that waits for a result could not be joined.
-            INxEventQueue* const queue = thread->GetEventQueue();
-            if (queue != nullptr) {
-                queue->StopAndDestoryPendingEvents();
-            }
-            continue;
-        }
-        const NxResult stopped = thread->StopForCertain(nullptr);
-        if (!thread->IsRunning() || IsEnding(stopped)) {
-            ending.push_back(thread);
-        }
-    }
-    for (CNxThread* thread : ending) {
-        thread->Join();
-    }
+// For the thread of the tear-down alone. Threads that are registered meanwhile are not in it.
+std::vector<CNxThread*>& CNxThreadManagerImp::CopyForTearDown() {
+    CNxMutexGuardT<CNxMutexThread> guard(m_registryMutex);
+    assert(m_tearDownCopy.capacity() >= m_threads.size());
+    m_tearDownCopy.assign(m_threads.begin(), m_threads.end());
+    return m_tearDownCopy;
 }
 
-// Destroys all or, while one runs that may use the others, none.
+void CNxThreadManagerImp::StopAndJoinForTearDown() {
+    std::vector<CNxThread*>& threads = CopyForTearDown();
+    size_t ending = 0;
+    for (CNxThread*& thread : threads) {
+        if (StopForTearDown(thread)) {
+            std::swap(threads[ending++], thread);
+        }
+    }
+    for (size_t i = 0; i < ending; ++i) {
+        threads[i]->Join();
+    }
+    threads.erase(threads.begin(), threads.begin() + static_cast<std::ptrdiff_t>(ending));
+    JoinWithinLimit(threads);
+}
+
+// Destroys all or, while there is a thread that may use them, none.
 bool CNxThreadManagerImp::DestroyThreads() {
-    const std::vector<CNxThread*> threads = CopyRegistry();
-    if (CNxThread::DoesAnyRun() ||
-        std::any_of(threads.begin(), threads.end(), &IsDrivenElsewhere)) {
+    if (!IsOnlyThread()) {
         return false;
     }
-    for (CNxThread* thread : threads) {
+    for (CNxThread* thread : CopyForTearDown()) {
         thread->Destory(0);
     }
     return true;

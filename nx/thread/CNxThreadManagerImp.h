@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <nx/foundation/CNxMutexThread.h>
+#include <nx/foundation/CNxProcessWide.h>
 #include <nx/thread/CNxThreadManager.h>
 
 class CNxThreadManagerImp : public CNxThreadManager {
@@ -47,6 +48,12 @@ public:
     // thread is left running, which may then still use the manager.
     bool TearDown();
 
+    // Around a fork: the child's registry has what stands for the thread that forked, and nothing
+    // else of the parent.
+    void BeforeFork();
+    void AfterForkInParent();
+    void AfterForkInChild();
+
 private:
     struct CCpuPlan {
         explicit CCpuPlan(long processors);
@@ -55,12 +62,18 @@ private:
     };
 
     std::vector<CNxThread*> CopyRegistry();
+    bool IsUsedByThisProcess();
     bool IsMainOrHasNone();
+    std::vector<CNxThread*>& CopyForTearDown();
     void StopAndJoinForTearDown();
     bool DestroyThreads();
 
     std::vector<CNxThread*> m_threads NX_GUARDED_BY(m_registryMutex);
+    // Has room for the registry, so that the tear-down allocates nothing.
+    std::vector<CNxThread*> m_tearDownCopy NX_GUARDED_BY(m_registryMutex);
     CNxMutexThread m_registryMutex;
+    // The process that was the last to register a thread (CNxProcessWide::CountForks).
+    unsigned int m_forks NX_GUARDED_BY(m_registryMutex) = CNxProcessWide::CountForks();
     unsigned int m_lastUserType NX_GUARDED_BY(m_registryMutex) = NX_THREAD_USER - 1;
     // A StopAllThreads has come that no JoinAllThreads has followed yet.
     std::atomic<int> m_stopAsked{0};

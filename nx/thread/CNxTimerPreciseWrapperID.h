@@ -60,7 +60,7 @@ public:
     // zero. NX_ERROR_NULL_POINTER, with nothing changed, when the timer thread does not run.
     NxResult Cancel();
 
-    // On the timer thread: posts the event.
+    // On the timer thread, or on one that schedules when the timer is due: posts the event.
     void OnTimeout(const CNxTimeValue& curTime, void* token) override;
 
 private:

@@ -87,6 +87,32 @@ void CNxTimerQueueCalendar::TimerTick() {
     m_spareDue = std::move(due);
 }
 
+unsigned long CNxTimerQueueCalendar::CountIdleTicks(unsigned long most) const {
+    if (m_immediate != nullptr) {
+        return 0;
+    }
+    const unsigned long slots = m_slots.size();
+    for (unsigned long tick = 0; tick < std::min(most, slots); ++tick) {
+        if (m_slots[(m_currentIndex + tick) % slots] != nullptr) {
+            return tick;
+        }
+    }
+    return most;
+}
+
+void CNxTimerQueueCalendar::SkipIdleTicks(unsigned long ticks) {
+    assert(CountIdleTicks(ticks) == ticks);
+    m_currentIndex = (m_currentIndex + ticks) % m_slots.size();
+}
+
+unsigned long CNxTimerQueueCalendar::GetFirstTick(const CNxTimeValue& interval) const {
+    if (interval == CNxTimeValue::s_tvZero()) {
+        return 1;
+    }
+    const unsigned long slots = m_slots.size();
+    return (GetIndex(GetOffset(interval)) + slots - m_currentIndex) % slots + 1;
+}
+
 NxResult CNxTimerQueueCalendar::OnEventFire() {
     std::vector<Due> due;
     TakeImmediate(due);

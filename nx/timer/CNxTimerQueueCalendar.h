@@ -65,6 +65,17 @@ public:
     // To be called once per slot interval.
     void TimerTick();
 
+    // For an owner that sleeps over ticks which fire nothing:
+    // whether there is no timer at all;
+    bool IsEmpty() const { return m_immediate == nullptr && m_entries.empty(); }
+    // how many of the next ticks fire nothing, looking at `most` of them;
+    unsigned long CountIdleTicks(unsigned long most) const;
+    // the same as that many calls of TimerTick, for idle ones;
+    void SkipIdleTicks(unsigned long ticks);
+    // the number of the tick, 1 being the next, that is the first to fire a timer of that interval
+    // if it is scheduled now.
+    unsigned long GetFirstTick(const CNxTimeValue& interval) const;
+
     // Fires the timers with an interval of zero. NX_OK. Nobody in the library posts a calendar; an
     // owner that wants them sooner than the next tick may, to its own queue.
     NxResult OnEventFire() override;

@@ -15,7 +15,9 @@ public:
     virtual ~INxTimerHandler() = default;
 };
 
-// Wall-clock timers of one thread. No locks: only that thread calls it; others post an event to it.
+// Timers of one thread, by CNxTimeValue::GetTimeOfDay: when the system clock is set they move with
+// it, unless the process has called CNxTimeValue::UseMonotonicClock. No locks: only that thread
+// calls it; others post an event to it.
 class INxTimerQueue {
 public:
     // First fires `interval` from now, then every `interval`; `count` times in all, 0 meaning until
