@@ -32,11 +32,14 @@ void InitOnce() {
     if (name.empty()) {
         return;
     }
+    // All memory first: without it the next call begins anew.
     const CNxString home = GetBinHomePath();
+    const CNxString configFile = home + "/conf/" + name + ".cfg";
+    const CNxString logDir = home + "/logs/";
     BufferStringCopy(g_currentProcessName1, sizeof(g_currentProcessName1), name);
     BufferStringCopy(g_strTracehome1, sizeof(g_strTracehome1), home);
-    BufferStringCopy(g_strConfigfile1, sizeof(g_strConfigfile1), home + "/conf/" + name + ".cfg");
-    BufferStringCopy(g_strLogDir1, sizeof(g_strLogDir1), home + "/logs/");
+    BufferStringCopy(g_strConfigfile1, sizeof(g_strConfigfile1), configFile);
+    BufferStringCopy(g_strLogDir1, sizeof(g_strLogDir1), logDir);
     PrintToStdout("trace_setting_init, g_strTracehome1=%s\n", g_strTracehome1);
     PrintToStdout("trace_setting_init, g_strConfigfile1=%s\n", g_strConfigfile1);
     PrintToStdout("trace_setting_init, g_strLogDir1=%s\n", g_strLogDir1);

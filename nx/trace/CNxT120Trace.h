@@ -83,7 +83,8 @@ public:
     // has 27 rows. Without a name records have no category in them. With a `fileName` all records
     // go to one file, LOGS/fileName.PID, or in shared mode the file "fileName" with a BACKSLASH
     // before its name; its size is then the key `fileName`, and a full file starts anew instead of
-    // counting on. Reads the switches, and opens the files if the configuration says Enable=TRUE.
+    // counting on. In shared mode threads wait in line while one waits for the lock of a file.
+    // Reads the switches, and opens the files if the configuration says Enable=TRUE.
     CNxT120Trace(const char* name, CNxT120TraceMapEntry* entries, const char* fileName,
                  unsigned char shared);
     // Leaves the files open; they belong to g_trace_mgr.
