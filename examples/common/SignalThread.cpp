@@ -40,7 +40,11 @@ void SignalThread::Close() {
 
 void SignalThread::Run(INxEventQueue& queue) {
     int signo = 0;
-    while (sigwait(&m_signals, &signo) == 0 && !m_isClosing) {
+    while (!m_isClosing) {
+        // A failed wait has taken no signal: it is still there for the next.
+        if (sigwait(&m_signals, &signo) != 0 || m_isClosing) {
+            continue;
+        }
         assert(sigismember(&m_signals, signo) == 1);
         if (m_onTaken) {
             m_onTaken(signo);

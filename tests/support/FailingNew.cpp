@@ -40,6 +40,10 @@ void Fail(long skip, long count) {
     s_isOn = true;
 }
 
+long GetMade() {
+    return s_made;
+}
+
 long Stop() {
     s_isOn = false;
     return s_made;
