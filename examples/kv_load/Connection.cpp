@@ -181,11 +181,12 @@ void Connection::Send() {
             WaitForRoom(false);
             return;
         }
-        m_lastActivity = examples::NowNs();
-        m_pipeline.MarkSent(m_lastActivity);
+        const std::int64_t now = examples::NowNs();
+        m_pipeline.MarkSent(now);
         const ssize_t sent = send(GetHandle(), m_output.get() + m_outputSent,
                                   m_outputEnd - m_outputSent, MSG_NOSIGNAL);
         if (sent >= 0) {
+            m_lastActivity = now;
             m_outputSent += static_cast<std::size_t>(sent);
             assert(m_outputSent <= m_outputEnd);
             continue;

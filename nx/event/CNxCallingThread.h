@@ -9,7 +9,7 @@ public:
     using Finder = INxEventQueue* (*)();
 
     // The event queue of the calling thread; null when the thread is not registered, or there is
-    // no thread manager yet. Any thread.
+    // no thread manager. Any thread.
     static INxEventQueue* GetEventQueue();
 
     // For the thread manager: how to find it.

@@ -1,5 +1,6 @@
 #include <nx/event/CNxEventQueueBase.h>
 #include <nx/event/CNxEventSynchronous.h>
+#include <nx/foundation/CCancelOff.h>
 #include <pthread.h>
 
 #include <cassert>
@@ -53,6 +54,8 @@ NxResult CNxEventQueueBase::SendEvent(INxEvent* event) {
         event->OnDestorySelf();
         return result;
     }
+    // To the end of the scope: a post may be a cancellation point, and then the queue has it.
+    const CCancelOff cancelOff;
     CNxEventSynchronous wrapper(event, this);
     const NxResult posted = PostEvent(&wrapper, PRIORITY_NORMAL);
     return posted == NX_OK ? wrapper.WaitResult() : posted;
@@ -121,7 +124,8 @@ NxResult CNxEventQueueBase::ProcessOneEvent(INxEvent* event) {
     if (event == nullptr) {
         return NX_ERROR_INVALID_ARG;
     }
-    event->OnEventFire();
+    // A sent event's wrapper keeps the result for its sender; that of a posted one is nobody's.
+    static_cast<void>(event->OnEventFire());
     event->OnDestorySelf();
     return NX_OK;
 }

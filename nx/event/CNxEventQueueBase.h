@@ -1,6 +1,8 @@
 // The core of the event queues, without a lock.
 #pragma once
 
+#include <pthread.h>
+
 #include <atomic>
 #include <list>
 
@@ -59,6 +61,7 @@ public:
 
     // The thread that drains the queue; 0 as long as there is none.
     void SetOwnerThreadId(unsigned long id) { m_ownerThreadId.store(id); }
+    void Reset2CurrentThread() override { SetOwnerThreadId(pthread_self()); }
     unsigned long GetOwnerThreadId() const { return m_ownerThreadId.load(); }
 
     bool IsQueueStopped() const { return m_stopped.load(std::memory_order_relaxed) != 0; }

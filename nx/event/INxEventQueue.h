@@ -53,4 +53,8 @@ public:
     // their senders get NX_ERROR_NOT_AVAILABLE. For the end of a loop that nobody will run again.
     // A queue that cannot be stopped does nothing.
     virtual void StopAndDestoryPendingEvents() {}
+
+    // Makes the calling thread the one that drains the queue, while nobody does. A queue that is
+    // bound to no thread does nothing.
+    virtual void Reset2CurrentThread() {}
 };

@@ -56,12 +56,13 @@ void CNxMutexThreadBase::AssertHeld() const NX_NO_THREAD_SAFETY_ANALYSIS {
 }
 
 void CNxMutexThreadBase::NoteLocked() {
-    m_holder.store(pthread_self(), std::memory_order_relaxed);
-    ++m_depth;
+    const unsigned long self = pthread_self();
+    m_depth = m_holder.exchange(self, std::memory_order_relaxed) == self ? m_depth + 1 : 1;
 }
 
+// An UnLock by another thread than the holder fails, and takes nothing from the holder.
 void CNxMutexThreadBase::NoteUnLocked() {
-    if (--m_depth == 0) {
+    if (m_holder.load(std::memory_order_relaxed) == pthread_self() && --m_depth == 0) {
         m_holder.store(0, std::memory_order_relaxed);
     }
 }

@@ -22,7 +22,7 @@ public:
     static void SetTearDownIfNone(void (*tearDown)());
 
     // How many forks lie between this process and the one that loaded the library. Children of
-    // fork(2) are counted, not those of a bare clone(2). What was noted in one process and is another
-    // number now belongs to a parent.
+    // fork(2) are counted, not those of a bare clone(2). What was noted in one process and is
+    // another number now belongs to a parent.
     static unsigned int CountForks();
 };

@@ -46,7 +46,7 @@ void CNxReactorBase::Reset2CurrentThread() {
     CNxStopFlag::Reset2CurrentThreadId();
     SetOwnerThreadId(pthread_self());
     if (m_pTimerQueue != nullptr) {
-        m_pTimerQueue->Reset2CurrentThreadId();
+        m_pTimerQueue->Reset2CurrentThread();
     }
 }
 

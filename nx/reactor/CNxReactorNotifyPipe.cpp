@@ -3,7 +3,6 @@
 #include <nx/reactor/CNxReactorNotifyPipe.h>
 #include <sys/socket.h>
 
-#include <cassert>
 #include <cerrno>
 #include <cstdint>
 #include <initializer_list>
@@ -107,8 +106,8 @@ int CNxReactorNotifyPipe::OnInput(int fd) {
     if (recv(fd, &record, sizeof(record), 0) != static_cast<ssize_t>(sizeof(record))) {
         return 0;
     }
-    [[maybe_unused]] const long records = m_records.fetch_sub(1);
-    assert(records > 0);
+    // Also a forked child's, that is not counted here: no reason for its parent to end.
+    m_records.fetch_sub(1);
     if (record.m_fd != fd && m_pReactor != nullptr) {
         m_pReactor->ProcessHandleEvent(record.m_fd, record.m_mask, 0, 1, 0);
     }

@@ -59,7 +59,8 @@ private:
     mutable CNxMutexThread m_mutex;
     CNxPipe m_PipeNotify NX_GUARDED_BY(m_mutex);
     CNxReactorBase* m_pReactor = nullptr;
-    // Counted before a record is written and after it is read, so it is never below their number.
+    // Counted before a record is written and after it is read, so it is never below their number
+    // unless a forked child, which has the pipe in common with its parent, has written some.
     std::atomic<long> m_records{0};
     // The record for posted events found no room; after the next one that is read they are fired.
     std::atomic<bool> m_eventsOwed{false};

@@ -54,5 +54,5 @@ public:
 
     // Hands the reactor to the calling thread while its loop does not run. A reactor that is bound
     // to no thread does nothing.
-    virtual void Reset2CurrentThread() {}
+    void Reset2CurrentThread() override {}
 };

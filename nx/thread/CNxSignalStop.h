@@ -13,7 +13,7 @@ class CNxSignalStop : public INxEvent {
 public:
     static CNxSignalStop* Instance();
 
-    // Call it on the network thread, e.g. from the handler of a signalfd: posts this object to
+    // Call it on the network thread, e.g. in an event that a signal made: posts this object to
     // that thread's queue, after the events that wait there, and prints
     // "CNxSignalStop::CNxSignalStop, PostEvent, rv=%d.\n". The argument is not used.
     // The result of the post; NX_OK with nothing done when it was launched before or the caller is

@@ -1,3 +1,5 @@
+#include <nx/foundation/CCancelOff.h>
+#include <nx/reactor/INxReactor.h>
 #include <nx/thread/CNxThread.h>
 #include <pthread.h>
 #include <sched.h>
@@ -14,6 +16,16 @@ public:
 namespace {
 
 constexpr unsigned long c_maxProcessors = 1024;
+
+// Ends a reactor's loop from inside.
+class CStopLoop : public INxEvent {
+public:
+    explicit CStopLoop(INxReactor& reactor) : m_reactor(reactor) {}
+    NxResult OnEventFire() override { return m_reactor.StopEventLoop(); }
+
+private:
+    INxReactor& m_reactor;
+};
 
 std::atomic<int> s_systemThreads{0};
 
@@ -93,6 +105,8 @@ NxResult CNxThread::RegisterAs(int type, unsigned long id, unsigned long handle)
 }
 
 NxResult CNxThread::StartSystemThread() {
+    // The new thread has the event that lies on this stack.
+    const CCancelOff cancelOff;
     CStartEvent startEvent;
     pthread_attr_t attributes;
     if (pthread_attr_init(&attributes) != 0) {
@@ -197,6 +211,23 @@ bool CNxThread::IsRunning() const {
 
 void CNxThread::BindToCallingThread() {
     SetThreadId(CNxThreadManager::GetThreadSelfId());
+    if (INxEventQueue* const events = GetEventQueue()) {
+        events->Reset2CurrentThread();
+    }
+    if (INxTimerQueue* const timers = GetTimerQueue()) {
+        timers->Reset2CurrentThread();
+    }
+    if (INxReactor* const reactor = GetReactor()) {
+        reactor->Reset2CurrentThread();
+    }
+}
+
+NxResult CNxThread::StopForCertain(CNxTimeValue* timeout) {
+    const NxResult stopped = Stop(timeout);
+    INxReactor* const reactor = GetReactor();
+    return stopped == NX_ERROR_FAILURE && reactor != nullptr
+               ? reactor->PostEvent(new CStopLoop(*reactor), INxEventQueue::PRIORITY_NORMAL)
+               : stopped;
 }
 
 bool CNxThread::DoesAnyRun() {
@@ -230,7 +261,8 @@ NxResult CNxThread::Destory(long /*reason*/) {
 
 void CNxThread::Unregister() {
     if (m_registered.exchange(0) != 0) {
-        CNxThreadManager::Instance()->UnregisterThread(this);
+        // Not there when the manager was made anew meanwhile.
+        static_cast<void>(CNxThreadManager::Instance()->UnregisterThread(this));
     }
 }
 

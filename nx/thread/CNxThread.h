@@ -101,11 +101,11 @@ public:
     };
     virtual EEnd GetEnd() const { return EEnd::BY_STOP; }
 
-    // Stop, and where that cannot reach the loop another way that does.
-    virtual NxResult StopForCertain(CNxTimeValue* timeout) { return Stop(timeout); }
+    // Stop; a reactor that its StopEventLoop does not reach is told by an event.
+    NxResult StopForCertain(CNxTimeValue* timeout);
 
     // Makes the calling thread the one that the object stands for and whose queues it has, while
-    // nobody runs its loop.
+    // nobody runs its loop. A kind with a CNxStopFlag, which it does not reach, overrides it.
     virtual void BindToCallingThread();
 
 protected:

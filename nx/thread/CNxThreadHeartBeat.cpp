@@ -13,14 +13,6 @@ void CNxThreadHeartBeat::OnThreadInit() {
     BindToCallingThread();
 }
 
-void CNxThreadHeartBeat::BindToCallingThread() {
-    CNxThread::BindToCallingThread();
-    m_eventQueue.SetOwnerThreadId(GetThreadId());
-    if (m_timerQueue != nullptr) {
-        m_timerQueue->Reset2CurrentThreadId();
-    }
-}
-
 NxResult CNxThreadHeartBeat::DoHeartBeat() {
     if (m_timerQueue != nullptr) {
         m_timerQueue->CheckExpire(nullptr);

@@ -35,7 +35,6 @@ public:
     INxTimerQueue* GetTimerQueue() override { return m_timerQueue.get(); }
 
     EEnd GetEnd() const override { return EEnd::BY_APPLICATION; }
-    void BindToCallingThread() override;
 
 private:
     CNxEventQueueUsingMutex m_eventQueue;

@@ -130,7 +130,8 @@ public:
     // The manager of the process, made by the first call, on any thread.
     static CNxThreadManager* Instance();
 
-    // Tears the manager down, as described above. Runs by itself at exit().
+    // Tears the manager down, as described above. Runs by itself at exit(). Not within an event
+    // that is to go on after it: its sender has been woken by then.
     static void CleanupOnlyOne();
 
     // A new epoll reactor, not open yet. The caller owns it until it hands it to a thread.

@@ -1,4 +1,5 @@
 #include <nx/event/CNxCallingThread.h>
+#include <nx/foundation/CCancelOff.h>
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/foundation/CNxEventThread.h>
 #include <nx/foundation/CNxProcessWide.h>
@@ -152,6 +153,7 @@ CNxThreadManagerImp::CNxThreadManagerImp()
     : m_processors(sysconf(_SC_NPROCESSORS_ONLN)), m_cpuPlan(m_processors) {}
 
 CNxThreadManagerImp::~CNxThreadManagerImp() {
+    CNxCallingThread::SetFinder(nullptr);
     s_pThreadManagerOnlyOne.store(nullptr);
 }
 
@@ -161,7 +163,8 @@ NxResult CNxThreadManagerImp::InitMainThread(int /*argc*/, char** /*argv*/) {
     if (!CopyRegistry().empty()) {
         return NX_ERROR_ALREADY_INITIALIZED;
     }
-    BlockSignal();
+    // Only a reactor on signals needs it, and that one blocks them for its own thread as well.
+    static_cast<void>(BlockSignal());
     trace_setting_init();
     auto* const thread = new CNxThreadTask;
     const NxResult created = thread->Create(NX_THREAD_MAIN, FLAG_JOINABLE);
@@ -177,6 +180,8 @@ NxResult CNxThreadManagerImp::MainThreadDetachRun(CNxThread* thread) {
     if (thread == nullptr || thread->GetThreadType() != NX_THREAD_MAIN) {
         return NX_ERROR_FAILURE;
     }
+    // The new thread has what lies on this stack.
+    const CCancelOff cancelOff;
     CMainThreadStart start{thread, CNxEventThread(0, 0)};
     pthread_t handle{};
     if (pthread_create(&handle, nullptr, &MainThreadFun, &start) != 0) {
@@ -273,8 +278,9 @@ NxResult CNxThreadManagerImp::StopAllThreads(CNxTimeValue* timeout) {
         return NX_ERROR_FAILURE;
     }
     for (CNxThread* thread : CopyRegistry()) {
+        // One that cannot be stopped does not keep the others from it.
         if (thread->GetThreadType() != NX_THREAD_MAIN) {
-            thread->StopForCertain(timeout);
+            static_cast<void>(thread->StopForCertain(timeout));
         }
     }
     m_stopAsked.store(1);
@@ -368,6 +374,10 @@ void CNxThreadManagerImp::StopAndJoinForTearDown() {
             continue;
         }
         if (IsAbandoned(thread)) {
+            if (thread->GetEnd() == CNxThread::EEnd::BY_STOP &&
+                thread->GetThreadType() != NX_THREAD_MAIN) {
+                thread->StopForCertain(nullptr);
+            }
             // A thread that waits for a result could not be joined.
             INxEventQueue* const queue = thread->GetEventQueue();
             if (queue != nullptr) {

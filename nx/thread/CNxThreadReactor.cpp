@@ -1,19 +1,5 @@
 #include <nx/thread/CNxThreadReactor.h>
 
-namespace {
-
-// Ends a reactor's loop from inside.
-class CStopLoop : public INxEvent {
-public:
-    explicit CStopLoop(INxReactor& reactor) : m_reactor(reactor) {}
-    NxResult OnEventFire() override { return m_reactor.StopEventLoop(); }
-
-private:
-    INxReactor& m_reactor;
-};
-
-}  // namespace
-
 NxResult CNxThreadReactor::Init(INxReactor* reactor) {
     if (m_reactor != nullptr) {
         return NX_ERROR_ALREADY_INITIALIZED;
@@ -48,20 +34,6 @@ NxResult CNxThreadReactor::Stop(CNxTimeValue* timeout) {
     }
     m_stopAsked.store(1);
     return m_reactor->StopEventLoop();
-}
-
-NxResult CNxThreadReactor::StopForCertain(CNxTimeValue* timeout) {
-    const NxResult stopped = Stop(timeout);
-    return stopped == NX_ERROR_FAILURE
-               ? m_reactor->PostEvent(new CStopLoop(*m_reactor), INxEventQueue::PRIORITY_NORMAL)
-               : stopped;
-}
-
-void CNxThreadReactor::BindToCallingThread() {
-    CNxThread::BindToCallingThread();
-    if (m_reactor != nullptr) {
-        m_reactor->Reset2CurrentThread();
-    }
 }
 
 void CNxThreadReactor::OnThreadInit() {

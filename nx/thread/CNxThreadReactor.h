@@ -33,10 +33,6 @@ public:
     INxEventQueue* GetEventQueue() override { return m_reactor.get(); }
     INxTimerQueue* GetTimerQueue() override { return m_reactor.get(); }
 
-    // A reactor that its StopEventLoop does not reach is told by an event.
-    NxResult StopForCertain(CNxTimeValue* timeout) override;
-    void BindToCallingThread() override;
-
 private:
     std::unique_ptr<INxReactor> m_reactor;
     std::atomic<int> m_stopAsked{0};

@@ -21,7 +21,6 @@ void CNxThreadTaskWithEventQueueOnly::OnThreadInit() {
 
 void CNxThreadTaskWithEventQueueOnly::BindToCallingThread() {
     CNxThread::BindToCallingThread();
-    m_eventQueue.SetOwnerThreadId(GetThreadId());
     Reset2CurrentThreadId();
 }
 
@@ -47,13 +46,6 @@ size_t CNxThreadTaskWithEventQueueOnly::BeginTurn(CNxTimeValue& /*wait*/) {
 void CNxThreadTask::OnThreadInit() {
     m_timerQueue = std::make_unique<CNxTimerQueueOrderedList>(nullptr);
     CNxThreadTaskWithEventQueueOnly::OnThreadInit();
-}
-
-void CNxThreadTask::BindToCallingThread() {
-    CNxThreadTaskWithEventQueueOnly::BindToCallingThread();
-    if (m_timerQueue != nullptr) {
-        m_timerQueue->Reset2CurrentThreadId();
-    }
 }
 
 size_t CNxThreadTask::BeginTurn(CNxTimeValue& wait) {

@@ -41,8 +41,6 @@ public:
     // Null before OnThreadInit.
     INxTimerQueue* GetTimerQueue() override { return m_timerQueue.get(); }
 
-    void BindToCallingThread() override;
-
 protected:
     size_t BeginTurn(CNxTimeValue& wait) override;
 

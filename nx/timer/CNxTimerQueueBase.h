@@ -6,7 +6,7 @@
 #include <nx/foundation/INxObserver.h>
 #include <nx/timer/INxTimerQueue.h>
 
-// Belongs to the thread that made it (Reset2CurrentThreadId moves it); takes no lock. Has no thread
+// Belongs to the thread that made it (Reset2CurrentThread moves it); takes no lock. Has no thread
 // of its own: the owner calls CheckExpire from its loop. Pending timers are dropped with the
 // queue, their handlers are not told.
 class CNxTimerQueueBase : public INxTimerQueue {
@@ -38,8 +38,7 @@ public:
 
     virtual void Dump() {}
 
-    // Hands the queue to the calling thread.
-    void Reset2CurrentThreadId() { m_Est.Reset2CurrentThreadId(); }
+    void Reset2CurrentThread() override { m_Est.Reset2CurrentThreadId(); }
 
 protected:
     static constexpr unsigned long c_endless = ~0ul;

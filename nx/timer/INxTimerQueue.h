@@ -30,4 +30,7 @@ public:
     virtual NxResult CancelTimer(INxTimerHandler* handler) = 0;
 
     virtual ~INxTimerQueue() = default;
+
+    // Hands the queue to the calling thread. One that is bound to no thread does nothing.
+    virtual void Reset2CurrentThread() {}
 };

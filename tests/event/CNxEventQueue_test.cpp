@@ -98,6 +98,33 @@ TEST(EventQueue, ACancelledSenderIsNotTornFromItsEvent) {
     EXPECT_TRUE(counts.AllDestroyed());
 }
 
+// As a queue that wakes its owner by a system call.
+class QueueWithACancellationPoint : public CNxEventQueueUsingConditionVariable {
+public:
+    NxResult PostEvent(INxEvent* event, EPriority priority) override {
+        const NxResult posted = CNxEventQueueUsingConditionVariable::PostEvent(event, priority);
+        pthread_testcancel();
+        return posted;
+    }
+};
+
+TEST(EventQueue, ASenderIsNotCancelledWithinItsPost) {
+    QueueWithACancellationPoint queue;
+    EventCounts counts;
+    std::thread sender([&] {
+        pthread_cancel(pthread_self());
+        EXPECT_EQ(queue.SendEvent(new CountedEvent(counts)), NX_OK);
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    });
+    std::list<INxEvent*> events;
+    while (queue.PopOrWaitPendingEvents(events, nullptr, 1) != NX_OK) {
+    }
+    queue.ProcessEvents(events);
+    sender.join();
+    EXPECT_EQ(counts.m_fired, 1);
+    EXPECT_TRUE(counts.AllDestroyed());
+}
+
 // Posters, senders and a stopping owner in every interleaving that the scheduler finds: every event
 // ends exactly once, every sender returns with one of its three answers, nothing hangs.
 TEST(EventQueueRaces, PostsAndSendsAgainstTheStopAreCountedToTheLast) {

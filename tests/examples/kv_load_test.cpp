@@ -122,19 +122,33 @@ TEST_F(PipelineTest, EveryWrongByteIsFound) {
     }
 }
 
-// The whole program against a server that sends `reply` to its one client, in one segment with the
-// end of the stream if it hangs up, then nothing.
 struct Outcome {
     int status = 0;
     std::string messages;
 };
 
-Outcome RunAgainst(const std::string& reply, bool hangUp = false) {
-    CNxSocketTcp listener;
+// The port that it listens on.
+std::string Listen(CNxSocketTcp& listener) {
     CNxInetAddr address;
     EXPECT_EQ(0, listener.Open(0, CNxInetAddr("127.0.0.1", 0)));
     EXPECT_EQ(0, listen(listener.GetHandle(), 1));
     EXPECT_EQ(0, listener.GetLocalAddr(address));
+    return std::to_string(address.GetPort());
+}
+
+Outcome RunLoad(const std::string& options) {
+    Outcome outcome;
+    outcome.messages = OutputOf(
+        "timeout 20 " KV_LOAD " --connections 1 --stall-timeout 1 " + options + " 2>&1 >/dev/null",
+        &outcome.status);
+    return outcome;
+}
+
+// The whole program against a server that sends `reply` to its one client, in one segment with the
+// end of the stream if it hangs up, then nothing.
+Outcome RunAgainst(const std::string& reply, bool hangUp = false) {
+    CNxSocketTcp listener;
+    const std::string port = Listen(listener);
     std::thread server([&] {
         CNxSocketBase client;
         client.SetHandle(accept(listener.GetHandle(), nullptr, nullptr));
@@ -147,10 +161,7 @@ Outcome RunAgainst(const std::string& reply, bool hangUp = false) {
         while (recv(client.GetHandle(), &byte, 1, 0) > 0) {
         }
     });
-    Outcome outcome;
-    outcome.messages = OutputOf(KV_LOAD " --connections 1 --stall-timeout 1 --port " +
-                                    std::to_string(address.GetPort()) + " 2>&1 >/dev/null",
-                                &outcome.status);
+    const Outcome outcome = RunLoad("--port " + port);
     server.join();
     return outcome;
 }
@@ -165,6 +176,14 @@ TEST(KvLoad, AWrongReplyASilentServerAndOneThatHangsUpAreFailures) {
         << silent.messages;
     const Outcome gone = RunAgainst("+OK\r\n", true);
     EXPECT_NE(std::string::npos, gone.messages.find("closed by the server")) << gone.messages;
+}
+
+// What it cannot send any more is no sign of life.
+TEST(KvLoad, AServerThatDoesNotReadIsAFailureToo) {
+    CNxSocketTcp listener;
+    const Outcome full = RunLoad("--value-size 10000000 --port " + Listen(listener));
+    EXPECT_EQ(1, full.status);
+    EXPECT_NE(std::string::npos, full.messages.find("stalled")) << full.messages;
 }
 
 }  // namespace

@@ -10,6 +10,27 @@
 
 namespace {
 
+// The analysis does not know mutexes that are locked again.
+NxResult LockOnce(CNxMutexThreadRecursive& mutex) NX_NO_THREAD_SAFETY_ANALYSIS {
+    return mutex.Lock();
+}
+NxResult UnLockOnce(CNxMutexThreadRecursive& mutex) NX_NO_THREAD_SAFETY_ANALYSIS {
+    return mutex.UnLock();
+}
+
+// In checking builds the mutex knows its holder.
+TEST(CNxMutexThreadRecursive, IsHeldUntilItsHolderHasUnlockedAsOftenAsLocked) {
+    CNxMutexThreadRecursive mutex;
+    ASSERT_EQ(LockOnce(mutex), NX_OK);
+    ASSERT_EQ(LockOnce(mutex), NX_OK);
+#ifndef __SANITIZE_THREAD__  // which reports the call itself
+    std::thread([&] { EXPECT_EQ(UnLockOnce(mutex), NX_ERROR_FAILURE); }).join();
+#endif
+    EXPECT_EQ(UnLockOnce(mutex), NX_OK);
+    mutex.AssertHeld();
+    EXPECT_EQ(UnLockOnce(mutex), NX_OK);
+}
+
 TEST(CNxConditionVariableThread, TimesOutAtOnceForPastAndAbsurdDeadlines) {
     CNxMutexThread mutex;
     CNxConditionVariableThread condition(mutex);

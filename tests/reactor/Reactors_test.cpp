@@ -3,6 +3,7 @@
 #include <nx/reactor/CNxReactorSelect.h>
 #include <nx/reactor/realtime/CNxReactorRealTimeSignal.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 
 #include <memory>
 #include <string>
@@ -221,6 +222,21 @@ TYPED_TEST(ClosedReactors, NothingIsLostOrWrittenElsewhereWhileTheReactorClosesA
 }
 
 // An event that posts its own successor, until a handler has had its turn.
+TYPED_TEST(Reactors, AForkedChildThatWakesItsCopyDoesNotEndTheParent) {
+    auto& reactor = this->m_reactor;
+    const pid_t child = fork();
+    if (child == 0) {
+        reactor.StopEventLoop();
+        reactor.PostEvent(new CountedEvent(this->m_counts), c_normal);
+        _exit(0);
+    }
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    Timer stop([&] { StopSoon(reactor, this->m_counts); });
+    EXPECT_EQ(reactor.ScheduleTimer(&stop, nullptr, CNxTimeValue(0, 1000), 1), NX_OK);
+    EXPECT_EQ(reactor.RunEventLoop(), NX_OK);
+    EXPECT_TRUE(this->m_counts.AllDestroyed());
+}
+
 TYPED_TEST(Reactors, FloodOfPostedEventsDoesNotStarveInput) {
     auto& reactor = this->m_reactor;
     End end;

@@ -111,6 +111,25 @@ TEST_F(ProcessEnd, ForgottenThreadsAreStoppedAndJoined) {
     EXPECT_EXIT(body(), ::testing::ExitedWithCode(3), "cleaned up");
 }
 
+// A kind of the application's own, on a thread that the library did not start.
+class SaysThatItStops : public CNxThread {
+public:
+    NxResult Stop(CNxTimeValue* /*timeout*/) override {
+        std::fputs("stopped", stderr);
+        return NX_OK;
+    }
+    void OnThreadRun() override {}
+};
+
+TEST_F(ProcessEnd, KindsOnTheExitingThreadAreAskedToStopToo) {
+    const auto body = [] {
+        Must(Manager()->InitMainThread(0, nullptr));
+        Must((new SaysThatItStops)->CreateNotRun(NX_THREAD_USER, c_joinable));
+        std::exit(0);
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "stopped");
+}
+
 // For an event that is still in the queue, and for the one that ends the process.
 TEST_F(ProcessEnd, WorkerThatWaitsForTheMainThreadDoesNotKeepTheProcess) {
     for (const bool inEvent : {false, true}) {

@@ -114,6 +114,23 @@ TEST(Thread, RefusingOnCreateDeletesTheObjectAndTellsTheCreator) {
     }
 }
 
+// What its thread reports to lies on its stack.
+TEST(Thread, ACancelledCreatorWaitsUntilItsThreadIsUp) {
+    std::atomic<int> deleted{0};
+    std::atomic<int> mayEnd{1};
+    auto* const thread = new ShortThread(deleted, mayEnd);
+    NxResult created = NX_ERROR_NOT_AVAILABLE;
+    std::thread creator([&] {
+        pthread_cancel(pthread_self());
+        created = thread->Create(NextType(), c_joinable);
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    });
+    creator.join();
+    ASSERT_EQ(created, NX_OK);
+    EXPECT_EQ(thread->Join(), NX_OK);
+    thread->Destory(0);
+}
+
 // As if another thread had found it in the registry.
 class ReactorStoppedWhileItOpens : public CNxReactorEpoll {
 public:

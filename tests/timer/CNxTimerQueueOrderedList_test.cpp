@@ -52,4 +52,39 @@ TEST(TimerQueue, FiresByExpiryLastScheduledFirstAndDoesNotCatchUp) {
     EXPECT_EQ(queue.CancelTimer(&b), NX_OK);
 }
 
+// A container of an application's own, with one node and the results that it is told.
+class ObstinateQueue : public CNxTimerQueueBase {
+public:
+    ObstinateQueue() : CNxTimerQueueBase(nullptr) {}
+
+    NxResult m_result = NX_OK;
+
+protected:
+    NxResult PushNode_l(const CNode& node) override {
+        m_node = node;
+        return m_result;
+    }
+    NxResult EraseNode_l(INxTimerHandler* /*handler*/) override { return m_result; }
+    NxResult RePushNode_l(const CNode& /*node*/) override { return m_result; }
+    NxResult PopFirstNode_l(CNode& /*node*/) override { return m_result; }
+    NxResult GetEarliestTime_l(CNxTimeValue& time) const override {
+        time = m_node.m_expiry;
+        return NX_OK;
+    }
+
+private:
+    CNode m_node{};
+};
+
+TEST(TimerQueue, WhatAContainerRefusesIsAFailureAndNoMore) {
+    ObstinateQueue queue;
+    Handler never([] { FAIL(); });
+    queue.m_result = 77;
+    EXPECT_EQ(queue.ScheduleTimer(&never, nullptr, CNxTimeValue(0, 0), 1), NX_ERROR_FAILURE);
+    EXPECT_EQ(queue.CancelTimer(&never), NX_ERROR_FAILURE);
+    CNxTimeValue remaining;
+    EXPECT_EQ(queue.CheckExpire(&remaining), 0);
+    EXPECT_TRUE(remaining <= CNxTimeValue::s_tvZero());
+}
+
 }  // namespace
