@@ -272,7 +272,7 @@ private:
 
     // Every N-th call from the start to the first PING.
     void Start(FaultPlan::ECall call, int error) {
-        const long most = m_isLong ? 1000 : 3;
+        const long most = m_isLong ? 1000 : 6;
         for (long number = 0; number < most; ++number) {
             m_faults.Fail(call, error, number, 1);
             Server server(m_program, m_home);
@@ -318,7 +318,7 @@ private:
     }
 
     void Once(FaultPlan::ECall call, int error) {
-        const long most = m_isLong ? 20 : 2;
+        const long most = m_isLong ? 20 : 6;
         for (long number = 0; number < most; ++number) {
             Server& server = GetServer();
             m_faults.Fail(call, error, number, 1);
