@@ -124,8 +124,8 @@ void JoinWithinLimit(const std::vector<CNxThread*>& threads) {
         CNxTimeValue::GetMonotonicTime() + CNxTimeValue(limitMs / 1000, limitMs % 1000 * 1000);
     for (CNxThread* thread : threads) {
         if (!IsEndedByManager(thread) && thread->JoinUntil(deadline) == NX_ERROR_TIMEOUT) {
-            std::fprintf(stderr, "nxbase: thread %d has not ended in %ld ms and is left behind\n",
-                         thread->GetThreadType(), limitMs);
+            PrintToStderr("nxbase: thread %d has not ended in %ld ms and is left behind\n",
+                          thread->GetThreadType(), limitMs);
         }
     }
 }
