@@ -1,10 +1,13 @@
 #include <nx/event/CNxEventQueueBase.h>
 #include <nx/event/CNxEventSynchronous.h>
+#include <nx/foundation/CCallOut.h>
 #include <nx/foundation/CCancelOff.h>
+#include <nx/foundation/CNxProcessWide.h>
 #include <pthread.h>
 
 #include <cassert>
 #include <iterator>
+#include <new>
 
 namespace {
 
@@ -22,6 +25,7 @@ struct CBatch {
     static thread_local CBatch* s_innermost;
 
     CBatch* const m_outer = s_innermost;
+    const unsigned int m_forks = CNxProcessWide::CountForks();
     std::list<INxEvent*>::const_iterator m_current;
     const std::list<INxEvent*>::const_iterator m_end;
 };
@@ -37,8 +41,8 @@ CNxEventQueueBase::~CNxEventQueueBase() {
 }
 
 NxResult CNxEventQueueBase::PostEvent(INxEvent* event, EPriority /*priority*/) {
-    Node node(1, event);
-    return FinishPost(event, Append_i(node));
+    Node node;
+    return FinishPost(event, MakeNode(node, event) ? Append_i(node) : NX_ERROR_FAILURE);
 }
 
 NxResult CNxEventQueueBase::SendEvent(INxEvent* event) {
@@ -50,7 +54,7 @@ NxResult CNxEventQueueBase::SendEvent(INxEvent* event) {
         return NX_ERROR_NOT_INITIALIZED;
     }
     if (GetOwnerThreadId() == pthread_self()) {
-        const NxResult result = event->OnEventFire();
+        const NxResult result = Fire(event);
         event->OnDestorySelf();
         return result;
     }
@@ -111,7 +115,10 @@ NxResult CNxEventQueueBase::ProcessEvents(const std::list<INxEvent*>& events) {
 
 void CNxEventQueueBase::AbandonBatches() {
     CNxEventSynchronous::AbandonUnderWay();
-    for (CBatch* batch = CBatch::s_innermost; batch != nullptr; batch = batch->m_outer) {
+    const unsigned int forks = CNxProcessWide::CountForks();
+    // Those of a parent, in whose event the process was forked, are the outermost.
+    for (CBatch* batch = CBatch::s_innermost; batch != nullptr && batch->m_forks == forks;
+         batch = batch->m_outer) {
         for (auto next = std::next(batch->m_current); next != batch->m_end; ++next) {
             if (*next != nullptr) {
                 (*next)->OnDestorySelf();
@@ -125,9 +132,23 @@ NxResult CNxEventQueueBase::ProcessOneEvent(INxEvent* event) {
         return NX_ERROR_INVALID_ARG;
     }
     // A sent event's wrapper keeps the result for its sender; that of a posted one is nobody's.
-    static_cast<void>(event->OnEventFire());
+    static_cast<void>(Fire(event));
     event->OnDestorySelf();
     return NX_OK;
+}
+
+bool CNxEventQueueBase::MakeNode(Node& node, INxEvent* event) {
+    assert(node.empty());
+    try {
+        node.push_back(event);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+NxResult CNxEventQueueBase::Fire(INxEvent* event) {
+    return CallOut("OnEventFire", [event] { return event->OnEventFire(); });
 }
 
 NxResult CNxEventQueueBase::Append_i(Node& node) {
@@ -143,7 +164,7 @@ NxResult CNxEventQueueBase::Append_i(Node& node) {
 }
 
 NxResult CNxEventQueueBase::FinishPost(INxEvent* event, NxResult result) {
-    if (result == NX_ERROR_NOT_INITIALIZED) {
+    if (event != nullptr && result != NX_OK) {
         event->OnDestorySelf();
     }
     return result;

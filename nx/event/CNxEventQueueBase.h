@@ -53,7 +53,8 @@ public:
 
     // For a caller within an event that is not going to return, since it ends the process: wakes
     // the sender of that event, and destroys unfired those that were taken off the queue with it.
-    // Senders get NX_ERROR_NOT_AVAILABLE. For any other caller it does nothing.
+    // Senders get NX_ERROR_NOT_AVAILABLE. For any other caller it does nothing, nor for an event in
+    // which the process was forked: that is the parent's.
     static void AbandonBatches();
 
     // NX_ERROR_INVALID_ARG for null, else NX_OK.
@@ -75,6 +76,12 @@ protected:
 
     // Appends the event in `node`, or returns why not. Does not destroy it.
     [[nodiscard]] NxResult Append_i(Node& node);
+
+    // Puts the event into the empty `node`. False without memory.
+    [[nodiscard]] static bool MakeNode(Node& node, INxEvent* event);
+
+    // Fires the event; its exceptions end the process.
+    static NxResult Fire(INxEvent* event);
 
     // What a post still owes once the lock is released: a refused event is destroyed.
     static NxResult FinishPost(INxEvent* event, NxResult result);

@@ -1,5 +1,6 @@
 #include <nx/event/CNxEventSynchronous.h>
 #include <nx/foundation/CCancelOff.h>
+#include <nx/foundation/CNxProcessWide.h>
 
 #include <cassert>
 #include <utility>
@@ -9,6 +10,7 @@ class CNxEventSynchronous::CUnderWay {
 public:
     explicit CUnderWay(CNxEventSynchronous& wrapper) : m_wrapper(wrapper) {
         m_wrapper.m_outer = std::exchange(s_innermost, &wrapper);
+        m_wrapper.m_forks = CNxProcessWide::CountForks();
     }
     ~CUnderWay() {
         assert(s_innermost == &m_wrapper);
@@ -61,8 +63,9 @@ NxResult CNxEventSynchronous::WaitResultAndDeleteThis() {
 }
 
 void CNxEventSynchronous::AbandonUnderWay() {
+    const unsigned int forks = CNxProcessWide::CountForks();
     CNxEventSynchronous* wrapper = std::exchange(CUnderWay::s_innermost, nullptr);
-    while (wrapper != nullptr) {
+    while (wrapper != nullptr && wrapper->m_forks == forks) {
         CNxEventSynchronous* const outer = wrapper->m_outer;
         // The thread is still in it.
         wrapper->m_event = nullptr;

@@ -49,4 +49,6 @@ private:
     CNxEventThread m_done{0, 0};
     // The wrapper in whose event the thread came to this one.
     CNxEventSynchronous* m_outer = nullptr;
+    // The process in which it came there (CNxProcessWide::CountForks).
+    unsigned int m_forks = 0;
 };

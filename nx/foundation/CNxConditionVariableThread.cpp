@@ -8,7 +8,8 @@ namespace {
 
 constexpr long c_nanosecondsPerMicrosecond = 1000;
 
-// pthread refuses negative fields with EINVAL; what lies before the epoch has passed anyway.
+// pthread refuses negative fields with EINVAL; what lies before the clock's start has passed
+// anyway.
 timespec ToTimespec(const CNxTimeValue& deadline) {
     if (deadline <= CNxTimeValue::s_tvZero()) {
         return {0, 0};
@@ -19,7 +20,11 @@ timespec ToTimespec(const CNxTimeValue& deadline) {
 }  // namespace
 
 CNxConditionVariableThread::CNxConditionVariableThread(CNxMutexThread& mutex) : m_mutex(mutex) {
-    pthread_cond_init(&m_condition, nullptr);
+    pthread_condattr_t attributes;
+    pthread_condattr_init(&attributes);
+    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+    pthread_cond_init(&m_condition, &attributes);
+    pthread_condattr_destroy(&attributes);
 }
 
 CNxConditionVariableThread::~CNxConditionVariableThread() {
@@ -79,7 +84,7 @@ CNxTimeValue CNxConditionVariableThread::GetDeadline(const CNxTimeValue* timeout
     if (timeout == nullptr || *timeout == CNxTimeValue::s_tvMax()) {
         return CNxTimeValue::s_tvMax();
     }
-    const CNxTimeValue now = CNxTimeValue::GetTimeOfDay();
+    const CNxTimeValue now = CNxTimeValue::GetMonotonicTime();
     // One second of slack for the carry of the microseconds.
     if (timeout->GetSec() >= std::numeric_limits<long>::max() - now.GetSec() - 1) {
         return CNxTimeValue::s_tvMax();

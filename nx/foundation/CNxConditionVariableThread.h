@@ -4,9 +4,8 @@
 #include <nx/foundation/CNxMutexThread.h>
 #include <nx/foundation/CNxTimeValue.h>
 
-// Over pthread_cond_t with default attributes, so deadlines are wall-clock time and move when the
-// system clock is set. The mutex is the caller's and must outlive the condition. Any thread may
-// call any operation.
+// Over pthread_cond_t with the monotonic clock: setting the system clock changes no wait. The mutex
+// is the caller's and must outlive the condition. Any thread may call any operation.
 //
 // A wake-up is a hint: Wait may also return NX_OK without a signal (pthread_cond_wait(3p)), so
 // callers re-check what they wait for, in a loop.
@@ -29,8 +28,8 @@ public:
     // NX_OK when woken, NX_ERROR_TIMEOUT when the time ran out, NX_ERROR_FAILURE otherwise.
     [[nodiscard]] NxResult Wait(CNxTimeValue* timeout);
 
-    // The same with a point in time, for loops that re-check: the limit does not start anew with
-    // every wake-up. s_tvMax() waits without limit.
+    // The same with a point of the MONOTONIC clock (CNxTimeValue::GetMonotonicTime), for loops that
+    // re-check: the limit does not start anew with every wake-up. s_tvMax() waits without limit.
     [[nodiscard]] NxResult WaitUntil(const CNxTimeValue& deadline);
 
     // The deadline that WaitUntil takes for a relative `timeout` counted from now; s_tvMax() for

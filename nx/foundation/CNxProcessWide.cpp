@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <new>
 
 namespace {
 
@@ -11,11 +12,15 @@ std::atomic<TearDown> s_tearDown{nullptr};
 
 std::atomic<unsigned int> s_forks{0};
 
-void CountFork() {
+// In the child. A recursive mutex cannot be unlocked there by whoever locked it before the fork,
+// and a thread that held it is not there at all: both mutexes start anew.
+void NoticeFork() {
     s_forks.fetch_add(1, std::memory_order_relaxed);
+    new (&CNxProcessWide::GetSingletonMutex()) CNxMutexThreadRecursive;
+    new (&CNxProcessWide::GetReferenceControlMutex()) CNxMutexThread;
 }
 
-[[maybe_unused]] const int s_forkNotice = pthread_atfork(nullptr, nullptr, &CountFork);
+[[maybe_unused]] const int s_forkNotice = pthread_atfork(nullptr, nullptr, &NoticeFork);
 
 // Forgets it first: what is made later during exit() is torn down as well.
 void RunTearDown() {
@@ -27,13 +32,16 @@ void RunTearDown() {
 
 }  // namespace
 
+// Never destroyed, and first used perhaps where there is no memory.
 CNxMutexThreadRecursive& CNxProcessWide::GetSingletonMutex() {
-    static auto* const s_mutex = new CNxMutexThreadRecursive;
+    alignas(CNxMutexThreadRecursive) static char s_place[sizeof(CNxMutexThreadRecursive)];
+    static auto* const s_mutex = new (s_place) CNxMutexThreadRecursive;
     return *s_mutex;
 }
 
 CNxMutexThread& CNxProcessWide::GetReferenceControlMutex() {
-    static auto* const s_mutex = new CNxMutexThread;
+    alignas(CNxMutexThread) static char s_place[sizeof(CNxMutexThread)];
+    static auto* const s_mutex = new (s_place) CNxMutexThread;
     return *s_mutex;
 }
 

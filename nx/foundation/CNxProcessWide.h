@@ -4,7 +4,8 @@
 
 #include <nx/foundation/CNxMutexThread.h>
 
-// Any thread may call any operation, at any time: nothing of this is ever destroyed.
+// Any thread may call any operation, at any time: nothing of this is ever destroyed. A forked child
+// finds both mutexes unlocked.
 class CNxProcessWide {
 public:
     // Held while a singleton is made or a clean-up object is registered or destroyed.

@@ -1,6 +1,7 @@
 // The one representation of a point in time and of a duration: whole seconds and microseconds, both
-// signed 64-bit. Points in time are wall-clock time since the epoch, so whatever is timed with them
-// moves when the system clock is set.
+// signed 64-bit. Points in time are wall-clock time since the epoch, so timers move when the system
+// clock is set, unless the process has chosen otherwise (UseMonotonicClock). How long anything
+// waits is measured by the monotonic clock.
 //
 // operator< means LATER THAN, the same as operator>: heaps of the standard library then keep the
 // earliest time at their top. No std::sort, std::min, std::max or ordered container by accident;
@@ -43,6 +44,16 @@ public:
 
     // The wall clock now.
     static CNxTimeValue GetTimeOfDay() noexcept;
+
+    // FOR THE WHOLE PROCESS AND FOR GOOD: from here on GetTimeOfDay goes on from what it is now at
+    // the pace of the monotonic clock, whatever the system clock is set to, and with it all timers.
+    // It drifts apart from the system clock then: times for people to read and for other machines
+    // come from gettimeofday(2). Before the first timer; a second call changes nothing.
+    static void UseMonotonicClock() noexcept;
+
+    // The monotonic clock now: since some point in the past that is the same for the whole process,
+    // never set. For measuring how long something takes.
+    static CNxTimeValue GetMonotonicTime() noexcept;
 
     static constexpr CNxTimeValue s_tvZero() noexcept { return {0, 0}; }
 

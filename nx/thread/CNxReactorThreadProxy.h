@@ -55,6 +55,7 @@ public:
     unsigned long GetBufferSize() override;
     void* GetCookie() override;
     void SetCookie(void* cookie) override;
+    int GetCloseReason() const override;
 
     // What belongs to the reactor's thread or to its owner. All return NX_ERROR_NOT_IMPLEMENTED and
     // do nothing, except that an event is destroyed.
@@ -75,6 +76,8 @@ protected:
     INxReactor* GetReactor() const { return m_reactor; }
 
 private:
+    NxResult Send(INxEvent* event);
+
     INxReactor* const m_reactor;
 };
 

@@ -1,4 +1,8 @@
+#include <nx/foundation/CCallOut.h>
 #include <nx/foundation/CCancelOff.h>
+#include <nx/foundation/CNxProcessWide.h>
+#include <nx/foundation/CNxTimeUtils.h>
+#include <nx/foundation/CNxTimeValue.h>
 #include <nx/reactor/INxReactor.h>
 #include <nx/thread/CNxThread.h>
 #include <pthread.h>
@@ -6,6 +10,7 @@
 
 #include <cassert>
 #include <cstdlib>
+#include <new>
 
 // How the new thread tells the one in Create that it is up, or that it is not going to be.
 class CNxThread::CStartEvent : public CNxEventThread {
@@ -16,6 +21,7 @@ public:
 namespace {
 
 constexpr unsigned long c_maxProcessors = 1024;
+constexpr unsigned long c_pollMs = 5;
 
 // Ends a reactor's loop from inside.
 class CStopLoop : public INxEvent {
@@ -26,8 +32,6 @@ public:
 private:
     INxReactor& m_reactor;
 };
-
-std::atomic<int> s_systemThreads{0};
 
 // Reads "1,3" into `set`; false when it names no processor.
 bool ParseCpuSet(const CNxString& text, cpu_set_t& set) {
@@ -117,15 +121,14 @@ NxResult CNxThread::StartSystemThread() {
                                 joinable ? PTHREAD_CREATE_JOINABLE : PTHREAD_CREATE_DETACHED);
     assert(m_life.load() == ELife::NONE && m_startEvent == nullptr);
     m_startEvent = &startEvent;
+    m_forks = CNxProcessWide::CountForks();
     m_life.store(ELife::STARTING);
-    s_systemThreads.fetch_add(1);
     pthread_t handle{};
     const int error = pthread_create(&handle, &attributes, &CNxThread::ThreadProc, this);
     pthread_attr_destroy(&attributes);
     if (error != 0) {
         m_startEvent = nullptr;
         m_life.store(ELife::NONE);
-        s_systemThreads.fetch_sub(1);
         return NX_ERROR_UNEXPECTED;
     }
     // From here on the object may delete itself: only locals are touched.
@@ -140,11 +143,22 @@ NxResult CNxThread::StartSystemThread() {
 void* CNxThread::ThreadProc(void* object) {
     auto* const thread = static_cast<CNxThread*>(object);
     if (thread != nullptr) {
-        const int counted = thread->m_life.load() == ELife::STARTING ? 1 : 0;
         thread->Run();
-        s_systemThreads.fetch_sub(counted);
     }
     return nullptr;
+}
+
+// NX_ERROR_NULL_POINTER when the thread refuses, NX_ERROR_FAILURE when it finds no memory.
+NxResult CNxThread::SetUp() {
+    try {
+        if (OnCreate() != NX_OK) {
+            return NX_ERROR_NULL_POINTER;
+        }
+        OnThreadInit();
+    } catch (const std::bad_alloc&) {
+        return NX_ERROR_FAILURE;
+    }
+    return NX_OK;
 }
 
 void CNxThread::Run() {
@@ -153,18 +167,23 @@ void CNxThread::Run() {
     ApplyCpuSet(m_cpuSet);
     CStartEvent* const startEvent = m_startEvent;
     m_startEvent = nullptr;
-    if (OnCreate() != NX_OK) {
+    const NxResult setUp = SetUp();
+    if (setUp == NX_ERROR_NULL_POINTER) {
         delete this;
+    } else if (setUp != NX_OK) {
+        SetThreadId(0);
+        m_life.store(ELife::NONE);
+    }
+    if (setUp != NX_OK) {
         if (startEvent != nullptr) {
-            startEvent->m_result = NX_ERROR_NULL_POINTER;
+            startEvent->m_result = setUp;
             startEvent->Signal();
         }
         return;
     }
-    OnThreadInit();
     if (startEvent == nullptr) {
         // On a thread of the application's own.
-        OnThreadRun();
+        CallOut("OnThreadRun", [this] { OnThreadRun(); });
         SetThreadId(0);
         return;
     }
@@ -176,7 +195,7 @@ void CNxThread::Run() {
 }
 
 void CNxThread::RunLoop() {
-    OnThreadRun();
+    CallOut("OnThreadRun", [this] { OnThreadRun(); });
     // The system will give the id to another thread, which must not be taken for this one.
     SetThreadId(0);
     ELife life = ELife::RUNNING;
@@ -195,6 +214,9 @@ void CNxThread::RunLoop() {
 // Returns in which state it found the end of the thread to be claimed; NONE when there is nothing
 // to claim: no system thread, one that is not up yet, or one whose end is taken care of.
 CNxThread::ELife CNxThread::Claim() {
+    if (!IsOfThisProcess()) {
+        return ELife::NONE;
+    }
     ELife life = ELife::RUNNING;
     if (m_life.compare_exchange_strong(life, ELife::RUNNING_CLAIMED)) {
         return ELife::RUNNING;
@@ -206,7 +228,14 @@ CNxThread::ELife CNxThread::Claim() {
 
 bool CNxThread::IsRunning() const {
     const ELife life = m_life.load(std::memory_order_acquire);
-    return life == ELife::STARTING || life == ELife::RUNNING || life == ELife::RUNNING_CLAIMED;
+    const bool isUp =
+        life == ELife::STARTING || life == ELife::RUNNING || life == ELife::RUNNING_CLAIMED;
+    return isUp && IsOfThisProcess();
+}
+
+// A child of fork(2) has the object, but not the thread.
+bool CNxThread::IsOfThisProcess() const {
+    return m_forks == CNxProcessWide::CountForks();
 }
 
 void CNxThread::BindToCallingThread() {
@@ -225,13 +254,11 @@ void CNxThread::BindToCallingThread() {
 NxResult CNxThread::StopForCertain(CNxTimeValue* timeout) {
     const NxResult stopped = Stop(timeout);
     INxReactor* const reactor = GetReactor();
-    return stopped == NX_ERROR_FAILURE && reactor != nullptr
-               ? reactor->PostEvent(new CStopLoop(*reactor), INxEventQueue::PRIORITY_NORMAL)
-               : stopped;
-}
-
-bool CNxThread::DoesAnyRun() {
-    return s_systemThreads.load() != 0;
+    if (stopped != NX_ERROR_FAILURE || reactor == nullptr) {
+        return stopped;
+    }
+    auto* const event = new (std::nothrow) CStopLoop(*reactor);
+    return event != nullptr ? reactor->PostEvent(event, INxEventQueue::PRIORITY_NORMAL) : stopped;
 }
 
 NxResult CNxThread::Stop(CNxTimeValue* /*timeout*/) {
@@ -248,8 +275,19 @@ NxResult CNxThread::Join() {
     return pthread_join(m_threadHandle, nullptr) == 0 ? NX_OK : NX_ERROR_FAILURE;
 }
 
+// The system's own timed join goes by the wall clock.
+NxResult CNxThread::JoinUntil(const CNxTimeValue& deadline) {
+    while (IsJoinable() && IsRunning()) {
+        if (deadline <= CNxTimeValue::GetMonotonicTime()) {
+            return NX_ERROR_TIMEOUT;
+        }
+        cnx_sleep_ms(c_pollMs);
+    }
+    return Join();
+}
+
 NxResult CNxThread::Destory(long /*reason*/) {
-    assert(m_life.load() != ELife::STARTING);
+    assert(m_life.load() != ELife::STARTING || !IsOfThisProcess());
     Unregister();
     if (!IsJoinable() && Claim() == ELife::RUNNING) {
         // The thread deletes the object at its end.

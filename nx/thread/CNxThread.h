@@ -30,8 +30,9 @@ public:
     // its queues are there. Type NX_THREAD_MAIN starts nothing: the object takes the identity of
     // the calling thread, which runs OnThreadInit and OnThreadRun itself.
     // NX_OK; NX_ERROR_INVALID_ARG for type -1; NX_ERROR_ALREADY_INITIALIZED on a second call;
-    // NX_ERROR_FAILURE when the type is taken; NX_ERROR_UNEXPECTED when the system starts no thread
-    // (the object stays registered). In all these cases the object is still the caller's.
+    // NX_ERROR_FAILURE when the type is taken or there is no memory; NX_ERROR_UNEXPECTED when the
+    // system starts no thread (the object stays registered). In all these cases the object is still
+    // the caller's.
     // NX_ERROR_NULL_POINTER when OnCreate refused: the object has deleted itself and is gone.
     [[nodiscard]] virtual NxResult Create(int type, CNxThreadManager::TFlag flags);
 
@@ -48,7 +49,8 @@ public:
     // Called on the new thread before its loop; queues are made here.
     virtual void OnThreadInit() {}
 
-    // The loop. When it returns the thread ends.
+    // The loop. When it returns the thread ends. An exception that leaves it ends the process with
+    // a line on stderr that names it.
     virtual void OnThreadRun() = 0;
 
     // What feeds the thread; null for what it does not have. Owned by the thread.
@@ -62,8 +64,8 @@ public:
     NxResult Destory(long reason);
 
     // Waits until the thread has ended. NX_OK; NX_ERROR_FAILURE when called on the thread itself,
-    // when there is nothing to join (never started, detached, joined before), or when the system
-    // refuses.
+    // when there is nothing to join (never started, detached, joined before, started by a parent
+    // of this process), or when the system refuses.
     NxResult Join();
 
     // The id is that of pthread_self(3) on the thread; 0 before it has one, and again when its run
@@ -73,11 +75,9 @@ public:
     int GetThreadType() const { return m_type; }
     unsigned long GetThreadHandle() const { return m_threadHandle; }
 
-    // Whether the library runs a system thread for this object at the moment.
+    // Whether the library runs a system thread for this object at the moment. Never in a forked
+    // child for a thread of its parent's.
     bool IsRunning() const;
-
-    // Whether any system thread of this library runs, also one that has left the registry.
-    static bool DoesAnyRun();
 
     // The processors that the thread may run on, as numbers with commas between them ("1,3"); empty
     // for all. Taken over when the thread starts; numbers from 1024 and what is no number are
@@ -100,6 +100,9 @@ public:
         AFTER_ALL_OTHERS  // the manager ends it when no other runs any more
     };
     virtual EEnd GetEnd() const { return EEnd::BY_STOP; }
+
+    // As Join. NX_ERROR_TIMEOUT when the thread has not ended at that point of the monotonic clock.
+    NxResult JoinUntil(const CNxTimeValue& deadline);
 
     // Stop; a reactor that its StopEventLoop does not reach is told by an event.
     NxResult StopForCertain(CNxTimeValue* timeout);
@@ -126,10 +129,12 @@ private:
 
     NxResult PrepareCreate(int type, CNxThreadManager::TFlag flags);
     NxResult StartSystemThread();
+    NxResult SetUp();
     void Run();
     void RunLoop();
     ELife Claim();
     void Unregister();
+    bool IsOfThisProcess() const;
     bool IsJoinable() const { return (m_flags & CNxThreadManager::FLAG_JOINABLE) != 0; }
 
     std::atomic<unsigned long> m_threadId{0};
@@ -139,6 +144,8 @@ private:
     std::atomic<int> m_registered{0};
     CNxString m_cpuSet;
     std::atomic<ELife> m_life{ELife::NONE};
+    // The process that has the system thread (CNxProcessWide::CountForks).
+    unsigned int m_forks = 0;
     // While STARTING; on the stack of the thread that is in Create.
     CStartEvent* m_startEvent = nullptr;
 };

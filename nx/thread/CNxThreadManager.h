@@ -20,6 +20,7 @@
 class CNxThread;
 class CNxTimeValue;
 class INxEventQueue;
+class INxObserver;
 class INxReactor;
 class INxTimerQueue;
 
@@ -39,12 +40,22 @@ inline constexpr int NX_THREAD_USER = 4097;
 //
 // Tear-down (at exit()): asks every registered thread except the main one to stop, joins them,
 // destroys the clean-up objects (CNxCleanUpBase) newest first, then the thread objects. A thread
-// that cannot be stopped or joined (a detached one, a loop on a thread of the application's own) is
-// left alone; as it may use any of them, all thread objects and the manager then stay too, and the
-// process exits all the same. When exit() is called within an event, its sender and those of the
-// events after it get NX_ERROR_NOT_AVAILABLE. When exit() runs on a thread other
-// than a registered main thread, no thread but that of the precise timers is stopped, and all
-// thread objects stay.
+// that cannot be told to stop is waited for up to a limit (SetTearDownLimit), after which a line on
+// stderr says which one it is. That one, detached ones and threads of the application's own are
+// left alone. WHILE THE PROCESS HAS ANY OTHER THREAD, all thread objects, their queues and the
+// manager stay as well: it may post until the process is gone, and gets NX_ERROR_NOT_INITIALIZED.
+// When exit() is called within an event, its sender and those of the events after it get
+// NX_ERROR_NOT_AVAILABLE. When exit() runs on a thread other than a registered main thread, no
+// thread but that of the precise timers is stopped, and all thread objects stay.
+//
+// After a fork(2) THE CHILD HAS ONE THREAD, and in its registry only the objects that stand for
+// that one; the types of the others are free. It may start threads of its own, and its precise
+// timers run on one that is. Pending precise timers of the parent do not fire in it. It must not
+// use the queues and reactors of the threads that it has not: what locked them does not run there.
+// At exit() a child that has registered no thread ends the clean-up objects that it has made
+// itself, and nothing else; one that has is torn down like any process, with the objects of the
+// thread that forked, but without its parent's other threads and clean-up objects, whose copies are
+// left as they are.
 //
 // Any thread may call any operation. A thread object that a look-up returned is not protected
 // against being destroyed meanwhile: whoever destroys threads orders that with their users.
@@ -59,8 +70,8 @@ public:
     // starts, initialises tracing (nx/process/trace_setting.h), and registers a CNxThreadTask of
     // type NX_THREAD_MAIN that has the caller's identity. Its loop is the caller's to run:
     // GetThread(NX_THREAD_MAIN)->OnThreadRun().
-    // NX_OK, NX_ERROR_ALREADY_INITIALIZED when any thread is registered already, or the result of
-    // CNxThread::Create. The arguments are not used.
+    // NX_OK, NX_ERROR_ALREADY_INITIALIZED when any thread is registered already, NX_ERROR_FAILURE
+    // without memory, or the result of CNxThread::Create. The arguments are not used.
     [[nodiscard]] virtual NxResult InitMainThread(int argc, char** argv) = 0;
 
     // Runs a main thread's loop on a new, detached system thread, which becomes the owner of its
@@ -81,9 +92,9 @@ public:
     virtual INxTimerQueue* GetThreadTimerQueue(int type) = 0;
 
     // Starts a thread that drains an event queue and, for a non-zero `withTimerQueue`, runs timers,
-    // with the next user type. NX_OK with the thread in `out`; otherwise the result of
-    // CNxThread::Create, and `out` as it was. The caller ends it with Stop, Join and Destory, or
-    // leaves that to StopAllThreads, JoinAllThreads and the tear-down.
+    // with the next user type. NX_OK with the thread in `out`; otherwise NX_ERROR_FAILURE without
+    // memory or the result of CNxThread::Create, and `out` as it was. The caller ends it with Stop,
+    // Join and Destory, or leaves that to StopAllThreads, JoinAllThreads and the tear-down.
     [[nodiscard]] virtual NxResult CreateUserTaskThread(CNxThread*& out, TFlag flags,
                                                         int withTimerQueue) = 0;
 
@@ -95,8 +106,9 @@ public:
 
     // Starts a joinable thread that runs the reactor; returns when the reactor is open. The thread
     // owns the reactor from here on, also when the call fails: both are then destroyed.
-    // NX_OK with the thread in `out`; NX_ERROR_INVALID_ARG for a null reactor, else the result of
-    // CNxThreadReactor::Create. The second is the same under the name for further reactor threads.
+    // NX_OK with the thread in `out`; NX_ERROR_INVALID_ARG for a null reactor, NX_ERROR_FAILURE
+    // without memory, else the result of CNxThreadReactor::Create. The second is the same under the
+    // name for further reactor threads.
     [[nodiscard]] virtual NxResult CreateNetworkThread(int type, INxReactor* reactor,
                                                        CNxThread*& out) = 0;
     [[nodiscard]] virtual NxResult CreateReactorThread(int type, INxReactor* reactor,
@@ -115,7 +127,8 @@ public:
     virtual NxResult JoinAllThreads() = 0;
 
     // Enters a thread object into the registry; CNxThread does it by itself. NX_OK,
-    // NX_ERROR_INVALID_ARG for null, NX_ERROR_FOUND when it or its type is registered.
+    // NX_ERROR_INVALID_ARG for null, NX_ERROR_FOUND when it or its type is registered,
+    // NX_ERROR_FAILURE without memory.
     [[nodiscard]] virtual NxResult RegisterThread(CNxThread* thread) = 0;
 
     // Takes out the first entry that is the same object or has its type. NX_OK,
@@ -136,6 +149,18 @@ public:
 
     // A new epoll reactor, not open yet. The caller owns it until it hands it to a thread.
     static INxReactor* CreateNetworkReactor();
+
+    // Is told ("ThreadEnd", the CNxThread), on the thread itself, when a thread's loop has ended
+    // without having been stopped: a reactor whose waiting fails for good. From there on nothing
+    // that was registered is served and posts are refused, so a server ends itself: the observer
+    // stops the main thread, and keeps in mind that its status is not 0. A record of level 1
+    // (Error) is traced as well, with an observer or without. Null for none, as at first; not
+    // owned; set it before the threads are made.
+    static void SetThreadEndObserver(INxObserver* observer);
+
+    // How long the tear-down waits, in all, for joinable threads that cannot be told to stop; 10 s
+    // unless set, not at all for zero or less. Before exit(), on any thread.
+    static void SetTearDownLimit(const CNxTimeValue& limit);
 
     // Nothing to do on this system. NX_OK.
     static NxResult SocketStartup();

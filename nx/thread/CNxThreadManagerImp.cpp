@@ -1,15 +1,21 @@
 #include <nx/event/CNxCallingThread.h>
+#include <nx/foundation/CCallOut.h>
 #include <nx/foundation/CCancelOff.h>
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/foundation/CNxEventThread.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxTimeUtils.h>
+#include <nx/foundation/CNxTimeValue.h>
+#include <nx/foundation/INxObserver.h>
+#include <nx/foundation/standard_streams.h>
 #include <nx/process/trace_setting.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/thread/CNxThreadManagerImp.h>
 #include <nx/thread/CNxThreadReactor.h>
 #include <nx/thread/CNxThreadTask.h>
 #include <nx/thread/CNxTimerPreciseManager.h>
+#include <nx/trace/CNxTraceManager.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,11 +23,23 @@
 #include <cassert>
 #include <csignal>
 #include <cstdio>
+#include <limits>
+#include <new>
+#include <utility>
 
 namespace {
 
 std::atomic<CNxThreadManager*> s_pThreadManagerOnlyOne{nullptr};
 pthread_mutex_t s_creationMutex = PTHREAD_MUTEX_INITIALIZER;
+std::atomic<INxObserver*> s_threadEndObserver{nullptr};
+constexpr unsigned long c_traceError = 1;
+std::atomic<long> s_tearDownLimitMs{10000};
+constexpr CNxTimeValue c_noLimit(1000000000L);  // 30 years
+
+struct CCreationGuard {
+    CCreationGuard() { pthread_mutex_lock(&s_creationMutex); }
+    ~CCreationGuard() { pthread_mutex_unlock(&s_creationMutex); }
+};
 
 INxEventQueue* GetCallingThreadEventQueue() {
     return CNxThreadManager::Instance()->GetThreadEventQueue(NX_THREAD_CALLING);
@@ -32,21 +50,113 @@ bool IsEnding(NxResult stopped) {
     return stopped == NX_OK || stopped == NX_ERROR_NOT_INITIALIZED;
 }
 
+template <class Thread>
+Thread* MakeThread() {
+    try {
+        return new Thread;
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+bool InitThread(CNxThread* thread) {
+    try {
+        thread->OnThreadInit();
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
 bool IsEndedByManager(const CNxThread* thread) {
     return thread->GetEnd() == CNxThread::EEnd::AFTER_ALL_OTHERS;
 }
 
-// A loop on a thread of the application's own: nobody can tell whether it has ended.
-bool IsDrivenElsewhere(const CNxThread* thread) {
-    const unsigned long id = thread->GetThreadId();
-    return id != 0 && !CNxThreadManager::IsEqualCurrentThread(id) &&
-           thread->GetEnd() != CNxThread::EEnd::WITH_ANOTHER;
+constexpr long c_beforeAllTypes = std::numeric_limits<long>::min();
+
+constexpr int c_joinedIsGoneMs = 50;
+
+// Whether the process has no thread but the calling one; false also when the system does not tell.
+// A thread that was just joined may still be counted, so others are looked at a little longer.
+bool IsOnlyThread() {
+    for (int waited = 0; waited < c_joinedIsGoneMs; ++waited) {
+        struct stat tasks {};
+        // A folder has a link for itself, one from its parent, and one from each folder in it.
+        if (stat("/proc/self/task", &tasks) == 0 && tasks.st_nlink == 3) {
+            return true;
+        }
+        cnx_sleep_ms(1);
+    }
+    return false;
 }
 
 // Whether its loop will not be run any more: the caller is the one who would.
 bool IsAbandoned(const CNxThread* thread) {
     return thread->GetEnd() == CNxThread::EEnd::BY_APPLICATION ||
            CNxThreadManager::IsEqualCurrentThread(thread->GetThreadId());
+}
+
+// Whether it is on its way to its end: that is waited for however long it takes.
+bool StopForTearDown(CNxThread* thread) {
+    if (IsEndedByManager(thread) || thread->GetEnd() == CNxThread::EEnd::WITH_ANOTHER) {
+        return false;
+    }
+    if (IsAbandoned(thread)) {
+        if (thread->GetEnd() == CNxThread::EEnd::BY_STOP &&
+            thread->GetThreadType() != NX_THREAD_MAIN) {
+            thread->StopForCertain(nullptr);
+        }
+        // A thread that waits for a result could not be joined.
+        INxEventQueue* const queue = thread->GetEventQueue();
+        if (queue != nullptr) {
+            queue->StopAndDestoryPendingEvents();
+        }
+        return false;
+    }
+    const NxResult stopped = thread->StopForCertain(nullptr);
+    return !thread->IsRunning() || IsEnding(stopped);
+}
+
+// Threads that cannot be told to stop may come to their end all the same.
+void JoinWithinLimit(const std::vector<CNxThread*>& threads) {
+    const long limitMs = s_tearDownLimitMs.load();
+    const CNxTimeValue deadline =
+        CNxTimeValue::GetMonotonicTime() + CNxTimeValue(limitMs / 1000, limitMs % 1000 * 1000);
+    for (CNxThread* thread : threads) {
+        if (!IsEndedByManager(thread) && thread->JoinUntil(deadline) == NX_ERROR_TIMEOUT) {
+            std::fprintf(stderr, "nxbase: thread %d has not ended in %ld ms and is left behind\n",
+                         thread->GetThreadType(), limitMs);
+        }
+    }
+}
+
+CNxThreadManagerImp* GetIfMade() {
+    return static_cast<CNxThreadManagerImp*>(s_pThreadManagerOnlyOne.load());
+}
+
+// The order in which a start of the precise timers locks.
+void OnBeforeFork() {
+    CNxTimerPreciseManager::BeforeFork();
+    pthread_mutex_lock(&s_creationMutex);
+    if (GetIfMade() != nullptr) {
+        GetIfMade()->BeforeFork();
+    }
+}
+
+void OnForkInParent() {
+    if (GetIfMade() != nullptr) {
+        GetIfMade()->AfterForkInParent();
+    }
+    pthread_mutex_unlock(&s_creationMutex);
+    CNxTimerPreciseManager::AfterForkInParent();
+}
+
+void OnForkInChild() {
+    if (GetIfMade() != nullptr) {
+        GetIfMade()->AfterForkInChild();
+    }
+    pthread_mutex_unlock(&s_creationMutex);
+    CNxTimerPreciseManager::AfterForkInChild();
 }
 
 struct CMainThreadStart {
@@ -73,7 +183,11 @@ CNxThreadManager* CNxThreadManager::Instance() {
     if (manager != nullptr) {
         return manager;
     }
-    pthread_mutex_lock(&s_creationMutex);
+    // Before the lock, which a fork takes. Without the memory for it a forked child has its
+    // parent's threads in the registry.
+    [[maybe_unused]] static const int s_forkNotice =
+        pthread_atfork(&OnBeforeFork, &OnForkInParent, &OnForkInChild);
+    const CCreationGuard guard;
     manager = s_pThreadManagerOnlyOne.load(std::memory_order_relaxed);
     if (manager == nullptr) {
         manager = new CNxThreadManagerImp;
@@ -81,12 +195,11 @@ CNxThreadManager* CNxThreadManager::Instance() {
         CNxCallingThread::SetFinder(&GetCallingThreadEventQueue);
         s_pThreadManagerOnlyOne.store(manager, std::memory_order_release);
     }
-    pthread_mutex_unlock(&s_creationMutex);
     return manager;
 }
 
 void CNxThreadManager::CleanupOnlyOne() {
-    auto* const manager = static_cast<CNxThreadManagerImp*>(s_pThreadManagerOnlyOne.load());
+    CNxThreadManagerImp* const manager = GetIfMade();
     if (manager == nullptr) {
         CNxCleanUpBase::CleanupAll();
         return;
@@ -94,6 +207,26 @@ void CNxThreadManager::CleanupOnlyOne() {
     // A thread that still runs keeps the manager it knows.
     if (manager->TearDown()) {
         delete manager;
+    }
+}
+
+void CNxThreadManager::SetTearDownLimit(const CNxTimeValue& limit) {
+    s_tearDownLimitMs.store(limit > c_noLimit ? c_noLimit.GetTotalInMsec()
+                                              : limit.GetTotalInMsec());
+}
+
+void CNxThreadManager::SetThreadEndObserver(INxObserver* observer) {
+    s_threadEndObserver.store(observer);
+}
+
+void CNxThreadManagerImp::ReportEnd(CNxThread* thread, NxResult result) {
+    char text[96];
+    std::snprintf(text, sizeof(text), "the loop of thread %d has ended by itself, result %u",
+                  thread->GetThreadType(), result);
+    INxTraceManager::Instance()->TraceString(c_traceError, text);
+    INxObserver* const observer = s_threadEndObserver.load();
+    if (observer != nullptr) {
+        CallOut("OnObserve", [&] { observer->OnObserve("ThreadEnd", thread); });
     }
 }
 
@@ -160,20 +293,22 @@ CNxThreadManagerImp::~CNxThreadManagerImp() {
 NxResult CNxThreadManagerImp::InitMainThread(int /*argc*/, char** /*argv*/) {
     // An ended one that nobody but the library knows is not in the way.
     CNxTimerPreciseManager::DestroyEnded();
-    if (!CopyRegistry().empty()) {
+    if (GetAfter(c_beforeAllTypes) != nullptr) {
         return NX_ERROR_ALREADY_INITIALIZED;
     }
     // Only a reactor on signals needs it, and that one blocks them for its own thread as well.
     static_cast<void>(BlockSignal());
     trace_setting_init();
-    auto* const thread = new CNxThreadTask;
-    const NxResult created = thread->Create(NX_THREAD_MAIN, FLAG_JOINABLE);
-    if (created != NX_OK) {
-        thread->Destory(0);
-        return created;
+    auto* const thread = MakeThread<CNxThreadTask>();
+    NxResult created =
+        thread != nullptr ? thread->Create(NX_THREAD_MAIN, FLAG_JOINABLE) : NX_ERROR_FAILURE;
+    if (created == NX_OK && !InitThread(thread)) {
+        created = NX_ERROR_FAILURE;
     }
-    thread->OnThreadInit();
-    return NX_OK;
+    if (created != NX_OK && thread != nullptr) {
+        thread->Destory(0);
+    }
+    return created;
 }
 
 NxResult CNxThreadManagerImp::MainThreadDetachRun(CNxThread* thread) {
@@ -185,7 +320,7 @@ NxResult CNxThreadManagerImp::MainThreadDetachRun(CNxThread* thread) {
     CMainThreadStart start{thread, CNxEventThread(0, 0)};
     pthread_t handle{};
     if (pthread_create(&handle, nullptr, &MainThreadFun, &start) != 0) {
-        std::fprintf(stderr, "thread create failed\n");
+        PrintToStderr("thread create failed\n");
         return NX_ERROR_FAILURE;
     }
     while (start.m_takenOver.Wait(nullptr) != NX_OK) {
@@ -222,9 +357,11 @@ INxTimerQueue* CNxThreadManagerImp::GetThreadTimerQueue(int type) {
 
 NxResult CNxThreadManagerImp::CreateUserTaskThread(CNxThread*& out, TFlag flags,
                                                    int withTimerQueue) {
-    CNxThread* const thread = withTimerQueue != 0
-                                  ? static_cast<CNxThread*>(new CNxThreadTask)
-                                  : static_cast<CNxThread*>(new CNxThreadTaskWithEventQueueOnly);
+    CNxThread* const thread = withTimerQueue != 0 ? MakeThread<CNxThreadTask>()
+                                                  : MakeThread<CNxThreadTaskWithEventQueueOnly>();
+    if (thread == nullptr) {
+        return NX_ERROR_FAILURE;
+    }
     const NxResult created = thread->Create(GetAndIncreamUserType(), flags);
     if (created != NX_OK) {
         thread->Destory(0);
@@ -256,7 +393,11 @@ NxResult CNxThreadManagerImp::BlockSignal() {
 }
 
 NxResult CNxThreadManagerImp::CreateNetworkThread(int type, INxReactor* reactor, CNxThread*& out) {
-    auto* const thread = new CNxThreadReactor;
+    auto* const thread = MakeThread<CNxThreadReactor>();
+    if (thread == nullptr) {
+        delete reactor;
+        return NX_ERROR_FAILURE;
+    }
     NxResult result = thread->Init(reactor);
     if (result == NX_OK) {
         result = thread->Create(type, FLAG_JOINABLE);
@@ -277,9 +418,11 @@ NxResult CNxThreadManagerImp::StopAllThreads(CNxTimeValue* timeout) {
     if (!IsMainOrHasNone()) {
         return NX_ERROR_FAILURE;
     }
-    for (CNxThread* thread : CopyRegistry()) {
+    CNxThread* thread = nullptr;
+    for (long type = c_beforeAllTypes; (thread = GetAfter(type)) != nullptr;) {
+        type = thread->GetThreadType();
         // One that cannot be stopped does not keep the others from it.
-        if (thread->GetThreadType() != NX_THREAD_MAIN) {
+        if (type != NX_THREAD_MAIN) {
             static_cast<void>(thread->StopForCertain(timeout));
         }
     }
@@ -291,8 +434,10 @@ NxResult CNxThreadManagerImp::JoinAllThreads() {
     if (!IsMainOrHasNone()) {
         return NX_ERROR_FAILURE;
     }
-    for (CNxThread* thread : CopyRegistry()) {
-        if (thread->GetThreadType() != NX_THREAD_MAIN && !IsEndedByManager(thread)) {
+    CNxThread* thread = nullptr;
+    for (long type = c_beforeAllTypes; (thread = GetAfter(type)) != nullptr;) {
+        type = thread->GetThreadType();
+        if (type != NX_THREAD_MAIN && !IsEndedByManager(thread)) {
             thread->Join();
         }
     }
@@ -312,7 +457,13 @@ NxResult CNxThreadManagerImp::RegisterThread(CNxThread* thread) {
             return NX_ERROR_FOUND;
         }
     }
-    m_threads.push_back(thread);
+    try {
+        m_tearDownCopy.reserve(m_threads.size() + 1);
+        m_threads.push_back(thread);
+    } catch (const std::bad_alloc&) {
+        return NX_ERROR_FAILURE;
+    }
+    m_forks = CNxProcessWide::CountForks();
     return NX_OK;
 }
 
@@ -342,16 +493,55 @@ NxResult CNxThreadManagerImp::GetReferenceControlMutex(CNxMutexThread*& mutex) {
     return NX_OK;
 }
 
-std::vector<CNxThread*> CNxThreadManagerImp::CopyRegistry() {
+// The one with the next higher type; null after the last. A walk needs no memory, and misses nobody
+// when others come and go meanwhile.
+CNxThread* CNxThreadManagerImp::GetAfter(long type) {
     CNxMutexGuardT<CNxMutexThread> guard(m_registryMutex);
-    return m_threads;
+    CNxThread* next = nullptr;
+    for (CNxThread* thread : m_threads) {
+        const bool isCloser = next == nullptr || thread->GetThreadType() < next->GetThreadType();
+        if (thread->GetThreadType() > type && isCloser) {
+            next = thread;
+        }
+    }
+    return next;
 }
 
 bool CNxThreadManagerImp::IsMainOrHasNone() {
     return GetThread(NX_THREAD_MAIN) == nullptr || IsEqualCurrentThread(NX_THREAD_MAIN);
 }
 
+void CNxThreadManagerImp::BeforeFork() NX_NO_THREAD_SAFETY_ANALYSIS {
+    m_registryMutex.Lock();
+}
+
+void CNxThreadManagerImp::AfterForkInParent() NX_NO_THREAD_SAFETY_ANALYSIS {
+    m_registryMutex.UnLock();
+}
+
+void CNxThreadManagerImp::AfterForkInChild() NX_NO_THREAD_SAFETY_ANALYSIS {
+    // Only so that a leak checker finds them.
+    m_ofParent.insert(m_ofParent.end(), m_threads.begin(), m_threads.end());
+    m_threads.erase(std::remove_if(m_threads.begin(), m_threads.end(),
+                                   [](const CNxThread* thread) {
+                                       return !IsEqualCurrentThread(thread->GetThreadId());
+                                   }),
+                    m_threads.end());
+    m_stopAsked.store(0);
+    m_registryMutex.UnLock();
+}
+
+bool CNxThreadManagerImp::IsUsedByThisProcess() {
+    CNxMutexGuardT<CNxMutexThread> guard(m_registryMutex);
+    return m_forks == CNxProcessWide::CountForks();
+}
+
 bool CNxThreadManagerImp::TearDown() {
+    if (!IsUsedByThisProcess()) {
+        // A forked child without threads of its own: the rest is its parent's.
+        CNxCleanUpBase::CleanupAll();
+        return false;
+    }
     const bool mayStop = IsMainOrHasNone();
     if (mayStop) {
         // exit() may have been called within an event, for whose end a thread waits.
@@ -365,44 +555,35 @@ bool CNxThreadManagerImp::TearDown() {
     return mayStop && DestroyThreads();
 }
 
-// Joins only what is on its way to its end: a thread that cannot be stopped must not keep the
-// process.
-void CNxThreadManagerImp::StopAndJoinForTearDown() {
-    std::vector<CNxThread*> ending;
-    for (CNxThread* thread : CopyRegistry()) {
-        if (IsEndedByManager(thread) || thread->GetEnd() == CNxThread::EEnd::WITH_ANOTHER) {
-            continue;
-        }
-        if (IsAbandoned(thread)) {
-            if (thread->GetEnd() == CNxThread::EEnd::BY_STOP &&
-                thread->GetThreadType() != NX_THREAD_MAIN) {
-                thread->StopForCertain(nullptr);
-            }
-            // A thread that waits for a result could not be joined.
-            INxEventQueue* const queue = thread->GetEventQueue();
-            if (queue != nullptr) {
-                queue->StopAndDestoryPendingEvents();
-            }
-            continue;
-        }
-        const NxResult stopped = thread->StopForCertain(nullptr);
-        if (!thread->IsRunning() || IsEnding(stopped)) {
-            ending.push_back(thread);
-        }
-    }
-    for (CNxThread* thread : ending) {
-        thread->Join();
-    }
+// For the thread of the tear-down alone. Threads that are registered meanwhile are not in it.
+std::vector<CNxThread*>& CNxThreadManagerImp::CopyForTearDown() {
+    CNxMutexGuardT<CNxMutexThread> guard(m_registryMutex);
+    assert(m_tearDownCopy.capacity() >= m_threads.size());
+    m_tearDownCopy.assign(m_threads.begin(), m_threads.end());
+    return m_tearDownCopy;
 }
 
-// Destroys all or, while one runs that may use the others, none.
+void CNxThreadManagerImp::StopAndJoinForTearDown() {
+    std::vector<CNxThread*>& threads = CopyForTearDown();
+    size_t ending = 0;
+    for (CNxThread*& thread : threads) {
+        if (StopForTearDown(thread)) {
+            std::swap(threads[ending++], thread);
+        }
+    }
+    for (size_t i = 0; i < ending; ++i) {
+        threads[i]->Join();
+    }
+    threads.erase(threads.begin(), threads.begin() + static_cast<std::ptrdiff_t>(ending));
+    JoinWithinLimit(threads);
+}
+
+// Destroys all or, while there is a thread that may use them, none.
 bool CNxThreadManagerImp::DestroyThreads() {
-    const std::vector<CNxThread*> threads = CopyRegistry();
-    if (CNxThread::DoesAnyRun() ||
-        std::any_of(threads.begin(), threads.end(), &IsDrivenElsewhere)) {
+    if (!IsOnlyThread()) {
         return false;
     }
-    for (CNxThread* thread : threads) {
+    for (CNxThread* thread : CopyForTearDown()) {
         thread->Destory(0);
     }
     return true;

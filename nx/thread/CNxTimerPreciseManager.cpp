@@ -1,12 +1,21 @@
-#include <nx/foundation/CNxEventThread.h>
 #include <nx/thread/CNxTimerPreciseManager.h>
 
 #include <cassert>
+#include <new>
 
 namespace {
 
 constexpr unsigned long c_tickMs = 10;
 constexpr unsigned long c_spanMs = 2UL * 60 * 60 * 1000;
+constexpr unsigned long c_mostLateTicks = 100;
+// How far the thread looks for the next timer before it sleeps: a minute.
+constexpr unsigned long c_mostIdleTicks = 6000;
+
+CNxTimeValue TicksToTime(unsigned long ticks) {
+    CNxTimeValue time;
+    time.SetByTotalMsec(static_cast<long>(ticks * c_tickMs));
+    return time;
+}
 
 // Null unless its thread runs and shall go on.
 std::atomic<CNxTimerPreciseManager*> s_pPreciseTimerMgr{nullptr};
@@ -16,7 +25,8 @@ std::atomic<CNxTimerPreciseManager*> s_last{nullptr};
 }  // namespace
 
 CNxMutexThread& CNxTimerPreciseManager::GetMutex() {
-    static auto* const s_mutex = new CNxMutexThread;
+    alignas(CNxMutexThread) static char s_place[sizeof(CNxMutexThread)];
+    static auto* const s_mutex = new (s_place) CNxMutexThread;
     return *s_mutex;
 }
 
@@ -38,7 +48,12 @@ CNxTimerPreciseManager* CNxTimerPreciseManager::Start() {
     if (!DestroyEnded()) {
         return nullptr;
     }
-    auto* const manager = new CNxTimerPreciseManager;
+    CNxTimerPreciseManager* manager = nullptr;
+    try {
+        manager = new CNxTimerPreciseManager;
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
     if (manager->Create(NX_THREAD_PRECISE_TIMER, CNxThreadManager::FLAG_JOINABLE) != NX_OK) {
         manager->Destory(0);
         return nullptr;
@@ -71,18 +86,28 @@ CNxTimerPreciseManager::~CNxTimerPreciseManager() {
     s_last.compare_exchange_strong(self, nullptr);
 }
 
-void CNxTimerPreciseManager::Schedule_l(INxTimerHandler* id, void* sink,
-                                        const CNxTimeValue& interval, unsigned long count) {
+NxResult CNxTimerPreciseManager::Schedule_l(INxTimerHandler* id, void* sink,
+                                            const CNxTimeValue& interval, unsigned long count) {
     GetMutex().AssertHeld();
     if (m_calendar == nullptr) {
-        return;
+        return NX_OK;
     }
+    // An interval counts from now, not from where the wheel stopped to sleep.
+    CatchUp_l();
     if (interval == CNxTimeValue::s_tvZero()) {
         // A timer that gets an interval of zero in place of another one could not be cancelled.
         m_calendar->CancelTimer(id);
     }
-    // Refuses nothing but a null handler; that it replaced another timer is no news to the caller.
-    static_cast<void>(m_calendar->ScheduleTimer(id, sink, interval, count));
+    const CNxTimeValue due = m_lastTick + TicksToTime(m_calendar->GetFirstTick(interval));
+    if (m_calendar->ScheduleTimer(id, sink, interval, count) == NX_ERROR_FAILURE) {
+        return NX_ERROR_FAILURE;
+    }
+    if (m_wakeTime > due) {
+        m_wakeTime = due;
+        m_wake.Signal();
+    }
+    // That it replaced another timer is no news to the caller, nor that a null id has none.
+    return NX_OK;
 }
 
 NxResult CNxTimerPreciseManager::Cancel_l(INxTimerHandler* id) {
@@ -90,18 +115,69 @@ NxResult CNxTimerPreciseManager::Cancel_l(INxTimerHandler* id) {
     return m_calendar != nullptr ? m_calendar->CancelTimer(id) : NX_ERROR_NULL_POINTER;
 }
 
-// The stop flag is set from construction on and means the opposite here: run as long as it is set.
+void CNxTimerPreciseManager::OnThreadInit() {
+    Reset2CurrentThreadId();
+    SetStartFlag();
+}
+
 void CNxTimerPreciseManager::OnThreadRun() {
-    // Never signalled: a sleep.
-    CNxEventThread never(0, 0);
-    CNxTimeValue tick(0, c_tickMs * 1000);
-    while (IsStopped()) {
-        static_cast<void>(never.Wait(&tick));
-        CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
-        if (m_calendar != nullptr) {
-            m_calendar->TimerTick();
-        }
+    EnsureLoopThread();
+    CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
+    while (!IsStopped()) {
+        CatchUp_l();
+        SleepUntilNext_l();
     }
+}
+
+// Makes the ticks that are due by now.
+void CNxTimerPreciseManager::CatchUp_l() {
+    GetMutex().AssertHeld();
+    const CNxTimeValue now = CNxTimeValue::GetMonotonicTime();
+    for (;;) {
+        assert(m_lastTick <= now);
+        unsigned long due =
+            static_cast<unsigned long>((now - m_lastTick).GetTotalInMsec()) / c_tickMs;
+        const unsigned long idle = m_calendar->CountIdleTicks(due);
+        m_calendar->SkipIdleTicks(idle);
+        m_lastTick += TicksToTime(idle);
+        due -= idle;
+        if (due == 0) {
+            return;
+        }
+        if (due > c_mostLateTicks) {
+            m_lastTick += TicksToTime(due - c_mostLateTicks);
+        }
+        m_calendar->TimerTick();
+        m_lastTick += TicksToTime(1);
+    }
+}
+
+void CNxTimerPreciseManager::SleepUntilNext_l() {
+    const unsigned long idle = m_calendar->CountIdleTicks(c_mostIdleTicks);
+    m_wakeTime =
+        m_calendar->IsEmpty() ? CNxTimeValue::s_tvMax() : m_lastTick + TicksToTime(idle + 1);
+    // Where ticks take longer than they last, others get the mutex all the same.
+    const CNxTimeValue soonest = CNxTimeValue::GetMonotonicTime() + CNxTimeValue(0, 1000);
+    if (soonest > m_wakeTime) {
+        m_wakeTime = soonest;
+    }
+    // However it ends, the clock is looked at next.
+    static_cast<void>(m_wake.WaitUntil(m_wakeTime));
+}
+
+// The bodies hand the mutex over to each other, where the analysis does not look.
+void CNxTimerPreciseManager::BeforeFork() NX_NO_THREAD_SAFETY_ANALYSIS {
+    GetMutex().Lock();
+}
+
+void CNxTimerPreciseManager::AfterForkInParent() NX_NO_THREAD_SAFETY_ANALYSIS {
+    GetMutex().UnLock();
+}
+
+void CNxTimerPreciseManager::AfterForkInChild() NX_NO_THREAD_SAFETY_ANALYSIS {
+    s_pPreciseTimerMgr.store(nullptr);
+    s_last.store(nullptr);
+    GetMutex().UnLock();
 }
 
 void CNxTimerPreciseManager::EndAndJoin() {
@@ -117,7 +193,8 @@ void CNxTimerPreciseManager::EndAndJoin() {
         }
         assert(manager->m_calendar != nullptr);
         manager->m_calendar.reset();
-        manager->SetStartFlag();
+        manager->SetStopFlag();
+        manager->m_wake.Signal();
     }
     manager->Join();
     // The system may give it to another thread.

@@ -49,8 +49,9 @@ public:
     CNxTimerQueueCalendar(const CNxTimerQueueCalendar&) = delete;
     CNxTimerQueueCalendar& operator=(const CNxTimerQueueCalendar&) = delete;
 
-    // NX_ERROR_INVALID_ARG for a null handler. NX_ERROR_FOUND when a timer of the handler with an
-    // interval other than zero was replaced by another of that kind; else NX_OK.
+    // NX_ERROR_INVALID_ARG for a null handler, NX_ERROR_FAILURE without memory. NX_ERROR_FOUND when
+    // a timer of the handler with an interval other than zero was replaced by another of that kind;
+    // else NX_OK.
     [[nodiscard]] NxResult ScheduleTimer(INxTimerHandler* handler, void* token,
                                          const CNxTimeValue& interval,
                                          unsigned long count) override;
@@ -64,6 +65,17 @@ public:
 
     // To be called once per slot interval.
     void TimerTick();
+
+    // For an owner that sleeps over ticks which fire nothing:
+    // whether there is no timer at all;
+    bool IsEmpty() const { return m_immediate == nullptr && m_entries.empty(); }
+    // how many of the next ticks fire nothing, looking at `most` of them;
+    unsigned long CountIdleTicks(unsigned long most) const;
+    // the same as that many calls of TimerTick, for idle ones;
+    void SkipIdleTicks(unsigned long ticks);
+    // the number of the tick, 1 being the next, that is the first to fire a timer of that interval
+    // if it is scheduled now.
+    unsigned long GetFirstTick(const CNxTimeValue& interval) const;
 
     // Fires the timers with an interval of zero. NX_OK. Nobody in the library posts a calendar; an
     // owner that wants them sooner than the next tick may, to its own queue.
@@ -95,8 +107,11 @@ private:
 
     unsigned long GetOffset(const CNxTimeValue& interval) const;
     unsigned long GetIndex(unsigned long offset) const;
-    SlotPtr RemoveExisting(INxTimerHandler* handler);
+    static void DeleteChain(Slot* chain);
+    bool Prepare(INxTimerHandler* handler, SlotPtr* entry, bool isImmediate);
     void RemoveImmediate(const INxTimerHandler* handler);
+    std::vector<Due> BeginFiring();
+    void EndFiring(std::vector<Due>& due);
     void TakeImmediate(std::vector<Due>& due);
     void TakeCurrentSlot(std::vector<Due>& due);
     void ArmAgain(SlotPtr entry, Slot*& nextRound);
@@ -108,6 +123,7 @@ private:
     unsigned long m_currentIndex = 0;  // the slot of the next tick
     INxEventQueue* const m_eventQueue;
     Slot* m_immediate = nullptr;  // intervals of zero; owned
+    size_t m_immediateCount = 0;
     // The entry that a handler has in the ring; null when that was moved to the immediate chain.
     std::unordered_map<INxTimerHandler*, Slot*> m_entries;
     std::vector<Due> m_spareDue;  // its memory serves every tick

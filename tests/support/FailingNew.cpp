@@ -1,5 +1,6 @@
 #include <tests/support/FailingNew.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <new>
@@ -42,6 +43,10 @@ void Fail(long skip, long count) {
 
 long GetMade() {
     return s_made;
+}
+
+long GetFailed() {
+    return std::clamp(s_made - s_skip, 0L, s_count.load());
 }
 
 long Stop() {

@@ -176,6 +176,45 @@ TEST_F(ProcessEnd, LoopOnAThreadOfTheApplicationDoesNotKeepTheProcess) {
     EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
 }
 
+// Posts to both until both refuse.
+void PostUntilRefused(INxEventQueue* first, INxEventQueue* second, std::atomic<bool>& refused) {
+    static EventCounts counts;
+    bool goOn = true;
+    while (goOn) {
+        const NxResult one = first->PostEvent(new CountedEvent(counts), c_normal);
+        const NxResult two = second->PostEvent(new CountedEvent(counts), c_normal);
+        goOn = one != NX_ERROR_NOT_INITIALIZED || two != NX_ERROR_NOT_INITIALIZED;
+    }
+    refused = true;
+    for (;;) {
+        first->PostEvent(new CountedEvent(counts), c_normal);
+        second->PostEvent(new CountedEvent(counts), c_normal);
+    }
+}
+
+TEST_F(ProcessEnd, ThreadsOfTheApplicationMayPostUntilTheProcessIsGone) {
+    const auto body = [] {
+        static std::atomic<bool> refused{false};
+        // Called after the tear-down.
+        std::atexit([] {
+            while (!refused) {
+                std::this_thread::yield();
+            }
+            CNxThreadManager::SleepMs(20);
+            std::fputs("all refused", stderr);
+        });
+        Must(Manager()->InitMainThread(0, nullptr));
+        INxEventQueue* const mainQueue = Manager()->GetThreadEventQueue(NX_THREAD_MAIN);
+        INxEventQueue* const workerQueue = StartWorker()->GetEventQueue();
+        std::thread(&PostUntilRefused, mainQueue, workerQueue, std::ref(refused)).detach();
+        while (mainQueue->GetPendingEventsCount() == 0) {
+            std::this_thread::yield();
+        }
+        std::exit(0);
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "all refused");
+}
+
 class EndlessThread : public CNxThread {
 public:
     void OnThreadRun() override {
@@ -188,10 +227,30 @@ public:
 TEST_F(ProcessEnd, ThreadThatCannotBeStoppedDoesNotKeepTheProcess) {
     const auto body = [] {
         Must(Manager()->InitMainThread(0, nullptr));
-        Must((new EndlessThread)->Create(Manager()->GetAndIncreamUserType(), c_joinable));
+        CNxThreadManager::SetTearDownLimit(CNxTimeValue(0, 50000));
+        Must((new EndlessThread)->Create(5000, c_joinable));
         std::exit(0);
     };
-    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "thread 5000 has not ended in 50 ms");
+}
+
+// Cannot be stopped, but comes to its end.
+class WorkingThread : public CNxThread {
+public:
+    ~WorkingThread() override { std::fputs("and destroyed", stderr); }
+    void OnThreadRun() override {
+        CNxThreadManager::SleepMs(100);
+        std::fputs("done ", stderr);
+    }
+};
+
+TEST_F(ProcessEnd, ThreadThatEndsByItselfIsWaitedFor) {
+    const auto body = [] {
+        Must(Manager()->InitMainThread(0, nullptr));
+        Must((new WorkingThread)->Create(Manager()->GetAndIncreamUserType(), c_joinable));
+        std::exit(0);
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "done and destroyed");
 }
 
 TEST_F(ProcessEnd, ExitOnAnotherThreadLeavesRunningThreadsAlone) {

@@ -175,7 +175,7 @@ TEST(TimerPreciseEnd, ProcessThatForgetsItsTimersExitsOnAnyThread) {
             static auto* const sink = new Sink;
             sink->m_exitAt = onTarget ? 700 : 0;
             Must(Manager()->InitMainThread(0, nullptr));
-            auto* const crowd = new Crowd;
+            static auto* const crowd = new Crowd;
             for (int i = 0; i < (IsFull() ? 10000 : 500); ++i) {
                 Must(g_forgotten.emplace_back().Schedule(sink, ToInterval(c_tick), 0,
                                                          crowd->AnyType()));

@@ -1,0 +1,172 @@
+// What a child of fork(2) has of its parent's threads, and how it ends. Every parent is a process
+// of its own; a child that hangs is ended by the time limit of the test.
+#include <gtest/gtest.h>
+#include <nx/foundation/CNxCleanUpBase.h>
+#include <nx/thread/CNxThread.h>
+#include <nx/thread/CNxThreadManager.h>
+#include <nx/thread/CNxTimerPreciseWrapperID.h>
+
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <functional>
+#include <new>
+#include <thread>
+
+#include "../support/CountedEvent.h"
+#include "../support/Must.h"
+
+namespace {
+
+constexpr auto c_joinable = CNxThreadManager::FLAG_JOINABLE;
+
+CNxThreadManager* Manager() {
+    return CNxThreadManager::Instance();
+}
+
+using Shared = std::atomic<int>;
+
+// Counts in memory that parent and child share.
+class CountsItsEnd : public CNxCleanUpBase {
+public:
+    explicit CountsItsEnd(Shared& ended) : m_ended(ended) {}
+    ~CountsItsEnd() override { ++m_ended; }
+
+private:
+    Shared& m_ended;
+};
+
+class Sink : public CNxTimerPreciseWrapperIDSink {
+public:
+    void OnTimer(CNxTimerPreciseWrapperID* /*id*/) override { ++m_calls; }
+    std::atomic<int> m_calls{0};
+};
+
+class Parent {
+public:
+    Parent() {
+        void* const memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
+                                  MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        m_ended = new (memory) Shared(0);
+        Must(Manager()->InitMainThread(0, nullptr));
+        Must(Manager()->CreateUserTaskThread(m_worker, c_joinable, 1));
+        Must(Manager()->CreateNetworkThread(NX_THREAD_NETWORK,
+                                            CNxThreadManager::CreateNetworkReactor(), m_network));
+        // Never destroyed: timers call until the tear-down, which comes after static objects are
+        // gone.
+        static auto* const sink = new Sink;
+        static auto* const timer = new CNxTimerPreciseWrapperID;
+        m_timer = timer;
+        Must(m_timer->Schedule(sink, CNxTimeValue(0, 10000), 0, m_worker->GetThreadType()));
+        new CountsItsEnd(*m_ended);
+    }
+
+    // How many clean-up objects a child has ended that does this and exits with status 0; -1 when
+    // it ends otherwise.
+    int EndedByChild(const std::function<void()>& action) {
+        const pid_t child = fork();
+        if (child == 0) {
+            action();
+            std::exit(0);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        return status == 0 ? m_ended->load() : -1;
+    }
+
+    Shared* m_ended = nullptr;
+    CNxThread* m_worker = nullptr;
+    CNxThread* m_network = nullptr;
+    CNxTimerPreciseWrapperID* m_timer = nullptr;
+};
+
+class ForkedChild : public ::testing::Test {
+protected:
+    void SetUp() override { ::testing::GTEST_FLAG(death_test_style) = "threadsafe"; }
+};
+
+void StopHere(bool asExpected) {
+    if (!asExpected) {
+        std::abort();
+    }
+}
+
+TEST_F(ForkedChild, ExitLeavesAloneWhatIsTheParents) {
+    const auto body = [] {
+        Parent parent;
+        StopHere(parent.EndedByChild([] {}) == 0);
+        // Forked within an event, for whose end the parent's main thread waits.
+        EventCounts counts;
+        parent.m_worker->GetEventQueue()->SendEvent(new CountedEvent(counts, [&parent] {
+            StopHere(parent.EndedByChild([] {}) == 0);
+            return NX_OK;
+        }));
+        StopHere(parent.EndedByChild([&parent] {
+            StopHere(parent.m_worker->Join() == NX_ERROR_FAILURE && !parent.m_worker->IsRunning());
+            StopHere(Manager()->GetThread(NX_THREAD_NETWORK) == nullptr);
+            Must(Manager()->StopAllThreads(nullptr));
+            Must(Manager()->JoinAllThreads());
+        }) == 0);
+        std::exit(0);
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+}
+
+// The thread sanitizer ends a forked child that starts a thread.
+#if !defined(__SANITIZE_THREAD__)
+TEST_F(ForkedChild, StartsAndEndsThreadsOfItsOwn) {
+    const auto body = [] {
+        Parent parent;
+        const auto live = [&parent] {
+            CNxThread* network = nullptr;
+            Must(Manager()->CreateNetworkThread(NX_THREAD_NETWORK,
+                                                CNxThreadManager::CreateNetworkReactor(), network));
+            EventCounts counts;
+            network->GetEventQueue()->SendEvent(new CountedEvent(counts));
+            StopHere(counts.m_fired == 1);
+            static Sink sink;
+            static auto* const timer = new CNxTimerPreciseWrapperID;
+            Must(timer->Schedule(&sink, CNxTimeValue(0, 10000), 0, NX_THREAD_NETWORK));
+            while (sink.m_calls == 0) {
+                std::this_thread::yield();
+            }
+            parent.m_timer->Cancel();
+            new CountsItsEnd(*parent.m_ended);
+        };
+        // Its own clean-up object alone.
+        StopHere(parent.EndedByChild(live) == 1);
+        std::exit(0);
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+}
+#endif
+
+// Whatever the parent's other threads hold at the moment of the fork.
+TEST_F(ForkedChild, IsNotLeftWithALockedManager) {
+    const auto body = [] {
+        Parent parent;
+        std::atomic<bool> stop{false};
+        std::thread busy([&stop] {
+            // The child has no stack that leads to it.
+            static CNxTimerPreciseWrapperID timer;
+            while (!stop) {
+                Manager()->GetAndIncreamUserType();
+                timer.Cancel();
+            }
+        });
+        for (int i = 0; i < 100; ++i) {
+            StopHere(parent.EndedByChild([&parent] {
+                Manager()->GetAndIncreamUserType();
+                parent.m_timer->Cancel();
+            }) == 0);
+        }
+        stop = true;
+        busy.join();
+        std::exit(0);
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
