@@ -61,25 +61,29 @@ const Value* KvStore::Find(std::string_view key) {
 }
 
 void KvStore::Set(std::string_view key, Value value, std::int64_t expiry) {
-    auto found = FindLiving(key);
-    const bool isNew = found == m_entries.end();
-    if (isNew) {
-        found = m_entries.emplace(m_key, Entry{std::move(value), std::nullopt}).first;
+    const auto found = FindLiving(key);
+    if (found == m_entries.end()) {
+        Add(std::move(value), expiry);
+        return;
     }
     if (expiry > c_never) {
-        try {
-            Expire(found, expiry);
-        } catch (const std::bad_alloc&) {
-            if (isNew) {
-                Erase(found);
-            }
-            throw;
-        }
+        Expire(found, expiry);
     } else if (expiry == c_never) {
         DropExpiry(found->second);
     }
-    if (!isNew) {
-        found->second.value = std::move(value);
+    found->second.value = std::move(value);
+}
+
+// For m_key, which is not there.
+void KvStore::Add(Value value, std::int64_t expiry) {
+    const auto added = m_entries.emplace(m_key, Entry{std::move(value), std::nullopt}).first;
+    try {
+        if (expiry > c_never) {
+            Expire(added, expiry);
+        }
+    } catch (const std::bad_alloc&) {
+        Erase(added);
+        throw;
     }
 }
 

@@ -118,6 +118,7 @@ private:
         return entry.expiry.has_value() && (*entry.expiry)->first <= m_now;
     }
     Entries::iterator FindLiving(std::string_view key);
+    void Add(Value value, std::int64_t expiry);
     void Expire(Entries::iterator found, std::int64_t time);
     void DropExpiry(Entry& entry);
     void Erase(Entries::iterator found);

@@ -20,7 +20,7 @@ namespace {
 // Beyond the clients served, so many are told that there is no place; further ones hear nothing.
 constexpr std::size_t c_refusedAtOnce = 64;
 constexpr std::int64_t c_lingerSeconds = 2;
-constexpr std::int64_t c_stopSeconds = 4;
+constexpr std::int64_t c_stopMs = 4500;
 constexpr long c_stopTickUsec = 10000;
 
 // Less is not worth the walk through the heap.
@@ -30,10 +30,6 @@ constexpr std::size_t c_givenBackFrom = 16UL << 20;
 constexpr std::size_t c_removedAtOnce = 10000;
 constexpr std::int64_t c_msPerSecond = 1000;
 constexpr std::int64_t c_usPerMs = 1000;
-
-std::int64_t NowSeconds() {
-    return examples::NowNs() / examples::c_nsPerSecond;
-}
 
 std::int64_t NowMs() {
     return examples::NowNs() / (examples::c_nsPerSecond / c_msPerSecond);
@@ -87,7 +83,7 @@ Server::Server(const Options& options, INxReactor& network, INxEventQueue& store
       m_acceptor(
           network, [this](int socket) { OnAccepted(socket); },
           [this] { CountRefused("out of descriptors"); }),
-      m_seconds(NowSeconds()),
+      m_now(NowMs()),
       m_mayHold(options.clientMemory << 20) {}
 
 std::string Server::Open() {
@@ -225,7 +221,7 @@ void Server::Stop() {
     assert(m_stopAt == 0);
     examples::Trace(examples::c_traceInfo, "stopping; clients ", m_connections.size());
     m_acceptor.Close();
-    m_stopAt = NowSeconds() + c_stopSeconds;
+    m_stopAt = NowMs() + c_stopMs;
     Tick(CNxTimeValue(0, c_stopTickUsec));
     EraseIf([](Client& client) { return !client.Stop(); });
 }
@@ -238,13 +234,13 @@ void Server::Close() {
 }
 
 void Server::OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) {
-    m_seconds = NowSeconds();
+    m_now = NowMs();
     m_acceptor.OnTick();
     TakeReplies();
     MakeRoom();
     EraseIf([this](Client& client) { return !client.OnTick() || IsOverdue(client); });
     GiveMemoryBack();
-    if (m_stopAt != 0 && m_seconds >= m_stopAt) {
+    if (m_stopAt != 0 && m_now >= m_stopAt) {
         m_service.GiveUp();
     }
     if (m_stopAt != 0 && m_connections.empty() && m_onStopped) {
@@ -254,9 +250,9 @@ void Server::OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) {
 
 bool Server::IsOverdue(const Client& client) const {
     if (m_stopAt != 0) {
-        return m_seconds >= m_stopAt || client.IsDone();
+        return m_now >= m_stopAt || client.IsDone();
     }
-    const std::int64_t silent = m_seconds - client.GetActiveAt();
+    const std::int64_t silent = GetSeconds() - client.GetActiveAt();
     const auto idleTimeout = static_cast<std::int64_t>(m_options.idleTimeout);
     if (client.IsLingering()) {
         return silent >= c_lingerSeconds;

@@ -65,7 +65,7 @@ public:
     std::string GetAddressText() const;
 
     // Accepts no more, answers what has arrived, and hangs up on each client when it is answered,
-    // on all of them after four seconds, whatever the store does. To be called once.
+    // on all of them after four and a half seconds, whatever the store does. To be called once.
     void Stop();
 
     // Hangs up on whoever is left.
@@ -77,7 +77,7 @@ private:
     void CountHeld(std::size_t before, std::size_t now) override;
     bool IsFull() const override { return m_held > m_mayHold; }
     void OnDropped(std::uint64_t clientId) override { Erase(clientId); }
-    std::int64_t GetSeconds() const override { return m_seconds; }
+    std::int64_t GetSeconds() const override { return m_now / 1000; }
     void OnTimeout(const CNxTimeValue& curTime, void* token) override;
 
     // A connection, which counts as a client unless it is only told that it is refused.
@@ -114,7 +114,7 @@ private:
     // A batch may come back when its client is gone: it is known by a number that is never reused.
     Connections m_connections;
     std::uint64_t m_lastClientId = 0;
-    std::int64_t m_seconds;
+    std::int64_t m_now;         // milliseconds, as of the last tick
     std::int64_t m_stopAt = 0;  // 0 before Stop
 
     BatchBox m_replies;
