@@ -154,7 +154,9 @@ public:
         return got > 0 || (got == -1 && errno == EAGAIN) ? 0 : -1;
     }
     int OnOutput(int /*fd*/) override { return 0; }
-    int OnClose(int /*fd*/, long /*mask*/) override { return m_reactor.StopEventLoop(); }
+    int OnClose(int /*fd*/, long /*mask*/) override {
+        return static_cast<int>(m_reactor.StopEventLoop());
+    }
 
     static constexpr ssize_t c_size = 10000;
     ssize_t m_got = 0;
@@ -217,7 +219,7 @@ TYPED_TEST(ReactorFaults, RoomIsToldWhenTheSendThatFailedCameBeforeTheRegistrati
             explicit Writer(INxReactor& reactor) : m_reactor(reactor) {}
             int OnOutput(int /*fd*/) override {
                 m_hasRoom = true;
-                return m_reactor.StopEventLoop();
+                return static_cast<int>(m_reactor.StopEventLoop());
             }
             INxReactor& m_reactor;
             bool m_hasRoom = false;
@@ -336,7 +338,7 @@ public:
     int OnClose(int /*fd*/, long mask) override {
         EXPECT_EQ(mask, NX_MASK_CONNECT);
         m_reason = m_reactor.GetCloseReason();
-        return m_reactor.StopEventLoop();
+        return static_cast<int>(m_reactor.StopEventLoop());
     }
 
     int m_reason = -1;
