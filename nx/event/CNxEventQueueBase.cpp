@@ -1,11 +1,13 @@
 #include <nx/event/CNxEventQueueBase.h>
 #include <nx/event/CNxEventSynchronous.h>
+#include <nx/foundation/CCallOut.h>
 #include <nx/foundation/CCancelOff.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <pthread.h>
 
 #include <cassert>
 #include <iterator>
+#include <new>
 
 namespace {
 
@@ -39,8 +41,8 @@ CNxEventQueueBase::~CNxEventQueueBase() {
 }
 
 NxResult CNxEventQueueBase::PostEvent(INxEvent* event, EPriority /*priority*/) {
-    Node node(1, event);
-    return FinishPost(event, Append_i(node));
+    Node node;
+    return FinishPost(event, MakeNode(node, event) ? Append_i(node) : NX_ERROR_FAILURE);
 }
 
 NxResult CNxEventQueueBase::SendEvent(INxEvent* event) {
@@ -52,7 +54,7 @@ NxResult CNxEventQueueBase::SendEvent(INxEvent* event) {
         return NX_ERROR_NOT_INITIALIZED;
     }
     if (GetOwnerThreadId() == pthread_self()) {
-        const NxResult result = event->OnEventFire();
+        const NxResult result = Fire(event);
         event->OnDestorySelf();
         return result;
     }
@@ -130,9 +132,23 @@ NxResult CNxEventQueueBase::ProcessOneEvent(INxEvent* event) {
         return NX_ERROR_INVALID_ARG;
     }
     // A sent event's wrapper keeps the result for its sender; that of a posted one is nobody's.
-    static_cast<void>(event->OnEventFire());
+    static_cast<void>(Fire(event));
     event->OnDestorySelf();
     return NX_OK;
+}
+
+bool CNxEventQueueBase::MakeNode(Node& node, INxEvent* event) {
+    assert(node.empty());
+    try {
+        node.push_back(event);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+NxResult CNxEventQueueBase::Fire(INxEvent* event) {
+    return CallOut("OnEventFire", [event] { return event->OnEventFire(); });
 }
 
 NxResult CNxEventQueueBase::Append_i(Node& node) {
@@ -148,7 +164,7 @@ NxResult CNxEventQueueBase::Append_i(Node& node) {
 }
 
 NxResult CNxEventQueueBase::FinishPost(INxEvent* event, NxResult result) {
-    if (result == NX_ERROR_NOT_INITIALIZED) {
+    if (event != nullptr && result != NX_OK) {
         event->OnDestorySelf();
     }
     return result;

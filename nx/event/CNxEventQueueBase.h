@@ -77,6 +77,12 @@ protected:
     // Appends the event in `node`, or returns why not. Does not destroy it.
     [[nodiscard]] NxResult Append_i(Node& node);
 
+    // Puts the event into the empty `node`. False without memory.
+    [[nodiscard]] static bool MakeNode(Node& node, INxEvent* event);
+
+    // Fires the event; its exceptions end the process.
+    static NxResult Fire(INxEvent* event);
+
     // What a post still owes once the lock is released: a refused event is destroyed.
     static NxResult FinishPost(INxEvent* event, NxResult result);
 

@@ -5,16 +5,24 @@ NxResult CNxEventQueueLocked::PostEvent(INxEvent* event, EPriority /*priority*/)
 }
 
 NxResult CNxEventQueueLocked::Post(INxEvent* event, EAfter after, size_t* oldSize) {
-    Node node(1, event);
-    NxResult result = NX_OK;
+    Node made;
+    const bool isLast = after == EAfter::STOPPED;
+    if (!isLast && !MakeNode(made, event)) {
+        return FinishPost(event, NX_ERROR_FAILURE);
+    }
+    NxResult result = NX_ERROR_NOT_INITIALIZED;
     {
         CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
         if (oldSize != nullptr) {
             *oldSize = CNxEventQueueBase::GetPendingEventsCount();
         }
-        result = Append_i(node);
+        Node& node = isLast ? m_lastNode : made;
+        if (!node.empty()) {
+            node.front() = event;
+            result = Append_i(node);
+        }
         if (result == NX_OK) {
-            if (after == EAfter::STOPPED) {
+            if (isLast) {
                 SetStopped_i(true);
             }
             OnAppended_l();

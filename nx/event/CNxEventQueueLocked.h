@@ -26,4 +26,8 @@ protected:
     virtual void OnAppended_l() {}
 
     CNxMutexThread m_mutex;
+
+private:
+    // For the last event, so that stopping needs no memory; empty once that has been posted.
+    Node m_lastNode NX_GUARDED_BY(m_mutex){nullptr};
 };

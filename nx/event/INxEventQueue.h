@@ -13,7 +13,8 @@
 class INxEvent {
 public:
     // Runs on the thread that owns the queue, with no lock held. The result goes to a sender; that
-    // of a posted event is dropped. May post and send to any queue, its own too.
+    // of a posted event is dropped. May post and send to any queue, its own too. An exception that
+    // leaves it ends the process with a line on stderr that names it.
     virtual NxResult OnEventFire() = 0;
 
     // The end of the event, after it has fired or instead of firing. On the thread of the queue
@@ -32,8 +33,8 @@ public:
     enum EPriority { PRIORITY_HIGH = 0, PRIORITY_NORMAL = 1, PRIORITY_LOW = 2 };
 
     // Leaves the event with the queue, to be fired later by the thread that owns it. Any thread.
-    // NX_OK, NX_ERROR_INVALID_ARG for null, NX_ERROR_NOT_INITIALIZED when the queue is stopped;
-    // the event is then destroyed before the call returns.
+    // NX_OK, NX_ERROR_INVALID_ARG for null, NX_ERROR_NOT_INITIALIZED when the queue is stopped,
+    // NX_ERROR_FAILURE without memory; the event is then destroyed before the call returns.
     virtual NxResult PostEvent(INxEvent* event, EPriority priority) = 0;
 
     // Has the event fired by the thread that owns the queue and returns its result; blocks until
@@ -41,7 +42,8 @@ public:
     // Before it returns the event has been destroyed: an event may use what lies on the sender's
     // stack to its very end.
     // NX_ERROR_INVALID_ARG for null, NX_ERROR_NOT_INITIALIZED when the queue is stopped,
-    // NX_ERROR_NOT_AVAILABLE when the event was discarded without having fired.
+    // NX_ERROR_NOT_AVAILABLE when the event was discarded without having fired, NX_ERROR_FAILURE
+    // without memory.
     virtual NxResult SendEvent(INxEvent* event) = 0;
 
     // How many events wait. Any thread; out of date as soon as it is read.

@@ -2,12 +2,12 @@
 #pragma once
 
 // Base of an object that lives until the tear-down. Constructing it registers it, on any thread;
-// the list owns it from then on, and its destructor does not take it off, so it must not be
-// destroyed by anybody else.
+// the list owns it from then on, so it must not be destroyed by anybody else. One whose
+// construction fails after that is taken off again.
 class CNxCleanUpBase {
 public:
     CNxCleanUpBase();
-    virtual ~CNxCleanUpBase() = default;
+    virtual ~CNxCleanUpBase();
 
     CNxCleanUpBase(const CNxCleanUpBase&) = delete;
     CNxCleanUpBase& operator=(const CNxCleanUpBase&) = delete;
@@ -27,7 +27,8 @@ private:
     static void ForgetThoseOfParent();
 
     static CNxCleanUpBase* s_pHeader;
-    static unsigned int s_forks;  // of the process whose objects are listed
+    static CNxCleanUpBase* s_pOfParent;  // what is left alone
+    static unsigned int s_forks;         // of the process whose objects are listed
 
     CNxCleanUpBase* m_next = nullptr;
 };

@@ -32,13 +32,16 @@ void RunTearDown() {
 
 }  // namespace
 
+// Never destroyed, and first used perhaps where there is no memory.
 CNxMutexThreadRecursive& CNxProcessWide::GetSingletonMutex() {
-    static auto* const s_mutex = new CNxMutexThreadRecursive;
+    alignas(CNxMutexThreadRecursive) static char s_place[sizeof(CNxMutexThreadRecursive)];
+    static auto* const s_mutex = new (s_place) CNxMutexThreadRecursive;
     return *s_mutex;
 }
 
 CNxMutexThread& CNxProcessWide::GetReferenceControlMutex() {
-    static auto* const s_mutex = new CNxMutexThread;
+    alignas(CNxMutexThread) static char s_place[sizeof(CNxMutexThread)];
+    static auto* const s_mutex = new (s_place) CNxMutexThread;
     return *s_mutex;
 }
 

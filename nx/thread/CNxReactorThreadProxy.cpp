@@ -1,5 +1,7 @@
 #include <nx/thread/CNxReactorThreadProxy.h>
 
+#include <new>
+
 namespace {
 
 NxResult Refuse(INxEvent* event) {
@@ -24,14 +26,20 @@ NxResult CNxReactorThreadProxy::CEventRemoveHandler::OnEventFire() {
 CNxReactorThreadProxy::CNxReactorThreadProxy(INxReactor* reactor, int type)
     : CNxThreadProxyBase(type), m_reactor(reactor) {}
 
+NxResult CNxReactorThreadProxy::Send(INxEvent* event) {
+    return event != nullptr ? SendEvent_i(event) : NX_ERROR_FAILURE;
+}
+
 NxResult CNxReactorThreadProxy::RegisterHandler(INxEventHandler* handler, long mask) {
-    return m_reactor != nullptr ? SendEvent_i(new CEventRegisterHandler(m_reactor, handler, mask))
-                                : NX_ERROR_NULL_POINTER;
+    return m_reactor != nullptr
+               ? Send(new (std::nothrow) CEventRegisterHandler(m_reactor, handler, mask))
+               : NX_ERROR_NULL_POINTER;
 }
 
 NxResult CNxReactorThreadProxy::RemoveHandler(INxEventHandler* handler, long mask) {
-    return m_reactor != nullptr ? SendEvent_i(new CEventRemoveHandler(m_reactor, handler, mask))
-                                : NX_ERROR_NULL_POINTER;
+    return m_reactor != nullptr
+               ? Send(new (std::nothrow) CEventRemoveHandler(m_reactor, handler, mask))
+               : NX_ERROR_NULL_POINTER;
 }
 
 int CNxReactorThreadProxy::GetReactorType() {

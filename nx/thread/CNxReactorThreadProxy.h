@@ -76,6 +76,8 @@ protected:
     INxReactor* GetReactor() const { return m_reactor; }
 
 private:
+    NxResult Send(INxEvent* event);
+
     INxReactor* const m_reactor;
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <new>
 
 namespace {
 
@@ -38,7 +39,11 @@ NxResult CNxSimpleMessageQueue::PostRequest(unsigned int id, const char* data, u
     }
     // Copied before the lock is taken.
     Messages posted;
-    posted.emplace_back(id, data, size, userData);
+    try {
+        posted.emplace_back(id, data, size, userData);
+    } catch (const std::bad_alloc&) {
+        return NX_ERROR_FAILURE;
+    }
     CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
     if (m_sink == nullptr) {
         return NX_ERROR_NOT_INITIALIZED;

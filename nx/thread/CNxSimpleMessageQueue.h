@@ -54,7 +54,7 @@ public:
     // Hands the bytes to the sink and keeps a copy until the response comes. `id` is what the
     // response names; several requests may share one. `size` may be 0.
     // NX_OK. NX_ERROR_NOT_INITIALIZED without a sink and NX_ERROR_INVALID_ARG for null data of a
-    // size above 0; nothing is kept then.
+    // size above 0, NX_ERROR_FAILURE without memory; nothing is kept then.
     NxResult PostRequest(unsigned int id, const char* data, unsigned long size, void* userData);
 
     // Drops every request with that identifier. NX_OK, also when there is none.

@@ -1,3 +1,4 @@
+#include <nx/foundation/CCallOut.h>
 #include <nx/foundation/CCancelOff.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxTimeUtils.h>
@@ -9,6 +10,7 @@
 
 #include <cassert>
 #include <cstdlib>
+#include <new>
 
 // How the new thread tells the one in Create that it is up, or that it is not going to be.
 class CNxThread::CStartEvent : public CNxEventThread {
@@ -146,24 +148,42 @@ void* CNxThread::ThreadProc(void* object) {
     return nullptr;
 }
 
+// NX_ERROR_NULL_POINTER when the thread refuses, NX_ERROR_FAILURE when it finds no memory.
+NxResult CNxThread::SetUp() {
+    try {
+        if (OnCreate() != NX_OK) {
+            return NX_ERROR_NULL_POINTER;
+        }
+        OnThreadInit();
+    } catch (const std::bad_alloc&) {
+        return NX_ERROR_FAILURE;
+    }
+    return NX_OK;
+}
+
 void CNxThread::Run() {
     SetThreadId(CNxThreadManager::GetThreadSelfId());
     m_threadHandle = GetThreadId();
     ApplyCpuSet(m_cpuSet);
     CStartEvent* const startEvent = m_startEvent;
     m_startEvent = nullptr;
-    if (OnCreate() != NX_OK) {
+    const NxResult setUp = SetUp();
+    if (setUp == NX_ERROR_NULL_POINTER) {
         delete this;
+    } else if (setUp != NX_OK) {
+        SetThreadId(0);
+        m_life.store(ELife::NONE);
+    }
+    if (setUp != NX_OK) {
         if (startEvent != nullptr) {
-            startEvent->m_result = NX_ERROR_NULL_POINTER;
+            startEvent->m_result = setUp;
             startEvent->Signal();
         }
         return;
     }
-    OnThreadInit();
     if (startEvent == nullptr) {
         // On a thread of the application's own.
-        OnThreadRun();
+        CallOut("OnThreadRun", [this] { OnThreadRun(); });
         SetThreadId(0);
         return;
     }
@@ -175,7 +195,7 @@ void CNxThread::Run() {
 }
 
 void CNxThread::RunLoop() {
-    OnThreadRun();
+    CallOut("OnThreadRun", [this] { OnThreadRun(); });
     // The system will give the id to another thread, which must not be taken for this one.
     SetThreadId(0);
     ELife life = ELife::RUNNING;
@@ -234,9 +254,11 @@ void CNxThread::BindToCallingThread() {
 NxResult CNxThread::StopForCertain(CNxTimeValue* timeout) {
     const NxResult stopped = Stop(timeout);
     INxReactor* const reactor = GetReactor();
-    return stopped == NX_ERROR_FAILURE && reactor != nullptr
-               ? reactor->PostEvent(new CStopLoop(*reactor), INxEventQueue::PRIORITY_NORMAL)
-               : stopped;
+    if (stopped != NX_ERROR_FAILURE || reactor == nullptr) {
+        return stopped;
+    }
+    auto* const event = new (std::nothrow) CStopLoop(*reactor);
+    return event != nullptr ? reactor->PostEvent(event, INxEventQueue::PRIORITY_NORMAL) : stopped;
 }
 
 NxResult CNxThread::Stop(CNxTimeValue* /*timeout*/) {

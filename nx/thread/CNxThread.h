@@ -30,8 +30,9 @@ public:
     // its queues are there. Type NX_THREAD_MAIN starts nothing: the object takes the identity of
     // the calling thread, which runs OnThreadInit and OnThreadRun itself.
     // NX_OK; NX_ERROR_INVALID_ARG for type -1; NX_ERROR_ALREADY_INITIALIZED on a second call;
-    // NX_ERROR_FAILURE when the type is taken; NX_ERROR_UNEXPECTED when the system starts no thread
-    // (the object stays registered). In all these cases the object is still the caller's.
+    // NX_ERROR_FAILURE when the type is taken or there is no memory; NX_ERROR_UNEXPECTED when the
+    // system starts no thread (the object stays registered). In all these cases the object is still
+    // the caller's.
     // NX_ERROR_NULL_POINTER when OnCreate refused: the object has deleted itself and is gone.
     [[nodiscard]] virtual NxResult Create(int type, CNxThreadManager::TFlag flags);
 
@@ -48,7 +49,8 @@ public:
     // Called on the new thread before its loop; queues are made here.
     virtual void OnThreadInit() {}
 
-    // The loop. When it returns the thread ends.
+    // The loop. When it returns the thread ends. An exception that leaves it ends the process with
+    // a line on stderr that names it.
     virtual void OnThreadRun() = 0;
 
     // What feeds the thread; null for what it does not have. Owned by the thread.
@@ -127,6 +129,7 @@ private:
 
     NxResult PrepareCreate(int type, CNxThreadManager::TFlag flags);
     NxResult StartSystemThread();
+    NxResult SetUp();
     void Run();
     void RunLoop();
     ELife Claim();

@@ -20,6 +20,7 @@
 class CNxThread;
 class CNxTimeValue;
 class INxEventQueue;
+class INxObserver;
 class INxReactor;
 class INxTimerQueue;
 
@@ -69,8 +70,8 @@ public:
     // starts, initialises tracing (nx/process/trace_setting.h), and registers a CNxThreadTask of
     // type NX_THREAD_MAIN that has the caller's identity. Its loop is the caller's to run:
     // GetThread(NX_THREAD_MAIN)->OnThreadRun().
-    // NX_OK, NX_ERROR_ALREADY_INITIALIZED when any thread is registered already, or the result of
-    // CNxThread::Create. The arguments are not used.
+    // NX_OK, NX_ERROR_ALREADY_INITIALIZED when any thread is registered already, NX_ERROR_FAILURE
+    // without memory, or the result of CNxThread::Create. The arguments are not used.
     [[nodiscard]] virtual NxResult InitMainThread(int argc, char** argv) = 0;
 
     // Runs a main thread's loop on a new, detached system thread, which becomes the owner of its
@@ -91,9 +92,9 @@ public:
     virtual INxTimerQueue* GetThreadTimerQueue(int type) = 0;
 
     // Starts a thread that drains an event queue and, for a non-zero `withTimerQueue`, runs timers,
-    // with the next user type. NX_OK with the thread in `out`; otherwise the result of
-    // CNxThread::Create, and `out` as it was. The caller ends it with Stop, Join and Destory, or
-    // leaves that to StopAllThreads, JoinAllThreads and the tear-down.
+    // with the next user type. NX_OK with the thread in `out`; otherwise NX_ERROR_FAILURE without
+    // memory or the result of CNxThread::Create, and `out` as it was. The caller ends it with Stop,
+    // Join and Destory, or leaves that to StopAllThreads, JoinAllThreads and the tear-down.
     [[nodiscard]] virtual NxResult CreateUserTaskThread(CNxThread*& out, TFlag flags,
                                                         int withTimerQueue) = 0;
 
@@ -105,8 +106,9 @@ public:
 
     // Starts a joinable thread that runs the reactor; returns when the reactor is open. The thread
     // owns the reactor from here on, also when the call fails: both are then destroyed.
-    // NX_OK with the thread in `out`; NX_ERROR_INVALID_ARG for a null reactor, else the result of
-    // CNxThreadReactor::Create. The second is the same under the name for further reactor threads.
+    // NX_OK with the thread in `out`; NX_ERROR_INVALID_ARG for a null reactor, NX_ERROR_FAILURE
+    // without memory, else the result of CNxThreadReactor::Create. The second is the same under the
+    // name for further reactor threads.
     [[nodiscard]] virtual NxResult CreateNetworkThread(int type, INxReactor* reactor,
                                                        CNxThread*& out) = 0;
     [[nodiscard]] virtual NxResult CreateReactorThread(int type, INxReactor* reactor,
@@ -125,7 +127,8 @@ public:
     virtual NxResult JoinAllThreads() = 0;
 
     // Enters a thread object into the registry; CNxThread does it by itself. NX_OK,
-    // NX_ERROR_INVALID_ARG for null, NX_ERROR_FOUND when it or its type is registered.
+    // NX_ERROR_INVALID_ARG for null, NX_ERROR_FOUND when it or its type is registered,
+    // NX_ERROR_FAILURE without memory.
     [[nodiscard]] virtual NxResult RegisterThread(CNxThread* thread) = 0;
 
     // Takes out the first entry that is the same object or has its type. NX_OK,
@@ -146,6 +149,14 @@ public:
 
     // A new epoll reactor, not open yet. The caller owns it until it hands it to a thread.
     static INxReactor* CreateNetworkReactor();
+
+    // Is told ("ThreadEnd", the CNxThread), on the thread itself, when a thread's loop has ended
+    // without having been stopped: a reactor whose waiting fails for good. From there on nothing
+    // that was registered is served and posts are refused, so a server ends itself: the observer
+    // stops the main thread, and keeps in mind that its status is not 0. A record of level 1
+    // (Error) is traced as well, with an observer or without. Null for none, as at first; not
+    // owned; set it before the threads are made.
+    static void SetThreadEndObserver(INxObserver* observer);
 
     // How long the tear-down waits, in all, for joinable threads that cannot be told to stop; 10 s
     // unless set, not at all for zero or less. Before exit(), on any thread.

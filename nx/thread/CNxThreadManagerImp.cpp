@@ -1,16 +1,20 @@
 #include <nx/event/CNxCallingThread.h>
+#include <nx/foundation/CCallOut.h>
 #include <nx/foundation/CCancelOff.h>
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/foundation/CNxEventThread.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxTimeUtils.h>
 #include <nx/foundation/CNxTimeValue.h>
+#include <nx/foundation/INxObserver.h>
+#include <nx/foundation/standard_streams.h>
 #include <nx/process/trace_setting.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/thread/CNxThreadManagerImp.h>
 #include <nx/thread/CNxThreadReactor.h>
 #include <nx/thread/CNxThreadTask.h>
 #include <nx/thread/CNxTimerPreciseManager.h>
+#include <nx/trace/CNxTraceManager.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,14 +23,23 @@
 #include <cassert>
 #include <csignal>
 #include <cstdio>
+#include <limits>
+#include <new>
 #include <utility>
 
 namespace {
 
 std::atomic<CNxThreadManager*> s_pThreadManagerOnlyOne{nullptr};
 pthread_mutex_t s_creationMutex = PTHREAD_MUTEX_INITIALIZER;
+std::atomic<INxObserver*> s_threadEndObserver{nullptr};
+constexpr unsigned long c_traceError = 1;
 std::atomic<long> s_tearDownLimitMs{10000};
 constexpr CNxTimeValue c_noLimit(1000000000L);  // 30 years
+
+struct CCreationGuard {
+    CCreationGuard() { pthread_mutex_lock(&s_creationMutex); }
+    ~CCreationGuard() { pthread_mutex_unlock(&s_creationMutex); }
+};
 
 INxEventQueue* GetCallingThreadEventQueue() {
     return CNxThreadManager::Instance()->GetThreadEventQueue(NX_THREAD_CALLING);
@@ -37,9 +50,29 @@ bool IsEnding(NxResult stopped) {
     return stopped == NX_OK || stopped == NX_ERROR_NOT_INITIALIZED;
 }
 
+template <class Thread>
+Thread* MakeThread() {
+    try {
+        return new Thread;
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+bool InitThread(CNxThread* thread) {
+    try {
+        thread->OnThreadInit();
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
 bool IsEndedByManager(const CNxThread* thread) {
     return thread->GetEnd() == CNxThread::EEnd::AFTER_ALL_OTHERS;
 }
+
+constexpr long c_beforeAllTypes = std::numeric_limits<long>::min();
 
 constexpr int c_joinedIsGoneMs = 50;
 
@@ -154,7 +187,7 @@ CNxThreadManager* CNxThreadManager::Instance() {
     // parent's threads in the registry.
     [[maybe_unused]] static const int s_forkNotice =
         pthread_atfork(&OnBeforeFork, &OnForkInParent, &OnForkInChild);
-    pthread_mutex_lock(&s_creationMutex);
+    const CCreationGuard guard;
     manager = s_pThreadManagerOnlyOne.load(std::memory_order_relaxed);
     if (manager == nullptr) {
         manager = new CNxThreadManagerImp;
@@ -162,7 +195,6 @@ CNxThreadManager* CNxThreadManager::Instance() {
         CNxCallingThread::SetFinder(&GetCallingThreadEventQueue);
         s_pThreadManagerOnlyOne.store(manager, std::memory_order_release);
     }
-    pthread_mutex_unlock(&s_creationMutex);
     return manager;
 }
 
@@ -181,6 +213,21 @@ void CNxThreadManager::CleanupOnlyOne() {
 void CNxThreadManager::SetTearDownLimit(const CNxTimeValue& limit) {
     s_tearDownLimitMs.store(limit > c_noLimit ? c_noLimit.GetTotalInMsec()
                                               : limit.GetTotalInMsec());
+}
+
+void CNxThreadManager::SetThreadEndObserver(INxObserver* observer) {
+    s_threadEndObserver.store(observer);
+}
+
+void CNxThreadManagerImp::ReportEnd(CNxThread* thread, NxResult result) {
+    char text[96];
+    std::snprintf(text, sizeof(text), "the loop of thread %d has ended by itself, result %u",
+                  thread->GetThreadType(), result);
+    INxTraceManager::Instance()->TraceString(c_traceError, text);
+    INxObserver* const observer = s_threadEndObserver.load();
+    if (observer != nullptr) {
+        CallOut("OnObserve", [&] { observer->OnObserve("ThreadEnd", thread); });
+    }
 }
 
 INxReactor* CNxThreadManager::CreateNetworkReactor() {
@@ -246,20 +293,22 @@ CNxThreadManagerImp::~CNxThreadManagerImp() {
 NxResult CNxThreadManagerImp::InitMainThread(int /*argc*/, char** /*argv*/) {
     // An ended one that nobody but the library knows is not in the way.
     CNxTimerPreciseManager::DestroyEnded();
-    if (!CopyRegistry().empty()) {
+    if (GetAfter(c_beforeAllTypes) != nullptr) {
         return NX_ERROR_ALREADY_INITIALIZED;
     }
     // Only a reactor on signals needs it, and that one blocks them for its own thread as well.
     static_cast<void>(BlockSignal());
     trace_setting_init();
-    auto* const thread = new CNxThreadTask;
-    const NxResult created = thread->Create(NX_THREAD_MAIN, FLAG_JOINABLE);
-    if (created != NX_OK) {
-        thread->Destory(0);
-        return created;
+    auto* const thread = MakeThread<CNxThreadTask>();
+    NxResult created =
+        thread != nullptr ? thread->Create(NX_THREAD_MAIN, FLAG_JOINABLE) : NX_ERROR_FAILURE;
+    if (created == NX_OK && !InitThread(thread)) {
+        created = NX_ERROR_FAILURE;
     }
-    thread->OnThreadInit();
-    return NX_OK;
+    if (created != NX_OK && thread != nullptr) {
+        thread->Destory(0);
+    }
+    return created;
 }
 
 NxResult CNxThreadManagerImp::MainThreadDetachRun(CNxThread* thread) {
@@ -271,7 +320,7 @@ NxResult CNxThreadManagerImp::MainThreadDetachRun(CNxThread* thread) {
     CMainThreadStart start{thread, CNxEventThread(0, 0)};
     pthread_t handle{};
     if (pthread_create(&handle, nullptr, &MainThreadFun, &start) != 0) {
-        std::fprintf(stderr, "thread create failed\n");
+        PrintToStderr("thread create failed\n");
         return NX_ERROR_FAILURE;
     }
     while (start.m_takenOver.Wait(nullptr) != NX_OK) {
@@ -308,9 +357,11 @@ INxTimerQueue* CNxThreadManagerImp::GetThreadTimerQueue(int type) {
 
 NxResult CNxThreadManagerImp::CreateUserTaskThread(CNxThread*& out, TFlag flags,
                                                    int withTimerQueue) {
-    CNxThread* const thread = withTimerQueue != 0
-                                  ? static_cast<CNxThread*>(new CNxThreadTask)
-                                  : static_cast<CNxThread*>(new CNxThreadTaskWithEventQueueOnly);
+    CNxThread* const thread = withTimerQueue != 0 ? MakeThread<CNxThreadTask>()
+                                                  : MakeThread<CNxThreadTaskWithEventQueueOnly>();
+    if (thread == nullptr) {
+        return NX_ERROR_FAILURE;
+    }
     const NxResult created = thread->Create(GetAndIncreamUserType(), flags);
     if (created != NX_OK) {
         thread->Destory(0);
@@ -342,7 +393,11 @@ NxResult CNxThreadManagerImp::BlockSignal() {
 }
 
 NxResult CNxThreadManagerImp::CreateNetworkThread(int type, INxReactor* reactor, CNxThread*& out) {
-    auto* const thread = new CNxThreadReactor;
+    auto* const thread = MakeThread<CNxThreadReactor>();
+    if (thread == nullptr) {
+        delete reactor;
+        return NX_ERROR_FAILURE;
+    }
     NxResult result = thread->Init(reactor);
     if (result == NX_OK) {
         result = thread->Create(type, FLAG_JOINABLE);
@@ -363,9 +418,11 @@ NxResult CNxThreadManagerImp::StopAllThreads(CNxTimeValue* timeout) {
     if (!IsMainOrHasNone()) {
         return NX_ERROR_FAILURE;
     }
-    for (CNxThread* thread : CopyRegistry()) {
+    CNxThread* thread = nullptr;
+    for (long type = c_beforeAllTypes; (thread = GetAfter(type)) != nullptr;) {
+        type = thread->GetThreadType();
         // One that cannot be stopped does not keep the others from it.
-        if (thread->GetThreadType() != NX_THREAD_MAIN) {
+        if (type != NX_THREAD_MAIN) {
             static_cast<void>(thread->StopForCertain(timeout));
         }
     }
@@ -377,8 +434,10 @@ NxResult CNxThreadManagerImp::JoinAllThreads() {
     if (!IsMainOrHasNone()) {
         return NX_ERROR_FAILURE;
     }
-    for (CNxThread* thread : CopyRegistry()) {
-        if (thread->GetThreadType() != NX_THREAD_MAIN && !IsEndedByManager(thread)) {
+    CNxThread* thread = nullptr;
+    for (long type = c_beforeAllTypes; (thread = GetAfter(type)) != nullptr;) {
+        type = thread->GetThreadType();
+        if (type != NX_THREAD_MAIN && !IsEndedByManager(thread)) {
             thread->Join();
         }
     }
@@ -398,8 +457,12 @@ NxResult CNxThreadManagerImp::RegisterThread(CNxThread* thread) {
             return NX_ERROR_FOUND;
         }
     }
-    m_tearDownCopy.reserve(m_threads.size() + 1);
-    m_threads.push_back(thread);
+    try {
+        m_tearDownCopy.reserve(m_threads.size() + 1);
+        m_threads.push_back(thread);
+    } catch (const std::bad_alloc&) {
+        return NX_ERROR_FAILURE;
+    }
     m_forks = CNxProcessWide::CountForks();
     return NX_OK;
 }
@@ -430,9 +493,18 @@ NxResult CNxThreadManagerImp::GetReferenceControlMutex(CNxMutexThread*& mutex) {
     return NX_OK;
 }
 
-std::vector<CNxThread*> CNxThreadManagerImp::CopyRegistry() {
+// The one with the next higher type; null after the last. A walk needs no memory, and misses nobody
+// when others come and go meanwhile.
+CNxThread* CNxThreadManagerImp::GetAfter(long type) {
     CNxMutexGuardT<CNxMutexThread> guard(m_registryMutex);
-    return m_threads;
+    CNxThread* next = nullptr;
+    for (CNxThread* thread : m_threads) {
+        const bool isCloser = next == nullptr || thread->GetThreadType() < next->GetThreadType();
+        if (thread->GetThreadType() > type && isCloser) {
+            next = thread;
+        }
+    }
+    return next;
 }
 
 bool CNxThreadManagerImp::IsMainOrHasNone() {
@@ -448,6 +520,8 @@ void CNxThreadManagerImp::AfterForkInParent() NX_NO_THREAD_SAFETY_ANALYSIS {
 }
 
 void CNxThreadManagerImp::AfterForkInChild() NX_NO_THREAD_SAFETY_ANALYSIS {
+    // Only so that a leak checker finds them.
+    m_ofParent.insert(m_ofParent.end(), m_threads.begin(), m_threads.end());
     m_threads.erase(std::remove_if(m_threads.begin(), m_threads.end(),
                                    [](const CNxThread* thread) {
                                        return !IsEqualCurrentThread(thread->GetThreadId());

@@ -48,6 +48,9 @@ public:
     // thread is left running, which may then still use the manager.
     bool TearDown();
 
+    // The loop of the calling thread has ended by itself, with that result.
+    static void ReportEnd(CNxThread* thread, NxResult result);
+
     // Around a fork: the child's registry has what stands for the thread that forked, and nothing
     // else of the parent.
     void BeforeFork();
@@ -61,7 +64,7 @@ private:
         int m_cpus[c_plannedCpus] = {-1, -1, -1, -1, -1};
     };
 
-    std::vector<CNxThread*> CopyRegistry();
+    CNxThread* GetAfter(long type);
     bool IsUsedByThisProcess();
     bool IsMainOrHasNone();
     std::vector<CNxThread*>& CopyForTearDown();
@@ -71,6 +74,7 @@ private:
     std::vector<CNxThread*> m_threads NX_GUARDED_BY(m_registryMutex);
     // Has room for the registry, so that the tear-down allocates nothing.
     std::vector<CNxThread*> m_tearDownCopy NX_GUARDED_BY(m_registryMutex);
+    std::vector<CNxThread*> m_ofParent;  // of this process's parent, left as they are
     CNxMutexThread m_registryMutex;
     // The process that was the last to register a thread (CNxProcessWide::CountForks).
     unsigned int m_forks NX_GUARDED_BY(m_registryMutex) = CNxProcessWide::CountForks();

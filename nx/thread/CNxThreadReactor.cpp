@@ -1,3 +1,4 @@
+#include <nx/thread/CNxThreadManagerImp.h>
 #include <nx/thread/CNxThreadReactor.h>
 
 NxResult CNxThreadReactor::Init(INxReactor* reactor) {
@@ -50,6 +51,9 @@ void CNxThreadReactor::OnThreadRun() {
     if (m_reactor == nullptr) {
         return;
     }
-    m_reactor->RunEventLoop();
+    const NxResult ended = m_reactor->RunEventLoop();
+    if (ended != NX_OK) {
+        CNxThreadManagerImp::ReportEnd(this, ended);
+    }
     m_reactor->Close();
 }

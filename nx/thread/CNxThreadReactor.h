@@ -25,7 +25,8 @@ public:
 
     void OnThreadInit() override;
 
-    // Runs the reactor's loop, then closes the reactor.
+    // Runs the reactor's loop, then closes the reactor. A loop that ends with another result than
+    // NX_OK is reported (CNxThreadManager::SetThreadEndObserver) before that.
     void OnThreadRun() override;
 
     // Null without a reactor.

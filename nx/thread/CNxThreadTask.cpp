@@ -1,4 +1,3 @@
-#include <nx/event/CNxEventStop.h>
 #include <nx/thread/CNxThreadTask.h>
 
 #include <cassert>
@@ -11,7 +10,7 @@ constexpr size_t c_eventsPerTurn = 100000;
 }  // namespace
 
 NxResult CNxThreadTaskWithEventQueueOnly::Stop(CNxTimeValue* /*timeout*/) {
-    return m_eventQueue.PostLastEvent(new CNxEventStopT<CNxThreadTaskWithEventQueueOnly>(this));
+    return m_eventQueue.PostLastEvent(&m_stopEvent);
 }
 
 void CNxThreadTaskWithEventQueueOnly::OnThreadInit() {

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include <nx/event/CNxEventQueueUsingConditionVariable.h>
+#include <nx/event/CNxEventStop.h>
 #include <nx/foundation/CNxUtilClasses.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/timer/CNxTimerQueueOrderedList.h>
@@ -23,6 +24,15 @@ public:
     INxEventQueue* GetEventQueue() override { return &m_eventQueue; }
 
     void BindToCallingThread() override;
+
+private:
+    // Lies in the thread, so that stopping needs no memory.
+    class CStopEvent : public CNxEventStopT<CNxThreadTaskWithEventQueueOnly> {
+    public:
+        using CNxEventStopT::CNxEventStopT;
+        void OnDestorySelf() override {}
+    };
+    CStopEvent m_stopEvent{this};
 
 protected:
     // The start of a turn: `wait` (no limit) may be made the time until the loop is needed again.

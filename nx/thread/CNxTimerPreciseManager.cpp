@@ -1,6 +1,7 @@
 #include <nx/thread/CNxTimerPreciseManager.h>
 
 #include <cassert>
+#include <new>
 
 namespace {
 
@@ -24,7 +25,8 @@ std::atomic<CNxTimerPreciseManager*> s_last{nullptr};
 }  // namespace
 
 CNxMutexThread& CNxTimerPreciseManager::GetMutex() {
-    static auto* const s_mutex = new CNxMutexThread;
+    alignas(CNxMutexThread) static char s_place[sizeof(CNxMutexThread)];
+    static auto* const s_mutex = new (s_place) CNxMutexThread;
     return *s_mutex;
 }
 
@@ -46,7 +48,12 @@ CNxTimerPreciseManager* CNxTimerPreciseManager::Start() {
     if (!DestroyEnded()) {
         return nullptr;
     }
-    auto* const manager = new CNxTimerPreciseManager;
+    CNxTimerPreciseManager* manager = nullptr;
+    try {
+        manager = new CNxTimerPreciseManager;
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
     if (manager->Create(NX_THREAD_PRECISE_TIMER, CNxThreadManager::FLAG_JOINABLE) != NX_OK) {
         manager->Destory(0);
         return nullptr;
@@ -79,11 +86,11 @@ CNxTimerPreciseManager::~CNxTimerPreciseManager() {
     s_last.compare_exchange_strong(self, nullptr);
 }
 
-void CNxTimerPreciseManager::Schedule_l(INxTimerHandler* id, void* sink,
-                                        const CNxTimeValue& interval, unsigned long count) {
+NxResult CNxTimerPreciseManager::Schedule_l(INxTimerHandler* id, void* sink,
+                                            const CNxTimeValue& interval, unsigned long count) {
     GetMutex().AssertHeld();
     if (m_calendar == nullptr) {
-        return;
+        return NX_OK;
     }
     // An interval counts from now, not from where the wheel stopped to sleep.
     CatchUp_l();
@@ -91,13 +98,16 @@ void CNxTimerPreciseManager::Schedule_l(INxTimerHandler* id, void* sink,
         // A timer that gets an interval of zero in place of another one could not be cancelled.
         m_calendar->CancelTimer(id);
     }
-    // Refuses nothing but a null handler; that it replaced another timer is no news to the caller.
     const CNxTimeValue due = m_lastTick + TicksToTime(m_calendar->GetFirstTick(interval));
-    static_cast<void>(m_calendar->ScheduleTimer(id, sink, interval, count));
+    if (m_calendar->ScheduleTimer(id, sink, interval, count) == NX_ERROR_FAILURE) {
+        return NX_ERROR_FAILURE;
+    }
     if (m_wakeTime > due) {
         m_wakeTime = due;
         m_wake.Signal();
     }
+    // That it replaced another timer is no news to the caller, nor that a null id has none.
+    return NX_OK;
 }
 
 NxResult CNxTimerPreciseManager::Cancel_l(INxTimerHandler* id) {

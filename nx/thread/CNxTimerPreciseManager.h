@@ -31,7 +31,8 @@ public:
     static CNxTimerPreciseManager* Instance();
 
     // What CNxTimerPreciseWrapperID does, less the id's own state: one that was not scheduled
-    // itself is not called. NX_OK, also when the thread has ended and nothing is scheduled.
+    // itself is not called. NX_OK, also when the thread has ended and nothing is scheduled;
+    // NX_ERROR_FAILURE without memory.
     [[nodiscard]] NxResult Schedule(CNxTimerPreciseWrapperID* id,
                                     CNxTimerPreciseWrapperIDSink* sink,
                                     const CNxTimeValue& interval, unsigned long count);
@@ -74,8 +75,8 @@ private:
     static CNxTimerPreciseManager* Start();
 
     // With the mutex held.
-    void Schedule_l(INxTimerHandler* id, void* sink, const CNxTimeValue& interval,
-                    unsigned long count);
+    NxResult Schedule_l(INxTimerHandler* id, void* sink, const CNxTimeValue& interval,
+                        unsigned long count);
     NxResult Cancel_l(INxTimerHandler* id);
 
     void CatchUp_l();

@@ -1,9 +1,10 @@
+#include <nx/foundation/standard_streams.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxTimerPreciseManager.h>
 #include <nx/thread/CNxTimerPreciseWrapperID.h>
 
-#include <cstdio>
 #include <cstdlib>
+#include <new>
 
 namespace {
 
@@ -38,7 +39,7 @@ CNxTimerPreciseWrapperID::~CNxTimerPreciseWrapperID() {
 void CNxTimerPreciseWrapperID::CheckNotPending_l() {
     CNxTimerPreciseManager* const manager = CNxTimerPreciseManager::Current();
     if (manager != nullptr && manager->Cancel_l(this) == NX_OK) {
-        std::fprintf(stderr, "nxbase: a precise timer id was destroyed while scheduled\n");
+        PrintToStderr("nxbase: a precise timer id was destroyed while scheduled\n");
         std::abort();
     }
 }
@@ -63,9 +64,11 @@ NxResult CNxTimerPreciseWrapperID::Schedule(CNxTimerPreciseWrapperIDSink* sink,
     if (queue == nullptr || manager == nullptr) {
         return NX_ERROR_NULL_POINTER;
     }
-    m_state->fetch_or(c_scheduled);
-    manager->Schedule_l(this, ToToken(sink), interval, count);
-    return NX_OK;
+    const NxResult result = manager->Schedule_l(this, ToToken(sink), interval, count);
+    if (result == NX_OK) {
+        m_state->fetch_or(c_scheduled);
+    }
+    return result;
 }
 
 NxResult CNxTimerPreciseWrapperID::Cancel() {
@@ -86,7 +89,10 @@ void CNxTimerPreciseWrapperID::OnTimeout(const CNxTimeValue& /*curTime*/, void* 
     CNxTimerPreciseManager::GetMutex().AssertHeld();
     if (IsScheduled() && token != nullptr && m_targetQueue != nullptr) {
         auto* const sink = static_cast<CNxTimerPreciseWrapperIDSink*>(token);
-        m_targetQueue->PostEvent(new CEventTimer(sink, this), INxEventQueue::PRIORITY_NORMAL);
+        auto* const event = new (std::nothrow) CEventTimer(sink, this);
+        if (event != nullptr) {
+            m_targetQueue->PostEvent(event, INxEventQueue::PRIORITY_NORMAL);
+        }
     }
 }
 
@@ -109,8 +115,7 @@ NxResult CNxTimerPreciseManager::Schedule(CNxTimerPreciseWrapperID* id,
                                           CNxTimerPreciseWrapperIDSink* sink,
                                           const CNxTimeValue& interval, unsigned long count) {
     CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
-    Schedule_l(id, ToToken(sink), interval, count);
-    return NX_OK;
+    return Schedule_l(id, ToToken(sink), interval, count);
 }
 
 NxResult CNxTimerPreciseManager::Cancel(CNxTimerPreciseWrapperID* id) {

@@ -47,10 +47,11 @@ public:
     // the id, save for events that wait at the earlier target. With a null sink nobody is called.
     // An interval is rounded up to 10 ms; meant are 1 ms to two hours less 20 ms, what becomes of
     // others says nx/timer/CNxTimerQueueCalendar.h. None is refused.
-    // NX_OK. NX_ERROR_INVALID_ARG for NX_THREAD_CALLING and NX_THREAD_PRECISE_TIMER.
-    // NX_ERROR_NULL_POINTER when there is no such thread, when it has no event queue (an earlier
-    // schedule of the id then goes on without calling anybody), and when the timer thread does not
-    // run: it could not be started, or has ended since the id was made.
+    // AN EXPIRY FOR WHICH THERE IS NO MEMORY IS PASSED OVER, the last of a count too.
+    // NX_OK. NX_ERROR_FAILURE without memory. NX_ERROR_INVALID_ARG for NX_THREAD_CALLING and
+    // NX_THREAD_PRECISE_TIMER. NX_ERROR_NULL_POINTER when there is no such thread, when it has no
+    // event queue (an earlier schedule of the id then goes on without calling anybody), and when
+    // the timer thread does not run: it could not be started, or has ended since the id was made.
     [[nodiscard]] NxResult Schedule(CNxTimerPreciseWrapperIDSink* sink,
                                     const CNxTimeValue& interval, unsigned long count,
                                     int threadType);

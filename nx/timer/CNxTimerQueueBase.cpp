@@ -1,6 +1,8 @@
+#include <nx/foundation/CCallOut.h>
 #include <nx/timer/CNxTimerQueueBase.h>
 
 #include <cassert>
+#include <new>
 
 namespace {
 
@@ -26,11 +28,19 @@ NxResult CNxTimerQueueBase::ScheduleTimer(INxTimerHandler* handler, void* token,
     const bool wasEmpty = m_observer != nullptr && GetEarliestTime_l(earliest) != NX_OK;
     const CNxTimeValue expiry = GetExpiry(CNxTimeValue::GetTimeOfDay(), interval);
     const NxResult pushed =
-        PushNode_l(CNode{handler, token, expiry, interval, count == 0 ? c_endless : count});
+        Push(CNode{handler, token, expiry, interval, count == 0 ? c_endless : count});
     if (wasEmpty) {
         m_observer->OnObserve("TimerQueue", nullptr);
     }
     return pushed == NX_OK || pushed == NX_ERROR_FOUND ? pushed : NX_ERROR_FAILURE;
+}
+
+NxResult CNxTimerQueueBase::Push(const CNode& node) {
+    try {
+        return PushNode_l(node);
+    } catch (const std::bad_alloc&) {
+        return NX_ERROR_FAILURE;
+    }
 }
 
 NxResult CNxTimerQueueBase::CancelTimer(INxTimerHandler* handler) {
@@ -79,7 +89,7 @@ int CNxTimerQueueBase::FireDueNodes(const CNxTimeValue& now) {
         assert(node.m_expiry <= now);
         // Armed again before it runs, so the handler may cancel or replace its own timer.
         ArmAgain(node, now);
-        node.m_handler->OnTimeout(now, node.m_token);
+        CallOut("OnTimeout", [&] { node.m_handler->OnTimeout(now, node.m_token); });
         ++fired;
     }
     return fired;

@@ -21,7 +21,7 @@ public:
     // As INxTimerQueue. Also NX_ERROR_INVALID_ARG for an interval of zero or less with a count
     // other than 1; a one-shot timer may have it, and is due at once. Count ~0ul is endless like 0.
     // An expiry beyond the largest time value never comes. NX_ERROR_FAILURE when the container
-    // refuses.
+    // refuses, or without memory.
     [[nodiscard]] NxResult ScheduleTimer(INxTimerHandler* handler, void* token,
                                          const CNxTimeValue& interval,
                                          unsigned long count) override;
@@ -53,7 +53,9 @@ protected:
 
     // The container. Among equal expiries the node that was pushed last is the first. Results:
     // NX_OK; NX_ERROR_FOUND when a push replaced the handler's node; NX_ERROR_NOT_FOUND when there
-    // is no such node. Any other code of a subclass counts as NX_ERROR_FAILURE.
+    // is no such node. Any other code of a subclass counts as NX_ERROR_FAILURE. PushNode_l may
+    // throw std::bad_alloc, with the container as it was; RePushNode_l needs no memory after
+    // PopFirstNode_l.
     [[nodiscard]] virtual NxResult PushNode_l(const CNode& node) = 0;
     [[nodiscard]] virtual NxResult EraseNode_l(INxTimerHandler* handler) = 0;
     // Pushes a node whose handler is known to have none.
@@ -63,6 +65,7 @@ protected:
     [[nodiscard]] virtual NxResult GetEarliestTime_l(CNxTimeValue& time) const = 0;
 
 private:
+    NxResult Push(const CNode& node);
     int FireDueNodes(const CNxTimeValue& now);
     void ArmAgain(CNode& node, const CNxTimeValue& now);
 

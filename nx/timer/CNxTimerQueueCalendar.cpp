@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <cassert>
 #include <functional>
+#include <new>
 #include <utility>
 
 #include <nx/event/CNxCallingThread.h>
+#include <nx/foundation/CCallOut.h>
 
 namespace {
 
@@ -30,11 +32,15 @@ CNxTimerQueueCalendar::CNxTimerQueueCalendar(unsigned long slotIntervalMs, unsig
       m_eventQueue(eventQueue != nullptr ? eventQueue : CNxCallingThread::GetEventQueue()) {}
 
 CNxTimerQueueCalendar::~CNxTimerQueueCalendar() {
-    m_slots.push_back(m_immediate);
-    for (Slot* entry : m_slots) {
-        while (entry != nullptr) {
-            entry = SlotPtr(entry)->m_next;
-        }
+    DeleteChain(m_immediate);
+    for (Slot* chain : m_slots) {
+        DeleteChain(chain);
+    }
+}
+
+void CNxTimerQueueCalendar::DeleteChain(Slot* chain) {
+    while (chain != nullptr) {
+        chain = SlotPtr(chain)->m_next;
     }
 }
 
@@ -43,19 +49,52 @@ NxResult CNxTimerQueueCalendar::ScheduleTimer(INxTimerHandler* handler, void* to
     if (handler == nullptr) {
         return NX_ERROR_INVALID_ARG;
     }
-    SlotPtr entry = RemoveExisting(handler);
-    const bool existed = entry != nullptr;
-    if (!existed) {
-        entry = std::make_unique<Slot>();
+    const bool isImmediate = interval == CNxTimeValue::s_tvZero();
+    const auto known = m_entries.find(handler);
+    const bool isKnown = known != m_entries.end();
+    Slot* const inRing = isKnown ? known->second : nullptr;
+    SlotPtr entry;
+    if (!Prepare(handler, inRing == nullptr ? &entry : nullptr, isImmediate)) {
+        return NX_ERROR_FAILURE;
+    }
+    if (!isKnown) {
+        RemoveImmediate(handler);
+    }
+    if (inRing != nullptr) {
+        entry = Unlink(inRing);
     }
     entry->m_value = {handler, token, interval, count == 0 ? c_endless : count};
-    if (interval == CNxTimeValue::s_tvZero()) {
+    if (isImmediate) {
+        if (isKnown) {
+            m_entries[handler] = nullptr;
+        }
+        ++m_immediateCount;
         Push(m_immediate, std::move(entry));
         return NX_OK;
     }
     m_entries[handler] = entry.get();
     Push(m_slots[GetIndex(GetOffset(interval))], std::move(entry));
-    return existed ? NX_ERROR_FOUND : NX_OK;
+    return inRing != nullptr ? NX_ERROR_FOUND : NX_OK;
+}
+
+// Everything that needs memory, a tick with all timers in it too; with none everything is as it
+// was.
+bool CNxTimerQueueCalendar::Prepare(INxTimerHandler* handler, SlotPtr* entry, bool isImmediate) {
+    try {
+        if (entry != nullptr) {
+            *entry = std::make_unique<Slot>();
+        }
+        const size_t most = m_entries.size() + m_immediateCount + 1;
+        if (m_spareDue.capacity() < most) {
+            m_spareDue.reserve(2 * most);
+        }
+        if (!isImmediate) {
+            m_entries.try_emplace(handler, nullptr);
+        }
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
 }
 
 NxResult CNxTimerQueueCalendar::CancelTimer(INxTimerHandler* handler) {
@@ -77,14 +116,25 @@ NxResult CNxTimerQueueCalendar::CancelTimer(INxTimerHandler* handler) {
 }
 
 void CNxTimerQueueCalendar::TimerTick() {
-    // Out of reach while handlers run, in case one of them makes another tick.
-    std::vector<Due> due = std::move(m_spareDue);
-    due.clear();
+    std::vector<Due> due = BeginFiring();
     TakeImmediate(due);
     TakeCurrentSlot(due);
     m_currentIndex = m_currentIndex == m_lastIndex ? 0 : m_currentIndex + 1;
     Fire(due);
-    m_spareDue = std::move(due);
+    EndFiring(due);
+}
+
+// Out of reach while handlers run, in case one of them makes another tick.
+std::vector<CNxTimerQueueCalendar::Due> CNxTimerQueueCalendar::BeginFiring() {
+    std::vector<Due> due = std::move(m_spareDue);
+    due.clear();
+    return due;
+}
+
+void CNxTimerQueueCalendar::EndFiring(std::vector<Due>& due) {
+    if (m_spareDue.capacity() < due.capacity()) {
+        m_spareDue = std::move(due);
+    }
 }
 
 unsigned long CNxTimerQueueCalendar::CountIdleTicks(unsigned long most) const {
@@ -114,9 +164,10 @@ unsigned long CNxTimerQueueCalendar::GetFirstTick(const CNxTimeValue& interval) 
 }
 
 NxResult CNxTimerQueueCalendar::OnEventFire() {
-    std::vector<Due> due;
+    std::vector<Due> due = BeginFiring();
     TakeImmediate(due);
     Fire(due);
+    EndFiring(due);
     return NX_OK;
 }
 
@@ -126,6 +177,7 @@ void CNxTimerQueueCalendar::TakeImmediate(std::vector<Due>& due) {
         due.push_back({value.m_handler, value.m_token, due.size()});
         Unlink(m_immediate);
     }
+    m_immediateCount = 0;
 }
 
 void CNxTimerQueueCalendar::TakeCurrentSlot(std::vector<Due>& due) {
@@ -174,7 +226,7 @@ void CNxTimerQueueCalendar::Fire(std::vector<Due>& due) {
     });
     for (size_t i = 0; i < due.size(); ++i) {
         if (i + 1 == due.size() || due[i + 1].m_handler != due[i].m_handler) {
-            due[i].m_handler->OnTimeout(now, due[i].m_token);
+            CallOut("OnTimeout", [&] { due[i].m_handler->OnTimeout(now, due[i].m_token); });
         }
     }
 }
@@ -192,22 +244,12 @@ unsigned long CNxTimerQueueCalendar::GetIndex(unsigned long offset) const {
     return index <= m_lastIndex ? index : index - m_lastIndex;
 }
 
-// An entry out of the ring is there to be used again; one of the immediate chain is deleted.
-CNxTimerQueueCalendar::SlotPtr CNxTimerQueueCalendar::RemoveExisting(INxTimerHandler* handler) {
-    const auto found = m_entries.find(handler);
-    if (found == m_entries.end()) {
-        RemoveImmediate(handler);
-        return nullptr;
-    }
-    Slot* entry = found->second;
-    found->second = nullptr;
-    return entry == nullptr ? nullptr : Unlink(entry);
-}
-
 void CNxTimerQueueCalendar::RemoveImmediate(const INxTimerHandler* handler) {
     for (Slot* entry = m_immediate; entry != nullptr; entry = entry->m_next) {
         if (entry->m_value.m_handler == handler) {
             Unlink(entry);
+            assert(m_immediateCount != 0);
+            --m_immediateCount;
             return;
         }
     }

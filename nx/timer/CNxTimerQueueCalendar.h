@@ -49,8 +49,9 @@ public:
     CNxTimerQueueCalendar(const CNxTimerQueueCalendar&) = delete;
     CNxTimerQueueCalendar& operator=(const CNxTimerQueueCalendar&) = delete;
 
-    // NX_ERROR_INVALID_ARG for a null handler. NX_ERROR_FOUND when a timer of the handler with an
-    // interval other than zero was replaced by another of that kind; else NX_OK.
+    // NX_ERROR_INVALID_ARG for a null handler, NX_ERROR_FAILURE without memory. NX_ERROR_FOUND when
+    // a timer of the handler with an interval other than zero was replaced by another of that kind;
+    // else NX_OK.
     [[nodiscard]] NxResult ScheduleTimer(INxTimerHandler* handler, void* token,
                                          const CNxTimeValue& interval,
                                          unsigned long count) override;
@@ -106,8 +107,11 @@ private:
 
     unsigned long GetOffset(const CNxTimeValue& interval) const;
     unsigned long GetIndex(unsigned long offset) const;
-    SlotPtr RemoveExisting(INxTimerHandler* handler);
+    static void DeleteChain(Slot* chain);
+    bool Prepare(INxTimerHandler* handler, SlotPtr* entry, bool isImmediate);
     void RemoveImmediate(const INxTimerHandler* handler);
+    std::vector<Due> BeginFiring();
+    void EndFiring(std::vector<Due>& due);
     void TakeImmediate(std::vector<Due>& due);
     void TakeCurrentSlot(std::vector<Due>& due);
     void ArmAgain(SlotPtr entry, Slot*& nextRound);
@@ -119,6 +123,7 @@ private:
     unsigned long m_currentIndex = 0;  // the slot of the next tick
     INxEventQueue* const m_eventQueue;
     Slot* m_immediate = nullptr;  // intervals of zero; owned
+    size_t m_immediateCount = 0;
     // The entry that a handler has in the ring; null when that was moved to the immediate chain.
     std::unordered_map<INxTimerHandler*, Slot*> m_entries;
     std::vector<Due> m_spareDue;  // its memory serves every tick

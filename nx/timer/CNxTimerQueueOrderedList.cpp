@@ -3,24 +3,42 @@
 #include <algorithm>
 #include <cassert>
 
+// The one step that needs memory.
+void CNxTimerQueueOrderedList::MakeSpare(const CNode& node) {
+    if (m_spare.empty()) {
+        m_spare.push_back(node);
+    } else {
+        m_spare.front() = node;
+    }
+}
+
+void CNxTimerQueueOrderedList::TakeOut(std::list<CNode>::iterator at) {
+    if (m_spare.empty()) {
+        m_spare.splice(m_spare.end(), m_nodes, at);
+    } else {
+        m_nodes.erase(at);
+    }
+}
+
 // One walk both inserts the node and drops the handler's old one.
 NxResult CNxTimerQueueOrderedList::PushNode_l(const CNode& node) {
+    MakeSpare(node);
     bool inserted = false;
     bool replaced = false;
     for (auto at = m_nodes.begin(); at != m_nodes.end() && !(inserted && replaced);) {
         if (at->m_handler == node.m_handler) {
-            at = m_nodes.erase(at);
+            TakeOut(at++);
             replaced = true;
             continue;
         }
         if (!inserted && at->m_expiry >= node.m_expiry) {
-            m_nodes.insert(at, node);
+            m_nodes.splice(at, m_spare, m_spare.begin());
             inserted = true;
         }
         ++at;
     }
     if (!inserted) {
-        m_nodes.push_back(node);
+        m_nodes.splice(m_nodes.end(), m_spare, m_spare.begin());
     }
     return replaced ? NX_ERROR_FOUND : NX_OK;
 }
@@ -32,7 +50,7 @@ NxResult CNxTimerQueueOrderedList::EraseNode_l(INxTimerHandler* handler) {
     if (found == m_nodes.end()) {
         return NX_ERROR_NOT_FOUND;
     }
-    m_nodes.erase(found);
+    TakeOut(found);
     return NX_OK;
 }
 
@@ -40,9 +58,9 @@ NxResult CNxTimerQueueOrderedList::RePushNode_l(const CNode& node) {
     const auto place = std::find_if(m_nodes.begin(), m_nodes.end(), [&node](const CNode& other) {
         return other.m_expiry >= node.m_expiry;
     });
-    const auto inserted = m_nodes.insert(place, node);
-    assert(inserted == m_nodes.begin() || std::prev(inserted)->m_expiry <= node.m_expiry);
-    static_cast<void>(inserted);  // without assertions nobody looks at it
+    MakeSpare(node);
+    m_nodes.splice(place, m_spare, m_spare.begin());
+    assert(std::prev(place) == m_nodes.begin() || std::prev(place, 2)->m_expiry <= node.m_expiry);
     return NX_OK;
 }
 
@@ -51,7 +69,7 @@ NxResult CNxTimerQueueOrderedList::PopFirstNode_l(CNode& node) {
         return NX_ERROR_NOT_FOUND;
     }
     node = m_nodes.front();
-    m_nodes.pop_front();
+    TakeOut(m_nodes.begin());
     assert(m_nodes.empty() || node.m_expiry <= m_nodes.front().m_expiry);
     return NX_OK;
 }

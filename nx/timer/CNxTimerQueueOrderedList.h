@@ -22,5 +22,9 @@ protected:
     [[nodiscard]] NxResult GetEarliestTime_l(CNxTimeValue& time) const override;
 
 private:
+    void MakeSpare(const CNode& node);
+    void TakeOut(std::list<CNode>::iterator at);
+
     std::list<CNode> m_nodes;
+    std::list<CNode> m_spare;  // the last one taken out, for the next push; at most one
 };

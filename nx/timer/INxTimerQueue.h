@@ -11,6 +11,7 @@ public:
     // The timer is due. On the thread that owns the queue, with no lock held. `curTime` is when the
     // queue began this pass over its timers, the same for every handler of the pass; `token` is
     // what was given to ScheduleTimer. May schedule and cancel any timer of the queue, its own too.
+    // An exception that leaves it ends the process with a line on stderr that names it.
     virtual void OnTimeout(const CNxTimeValue& curTime, void* token) = 0;
     virtual ~INxTimerHandler() = default;
 };
@@ -23,7 +24,8 @@ public:
     // First fires `interval` from now, then every `interval`; `count` times in all, 0 meaning until
     // cancelled. A handler that has a timer gets this one instead.
     // NX_OK; NX_ERROR_FOUND when a timer of the handler was replaced, which counts as success;
-    // NX_ERROR_INVALID_ARG for a null handler. Implementations add what else they refuse.
+    // NX_ERROR_INVALID_ARG for a null handler; NX_ERROR_FAILURE without memory, the handler then
+    // keeps the timer it has. Implementations add what else they refuse.
     [[nodiscard]] virtual NxResult ScheduleTimer(INxTimerHandler* handler, void* token,
                                                  const CNxTimeValue& interval,
                                                  unsigned long count) = 0;
