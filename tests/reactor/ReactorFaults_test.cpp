@@ -315,6 +315,25 @@ TEST(ReactorLimits, HardLimitOfDescriptorsIsNeverLowered) {
     EXPECT_EXIT(ExitWithLimits(1024, 3000, 8192, 3000, 3000), exited, "");
 }
 
+// A process may be started without its standard streams: what it prints must not go into a pipe of
+// the library.
+template <class Reactor>
+void ExitWithoutStandardStreams() {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        close(fd);
+    }
+    Reactor reactor;
+    bool ok = reactor.Open() == NX_OK;
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        ok = ok && fcntl(fd, F_GETFD) == -1;
+    }
+    _exit(ok ? 0 : 1);
+}
+
+TYPED_TEST(ReactorFaults, DescriptorsAreAboveTheStandardStreams) {
+    EXPECT_EXIT(ExitWithoutStandardStreams<TypeParam>(), testing::ExitedWithCode(0), "");
+}
+
 // A socket whose connect nobody accepts.
 class RefusedConnect : public INxEventHandler {
 public:
