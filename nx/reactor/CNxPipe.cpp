@@ -1,3 +1,4 @@
+#include <nx/foundation/high_descriptor.h>
 #include <nx/reactor/CNxPipe.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -21,9 +22,10 @@ NxResult CNxPipe::Open(unsigned long size) {
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, handles) != 0) {
         return NX_ERROR_NOT_AVAILABLE;
     }
-    m_readHandle = handles[0];
-    m_writeHandle = handles[1];
+    m_readHandle = ToHighDescriptor(handles[0]);
+    m_writeHandle = ToHighDescriptor(handles[1]);
     size = std::min(size, c_maxSize);
+    // Fails for a handle that has no high number, too.
     if (setsockopt(m_readHandle, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size)) != 0 ||
         setsockopt(m_writeHandle, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)) != 0) {
         Close();

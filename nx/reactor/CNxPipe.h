@@ -6,7 +6,7 @@
 // Used by one thread at a time. Its owner closes it: the destructor does not.
 class CNxPipe {
 public:
-    // Makes the pair, close-on-exec, with socket buffers of `size` bytes (at most 65535; the system
+    // Makes the pair, close-on-exec and above the standard streams, with socket buffers of `size` bytes (at most 65535; the system
     // may round). Opening an open pipe loses its handles: Close comes first.
     // NX_OK; NX_ERROR_NOT_AVAILABLE when there is no socket pair or a buffer cannot be set. After a
     // failure the pipe is closed.

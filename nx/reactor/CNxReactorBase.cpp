@@ -1,4 +1,5 @@
 #include <nx/foundation/CNxProcessWide.h>
+#include <nx/foundation/standard_streams.h>
 #include <nx/reactor/CNxReactorBase.h>
 #include <nx/timer/CNxTimerQueueOrderedList.h>
 #include <pthread.h>
@@ -7,7 +8,6 @@
 
 #include <cassert>
 #include <cerrno>
-#include <cstdio>
 #include <new>
 #include <utility>
 
@@ -30,10 +30,10 @@ void WarnOfOtherHandler([[maybe_unused]] int fd, [[maybe_unused]] const INxEvent
                         [[maybe_unused]] const INxEventHandler* registered) {
 #ifdef NXBASE_CHECK_THREADS
     if (asked != registered) {
-        std::fprintf(stderr,
-                     "nxbase: RemoveHandler of handler %p takes away the registration of handler "
-                     "%p, which has descriptor %d now\n",
-                     static_cast<const void*>(asked), static_cast<const void*>(registered), fd);
+        PrintToStderr(
+            "nxbase: RemoveHandler of handler %p takes away the registration of handler "
+            "%p, which has descriptor %d now\n",
+            static_cast<const void*>(asked), static_cast<const void*>(registered), fd);
     }
 #endif
 }

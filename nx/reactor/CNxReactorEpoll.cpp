@@ -1,3 +1,4 @@
+#include <nx/foundation/high_descriptor.h>
 #include <nx/net/CNxIPCBase.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <unistd.h>
@@ -19,7 +20,7 @@ CNxReactorEpoll::~CNxReactorEpoll() {
 NxResult CNxReactorEpoll::OpenDemultiplexer() {
     // One from before a Close still watches descriptors of that time.
     CloseEpoll();
-    m_epollHandle = epoll_create1(EPOLL_CLOEXEC);
+    m_epollHandle = ToHighDescriptor(epoll_create1(EPOLL_CLOEXEC));
     if (m_epollHandle == -1) {
         return NX_ERROR_FAILURE;
     }

@@ -154,7 +154,9 @@ public:
         return got > 0 || (got == -1 && errno == EAGAIN) ? 0 : -1;
     }
     int OnOutput(int /*fd*/) override { return 0; }
-    int OnClose(int /*fd*/, long /*mask*/) override { return m_reactor.StopEventLoop(); }
+    int OnClose(int /*fd*/, long /*mask*/) override {
+        return static_cast<int>(m_reactor.StopEventLoop());
+    }
 
     static constexpr ssize_t c_size = 10000;
     ssize_t m_got = 0;
@@ -217,7 +219,7 @@ TYPED_TEST(ReactorFaults, RoomIsToldWhenTheSendThatFailedCameBeforeTheRegistrati
             explicit Writer(INxReactor& reactor) : m_reactor(reactor) {}
             int OnOutput(int /*fd*/) override {
                 m_hasRoom = true;
-                return m_reactor.StopEventLoop();
+                return static_cast<int>(m_reactor.StopEventLoop());
             }
             INxReactor& m_reactor;
             bool m_hasRoom = false;
@@ -313,6 +315,25 @@ TEST(ReactorLimits, HardLimitOfDescriptorsIsNeverLowered) {
     EXPECT_EXIT(ExitWithLimits(1024, 3000, 8192, 3000, 3000), exited, "");
 }
 
+// A process may be started without its standard streams: what it prints must not go into a pipe of
+// the library.
+template <class Reactor>
+void ExitWithoutStandardStreams() {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        close(fd);
+    }
+    Reactor reactor;
+    bool ok = reactor.Open() == NX_OK;
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        ok = ok && fcntl(fd, F_GETFD) == -1;
+    }
+    _exit(ok ? 0 : 1);
+}
+
+TYPED_TEST(ReactorFaults, DescriptorsAreAboveTheStandardStreams) {
+    EXPECT_EXIT(ExitWithoutStandardStreams<TypeParam>(), testing::ExitedWithCode(0), "");
+}
+
 // A socket whose connect nobody accepts.
 class RefusedConnect : public INxEventHandler {
 public:
@@ -336,7 +357,7 @@ public:
     int OnClose(int /*fd*/, long mask) override {
         EXPECT_EQ(mask, NX_MASK_CONNECT);
         m_reason = m_reactor.GetCloseReason();
-        return m_reactor.StopEventLoop();
+        return static_cast<int>(m_reactor.StopEventLoop());
     }
 
     int m_reason = -1;
