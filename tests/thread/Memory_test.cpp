@@ -114,6 +114,7 @@ TEST(Memory, TimerQueueWithoutItRefusesAndKeepsWhatItHas) {
 }
 
 TEST(Memory, ThreadThatIsNotMadeLeavesNothing) {
+    Manager();  // without memory it throws
     CNxThread* thread = nullptr;
     const auto end = [&thread](bool failed) {
         EXPECT_EQ(thread == nullptr, failed);
