@@ -95,12 +95,15 @@ TEST_F(ForkedChild, ExitLeavesAloneWhatIsTheParents) {
     const auto body = [] {
         Parent parent;
         StopHere(parent.EndedByChild([] {}) == 0);
-        // Forked within an event, for whose end the parent's main thread waits.
+        // Forked within an event, for whose end the parent's main thread waits. To a leak checker
+        // all that only the main thread's stack leads to is lost in such a child.
+#if !defined(__SANITIZE_ADDRESS__)
         EventCounts counts;
         parent.m_worker->GetEventQueue()->SendEvent(new CountedEvent(counts, [&parent] {
             StopHere(parent.EndedByChild([] {}) == 0);
             return NX_OK;
         }));
+#endif
         StopHere(parent.EndedByChild([&parent] {
             StopHere(parent.m_worker->Join() == NX_ERROR_FAILURE && !parent.m_worker->IsRunning());
             StopHere(Manager()->GetThread(NX_THREAD_NETWORK) == nullptr);
