@@ -1,6 +1,5 @@
 #include <common/Acceptor.h>
 #include <common/AddressText.h>
-#include <common/Program.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 
@@ -58,7 +57,14 @@ int Acceptor::OnInput(int /*fd*/) {
 }
 
 void Acceptor::TryAgain(const CNxTimeValue& wait) {
-    Require(m_reactor.ScheduleTimer(this, nullptr, wait, 1), "time the next accept");
+    const NxResult result = m_reactor.ScheduleTimer(this, nullptr, wait, 1);
+    m_isStuck = result != NX_OK && result != NX_ERROR_FOUND;
+}
+
+void Acceptor::OnTick() {
+    if (std::exchange(m_isStuck, false)) {
+        OnInput(GetHandle());
+    }
 }
 
 void Acceptor::OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) {

@@ -29,6 +29,9 @@ public:
     [[nodiscard]] std::string Open(const CNxInetAddr& address);
     void Close();
 
+    // To be called now and then: goes on where not even a timer could be had.
+    void OnTick();
+
     // Where it listens, once open; the port is that of the system when 0 was asked for.
     const CNxInetAddr& GetAddress() const { return m_address; }
 
@@ -50,6 +53,7 @@ private:
     CNxSocketTcp m_socket;
     CNxInetAddr m_address;
     CNxSocketBase m_spare;
+    bool m_isStuck = false;
 };
 
 }  // namespace examples

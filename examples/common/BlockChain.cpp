@@ -30,7 +30,14 @@ void Fill(CNxMessageBlock& block, std::string_view bytes) {
     static_cast<void>(result);
 }
 
-void BlockChain::Write(std::string_view bytes) {
+// A block for what the last one has no room for; null when it has.
+ChainPtr BlockChain::MakeRoom(std::size_t size) const {
+    const std::size_t space = GetSpace();
+    return size > space ? MakeBlock(std::max(size - space, c_blockSize)) : nullptr;
+}
+
+// Fills the last block, then `more`, which is linked when it is needed.
+void BlockChain::Put(std::string_view bytes, ChainPtr& more) {
     m_size += bytes.size();
     if (m_tail != nullptr) {
         unsigned long written = 0;
@@ -39,18 +46,39 @@ void BlockChain::Write(std::string_view bytes) {
         bytes.remove_prefix(written);
     }
     if (!bytes.empty()) {
-        ChainPtr block = MakeBlock(std::max(bytes.size(), c_blockSize));
-        Fill(*block, bytes);
-        Link(std::move(block));
+        Link(std::move(more));
+        Fill(*m_tail, bytes);
     }
 }
 
-void BlockChain::Share(CNxDataBlock* data) {
-    ChainPtr block(new CNxMessageBlock(data, CNxMessageBlock::DUPLICATED));
+void BlockChain::Write(std::initializer_list<std::string_view> parts) {
+    std::size_t size = 0;
+    for (const std::string_view part : parts) {
+        size += part.size();
+    }
+    ChainPtr more = MakeRoom(size);
+    for (const std::string_view part : parts) {
+        Put(part, more);
+    }
+    assert(more == nullptr);
+}
+
+void BlockChain::Share(std::string_view before, CNxDataBlock* data, std::string_view after) {
+    ChainPtr more = MakeRoom(before.size());
+    ChainPtr shared(new CNxMessageBlock(data, CNxMessageBlock::DUPLICATED));
+    ChainPtr last = MakeBlock(std::max(after.size(), c_blockSize));
+    Put(before, more);
     // All of it counts as written, so no later Write finds space in it.
-    Fill(*block, {nullptr, data->GetSize()});
+    Fill(*shared, {nullptr, data->GetSize()});
     m_size += data->GetSize();
-    Link(std::move(block));
+    Link(std::move(shared));
+    Put(after, last);
+}
+
+void BlockChain::Reserve(std::size_t size) {
+    if (GetSpace() < size) {
+        Link(MakeBlock(std::max(size, c_blockSize)));
+    }
 }
 
 void BlockChain::Link(ChainPtr block) {

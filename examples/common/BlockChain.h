@@ -4,6 +4,7 @@
 #include <nx/buffer/CNxMessageBlock.h>
 
 #include <cstddef>
+#include <initializer_list>
 #include <memory>
 #include <string_view>
 
@@ -20,7 +21,8 @@ ChainPtr MakeBlock(std::size_t capacity);
 // Writes the bytes into the block, which has room for them.
 void Fill(CNxMessageBlock& block, std::string_view bytes);
 
-// Owns its blocks. Belongs to one thread at a time. What writes throws std::bad_alloc.
+// Owns its blocks. Belongs to one thread at a time. What writes throws std::bad_alloc, and has then
+// written nothing.
 class BlockChain {
 public:
     BlockChain() = default;
@@ -30,11 +32,15 @@ public:
     std::size_t GetSize() const { return m_size; }
     bool IsEmpty() const { return m_size == 0; }
 
-    // Copies the bytes after what is there.
-    void Write(std::string_view bytes);
+    // Copies the parts after what is there.
+    void Write(std::initializer_list<std::string_view> parts);
 
-    // Appends the whole of the data block without copying it; takes a reference of its own.
-    void Share(CNxDataBlock* data);
+    // Appends `before`, the whole of the data block without copying it, and `after`; takes a
+    // reference of its own.
+    void Share(std::string_view before, CNxDataBlock* data, std::string_view after);
+
+    // Makes room: writing so many bytes next cannot fail.
+    void Reserve(std::size_t size);
 
     // Takes over the blocks of the other, which is empty afterwards.
     void Append(BlockChain&& other) noexcept;
@@ -44,6 +50,9 @@ public:
     [[nodiscard]] long SendTo(int socket);
 
 private:
+    std::size_t GetSpace() const { return m_tail != nullptr ? m_tail->GetSpace() : 0; }
+    ChainPtr MakeRoom(std::size_t size) const;
+    void Put(std::string_view bytes, ChainPtr& more);
     void Link(ChainPtr block);
 
     ChainPtr m_head;

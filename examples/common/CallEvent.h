@@ -3,6 +3,7 @@
 
 #include <nx/event/INxEventQueue.h>
 
+#include <new>
 #include <utility>
 
 namespace examples {
@@ -21,12 +22,14 @@ private:
     Function m_function;
 };
 
-// Has the thread that owns the queue call the function later; the function is destroyed uncalled
-// when the queue refuses or discards it.
+// Has the thread that owns the queue call the function later. The function, which must move without
+// throwing, is destroyed uncalled when the queue refuses or discards it, or when there is no memory
+// (NX_ERROR_FAILURE).
 template <class Function>
 NxResult CallLater(INxEventQueue& queue, Function function) {
-    return queue.PostEvent(new CallEvent<Function>(std::move(function)),
-                           INxEventQueue::PRIORITY_NORMAL);
+    auto* const event = new (std::nothrow) CallEvent<Function>(std::move(function));
+    return event != nullptr ? queue.PostEvent(event, INxEventQueue::PRIORITY_NORMAL)
+                            : NX_ERROR_FAILURE;
 }
 
 // Has the thread that owns the queue call the function, and waits for that. NX_OK when it did.

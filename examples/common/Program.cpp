@@ -3,12 +3,14 @@
 #include <nx/reactor/INxReactor.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadManager.h>
+#include <unistd.h>
 
 #include <cassert>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 namespace examples {
 
@@ -56,23 +58,55 @@ INxReactor& Program::GetReactor() const {
 
 std::string Program::Run(const NetworkWork& work) {
     CNxThreadManager* const threads = CNxThreadManager::Instance();
-    INxReactor& reactor = GetReactor();
-    std::string error = "the network thread is gone";
-    CallOn(reactor, [&] { error = work.open(); });
-    if (error.empty() &&
-        !m_signals.Open(reactor, [this, &work](int signo) { OnSignal(signo, work); })) {
-        error = "cannot take signals";
-    }
+    std::string error = OpenAll(work);
     if (error.empty()) {
         threads->GetThread(NX_THREAD_MAIN)->OnThreadRun();
+        m_isServing = false;
+        error = m_isNetworkGone ? "the network's loop has ended" : "";
     }
     m_signals.Close();
     // Comes after the last signal. Refused only by a thread that has ended and calls nobody.
-    CallOn(reactor, work.close);
+    CallOn(GetReactor(), work.close);
     // Before the work's objects go: what is left in the queues refers to them.
     Require(threads->StopAllThreads(nullptr), "stop its threads");
     Require(threads->JoinAllThreads(), "join its threads");
     return error;
+}
+
+std::string Program::OpenAll(const NetworkWork& work) {
+    INxReactor& reactor = GetReactor();
+    std::string error = "the network thread is gone";
+    CallOn(reactor, [&] {
+        error = work.open();
+        m_isServing = error.empty();
+        CloseWithThread(work);
+    });
+    const auto onSignal = [this, &work](int signo) { OnSignal(signo, work); };
+    const auto onTaken = [this, &work](int signo) { OnTaken(signo, work.stopLimit); };
+    if (error.empty() && !m_signals.Open(reactor, onSignal, onTaken)) {
+        error = "cannot take signals";
+    }
+    return error;
+}
+
+// Without its loop the program would live on deaf.
+void Program::CloseWithThread(const NetworkWork& work) {
+    struct End {
+        std::function<void()> call;
+        ~End() {
+            if (call) {
+                call();
+            }
+        }
+    };
+    thread_local End end;  // of the thread
+    end.call = [this, &work] {
+        if (m_isServing) {
+            m_isNetworkGone = true;
+            work.close();
+            StopMain();
+        }
+    };
 }
 
 void Program::OnSignal(int signo, const NetworkWork& work) {
@@ -82,6 +116,17 @@ void Program::OnSignal(int signo, const NetworkWork& work) {
         m_signal = signo;
         work.onStop();
     }
+}
+
+void Program::OnTaken(int signo, unsigned stopLimit) {
+    if (signo == SIGHUP || std::exchange(m_isStopAsked, true) || stopLimit == 0) {
+        return;
+    }
+    struct sigaction action {};
+    // No clean-up: it would wait for what has taken too long.
+    action.sa_handler = [](int) { _exit(0); };
+    sigaction(SIGALRM, &action, nullptr);
+    alarm(stopLimit);
 }
 
 }  // namespace examples

@@ -5,6 +5,7 @@
 #include <nx/foundation/NxResult.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <functional>
 #include <initializer_list>
 #include <string>
@@ -38,6 +39,10 @@ struct NetworkWork {
     std::function<void()> close;              // also called after a failed `open`
     std::function<void()> onStop = StopMain;  // at the first SIGINT or SIGTERM
     std::function<void()> onHangUp = {};      // at every SIGHUP
+
+    // Seconds after the first signal to stop at which the process ends with status 0, whatever is
+    // still under way; 0 for never.
+    unsigned stopLimit = 0;
 };
 
 // A main thread that only waits, and a network thread that does the work. One per process, used on
@@ -54,19 +59,26 @@ public:
     [[nodiscard]] bool StartNetwork(INxReactor* reactor);
     INxReactor& GetReactor() const;
 
-    // Opens the work, takes signals, and waits until StopMain or CNxSignalStop ends the main loop;
-    // then closes the work, and stops and joins all threads. Returns what is wrong, or "".
+    // Opens the work, takes signals, and waits until StopMain or CNxSignalStop ends the main loop,
+    // or the network's loop has ended by itself; then closes the work, and stops and joins all
+    // threads. Returns what is wrong, or "".
     [[nodiscard]] std::string Run(const NetworkWork& work);
 
     // The first signal to stop that came; 0 for none. After Run.
     int GetSignal() const { return m_signal; }
 
 private:
+    std::string OpenAll(const NetworkWork& work);
     void OnSignal(int signo, const NetworkWork& work);
+    void OnTaken(int signo, unsigned stopLimit);
+    void CloseWithThread(const NetworkWork& work);
 
     SignalThread m_signals;
     CNxThread* m_network = nullptr;  // the thread manager's
     int m_signal = 0;
+    bool m_isStopAsked = false;  // the signal thread's
+    std::atomic<bool> m_isServing{false};
+    std::atomic<bool> m_isNetworkGone{false};
 };
 
 }  // namespace examples

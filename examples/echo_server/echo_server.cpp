@@ -21,8 +21,14 @@ public:
     int OnInput(int fd) override {
         for (int turn = 0; turn < 16 && m_unsent.empty(); ++turn) {
             const ssize_t got = recv(fd, m_reactor.GetBufferPtr(), m_reactor.GetBufferSize(), 0);
+            if (got == -1 && errno == EAGAIN) {
+                return 0;
+            }
+            if (got == -1 && IsPassing()) {
+                break;
+            }
             if (got <= 0 || !Send(m_reactor.GetBufferPtr(), static_cast<size_t>(got))) {
-                return got == -1 && errno == EAGAIN ? 0 : -1;
+                return -1;
             }
         }
         // The socket is full, or it is the others' turn: go on when it can be written to.
@@ -43,10 +49,13 @@ private:
         return result == NX_OK || result == NX_ERROR_FOUND;  // FOUND: it replaced another.
     }
 
+    // Interrupted, or the system lacks buffers: no reason to hang up.
+    static bool IsPassing() { return errno == EINTR || errno == ENOBUFS || errno == ENOMEM; }
+
     // Keeps what the socket does not take now. False when the client is gone.
     bool Send(const char* data, size_t size) {
         const ssize_t sent = send(GetHandle(), data, size, MSG_NOSIGNAL);
-        if (sent == -1 && errno != EAGAIN) {
+        if (sent == -1 && errno != EAGAIN && !IsPassing()) {
             return false;
         }
         m_unsent = std::string(data + (sent == -1 ? 0 : sent), data + size);

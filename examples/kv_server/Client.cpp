@@ -2,12 +2,14 @@
 #include <kv_server/Client.h>
 #include <kv_server/ReplyWriter.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
+#include <new>
 #include <utility>
 
 namespace kv_server {
@@ -22,6 +24,11 @@ constexpr std::size_t c_lastInput = 1UL << 20;
 
 bool WouldBlock() {
     return errno == EAGAIN || errno == EWOULDBLOCK;
+}
+
+// The system is short of buffers: no readiness will tell when that is over.
+bool LacksBuffers() {
+    return errno == ENOBUFS || errno == ENOMEM;
 }
 
 }  // namespace
@@ -43,6 +50,7 @@ Client::Client(std::uint64_t id, int socket, INxReactor& reactor, IClientOwner& 
 Client::~Client() {
     // Not registered any more when the reactor has dropped it.
     m_reactor.RemoveHandler(this, NX_MASK_ALL_EVENTS);
+    m_owner.CountHeld(m_held, 0);
 }
 
 bool Client::MayFollow(EState state, EState next) {
@@ -119,7 +127,39 @@ int Client::OnClose(int /*fd*/, long /*mask*/) {
 }
 
 bool Client::Continue() {
-    return Proceed() && Watch();
+    m_isStarved = false;
+    try {
+        const bool goesOn = Proceed() && Watch();
+        CountHeld();
+        return goesOn;
+    } catch (const std::bad_alloc&) {
+        examples::Trace(examples::c_traceWarning, "client ", m_id, " dropped: out of memory");
+        return false;
+    }
+}
+
+bool Client::OnTick() {
+    return !m_isStarved || Continue();
+}
+
+bool Client::IsIdle() const {
+    if (m_batch == nullptr) {
+        return false;
+    }
+    pollfd socket{GetHandle(), 0, 0};
+    socket.events =
+        static_cast<short>((IsReceiving() ? POLLIN : 0) | (m_output.IsEmpty() ? 0 : POLLOUT));
+    return poll(&socket, 1, 0) <= 0;
+}
+
+bool Client::IsReceiving() const {
+    return m_state <= EState::READABLE && m_batch != nullptr && !m_batch->HasWork() && !IsSlow();
+}
+
+void Client::CountHeld() {
+    const std::size_t held = m_reader.GetHeld() + m_output.GetSize() +
+                             (m_batch != nullptr ? m_batch->GetHeld() : m_submitted);
+    m_owner.CountHeld(std::exchange(m_held, held), held);
 }
 
 bool Client::Proceed() {
@@ -134,21 +174,28 @@ bool Client::Proceed() {
             return true;
         }
         if (m_batch->HasWork()) {
-            m_owner.Submit(std::move(m_batch));
-            return true;
+            return Submit();
         }
         if (!IsTaking()) {
             return m_output.IsEmpty() ? End() : true;
         }
-        if (m_state == EState::WAITING) {
+        if (m_state == EState::WAITING || m_isStarved) {
             return true;
+        }
+        if (m_owner.IsFull()) {
+            break;
         }
         if (!Receive()) {
             return false;
         }
+        CountHeld();
     }
-    m_owner.ContinueLater(m_id);
-    return true;
+    return m_owner.ContinueLater(m_id);
+}
+
+bool Client::Submit() {
+    m_submitted = m_batch->GetHeld();
+    return m_owner.Submit(std::move(m_batch));
 }
 
 // Sends until all is gone or the socket is full.
@@ -157,7 +204,8 @@ bool Client::Flush() {
         if (m_output.SendTo(GetHandle()) >= 0) {
             m_activeAt = m_owner.GetSeconds();
         } else if (errno != EINTR) {
-            return WouldBlock();
+            m_isStarved = LacksBuffers();
+            return m_isStarved || WouldBlock();
         }
     }
     return true;
@@ -204,7 +252,8 @@ bool Client::ReceiveNothing(long result) {
         Enter(EState::HUNG_UP);
         return true;
     }
-    if (errno == EINTR) {
+    m_isStarved = LacksBuffers();
+    if (m_isStarved || errno == EINTR) {
         return true;
     }
     Enter(m_state == EState::STOPPING ? EState::ENDING : EState::WAITING);
@@ -238,8 +287,7 @@ bool Client::Discard() {
             return received < 0 && WouldBlock();
         }
     }
-    m_owner.ContinueLater(m_id);
-    return true;
+    return m_owner.ContinueLater(m_id);
 }
 
 bool Client::IsDone() const {

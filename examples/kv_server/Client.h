@@ -15,11 +15,18 @@ namespace kv_server {
 // What a client needs of its server. Outlives it.
 class IClientOwner {
 public:
-    // Has the store run the batch; it comes back by Client::OnReplies.
-    virtual void Submit(std::unique_ptr<Batch> batch) = 0;
+    // Has the store run the batch; it comes back by Client::OnReplies. False when that cannot be
+    // had: the batch is gone, and the client is to be let go.
+    [[nodiscard]] virtual bool Submit(std::unique_ptr<Batch> batch) = 0;
 
-    // Has the reactor call Continue when others have had their turn.
-    virtual void ContinueLater(std::uint64_t clientId) = 0;
+    // Has the reactor call Continue when others have had their turn. False when that cannot be had.
+    [[nodiscard]] virtual bool ContinueLater(std::uint64_t clientId) = 0;
+
+    // A client that held so many bytes of memory holds so many now.
+    virtual void CountHeld(std::size_t before, std::size_t now) = 0;
+
+    // Whether the clients hold more than they may: none takes more before some were let go.
+    virtual bool IsFull() const = 0;
 
     // The reactor has dropped the client, which is to be destroyed.
     virtual void OnDropped(std::uint64_t clientId) = 0;
@@ -43,7 +50,7 @@ protected:
 // Belongs to the network thread. Whoever gets false from an operation destroys the client.
 class Client : public INxEventHandler {
 public:
-    // Takes over the connected, non-blocking socket.
+    // Takes over the connected, non-blocking socket, unless it throws std::bad_alloc.
     Client(std::uint64_t id, int socket, INxReactor& reactor, IClientOwner& owner);
     ~Client() override;
     Client(const Client&) = delete;
@@ -60,6 +67,18 @@ public:
 
     // The server stops: answers what has arrived by now, and ends.
     [[nodiscard]] bool Stop();
+
+    // A tick of the owner's clock: tries again what the system had no buffers for.
+    [[nodiscard]] bool OnTick();
+
+    // Whether nothing is to be done for it now: it neither waits for the store nor is there
+    // anything to receive or room to send that it has not been told of, as after a pause of the
+    // whole process.
+    bool IsIdle() const;
+
+    // Bytes of memory for its commands and replies, as of its last step. A large value counts in
+    // full, though it may be shared with the store: replaced there, it is the client's alone.
+    std::size_t GetHeld() const { return m_held; }
 
     bool IsLingering() const { return m_state == EState::LINGERING; }
 
@@ -91,6 +110,7 @@ private:
     static bool MayFollow(EState state, EState next);
     void Enter(EState next);
     bool IsTaking() const { return m_state < EState::ENDING; }
+    bool IsReceiving() const;
     bool IsSlow() const { return m_output.GetSize() >= c_maxWaiting; }
 
     // They return whether the connection goes on.
@@ -98,6 +118,8 @@ private:
     bool Flush();
     bool Receive();
     bool ReceiveNothing(long result);
+    bool Submit();
+    void CountHeld();
     bool End();
     bool Discard();
     bool Watch();
@@ -116,7 +138,10 @@ private:
     std::int64_t m_activeAt;
 
     EState m_state = EState::WAITING;
-    std::size_t m_lastInput;  // bytes still received while STOPPING
+    std::size_t m_lastInput;   // bytes still received while STOPPING
+    bool m_isStarved = false;  // goes on at the next tick
+    std::size_t m_held = 0;
+    std::size_t m_submitted = 0;  // bytes held by the batch that the store has
 };
 
 }  // namespace kv_server

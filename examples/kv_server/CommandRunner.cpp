@@ -11,14 +11,12 @@ namespace kv_server {
 namespace {
 
 constexpr std::size_t c_shownOfName = 64;
+constexpr std::size_t c_shortReply = 64;
 
-// Errors are lines, so what they quote must not end the line.
-std::string ToShownName(std::string_view name) {
-    std::string shown(name.substr(0, c_shownOfName));
-    std::replace_if(
-        shown.begin(), shown.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
-    return shown;
-}
+// Then others have their turn.
+constexpr std::size_t c_visitedAtOnce = 1UL << 20;
+
+constexpr std::size_t c_stepsOfParameter = 1UL << 20;
 
 std::string ToLower(std::string_view name) {
     std::string lower(name);
@@ -62,27 +60,51 @@ const CommandRunner::Command* CommandRunner::FindCommand(std::string_view name) 
     return found != std::end(s_commands) ? found : nullptr;
 }
 
+bool CommandRunner::MayGoOn(const Batch& batch) const {
+    return batch.HasCommands() && !m_quit && !IsGivenUp() && m_visited < c_visitedAtOnce &&
+           batch.replies.GetSize() < c_maxWaiting;
+}
+
 void CommandRunner::Run(Batch& batch) {
-    ReplyWriter reply(batch.replies);
     m_quit = false;
-    while (batch.HasCommands() && !m_quit && batch.replies.GetSize() < c_maxWaiting) {
-        const CommandList& list = batch.commands;
-        assert(batch.bytes != nullptr && list.ends.back() == list.arguments.size());
-        m_arguments.clear();
-        for (std::size_t i = batch.next > 0 ? list.ends[batch.next - 1] : 0;
-             i < list.ends[batch.next]; ++i) {
-            const CommandList::Slice& slice = list.arguments[i];
-            m_arguments.emplace_back(batch.bytes->GetReadPtr() + slice.offset, slice.size);
+    m_visited = 0;
+    try {
+        while (MayGoOn(batch)) {
+            RunNext(batch);
         }
+        if (!m_quit && !batch.HasCommands() && !batch.error.empty()) {
+            ReplyWriter(batch.replies).WriteError("ERR " + batch.error);
+            batch.error.clear();
+            m_quit = true;
+        }
+    } catch (const std::bad_alloc&) {
+        m_quit = true;
+    }
+    batch.quit = m_quit;
+}
+
+// With room for every short reply a command that has changed something can always say so.
+void CommandRunner::RunNext(Batch& batch) {
+    batch.replies.Reserve(c_shortReply);
+    ReplyWriter reply(batch.replies);
+    try {
+        TakeArguments(batch);
         ++batch.next;
         ++m_processed;
         RunOne(reply);
+    } catch (const std::bad_alloc&) {
+        reply.WriteError("ERR out of memory");
     }
-    batch.quit = m_quit;
-    if (!m_quit && !batch.HasCommands() && !batch.error.empty()) {
-        reply.WriteError("ERR " + batch.error);
-        batch.error.clear();
-        batch.quit = true;
+}
+
+void CommandRunner::TakeArguments(const Batch& batch) {
+    const CommandList& list = batch.commands;
+    assert(batch.bytes != nullptr && list.ends.back() == list.arguments.size());
+    m_arguments.clear();
+    for (std::size_t i = batch.next > 0 ? list.ends[batch.next - 1] : 0; i < list.ends[batch.next];
+         ++i) {
+        const CommandList::Slice& slice = list.arguments[i];
+        m_arguments.emplace_back(batch.bytes->GetReadPtr() + slice.offset, slice.size);
     }
 }
 
@@ -90,7 +112,7 @@ void CommandRunner::RunOne(ReplyWriter& reply) {
     const std::string_view name = m_arguments[0];
     const Command* const command = FindCommand(name);
     if (command == nullptr) {
-        reply.WriteError("ERR unknown command '" + ToShownName(name) + "'");
+        reply.WriteError("ERR unknown command '" + ToShown(name.substr(0, c_shownOfName)) + "'");
     } else if (m_arguments.size() < command->minArguments ||
                m_arguments.size() > command->maxArguments) {
         reply.WriteError("ERR wrong number of arguments for '" + ToLower(name) + "' command");
@@ -150,7 +172,8 @@ void CommandRunner::DescribeCommands(ReplyWriter& reply) {
 // CONFIG GET answers with what load clients ask for first: nothing is saved to disk.
 void CommandRunner::Config(ReplyWriter& reply) {
     if (!EqualsNoCase(m_arguments[1], "GET")) {
-        reply.WriteError("ERR unknown subcommand '" + ToShownName(m_arguments[1]) + "'");
+        reply.WriteError("ERR unknown subcommand '" +
+                         ToShown(m_arguments[1].substr(0, c_shownOfName)) + "'");
         return;
     }
     if (m_arguments.size() < 3) {
@@ -160,8 +183,10 @@ void CommandRunner::Config(ReplyWriter& reply) {
     constexpr std::pair<std::string_view, std::string_view> parameters[] = {{"save", ""},
                                                                             {"appendonly", "no"}};
     const auto wanted = [this](std::string_view name) {
-        return std::any_of(m_arguments.begin() + 2, m_arguments.end(),
-                           [&](std::string_view p) { return MatchesGlob(ToLower(p), name); });
+        return std::any_of(m_arguments.begin() + 2, m_arguments.end(), [&](std::string_view p) {
+            std::size_t steps = c_stepsOfParameter;
+            return MatchesGlob(ToLower(p), name, steps);
+        });
     };
     examples::BlockChain found;
     ReplyWriter writer(found);

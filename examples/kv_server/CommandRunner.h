@@ -29,9 +29,16 @@ public:
     CommandRunner(KvStore& store, const Stats& stats) : m_store(store), m_stats(stats) {}
 
     // Runs the commands of the batch in their order, writes a reply for each, and, after the last,
-    // the error of the input. Stops early when c_maxWaiting bytes of replies have come together:
-    // the batch then still has commands, to be run when the client has taken these.
+    // the error of the input. Stops early when c_maxWaiting bytes of replies have come together, or
+    // when it took long: the batch then still has commands, to be run when the client has taken
+    // these and others had their turn.
+    //
+    // A command that finds no memory has changed nothing and gets an error reply; the client is let
+    // go where there is none even for that.
     void Run(Batch& batch);
+
+    // Any thread: from now on Run does as little as it can.
+    void GiveUp() { m_isGivenUp.store(true, std::memory_order_relaxed); }
 
 private:
     using Arguments = std::vector<std::string_view>;
@@ -42,7 +49,7 @@ private:
         void (CommandRunner::*run)(ReplyWriter& reply);
     };
     struct SetOptions {
-        std::int64_t expiresAt = 0;  // 0 for never
+        std::int64_t expiresAt = KvStore::c_never;
         bool onlyNew = false;
         bool onlyOld = false;
     };
@@ -50,6 +57,10 @@ private:
 
     static const Command* FindCommand(std::string_view name);
     static bool EqualsNoCase(std::string_view text, std::string_view name);
+    bool MayGoOn(const Batch& batch) const;
+    bool IsGivenUp() const { return m_isGivenUp.load(std::memory_order_relaxed); }
+    void RunNext(Batch& batch);
+    void TakeArguments(const Batch& batch);
     void RunOne(ReplyWriter& reply);
 
     void Ping(ReplyWriter& reply);
@@ -78,7 +89,9 @@ private:
     const Stats& m_stats;
     Arguments m_arguments;  // of the current command, its name first
     std::uint64_t m_processed = 0;
+    std::size_t m_visited = 0;  // keys that this Run has walked over
     bool m_quit = false;
+    std::atomic<bool> m_isGivenUp{false};
 };
 
 }  // namespace kv_server

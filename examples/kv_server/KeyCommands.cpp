@@ -13,6 +13,11 @@ namespace {
 constexpr const char* c_notANumber = "ERR value is not an integer or out of range";
 constexpr const char* c_syntaxError = "ERR syntax error";
 
+// What KEYS may spend: in proportion to the keys, which patterns that people write keep to; a
+// pattern made to be slow gets an error.
+constexpr std::size_t c_stepsBefore = 1UL << 20;
+constexpr std::size_t c_stepsPerByte = 16;
+
 }  // namespace
 
 void CommandRunner::Set(ReplyWriter& reply) {
@@ -30,10 +35,7 @@ void CommandRunner::Set(ReplyWriter& reply) {
             return;
         }
     }
-    m_store.Set(key, Value(m_arguments[2]));
-    if (options.expiresAt != 0) {
-        m_store.SetExpiry(key, options.expiresAt);
-    }
+    m_store.Set(key, Value(m_arguments[2]), options.expiresAt);
     reply.WriteStatus("OK");
 }
 
@@ -103,7 +105,7 @@ void CommandRunner::Add(long change, ReplyWriter& reply) {
         reply.WriteError("ERR increment or decrement would overflow");
         return;
     }
-    m_store.Set(m_arguments[1], Value(std::to_string(number)), true);
+    m_store.Set(m_arguments[1], Value(std::to_string(number)), KvStore::c_keepExpiry);
     reply.WriteNumber(number);
 }
 
@@ -134,14 +136,26 @@ void CommandRunner::Ttl(ReplyWriter& reply) {
 
 void CommandRunner::Keys(ReplyWriter& reply) {
     std::size_t count = 0;
+    std::size_t steps = c_stepsBefore;
     examples::BlockChain names;
     ReplyWriter writer(names);
     m_store.ForEachKey([&](std::string_view key) {
-        if (MatchesGlob(m_arguments[1], key)) {
+        steps += c_stepsPerByte * (key.size() + 1);
+        if (MatchesGlob(m_arguments[1], key, steps)) {
             writer.WriteBulk(key);
             ++count;
         }
+        ++m_visited;
+        return steps > 0 && !IsGivenUp();
     });
+    if (steps == 0) {
+        reply.WriteError("ERR pattern takes too long to match");
+        return;
+    }
+    if (IsGivenUp()) {
+        reply.WriteError("ERR server is stopping");
+        return;
+    }
     reply.WriteArraySize(count);
     reply.WriteReplies(std::move(names));
 }

@@ -1,5 +1,6 @@
 #include <kv_server/KvStore.h>
 
+#include <algorithm>
 #include <cassert>
 #include <cstddef>
 #include <utility>
@@ -59,15 +60,26 @@ const Value* KvStore::Find(std::string_view key) {
     return found != m_entries.end() ? &found->second.value : nullptr;
 }
 
-void KvStore::Set(std::string_view key, Value value, bool keepExpiry) {
-    const auto found = FindLiving(key);
-    if (found == m_entries.end()) {
-        m_entries.emplace(m_key, Entry{std::move(value), std::nullopt});
-        return;
+void KvStore::Set(std::string_view key, Value value, std::int64_t expiry) {
+    auto found = FindLiving(key);
+    const bool isNew = found == m_entries.end();
+    if (isNew) {
+        found = m_entries.emplace(m_key, Entry{std::move(value), std::nullopt}).first;
     }
-    found->second.value = std::move(value);
-    if (!keepExpiry) {
+    if (expiry > c_never) {
+        try {
+            Expire(found, expiry);
+        } catch (const std::bad_alloc&) {
+            if (isNew) {
+                Erase(found);
+            }
+            throw;
+        }
+    } else if (expiry == c_never) {
         DropExpiry(found->second);
+    }
+    if (!isNew) {
+        found->second.value = std::move(value);
     }
 }
 
@@ -85,9 +97,14 @@ bool KvStore::SetExpiry(std::string_view key, std::int64_t time) {
     if (found == m_entries.end()) {
         return false;
     }
-    DropExpiry(found->second);
-    found->second.expiry = m_expiries.emplace(time, &found->first);
+    Expire(found, time);
     return true;
+}
+
+void KvStore::Expire(Entries::iterator found, std::int64_t time) {
+    const auto expiry = m_expiries.emplace(time, &found->first);
+    DropExpiry(found->second);
+    found->second.expiry = expiry;
 }
 
 std::optional<std::int64_t> KvStore::GetExpiry(std::string_view key) {
@@ -131,7 +148,7 @@ void KvStore::Erase(Entries::iterator found) {
     assert(m_expiries.size() <= m_entries.size());
 }
 
-bool MatchesGlob(std::string_view pattern, std::string_view text) {
+bool MatchesGlob(std::string_view pattern, std::string_view text, std::size_t& steps) {
     std::size_t p = 0;
     std::size_t t = 0;
     // Where to go on when the match fails: the last star takes one byte more. Earlier stars need
@@ -139,16 +156,26 @@ bool MatchesGlob(std::string_view pattern, std::string_view text) {
     std::size_t afterStar = std::string_view::npos;
     std::size_t starTaken = 0;
     while (t < text.size()) {
+        const std::size_t looked = p;
+        bool goesOn = true;
         if (p < pattern.size() && pattern[p] == '*') {
             afterStar = ++p;
+            if (p == pattern.size()) {
+                return true;
+            }
             starTaken = t;
         } else if (p < pattern.size() && MatchOne(pattern, p, text[t])) {
             ++t;
-        } else if (afterStar != std::string_view::npos) {
+        } else {
+            goesOn = false;
+        }
+        steps -= std::min(steps, std::max<std::size_t>(p - looked, 1));
+        if (steps == 0 || (!goesOn && afterStar == std::string_view::npos)) {
+            return false;
+        }
+        if (!goesOn) {
             p = afterStar;
             t = ++starTaken;
-        } else {
-            return false;
         }
     }
     while (p < pattern.size() && pattern[p] == '*') {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <common/BlockChain.h>
+#include <kv_server/KeyHash.h>
 #include <nx/buffer/CNxDataBlock.h>
 #include <nx/foundation/CNxAutoPtr.h>
 
@@ -39,11 +40,12 @@ public:
         return m_large ? std::string_view(m_large->GetData(), m_large->GetSize()) : m_small;
     }
 
-    void AppendTo(examples::BlockChain& chain) const {
+    void AppendTo(examples::BlockChain& chain, std::string_view before,
+                  std::string_view after) const {
         if (m_large) {
-            chain.Share(m_large.Get());
+            chain.Share(before, m_large.Get(), after);
         } else {
-            chain.Write(m_small);
+            chain.Write({before, m_small, after});
         }
     }
 
@@ -56,17 +58,22 @@ private:
 
 // Knows no clock: its owner tells it the time, in milliseconds from any start. A key whose time has
 // come is gone for every operation that names it; its memory is freed then or by RemoveExpired.
+// What needs memory and finds none throws std::bad_alloc and has changed nothing.
 // Belongs to one thread.
 class KvStore {
 public:
+    // What Set makes of the expiry, where it is not given a time.
+    static constexpr std::int64_t c_never = 0;
+    static constexpr std::int64_t c_keepExpiry = -1;
+
     void SetTime(std::int64_t now) { m_now = now; }
     std::int64_t GetTime() const { return m_now; }
 
     // Null when there is no such key. Good until the key is changed.
     const Value* Find(std::string_view key);
 
-    // An expiry that the key had is dropped unless `keepExpiry`.
-    void Set(std::string_view key, Value value, bool keepExpiry = false);
+    // The key expires at the time `expiry`, which is positive.
+    void Set(std::string_view key, Value value, std::int64_t expiry = c_never);
 
     // False when there is no such key.
     bool Delete(std::string_view key);
@@ -87,12 +94,13 @@ public:
     // Removes at most `limit` expired keys, and returns how many.
     std::size_t RemoveExpired(std::size_t limit);
 
-    // Calls `visit(key)` for every key that has not expired. It must not change the store.
+    // Calls `visit(key)` for every key that has not expired, until it returns false. It must not
+    // change the store.
     template <class Visit>
     void ForEachKey(Visit visit) const {
         for (const auto& [key, entry] : m_entries) {
-            if (!IsExpired(entry)) {
-                visit(std::string_view(key));
+            if (!IsExpired(entry) && !visit(std::string_view(key))) {
+                return;
             }
         }
     }
@@ -103,12 +111,14 @@ private:
         Value value;
         std::optional<Expiries::iterator> expiry;
     };
-    using Entries = std::unordered_map<std::string, Entry>;
+    // Clients choose the keys: how these spread must not be known to them.
+    using Entries = std::unordered_map<std::string, Entry, KeyHash>;
 
     bool IsExpired(const Entry& entry) const {
         return entry.expiry.has_value() && (*entry.expiry)->first <= m_now;
     }
     Entries::iterator FindLiving(std::string_view key);
+    void Expire(Entries::iterator found, std::int64_t time);
     void DropExpiry(Entry& entry);
     void Erase(Entries::iterator found);
 
@@ -119,9 +129,10 @@ private:
 };
 
 // Whether the text matches the pattern as a whole: '*' any bytes, '?' one byte, [abc], [a-z] and
-// [^a] one of (none of) these, '\' takes the next byte literally. Bytes, no locale; takes at most
-// the product of the two sizes in steps, unlike fnmatch(3), which a hostile pattern keeps busy for
-// ever.
-bool MatchesGlob(std::string_view pattern, std::string_view text);
+// [^a] one of (none of) these, '\' takes the next byte literally. Bytes, no locale.
+//
+// BEWARE: takes up to the product of the two sizes in steps. So each byte of the pattern that is
+// looked at takes one off `steps`; when they are used up, `steps` is 0 and the result is false.
+bool MatchesGlob(std::string_view pattern, std::string_view text, std::size_t& steps);
 
 }  // namespace kv_server

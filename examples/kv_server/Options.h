@@ -14,6 +14,8 @@ struct Options {
     // Seconds; 0 for never.
     std::uint64_t idleTimeout = 300;
     std::uint64_t maxClients = 10000;
+    // Megabytes that commands and replies of all clients may take together.
+    std::uint64_t clientMemory = 256;
     // "epoll", "select" or "rtsig".
     std::string reactor = "epoll";
     // A trace file that several processes write to; "" for none.

@@ -1,4 +1,4 @@
-// Writes replies in RESP2.
+// Writes replies in RESP2. Each is there as a whole or, after a std::bad_alloc, not at all.
 #pragma once
 
 #include <kv_server/KvStore.h>
@@ -21,38 +21,43 @@ public:
     void WriteStatus(std::string_view text) { WriteLine('+', text); }
     void WriteError(std::string_view text) { WriteLine('-', text); }
 
-    void WriteNumber(long number) { WriteNumberLine(':', number); }
-    void WriteNil() { m_out.Write("$-1\r\n"); }
+    void WriteNumber(long number) { m_out.Write({NumberLine(':', number).Get()}); }
+    void WriteNil() { m_out.Write({"$-1\r\n"}); }
     void WriteBulk(std::string_view bytes) {
-        WriteNumberLine('$', static_cast<long>(bytes.size()));
-        m_out.Write(bytes);
-        m_out.Write("\r\n");
+        NumberLine line('$', bytes.size());
+        m_out.Write({line.Get(), bytes, "\r\n"});
     }
     void WriteBulk(const Value& value) {
-        WriteNumberLine('$', static_cast<long>(value.GetBytes().size()));
-        value.AppendTo(m_out);
-        m_out.Write("\r\n");
+        NumberLine line('$', value.GetBytes().size());
+        value.AppendTo(m_out, line.Get(), "\r\n");
     }
 
     // To be followed by that many replies.
-    void WriteArraySize(std::size_t size) { WriteNumberLine('*', static_cast<long>(size)); }
+    void WriteArraySize(std::size_t size) { m_out.Write({NumberLine('*', size).Get()}); }
 
     // Replies that were written elsewhere.
     void WriteReplies(examples::BlockChain&& replies) { m_out.Append(std::move(replies)); }
 
 private:
-    void WriteLine(char type, std::string_view text) {
-        std::string line(1, type);
-        m_out.Write(line.append(text).append("\r\n"));
-    }
+    class NumberLine {
+    public:
+        template <class Number>
+        NumberLine(char type, Number number) {
+            m_text[0] = type;
+            char* const end = std::to_chars(m_text + 1, m_text + sizeof(m_text) - 2, number).ptr;
+            end[0] = '\r';
+            end[1] = '\n';
+            m_size = static_cast<std::size_t>(end + 2 - m_text);
+        }
+        std::string_view Get() const { return {m_text, m_size}; }
 
-    void WriteNumberLine(char type, long number) {
-        char line[24];
-        line[0] = type;
-        char* const end = std::to_chars(line + 1, line + sizeof(line) - 2, number).ptr;
-        end[0] = '\r';
-        end[1] = '\n';
-        m_out.Write({line, static_cast<std::size_t>(end + 2 - line)});
+    private:
+        char m_text[24];
+        std::size_t m_size;
+    };
+
+    void WriteLine(char type, std::string_view text) {
+        m_out.Write({std::string_view(&type, 1), text, "\r\n"});
     }
 
     examples::BlockChain& m_out;

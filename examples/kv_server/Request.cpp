@@ -27,6 +27,13 @@ bool ToNumber(std::string_view text, long& out) {
     return error == std::errc() && end == text.data() + text.size();
 }
 
+std::string ToShown(std::string_view text) {
+    std::string shown(text);
+    std::replace_if(
+        shown.begin(), shown.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+    return shown;
+}
+
 std::size_t RequestParser::Parse(std::string_view input, CommandList& out) {
     std::size_t consumed = 0;
     while (m_error.empty()) {
@@ -102,7 +109,7 @@ RequestParser::EStep RequestParser::ReadCount(std::string_view command) {
 
 RequestParser::EStep RequestParser::ReadBulkSize(std::string_view command) {
     if (command.size() > m_position && command[m_position] != '$') {
-        return Fail(std::string("expected '$', got '") + command[m_position] + "'");
+        return Fail("expected '$', got '" + ToShown(command.substr(m_position, 1)) + "'");
     }
     const std::size_t begin = m_position;
     std::string_view line;

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,6 +23,10 @@ constexpr std::size_t c_maxWaiting = 4UL << 20;   // bytes of replies that wait 
 // A whole number in decimal and nothing else; `out` is undefined otherwise.
 [[nodiscard]] bool ToNumber(std::string_view text, long& out);
 
+// For a line that is shown to people: what is not printable ASCII could end the line or drive a
+// terminal, and becomes '?'.
+std::string ToShown(std::string_view text);
+
 // The arguments of a run of commands, as places in the buffer that was parsed.
 struct CommandList {
     struct Slice {
@@ -31,10 +36,21 @@ struct CommandList {
     std::vector<Slice> arguments;   // of all commands, one after the other
     std::vector<std::size_t> ends;  // of each command: the index after its last argument
 
+    // Gives back what one long run took.
     void Clear() {
+        if (GetHeld() > c_kept) {
+            *this = CommandList();
+        }
         arguments.clear();
         ends.clear();
     }
+
+    std::size_t GetHeld() const {
+        return arguments.capacity() * sizeof(Slice) + ends.capacity() * sizeof(std::size_t);
+    }
+
+private:
+    static constexpr std::size_t c_kept = 4096;
 };
 
 // What travels between the network thread and the store's thread: the commands that one client has
@@ -51,8 +67,15 @@ struct Batch {
     examples::BlockChain replies;
     bool quit = false;  // the client is to be let go after these replies
 
+    std::unique_ptr<Batch> following;  // of a BatchBox
+
     bool HasCommands() const { return next < commands.ends.size(); }
     bool HasWork() const { return HasCommands() || !error.empty(); }
+
+    // Bytes of memory, without the replies.
+    std::size_t GetHeld() const {
+        return (bytes != nullptr ? bytes->GetCapacity() : 0) + commands.GetHeld();
+    }
 
     // Drops what was to be done, not the replies.
     void Clear() {
@@ -108,11 +131,15 @@ private:
 
 // Collects what a client sends until commands are complete. Keeps the bytes of an incomplete
 // command in one block, which grows with what has really come, never with what was announced.
+// What needs memory and finds none throws std::bad_alloc: the client is then to be let go.
 class RequestReader {
 public:
     // Takes received bytes. When they complete commands, puts these into `batch`, which must have
     // none left. What is wrong with the input goes to its `error`; what comes later is ignored.
     void Take(std::string_view received, Batch& batch);
+
+    // Bytes of memory.
+    std::size_t GetHeld() const { return m_partial != nullptr ? m_partial->GetCapacity() : 0; }
 
 private:
     void Keep(std::string_view bytes);

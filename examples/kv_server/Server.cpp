@@ -4,11 +4,14 @@
 #include <common/Program.h>
 #include <common/Trace.h>
 #include <kv_server/Server.h>
+#include <malloc.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cassert>
+#include <iterator>
+#include <new>
 #include <utility>
-#include <vector>
 
 namespace kv_server {
 
@@ -17,8 +20,11 @@ namespace {
 // Beyond the clients served, so many are told that there is no place; further ones hear nothing.
 constexpr std::size_t c_refusedAtOnce = 64;
 constexpr std::int64_t c_lingerSeconds = 2;
-constexpr std::int64_t c_stopSeconds = 5;
+constexpr std::int64_t c_stopSeconds = 4;
 constexpr long c_stopTickUsec = 10000;
+
+// Less is not worth the walk through the heap.
+constexpr std::size_t c_givenBackFrom = 16UL << 20;
 
 // So many go fast enough for nobody to notice; the rest waits for the next turn.
 constexpr std::size_t c_removedAtOnce = 10000;
@@ -63,7 +69,11 @@ void StoreService::ScheduleExpiry() {
     m_nextExpiry = next;
     const std::int64_t wait = std::max<std::int64_t>(*next - m_store.GetTime(), 0);
     const CNxTimeValue interval(wait / c_msPerSecond, wait % c_msPerSecond * c_usPerMs);
-    examples::Require(m_timers.ScheduleTimer(this, nullptr, interval, 1), "time an expiry");
+    const NxResult result = m_timers.ScheduleTimer(this, nullptr, interval, 1);
+    if (result != NX_OK && result != NX_ERROR_FOUND) {
+        // No memory: the next batch tries again. Until then keys expire when they are named.
+        m_nextExpiry.reset();
+    }
 }
 
 Server::Server(const Options& options, INxReactor& network, INxEventQueue& store,
@@ -77,7 +87,8 @@ Server::Server(const Options& options, INxReactor& network, INxEventQueue& store
       m_acceptor(
           network, [this](int socket) { OnAccepted(socket); },
           [this] { CountRefused("out of descriptors"); }),
-      m_seconds(NowSeconds()) {}
+      m_seconds(NowSeconds()),
+      m_mayHold(options.clientMemory << 20) {}
 
 std::string Server::Open() {
     const auto port = static_cast<unsigned short>(m_options.port);
@@ -99,9 +110,22 @@ std::string Server::GetAddressText() const {
 
 void Server::OnAccepted(int socket) {
     ++m_stats.accepted;
-    const std::uint64_t id = ++m_lastClientId;
-    IClientOwner& owner = *this;
-    auto client = std::make_unique<Client>(id, socket, m_network, owner);
+    bool isTaken = false;
+    try {
+        IClientOwner& owner = *this;
+        auto client = std::make_unique<Client>(++m_lastClientId, socket, m_network, owner);
+        isTaken = true;
+        Serve(std::move(client));
+    } catch (const std::bad_alloc&) {
+        if (!isTaken) {
+            close(socket);
+        }
+        CountRefused("out of memory");
+    }
+}
+
+void Server::Serve(std::unique_ptr<Client> client) {
+    const std::uint64_t id = client->GetId();
     if (m_stats.connected >= m_options.maxClients) {
         CountRefused("max-clients reached");
         if (m_connections.size() < m_options.maxClients + c_refusedAtOnce &&
@@ -109,8 +133,8 @@ void Server::OnAccepted(int socket) {
             m_connections.emplace(id, Connection{std::move(client), false});
         }
     } else if (client->Open()) {
-        ++m_stats.connected;
         m_connections.emplace(id, Connection{std::move(client), true});
+        ++m_stats.connected;
     } else {
         CountRefused("the reactor has no place for it");
     }
@@ -122,12 +146,24 @@ void Server::CountRefused(const char* why) {
                     " refused: ", why);
 }
 
-void Server::Submit(std::unique_ptr<Batch> batch) {
-    examples::CallLater(m_store, [this, batch = std::move(batch)]() mutable {
+bool Server::Submit(std::unique_ptr<Batch> batch) {
+    auto run = [this, batch = std::move(batch)]() mutable {
         m_service.Run(*batch);
-        examples::CallLater(
-            m_network, [this, batch = std::move(batch)]() mutable { OnReplies(std::move(batch)); });
-    });
+        if (m_replies.Put(std::move(batch))) {
+            // Where there is no memory for this, the next tick looks.
+            examples::CallLater(m_network, [this] { TakeReplies(); });
+        }
+    };
+    return examples::CallLater(m_store, std::move(run)) == NX_OK;
+}
+
+void Server::TakeReplies() {
+    for (auto batch = m_replies.Take(); batch != nullptr; batch = m_replies.Take()) {
+        OnReplies(std::move(batch));
+        if (IsFull()) {
+            MakeRoom();
+        }
+    }
 }
 
 void Server::OnReplies(std::unique_ptr<Batch> batch) {
@@ -138,13 +174,46 @@ void Server::OnReplies(std::unique_ptr<Batch> batch) {
     }
 }
 
-void Server::ContinueLater(std::uint64_t clientId) {
-    examples::CallLater(m_network, [this, clientId] {
+bool Server::ContinueLater(std::uint64_t clientId) {
+    const auto goOn = [this, clientId] {
         Client* const client = Find(clientId);
         if (client != nullptr && !client->Continue()) {
             Erase(clientId);
         }
-    });
+    };
+    return examples::CallLater(m_network, goOn) == NX_OK;
+}
+
+void Server::CountHeld(std::size_t before, std::size_t now) {
+    assert(m_held >= before);
+    const bool wasFull = IsFull();
+    m_held += now - before;
+    m_heldMost = std::max(m_heldMost, m_held);
+    if (IsFull() && !wasFull) {
+        // Not at once: a client is in the middle of its step. Without memory the next tick does it.
+        examples::CallLater(m_network, [this] { MakeRoom(); });
+    }
+}
+
+// Lets go who holds most until the rest may stay.
+void Server::MakeRoom() {
+    while (IsFull()) {
+        const auto holdsLess = [](const auto& one, const auto& other) {
+            return one.second.client->GetHeld() < other.second.client->GetHeld();
+        };
+        const auto most = std::max_element(m_connections.begin(), m_connections.end(), holdsLess);
+        assert(most != m_connections.end());
+        examples::Trace(examples::c_traceWarning, "client ", most->first, " dropped: holds ",
+                        most->second.client->GetHeld(), " of ", m_held, " bytes");
+        Erase(most);
+    }
+}
+
+void Server::GiveMemoryBack() {
+    if (m_heldMost - m_held >= c_givenBackFrom) {
+        malloc_trim(0);
+        m_heldMost = m_held;
+    }
 }
 
 Client* Server::Find(std::uint64_t clientId) {
@@ -170,7 +239,14 @@ void Server::Close() {
 
 void Server::OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) {
     m_seconds = NowSeconds();
-    EraseIf([this](Client& client) { return IsOverdue(client); });
+    m_acceptor.OnTick();
+    TakeReplies();
+    MakeRoom();
+    EraseIf([this](Client& client) { return !client.OnTick() || IsOverdue(client); });
+    GiveMemoryBack();
+    if (m_stopAt != 0 && m_seconds >= m_stopAt) {
+        m_service.GiveUp();
+    }
     if (m_stopAt != 0 && m_connections.empty() && m_onStopped) {
         std::exchange(m_onStopped, nullptr)();
     }
@@ -185,7 +261,7 @@ bool Server::IsOverdue(const Client& client) const {
     if (client.IsLingering()) {
         return silent >= c_lingerSeconds;
     }
-    if (idleTimeout == 0 || silent <= idleTimeout) {
+    if (idleTimeout == 0 || silent <= idleTimeout || !client.IsIdle()) {
         return false;
     }
     examples::Trace(examples::c_traceInfo, "client ", client.GetId(), " was silent for ", silent,
@@ -193,26 +269,25 @@ bool Server::IsOverdue(const Client& client) const {
     return true;
 }
 
-// A client is not destroyed while it is asked: it may be in the middle of its own operation.
+// Needs no memory.
 template <class Condition>
 void Server::EraseIf(Condition condition) {
-    std::vector<std::uint64_t> ids;
-    for (const auto& [id, connection] : m_connections) {
-        if (condition(*connection.client)) {
-            ids.push_back(id);
-        }
-    }
-    for (const std::uint64_t id : ids) {
-        Erase(id);
+    for (auto at = m_connections.begin(); at != m_connections.end();) {
+        at = condition(*at->second.client) ? Erase(at) : std::next(at);
     }
 }
 
 void Server::Erase(std::uint64_t clientId) {
     const auto found = m_connections.find(clientId);
     assert(found != m_connections.end());
+    Erase(found);
+}
+
+Server::Connections::iterator Server::Erase(Connections::iterator found) {
     m_stats.connected -= found->second.isServed ? 1 : 0;
-    m_connections.erase(found);
+    const auto next = m_connections.erase(found);
     assert(m_stats.connected <= m_connections.size());
+    return next;
 }
 
 }  // namespace kv_server

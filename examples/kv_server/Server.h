@@ -3,6 +3,7 @@
 #pragma once
 
 #include <common/Acceptor.h>
+#include <kv_server/BatchBox.h>
 #include <kv_server/Client.h>
 #include <kv_server/CommandRunner.h>
 #include <kv_server/KvStore.h>
@@ -10,6 +11,7 @@
 #include <nx/event/INxEventQueue.h>
 #include <nx/timer/INxTimerQueue.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -30,6 +32,9 @@ public:
 
     void Run(Batch& batch);
     void Close();
+
+    // Any thread: what runs ends soon, and what comes is not run.
+    void GiveUp() { m_runner.GiveUp(); }
 
 private:
     void OnTimeout(const CNxTimeValue& curTime, void* token) override;
@@ -60,15 +65,17 @@ public:
     std::string GetAddressText() const;
 
     // Accepts no more, answers what has arrived, and hangs up on each client when it is answered,
-    // on all of them after five seconds. To be called once.
+    // on all of them after four seconds, whatever the store does. To be called once.
     void Stop();
 
     // Hangs up on whoever is left.
     void Close();
 
 private:
-    void Submit(std::unique_ptr<Batch> batch) override;
-    void ContinueLater(std::uint64_t clientId) override;
+    bool Submit(std::unique_ptr<Batch> batch) override;
+    bool ContinueLater(std::uint64_t clientId) override;
+    void CountHeld(std::size_t before, std::size_t now) override;
+    bool IsFull() const override { return m_held > m_mayHold; }
     void OnDropped(std::uint64_t clientId) override { Erase(clientId); }
     std::int64_t GetSeconds() const override { return m_seconds; }
     void OnTimeout(const CNxTimeValue& curTime, void* token) override;
@@ -78,16 +85,22 @@ private:
         std::unique_ptr<Client> client;
         bool isServed;
     };
+    using Connections = std::unordered_map<std::uint64_t, Connection>;
 
     void OnAccepted(int socket);
     void CountRefused(const char* why);
+    void Serve(std::unique_ptr<Client> client);
+    void TakeReplies();
     void OnReplies(std::unique_ptr<Batch> batch);
+    void MakeRoom();
+    void GiveMemoryBack();
     // The client of that number, or null.
     Client* Find(std::uint64_t clientId);
     void Tick(const CNxTimeValue& interval);
     template <class Condition>
     void EraseIf(Condition condition);
     void Erase(std::uint64_t clientId);
+    Connections::iterator Erase(Connections::iterator found);
     bool IsOverdue(const Client& client) const;
 
     const Options m_options;
@@ -99,10 +112,15 @@ private:
 
     examples::Acceptor m_acceptor;
     // A batch may come back when its client is gone: it is known by a number that is never reused.
-    std::unordered_map<std::uint64_t, Connection> m_connections;
+    Connections m_connections;
     std::uint64_t m_lastClientId = 0;
     std::int64_t m_seconds;
     std::int64_t m_stopAt = 0;  // 0 before Stop
+
+    BatchBox m_replies;
+    const std::size_t m_mayHold;
+    std::size_t m_held = 0;      // bytes, by all clients
+    std::size_t m_heldMost = 0;  // since memory was given back
 };
 
 }  // namespace kv_server

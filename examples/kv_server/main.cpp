@@ -29,6 +29,8 @@ constexpr const char* c_usage =
     "                            never (300)\n"
     "  --max-clients N           clients at the same time; more are told so and hung up\n"
     "                            on (10000)\n"
+    "  --client-memory MIB       memory for the commands and replies of all clients; who holds\n"
+    "                            most is hung up on first when it is not enough (256)\n"
     "  --reactor NAME            epoll, select (at most 1024 descriptors) or rtsig (epoll)\n"
     "  --shared-trace FILE       trace to this file, too; other processes may do the same\n"
     "  --help                    print this\n"
@@ -48,6 +50,10 @@ constexpr const char* c_usage =
 // For the library, the standard streams, and clients that are being refused.
 constexpr rlim_t c_otherDescriptors = 128;
 
+// Seconds. The server itself takes less; this is for what cannot be interrupted, the store deep in
+// its work or freeing millions of keys.
+constexpr unsigned c_stopLimit = 5;
+
 int Fail(const std::string& what, int status = examples::c_statusFailed) {
     examples::Trace(examples::c_traceError, what.c_str());
     return examples::Fail(what, status);
@@ -65,6 +71,7 @@ CommandLine Describe(Options& options) {
         {"--port", &options.port, 0, 65535},
         {"--idle-timeout", &options.idleTimeout, 0, 31536000},
         {"--max-clients", &options.maxClients, 1, 1000000},
+        {"--client-memory", &options.clientMemory, 1, 1048576},
     };
     line.check = [&options] {
         const std::string& reactor = options.reactor;
@@ -118,6 +125,7 @@ int Serve(const Options& options, examples::Program& program, CNxThread& store) 
     };
     work.onStop = [&server] { server.Stop(); };
     work.onHangUp = ReadTraceSwitches;
+    work.stopLimit = c_stopLimit;
     const std::string error = program.Run(work);
     examples::Trace(examples::c_traceInfo, "stopped; clients accepted ", stats.accepted.load(),
                     ", refused ", stats.refused.load());

@@ -1,6 +1,11 @@
+#include <fcntl.h>
 #include <iniparser/iniparser.h>
 #include <nx/config/CConfigFile.h>
 #include <nx/foundation/CNxUtils.h>
+#include <nx/foundation/high_descriptor.h>
+#include <nx/foundation/standard_streams.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cassert>
@@ -154,8 +159,13 @@ bool Dump(dictionary* ini, const CNxString& path) {
     if (!TidySections(ini)) {
         return false;
     }
-    FILE* const out = std::fopen(path.c_str(), "we");
+    const int fd =
+        ToHighDescriptor(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    FILE* const out = fd < 0 ? nullptr : fdopen(fd, "w");
     if (out == nullptr) {
+        if (fd >= 0) {
+            close(fd);
+        }
         return false;
     }
     const std::vector<Entry> original = QuoteValues(ini);
@@ -178,7 +188,10 @@ int CConfigFile::Open(const CNxString& path) {
         return -1;
     }
     m_path = path;
-    m_ini = iniparser_load(path.c_str());
+    // iniparser would wait for the writer of a FIFO.
+    struct stat status {};
+    const bool isOther = stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+    m_ini = isOther ? nullptr : iniparser_load(path.c_str());
     return m_ini == nullptr ? -1 : 0;
 }
 
@@ -240,7 +253,7 @@ NxResult CConfigFile::SaveToOtherConfig(const CNxString& path) {
         return NX_ERROR_FAILURE;
     }
     if (!AllSurviveSaving(m_ini) || !Dump(m_ini, path)) {
-        std::fprintf(stderr, "SaveToOtherConfig: cannot open %s\n", path.c_str());
+        PrintToStderr("SaveToOtherConfig: cannot open %s\n", path.c_str());
         return NX_ERROR_FAILURE;
     }
     return NX_OK;

@@ -22,9 +22,9 @@ public:
     static CConfigFile* Instance() { return &g_configfile; }
 
     // Loads the file in place of what was loaded before. 0; -1 when the path is empty, the file
-    // cannot be opened, has a line that is too long or is neither section, entry nor comment
-    // (iniparser tells which on standard error). After -1 nothing is loaded. The path is remembered
-    // for SaveConfig, also after a failure, unless it is empty.
+    // cannot be opened or is no regular file, has a line that is too long or is neither section,
+    // entry nor comment (iniparser tells which on standard error). After -1 nothing is loaded. The
+    // path is remembered for SaveConfig, also after a failure, unless it is empty.
     [[nodiscard]] int Open(const CNxString& path);
 
     // Frees what is loaded.

@@ -1,7 +1,11 @@
+#include <fcntl.h>
 #include <nx/config/init_file.h>
 #include <nx/foundation/CNxString.h>
+#include <nx/foundation/high_descriptor.h>
 #include <nx/process/trace_setting.h>
 #include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cassert>
 #include <cstdlib>
@@ -17,8 +21,22 @@ struct CFileCloser {
 };
 using CFile = std::unique_ptr<FILE, CFileCloser>;
 
-CFile OpenProfile(const char* path) {
-    return CFile(path == nullptr ? nullptr : std::fopen(path, "rte"));
+// Does not wait for the writer of a FIFO, nor for a device, and takes neither.
+CFile OpenProfile(const char* path, off_t minSize = 0) {
+    const int fd = path == nullptr
+                       ? -1
+                       : ToHighDescriptor(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (fd < 0) {
+        return nullptr;
+    }
+    struct stat status {};
+    const bool isGood =
+        fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_size >= minSize;
+    CFile file(isGood ? fdopen(fd, "r") : nullptr);
+    if (file == nullptr) {
+        close(fd);
+    }
+    return file;
 }
 
 // A section header's name, or null when the line is no header.
@@ -56,12 +74,14 @@ char* EntryValue(char* line, const char* key) {
     return Unquote(trim_string(equals + 1));
 }
 
-// As read_init_file, but opens the file, and `out` is always terminated.
-bool LookUp(const char* path, const char* section, const char* key, char* out, unsigned long size) {
+// As read_init_file, but from the beginning of the file, and `out` is always terminated.
+bool LookUp(FILE* file, const char* section, const char* key, char* out, unsigned long size) {
     assert(out != nullptr && size > 0);
     out[0] = '\0';
-    const CFile file = OpenProfile(path);
-    const bool isFound = read_init_file(file.get(), section, key, out, size - 1);
+    if (file != nullptr) {
+        std::rewind(file);
+    }
+    const bool isFound = read_init_file(file, section, key, out, size - 1);
     out[size - 1] = '\0';
     assert(isFound || out[0] == '\0');
     return isFound;
@@ -74,14 +94,19 @@ void DropSemicolon(char* value) {
     }
 }
 
+bool GetString(FILE* file, const char* section, const char* key, char* out, unsigned long size) {
+    const bool hasValue = LookUp(file, section, key, out, size) && out[0] != '\0';
+    DropSemicolon(out);
+    return hasValue;
+}
+
 // Room for as many bytes of a value as count, and the terminator.
 template <size_t Bytes>
 struct CParam {
-    CParam(const char* section, const char* key) {
-        m_hasValue = get_string_param(section, key, m_text, sizeof(m_text));
-    }
+    CParam(FILE* file, const char* section, const char* key)
+        : m_hasValue(GetString(file, section, key, m_text, sizeof(m_text))) {}
     char m_text[Bytes + 1];
-    bool m_hasValue;
+    const bool m_hasValue;
 };
 
 }  // namespace
@@ -131,7 +156,7 @@ bool is_comment_line(const char* s) {
 
 int get_int_from_profile(const char* section, const char* key, int defaultValue, const char* path) {
     char text[257];
-    if (!LookUp(path, section, key, text, sizeof(text))) {
+    if (!LookUp(OpenProfile(path).get(), section, key, text, sizeof(text))) {
         return defaultValue;
     }
     char* end = nullptr;
@@ -147,7 +172,7 @@ unsigned long get_string_from_profile(const char* section, const char* key,
     }
     // A copy, for the default may be what `out` holds.
     const CNxString fallback(defaultValue);
-    if (!LookUp(path, section, key, out, size)) {
+    if (!LookUp(OpenProfile(path).get(), section, key, out, size)) {
         std::strncpy(out, fallback.c_str(), size - 1);
     }
     return std::strlen(out);
@@ -157,13 +182,19 @@ bool get_string_param(const char* section, const char* key, char* out, unsigned 
     if (out == nullptr || size == 0) {
         return false;
     }
-    const bool hasValue = LookUp(g_strConfigfile1, section, key, out, size) && out[0] != '\0';
-    DropSemicolon(out);
-    return hasValue;
+    return GetString(OpenProfile(g_strConfigfile1).get(), section, key, out, size);
+}
+
+FILE* open_config_file() {
+    return OpenProfile(g_strConfigfile1, 1).release();
 }
 
 int get_int_param(const char* section, const char* key) {
-    const CParam<256> param(section, key);
+    return get_int_param(OpenProfile(g_strConfigfile1).get(), section, key);
+}
+
+int get_int_param(FILE* file, const char* section, const char* key) {
+    const CParam<256> param(file, section, key);
     return static_cast<int>(std::strtol(param.m_text, nullptr, 10));
 }
 
@@ -172,12 +203,17 @@ std::uint16_t get_uint16_param(const char* section, const char* key) {
 }
 
 std::uint32_t get_uint32_param(const char* section, const char* key) {
-    const CParam<256> param(section, key);
+    const CParam<256> param(OpenProfile(g_strConfigfile1).get(), section, key);
     return static_cast<std::uint32_t>(std::strtoul(param.m_text, nullptr, 10));
 }
 
 unsigned char get_bool_param(const char* section, const char* key, unsigned char defaultValue) {
-    const CParam<512> param(section, key);
+    return get_bool_param(OpenProfile(g_strConfigfile1).get(), section, key, defaultValue);
+}
+
+unsigned char get_bool_param(FILE* file, const char* section, const char* key,
+                             unsigned char defaultValue) {
+    const CParam<512> param(file, section, key);
     if (!param.m_hasValue) {
         return defaultValue;
     }

@@ -3,7 +3,8 @@
 //
 // Nothing is cached: every look-up opens the file, scans it from the top and closes it, so an
 // edited file counts from the next look-up on. Any thread may call any function. Nothing is
-// reported: without the file, the section or the key the caller gets the default.
+// reported: without the file, the section or the key the caller gets the default. A path that does
+// not lead to a regular file (a FIFO or a device, which could be waited for) counts as no file.
 //
 // The syntax, line by line; white space is " \t\r\n":
 // - A line whose first visible character is '#' is a comment. Nothing else is: a ';' or '#' after
@@ -46,7 +47,13 @@ unsigned long get_string_from_profile(const char* section, const char* key,
                                       const char* defaultValue, char* out, unsigned long size,
                                       const char* path);
 
-// The following read the process's configuration file, and drop one ';' at the value's end.
+// The process's configuration file, for several look-ups that are to see the same content; the
+// caller closes it. Null when it cannot be opened, is no regular file, or is empty, as files are
+// while they are being rewritten.
+[[nodiscard]] FILE* open_config_file();
+
+// The following read the process's configuration file, and drop one ';' at the value's end. Those
+// with a `file` read that one from its beginning; null counts as a file without the key.
 
 // Puts the value into `out`, cut at size - 1 bytes and terminated; the empty text when there is
 // none. Returns whether there was one before its ';' was dropped: for "key=;" true and "". False
@@ -56,10 +63,13 @@ unsigned long get_string_from_profile(const char* section, const char* key,
 
 // 0 for a value that is missing or no number. Of a value the first 256 bytes count.
 [[nodiscard]] int get_int_param(const char* section, const char* key);
+[[nodiscard]] int get_int_param(FILE* file, const char* section, const char* key);
 [[nodiscard]] std::uint16_t get_uint16_param(const char* section, const char* key);
 [[nodiscard]] std::uint32_t get_uint32_param(const char* section, const char* key);
 
 // 1 for "TRUE" in any case, 0 for anything else ("yes" and "1" too); the default when the value is
 // missing or empty.
 [[nodiscard]] unsigned char get_bool_param(const char* section, const char* key,
+                                           unsigned char defaultValue);
+[[nodiscard]] unsigned char get_bool_param(FILE* file, const char* section, const char* key,
                                            unsigned char defaultValue);

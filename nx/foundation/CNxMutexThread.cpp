@@ -1,7 +1,7 @@
 #include <nx/foundation/CNxMutexThread.h>
+#include <nx/foundation/standard_streams.h>
 
 #ifdef NXBASE_CHECK_THREADS
-#include <cstdio>
 #include <cstdlib>
 #endif
 
@@ -50,7 +50,7 @@ NxResult CNxMutexThreadBase::TryLock() NX_NO_THREAD_SAFETY_ANALYSIS {
 #ifdef NXBASE_CHECK_THREADS
 void CNxMutexThreadBase::AssertHeld() const NX_NO_THREAD_SAFETY_ANALYSIS {
     if (m_holder.load(std::memory_order_relaxed) != pthread_self()) {
-        std::fprintf(stderr, "nxbase: a mutex is not held by the thread that relies on it\n");
+        PrintToStderr("nxbase: a mutex is not held by the thread that relies on it\n");
         std::abort();
     }
 }

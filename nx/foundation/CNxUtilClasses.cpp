@@ -2,7 +2,8 @@
 
 #ifdef NXBASE_CHECK_THREADS
 
-#include <cstdio>
+#include <nx/foundation/standard_streams.h>
+
 #include <cstdlib>
 
 void CNxEnsureSingleThread::EnsureSingleThread(const char* what) const {
@@ -11,8 +12,8 @@ void CNxEnsureSingleThread::EnsureSingleThread(const char* what) const {
     if (owner == caller) {
         return;
     }
-    std::fprintf(stderr, "nxbase: %s belongs to thread %lx but was used from thread %lx\n", what,
-                 owner, caller);
+    PrintToStderr("nxbase: %s belongs to thread %lx but was used from thread %lx\n", what, owner,
+                  caller);
     std::abort();
 }
 

@@ -1,11 +1,11 @@
 #include <nx/foundation/CCancelOff.h>
 #include <nx/foundation/CNxUtils.h>
+#include <nx/foundation/standard_streams.h>
 #include <nx/process/process_path.h>
 #include <nx/process/trace_setting.h>
 
 #include <atomic>
 #include <cassert>
-#include <cstdio>
 #include <cstring>
 #include <mutex>
 
@@ -28,19 +28,22 @@ struct CExecName {
 void InitOnce() {
     assert(g_strTracehome1[0] == '\0' && g_strConfigfile1[0] == '\0');
     const CNxString name = get_process_name();
-    std::printf("name:%s\n", name.c_str());
+    PrintToStdout("name:%s\n", name.c_str());
     if (name.empty()) {
         return;
     }
+    // All memory first: without it the next call begins anew.
     const CNxString home = GetBinHomePath();
+    const CNxString configFile = home + "/conf/" + name + ".cfg";
+    const CNxString logDir = home + "/logs/";
     BufferStringCopy(g_currentProcessName1, sizeof(g_currentProcessName1), name);
     BufferStringCopy(g_strTracehome1, sizeof(g_strTracehome1), home);
-    BufferStringCopy(g_strConfigfile1, sizeof(g_strConfigfile1), home + "/conf/" + name + ".cfg");
-    BufferStringCopy(g_strLogDir1, sizeof(g_strLogDir1), home + "/logs/");
-    std::printf("trace_setting_init, g_strTracehome1=%s\n", g_strTracehome1);
-    std::printf("trace_setting_init, g_strConfigfile1=%s\n", g_strConfigfile1);
-    std::printf("trace_setting_init, g_strLogDir1=%s\n", g_strLogDir1);
-    std::printf("trace_setting_init, g_currentProcessName1=%s\n", g_currentProcessName1);
+    BufferStringCopy(g_strConfigfile1, sizeof(g_strConfigfile1), configFile);
+    BufferStringCopy(g_strLogDir1, sizeof(g_strLogDir1), logDir);
+    PrintToStdout("trace_setting_init, g_strTracehome1=%s\n", g_strTracehome1);
+    PrintToStdout("trace_setting_init, g_strConfigfile1=%s\n", g_strConfigfile1);
+    PrintToStdout("trace_setting_init, g_strLogDir1=%s\n", g_strLogDir1);
+    PrintToStdout("trace_setting_init, g_currentProcessName1=%s\n", g_currentProcessName1);
     s_initialised.store(true, std::memory_order_release);
 }
 

@@ -55,14 +55,18 @@ NxResult CNxEventHandlerRepository::SetRlimit(int resource, int wanted, int& act
         actual = soft;
         return NX_OK;
     }
-    const rlimit raised{static_cast<rlim_t>(wanted), static_cast<rlim_t>(wanted)};
+    const auto target = static_cast<rlim_t>(wanted);
+    const rlimit raised{target, std::max(target, limit.rlim_max)};
     if (setrlimit(which, &raised) == 0) {
         return NX_OK;
     }
     if (errno != EPERM) {
         return NX_ERROR_UNEXPECTED;
     }
-    actual = soft;
+    // Above the hard limit only a privileged process gets.
+    const rlim_t allowed = std::min(target, limit.rlim_max);
+    const rlimit most{allowed, limit.rlim_max};
+    actual = setrlimit(which, &most) == 0 ? static_cast<int>(allowed) : soft;
     return NX_OK;
 }
 

@@ -19,7 +19,7 @@ public:
         long m_mask = 0;
     };
 
-    // Sizes the table with SetRlimit(RLIMIT_NOFILE, 8192) and makes it, all free. NX_OK,
+    // Makes the table, all free, as large as SetRlimit(RLIMIT_NOFILE, 8192) tells. NX_OK,
     // NX_ERROR_ALREADY_INITIALIZED when there is one, NX_ERROR_UNEXPECTED when the limit cannot be
     // had, NX_ERROR_FAILURE when there is no memory for it.
     [[nodiscard]] NxResult Open();
@@ -48,11 +48,12 @@ public:
         return m_pHandlers[static_cast<size_t>(fd)];
     }
 
-    // Raising the soft limit lowers a higher hard limit to the same value.
-    // Makes sure that the process may use at least `wanted` of a resource (getrlimit(2)) and tells
-    // in `actual` how many there are: the soft limit when it is `wanted` or more, else `wanted`
-    // after both limits were set to it. Where that is not permitted the old soft limit stays.
-    // NX_OK; NX_ERROR_UNEXPECTED when the system calls fail or the soft limit is infinite.
+    // Lowers neither limit of the process. A server that wants more descriptors than 8192 calls it
+    // before the reactor's Open, which takes the soft limit that it finds.
+    // Raises the soft limit of a resource (getrlimit(2)) to `wanted`, and with it a hard limit
+    // below that where the process may, else to the hard limit; tells in `actual` what it is then.
+    // A soft limit of `wanted` or more stays. NX_OK; NX_ERROR_UNEXPECTED when the system calls fail
+    // or the soft limit is infinite.
     [[nodiscard]] static NxResult SetRlimit(int resource, int wanted, int& actual);
 
     // Adds the descriptor of every handler, asked with GetHandle(), to the read set (input and

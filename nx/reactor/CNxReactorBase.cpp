@@ -1,8 +1,14 @@
+#include <nx/foundation/CNxProcessWide.h>
 #include <nx/reactor/CNxReactorBase.h>
 #include <nx/timer/CNxTimerQueueOrderedList.h>
 #include <pthread.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 
 #include <cassert>
+#include <cerrno>
+#include <cstdio>
+#include <new>
 #include <utility>
 
 namespace {
@@ -12,6 +18,25 @@ using CElement = CNxEventHandlerRepository::CElement;
 constexpr const char* c_name = "a reactor";
 constexpr size_t c_eventsPerTurn = 100000;
 constexpr long c_allAndCall = NX_MASK_ALL_EVENTS | NX_MASK_SHOULD_CALL;
+constexpr int c_none = -1;
+
+// The bytes that wait to be read; 0 where there is no such number.
+int CountUnread(int fd) {
+    int count = 0;
+    return ioctl(fd, FIONREAD, &count) == 0 ? count : 0;
+}
+
+void WarnOfOtherHandler([[maybe_unused]] int fd, [[maybe_unused]] const INxEventHandler* asked,
+                        [[maybe_unused]] const INxEventHandler* registered) {
+#ifdef NXBASE_CHECK_THREADS
+    if (asked != registered) {
+        std::fprintf(stderr,
+                     "nxbase: RemoveHandler of handler %p takes away the registration of handler "
+                     "%p, which has descriptor %d now\n",
+                     static_cast<const void*>(asked), static_cast<const void*>(registered), fd);
+    }
+#endif
+}
 
 }  // namespace
 
@@ -23,10 +48,11 @@ CNxReactorBase::~CNxReactorBase() = default;
 NxResult CNxReactorBase::Open() {
     Reset2CurrentThread();
     if (m_pTimerQueue == nullptr) {
-        m_pTimerQueue = std::make_unique<CNxTimerQueueOrderedList>(nullptr);
+        m_pTimerQueue.reset(new (std::nothrow) CNxTimerQueueOrderedList(nullptr));
     }
-    const NxResult opened = m_EhRepository.Open();
+    const NxResult opened = m_pTimerQueue != nullptr ? m_EhRepository.Open() : NX_ERROR_FAILURE;
     if (opened == NX_OK) {
+        m_forksAtOpen.store(CNxProcessWide::CountForks(), std::memory_order_relaxed);
         CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
         SetStopped_i(false);
     }
@@ -56,36 +82,37 @@ NxResult CNxReactorBase::RegisterHandler(INxEventHandler* handler, long mask) {
     if (handler == nullptr || mask == 0) {
         return NX_ERROR_INVALID_ARG;
     }
-    const int fd = handler->GetHandle();
-    if (!m_EhRepository.IsRegistered(fd)) {
-        return RegisterInFreePlace(fd, mask, handler);
+    if (IsCopyOfParent()) {
+        return NX_ERROR_NOT_INITIALIZED;
     }
-    CElement& element = m_EhRepository.At(fd);
-    if (element.m_handler == handler && element.m_mask == mask) {
+    const int fd = handler->GetHandle();
+    const bool isReplaced = m_EhRepository.IsRegistered(fd);
+    if (isReplaced && m_EhRepository.At(fd).m_handler == handler &&
+        m_EhRepository.At(fd).m_mask == mask) {
         return NX_OK;
     }
-    OnHandleRemoved(fd);
-    // Whatever it returns: the handler of before is not to be called any more.
-    static_cast<void>(OnHandleRegister(fd, mask, handler));
-    element = {handler, mask};
-    return NX_ERROR_FOUND;
-}
-
-// The demultiplexer is asked first, about descriptors without a place too: what it refuses is not
-// looked up.
-NxResult CNxReactorBase::RegisterInFreePlace(int fd, long mask, INxEventHandler* handler) {
+    // The demultiplexer is asked about descriptors without a place too: what it refuses is not
+    // looked up.
     const NxResult watched = OnHandleRegister(fd, mask, handler);
     if (watched != NX_OK) {
         return watched;
     }
-    if (m_EhRepository.HasPlace(fd)) {
-        m_EhRepository.At(fd) = {handler, mask};
-        return NX_OK;
+    if (!m_EhRepository.HasPlace(fd)) {
+        if (fd >= 0) {
+            OnHandleRemoved(fd);
+        }
+        return NX_ERROR_INVALID_ARG;
     }
-    if (fd >= 0) {
-        OnHandleRemoved(fd);
+    m_EhRepository.At(fd) = {handler, mask};
+    ForgetFailing(fd);
+    return isReplaced ? NX_ERROR_FOUND : NX_OK;
+}
+
+// What is said of its failure is not meant for the next registration of its number.
+void CNxReactorBase::ForgetFailing(int fd) {
+    if (m_failingFd == fd) {
+        m_failingFd = c_none;
     }
-    return NX_ERROR_INVALID_ARG;
 }
 
 NxResult CNxReactorBase::RemoveHandler(INxEventHandler* handler, long mask) {
@@ -99,6 +126,7 @@ NxResult CNxReactorBase::RemoveHandler(INxEventHandler* handler, long mask) {
         return NX_OK;
     }
     const CElement element = m_EhRepository.At(fd);
+    WarnOfOtherHandler(fd, handler, element.m_handler);
     return RemoveHandleWithoutFinding_i(fd, element, mask);
 }
 
@@ -120,7 +148,10 @@ NxResult CNxReactorBase::RemoveHandleWithoutFinding_i(int fd, const CElement& el
     if (m_EhRepository.HasPlace(fd)) {
         m_EhRepository.At(fd) = {};
     }
-    OnHandleRemoved(fd);
+    ForgetFailing(fd);
+    if (!IsCopyOfParent()) {
+        OnHandleRemoved(fd);
+    }
     if ((mask & NX_MASK_SHOULD_CALL) != 0) {
         assert(element.m_handler != nullptr);
         element.m_handler->OnClose(fd, element.m_mask);
@@ -129,13 +160,24 @@ NxResult CNxReactorBase::RemoveHandleWithoutFinding_i(int fd, const CElement& el
 }
 
 NxResult CNxReactorBase::PostEvent(INxEvent* event, INxEventQueue::EPriority priority) {
+    if (event != nullptr && IsCopyOfParent()) {
+        event->OnDestorySelf();
+        return NX_ERROR_NOT_INITIALIZED;
+    }
     size_t oldSize = 0;
     const NxResult posted = PostEventWithOldSize(event, priority, &oldSize);
-    if (posted == NX_OK && oldSize == 0) {
-        // A reactor that is full of wake-ups wakes without this one, and Open looks for itself.
-        static_cast<void>(NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE));
+    if (posted != NX_OK || (oldSize != 0 && !IsWakeUpOwed())) {
+        return posted;
     }
-    return posted;
+    if (NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE) != NX_OK) {
+        m_wakeUpOwed.store(true);
+    }
+    return NX_OK;
+}
+
+// The caller pays for it.
+bool CNxReactorBase::IsWakeUpOwed() {
+    return m_wakeUpOwed.load(std::memory_order_relaxed) && m_wakeUpOwed.exchange(false);
 }
 
 NxResult CNxReactorBase::SendEvent(INxEvent* event) {
@@ -172,13 +214,14 @@ NxResult CNxReactorBase::ProcessTimerTick() {
     return NX_OK;
 }
 
-NxResult CNxReactorBase::ProcessHandleEvent(int fd, long mask, long /*reason*/, int /*fromNotify*/,
+NxResult CNxReactorBase::ProcessHandleEvent(int fd, long mask, long reason, int /*fromNotify*/,
                                             int dropConnect) {
     m_Est.EnsureSingleThread(c_name);
-    if (fd == -1) {
+    const bool isCopy = IsCopyOfParent();
+    if (fd == -1 && !isCopy) {
         return ProcessPostedEvents();
     }
-    if (!m_EhRepository.IsOpen()) {
+    if (!m_EhRepository.IsOpen() || isCopy) {
         return NX_ERROR_NOT_INITIALIZED;
     }
     if (!m_EhRepository.HasPlace(fd)) {
@@ -192,7 +235,7 @@ NxResult CNxReactorBase::ProcessHandleEvent(int fd, long mask, long /*reason*/, 
         return NX_ERROR_NOT_FOUND;
     }
     if ((mask & NX_MASK_CLOSE) != 0) {
-        return RemoveHandleWithoutFinding_i(fd, element, c_allAndCall);
+        return CloseHandler(fd, element, static_cast<int>(reason));
     }
     const long active = mask & element.m_mask;
     if (dropConnect != 0 && (active & NX_MASK_CONNECT) != 0) {
@@ -223,7 +266,63 @@ NxResult CNxReactorBase::DropHandler(int fd, const INxEventHandler* handler) {
         return NX_OK;
     }
     const CElement element = m_EhRepository.At(fd);
-    return RemoveHandleWithoutFinding_i(fd, element, c_allAndCall);
+    // A handler that found its connect failed need not have asked why.
+    const bool connects = (element.m_mask & NX_MASK_CONNECT) != 0;
+    return CloseHandler(fd, element, connects ? TakeError(fd) : 0);
+}
+
+NxResult CNxReactorBase::CloseHandler(int fd, const CElement& element, int reason) {
+    m_closeReason = reason;
+    const NxResult removed = RemoveHandleWithoutFinding_i(fd, element, c_allAndCall);
+    m_closeReason = 0;
+    return removed;
+}
+
+void CNxReactorBase::DispatchFailure(int fd, int error) {
+    if (!m_EhRepository.IsRegistered(fd)) {
+        return;
+    }
+    m_failingFd = fd;
+    const bool isRead = DispatchUnread(fd);
+    if (m_failingFd != fd) {
+        return;
+    }
+    m_failingFd = c_none;
+    if (isRead) {
+        ProcessHandleEvent(fd, NX_MASK_CLOSE, error != 0 ? error : TakeError(fd), 0, 0);
+    } else {
+        // What it tries to write tells it of the failure, and so does the rest when it reads again.
+        ProcessHandleEvent(fd, NX_MASK_OUTPUT, 0, 0, 0);
+    }
+}
+
+// Whether nothing that its handler wants is left of what had arrived; false when it does not read
+// at present.
+bool CNxReactorBase::DispatchUnread(int fd) {
+    int unread = CountUnread(fd);
+    while (unread > 0 && m_failingFd == fd && (m_EhRepository.At(fd).m_mask & NX_MASK_INPUT) != 0) {
+        ProcessHandleEvent(fd, NX_MASK_INPUT, 0, 0, 0);
+        const int left = m_failingFd == fd ? CountUnread(fd) : 0;
+        if (left >= unread) {
+            return false;
+        }
+        unread = left;
+    }
+    return true;
+}
+
+int CNxReactorBase::TakeError(int fd) {
+    int error = 0;
+    socklen_t length = sizeof(error);
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0) {
+        return error;
+    }
+    return errno == ENOTSOCK ? EPIPE : errno;
+}
+
+bool CNxReactorBase::IsCopyOfParent() const {
+    const long forks = m_forksAtOpen.load(std::memory_order_relaxed);
+    return forks != c_none && forks != static_cast<long>(CNxProcessWide::CountForks());
 }
 
 NxResult CNxReactorBase::ProcessPostedEvents() {
@@ -240,7 +339,7 @@ NxResult CNxReactorBase::ProcessPostedEvents() {
     assert(!events.empty() && events.size() <= c_eventsPerTurn);
     const NxResult processed = ProcessEvents(events);
     if (remaining != 0) {
-        // A reactor that is full of wake-ups comes back here without this one.
+        // A loop that looks at the queue in every turn comes back here without it.
         static_cast<void>(NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE));
     }
     return processed;

@@ -1,28 +1,14 @@
 #include <nx/net/CNxIPCBase.h>
 #include <nx/reactor/CNxReactorEpoll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cassert>
 #include <cerrno>
-#include <climits>
 
 namespace {
 
 constexpr int c_readyPerWait = 1024;
 constexpr int c_forgotten = -1;
-constexpr long c_millisecondsPerSecond = 1000;
-
-// What epoll_wait takes: -1 for no limit, and never more than an int holds.
-int ToTimeoutMs(const CNxTimeValue& remaining) {
-    if (remaining == CNxTimeValue::s_tvMax()) {
-        return -1;
-    }
-    if (remaining.GetSec() >= INT_MAX / c_millisecondsPerSecond) {
-        return INT_MAX;
-    }
-    return static_cast<int>(remaining.GetTotalInMsec());
-}
 
 }  // namespace
 
@@ -50,74 +36,57 @@ void CNxReactorEpoll::CloseEpoll() {
     }
 }
 
-NxResult CNxReactorEpoll::WaitAndDispatch(const CNxTimeValue& remaining, int timersFired) {
-    const int timeoutMs = ToTimeoutMs(remaining);
-    if (timeoutMs == 0 && timersFired == 0) {
+NxResult CNxReactorEpoll::WaitAndDispatch(const CNxTimeValue& remaining, bool hasWork) {
+    const int timeoutMs = static_cast<int>(remaining.GetTotalInMsec());
+    if (timeoutMs == 0 && !hasWork) {
         return NX_OK;
     }
     const int count = epoll_wait(m_epollHandle, m_ready.get(), c_readyPerWait, timeoutMs);
     if (count == -1) {
         return errno == EINTR ? NX_OK : NX_ERROR_FAILURE;
     }
-    if (count > 0) {
-        DispatchReady(count);
-        RearmNotifyPipe();
-        ProcessHandleEvent(-1, NX_MASK_EVENT_QUEUE, 0, 0, 0);
-    }
+    DispatchReady(count);
+    RunPosted();
     return NX_OK;
 }
 
 void CNxReactorEpoll::DispatchReady(int count) {
     m_readyCount = count;
-    for (m_nextReady = 0; m_nextReady < m_readyCount;) {
+    for (m_nextReady = 0; m_nextReady < m_readyCount; ++m_nextReady) {
         const epoll_event& ready = m_ready[static_cast<size_t>(m_nextReady)];
-        ++m_nextReady;
-        const int fd = ready.data.fd;
-        if (fd == c_forgotten) {
-            continue;
+        if (ready.data.fd != c_forgotten) {
+            DispatchOne(ready.data.fd, ready.events);
         }
-        const long mask = ToMask(fd, ready.events);
-        const long reason = (mask & NX_MASK_CLOSE) != 0 ? static_cast<long>(NX_ERROR_FAILURE) : 0;
-        ProcessHandleEvent(fd, mask, reason, 0, 0);
     }
     m_nextReady = 0;
     m_readyCount = 0;
 }
 
-long CNxReactorEpoll::ToMask(int fd, unsigned int readiness) const {
+void CNxReactorEpoll::DispatchOne(int fd, unsigned int readiness) {
+    const bool hasError = (readiness & EPOLLERR) != 0 && (readiness & EPOLLOUT) != 0;
+    const bool hasHungUp = (readiness & EPOLLHUP) != 0;
+    // Read only where the connection may live on: else the handler's own calls find it first.
+    const int error = hasError && !hasHungUp ? TakeError(fd) : 0;
+    if (error != 0 || (hasError && hasHungUp)) {
+        DispatchFailure(fd, error);
+        return;
+    }
     long mask = 0;
     if ((readiness & EPOLLIN) != 0) {
         mask |= NX_MASK_INPUT | NX_MASK_CONNECT;
     }
     if ((readiness & EPOLLOUT) != 0) {
         mask |= NX_MASK_OUTPUT;
-        if (!IsConnected(fd)) {
-            mask |= NX_MASK_CLOSE;
-        }
     }
-    return mask;
+    ProcessHandleEvent(fd, mask, 0, 0, 0);
 }
 
 bool CNxReactorEpoll::IsConnected(int fd) const {
-    int error = 0;
-    socklen_t length = sizeof(error);
-    return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0;
-}
-
-// The pipe gives up one record per readiness, and the edge of the others has gone by.
-void CNxReactorEpoll::RearmNotifyPipe() {
-    if (!m_NotifyPipe.HasRecords()) {
-        return;
-    }
-    epoll_event interest{};
-    interest.events = EPOLLIN | EPOLLET;
-    interest.data.fd = m_NotifyPipe.GetHandle();
-    // Fails only after the pipe was closed, and then nobody waits for its records.
-    epoll_ctl(m_epollHandle, EPOLL_CTL_MOD, interest.data.fd, &interest);
+    return TakeError(fd) == 0;
 }
 
 NxResult CNxReactorEpoll::OnHandleRegister(int fd, long mask, INxEventHandler* handler) {
-    if (handler == nullptr || CNxIPCBase(fd).Enable(CNxIPCBase::NON_BLOCK) != 0) {
+    if (handler == nullptr) {
         return NX_ERROR_FAILURE;
     }
     epoll_event interest{};
@@ -128,8 +97,30 @@ NxResult CNxReactorEpoll::OnHandleRegister(int fd, long mask, INxEventHandler* h
     if ((mask & NX_MASK_OUTPUT) != 0) {
         interest.events |= EPOLLOUT | EPOLLERR | EPOLLHUP | EPOLLET;
     }
-    OnHandleRemoved(fd);
-    return epoll_ctl(m_epollHandle, EPOLL_CTL_ADD, fd, &interest) == 0 ? NX_OK : NX_ERROR_FAILURE;
+    if (!Watch(fd, interest)) {
+        return NX_ERROR_FAILURE;
+    }
+    // What is the case now is reported anew.
+    ForgetReady(fd);
+    return NX_OK;
+}
+
+bool CNxReactorEpoll::Watch(int fd, epoll_event interest) {
+    if (m_EhRepository.IsRegistered(fd)) {
+        if (epoll_ctl(m_epollHandle, EPOLL_CTL_MOD, fd, &interest) == 0) {
+            return true;
+        }
+        // Else it was closed since then, and this is another one of its number.
+        if (errno != ENOENT) {
+            return false;
+        }
+    }
+    if (CNxIPCBase(fd).Enable(CNxIPCBase::NON_BLOCK) != 0) {
+        return false;
+    }
+    // It exists when its removal has failed.
+    return epoll_ctl(m_epollHandle, EPOLL_CTL_ADD, fd, &interest) == 0 ||
+           (errno == EEXIST && epoll_ctl(m_epollHandle, EPOLL_CTL_MOD, fd, &interest) == 0);
 }
 
 void CNxReactorEpoll::OnHandleRemoved(int fd) {
@@ -137,8 +128,12 @@ void CNxReactorEpoll::OnHandleRemoved(int fd) {
     unused.data.fd = fd;
     // Fails when it was not watched, or is closed already: then there is nothing to do.
     epoll_ctl(m_epollHandle, EPOLL_CTL_DEL, fd, &unused);
-    // What this turn has still to say about the descriptor is not meant for a later one of its
-    // number.
+    ForgetReady(fd);
+}
+
+// What this turn has still to say about the descriptor is not meant for a later registration of its
+// number.
+void CNxReactorEpoll::ForgetReady(int fd) {
     assert(0 <= m_nextReady && m_nextReady <= m_readyCount && m_readyCount <= c_readyPerWait);
     for (int i = m_nextReady; i < m_readyCount; ++i) {
         epoll_event& pending = m_ready[static_cast<size_t>(i)];

@@ -12,8 +12,9 @@
 // before new data (room) comes; one that wants to be called without that asks with
 // NotifyHandler(this, mask). Registering makes the descriptor non-blocking.
 //
-// A descriptor registered for output must be a socket: before OnOutput its SO_ERROR is read, and
-// one that has an error or cannot be asked is closed like a failed connect.
+// A descriptor registered for output is closed when it fails, as by a failed connect or a reset;
+// GetCloseReason tells why. OnInput gets what had arrived before; a handler that does not read it
+// is not closed but gets OnOutput, and finds the failure when it reads or writes.
 //
 // The wait of one turn dispatches up to 1024 ready descriptors in the kernel's order, then fires
 // the posted events. A timer due in less than a millisecond is spun for, not waited for; as long as
@@ -30,7 +31,7 @@ public:
     int GetReactorType() override { return TYPE_EPOLL; }
 
     // NX_ERROR_FAILURE for null, or when the descriptor cannot be made non-blocking or cannot be
-    // watched: closed, or a regular file.
+    // watched: closed, or a regular file. What was watched before still is then.
     [[nodiscard]] NxResult OnHandleRegister(int fd, long mask, INxEventHandler* handler) override;
     void OnHandleRemoved(int fd) override;
 
@@ -43,16 +44,17 @@ private:
     };
 
     [[nodiscard]] NxResult OpenDemultiplexer() override;
-    [[nodiscard]] NxResult WaitAndDispatch(const CNxTimeValue& remaining, int timersFired) override;
+    [[nodiscard]] NxResult WaitAndDispatch(const CNxTimeValue& remaining, bool hasWork) override;
     void CloseEpoll();
     void DispatchReady(int count);
-    long ToMask(int fd, unsigned int readiness) const;
-    void RearmNotifyPipe();
+    void DispatchOne(int fd, unsigned int readiness);
+    [[nodiscard]] bool Watch(int fd, epoll_event interest);
+    void ForgetReady(int fd);
 
     int m_epollHandle = -1;
     // What a wait found ready.
     std::unique_ptr<epoll_event[], CFree> m_ready;
-    // The part of it that the current turn has still to dispatch.
+    // The part of it that the current turn dispatches or has still to dispatch.
     int m_nextReady = 0;
     int m_readyCount = 0;
 };

@@ -2,6 +2,15 @@
 
 #include <cassert>
 
+namespace {
+
+// A wake-up that could not be sent to a loop that sleeps is made up for after this time.
+CNxTimeValue LongestWait() {
+    return {1, 0};
+}
+
+}  // namespace
+
 CNxReactorLoop::~CNxReactorLoop() {
     // Whoever destroys a reactor has it for himself.
     Reset2CurrentThread();
@@ -18,10 +27,6 @@ NxResult CNxReactorLoop::Open() {
     }
     assert(m_EhRepository.IsRegistered(m_NotifyPipe.GetHandle()));
     SetStartFlag();
-    // What was posted before there was anything to wake. The new pipe has room for it.
-    if (GetPendingEventsCount() != 0) {
-        static_cast<void>(NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE));
-    }
     return NX_OK;
 }
 
@@ -51,31 +56,50 @@ NxResult CNxReactorLoop::NotifyHandler(INxEventHandler* handler, long mask) {
 
 NxResult CNxReactorLoop::StopEventLoop() {
     SetStopFlag();
-    // A pipe that is full wakes the loop as well, and one that is closed has none to wake.
+    // One that is closed has no loop to wake, and a loop that hears nothing looks within a second.
     static_cast<void>(m_NotifyPipe.Notify(&m_NotifyPipe, 0));
     return NX_OK;
 }
 
 NxResult CNxReactorLoop::RunEventLoop() {
     m_Est.EnsureSingleThread("a reactor's loop");
-    while (!IsStopped()) {
+    while (!IsStopped() && !IsCopyOfParent()) {
         CNxTimeValue remaining;
         const int fired = FireTimers(remaining);
-        const NxResult waited = WaitAndDispatch(remaining, fired);
+        const bool hasPosted = HasPosted();
+        const NxResult waited = WaitAndDispatch(hasPosted ? CNxTimeValue::s_tvZero() : remaining,
+                                                fired != 0 || hasPosted);
         if (waited != NX_OK) {
             return waited;
         }
+    }
+    if (IsCopyOfParent()) {
+        return NX_ERROR_NOT_INITIALIZED;
     }
     RunLastEvents();
     return NX_OK;
 }
 
-// Returns how many fired; `remaining` gets the time until the next one, s_tvMax() without any.
+// Returns how many fired; `remaining` gets the time until the next one, the longest wait at most.
 int CNxReactorLoop::FireTimers(CNxTimeValue& remaining) {
     remaining = CNxTimeValue::s_tvMax();
     const int fired = m_pTimerQueue != nullptr ? m_pTimerQueue->CheckExpire(&remaining) : 0;
     assert(remaining.GetSec() >= 0);
+    if (remaining > LongestWait()) {
+        remaining = LongestWait();
+    }
     return fired;
+}
+
+bool CNxReactorLoop::HasPosted() {
+    return m_NotifyPipe.GetCount() != 0 || GetPendingEventsCount() != 0;
+}
+
+void CNxReactorLoop::RunPosted() {
+    for (size_t left = m_NotifyPipe.GetCount(); left > 0; --left) {
+        m_NotifyPipe.DispatchFirst();
+    }
+    ProcessHandleEvent(-1, NX_MASK_EVENT_QUEUE, 0, 0, 0);
 }
 
 // Refuses further events and fires those posted until now, with no gap between the two.

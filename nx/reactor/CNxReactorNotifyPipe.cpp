@@ -1,22 +1,18 @@
 #include <nx/net/CNxIPCBase.h>
 #include <nx/reactor/CNxReactorBase.h>
 #include <nx/reactor/CNxReactorNotifyPipe.h>
+#include <pthread.h>
 #include <sys/socket.h>
 
+#include <cassert>
 #include <cerrno>
-#include <cstdint>
 #include <initializer_list>
+#include <new>
 
 namespace {
 
 constexpr unsigned long c_pipeSize = 65535;
-
-struct CRecord {
-    std::int32_t m_fd;
-    std::int32_t m_padding;
-    std::int64_t m_mask;
-};
-static_assert(sizeof(CRecord) == 16, "the record is written and read as it lies in memory");
+constexpr int c_postedEvents = -1;
 
 }  // namespace
 
@@ -28,8 +24,7 @@ NxResult CNxReactorNotifyPipe::Open(CNxReactorBase* reactor) {
     if (reactor == nullptr) {
         return NX_ERROR_INVALID_ARG;
     }
-    m_pReactor = reactor;
-    NxResult result = OpenPipe();
+    NxResult result = OpenPipe(reactor);
     if (result == NX_OK) {
         result = reactor->RegisterHandler(this, NX_MASK_READ);
     }
@@ -40,17 +35,18 @@ NxResult CNxReactorNotifyPipe::Open(CNxReactorBase* reactor) {
 }
 
 NxResult CNxReactorNotifyPipe::Close() {
-    if (m_pReactor != nullptr) {
-        m_pReactor->RemoveHandler(this, NX_MASK_ALL_EVENTS);
-        m_pReactor = nullptr;
+    CNxReactorBase* const reactor = Forget();
+    if (reactor != nullptr) {
+        reactor->RemoveHandler(this, NX_MASK_ALL_EVENTS);
     }
-    return ClosePipe();
+    CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
+    return m_PipeNotify.Close();
 }
 
-NxResult CNxReactorNotifyPipe::OpenPipe() {
+NxResult CNxReactorNotifyPipe::OpenPipe(CNxReactorBase* reactor) {
     CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
-    m_records.store(0);
-    m_eventsOwed.store(false);
+    assert(m_notifications.empty() && !m_eventsAsked && !m_isWoken);
+    m_pReactor = reactor;
     const NxResult opened = m_PipeNotify.Open(c_pipeSize);
     if (opened != NX_OK) {
         return opened;
@@ -63,37 +59,69 @@ NxResult CNxReactorNotifyPipe::OpenPipe() {
     return NX_OK;
 }
 
-NxResult CNxReactorNotifyPipe::ClosePipe() {
+// Refuses and forgets all notifications; returns the reactor that there was.
+CNxReactorBase* CNxReactorNotifyPipe::Forget() {
     CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
-    return m_PipeNotify.Close();
+    CNxReactorBase* const reactor = m_pReactor;
+    m_pReactor = nullptr;
+    m_notifications.clear();
+    m_eventsAsked = false;
+    m_isWoken = false;
+    return reactor;
 }
 
 NxResult CNxReactorNotifyPipe::Notify(INxEventHandler* handler, long mask) {
-    const CRecord record{handler != nullptr ? handler->GetHandle() : -1, 0, mask};
+    const int fd = handler != nullptr && handler != this ? handler->GetHandle() : c_postedEvents;
     CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
-    if (m_PipeNotify.GetWriteHandle() == -1) {
+    if (m_pReactor == nullptr || m_pReactor->IsCopyOfParent()) {
         return NX_ERROR_NOT_INITIALIZED;
     }
-    bool written = Write(&record, sizeof(record));
-    if (!written && handler == nullptr) {
-        m_eventsOwed.store(true);
-        // The pipe may have been emptied before the mark was there to be seen.
-        written = Write(&record, sizeof(record));
+    if (handler != this) {
+        const NxResult added = Add_i(fd, mask);
+        if (added != NX_OK) {
+            return added;
+        }
     }
-    return written ? NX_OK : NX_ERROR_UNEXPECTED;
+    if (m_pReactor->GetOwnerThreadId() == pthread_self() || Wake_i()) {
+        return NX_OK;
+    }
+    if (fd != c_postedEvents) {
+        m_notifications.pop_back();
+    }
+    return NX_ERROR_UNEXPECTED;
 }
 
-bool CNxReactorNotifyPipe::Write(const void* record, size_t size) {
-    m_records.fetch_add(1);
-    ssize_t sent = 0;
-    do {
-        sent = send(m_PipeNotify.GetWriteHandle(), record, size, MSG_NOSIGNAL);
-    } while (sent == -1 && errno == EINTR);
-    if (sent == static_cast<ssize_t>(size)) {
-        return true;
+NxResult CNxReactorNotifyPipe::Add_i(int fd, long mask) {
+    if (fd == c_postedEvents) {
+        // One pass fires all that was posted before it.
+        if (!m_eventsAsked) {
+            m_eventsAsked = true;
+            m_beforeEvents = m_notifications.size();
+        }
+        return NX_OK;
     }
-    m_records.fetch_sub(1);
-    return false;
+    try {
+        m_notifications.push_back({fd, mask});
+    } catch (const std::bad_alloc&) {
+        return NX_ERROR_FAILURE;
+    }
+    return NX_OK;
+}
+
+bool CNxReactorNotifyPipe::Wake_i() {
+    const char byte = 0;
+    while (!m_isWoken) {
+        m_isWoken = send(m_PipeNotify.GetWriteHandle(), &byte, sizeof(byte), MSG_NOSIGNAL) == 1;
+        if (!m_isWoken && errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+size_t CNxReactorNotifyPipe::GetCount() const {
+    CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
+    return m_notifications.size() + (m_eventsAsked ? 1 : 0);
 }
 
 int CNxReactorNotifyPipe::GetHandle() const {
@@ -102,18 +130,35 @@ int CNxReactorNotifyPipe::GetHandle() const {
 }
 
 int CNxReactorNotifyPipe::OnInput(int fd) {
-    CRecord record{};
-    if (recv(fd, &record, sizeof(record), 0) != static_cast<ssize_t>(sizeof(record))) {
-        return 0;
+    {
+        CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
+        char bytes[16];
+        // What it fails to take does no harm there, and the next wake-up is sent anew.
+        static_cast<void>(recv(fd, bytes, sizeof(bytes), 0));
+        m_isWoken = false;
     }
-    // Also a forked child's, that is not counted here: no reason for its parent to end.
-    m_records.fetch_sub(1);
-    if (record.m_fd != fd && m_pReactor != nullptr) {
-        m_pReactor->ProcessHandleEvent(record.m_fd, record.m_mask, 0, 1, 0);
-    }
-    if (m_eventsOwed.load(std::memory_order_relaxed) && m_eventsOwed.exchange(false) &&
-        m_pReactor != nullptr) {
-        m_pReactor->ProcessHandleEvent(-1, NX_MASK_EVENT_QUEUE, 0, 1, 0);
-    }
+    DispatchFirst();
     return 0;
+}
+
+void CNxReactorNotifyPipe::DispatchFirst() {
+    CNotification first{c_postedEvents, NX_MASK_EVENT_QUEUE};
+    CNxReactorBase* reactor = nullptr;
+    {
+        CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
+        assert(!m_eventsAsked || m_beforeEvents <= m_notifications.size());
+        if (m_eventsAsked && m_beforeEvents == 0) {
+            m_eventsAsked = false;
+        } else if (!m_notifications.empty()) {
+            first = m_notifications.front();
+            m_notifications.pop_front();
+            m_beforeEvents -= m_eventsAsked ? 1 : 0;
+        } else {
+            return;
+        }
+        reactor = m_pReactor;
+    }
+    if (reactor != nullptr) {
+        reactor->ProcessHandleEvent(first.m_fd, first.m_mask, 0, 1, 0);
+    }
 }

@@ -3,21 +3,20 @@
 #include <cassert>
 #include <cerrno>
 
-NxResult CNxReactorSelect::WaitAndDispatch(const CNxTimeValue& remaining, int /*timersFired*/) {
+NxResult CNxReactorSelect::WaitAndDispatch(const CNxTimeValue& remaining, bool /*hasWork*/) {
     fd_set exceptionSet;
     FD_ZERO(&m_readSet);
     FD_ZERO(&m_writeSet);
     FD_ZERO(&exceptionSet);
     const int maxFd = m_EhRepository.FillFdSets(m_readSet, m_writeSet, exceptionSet);
     timeval timeout{remaining.GetSec(), remaining.GetUsec()};
-    const bool endless = remaining == CNxTimeValue::s_tvMax();
-    int count =
-        select(maxFd + 1, &m_readSet, &m_writeSet, &exceptionSet, endless ? nullptr : &timeout);
+    int count = select(maxFd + 1, &m_readSet, &m_writeSet, &exceptionSet, &timeout);
     if (count == -1) {
         return errno == EINTR ? NX_OK : NX_ERROR_FAILURE;
     }
     ProcessFdSets_i(m_readSet, NX_MASK_INPUT | NX_MASK_CONNECT, count, maxFd);
     ProcessFdSets_i(m_writeSet, NX_MASK_OUTPUT, count, maxFd);
+    RunPosted();
     return NX_OK;
 }
 
@@ -34,7 +33,11 @@ void CNxReactorSelect::ProcessFdSets_i(fd_set& ready, long mask, int& count, int
 }
 
 NxResult CNxReactorSelect::OnHandleRegister(int fd, long /*mask*/, INxEventHandler* handler) {
-    return handler != nullptr && fd < FD_SETSIZE ? NX_OK : NX_ERROR_INVALID_ARG;
+    if (handler == nullptr || fd >= FD_SETSIZE) {
+        return NX_ERROR_INVALID_ARG;
+    }
+    OnHandleRemoved(fd);
+    return NX_OK;
 }
 
 // What this turn has still to say about the descriptor is not meant for a later one of its number.

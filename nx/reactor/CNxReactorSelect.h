@@ -10,8 +10,8 @@
 // blocking ones too. The dispatch of one turn sees only the registrations that the wait saw.
 //
 // The wait of one turn calls OnInput of all that are readable in ascending order of their
-// descriptors, then OnOutput of all that are writable. Posted events fire at the place of the
-// notify pipe's descriptor in that order.
+// descriptors, then OnOutput of all that are writable. What another thread posted fires at the
+// place of the notify pipe's descriptor in that order, the rest after it.
 //
 // A failed connect is no failure to select(2): the handler gets OnOutput, also because the
 // descriptor became readable, and asks for SO_ERROR (socket(7)) itself.
@@ -30,7 +30,7 @@ public:
     void OnHandleRemoved(int fd) override;
 
 private:
-    [[nodiscard]] NxResult WaitAndDispatch(const CNxTimeValue& remaining, int timersFired) override;
+    [[nodiscard]] NxResult WaitAndDispatch(const CNxTimeValue& remaining, bool hasWork) override;
     void ProcessFdSets_i(fd_set& ready, long mask, int& count, int maxFd);
 
     // What the current turn has still to dispatch.

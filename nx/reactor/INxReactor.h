@@ -55,4 +55,10 @@ public:
     // Hands the reactor to the calling thread while its loop does not run. A reactor that is bound
     // to no thread does nothing.
     void Reset2CurrentThread() override {}
+
+    // Within a handler's OnClose: why its descriptor failed, an errno such as ECONNREFUSED or
+    // ECONNRESET. 0 when that is not known, because the handler itself had refused or had taken the
+    // error from the socket, and outside of OnClose. A handler that waited for a connect and
+    // refused without having asked for SO_ERROR gets the reason as well.
+    virtual int GetCloseReason() const { return 0; }
 };

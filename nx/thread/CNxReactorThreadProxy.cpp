@@ -64,6 +64,10 @@ void CNxReactorThreadProxy::SetCookie(void* cookie) {
     }
 }
 
+int CNxReactorThreadProxy::GetCloseReason() const {
+    return m_reactor != nullptr ? m_reactor->GetCloseReason() : 0;
+}
+
 NxResult CNxReactorThreadProxy::Open() {
     return NX_ERROR_NOT_IMPLEMENTED;
 }

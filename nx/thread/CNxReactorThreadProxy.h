@@ -55,6 +55,7 @@ public:
     unsigned long GetBufferSize() override;
     void* GetCookie() override;
     void SetCookie(void* cookie) override;
+    int GetCloseReason() const override;
 
     // What belongs to the reactor's thread or to its owner. All return NX_ERROR_NOT_IMPLEMENTED and
     // do nothing, except that an event is destroyed.

@@ -1,8 +1,7 @@
+#include <nx/foundation/standard_streams.h>
 #include <nx/thread/CNxSignalStop.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadManager.h>
-
-#include <cstdio>
 
 CNxSignalStop* CNxSignalStop::Instance() {
     // Not destroyed with the statics: it may still be in a queue while the process exits.
@@ -28,13 +27,13 @@ NxResult CNxSignalStop::Launch(int /*signal*/) {
         return NX_ERROR_FAILURE;
     }
     const NxResult result = queue->PostEvent(this, INxEventQueue::PRIORITY_NORMAL);
-    std::printf("CNxSignalStop::CNxSignalStop, PostEvent, rv=%d.\n", static_cast<int>(result));
+    PrintToStdout("CNxSignalStop::CNxSignalStop, PostEvent, rv=%d.\n", static_cast<int>(result));
     return result;
 }
 
 NxResult CNxSignalStop::OnEventFire() {
-    std::printf("CNxSignalStop::OnEventFire. tid=%d.\n",
-                static_cast<int>(CNxThreadManager::GetThreadSelfId()));
+    PrintToStdout("CNxSignalStop::OnEventFire. tid=%d.\n",
+                  static_cast<int>(CNxThreadManager::GetThreadSelfId()));
     CNxThread* const mainThread = CNxThreadManager::Instance()->GetThread(NX_THREAD_MAIN);
     return mainThread != nullptr ? mainThread->Stop(nullptr) : NX_ERROR_NULL_POINTER;
 }

@@ -5,6 +5,7 @@
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxTimeUtils.h>
 #include <nx/foundation/CNxTimeValue.h>
+#include <nx/foundation/standard_streams.h>
 #include <nx/process/trace_setting.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/thread/CNxThreadManagerImp.h>
@@ -119,8 +120,8 @@ void JoinWithinLimit(const std::vector<CNxThread*>& threads) {
         CNxTimeValue::GetMonotonicTime() + CNxTimeValue(limitMs / 1000, limitMs % 1000 * 1000);
     for (CNxThread* thread : threads) {
         if (!IsEndedByManager(thread) && thread->JoinUntil(deadline) == NX_ERROR_TIMEOUT) {
-            std::fprintf(stderr, "nxbase: thread %d has not ended in %ld ms and is left behind\n",
-                         thread->GetThreadType(), limitMs);
+            PrintToStderr("nxbase: thread %d has not ended in %ld ms and is left behind\n",
+                          thread->GetThreadType(), limitMs);
         }
     }
 }
@@ -308,7 +309,7 @@ NxResult CNxThreadManagerImp::MainThreadDetachRun(CNxThread* thread) {
     CMainThreadStart start{thread, CNxEventThread(0, 0)};
     pthread_t handle{};
     if (pthread_create(&handle, nullptr, &MainThreadFun, &start) != 0) {
-        std::fprintf(stderr, "thread create failed\n");
+        PrintToStderr("thread create failed\n");
         return NX_ERROR_FAILURE;
     }
     while (start.m_takenOver.Wait(nullptr) != NX_OK) {

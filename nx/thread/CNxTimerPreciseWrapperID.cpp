@@ -1,8 +1,8 @@
+#include <nx/foundation/standard_streams.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxTimerPreciseManager.h>
 #include <nx/thread/CNxTimerPreciseWrapperID.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <new>
 
@@ -39,7 +39,7 @@ CNxTimerPreciseWrapperID::~CNxTimerPreciseWrapperID() {
 void CNxTimerPreciseWrapperID::CheckNotPending_l() {
     CNxTimerPreciseManager* const manager = CNxTimerPreciseManager::Current();
     if (manager != nullptr && manager->Cancel_l(this) == NX_OK) {
-        std::fprintf(stderr, "nxbase: a precise timer id was destroyed while scheduled\n");
+        PrintToStderr("nxbase: a precise timer id was destroyed while scheduled\n");
         std::abort();
     }
 }

@@ -2,12 +2,14 @@
 #include <nx/foundation/CCancelOff.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxUtils.h>
+#include <nx/foundation/standard_streams.h>
 #include <nx/process/process_path.h>
 #include <nx/process/trace_setting.h>
 #include <nx/trace/CNxT120Trace.h>
 #include <nx/trace/CNxT120TraceFile.h>
 #include <nx/trace/CNxT120TraceFileMgr.h>
 #include <nx/trace/CTraceStamp.h>
+#include <nx/trace/trace_retention.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,7 +18,9 @@
 #include <cassert>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -31,19 +35,58 @@ constexpr size_t PRINT_SIZE = 2048;
 
 constexpr char SECTION[] = "Trace";
 
-unsigned long GetSizeParam(const char* key) {
-    const int size = get_int_param(SECTION, key);
+constexpr auto OPEN_INTERVAL = std::chrono::seconds(1);
+
+struct CFileCloser {
+    void operator()(FILE* file) const { std::fclose(file); }
+};
+using CConfig = std::unique_ptr<FILE, CFileCloser>;
+
+unsigned long GetSizeParam(const CConfig& config, const char* key) {
+    const int size = get_int_param(config.get(), SECTION, key);
     return static_cast<unsigned long>(size < MIN_SIZE ? DEFAULT_SIZE : size);
 }
 
-unsigned char GetProcessSwitch(const char* name, unsigned char defaultValue) {
-    const std::string key = std::string(CNxT120Trace::get_process_name()) + "." + name;
-    return get_bool_param(SECTION, key.c_str(), defaultValue);
+// 0 for none.
+unsigned long GetCountParam(const CConfig& config, const char* key) {
+    return static_cast<unsigned long>(std::max(get_int_param(config.get(), SECTION, key), 0));
 }
 
-bool HasContent(const std::string& path) {
+bool GetProcessSwitch(const CConfig& config, const char* name, bool defaultValue) {
+    char key[1100];
+    std::snprintf(key, sizeof(key), "%s.%s", CNxT120Trace::get_process_name(), name);
+    return get_bool_param(config.get(), SECTION, key, defaultValue ? 1 : 0) != 0;
+}
+
+// The key's digits are octal. What would keep the process itself out is added; -1 without a mode.
+int GetModeParam(const CConfig& config) {
+    const int digits = get_int_param(config.get(), SECTION, "FileMode");
+    const int user = digits / 100;
+    const int group = digits / 10 % 10;
+    const int others = digits % 10;
+    const bool isMode = digits > 0 && user < 8 && group < 8 && others < 8;
+    return isMode ? 0600 | user << 6 | group << 3 | others : -1;
+}
+
+// Whether a new file cannot have that path.
+bool IsTaken(const std::string& path) {
     struct stat status {};
-    return stat(path.c_str(), &status) == 0 && status.st_size > 0;
+    if (lstat(path.c_str(), &status) != 0) {
+        return false;
+    }
+    const bool isSafe = CNxT120TraceFile::IsSafe(status);
+    if (!isSafe) {
+        PrintToStderr("nxbase: cannot trace to %s: planted by another user\n", path.c_str());
+    }
+    return !isSafe || status.st_size > 0;
+}
+
+// Mostly it is there; when it cannot be made, the files cannot be opened, and drop records.
+void MakeLogFolder() {
+    if (mkdir(g_strLogDir1, 0755) == 0) {
+        // The umask may have kept out who reads the traces.
+        static_cast<void>(chmod(g_strLogDir1, 0755));
+    }
 }
 
 void OnBeforeFork() {
@@ -124,13 +167,20 @@ void CNxT120Trace::read_config() {
     const CCancelOff cancelOff;
     // The files are read without holding up those who trace.
     CNxMutexGuardT<CNxMutexThread> guard(m_configMutex);
-    const int lines = std::max(get_int_param(SECTION, "FlushPerLines"), 1);
-    CNxT120TraceFileMgr::Instance().refresh_settings(GetSizeParam(get_process_name()), lines);
-    m_enabled = get_bool_param(SECTION, "Enable", 1) != 0;
+    const CConfig config(open_config_file());
+    if (config == nullptr && m_hasConfig) {
+        return;
+    }
+    m_hasConfig = config != nullptr;
+    const int lines = std::max(get_int_param(config.get(), SECTION, "FlushPerLines"), 1);
+    CNxT120TraceFile::SetMode(GetModeParam(config));
+    CNxT120TraceFileMgr::Instance().refresh_settings(GetSizeParam(config, get_process_name()),
+                                                     lines);
+    m_enabled = get_bool_param(config.get(), SECTION, "Enable", 1) != 0;
     for (unsigned long i = 0; i < CONFIGURED_LEVELS; ++i) {
         CNxT120TraceMapEntry& entry = m_mapEntries[i];
         if (entry.name != nullptr) {
-            entry.enabled = GetProcessSwitch(entry.name, entry.enabled != 0 ? 1 : 0);
+            entry.enabled = GetProcessSwitch(config, entry.name, entry.enabled != 0) ? 1 : 0;
         }
     }
 }
@@ -150,16 +200,29 @@ bool CNxT120Trace::IsToOpen(const CFile& candidate, const void* file) const {
     return file == nullptr || candidate.m_handle == file;
 }
 
+// Memory may run out on the way. The records are not the fault of who traces: they are counted.
 void CNxT120Trace::Open(void* file, const CTraceStamp& stamp) {
-    // Mostly it is there; when it cannot be made, the files cannot be opened, and drop records.
-    static_cast<void>(mkdir(g_strLogDir1, 0777));
+    m_isOpening = true;
+    m_nextOpening = std::chrono::steady_clock::now() + OPEN_INTERVAL;
+    try {
+        OpenFiles(file, stamp);
+        m_isOpening = false;
+    } catch (const std::bad_alloc&) {
+        assert(m_isOpening);
+    }
+}
+
+void CNxT120Trace::OpenFiles(void* file, const CTraceStamp& stamp) {
+    MakeLogFolder();
     SetDate(stamp);
-    const unsigned long maxSize =
-        GetSizeParam(m_fileName != nullptr ? m_fileName : get_process_name());
-    m_enabled = get_bool_param(SECTION, "Enable", 0) != 0;
+    ReadFileSettings();
     bool isToOpen[FILE_COUNT];
+    std::string paths[FILE_COUNT];
     for (int i = 0; i < FILE_COUNT; ++i) {
         isToOpen[i] = IsToOpen(m_files[i], file);
+        if (isToOpen[i]) {
+            paths[i] = NextPath(m_files[i], stamp);
+        }
     }
     for (int i = 0; i < FILE_COUNT; ++i) {
         if (isToOpen[i]) {
@@ -167,26 +230,66 @@ void CNxT120Trace::Open(void* file, const CTraceStamp& stamp) {
         }
     }
     for (int i = 0; i < FILE_COUNT; ++i) {
-        if (!isToOpen[i]) {
-            continue;
-        }
-        const std::string path = NextPath(m_files[i], stamp);
-        if (GetProcessSwitch(m_files[i].m_key, 0) != 0) {
-            m_files[i].m_handle =
-                static_cast<CNxT120TraceFile*>(CNxT120TraceFileMgr::Instance().open(
-                    path.c_str(), maxSize, m_shared, m_enabled ? 1 : 0));
+        if (isToOpen[i]) {
+            OpenFile(static_cast<TFile>(i), paths[i]);
         }
     }
 }
 
+void CNxT120Trace::ReadFileSettings() {
+    const CConfig config(open_config_file());
+    if (config == nullptr && m_hasConfig) {
+        return;
+    }
+    m_hasConfig = config != nullptr;
+    m_maxSize = GetSizeParam(config, m_fileName != nullptr ? m_fileName : get_process_name());
+    m_keepFiles = GetCountParam(config, "KeepFiles");
+    m_keepDays = GetCountParam(config, "KeepDays");
+    CNxT120TraceFile::SetMode(GetModeParam(config));
+    m_enabled = get_bool_param(config.get(), SECTION, "Enable", 0) != 0;
+    for (CFile& file : m_files) {
+        file.m_isWanted = GetProcessSwitch(config, file.m_key, false);
+    }
+}
+
+void CNxT120Trace::OpenFile(TFile which, const std::string& path) {
+    CFile& file = m_files[which];
+    if (!file.m_isWanted) {
+        file.m_lost = 0;
+        return;
+    }
+    file.m_handle = static_cast<CNxT120TraceFile*>(
+        CNxT120TraceFileMgr::Instance().open(path.c_str(), m_maxSize, m_shared, m_enabled ? 1 : 0));
+    file.m_handle->AddLost(std::exchange(file.m_lost, 0));
+    if (m_fileName == nullptr && m_enabled) {
+        RemoveOldTraceFiles(g_strLogDir1, NameStart(file), path.substr(path.rfind('/') + 1),
+                            {m_keepFiles, m_keepDays});
+    }
+}
+
+void CNxT120Trace::FinishOpening(const CTraceStamp& stamp) {
+    if (m_isOpening && std::chrono::steady_clock::now() >= m_nextOpening) {
+        Open(nullptr, stamp);
+    }
+}
+
 // A fixed file name gives one file for all kinds of lines.
-void CNxT120Trace::Close(void* file) {
-    CNxT120TraceFileMgr::Instance().close(file);
+void CNxT120Trace::Close(CNxT120TraceFile* file) {
+    if (file == nullptr) {
+        return;
+    }
     for (CFile& candidate : m_files) {
         if (candidate.m_handle == file) {
+            candidate.m_lost += file->TakeLost();
             candidate.m_handle = nullptr;
         }
     }
+    CNxT120TraceFileMgr::Instance().close(file);
+}
+
+// What the names of a kind of files have in common, up to the date.
+std::string CNxT120Trace::NameStart(const CFile& file) const {
+    return std::string(get_process_name()) + "_" + file.m_tag + "_";
 }
 
 std::string CNxT120Trace::NextPath(CFile& file, const CTraceStamp& stamp) {
@@ -196,14 +299,14 @@ std::string CNxT120Trace::NextPath(CFile& file, const CTraceStamp& stamp) {
                              : dir + "/" + m_fileName + "." + std::to_string(m_pid);
     }
     char date[48];
-    std::snprintf(date, sizeof(date), "_%02d%02d%04d_", stamp.m_month, stamp.m_day, stamp.m_year);
+    std::snprintf(date, sizeof(date), "%02d%02d%04d_", stamp.m_month, stamp.m_day, stamp.m_year);
     // The folder's text ends in a slash of its own; one more does no harm.
-    const std::string start = dir + "/" + get_process_name() + "_" + file.m_tag + date;
+    const std::string start = dir + "/" + NameStart(file) + date;
     std::string path;
     do {
         path = start + std::to_string(file.m_sequence) + "." + std::to_string(m_pid) + ".log";
         ++file.m_sequence;
-    } while (HasContent(path));
+    } while (IsTaken(path));
     return path;
 }
 
@@ -236,7 +339,7 @@ void CNxT120Trace::Print(unsigned long level, const char* text) const {
     if (m_name != nullptr && category != nullptr) {
         std::snprintf(line, sizeof(line), "%s%s:%s\n", CurrentTraceStamp().m_text, category, text);
     }
-    std::printf("%s\n", line);
+    PrintToStdout("%s\n", line);
 }
 
 const CNxT120Trace::CLevelFile CNxT120Trace::LEVEL_FILES[] = {
@@ -246,25 +349,29 @@ void CNxT120Trace::WriteToFiles(unsigned long level, const char* text) {
     assert(level < NX_TRACE_LEVELS);
     const CTraceStamp& stamp = CurrentTraceStamp();
     NoticeFork(stamp);
-    if (m_files[FILE_INFO].m_handle != nullptr) {
-        m_files[FILE_INFO].m_handle->write(stamp, m_name, m_mapEntries[level].name, text);
-    }
+    FinishOpening(stamp);
+    WriteToFile(FILE_INFO, stamp, m_mapEntries[level].name, text);
     NoticeNewDay(stamp);
     ReopenIfFull(FILE_INFO, stamp);
     for (const CLevelFile& own : LEVEL_FILES) {
         if (own.m_level == level) {
-            WriteToLevelFile(own.m_file, stamp, text);
+            WriteToFile(own.m_file, stamp, m_files[own.m_file].m_key, text);
+            ReopenIfFull(own.m_file, stamp);
         }
     }
 }
 
-void CNxT120Trace::WriteToLevelFile(TFile which, const CTraceStamp& stamp, const char* text) {
-    assert(which != FILE_INFO);
-    const CFile& file = m_files[which];
-    if (file.m_handle != nullptr) {
-        file.m_handle->write(stamp, m_name, file.m_key, text);
-        ReopenIfFull(which, stamp);
+void CNxT120Trace::WriteToFile(TFile which, const CTraceStamp& stamp, const char* prefix,
+                               const char* text) {
+    CFile& file = m_files[which];
+    if (file.m_handle == nullptr) {
+        file.m_lost += m_isOpening ? 1 : 0;
+        return;
     }
+    if (file.m_handle->is_to_open()) {
+        MakeLogFolder();
+    }
+    file.m_handle->write(stamp, m_name, prefix, text);
 }
 
 void CNxT120Trace::ReopenIfFull(TFile which, const CTraceStamp& stamp) {
@@ -281,9 +388,14 @@ void CNxT120Trace::NoticeFork(const CTraceStamp& stamp) {
     m_forks = CNxProcessWide::CountForks();
     m_pid = getpid();
     ResetSequences();
-    if (HasOpenFile()) {
+    if (HasFile()) {
         Open(nullptr, stamp);
     }
+}
+
+bool CNxT120Trace::HasFile() const {
+    return std::any_of(std::begin(m_files), std::end(m_files),
+                       [](const CFile& file) { return file.m_handle != nullptr; });
 }
 
 bool CNxT120Trace::HasOpenFile() const {

@@ -27,13 +27,23 @@
 // and _warning_, _error_, _fatal_, of the form of nx/trace/CNxT120TraceFile.h. N counts the files
 // of a day from 0: a file that is full is followed by the next number, a new day begins with new
 // files. A file that is there already and is not empty (the clock was set back, the process number
-// has been used before) is not overwritten: its number is passed over.
+// has been used before) is not overwritten: its number is passed over, and so is that of one that
+// another user may have planted, with a line on stderr.
+//
+// Switches that were read once STAY IN FORCE while the configuration cannot be read: while it is
+// missing, empty or no regular file, or no descriptor is left. A file that could not be opened is
+// tried again once a second, and begins with the number of records that were lost meanwhile.
+//
+// The log folder is made when it is missing, with mode 0755. FileMode, four octal digits, is the
+// mode of files (CNxT120TraceFile::SetMode). KeepFiles and KeepDays have old files removed when
+// one is opened: docs/trace.md.
 #pragma once
 
 #include <nx/foundation/CNxMutexThread.h>
 #include <nx/trace/Text_Formator.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -56,8 +66,8 @@ inline constexpr unsigned long NX_TRACE_LEVELS = 27;
 extern CNxT120TraceMapEntry g_logMapEntry[NX_TRACE_LEVELS];
 
 // Any thread may call any operation. Nothing is reported: a file that cannot be opened or written
-// drops records, and tracing goes on when there is room again. Levels from 27 on and null texts are
-// refused silently. A thread is not cancelled inside of an operation.
+// drops records, and tracing goes on when it can (nx/trace/CNxT120TraceFile.h). Levels from 27 on
+// and null texts are refused silently. A thread is not cancelled inside of an operation.
 //
 // After a fork(2) the child opens files of its own with its first record - the names hold its
 // process id - and leaves the parent's alone.
@@ -73,7 +83,8 @@ public:
     // has 27 rows. Without a name records have no category in them. With a `fileName` all records
     // go to one file, LOGS/fileName.PID, or in shared mode the file "fileName" with a BACKSLASH
     // before its name; its size is then the key `fileName`, and a full file starts anew instead of
-    // counting on. Reads the switches, and opens the files if the configuration says Enable=TRUE.
+    // counting on. In shared mode threads wait in line while one waits for the lock of a file.
+    // Reads the switches, and opens the files if the configuration says Enable=TRUE.
     CNxT120Trace(const char* name, CNxT120TraceMapEntry* entries, const char* fileName,
                  unsigned char shared);
     // Leaves the files open; they belong to g_trace_mgr.
@@ -86,7 +97,8 @@ public:
     // destroyed: threads may trace while the process exits.
     static CNxT120Trace* instance();
 
-    // Reads the switches anew, flushes EVERY file of g_trace_mgr and gives it the size and the
+    // Nothing, when switches were read once and now the configuration cannot be read. Otherwise
+    // reads the switches anew, flushes EVERY file of g_trace_mgr and gives it the size and the
     // records per flush of the configuration. Here a missing Enable counts as TRUE, which lets
     // records through to standard output even if no file is open.
     void read_config();
@@ -135,6 +147,9 @@ private:
         const char* m_tag;
         CNxT120TraceFile* m_handle;
         unsigned int m_sequence;
+        bool m_isWanted;
+        // Records that no file has told of yet.
+        unsigned long m_lost;
     };
     // Records of these levels also go to a file of their own.
     struct CLevelFile {
@@ -146,7 +161,7 @@ private:
     void Trace(unsigned long level, const char* text, bool toStdout);
     void Print(unsigned long level, const char* text) const;
     void WriteToFiles(unsigned long level, const char* text) NX_REQUIRES(m_mutex);
-    void WriteToLevelFile(TFile which, const CTraceStamp& stamp, const char* text)
+    void WriteToFile(TFile which, const CTraceStamp& stamp, const char* prefix, const char* text)
         NX_REQUIRES(m_mutex);
     void ReopenIfFull(TFile which, const CTraceStamp& stamp) NX_REQUIRES(m_mutex);
     void NoticeFork(const CTraceStamp& stamp) NX_REQUIRES(m_mutex);
@@ -154,10 +169,16 @@ private:
     void ResetSequences() NX_REQUIRES(m_mutex);
     bool SetDate(const CTraceStamp& stamp) NX_REQUIRES(m_mutex);
     void Open(void* file, const CTraceStamp& stamp) NX_REQUIRES(m_mutex);
+    void OpenFiles(void* file, const CTraceStamp& stamp) NX_REQUIRES(m_mutex);
+    void OpenFile(TFile which, const std::string& path) NX_REQUIRES(m_mutex);
+    void FinishOpening(const CTraceStamp& stamp) NX_REQUIRES(m_mutex);
+    void ReadFileSettings() NX_REQUIRES(m_mutex);
     bool IsToOpen(const CFile& candidate, const void* file) const;
+    bool HasFile() const NX_REQUIRES(m_mutex);
     bool HasOpenFile() const NX_REQUIRES(m_mutex);
+    std::string NameStart(const CFile& file) const;
     std::string NextPath(CFile& file, const CTraceStamp& stamp) NX_REQUIRES(m_mutex);
-    void Close(void* file) NX_REQUIRES(m_mutex);
+    void Close(CNxT120TraceFile* file) NX_REQUIRES(m_mutex);
     void OpenIfSwitchedOn();
     friend void refresh_trace_config();
 
@@ -170,10 +191,19 @@ private:
     // Puts readers of the configuration in order. Taken before m_mutex, or without it.
     CNxMutexThread m_configMutex;
     CNxMutexThreadRecursive m_mutex;
-    CFile m_files[FILE_COUNT] NX_GUARDED_BY(m_mutex) = {{"Info", "info", nullptr, 0},
-                                                        {"Warning", "warning", nullptr, 0},
-                                                        {"Error", "error", nullptr, 0},
-                                                        {"Fatal", "fatal", nullptr, 0}};
+    CFile m_files[FILE_COUNT] NX_GUARDED_BY(m_mutex) = {
+        {"Info", "info", nullptr, 0, false, 0},
+        {"Warning", "warning", nullptr, 0, false, 0},
+        {"Error", "error", nullptr, 0, false, 0},
+        {"Fatal", "fatal", nullptr, 0, false, 0}};
+    // Of the configuration, as it was read last.
+    unsigned long m_maxSize NX_GUARDED_BY(m_mutex) = 0;
+    unsigned long m_keepFiles NX_GUARDED_BY(m_mutex) = 0;
+    unsigned long m_keepDays NX_GUARDED_BY(m_mutex) = 0;
+    std::atomic<bool> m_hasConfig{false};
+    // Memory ran out while files were being opened: all are opened once more, at that time.
+    bool m_isOpening NX_GUARDED_BY(m_mutex) = false;
+    std::chrono::steady_clock::time_point m_nextOpening NX_GUARDED_BY(m_mutex);
     // The date of the open files.
     int m_day NX_GUARDED_BY(m_mutex);
     int m_month NX_GUARDED_BY(m_mutex);

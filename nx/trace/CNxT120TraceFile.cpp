@@ -1,7 +1,10 @@
 #include <fcntl.h>
 #include <nx/foundation/CCancelOff.h>
+#include <nx/foundation/high_descriptor.h>
+#include <nx/foundation/standard_streams.h>
 #include <nx/trace/CNxT120TraceFile.h>
 #include <nx/trace/CTraceStamp.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -14,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <thread>
 #include <utility>
 
 namespace {
@@ -24,6 +28,12 @@ constexpr int MAX_LINES = 65536;
 constexpr char MARKER[] =
     "************************* Current Trace Point *************************\n\n";
 constexpr size_t MARKER_SIZE = sizeof(MARKER) - 1;
+
+constexpr auto OPEN_INTERVAL = std::chrono::seconds(1);
+constexpr auto MAX_LOCK_WAIT = std::chrono::milliseconds(200);
+constexpr auto MAX_LOCK_PAUSE = std::chrono::microseconds(1000);
+
+std::atomic<int> s_mode{-1};
 
 // Locks of fcntl(2) exclude processes only, and closing any descriptor of a file drops them all:
 // within the process one mutex orders everything that is done with shared files.
@@ -72,6 +82,58 @@ long BoundSize(unsigned long maxSize) {
     return static_cast<long>(std::min(maxSize, static_cast<unsigned long>(LONG_MAX)));
 }
 
+long GetSize(int fd) {
+    struct stat status {};
+    return fstat(fd, &status) == 0 ? static_cast<long>(status.st_size) : 0;
+}
+
+bool WriteHeader(int fd, long offset) {
+    assert(offset >= HEADER_SIZE);
+    char text[HEADER_SIZE + 1];
+    std::snprintf(text, sizeof(text), "%-31ld\n", offset);
+    assert(text[HEADER_SIZE - 1] == '\n');
+    iovec header = Part(text, HEADER_SIZE);
+    return WriteParts(fd, &header, 1, 0) == static_cast<size_t>(HEADER_SIZE);
+}
+
+// The disk may have room for a part of it only; then it comes with the first record.
+void WriteFirstHeader(int fd) {
+    if (!WriteHeader(fd, HEADER_SIZE)) {
+        Truncate(fd, 0);
+    }
+}
+
+// Tells whether this call made the file. -1 with errno; ELOOP when a link is in its place.
+int OpenOrMake(const char* path, bool& isNew) {
+    // O_NONBLOCK, for a FIFO in its place would be waited for.
+    constexpr int FLAGS = O_RDWR | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW | O_NONBLOCK;
+    int fd = open(path, FLAGS | O_CREAT | O_EXCL, 0666);
+    isNew = fd >= 0;
+    if (fd < 0 && errno == EEXIST) {
+        fd = open(path, FLAGS);
+    }
+    return ToHighDescriptor(fd);
+}
+
+void SetLock(struct flock& lock, short type) {
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+}
+
+// False only while another process has it: a file that cannot be locked is written without.
+bool TryLockFile(int fd) {
+    struct flock lock {};
+    SetLock(lock, F_WRLCK);
+    return fcntl(fd, F_SETLK, &lock) == 0 || (errno != EAGAIN && errno != EACCES && errno != EINTR);
+}
+
+void UnlockFile(int fd) {
+    struct flock lock {};
+    SetLock(lock, F_UNLCK);
+    while (fcntl(fd, F_SETLK, &lock) != 0 && errno == EINTR) {
+    }
+}
+
 }  // namespace
 
 struct CNxT120TraceFile::CRecord {
@@ -107,7 +169,8 @@ CNxT120TraceFile::CNxT120TraceFile(const char* fileName, unsigned long maxSize,
     if (!m_fileName.empty() && create != 0) {
         const CCancelOff cancelOff;
         CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
-        static_cast<void>(Open(false));  // is_open() tells
+        m_opening = ANEW;
+        static_cast<void>(EnsureOpen(CClock::now() + MAX_LOCK_WAIT));  // is_open() tells
     }
 }
 
@@ -124,34 +187,102 @@ CNxMutexThread& CNxT120TraceFile::GetMutex() {
     return m_shared != 0 ? SharedFilesMutex() : m_mutex;
 }
 
+bool CNxT120TraceFile::IsSafe(const struct stat& status) {
+    return S_ISREG(status.st_mode) && status.st_nlink == 1 &&
+           (status.st_uid == geteuid() || status.st_uid == 0);
+}
+
+void CNxT120TraceFile::SetMode(int mode) {
+    s_mode.store(mode, std::memory_order_relaxed);
+}
+
 bool CNxT120TraceFile::attach() {
     const CCancelOff cancelOff;
     CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
-    return m_shared != 0 && m_fd < 0 && !m_fileName.empty() && Open(true);
-}
-
-bool CNxT120TraceFile::Open(bool keepsRecords) {
-    assert(m_fd < 0 && !m_fileName.empty());
-    m_fd = open(m_fileName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY, 0666);
-    if (m_fd < 0) {
+    if (m_shared == 0 || m_fd >= 0 || m_fileName.empty()) {
         return false;
     }
-    // Emptied under the lock, where no other process is in the middle of a record.
-    if (m_shared != 0) {
-        // The umask may keep others out. Another user's file stays as its owner made it.
-        static_cast<void>(fchmod(m_fd, 0666));
-        LockFile(F_WRLCK);
+    m_opening = KEEPING_RECORDS;
+    m_nextTry = {};
+    return EnsureOpen(CClock::now() + MAX_LOCK_WAIT);
+}
+
+bool CNxT120TraceFile::is_to_open() const {
+    return m_fd < 0 && m_opening != NOT_ASKED && CClock::now() >= m_nextTry;
+}
+
+bool CNxT120TraceFile::EnsureOpen(CClock::time_point deadline) {
+    if (is_to_open()) {
+        // First, for other threads come by while this one waits for the file's lock.
+        m_nextTry = CClock::now() + OPEN_INTERVAL;
+        const bool isOpened = Open(deadline);
+        // A later try finds records that came after the wish to empty the file.
+        m_opening = KEEPING_RECORDS;
+        return isOpened;
     }
-    if (!keepsRecords) {
-        Truncate(m_fd, 0);
+    return m_fd >= 0;
+}
+
+bool CNxT120TraceFile::Open(CClock::time_point deadline) {
+    assert(m_fd < 0 && !m_fileName.empty());
+    bool isNew = false;
+    const int fd = OpenOrMake(m_fileName.c_str(), isNew);
+    if (fd < 0) {
+        Complain(std::strerror(errno), errno == ELOOP);
+        return false;
     }
-    if (GetSize() == 0) {
-        WriteFirstHeader();
+    struct stat status {};
+    if (fstat(fd, &status) != 0 || !IsSafe(status)) {
+        Complain("not a regular file with one name and an owner to trust", true);
+        close(fd);
+        return false;
     }
-    if (m_shared != 0) {
-        LockFile(F_UNLCK);
+    const int mode = s_mode.load(std::memory_order_relaxed);
+    if (isNew && (mode >= 0 || m_shared != 0)) {
+        // As it was made, if the file system knows no modes.
+        static_cast<void>(fchmod(fd, mode >= 0 ? static_cast<mode_t>(mode) : 0666));
     }
+    if (m_shared == 0) {
+        // For who removes old files; unlike the lock of a shared file it lasts as long as the file
+        // is open. Refused, it is told from its name alone.
+        static_cast<void>(flock(fd, LOCK_SH | LOCK_NB));
+    }
+    if (!Prepare(fd, deadline)) {
+        close(fd);
+        return false;
+    }
+    m_fd = fd;
+    m_hasComplained = false;
     return true;
+}
+
+// Empties a file that is to be anew, and gives an empty one its header; a shared file under the
+// lock, when no other process is in the middle of a record.
+bool CNxT120TraceFile::Prepare(int fd, CClock::time_point deadline) {
+    const bool isLocked = m_shared != 0;
+    if (isLocked && !LockFile(fd, deadline)) {
+        Complain("another process keeps its lock", false);
+        return false;
+    }
+    // Another thread may have opened it meanwhile.
+    const bool isFirst = m_fd < 0;
+    if (isFirst && m_opening == ANEW) {
+        Truncate(fd, 0);
+    }
+    if (isFirst && GetSize(fd) == 0) {
+        WriteFirstHeader(fd);
+    }
+    if (isLocked) {
+        UnlockFile(fd);
+    }
+    return isFirst;
+}
+
+void CNxT120TraceFile::Complain(const char* problem, bool isRefused) {
+    if (!m_hasComplained && (isRefused || m_shared != 0)) {
+        PrintToStderr("nxbase: cannot trace to %s: %s\n", m_fileName.c_str(), problem);
+        m_hasComplained = true;
+    }
 }
 
 bool CNxT120TraceFile::is_same_file(const char* name) const {
@@ -165,27 +296,59 @@ void CNxT120TraceFile::write(const char* tag, const char* prefix, const char* te
 
 void CNxT120TraceFile::write(const CTraceStamp& stamp, const char* tag, const char* prefix,
                              const char* text) {
-    if (text == nullptr) {
-        return;
-    }
-    const CCancelOff cancelOff;
-    const CRecord record(stamp, tag, prefix, text);
-    CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
-    if (m_shared != 0) {
-        WriteShared(record);
-    } else {
-        Append(record);
-    }
+    Write(stamp, tag, prefix, text, m_shared != 0);
 }
 
 void CNxT120TraceFile::write_shared(const char* tag, const char* prefix, const char* text) {
+    const CCancelOff cancelOff;
+    Write(CurrentTraceStamp(), tag, prefix, text, true);
+}
+
+void CNxT120TraceFile::Write(const CTraceStamp& stamp, const char* tag, const char* prefix,
+                             const char* text, bool isShared) {
     if (text == nullptr) {
         return;
     }
     const CCancelOff cancelOff;
-    const CRecord record(CurrentTraceStamp(), tag, prefix, text);
+    const auto deadline = isShared ? CClock::now() + MAX_LOCK_WAIT : CClock::time_point();
     CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
-    WriteShared(record);
+    if (m_opening == NOT_ASKED) {
+        return;
+    }
+    if (!EnsureOpen(deadline)) {
+        ++m_lost;
+        return;
+    }
+    if (m_lost > 0) {
+        char lost[48];
+        std::snprintf(lost, sizeof(lost), "%lu records lost", m_lost);
+        const char* const lostPrefix = prefix == nullptr ? nullptr : "Warning";
+        const unsigned long told = m_lost;
+        m_lost -= Take(CRecord(stamp, tag, lostPrefix, lost), isShared, deadline) ? told : 0;
+    }
+    const bool isTaken = m_lost == 0 && Take(CRecord(stamp, tag, prefix, text), isShared, deadline);
+    m_lost += isTaken ? 0 : 1;
+}
+
+bool CNxT120TraceFile::Take(const CRecord& record, bool isShared, CClock::time_point deadline) {
+    return isShared ? WriteShared(record, deadline) : Append(record);
+}
+
+unsigned long CNxT120TraceFile::TakeLost() {
+    const CCancelOff cancelOff;
+    CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
+    Flush();
+    const unsigned long lost = m_lost + m_bufferedLines;
+    m_lost = 0;
+    m_bufferedBytes = 0;
+    m_bufferedLines = 0;
+    return lost;
+}
+
+void CNxT120TraceFile::AddLost(unsigned long count) {
+    const CCancelOff cancelOff;
+    CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
+    m_lost += count;
 }
 
 void CNxT120TraceFile::flush_buffer() {
@@ -238,33 +401,40 @@ void CNxT120TraceFile::BeforeFork() NX_NO_THREAD_SAFETY_ANALYSIS {
 
 void CNxT120TraceFile::AfterFork(bool isChild) NX_NO_THREAD_SAFETY_ANALYSIS {
     if (isChild) {
+        m_lost = 0;
         m_bufferedBytes = 0;
         m_bufferedLines = 0;
     }
     m_mutex.UnLock();
 }
 
-void CNxT120TraceFile::LockFile(short type) {
-    assert(m_fd >= 0);
-    struct flock lock {};
-    lock.l_type = type;
-    lock.l_whence = SEEK_SET;
-    // Any other refusal means that this file cannot be locked: the record counts more.
-    while (fcntl(m_fd, F_SETLKW, &lock) != 0 && (errno == EINTR || errno == EAGAIN)) {
+// Called, and returns, with the mutex held, but lets go of it between its tries.
+bool CNxT120TraceFile::LockFile(int fd, CClock::time_point deadline) NX_NO_THREAD_SAFETY_ANALYSIS {
+    assert(fd >= 0);
+    auto pause = std::chrono::microseconds(20);
+    while (!TryLockFile(fd)) {
+        if (m_isLockStuck || CClock::now() >= deadline) {
+            m_isLockStuck = true;
+            return false;
+        }
+        GetMutex().UnLock();
+        std::this_thread::sleep_for(pause);
+        pause = std::min(pause * 2, MAX_LOCK_PAUSE);
+        static_cast<void>(GetMutex().Lock());  // it was held before
     }
+    m_isLockStuck = false;
+    return true;
 }
 
-void CNxT120TraceFile::Append(const CRecord& record) {
-    if (m_fd < 0) {
-        return;
-    }
+bool CNxT120TraceFile::Append(const CRecord& record) {
+    assert(m_fd >= 0);
     // One byte less than the buffer has: its 2048 bytes a record count a terminator.
     const size_t capacity = m_linesPerFlush * LINE_SIZE - 1;
     assert(m_bufferedBytes <= capacity && (m_bufferedBytes == 0) == (m_bufferedLines == 0));
     if (record.m_length > capacity - m_bufferedBytes) {
         Flush();
         if (m_bufferedBytes > 0) {
-            return;
+            return false;
         }
     }
     size_t room = capacity - m_bufferedBytes;
@@ -284,6 +454,7 @@ void CNxT120TraceFile::Append(const CRecord& record) {
     if (m_linesPerFlush <= m_bufferedLines || m_draining) {
         Flush();
     }
+    return true;
 }
 
 void CNxT120TraceFile::Flush() {
@@ -305,11 +476,11 @@ void CNxT120TraceFile::Flush() {
     }
 }
 
-void CNxT120TraceFile::WriteShared(const CRecord& record) {
-    if (m_fd < 0) {
-        return;
+bool CNxT120TraceFile::WriteShared(const CRecord& record, CClock::time_point deadline) {
+    assert(m_fd >= 0);
+    if (!LockFile(m_fd, deadline)) {
+        return false;
     }
-    LockFile(F_WRLCK);
     long offset = ReadOffset();
     if (m_maxSize != 0 && m_maxSize <= offset) {
         Truncate(m_fd, offset);
@@ -317,9 +488,9 @@ void CNxT120TraceFile::WriteShared(const CRecord& record) {
     }
     CRecord whole = record;
     whole.Add(MARKER, MARKER_SIZE);
-    // What cannot be written is dropped.
-    static_cast<void>(Put(offset, whole.m_parts, whole.m_count, record.m_length));
-    LockFile(F_UNLCK);
+    const bool isWritten = Put(offset, whole.m_parts, whole.m_count, record.m_length);
+    UnlockFile(m_fd);
+    return isWritten;
 }
 
 long CNxT120TraceFile::ReadOffset() {
@@ -329,7 +500,7 @@ long CNxT120TraceFile::ReadOffset() {
         n = pread(m_fd, text, HEADER_SIZE, 0);
     } while (n < 0 && errno == EINTR);
     const long offset = std::strtol(text, nullptr, 10);
-    if (offset < HEADER_SIZE || (offset != m_lastOffset && offset > GetSize())) {
+    if (offset < HEADER_SIZE || (offset != m_lastOffset && offset > GetSize(m_fd))) {
         return HEADER_SIZE;
     }
     return offset;
@@ -339,7 +510,7 @@ bool CNxT120TraceFile::Put(long offset, iovec* parts, int count, size_t recordBy
     assert(offset >= HEADER_SIZE && recordBytes > 0);
     const long end = offset + static_cast<long>(recordBytes);
     const size_t written = WriteParts(m_fd, parts, count, offset);
-    if (written == recordBytes + MARKER_SIZE && WriteHeader(end)) {
+    if (written == recordBytes + MARKER_SIZE && WriteHeader(m_fd, end)) {
         m_lastOffset = end;
         return true;
     }
@@ -352,31 +523,11 @@ bool CNxT120TraceFile::Put(long offset, iovec* parts, int count, size_t recordBy
 // After a write of which only `written` bytes reached the file.
 void CNxT120TraceFile::RestoreMarker(long offset, size_t written) {
     assert(offset >= HEADER_SIZE && written > 0);
-    const bool isAtTheEnd = GetSize() <= offset + static_cast<long>(std::max(written, MARKER_SIZE));
+    const bool isAtTheEnd =
+        GetSize(m_fd) <= offset + static_cast<long>(std::max(written, MARKER_SIZE));
     iovec marker = Part(MARKER, MARKER_SIZE);
     const bool isRestored = WriteParts(m_fd, &marker, 1, offset) == MARKER_SIZE;
     if (isAtTheEnd) {
         Truncate(m_fd, offset + (isRestored ? static_cast<long>(MARKER_SIZE) : 0));
     }
-}
-
-bool CNxT120TraceFile::WriteHeader(long offset) {
-    assert(offset >= HEADER_SIZE);
-    char text[HEADER_SIZE + 1];
-    std::snprintf(text, sizeof(text), "%-31ld\n", offset);
-    assert(text[HEADER_SIZE - 1] == '\n');
-    iovec header = Part(text, HEADER_SIZE);
-    return WriteParts(m_fd, &header, 1, 0) == static_cast<size_t>(HEADER_SIZE);
-}
-
-// The disk may have room for a part of it only; then it comes with the first record.
-void CNxT120TraceFile::WriteFirstHeader() {
-    if (!WriteHeader(HEADER_SIZE)) {
-        Truncate(m_fd, 0);
-    }
-}
-
-long CNxT120TraceFile::GetSize() const {
-    struct stat status {};
-    return fstat(m_fd, &status) == 0 ? static_cast<long>(status.st_size) : 0;
 }

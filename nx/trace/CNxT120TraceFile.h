@@ -20,28 +20,40 @@
 #include <nx/foundation/CNxMutexThread.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <string>
 
 struct CTraceStamp;
 struct iovec;
+struct stat;
 
 // One file, as a rule owned by a CNxT120TraceFileMgr. Any thread may call any operation; locks
 // inside serialise them. A thread is not cancelled inside of one.
 //
-// No operation reports a failure. A file that cannot be opened, or was not asked to be, takes
-// records and drops them. When a write fails (a full disk, say) the header stays where it is and
-// the marker is put back: what was on disk stays readable. A private file keeps the records in
-// its buffer and tries again with each further one; while the buffer is full new records are
-// dropped. A shared file drops the record.
+// NOBODY LEARNS BY A RESULT THAT A RECORD IS LOST: records that are dropped are counted, and the
+// count, "7 records lost" with the prefix Warning, is the first record that is written again.
+// - A file that cannot be opened drops records, and tries again with one of them a second.
+// - When a write fails (a full disk, say) the header stays where it is and the marker is put back:
+//   what was on disk stays readable. A private file keeps the records in its buffer and tries again
+//   with each further one; while the buffer is full new records are dropped. A shared file drops
+//   the record.
+// - A record waits 200 ms for another process that has the lock of a shared file, then it is
+//   dropped; later ones try, but do not wait, until one has got through. Other threads' records go
+//   on meanwhile.
+// A file that was not asked to be opened drops records, too; these are not counted.
+//
+// Other users may write to the folder of the file: links are not followed, and a file is refused
+// that is not regular, has more names than one, or belongs to neither the process's user nor root.
+// One line on stderr tells of a refused file, and of a shared file that cannot be opened.
 //
 // Whoever meddles with the file: a header that cannot be read, lies below 32 or beyond the end of
 // the file counts as 32.
 class CNxT120TraceFile {
 public:
     // With a name and a non-zero `create` the file is made anew - emptied if it exists, in shared
-    // mode under the lock, with access mode 0666. `maxSize` in bytes, 0 for unlimited.
+    // mode under the lock. `maxSize` in bytes, 0 for unlimited.
     // To leave in place what other processes wrote to a shared file, pass 0 for `create` and call
     // attach().
     CNxT120TraceFile(const char* fileName, unsigned long maxSize, unsigned char shared,
@@ -52,9 +64,17 @@ public:
     CNxT120TraceFile(const CNxT120TraceFile&) = delete;
     CNxT120TraceFile& operator=(const CNxT120TraceFile&) = delete;
 
-    // Opens the file as it is; makes it, with mode 0666, when it is missing. False when it has no
-    // name, is open already, is not shared or cannot be opened.
+    // Opens the file as it is; makes it when it is missing. False when it has no name, is open
+    // already, is not shared or cannot be opened now; it is then tried again.
     [[nodiscard]] bool attach();
+
+    // Whether a file with that status would not be refused.
+    [[nodiscard]] static bool IsSafe(const struct stat& status);
+
+    // The access mode of files that this process makes from now on, whatever its umask; -1, which
+    // it is at first: 0666 for shared files, the umask's choice for private ones. Files that are
+    // there already keep theirs. The trace engine sets it whenever it reads its configuration.
+    static void SetMode(int mode);
 
     // Whether the name is exactly this; false for null and for a file without a name.
     bool is_same_file(const char* name) const;
@@ -82,8 +102,16 @@ public:
 
     bool is_shared() const { return m_shared != 0; }
 
-    // Not while another thread attaches.
+    // Not while another thread attaches or writes.
     bool is_open() const { return m_fd >= 0; }
+
+    // Whether the next record is going to open the file.
+    bool is_to_open() const;
+
+    // Flushes, and hands over how many records have been dropped: the file that takes this one's
+    // place tells. Those that could not be flushed are among them.
+    [[nodiscard]] unsigned long TakeLost();
+    void AddLost(unsigned long count);
 
     // The process ends: flushes a private file and from now on writes each record at once.
     void drain();
@@ -96,25 +124,37 @@ public:
     void AfterFork(bool isChild);
 
 private:
+    using CClock = std::chrono::steady_clock;
     struct CRecord;
+    enum TOpening { NOT_ASKED, ANEW, KEEPING_RECORDS };
 
     CNxMutexThread& GetMutex();
-    [[nodiscard]] bool Open(bool keepsRecords);
-    void LockFile(short type);
-    void Append(const CRecord& record);
+    void Write(const CTraceStamp& stamp, const char* tag, const char* prefix, const char* text,
+               bool isShared);
+    [[nodiscard]] bool EnsureOpen(CClock::time_point deadline);
+    [[nodiscard]] bool Open(CClock::time_point deadline);
+    [[nodiscard]] bool Prepare(int fd, CClock::time_point deadline);
+    void Complain(const char* problem, bool isRefused);
+    [[nodiscard]] bool LockFile(int fd, CClock::time_point deadline);
+    [[nodiscard]] bool Take(const CRecord& record, bool isShared, CClock::time_point deadline);
+    [[nodiscard]] bool Append(const CRecord& record);
     void Flush();
-    void WriteShared(const CRecord& record);
+    [[nodiscard]] bool WriteShared(const CRecord& record, CClock::time_point deadline);
     [[nodiscard]] long ReadOffset();
     [[nodiscard]] bool Put(long offset, iovec* parts, int count, size_t recordBytes);
     void RestoreMarker(long offset, size_t written);
-    [[nodiscard]] bool WriteHeader(long offset);
-    void WriteFirstHeader();
-    long GetSize() const;
 
     const std::string m_fileName;
     long m_maxSize;
     const unsigned char m_shared;
     int m_fd = -1;
+    // What is to be done as long as there is no descriptor.
+    TOpening m_opening = NOT_ASKED;
+    CClock::time_point m_nextTry;
+    bool m_hasComplained = false;
+    // Another process kept the lock longer than a record waits.
+    bool m_isLockStuck = false;
+    unsigned long m_lost = 0;
     unsigned int m_linesPerFlush = 1;
     unsigned int m_bufferedLines = 0;
     size_t m_bufferedBytes = 0;

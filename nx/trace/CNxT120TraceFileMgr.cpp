@@ -6,6 +6,7 @@
 #include <pthread.h>
 
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -59,8 +60,8 @@ void* CNxT120TraceFileMgr::open(const char* name, unsigned long maxSize, unsigne
     CGuard guard(m_mutex);
     CNxT120TraceFile* file = Find(name);
     if (file == nullptr) {
-        file = new CNxT120TraceFile(name, maxSize, shared, create);
-        m_files.emplace_front(file);
+        auto made = std::make_unique<CNxT120TraceFile>(name, maxSize, shared, create);
+        file = m_files.emplace_front(std::move(made)).get();
     }
     return file;
 }
@@ -70,10 +71,10 @@ void* CNxT120TraceFileMgr::attach(const char* name, unsigned long maxSize) {
     CGuard guard(m_mutex);
     CNxT120TraceFile* file = Find(name);
     if (file == nullptr) {
-        file = new CNxT120TraceFile(name, maxSize, 1, 0);
-        // One that cannot be opened drops what is written to it.
+        auto made = std::make_unique<CNxT120TraceFile>(name, maxSize, 1, 0);
+        file = m_files.emplace_front(std::move(made)).get();
+        // One that cannot be opened now tries again.
         static_cast<void>(file->attach());
-        m_files.emplace_front(file);
     }
     return file;
 }

@@ -1,4 +1,6 @@
 #include <fcntl.h>
+#include <nx/foundation/high_descriptor.h>
+#include <nx/foundation/standard_streams.h>
 #include <nx/trace/log.h>
 #include <strings.h>
 #include <unistd.h>
@@ -105,9 +107,9 @@ const char* log_level_name(CNxLogLevel level) {
 }
 
 int log_redirect_stderr_to(const char* path) {
-    const int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    const int fd = ToHighDescriptor(open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     if (fd < 0) {
-        std::fprintf(stderr, "Couldn't open logfile %s: %s\n", path, std::strerror(errno));
+        PrintToStderr("Couldn't open logfile %s: %s\n", path, std::strerror(errno));
         std::exit(1);
     }
     cnx_log_stderr_fd = fd;
@@ -129,7 +131,7 @@ void do_log(CNxLogLevel level, const char* fmt, va_list args) {
     }
     char message[MESSAGE_SIZE];
     std::vsnprintf(message, sizeof(message), fmt, args);
-    std::printf("%s\n", message);
+    PrintToStdout("%s\n", message);
     errno = savedErrno;
 }
 

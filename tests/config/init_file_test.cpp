@@ -1,8 +1,10 @@
 // Profile files: their syntax, the bounds of every reader, and the parameters with their defaults.
 #include <gtest/gtest.h>
+#include <nx/config/CConfigFile.h>
 #include <nx/config/CNxConfigInitFile.h>
 #include <nx/config/init_file.h>
 #include <nx/process/trace_setting.h>
+#include <sys/stat.h>
 
 #include <cstring>
 
@@ -100,4 +102,17 @@ TEST_F(CProfileTest, ParametersDropOneSemicolonAndTruncate) {
     EXPECT_TRUE(get_string_param("Trace", "off", out, sizeof(out)));
     EXPECT_STREQ(out, "");
     EXPECT_FALSE(get_string_param("Trace", "none", out, sizeof(out)));
+}
+
+// Before, the look-up waited for a writer.
+TEST_F(CProfileTest, AFifoOrDeviceIsNoConfiguration) {
+    Write("");
+    EXPECT_EQ(open_config_file(), nullptr) << "being rewritten";
+    for (const std::string& path : {m_folder.Path("fifo"), std::string("/dev/zero")}) {
+        static_cast<void>(mkfifo(path.c_str(), 0666));
+        std::snprintf(g_strConfigfile1, sizeof(g_strConfigfile1), "%s", path.c_str());
+        EXPECT_EQ(get_bool_param("Trace", "Enable", 1), 1);
+        EXPECT_EQ(open_config_file(), nullptr);
+        EXPECT_EQ(CConfigFile().Open(path.c_str()), -1);
+    }
 }

@@ -1,9 +1,12 @@
 // The whole kv_server over real sockets.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <tests/support/FaultFile.h>
 #include <tests/support/ServerProcess.h>
 #include <tests/support/TempFolder.h>
 
+#include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -303,6 +306,94 @@ TEST(KvServerProgram, EndsWithAStatusThatTellsWhatIsWrong) {
     EXPECT_EQ(2, status);
     OutputOf(KV_SERVER " --bind 203.0.113.1 --port 0 2>&1", &status);
     EXPECT_EQ(1, status);
+}
+
+// A store that has minutes of work to do.
+TEST(KvServerProgram, SigtermEndsItInFiveSecondsWhateverTheStoreDoes) {
+    ServerProcess server(KV_SERVER, {"--port=0"});
+    const TestClient client(server.GetPort());
+    std::string sets;
+    for (int i = 0; i < 200000; ++i) {
+        sets += "SET key" + std::to_string(i) + " v\r\n";
+    }
+    std::thread sender([&] { client.Send(sets); });
+    client.Receive(5 * 200000);
+    sender.join();
+    std::string keys;
+    for (int i = 0; i < 5000; ++i) {
+        keys += "KEYS nothing\r\n";
+    }
+    client.Send(keys);
+    EXPECT_EQ("*0\r\n", client.Receive(4));
+    // Others have their turn meanwhile.
+    const TestClient other(server.GetPort());
+    other.Expect("PING\r\n", "+PONG\r\n");
+    const auto begin = std::chrono::steady_clock::now();
+    server.Signal(SIGTERM);
+    EXPECT_EQ(0, server.Wait());
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(5500));
+}
+
+long ReadResidentKb(const ServerProcess& server) {
+    return std::stol(
+        OutputOf("awk '/VmRSS/{print $2}' /proc/" + std::to_string(server.GetPid()) + "/status"));
+}
+
+TEST(KvServerProgram, LetsGoWhoHoldsMostWhenClientsHoldTooMuch) {
+    ServerProcess server(KV_SERVER, {"--port=0", "--client-memory=100"});
+    const TestClient other(server.GetPort());
+    other.Expect("PING\r\n", "+PONG\r\n");
+    std::vector<TestClient> clients;
+    for (size_t i = 0; i < 10; ++i) {
+        clients.emplace_back(server.GetPort());
+        clients.back().Send("*2\r\n$4\r\nECHO\r\n$16777216\r\n" +
+                            std::string((15UL << 20) + i, 'x'));
+    }
+    // What one has held has gone when the next is dropped: those that are left fit.
+    size_t dropped = 0;
+    for (const TestClient& client : clients) {
+        pollfd end{client.GetHandle(), POLLIN, 0};
+        dropped += poll(&end, 1, 500) == 1 ? 1U : 0U;
+    }
+    EXPECT_GE(dropped, 4U);
+    EXPECT_LT(dropped, 10U);
+    other.Expect("PING\r\n", "+PONG\r\n");
+    clients.clear();
+    if (FaultFile::IsUsable()) {  // A sanitizer keeps what was freed.
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (ReadResidentKb(server) > 40000 && std::chrono::steady_clock::now() < limit) {
+            std::this_thread::yield();
+        }
+        EXPECT_LT(ReadResidentKb(server), 40000);
+    }
+}
+
+TEST(KvServerProgram, AfterAPauseInputComesBeforeIdleClientsAreDropped) {
+    ServerProcess server(KV_SERVER, {"--port=0", "--idle-timeout=1"});
+    const TestClient client(server.GetPort());
+    for (int i = 0; i < 3; ++i) {
+        client.Expect("PING\r\n", "+PONG\r\n");
+        server.Signal(SIGSTOP);
+        waitpid(server.GetPid(), nullptr, WUNTRACED);
+        client.Send("PING\r\n");
+        std::this_thread::sleep_for(std::chrono::seconds(3));
+        server.Signal(SIGCONT);
+        ASSERT_EQ("+PONG\r\n", client.Receive(7));
+    }
+}
+
+TEST(KvServerProgram, EndsWithStatusOneWhenItsLoopCannotWaitAnyMore) {
+    if (!FaultFile::IsUsable()) {
+        GTEST_SKIP() << "needs a preloaded library";
+    }
+    const CTempFolder folder;
+    const FaultFile faults(folder.Path("plan"), FAULT_SHIM);
+    ServerProcess server(KV_SERVER, {"--port=0"});
+    const TestClient client(server.GetPort());
+    client.Expect("PING\r\n", "+PONG\r\n");
+    faults.FailAll(FaultPlan::CALL_epoll_wait, EBADF);
+    client.Send("PING\r\n");
+    EXPECT_EQ(1, server.Wait());
 }
 
 }  // namespace

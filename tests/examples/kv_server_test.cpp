@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <kv_server/CommandRunner.h>
 #include <tests/examples/TakeText.h>
+#include <tests/support/FailingNew.h>
 
 #include <algorithm>
 #include <map>
@@ -76,6 +77,7 @@ TEST(KvRequestReader, MalformedInputIsNamedBehindWhatWasRight) {
         {"*1025\r\n", "invalid multibulk length"},
         {"*" + std::string(64, '1'), "too big mbulk count string"},
         {"*1\r\n:1\r\n", "expected '$', got ':'"},
+        {"*1\r\n\x1B[2J\r\n", "expected '$', got '?'"},
         {"*1\r\n$-1\r\n", "invalid bulk length"},
         {"*1\r\n$16777217\r\n", "invalid bulk length"},
         {"*1\r\n$" + std::string(64, '1'), "too big bulk count string"},
@@ -90,6 +92,17 @@ TEST(KvRequestReader, MalformedInputIsNamedBehindWhatWasRight) {
             EXPECT_EQ("Protocol error: " + error, read.error);
         }
     }
+}
+
+// The published values for the key 00 01 .. 0f and the texts 00 01 .. of that length.
+TEST(KvKeyHash, IsSipHash) {
+    const std::string text("\0\1\2\3\4\5\6\7\10\11\12\13\14\15\16", 15);
+    const auto hash = [&](size_t size) {
+        return SipHash(0x0706050403020100, 0x0f0e0d0c0b0a0908, text.substr(0, size), 2, 4);
+    };
+    EXPECT_EQ(0x726fdb47dd0e0e31, hash(0));
+    EXPECT_EQ(0x74f839c593dc67fd, hash(1));
+    EXPECT_EQ(0xa129ca6149be45e5, hash(15));
 }
 
 // Random operations against a map that knows when each key dies.
@@ -111,7 +124,7 @@ TEST(KvStoreModel, KeysExpireAndOnlyThose) {
             case 0: {
                 const bool keep = random() % 2 == 0;
                 const std::string value(random() % 3 == 0 ? 5000 : 5, 'v');
-                store.Set(key, Value(value), keep);
+                store.Set(key, Value(value), keep ? KvStore::c_keepExpiry : KvStore::c_never);
                 model[key] = {value, keep && isAlive ? alive->second.dies : c_never};
                 break;
             }
@@ -204,11 +217,79 @@ TEST_F(KvCommands, AnswerAsTheyShould) {
         {"CONFIG GET SAVE x\r\n", "*2\r\n$4\r\nsave\r\n$0\r\n\r\n"},
         {"CONFIG SET save x\r\n", "-ERR unknown subcommand 'SET'\r\n"},
         {"SET a 1\r\nFLUSHALL\r\nDBSIZE\r\n", "+OK\r\n+OK\r\n:0\r\n"},
-        {"*1\r\n$3\r\nA\nB\r\n", "-ERR unknown command 'A?B'\r\n"},
+        {"*1\r\n$4\r\nA\n\x9B"
+         "B\r\n",
+         "-ERR unknown command 'A??B'\r\n"},
     };
     for (const auto& [request, answer] : dialogue) {
         EXPECT_EQ(answer, Run(request)) << request;
     }
+}
+
+// 4,000 bytes between stars against a key of a million that matches all but the last of them.
+TEST_F(KvCommands, APatternMadeToBeSlowIsAnError) {
+    m_store.Set(std::string(1000000, 'a'), Value("1"));
+    m_store.Set("ab", Value("1"));
+    const auto keys = [](const std::string& pattern) { return ToRequest({"KEYS", pattern}); };
+    EXPECT_EQ("-ERR pattern takes too long to match\r\n",
+              Run(keys("*" + std::string(4000, 'a') + "b*")));
+    EXPECT_EQ("-ERR pattern takes too long to match\r\n",
+              Run(keys("*[" + std::string(300000, 'x') + "]")));
+    EXPECT_EQ("*1\r\n$2\r\nab\r\n", Run(keys("*[a-z]b*")));
+    EXPECT_EQ("*1\r\n$2\r\nab\r\n", Run(keys("*[b-z]")));
+}
+
+TEST_F(KvCommands, ThatWalkOverManyKeysTakeTurnsAndEndEarlyWhenGivenUp) {
+    for (int i = 0; i < 300000; ++i) {
+        m_store.Set(std::to_string(i), Value(""));
+    }
+    Batch batch;
+    m_reader.Take("KEYS x\r\nKEYS x\r\nKEYS x\r\nKEYS x\r\nKEYS x\r\nKEYS x\r\n", batch);
+    m_runner.Run(batch);
+    EXPECT_EQ("*0\r\n*0\r\n*0\r\n*0\r\n", TakeText(batch.replies));
+    EXPECT_TRUE(batch.HasCommands());
+    m_runner.GiveUp();
+    m_runner.Run(batch);
+    EXPECT_TRUE(batch.replies.IsEmpty());
+}
+
+// Every allocation of a dialogue fails once: the command is refused and has changed nothing, or it
+// has done all.
+TEST_F(KvCommands, AreRefusedAsAWholeWhenMemoryRunsOut) {
+    const std::string big(5000, 'v');
+    const std::string longKey(100, 'k');
+    const std::string before = ToRequest({"SET", "old", big, "EX", "100"}) + "SET n 1\r\n";
+    const std::vector<Words> commands{{"SET", "old", std::string(6000, 'w')},
+                                      {"SET", longKey, big, "PX", "5000"},
+                                      {"INCR", "n"},
+                                      {"EXPIRE", "n", "50"},
+                                      {"KEYS", "*"},
+                                      {"GET", "old"},
+                                      {"CONFIG", "GET", "save"},
+                                      {"INFO"},
+                                      {"nonsense", "1"}};
+    const std::string state = ToRequest({"GET", "old"}) + "TTL old\r\n" +
+                              ToRequest({"TTL", longKey}) + "GET n\r\nTTL n\r\nDBSIZE\r\n";
+    int refused = 0;
+    for (const Words& command : commands) {
+        bool isDone = false;
+        for (long skip = 0; !isDone; ++skip) {
+            Run("FLUSHALL\r\n" + before);
+            const std::string stateBefore = Run(state);
+            Batch batch;
+            m_reader.Take(ToRequest(command), batch);
+            failing_new::Fail(skip, 1);
+            m_runner.Run(batch);
+            isDone = failing_new::Stop() <= skip;
+            const std::string reply = TakeText(batch.replies);
+            ASSERT_TRUE(batch.quit || !reply.empty());
+            if (reply.empty() || reply == "-ERR out of memory\r\n") {
+                ++refused;
+                ASSERT_EQ(stateBefore, Run(state)) << command[0] << skip;
+            }
+        }
+    }
+    EXPECT_GT(refused, 20);
 }
 
 TEST_F(KvCommands, RepliesAreBrokenOffWhereTheClientMustReadFirst) {

@@ -5,6 +5,7 @@
 #include <functional>
 #include <map>
 #include <random>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -114,6 +115,20 @@ TEST_F(ReactorBase, CallbackThatChangesTheTableEndsItsOwnDispatch) {
     EXPECT_TRUE(other.m_closedWith.empty());
 }
 
+#ifdef NXBASE_CHECK_THREADS
+TEST_F(ReactorBase, RemovalThroughAnotherHandlerIsSaid) {
+    Handler other(5);
+    EXPECT_EQ(m_reactor.RegisterHandler(&m_handler, c_readWrite), NX_OK);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(m_reactor.RemoveHandler(&other, NX_MASK_WRITE), NX_ERROR_FOUND);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("which has descriptor 5 now"),
+              std::string::npos);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(m_reactor.RemoveHandler(&m_handler, NX_MASK_READ), NX_OK);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+#endif
+
 // The table written out as the rules say: what a descriptor is registered with, and what each
 // operation answers.
 struct Model {
@@ -144,6 +159,8 @@ struct Model {
 };
 
 TEST_F(ReactorBase, RandomOperationsAgreeWithALiteralTable) {
+    // What it says of removals through other handlers.
+    testing::internal::CaptureStderr();
     std::vector<Handler> handlers;
     for (int i = 0; i < 12; ++i) {
         handlers.emplace_back(20 + i / 3);
@@ -177,6 +194,7 @@ TEST_F(ReactorBase, RandomOperationsAgreeWithALiteralTable) {
         }
         ASSERT_EQ(m_reactor.m_watched.size(), model.m_table.size());
     }
+    testing::internal::GetCapturedStderr();
 }
 
 }  // namespace

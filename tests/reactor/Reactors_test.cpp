@@ -38,29 +38,6 @@ template <class Reactor>
 class ClosedReactors : public ::testing::Test {};
 TYPED_TEST_SUITE(ClosedReactors, AllReactors, ReactorNames);
 
-TYPED_TEST(Reactors, FullPipeStrandsNeitherEventsNorTheStop) {
-    auto& reactor = this->m_reactor;
-    End end;
-    ASSERT_EQ(reactor.RegisterHandler(&end, NX_MASK_READ), NX_OK);
-    int notified = 0;
-    while (reactor.NotifyHandler(&end, NX_MASK_READ) == NX_OK) {
-        ++notified;
-    }
-    EXPECT_EQ(reactor.NotifyHandler(&end, NX_MASK_READ), NX_ERROR_UNEXPECTED);
-    EXPECT_GT(notified, 10);
-    // A wake-up for it finds no room in the pipe.
-    std::thread poster([&] { reactor.PostEvent(new CountedEvent(this->m_counts), c_normal); });
-    poster.join();
-    Timer stop([&] {
-        if (end.m_inputs == notified && this->m_counts.AllDestroyed()) {
-            reactor.StopEventLoop();
-        }
-    });
-    EXPECT_EQ(reactor.ScheduleTimer(&stop, nullptr, CNxTimeValue(0, 1000), 0), NX_OK);
-    EXPECT_EQ(reactor.RunEventLoop(), NX_OK);
-    EXPECT_EQ(end.m_inputs, notified);
-}
-
 TYPED_TEST(ClosedReactors, ReopeningLeaksNothingAndForgetsOldRegistrations) {
     const int before = CountDescriptors();
     {
@@ -94,7 +71,9 @@ TYPED_TEST(ClosedReactors, OpenWithoutDescriptorsFailsAndTakesNone) {
         GTEST_SKIP() << "the limit of open descriptors is too low";
     }
     // A sanitizer's first look at a type takes descriptors.
-    ASSERT_EQ(TypeParam().Open(), NX_OK);
+    TypeParam first;
+    ASSERT_EQ(first.Open(), NX_OK);
+    ASSERT_EQ(first.Open(), NX_ERROR_ALREADY_INITIALIZED);
     std::vector<int> taken;
     for (int fd = 0; (fd = dup(STDERR_FILENO)) != -1;) {
         taken.insert(taken.begin(), fd);

@@ -1,58 +1,82 @@
-#include "FailingNew.h"
+#include <tests/support/FailingNew.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <new>
 
 namespace {
 
-constexpr long c_never = -1;
+std::atomic<bool> s_isOn{false};
+std::atomic<long> s_made{0};
+std::atomic<long> s_skip{0};
+std::atomic<long> s_count{0};
 
-std::atomic<long> g_left{c_never};  // until the one that fails
-std::atomic<bool> g_onwards{false};
-std::atomic<long> g_failed{0};
-
-bool Fails() {
-    long left = g_left.load();
-    while (left > 0 && !g_left.compare_exchange_weak(left, left - 1)) {
+void* Allocate(std::size_t size) {
+    if (s_isOn.load(std::memory_order_relaxed)) {
+        const long number = s_made.fetch_add(1);
+        if (number >= s_skip && number - s_skip < s_count) {
+            return nullptr;
+        }
     }
-    const bool fails = left == 0 && (g_onwards || g_left.compare_exchange_strong(left, c_never));
-    g_failed += fails ? 1 : 0;
-    return fails;
+    return std::malloc(size == 0 ? 1 : size);
 }
 
-}  // namespace
-
-FailingNew::FailingNew(long n, EHow how) {
-    g_failed = 0;
-    g_onwards = how == ONWARDS;
-    g_left = n;
-}
-
-FailingNew::~FailingNew() {
-    g_left = c_never;
-}
-
-long FailingNew::CountFailed() {
-    return g_failed;
-}
-
-void* operator new(size_t size) {
-    void* const memory = Fails() ? nullptr : std::malloc(size == 0 ? 1 : size);
+void* AllocateOrThrow(std::size_t size) {
+    void* const memory = Allocate(size);
     if (memory == nullptr) {
         throw std::bad_alloc();
     }
     return memory;
 }
 
-void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
-    return Fails() ? nullptr : std::malloc(size == 0 ? 1 : size);
+}  // namespace
+
+namespace failing_new {
+
+void Fail(long skip, long count) {
+    s_made = 0;
+    s_skip = skip;
+    s_count = count;
+    s_isOn = true;
 }
 
+long GetMade() {
+    return s_made;
+}
+
+long GetFailed() {
+    return std::clamp(s_made - s_skip, 0L, s_count.load());
+}
+
+long Stop() {
+    s_isOn = false;
+    return s_made;
+}
+
+}  // namespace failing_new
+
+void* operator new(std::size_t size) {
+    return AllocateOrThrow(size);
+}
+void* operator new[](std::size_t size) {
+    return AllocateOrThrow(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return Allocate(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return Allocate(size);
+}
 void operator delete(void* memory) noexcept {
     std::free(memory);
 }
-
-void operator delete(void* memory, size_t /*size*/) noexcept {
+void operator delete[](void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, std::size_t /*size*/) noexcept {
     std::free(memory);
 }

@@ -1,18 +1,34 @@
-// The memory under the control of a test: a test program that has FailingNew.cpp among its sources
-// gets an operator new that fails when it is told to.
+// Replaces operator new in the program that links FailingNew.cpp: allocations fail when told to.
 #pragma once
 
+#include <limits>
+
+namespace failing_new {
+
+// After `skip` good ones, the next `count` allocations of the whole process fail.
+void Fail(long skip, long count);
+
+// How many were made since Fail, those that failed among them, and how many failed.
+long GetMade();
+long GetFailed();
+
+// None fails any more. Returns how many were made since Fail.
+long Stop();
+
+}  // namespace failing_new
+
 // From here to the end of the scope the n-th allocation (from 0) of any thread fails, and with
-// `onwards` all that follow it too.
+// ONWARDS all that follow it too.
 class FailingNew {
 public:
     enum EHow { ONCE, ONWARDS };
 
-    FailingNew(long n, EHow how);
-    ~FailingNew();
+    FailingNew(long n, EHow how) {
+        failing_new::Fail(n, how == ONCE ? 1 : std::numeric_limits<long>::max());
+    }
+    ~FailingNew() { failing_new::Stop(); }
     FailingNew(const FailingNew&) = delete;
     FailingNew& operator=(const FailingNew&) = delete;
 
-    // How many have failed so far.
-    static long CountFailed();
+    static long CountFailed() { return failing_new::GetFailed(); }
 };

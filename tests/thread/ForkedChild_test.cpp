@@ -54,10 +54,12 @@ public:
         Must(Manager()->CreateUserTaskThread(m_worker, c_joinable, 1));
         Must(Manager()->CreateNetworkThread(NX_THREAD_NETWORK,
                                             CNxThreadManager::CreateNetworkReactor(), m_network));
-        static Sink sink;
+        // Never destroyed: timers call until the tear-down, which comes after static objects are
+        // gone.
+        static auto* const sink = new Sink;
         static auto* const timer = new CNxTimerPreciseWrapperID;
         m_timer = timer;
-        Must(m_timer->Schedule(&sink, CNxTimeValue(0, 10000), 0, m_worker->GetThreadType()));
+        Must(m_timer->Schedule(sink, CNxTimeValue(0, 10000), 0, m_worker->GetThreadType()));
         new CountsItsEnd(*m_ended);
     }
 

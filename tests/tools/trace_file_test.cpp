@@ -1,6 +1,8 @@
 // What the reader finds in trace files, against what the library wrote into them.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <nx/trace/CNxT120TraceFile.h>
+#include <unistd.h>
 
 #include "../support/TempFolder.h"
 #include "CTraceFile.h"
@@ -92,4 +94,28 @@ TEST(TraceFile, DamageCostsNoRecordThatIsStillWhole) {
                         FileOf(newer + RecordLine(7, "Info:g"), older.substr(60)).substr(32));
     TakeNew(followed, seen);
     EXPECT_EQ(seen, (Texts{"d", "e", f, "g"}));
+}
+
+// Before, reading it took as much memory as the file has bytes.
+TEST(TraceFile, HolesAreLeftOutHoweverLargeTheyAre) {
+    const CTempFolder folder;
+    constexpr off_t LARGE = off_t{1} << 36;
+    const std::string path =
+        folder.Put("t", FileOf(RecordLine(5, "Info:a") + RecordLine(6, "Info:b")));
+    const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    const std::string far = RecordLine(3, "Info:c") + RecordLine(4, "Info:d");
+    if (pwrite(fd, far.data(), far.size(), LARGE) < 0) {
+        close(fd);
+        GTEST_SKIP() << "no files of that size here";
+    }
+    CTraceFile file(path);
+    Texts seen;
+    TakeNew(file, seen);
+    EXPECT_EQ(seen, (Texts{"c", "d", "a", "b"}));
+    // A header that points beyond the hole, of a file that is followed.
+    const std::string header = HeaderLine(static_cast<size_t>(LARGE) + far.size());
+    ASSERT_EQ(pwrite(fd, header.data(), header.size(), 0), 32);
+    TakeNew(file, seen);
+    EXPECT_EQ(seen.size(), 4U);
+    close(fd);
 }

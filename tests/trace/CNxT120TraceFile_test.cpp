@@ -1,12 +1,20 @@
+#include <fcntl.h>
 #include <nx/trace/CNxT120TraceFile.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <csignal>
+#include <thread>
 
 #include "TraceFiles.h"
 
 namespace {
+
+constexpr auto c_patience = std::chrono::seconds(10);
 
 // Private and shared.
 constexpr unsigned char c_bothModes[] = {0, 1};
@@ -119,10 +127,11 @@ size_t FillThenResume(const std::string& path, unsigned char shared, MakeRoom ma
     makeRoom();
     file.write("Log", "Info", "resumed");
     Texts after = TextsIn(path);
-    EXPECT_GT(after.size(), before);
+    EXPECT_GT(after.size(), before + 1);
     EXPECT_EQ(after.back(), "Info:resumed");
-    after.pop_back();
-    for (size_t i = 0; i < after.size(); ++i) {
+    const size_t kept = after.size() - 2;
+    EXPECT_EQ(after[kept], "Warning:" + std::to_string(3000 - kept) + " records lost");
+    for (size_t i = 0; i < kept; ++i) {
         EXPECT_EQ(after[i], "Info:line " + std::to_string(i));
     }
     return before;
@@ -157,6 +166,151 @@ TEST_F(CNxT120TraceFileTest, AFullFileSystemLosesNothingThatWasWritten) {
         EXPECT_LT(before, 3000u);
     }
     umount2(m_folder.Path().c_str(), MNT_DETACH);
+}
+
+int ModeOf(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? static_cast<int>(status.st_mode & 07777) : -1;
+}
+
+// Writes into both kinds of file at the path; what they say on stderr.
+std::string ComplaintsAbout(const std::string& path) {
+    testing::internal::CaptureStderr();
+    for (const unsigned char shared : c_bothModes) {
+        CNxT120TraceFile file(path.c_str(), 1000, shared, 1);
+        file.write("Log", "Info", "refused");
+        file.write("Log", "Info", "refused");
+        EXPECT_FALSE(file.is_open());
+    }
+    return testing::internal::GetCapturedStderr();
+}
+
+TEST_F(CNxT120TraceFileTest, RefusesWhatAnotherUserMayHavePlanted) {
+    const std::string victim = m_folder.Put("victim", "secret");
+    ASSERT_EQ(chmod(victim.c_str(), 0600), 0);
+    const std::string missing = m_folder.Path("missing");
+    const auto expectRefused = [&](const std::string& why) {
+        const std::string line = "nxbase: cannot trace to " + m_path + ": " + why + "\n";
+        EXPECT_EQ(ComplaintsAbout(m_path), line + line);
+        EXPECT_EQ(m_folder.Get("victim"), "secret");
+        EXPECT_EQ(ModeOf(victim), 0600);
+        std::filesystem::remove(m_path);
+    };
+    const std::string unsafe = "not a regular file with one name and an owner to trust";
+    std::filesystem::create_symlink(victim, m_path);
+    expectRefused("Too many levels of symbolic links");
+    std::filesystem::create_symlink(missing, m_path);
+    expectRefused("Too many levels of symbolic links");
+    EXPECT_FALSE(std::filesystem::exists(missing));
+    std::filesystem::create_hard_link(victim, m_path);
+    expectRefused(unsafe);
+    ASSERT_EQ(mkfifo(m_path.c_str(), 0666), 0);
+    expectRefused(unsafe);
+    if (geteuid() == 0) {
+        m_folder.Put("trace.log", "another's");
+        ASSERT_EQ(chown(m_path.c_str(), 12345, 0), 0);
+        expectRefused(unsafe);
+    }
+}
+
+TEST_F(CNxT120TraceFileTest, SetsTheModeOfFilesThatItMakesAndOfNoOthers) {
+    const mode_t umaskBefore = umask(077);
+    const auto modeOfNew = [&](unsigned char shared) {
+        std::filesystem::remove(m_path);
+        CNxT120TraceFile(m_path.c_str(), 0, shared, 1).write("Log", "Info", "x");
+        return ModeOf(m_path);
+    };
+    EXPECT_EQ(modeOfNew(0), 0600);
+    EXPECT_EQ(modeOfNew(1), 0666);
+    CNxT120TraceFile::SetMode(0640);
+    EXPECT_EQ(modeOfNew(0), 0640);
+    EXPECT_EQ(modeOfNew(1), 0640);
+    CNxT120TraceFile::SetMode(-1);
+    CNxT120TraceFile(m_path.c_str(), 0, 1, 1).write("Log", "Info", "x");
+    EXPECT_EQ(ModeOf(m_path), 0640);
+    umask(umaskBefore);
+}
+
+TEST_F(CNxT120TraceFileTest, AFileThatCannotBeOpenedIsTriedAgainAndTellsWhatWasLost) {
+    for (const unsigned char shared : c_bothModes) {
+        const std::string path = m_folder.Path("later/trace.log");
+        CNxT120TraceFile file(path.c_str(), 0, shared, 1);
+        for (int i = 0; i < 5; ++i) {
+            file.write("Log", "Info", "lost");
+        }
+        std::filesystem::create_directory(m_folder.Path("later"));
+        const auto start = std::chrono::steady_clock::now();
+        long lost = 4;
+        while (!file.is_open() && std::chrono::steady_clock::now() - start < c_patience) {
+            file.write("Log", "Info", "next");
+            ++lost;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        EXPECT_EQ(TextsIn(path),
+                  (Texts{"Warning:" + std::to_string(lost) + " records lost", "Info:next"}));
+        EXPECT_GT(lost, 20) << "it was tried more often than once a second";
+        std::filesystem::remove_all(m_folder.Path("later"));
+    }
+}
+
+// A process that holds the lock of a file.
+class CLockHolder {
+public:
+    explicit CLockHolder(const std::string& path) {
+        int ready[2];
+        EXPECT_EQ(pipe(ready), 0);
+        m_pid = fork();
+        if (m_pid == 0) {
+            struct flock lock {};
+            lock.l_type = F_WRLCK;
+            const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+            _exit(fcntl(fd, F_SETLKW, &lock) + static_cast<int>(write(ready[1], "x", 1)) + pause());
+        }
+        char got = 0;
+        EXPECT_EQ(read(ready[0], &got, 1), 1);
+        close(ready[0]);
+        close(ready[1]);
+    }
+    ~CLockHolder() {
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
+    }
+    CLockHolder(const CLockHolder&) = delete;
+    CLockHolder& operator=(const CLockHolder&) = delete;
+
+private:
+    pid_t m_pid;
+};
+
+TEST_F(CNxT120TraceFileTest, ARecordWaitsAMomentForTheLockAndNoOtherThreadsWaitsForIt) {
+    using CClock = std::chrono::steady_clock;
+    const auto timeOf = [](CNxT120TraceFile& file, int count) {
+        const auto start = CClock::now();
+        for (int i = 0; i < count; ++i) {
+            file.write("Log", "Info", std::to_string(i).c_str());
+        }
+        return std::chrono::duration_cast<std::chrono::milliseconds>(CClock::now() - start).count();
+    };
+    CNxT120TraceFile file(m_path.c_str(), 0, 1, 1);
+    CNxT120TraceFile other(m_folder.Path("other").c_str(), 0, 1, 1);
+    {
+        const CLockHolder holder(m_path);
+        std::thread waiting([&] {
+            const auto ms = timeOf(file, 1);
+            EXPECT_GE(ms, 200);
+            EXPECT_LT(ms, 5000);
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_LT(timeOf(other, 10), 140);
+        waiting.join();
+        EXPECT_LT(timeOf(file, 100), 5000) << "each waited";
+        // Emptying it would need the lock, too.
+        CNxT120TraceFile late(m_path.c_str(), 0, 1, 1);
+        EXPECT_FALSE(late.is_open());
+    }
+    file.write("Log", "Info", "0");
+    EXPECT_EQ(TextsIn(m_path), (Texts{"Warning:101 records lost", "Info:0"}));
+    EXPECT_EQ(TextsIn(m_folder.Path("other")).size(), 10U);
 }
 
 }  // namespace

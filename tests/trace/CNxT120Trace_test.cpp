@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <nx/trace/CNxT120Trace.h>
+#include <nx/trace/CNxT120TraceFile.h>
 #include <nx/trace/CNxT120TraceFileMgr.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -110,7 +111,88 @@ TEST_F(CNxT120TraceTest, ARefreshOpensWhatCouldNotBeOpenedBefore) {
     fs::create_symlink("nowhere", m_folder.Path("logs"));
     Run("repair");
     EXPECT_EQ(AllLogs().size(), 1u);
-    EXPECT_EQ(AllLogs().begin()->second, (Texts{"Info:kept 0", "Info:kept 1", "Info:kept 2"}));
+    EXPECT_EQ(AllLogs().begin()->second,
+              (Texts{"Warning:3 records lost", "Info:kept 0", "Info:kept 1", "Info:kept 2"}));
+}
+
+TEST_F(CNxT120TraceTest, GoesOnWithTheOldSettingsAndTellsWhatWasLost) {
+    Configure("x=1025\n");
+    Run("starve");
+    Texts all;
+    Logs logs = AllLogs();
+    for (int n = 0; n < static_cast<int>(logs.size()); ++n) {
+        const Texts& texts = logs[Name("info", n)];
+        all.insert(all.end(), texts.begin(), texts.end());
+    }
+    const auto count = [&](const std::string& start) {
+        return std::count_if(all.begin(), all.end(), [&](const std::string& text) {
+            return text.compare(0, start.size(), start) == 0;
+        });
+    };
+    EXPECT_EQ(count("Info:before"), 1);
+    EXPECT_EQ(count("Info:missing"), 50);
+    const auto lost = 50 - count("Info:starving");
+    EXPECT_GT(lost, 0);
+    EXPECT_EQ(count("Warning:" + std::to_string(lost) + " records lost"), 1);
+    EXPECT_EQ(count("Info:after"), 50);
+}
+
+TEST_F(CNxT120TraceTest, PassesOverWhatIsPlantedAndMakesItsFilesAsTheSettingsSay) {
+    Configure("FileMode=0640\n");
+    const std::string victim = m_folder.Put("victim", "secret");
+    const std::string number0 = m_folder.Path("logs/x_info_$(date +%m%d%Y)_0.$$.log");
+    const std::string plant = "mkdir -m 777 logs; ln -s ../victim " + number0;
+    const std::string output = OutputOf("cd " + m_folder.Path() + "; sh -c 'umask 077; " + plant +
+                                        "; echo pid=$$; exec " + m_program + " quiet 3 2>&1'");
+    EXPECT_NE(output.find("nxbase: cannot trace to " + m_folder.Path("logs//x_info_")),
+              std::string::npos)
+        << output;
+    EXPECT_EQ(m_folder.Get("victim"), "secret");
+    m_pid = std::to_string(std::atol(output.c_str() + output.find("pid=") + 4));
+    fs::remove(m_folder.Path("logs/" + Name("info")));
+    EXPECT_EQ(AllLogs(), (Logs{{Name("info", 1), {"Info:line 0", "Info:line 1", "Info:line 2"}}}));
+    const auto modeOf = [this](const std::string& name) {
+        return static_cast<int>(fs::status(m_folder.Path("logs/" + name)).permissions());
+    };
+    EXPECT_EQ(modeOf(Name("info", 1)), 0640);
+    fs::remove_all(m_folder.Path("logs"));
+    Run("lines 3", "umask 077;");
+    EXPECT_EQ(modeOf(""), 0755);
+}
+
+TEST_F(CNxT120TraceTest, KeepsAsManyFilesAndDaysAsTheSettingsSay) {
+    Configure("x=1025\nx.Error=TRUE\nKeepFiles=3\nKeepDays=2\n");
+    fs::create_directory(m_folder.Path("logs"));
+    const auto put = [this](const std::string& name, int daysOld) {
+        const std::string path = m_folder.Put("logs/" + name, HeaderOf(HEADER_SIZE));
+        fs::last_write_time(
+            path, fs::file_time_type::clock::now() - std::chrono::hours(24 * daysOld + 1));
+        return path;
+    };
+    put("x_error_01012026_0.1.log", 1);
+    put("x_error_01012026_1.1.log", 2);
+    const Texts others = {"x_info_01012026_0.1.log.gz", "x_info_info_01012026_0.1.log",
+                          "x_2_info_01012026_0.1.log", "x_info_01012026_x.1.log"};
+    for (const std::string& other : others) {
+        put(other, 9);
+    }
+    put("x_info_01012026_0.1.log", 0);
+    const CNxT120TraceFile open(put("x_info_01012026_0.2.log", 9).c_str(), 0, 0, 1);
+    fs::last_write_time(m_folder.Path("logs/x_info_01012026_0.2.log"),
+                        fs::file_time_type::clock::now() - std::chrono::hours(240));
+    Run("lines 100");
+    Logs logs = AllLogs();
+    const auto takeAway = [&](const std::string& name) { return logs.erase(name) == 1; };
+    EXPECT_TRUE(std::all_of(others.begin(), others.end(), takeAway));
+    EXPECT_TRUE(takeAway("x_error_01012026_0.1.log"));
+    EXPECT_TRUE(takeAway(Name("error")));
+    EXPECT_TRUE(takeAway("x_info_01012026_0.2.log")) << "another process's current file";
+    ASSERT_EQ(logs.size(), 3U);
+    Texts last;
+    for (const auto& log : logs) {
+        last = std::max(last, log.second);
+    }
+    EXPECT_EQ(last.empty() ? "" : last.back(), "Info:line 99");
 }
 
 TEST_F(CNxT120TraceTest, RefreshingWhileThreadsTraceLosesAndTearsNothing) {
@@ -129,6 +211,27 @@ TEST_F(CNxT120TraceTest, RefreshingWhileThreadsTraceLosesAndTearsNothing) {
     }
     EXPECT_EQ(ended, 4);
     std::printf("%zu lines, none lost\n", texts.size());
+}
+
+TEST_F(CNxT120TraceTest, AReaderOfStdoutThatHasGoneOrStallsHoldsNobodyUp) {
+    Configure("stdout=TRUE\n");
+    // The status of the program, not of the reader; a stalled one reads nothing until the end.
+    const std::string status = m_folder.Path("status");
+    for (const std::string& reader :
+         {std::string("true"), "while [ ! -s " + status + " ]; do sleep 0.05; done"}) {
+        std::remove(status.c_str());
+        OutputOf("(sleep 0.2; timeout 20 " + m_program + " quiet 3000; echo $? > " + status +
+                 ") | (" + reader + ")");
+        EXPECT_EQ(m_folder.Get("status"), "0\n") << reader;
+    }
+}
+
+TEST_F(CNxT120TraceTest, PrintsIntoNoneOfItsOwnDescriptorsWhenStdoutIsClosed) {
+    Configure("stdout=TRUE\n");
+    OutputOf("bash -c '" + m_program + " quiet 3 >&-'");
+    for (const auto& [name, texts] : AllLogs()) {
+        EXPECT_EQ(texts, (Texts{"Info:line 0", "Info:line 1", "Info:line 2"})) << name;
+    }
 }
 
 class CNxT120TraceClockTest : public CNxT120TraceTest {

@@ -1,9 +1,11 @@
 // What a process does with tracing, for the tests of the engine: trace_program COMMAND [ARGUMENTS].
 // They install it as HOME/bin/x and look at what it leaves in HOME/logs.
 #include <nx/nx.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -86,6 +88,25 @@ void Repair() {
     TraceLines("kept", 3);
 }
 
+// Fills files while the configuration is away, then again without a descriptor to open one.
+void Starve() {
+    const std::string moved = std::string(g_strConfigfile1) + ".new";
+    TraceLines("before", 1);
+    std::rename(g_strConfigfile1, moved.c_str());
+    TraceLines("missing", 25);
+    refresh_trace_config();
+    TraceLines("missing", 25);
+    std::rename(moved.c_str(), g_strConfigfile1);
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none = {0, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    TraceLines("starving", 50);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    TraceLines("after", 50);
+}
+
 // Needs libfaketime: the clock leaps a day on, back, and two days on.
 void Leap() {
     for (const char* offset : {"+0", "+1d", "+0", "-1h", "+2d", "+0"}) {
@@ -117,13 +138,17 @@ int main(int argc, char** argv) {
     if (CNxThreadManager::Instance()->InitMainThread(argc, argv) != NX_OK) {
         return 1;
     }
-    std::printf("pid=%d\n", getpid());
+    if (command != "quiet") {
+        std::printf("pid=%d\n", getpid());
+    }
     const std::map<std::string, std::function<void()>> commands = {
         {"levels", [&] { Levels(number(2)); }},
+        {"quiet", [&] { TraceLines("line", number(2)); }},
         {"lines", [&] { TraceLines("line", number(2)); }},
         {"refresh", [&] { Refresh(number(2), number(3)); }},
         {"leap", Leap},
         {"repair", Repair},
+        {"starve", Starve},
         {"midnight", Midnight}};
     commands.at(command)();
 }

@@ -16,6 +16,9 @@ constexpr size_t LAST_BYTES = 256;
 constexpr int MAX_TRIES = 20;
 // A record of the trace engine is shorter than 2048 bytes; other users' records may be longer.
 constexpr size_t LARGEST_WRITE = 4096;
+// Of st_blocks.
+constexpr off_t STAT_BLOCK = 512;
+constexpr off_t SMALL_HOLE = 1 << 20;
 
 class CDescriptor {
 public:
@@ -54,6 +57,34 @@ bool ReadAt(int fd, size_t offset, size_t size, std::string& out) {
         assert(have <= size);
     }
     out.resize(have);
+    return true;
+}
+
+// Whether a part of the file that is worth leaving out is not on the disk. The library makes no
+// holes; others can make them of any size.
+bool IsSparse(const struct stat& status) {
+    return status.st_size - status.st_blocks * STAT_BLOCK > SMALL_HOLE;
+}
+
+// Reads what is on the disk, as lines of their own before and after each hole. False with errno.
+bool ReadBetweenHoles(int fd, off_t size, std::string& out) {
+    out.clear();
+    off_t hole = 0;
+    while (hole < size) {
+        const off_t data = lseek(fd, hole, SEEK_DATA);
+        hole = data < 0 ? data : lseek(fd, data, SEEK_HOLE);
+        if (hole < 0) {
+            return errno == ENXIO;  // nothing more
+        }
+        assert(data < hole);
+        std::string piece;
+        if (!ReadAt(fd, static_cast<size_t>(data), static_cast<size_t>(hole - data), piece)) {
+            return false;
+        }
+        piece.erase(piece.find_last_not_of('\0') + 1);
+        piece.erase(0, piece.find_first_not_of('\0'));
+        out += out.empty() ? piece : "\n" + piece;
+    }
     return true;
 }
 
@@ -113,8 +144,13 @@ bool ReadWhole(int fd, CSnapshot& snapshot) {
         return false;
     }
     for (int i = 0; i < MAX_TRIES; ++i) {
-        if (fstat(fd, &now) != 0 ||
-            !ReadAt(fd, 0, static_cast<size_t>(now.st_size), snapshot.m_content)) {
+        if (fstat(fd, &now) != 0) {
+            return false;
+        }
+        const bool isRead =
+            IsSparse(now) ? ReadBetweenHoles(fd, now.st_size, snapshot.m_content)
+                          : ReadAt(fd, 0, static_cast<size_t>(now.st_size), snapshot.m_content);
+        if (!isRead) {
             return false;
         }
         const EConsistency consistency = Check(fd, snapshot);
@@ -163,7 +199,8 @@ CTraceFile::EResult CTraceFile::ReadNew(CTraceBatch& batch) {
     }
     m_lastWrite = status.st_mtim;
     batch.m_records.clear();
-    const bool hasGrown = ParseTraceHeader(header) <= static_cast<size_t>(status.st_size) &&
+    const bool hasGrown = !IsSparse(status) &&
+                          ParseTraceHeader(header) <= static_cast<size_t>(status.st_size) &&
                           ReadGrowth(fd.Get(), header, batch);
     return hasGrown ? READ : ReadAll(fd.Get(), batch);
 }

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <nx/foundation/standard_streams.h>
 #include <nx/reactor/realtime/CNxReactorRealTimeSignal.h>
 #include <nx/reactor/realtime/CPollBand.h>
 #include <nx/reactor/realtime/CReactorSignals.h>
@@ -9,7 +10,6 @@
 
 #include <cassert>
 #include <cerrno>
-#include <cstdio>
 #include <utility>
 
 namespace {
@@ -66,6 +66,9 @@ NxResult CNxReactorRealTimeSignal::Close() {
 // From here on nobody sends signals to the thread, and no descriptor to the process.
 void CNxReactorRealTimeSignal::LeaveThread() {
     m_thread->Leave();
+    if (IsCopyOfParent()) {
+        return;
+    }
     for (int fd = 0; fd < m_EhRepository.GetMaxHandler(); ++fd) {
         const int flags = m_EhRepository.IsRegistered(fd) ? fcntl(fd, F_GETFL) : -1;
         if (flags != -1 && (flags & O_ASYNC) != 0) {
@@ -78,16 +81,19 @@ NxResult CNxReactorRealTimeSignal::NotifyHandler(INxEventHandler* handler, long 
     if (handler != nullptr) {
         return CNxReactorLoop::NotifyHandler(handler, mask);
     }
+    if (IsCopyOfParent()) {
+        return NX_ERROR_FAILURE;
+    }
     const NxResult woken = m_thread->Wake();
     if (woken != NX_OK) {
-        // The signal of its record finds no room either, and an overflow has the loop look.
+        // The signal of its byte finds no room either, and an overflow has the loop look.
         static_cast<void>(m_NotifyPipe.Notify(nullptr, NX_MASK_EVENT_QUEUE));
     }
     return woken;
 }
 
 NxResult CNxReactorRealTimeSignal::StopEventLoop() {
-    return m_thread->Stop(*this);
+    return IsCopyOfParent() ? NX_ERROR_FAILURE : m_thread->Stop(*this);
 }
 
 NxResult CNxReactorRealTimeSignal::OnHandleRegister(int fd, long mask, INxEventHandler* handler) {
@@ -96,13 +102,7 @@ NxResult CNxReactorRealTimeSignal::OnHandleRegister(int fd, long mask, INxEventH
                          fcntl(fd, F_SETSIG, CReactorSignals::GetNumber()) != -1 &&
                          fcntl(fd, F_SETOWN, m_pid) != -1;
     const NxResult result = isSetUp ? m_untold->Check(fd, mask) : NX_ERROR_UNEXPECTED;
-    if (result == NX_OK) {
-        return NX_OK;
-    }
-    if (m_EhRepository.IsRegistered(fd)) {
-        // The registration is replaced whatever this returns, and no signal will tell the failure.
-        m_untold->Add(fd, NX_MASK_CLOSE);
-    } else if (flags != -1) {
+    if (result != NX_OK && flags != -1) {
         fcntl(fd, F_SETFL, flags);
     }
     return result;
@@ -121,7 +121,7 @@ NxResult CNxReactorRealTimeSignal::RunEventLoop() {
 }
 
 NxResult CNxReactorRealTimeSignal::WaitAndDispatch(const CNxTimeValue& remaining,
-                                                   int /*timersFired*/) {
+                                                   bool /*hasWork*/) {
     // A timer may have stopped the loop, for which there is no signal.
     const bool mayWait = !IsStopped() && !HasDeferred();
     siginfo_t info{};
@@ -174,12 +174,19 @@ void CNxReactorRealTimeSignal::HandleReadiness(int fd, long band) {
     } else if ((mask & NX_MASK_CLOSE) != 0) {
         mask = CPollBand::ToMask(CPollBand::Now(fd, POLLIN | POLLOUT));
     }
-    const long reason = (mask & NX_MASK_CLOSE) != 0 ? static_cast<long>(NX_ERROR_FAILURE) : 0;
-    ProcessHandleEvent(fd, mask, reason, 0, 0);
+    Dispatch(fd, mask);
+}
+
+void CNxReactorRealTimeSignal::Dispatch(int fd, long mask) {
+    if ((mask & NX_MASK_CLOSE) != 0) {
+        DispatchFailure(fd, 0);
+    } else {
+        ProcessHandleEvent(fd, mask, 0, 0, 0);
+    }
 }
 
 void CNxReactorRealTimeSignal::HandleOverflow(int signal, int error) {
-    std::printf(
+    PrintToStdout(
         "CReactorRealTimeSignal::RunEventLoop. sigtimedwait() failed! sigRet=%d err=%d "
         "m_bSignalOverFlowing=%d\n",
         signal, error, m_bSignalOverFlowing);
@@ -195,7 +202,7 @@ void CNxReactorRealTimeSignal::HandleOverflow(int signal, int error) {
 }
 
 bool CNxReactorRealTimeSignal::HasDeferred() const {
-    return m_thread->IsWakeDue() || !m_untold->IsEmpty() || m_NotifyPipe.HasRecords();
+    return m_thread->IsWakeDue() || !m_untold->IsEmpty();
 }
 
 void CNxReactorRealTimeSignal::RunDeferred() {
@@ -204,13 +211,8 @@ void CNxReactorRealTimeSignal::RunDeferred() {
     // Those that are added meanwhile wait for the next time.
     for (size_t left = m_untold->GetCount(); left > 0 && m_untold->GetCount() > 0; --left) {
         const CUntoldReadiness::CDispatch next = m_untold->TakeFirst();
-        ProcessHandleEvent(next.m_fd, next.m_mask, 0, 1, 0);
+        Dispatch(next.m_fd, next.m_mask);
     }
-    // A record whose signal found no room.
-    if (m_NotifyPipe.HasRecords()) {
-        ProcessHandleEvent(m_NotifyPipe.GetHandle(), NX_MASK_READ, 0, 0, 0);
-    }
-    if (m_thread->TakeWake()) {
-        ProcessHandleEvent(-1, NX_MASK_EVENT_QUEUE, 0, 0, 0);
-    }
+    m_thread->TakeWake();
+    RunPosted();
 }

@@ -60,19 +60,21 @@ public:
     NxResult Close() override;
 
     // With a handler as CNxReactorLoop. For null NX_OK, or NX_ERROR_FAILURE while the reactor is
-    // closed and when the signal queue is full; then the posted events fire all the same.
+    // closed, in a forked child, and when the signal queue is full; then the posted events fire all
+    // the same.
     [[nodiscard]] NxResult NotifyHandler(INxEventHandler* handler, long mask) override;
 
     // NX_OK, when stopped. May run on another thread than Open, after Reset2CurrentThread there.
     NxResult RunEventLoop() override;
 
-    // NX_OK. NX_ERROR_FAILURE while the reactor is closed and, on another thread than the
-    // reactor's, when the signal queue is full: the loop then goes on, try again.
+    // NX_OK. NX_ERROR_FAILURE while the reactor is closed, in a forked child and, on another thread
+    // than the reactor's, when the signal queue is full: the loop then goes on, try again.
     NxResult StopEventLoop() override;
 
     // NX_ERROR_UNEXPECTED for null or when the descriptor cannot be set up; NX_ERROR_FAILURE when
-    // it has failed or its peer has hung up already. Input, or room for output, that is there
-    // already is dispatched by the loop. With NX_MASK_CONNECT only the outcome of a connect is.
+    // it has failed or its peer has hung up already and the handler has nothing left to read, or
+    // when there is no memory. Input, or room for output, that is there already is dispatched by
+    // the loop. With NX_MASK_CONNECT only the outcome of a connect is.
     [[nodiscard]] NxResult OnHandleRegister(int fd, long mask, INxEventHandler* handler) override;
     void OnHandleRemoved(int fd) override;
 
@@ -81,10 +83,11 @@ public:
 
 private:
     [[nodiscard]] NxResult OpenDemultiplexer() override;
-    [[nodiscard]] NxResult WaitAndDispatch(const CNxTimeValue& remaining, int timersFired) override;
+    [[nodiscard]] NxResult WaitAndDispatch(const CNxTimeValue& remaining, bool hasWork) override;
     void LeaveThread();
     void HandleSignal(const siginfo_t& info);
     void HandleReadiness(int fd, long band);
+    void Dispatch(int fd, long mask);
     void HandleOverflow(int signal, int error);
     bool HasDeferred() const;
     void RunDeferred();

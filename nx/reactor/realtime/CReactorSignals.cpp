@@ -101,9 +101,6 @@ int CReactorSignals::SetProcRtsigMax_i(int wanted) {
 }
 
 int CReactorSignals::Take(siginfo_t& info, const CNxTimeValue& timeout) {
-    if (timeout == CNxTimeValue::s_tvMax()) {
-        return sigwaitinfo(&GetSet(), &info);
-    }
     const timespec time{timeout.GetSec(), timeout.GetUsec() * c_nanosecondsPerMicrosecond};
     return sigtimedwait(&GetSet(), &info, &time);
 }

@@ -31,8 +31,8 @@ public:
     // such setting: it is gone from current kernels, and RLIMIT_SIGPENDING took its place.
     static int SetProcRtsigMax_i(int wanted);
 
-    // Takes the next one, waiting for at most `timeout` (s_tvMax(): without limit). Its number; -1
-    // with errno EAGAIN when none came, EINTR when another signal did (sigtimedwait(2)).
+    // Takes the next one, waiting for at most `timeout`. Its number; -1 with errno EAGAIN when none
+    // came, EINTR when another signal did (sigtimedwait(2)).
     static int Take(siginfo_t& info, const CNxTimeValue& timeout);
 
     // Takes all that wait.

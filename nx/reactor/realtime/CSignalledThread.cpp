@@ -73,9 +73,10 @@ NxResult CSignalledThread::Stop(CNxStopFlag& flag) {
     return NX_OK;
 }
 
-bool CSignalledThread::TakeWake() {
+void CSignalledThread::TakeWake() {
     EWake expected = WAKE_DUE;
-    return m_wake.compare_exchange_strong(expected, WAKE_NONE);
+    // Not one that is under way.
+    m_wake.compare_exchange_strong(expected, WAKE_NONE);
 }
 
 bool CSignalledThread::IsCalling_i() const {

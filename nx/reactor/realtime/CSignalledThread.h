@@ -40,8 +40,8 @@ public:
     void SetWakeDue() { m_wake.store(WAKE_DUE); }
     bool IsWakeDue() const { return m_wake.load() == WAKE_DUE; }
 
-    // Whether one was due. Whatever is posted from here on needs another.
-    bool TakeWake();
+    // None is due any more: whatever is posted from here on needs another.
+    void TakeWake();
 
 private:
     enum EThread { THREAD_AWAY, THREAD_THERE, THREAD_STOPPED };

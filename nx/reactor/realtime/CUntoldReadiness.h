@@ -19,12 +19,11 @@ public:
         long m_mask;
     };
 
-    // Adds what a descriptor that is being registered with `mask` is ready for already; with
-    // NX_MASK_CONNECT only the outcome of a connect is.
-    // NX_OK; NX_ERROR_FAILURE when it has failed or its peer has hung up, unless it connects.
+    // Adds what a descriptor that is being registered with `mask` is ready for already, in the
+    // place of what is there of it; with NX_MASK_CONNECT only the outcome of a connect is. NX_OK;
+    // NX_ERROR_FAILURE, with all as it was, when it has failed or its peer has hung up, unless it
+    // connects or there is something left to read that `mask` wants, and when there is no memory.
     [[nodiscard]] NxResult Check(int fd, long mask);
-
-    void Add(int fd, long mask) { m_dispatches.push_back({fd, mask}); }
 
     // Drops what is there of the descriptor.
     void Forget(int fd);
@@ -39,9 +38,8 @@ public:
     CDispatch TakeFirst();
 
 private:
-    [[nodiscard]] NxResult CheckPollIn_i(int fd);
-    void CheckPollOut(int fd);
-    void CheckConnect(int fd);
+    [[nodiscard]] NxResult Add(int fd, long mask);
+    [[nodiscard]] static NxResult CheckPollIn_i(int fd, long mask, long& ready);
 
     std::deque<CDispatch> m_dispatches;
     bool m_isPollAsked = false;

@@ -1,0 +1,18 @@
+#include <fcntl.h>
+#include <nx/foundation/high_descriptor.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <cerrno>
+
+int ToHighDescriptor(int fd) {
+    if (fd < 0 || fd > STDERR_FILENO) {
+        return fd;
+    }
+    const int high = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    assert(high < 0 || high > STDERR_FILENO);
+    const int duplicateErrno = errno;
+    close(fd);
+    errno = duplicateErrno;
+    return high;
+}

@@ -1,0 +1,27 @@
+// System calls and allocations of this process that fail when a test says so. Link
+// FailingCalls.cpp.
+#pragma once
+
+// Calls of all threads, allocations with operator new of the calling thread. What was asked for
+// ends with the object; at most one at a time.
+class FailingCalls {
+public:
+    enum ECall { SEND, EPOLL_CTL, GETSOCKOPT, SIGQUEUE, CALLS };
+
+    FailingCalls();
+    ~FailingCalls();
+    FailingCalls(const FailingCalls&) = delete;
+    FailingCalls& operator=(const FailingCalls&) = delete;
+
+    // The next `count` of them fail with `error`.
+    void Fail(ECall call, int error, int count);
+
+    // How many were made since construction, those that failed too.
+    int Count(ECall call) const;
+
+    // The allocation after `skipped` others fails.
+    void FailAllocation(int skipped);
+
+    // Whether it has.
+    bool HasAllocationFailed() const;
+};
