@@ -3,12 +3,15 @@
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxTimeUtils.h>
 #include <nx/foundation/CNxTimeValue.h>
+#include <nx/foundation/INxObserver.h>
 #include <nx/reactor/INxReactor.h>
 #include <nx/thread/CNxThread.h>
+#include <nx/trace/CNxTraceManager.h>
 #include <pthread.h>
 #include <sched.h>
 
 #include <cassert>
+#include <cstdio>
 #include <cstdlib>
 #include <new>
 
@@ -22,6 +25,7 @@ namespace {
 
 constexpr unsigned long c_maxProcessors = 1024;
 constexpr unsigned long c_pollMs = 5;
+constexpr unsigned long c_traceError = 1;
 
 // Ends a reactor's loop from inside.
 class CStopLoop : public INxEvent {
@@ -208,6 +212,17 @@ void CNxThread::RunLoop() {
         m_life.store(ELife::ENDED_CLAIMED);
     } else {
         delete this;
+    }
+}
+
+void CNxThread::ReportEnd(NxResult result) {
+    char text[96];
+    std::snprintf(text, sizeof(text), "the loop of thread %d has ended by itself, result %u",
+                  m_type, result);
+    INxTraceManager::Instance()->TraceString(c_traceError, text);
+    INxObserver* const observer = CNxThreadManager::GetThreadEndObserver();
+    if (observer != nullptr) {
+        CallOut("OnObserve", [&] { observer->OnObserve("ThreadEnd", this); });
     }
 }
 

@@ -112,6 +112,10 @@ public:
     virtual void BindToCallingThread();
 
 protected:
+    // For kinds whose loop has ended by itself, on the thread: traces that and tells the observer
+    // (CNxThreadManager::SetThreadEndObserver).
+    void ReportEnd(NxResult result);
+
     // For kinds that take their identity from elsewhere instead of Create.
     NxResult RegisterAs(int type, unsigned long id, unsigned long handle);
 

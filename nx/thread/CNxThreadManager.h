@@ -157,6 +157,7 @@ public:
     // (Error) is traced as well, with an observer or without. Null for none, as at first; not
     // owned; set it before the threads are made.
     static void SetThreadEndObserver(INxObserver* observer);
+    static INxObserver* GetThreadEndObserver();
 
     // How long the tear-down waits, in all, for joinable threads that cannot be told to stop; 10 s
     // unless set, not at all for zero or less. Before exit(), on any thread.

@@ -1,12 +1,10 @@
 #include <nx/event/CNxCallingThread.h>
-#include <nx/foundation/CCallOut.h>
 #include <nx/foundation/CCancelOff.h>
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/foundation/CNxEventThread.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxTimeUtils.h>
 #include <nx/foundation/CNxTimeValue.h>
-#include <nx/foundation/INxObserver.h>
 #include <nx/foundation/standard_streams.h>
 #include <nx/process/trace_setting.h>
 #include <nx/reactor/CNxReactorEpoll.h>
@@ -14,7 +12,6 @@
 #include <nx/thread/CNxThreadReactor.h>
 #include <nx/thread/CNxThreadTask.h>
 #include <nx/thread/CNxTimerPreciseManager.h>
-#include <nx/trace/CNxTraceManager.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -32,7 +29,6 @@ namespace {
 std::atomic<CNxThreadManager*> s_pThreadManagerOnlyOne{nullptr};
 pthread_mutex_t s_creationMutex = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<INxObserver*> s_threadEndObserver{nullptr};
-constexpr unsigned long c_traceError = 1;
 std::atomic<long> s_tearDownLimitMs{10000};
 constexpr CNxTimeValue c_noLimit(1000000000L);  // 30 years
 
@@ -219,15 +215,8 @@ void CNxThreadManager::SetThreadEndObserver(INxObserver* observer) {
     s_threadEndObserver.store(observer);
 }
 
-void CNxThreadManagerImp::ReportEnd(CNxThread* thread, NxResult result) {
-    char text[96];
-    std::snprintf(text, sizeof(text), "the loop of thread %d has ended by itself, result %u",
-                  thread->GetThreadType(), result);
-    INxTraceManager::Instance()->TraceString(c_traceError, text);
-    INxObserver* const observer = s_threadEndObserver.load();
-    if (observer != nullptr) {
-        CallOut("OnObserve", [&] { observer->OnObserve("ThreadEnd", thread); });
-    }
+INxObserver* CNxThreadManager::GetThreadEndObserver() {
+    return s_threadEndObserver.load();
 }
 
 INxReactor* CNxThreadManager::CreateNetworkReactor() {

@@ -48,9 +48,6 @@ public:
     // thread is left running, which may then still use the manager.
     bool TearDown();
 
-    // The loop of the calling thread has ended by itself, with that result.
-    static void ReportEnd(CNxThread* thread, NxResult result);
-
     // Around a fork: the child's registry has what stands for the thread that forked, and nothing
     // else of the parent.
     void BeforeFork();

@@ -1,4 +1,3 @@
-#include <nx/thread/CNxThreadManagerImp.h>
 #include <nx/thread/CNxThreadReactor.h>
 
 NxResult CNxThreadReactor::Init(INxReactor* reactor) {
@@ -53,7 +52,7 @@ void CNxThreadReactor::OnThreadRun() {
     }
     const NxResult ended = m_reactor->RunEventLoop();
     if (ended != NX_OK) {
-        CNxThreadManagerImp::ReportEnd(this, ended);
+        ReportEnd(ended);
     }
     m_reactor->Close();
 }
