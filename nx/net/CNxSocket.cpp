@@ -1,3 +1,4 @@
+#include <nx/foundation/high_descriptor.h>
 #include <nx/net/CNxSocket.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -113,7 +114,7 @@ CNxSocketBase& CNxSocketBase::operator=(CNxSocketBase&& other) noexcept {
 int CNxSocketBase::Open(int family, int type, int protocol, int reuseAddr) {
     Close();
     assert(GetHandle() == -1);
-    SetHandle(socket(family, type | SOCK_CLOEXEC, protocol));
+    SetHandle(ToHighDescriptor(socket(family, type | SOCK_CLOEXEC, protocol)));
     if (GetHandle() == -1) {
         return -1;
     }

@@ -1,3 +1,4 @@
+#include <nx/foundation/CCallOut.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/standard_streams.h>
 #include <nx/reactor/CNxReactorBase.h>
@@ -154,7 +155,7 @@ NxResult CNxReactorBase::RemoveHandleWithoutFinding_i(int fd, const CElement& el
     }
     if ((mask & NX_MASK_SHOULD_CALL) != 0) {
         assert(element.m_handler != nullptr);
-        element.m_handler->OnClose(fd, element.m_mask);
+        CallOut("OnClose", [&] { element.m_handler->OnClose(fd, element.m_mask); });
     }
     return NX_OK;
 }
@@ -246,7 +247,7 @@ NxResult CNxReactorBase::ProcessHandleEvent(int fd, long mask, long reason, int 
 
 NxResult CNxReactorBase::CallHandler(int fd, long active, INxEventHandler* handler) {
     if ((active & NX_MASK_INPUT) != 0) {
-        if (handler->OnInput(fd) != 0) {
+        if (CallOut("OnInput", [&] { return handler->OnInput(fd); }) != 0) {
             return DropHandler(fd, handler);
         }
         // The callback may have changed the registration; an old one gets nothing more.
@@ -255,7 +256,8 @@ NxResult CNxReactorBase::CallHandler(int fd, long active, INxEventHandler* handl
         }
         active &= m_EhRepository.At(fd).m_mask;
     }
-    if ((active & NX_MASK_OUTPUT) != 0 && handler->OnOutput(fd) != 0) {
+    if ((active & NX_MASK_OUTPUT) != 0 &&
+        CallOut("OnOutput", [&] { return handler->OnOutput(fd); }) != 0) {
         return DropHandler(fd, handler);
     }
     return NX_OK;

@@ -25,7 +25,8 @@ inline constexpr long NX_MASK_EVENT_QUEUE = 0x100;
 inline constexpr long NX_MASK_INPUT = NX_MASK_ACCEPT | NX_MASK_READ;
 inline constexpr long NX_MASK_OUTPUT = NX_MASK_CONNECT | NX_MASK_WRITE;
 
-// Serves one descriptor on a reactor's thread. Implemented by users, never owned by the reactor.
+// Serves one descriptor on a reactor's thread. Implemented by users, never owned by the reactor. An
+// exception that leaves a callback ends the process with a line that names the callback.
 //
 // With the edge-triggered reactors (epoll, real-time signals) OnInput and OnOutput read (write)
 // until the call would block, else they are not called again before new data (room) arrives. They
