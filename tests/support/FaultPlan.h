@@ -6,19 +6,17 @@
 #include <atomic>
 
 // name: what the shim returns when it fails
-#define NX_FAULT_CALLS(CALL)                                                                       \
-    CALL(accept4)                                                                                  \
-    CALL(bind)                                                                                     \
-    CALL(close)                                                                                    \
-    CALL(epoll_create1)                                                                            \
-    CALL(epoll_ctl) CALL(epoll_wait) CALL(eventfd) CALL(fchmod) CALL(fcntl) CALL(flock)            \
-        CALL(fopen) CALL(fstat) CALL(ftruncate) CALL(getpeername) CALL(getrandom) CALL(getrlimit)  \
-            CALL(getsockname) CALL(getsockopt) CALL(ioctl) CALL(listen) CALL(mkdir) CALL(mmap)     \
-                CALL(nanosleep) CALL(open) CALL(pipe2) CALL(poll) CALL(pread) CALL(pthread_create) \
-                    CALL(pwritev) CALL(read) CALL(readlink) CALL(recv) CALL(select) CALL(send)     \
-                        CALL(sendmsg) CALL(sendto) CALL(setrlimit) CALL(setsockopt) CALL(shutdown) \
-                            CALL(sigaction) CALL(sigwait) CALL(socket) CALL(socketpair) CALL(stat) \
-                                CALL(write) CALL(writev)
+// clang-format off: it lays the list out anew at every run
+#define NX_FAULT_CALLS(CALL) \
+    CALL(accept4) CALL(bind) CALL(close) CALL(epoll_create1) CALL(epoll_ctl) CALL(epoll_wait) \
+    CALL(eventfd) CALL(fchmod) CALL(fcntl) CALL(flock) CALL(fopen) CALL(fstat) CALL(ftruncate) \
+    CALL(getpeername) CALL(getrandom) CALL(getrlimit) CALL(getsockname) CALL(getsockopt) \
+    CALL(ioctl) CALL(listen) CALL(mkdir) CALL(mmap) CALL(nanosleep) CALL(open) CALL(pipe2) \
+    CALL(poll) CALL(pread) CALL(pthread_create) CALL(pwritev) CALL(read) CALL(readlink) \
+    CALL(recv) CALL(select) CALL(send) CALL(sendmsg) CALL(sendto) CALL(setrlimit) \
+    CALL(setsockopt) CALL(shutdown) CALL(sigaction) CALL(sigwait) CALL(socket) CALL(socketpair) \
+    CALL(stat) CALL(write) CALL(writev)
+// clang-format on
 
 struct FaultPlan {
 #define NX_FAULT_NAME(name) CALL_##name,
