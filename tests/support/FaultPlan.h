@@ -6,7 +6,8 @@
 #include <atomic>
 
 // name: what the shim returns when it fails
-// clang-format off: it lays the list out anew at every run
+// The formatter would lay the list out anew at every run.
+// clang-format off
 #define NX_FAULT_CALLS(CALL) \
     CALL(accept4) CALL(bind) CALL(close) CALL(epoll_create1) CALL(epoll_ctl) CALL(epoll_wait) \
     CALL(eventfd) CALL(fchmod) CALL(fcntl) CALL(flock) CALL(fopen) CALL(fstat) CALL(ftruncate) \
