@@ -12,7 +12,7 @@
 #include <nx/thread/CNxThreadReactor.h>
 #include <nx/thread/CNxThreadTask.h>
 #include <nx/thread/CNxTimerPreciseManager.h>
-#include <sys/stat.h>
+#include <nx/thread/CThreadsEnd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,8 +29,6 @@ namespace {
 std::atomic<CNxThreadManager*> s_pThreadManagerOnlyOne{nullptr};
 pthread_mutex_t s_creationMutex = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<INxObserver*> s_threadEndObserver{nullptr};
-std::atomic<long> s_tearDownLimitMs{10000};
-constexpr CNxTimeValue c_noLimit(1000000000L);  // 30 years
 
 struct CCreationGuard {
     CCreationGuard() { pthread_mutex_lock(&s_creationMutex); }
@@ -39,11 +37,6 @@ struct CCreationGuard {
 
 INxEventQueue* GetCallingThreadEventQueue() {
     return CNxThreadManager::Instance()->GetThreadEventQueue(NX_THREAD_CALLING);
-}
-
-// Whether a thread that returned this from Stop will leave its loop.
-bool IsEnding(NxResult stopped) {
-    return stopped == NX_OK || stopped == NX_ERROR_NOT_INITIALIZED;
 }
 
 template <class Thread>
@@ -64,67 +57,7 @@ bool InitThread(CNxThread* thread) {
     return true;
 }
 
-bool IsEndedByManager(const CNxThread* thread) {
-    return thread->GetEnd() == CNxThread::EEnd::AFTER_ALL_OTHERS;
-}
-
 constexpr long c_beforeAllTypes = std::numeric_limits<long>::min();
-
-constexpr int c_joinedIsGoneMs = 50;
-
-// Whether the process has no thread but the calling one; false also when the system does not tell.
-// A thread that was just joined may still be counted, so others are looked at a little longer.
-bool IsOnlyThread() {
-    for (int waited = 0; waited < c_joinedIsGoneMs; ++waited) {
-        struct stat tasks {};
-        // A folder has a link for itself, one from its parent, and one from each folder in it.
-        if (stat("/proc/self/task", &tasks) == 0 && tasks.st_nlink == 3) {
-            return true;
-        }
-        cnx_sleep_ms(1);
-    }
-    return false;
-}
-
-// Whether its loop will not be run any more: the caller is the one who would.
-bool IsAbandoned(const CNxThread* thread) {
-    return thread->GetEnd() == CNxThread::EEnd::BY_APPLICATION ||
-           CNxThreadManager::IsEqualCurrentThread(thread->GetThreadId());
-}
-
-// Whether it is on its way to its end: that is waited for however long it takes.
-bool StopForTearDown(CNxThread* thread) {
-    if (IsEndedByManager(thread) || thread->GetEnd() == CNxThread::EEnd::WITH_ANOTHER) {
-        return false;
-    }
-    if (IsAbandoned(thread)) {
-        if (thread->GetEnd() == CNxThread::EEnd::BY_STOP &&
-            thread->GetThreadType() != NX_THREAD_MAIN) {
-            thread->StopForCertain(nullptr);
-        }
-        // A thread that waits for a result could not be joined.
-        INxEventQueue* const queue = thread->GetEventQueue();
-        if (queue != nullptr) {
-            queue->StopAndDestoryPendingEvents();
-        }
-        return false;
-    }
-    const NxResult stopped = thread->StopForCertain(nullptr);
-    return !thread->IsRunning() || IsEnding(stopped);
-}
-
-// Threads that cannot be told to stop may come to their end all the same.
-void JoinWithinLimit(const std::vector<CNxThread*>& threads) {
-    const long limitMs = s_tearDownLimitMs.load();
-    const CNxTimeValue deadline =
-        CNxTimeValue::GetMonotonicTime() + CNxTimeValue(limitMs / 1000, limitMs % 1000 * 1000);
-    for (CNxThread* thread : threads) {
-        if (!IsEndedByManager(thread) && thread->JoinUntil(deadline) == NX_ERROR_TIMEOUT) {
-            PrintToStderr("nxbase: thread %d has not ended in %ld ms and is left behind\n",
-                          thread->GetThreadType(), limitMs);
-        }
-    }
-}
 
 CNxThreadManagerImp* GetIfMade() {
     return static_cast<CNxThreadManagerImp*>(s_pThreadManagerOnlyOne.load());
@@ -207,8 +140,7 @@ void CNxThreadManager::CleanupOnlyOne() {
 }
 
 void CNxThreadManager::SetTearDownLimit(const CNxTimeValue& limit) {
-    s_tearDownLimitMs.store(limit > c_noLimit ? c_noLimit.GetTotalInMsec()
-                                              : limit.GetTotalInMsec());
+    CThreadsEnd::SetLimit(limit);
 }
 
 void CNxThreadManager::SetThreadEndObserver(INxObserver* observer) {
@@ -426,7 +358,7 @@ NxResult CNxThreadManagerImp::JoinAllThreads() {
     CNxThread* thread = nullptr;
     for (long type = c_beforeAllTypes; (thread = GetAfter(type)) != nullptr;) {
         type = thread->GetThreadType();
-        if (type != NX_THREAD_MAIN && !IsEndedByManager(thread)) {
+        if (type != NX_THREAD_MAIN && !CThreadsEnd::IsEndedByManager(thread)) {
             thread->Join();
         }
     }
@@ -535,7 +467,7 @@ bool CNxThreadManagerImp::TearDown() {
     if (mayStop) {
         // exit() may have been called within an event, for whose end a thread waits.
         CNxEventQueueBase::AbandonBatches();
-        StopAndJoinForTearDown();
+        CThreadsEnd::StopAndJoin(CopyForTearDown());
     }
     // Before the queues that it posts to are freed; once more in case a singleton has needed it.
     CNxTimerPreciseManager::EndAndJoin();
@@ -552,24 +484,9 @@ std::vector<CNxThread*>& CNxThreadManagerImp::CopyForTearDown() {
     return m_tearDownCopy;
 }
 
-void CNxThreadManagerImp::StopAndJoinForTearDown() {
-    std::vector<CNxThread*>& threads = CopyForTearDown();
-    size_t ending = 0;
-    for (CNxThread*& thread : threads) {
-        if (StopForTearDown(thread)) {
-            std::swap(threads[ending++], thread);
-        }
-    }
-    for (size_t i = 0; i < ending; ++i) {
-        threads[i]->Join();
-    }
-    threads.erase(threads.begin(), threads.begin() + static_cast<std::ptrdiff_t>(ending));
-    JoinWithinLimit(threads);
-}
-
 // Destroys all or, while there is a thread that may use them, none.
 bool CNxThreadManagerImp::DestroyThreads() {
-    if (!IsOnlyThread()) {
+    if (!CThreadsEnd::IsOnlyThread()) {
         return false;
     }
     for (CNxThread* thread : CopyForTearDown()) {

@@ -65,7 +65,6 @@ private:
     bool IsUsedByThisProcess();
     bool IsMainOrHasNone();
     std::vector<CNxThread*>& CopyForTearDown();
-    void StopAndJoinForTearDown();
     bool DestroyThreads();
 
     std::vector<CNxThread*> m_threads NX_GUARDED_BY(m_registryMutex);
