@@ -66,7 +66,7 @@ NxResult CNxEventQueueBase::SendEvent(INxEvent* event) {
 }
 
 size_t CNxEventQueueBase::GetPendingEventsCount() {
-    return m_pendingEvents.size();
+    return GetCount_i();
 }
 
 void CNxEventQueueBase::DestoryPendingEvents() {

@@ -86,6 +86,9 @@ protected:
     // What a post still owes once the lock is released: a refused event is destroyed.
     static NxResult FinishPost(INxEvent* event, NxResult result);
 
+    // GetPendingEventsCount without a lock.
+    size_t GetCount_i() const { return m_pendingEvents.size(); }
+
     // Moves all that waits to `out`.
     void TakeAll_i(std::list<INxEvent*>& out);
 

@@ -14,7 +14,7 @@ NxResult CNxEventQueueLocked::Post(INxEvent* event, EAfter after, size_t* oldSiz
     {
         CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
         if (oldSize != nullptr) {
-            *oldSize = CNxEventQueueBase::GetPendingEventsCount();
+            *oldSize = GetCount_i();
         }
         Node& node = isLast ? m_lastNode : made;
         if (!node.empty()) {
@@ -33,7 +33,7 @@ NxResult CNxEventQueueLocked::Post(INxEvent* event, EAfter after, size_t* oldSiz
 
 size_t CNxEventQueueLocked::GetPendingEventsCount() {
     CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
-    return CNxEventQueueBase::GetPendingEventsCount();
+    return GetCount_i();
 }
 
 void CNxEventQueueLocked::DestoryPendingEvents() {

@@ -10,7 +10,7 @@ NxResult CNxEventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<I
                                                                      CNxTimeValue* timeout,
                                                                      size_t max) {
     CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
-    if (CNxEventQueueBase::GetPendingEventsCount() == 0) {
+    if (GetCount_i() == 0) {
         // However it ends, what counts is whether an event is there now.
         static_cast<void>(m_condition.Wait(timeout));
     }
