@@ -238,6 +238,10 @@ int Sweep(const char* mode, long count, long first, long last, long step) {
 }  // namespace
 
 int main(int argc, char** argv) {
+#if defined(__SANITIZE_THREAD__)
+    // It loses count of the locks of forked children with threads.
+    return 77;  // skipped, see CMakeLists.txt
+#endif
     const std::string mode = argc > 1 ? argv[1] : "both";
     const long first = argc > 2 ? std::atol(argv[2]) : 0;
     const long last = argc > 3 ? std::atol(argv[3]) : 5000;
