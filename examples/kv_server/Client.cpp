@@ -139,6 +139,9 @@ bool Client::Continue() {
 }
 
 bool Client::OnTick() {
+    if (std::exchange(m_isActive, false)) {
+        m_activeAt = m_owner.GetSeconds();
+    }
     return !m_isStarved || Continue();
 }
 
@@ -202,7 +205,7 @@ bool Client::Submit() {
 bool Client::Flush() {
     while (!m_output.IsEmpty()) {
         if (m_output.SendTo(GetHandle()) >= 0) {
-            m_activeAt = m_owner.GetSeconds();
+            m_isActive = true;
         } else if (errno != EINTR) {
             m_isStarved = LacksBuffers();
             return m_isStarved || WouldBlock();
@@ -236,7 +239,7 @@ bool Client::Receive() {
         return ReceiveNothing(received);
     }
     const auto size = static_cast<std::size_t>(received);
-    m_activeAt = m_owner.GetSeconds();
+    m_isActive = true;
     m_reader.Take({buffer, size}, *m_batch);
     if (!m_batch->error.empty()) {
         examples::Trace(examples::c_traceWarning, "client ", m_id, ": ", m_batch->error.c_str());
@@ -275,7 +278,7 @@ bool Client::End() {
     }
     Enter(EState::LINGERING);
     shutdown(GetHandle(), SHUT_WR);
-    m_activeAt = m_owner.GetSeconds();
+    m_isActive = true;
     return Discard();
 }
 

@@ -68,7 +68,8 @@ public:
     // The server stops: answers what has arrived by now, and ends.
     [[nodiscard]] bool Stop();
 
-    // A tick of the owner's clock: tries again what the system had no buffers for.
+    // A tick of the owner's clock: notes whether it was active since the last one, and tries again
+    // what the system had no buffers for.
     [[nodiscard]] bool OnTick();
 
     // Whether nothing is to be done for it now: it neither waits for the store nor is there
@@ -88,7 +89,8 @@ public:
 
     std::uint64_t GetId() const { return m_id; }
 
-    // When the client last sent or took something, or began to linger; in the owner's seconds.
+    // The tick after the client last sent or took something, or began to linger; in the owner's
+    // seconds. Not the tick before: that one can be long ago when the process was paused.
     std::int64_t GetActiveAt() const { return m_activeAt; }
 
     int GetHandle() const override { return m_socket.GetHandle(); }
@@ -139,6 +141,7 @@ private:
 
     EState m_state = EState::WAITING;
     std::size_t m_lastInput;   // bytes still received while STOPPING
+    bool m_isActive = false;   // since the last tick
     bool m_isStarved = false;  // goes on at the next tick
     std::size_t m_held = 0;
     std::size_t m_submitted = 0;  // bytes held by the batch that the store has
