@@ -301,6 +301,8 @@ private:
         if (m_server == nullptr || m_server->HasEnded()) {
             m_faults.Clear();
             m_server = std::make_unique<Server>(m_program, m_home);
+            // It says where it listens before its last thread is there.
+            static_cast<void>(m_server->Serves());
         }
         return *m_server;
     }
