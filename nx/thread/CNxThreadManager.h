@@ -52,7 +52,7 @@ inline constexpr int NX_THREAD_USER = 4097;
 // After a fork(2) THE CHILD HAS ONE THREAD, and in its registry only the objects that stand for
 // that one; the types of the others are free. It may start threads of its own, and its precise
 // timers run on one that is. Pending precise timers of the parent do not fire in it. It must not
-// use the queues and reactors of the threads that it has not: what locked them does not run there.
+// use the queues and reactors of the threads that it has not: nobody drains them there.
 // At exit() a child that has registered no thread ends the clean-up objects that it has made
 // itself, and nothing else; one that has is torn down like any process, with the objects of the
 // thread that forked, but without its parent's other threads and clean-up objects, whose copies are
