@@ -22,6 +22,7 @@
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/foundation/CNxConditionVariableThread.h>
 #include <nx/foundation/CNxEventThread.h>
+#include <nx/foundation/CNxMutexOverFork.h>
 #include <nx/foundation/CNxMutexThread.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxReferenceControl.h>

@@ -1,5 +1,6 @@
 #include <common/CallEvent.h>
 #include <common/Program.h>
+#include <fcntl.h>
 #include <nx/reactor/INxReactor.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadManager.h>
@@ -39,6 +40,14 @@ bool AllowDescriptors(rlim_t wanted) {
 
 void StopMain() {
     CNxThreadManager::Instance()->GetThread(NX_THREAD_MAIN)->Stop(nullptr);
+}
+
+Program::Program(std::initializer_list<int> signals) : m_signals(signals) {
+    int fd = open("/dev/null", O_RDWR);
+    while (fd >= 0 && fd <= STDERR_FILENO) {
+        fd = dup(fd);
+    }
+    close(fd);
 }
 
 bool Program::Init(int argc, char** argv) {

@@ -49,8 +49,10 @@ struct NetworkWork {
 // the main thread.
 class Program {
 public:
-    // TO BE MADE BEFORE THERE IS ANY OTHER THREAD: blocks the signals, as SignalThread says.
-    explicit Program(std::initializer_list<int> signals = {SIGINT, SIGTERM}) : m_signals(signals) {}
+    // TO BE MADE BEFORE THERE IS ANY OTHER THREAD: blocks the signals, as SignalThread says. A
+    // standard stream that the process was started without leads nowhere from here on: else the
+    // next connection would be it.
+    explicit Program(std::initializer_list<int> signals = {SIGINT, SIGTERM});
 
     // Makes the caller the main thread.
     [[nodiscard]] bool Init(int argc, char** argv);

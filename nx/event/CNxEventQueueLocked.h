@@ -2,7 +2,7 @@
 #pragma once
 
 #include <nx/event/CNxEventQueueBase.h>
-#include <nx/foundation/CNxMutexThread.h>
+#include <nx/foundation/CNxMutexOverFork.h>
 
 // Posting, sending, counting and both ways of destroying what waits lock the mutex themselves.
 // Events are fired and destroyed without it, so an event may post to its own queue at any point.
@@ -25,7 +25,7 @@ protected:
     // An event has been appended; called with the mutex held.
     virtual void OnAppended_l() {}
 
-    CNxMutexThread m_mutex;
+    CNxMutexOverFork m_mutex;
 
 private:
     // For the last event, so that stopping needs no memory; empty once that has been posted.

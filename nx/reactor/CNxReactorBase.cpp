@@ -290,7 +290,8 @@ void CNxReactorBase::DispatchFailure(int fd, int error) {
         return;
     }
     m_failingFd = c_none;
-    if (isRead) {
+    // An error that was taken from the socket is told nowhere else.
+    if (isRead || error != 0) {
         ProcessHandleEvent(fd, NX_MASK_CLOSE, error != 0 ? error : TakeError(fd), 0, 0);
     } else {
         // What it tries to write tells it of the failure, and so does the rest when it reads again.

@@ -124,8 +124,8 @@ public:
 protected:
     // For a descriptor that failed: its handler gets what had arrived before, in as many calls of
     // OnInput as it takes, then OnClose, with `error` as the reason or, if that is 0, with what the
-    // socket tells. A handler that does not read at present gets OnOutput instead of OnClose and
-    // stays: it finds the failure when it reads or writes.
+    // socket tells. Without an `error`, a handler that does not read at present gets OnOutput
+    // instead of OnClose and stays: it finds the failure when it reads or writes.
     void DispatchFailure(int fd, int error);
 
     // The error that waits at a socket, which it takes from it (SO_ERROR, socket(7)), or why it

@@ -14,7 +14,8 @@
 //
 // A descriptor registered for output is closed when it fails, as by a failed connect or a reset;
 // GetCloseReason tells why. OnInput gets what had arrived before; a handler that does not read it
-// is not closed but gets OnOutput, and finds the failure when it reads or writes.
+// is not closed but gets OnOutput, and finds the failure when it reads or writes. A socket that
+// lives on after an error, one for datagrams say, is closed in any case.
 //
 // The wait of one turn dispatches up to 1024 ready descriptors in the kernel's order, then fires
 // the posted events. A timer due in less than a millisecond is spun for, not waited for; as long as

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <deque>
 
-#include <nx/foundation/CNxMutexThread.h>
+#include <nx/foundation/CNxMutexOverFork.h>
 #include <nx/reactor/CNxPipe.h>
 #include <nx/reactor/INxEventHandler.h>
 
@@ -67,7 +67,7 @@ private:
     [[nodiscard]] NxResult Add_i(int fd, long mask) NX_REQUIRES(m_mutex);
     [[nodiscard]] bool Wake_i() NX_REQUIRES(m_mutex);
 
-    mutable CNxMutexThread m_mutex;
+    mutable CNxMutexOverFork m_mutex;
     CNxPipe m_PipeNotify NX_GUARDED_BY(m_mutex);
     CNxReactorBase* m_pReactor NX_GUARDED_BY(m_mutex) = nullptr;
     std::deque<CNotification> m_notifications NX_GUARDED_BY(m_mutex);

@@ -172,7 +172,7 @@ void CNxThread::Run() {
     CStartEvent* const startEvent = m_startEvent;
     m_startEvent = nullptr;
     const NxResult setUp = SetUp();
-    if (setUp == NX_ERROR_NULL_POINTER) {
+    if (setUp == NX_ERROR_NULL_POINTER && Unregister()) {
         delete this;
     } else if (setUp != NX_OK) {
         SetThreadId(0);
@@ -303,24 +303,28 @@ NxResult CNxThread::JoinUntil(const CNxTimeValue& deadline) {
 
 NxResult CNxThread::Destory(long /*reason*/) {
     assert(m_life.load() != ELife::STARTING || !IsOfThisProcess());
-    Unregister();
-    if (!IsJoinable() && Claim() == ELife::RUNNING) {
-        // The thread deletes the object at its end.
-        return NX_OK;
+    // A detached thread deletes the object at its end.
+    if (Unregister() && (IsJoinable() || Claim() != ELife::RUNNING)) {
+        delete this;
     }
-    delete this;
     return NX_OK;
 }
 
-void CNxThread::Unregister() {
-    if (m_registered.exchange(0) != 0) {
-        // Not there when the manager was made anew meanwhile.
-        static_cast<void>(CNxThreadManager::Instance()->UnregisterThread(this));
+// False when the tear-down has the object: it is not to be deleted then.
+bool CNxThread::Unregister() {
+    if (m_registered.exchange(0) == 0) {
+        return true;
     }
+    // Not there when the manager was made anew meanwhile.
+    const bool isFree =
+        CNxThreadManager::Instance()->UnregisterThread(this) != NX_ERROR_NOT_AVAILABLE;
+    m_registered.store(isFree ? 0 : 1);
+    return isFree;
 }
 
 CNxThread::~CNxThread() {
-    Unregister();
+    // Refused only to who deletes it without Destory.
+    static_cast<void>(Unregister());
     if (IsJoinable() && Claim() != ELife::NONE) {
         // Never joined: let the system reclaim it when it ends.
         pthread_detach(m_threadHandle);

@@ -59,8 +59,9 @@ public:
     virtual INxTimerQueue* GetTimerQueue() { return nullptr; }
 
     // Takes the object out of the registry and deletes it; a detached thread that still runs
-    // deletes it at the end of its run. A joinable thread must have been joined. `reason` is for
-    // the reader of the call. NX_OK.
+    // deletes it at the end of its run. A joinable thread must have been joined. While exit() waits
+    // for threads the object stays, and is left to it. `reason` is for the reader of the call.
+    // NX_OK.
     NxResult Destory(long reason);
 
     // Waits until the thread has ended. NX_OK; NX_ERROR_FAILURE when called on the thread itself,
@@ -137,7 +138,7 @@ private:
     void Run();
     void RunLoop();
     ELife Claim();
-    void Unregister();
+    [[nodiscard]] bool Unregister();
     bool IsOfThisProcess() const;
     bool IsJoinable() const { return (m_flags & CNxThreadManager::FLAG_JOINABLE) != 0; }
 

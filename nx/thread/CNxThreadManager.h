@@ -44,6 +44,7 @@ inline constexpr int NX_THREAD_USER = 4097;
 // stderr says which one it is. That one, detached ones and threads of the application's own are
 // left alone. WHILE THE PROCESS HAS ANY OTHER THREAD, all thread objects, their queues and the
 // manager stay as well: it may post until the process is gone, and gets NX_ERROR_NOT_INITIALIZED.
+// A thread object whose owner destroys it while the tear-down waits for its end stays, too.
 // When exit() is called within an event, its sender and those of the events after it get
 // NX_ERROR_NOT_AVAILABLE. When exit() runs on a thread other than a registered main thread, no
 // thread but that of the precise timers is stopped, and all thread objects stay.
@@ -51,7 +52,7 @@ inline constexpr int NX_THREAD_USER = 4097;
 // After a fork(2) THE CHILD HAS ONE THREAD, and in its registry only the objects that stand for
 // that one; the types of the others are free. It may start threads of its own, and its precise
 // timers run on one that is. Pending precise timers of the parent do not fire in it. It must not
-// use the queues and reactors of the threads that it has not: what locked them does not run there.
+// use the queues and reactors of the threads that it has not: nobody drains them there.
 // At exit() a child that has registered no thread ends the clean-up objects that it has made
 // itself, and nothing else; one that has is torn down like any process, with the objects of the
 // thread that forked, but without its parent's other threads and clean-up objects, whose copies are
@@ -132,7 +133,8 @@ public:
     [[nodiscard]] virtual NxResult RegisterThread(CNxThread* thread) = 0;
 
     // Takes out the first entry that is the same object or has its type. NX_OK,
-    // NX_ERROR_INVALID_ARG for null, NX_ERROR_NOT_FOUND.
+    // NX_ERROR_INVALID_ARG for null, NX_ERROR_NOT_FOUND; NX_ERROR_NOT_AVAILABLE, with nothing done,
+    // while the tear-down waits for the threads that are registered.
     virtual NxResult UnregisterThread(CNxThread* thread) = 0;
 
     // The process-wide mutexes of singletons and of reference counts. They outlive the manager.

@@ -393,6 +393,9 @@ NxResult CNxThreadManagerImp::UnregisterThread(CNxThread* thread) {
         return NX_ERROR_INVALID_ARG;
     }
     CNxMutexGuardT<CNxMutexThread> guard(m_registryMutex);
+    if (m_areEnding) {
+        return NX_ERROR_NOT_AVAILABLE;
+    }
     const auto found = std::find_if(m_threads.begin(), m_threads.end(), [thread](CNxThread* other) {
         return other == thread || other->GetThreadType() == thread->GetThreadType();
     });
@@ -467,7 +470,9 @@ bool CNxThreadManagerImp::TearDown() {
     if (mayStop) {
         // exit() may have been called within an event, for whose end a thread waits.
         CNxEventQueueBase::AbandonBatches();
-        CThreadsEnd::StopAndJoin(CopyForTearDown());
+        std::vector<CNxThread*> threads = TakeThreadsToEnd();
+        CThreadsEnd::StopAndJoin(threads);
+        LetThreadsGo(threads);
     }
     // Before the queues that it posts to are freed; once more in case a singleton has needed it.
     CNxTimerPreciseManager::EndAndJoin();
@@ -476,12 +481,33 @@ bool CNxThreadManagerImp::TearDown() {
     return mayStop && DestroyThreads();
 }
 
-// For the thread of the tear-down alone. Threads that are registered meanwhile are not in it.
-std::vector<CNxThread*>& CNxThreadManagerImp::CopyForTearDown() {
+// Until LetThreadsGo none of them is destroyed. Threads that are registered meanwhile are not among
+// them.
+std::vector<CNxThread*> CNxThreadManagerImp::TakeThreadsToEnd() {
     CNxMutexGuardT<CNxMutexThread> guard(m_registryMutex);
     assert(m_tearDownCopy.capacity() >= m_threads.size());
+    m_areEnding = true;
     m_tearDownCopy.assign(m_threads.begin(), m_threads.end());
-    return m_tearDownCopy;
+    return std::move(m_tearDownCopy);
+}
+
+void CNxThreadManagerImp::LetThreadsGo(std::vector<CNxThread*>& taken) {
+    CNxMutexGuardT<CNxMutexThread> guard(m_registryMutex);
+    m_areEnding = false;
+    if (m_tearDownCopy.capacity() < taken.capacity()) {
+        m_tearDownCopy.swap(taken);
+    }
+}
+
+// The one registered first, which is registered no more; null when there is none.
+CNxThread* CNxThreadManagerImp::TakeFirst() {
+    CNxMutexGuardT<CNxMutexThread> guard(m_registryMutex);
+    if (m_threads.empty()) {
+        return nullptr;
+    }
+    CNxThread* const first = m_threads.front();
+    m_threads.erase(m_threads.begin());
+    return first;
 }
 
 // Destroys all or, while there is a thread that may use them, none.
@@ -489,7 +515,7 @@ bool CNxThreadManagerImp::DestroyThreads() {
     if (!CThreadsEnd::IsOnlyThread()) {
         return false;
     }
-    for (CNxThread* thread : CopyForTearDown()) {
+    while (CNxThread* const thread = TakeFirst()) {
         thread->Destory(0);
     }
     return true;

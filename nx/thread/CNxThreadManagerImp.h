@@ -64,12 +64,16 @@ private:
     CNxThread* GetAfter(long type);
     bool IsUsedByThisProcess();
     bool IsMainOrHasNone();
-    std::vector<CNxThread*>& CopyForTearDown();
+    std::vector<CNxThread*> TakeThreadsToEnd();
+    void LetThreadsGo(std::vector<CNxThread*>& taken);
+    CNxThread* TakeFirst();
     bool DestroyThreads();
 
     std::vector<CNxThread*> m_threads NX_GUARDED_BY(m_registryMutex);
     // Has room for the registry, so that the tear-down allocates nothing.
     std::vector<CNxThread*> m_tearDownCopy NX_GUARDED_BY(m_registryMutex);
+    // The tear-down has the registered threads, and waits for them.
+    bool m_areEnding NX_GUARDED_BY(m_registryMutex) = false;
     std::vector<CNxThread*> m_ofParent;  // of this process's parent, left as they are
     CNxMutexThread m_registryMutex;
     // The process that was the last to register a thread (CNxProcessWide::CountForks).

@@ -6,6 +6,7 @@
 namespace {
 
 constexpr size_t c_eventsPerTurn = 100000;
+constexpr CNxTimeValue c_longestWait(1, 0);
 
 }  // namespace
 
@@ -50,6 +51,10 @@ void CNxThreadTask::OnThreadInit() {
 size_t CNxThreadTask::BeginTurn(CNxTimeValue& wait) {
     if (m_timerQueue != nullptr) {
         m_timerQueue->CheckExpire(&wait);
+    }
+    // A wait goes by the monotonic clock, and does not hear of a step of the timers' own.
+    if (wait > c_longestWait && wait != CNxTimeValue::s_tvMax()) {
+        wait = c_longestWait;
     }
     return c_eventsPerTurn;
 }

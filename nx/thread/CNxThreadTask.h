@@ -43,7 +43,8 @@ protected:
 };
 
 // Alternates between its timers and its events: due timers fire before each look at the queue, and
-// at most 100,000 events are fired between two looks at the timers.
+// at most 100,000 events are fired between two looks at the timers, and while there is a timer it
+// looks once a second, in case the system clock has been set.
 class CNxThreadTask : public CNxThreadTaskWithEventQueueOnly {
 public:
     void OnThreadInit() override;

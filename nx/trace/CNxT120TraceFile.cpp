@@ -315,23 +315,31 @@ void CNxT120TraceFile::Write(const CTraceStamp& stamp, const char* tag, const ch
     if (m_opening == NOT_ASKED) {
         return;
     }
-    if (!EnsureOpen(deadline)) {
+    // The one place that lets other threads by; what follows is not parted.
+    if (!EnsureOpen(deadline) || (isShared && !LockFile(m_fd, deadline))) {
         ++m_lost;
         return;
     }
+    WriteAfterLost(stamp, tag, prefix, text, isShared);
+    if (isShared) {
+        UnlockFile(m_fd);
+    }
+}
+
+void CNxT120TraceFile::WriteAfterLost(const CTraceStamp& stamp, const char* tag, const char* prefix,
+                                      const char* text, bool isShared) {
     if (m_lost > 0) {
         char lost[48];
         std::snprintf(lost, sizeof(lost), "%lu records lost", m_lost);
         const char* const lostPrefix = prefix == nullptr ? nullptr : "Warning";
-        const unsigned long told = m_lost;
-        m_lost -= Take(CRecord(stamp, tag, lostPrefix, lost), isShared, deadline) ? told : 0;
+        m_lost = Take(CRecord(stamp, tag, lostPrefix, lost), isShared) ? 0 : m_lost;
     }
-    const bool isTaken = m_lost == 0 && Take(CRecord(stamp, tag, prefix, text), isShared, deadline);
+    const bool isTaken = m_lost == 0 && Take(CRecord(stamp, tag, prefix, text), isShared);
     m_lost += isTaken ? 0 : 1;
 }
 
-bool CNxT120TraceFile::Take(const CRecord& record, bool isShared, CClock::time_point deadline) {
-    return isShared ? WriteShared(record, deadline) : Append(record);
+bool CNxT120TraceFile::Take(const CRecord& record, bool isShared) {
+    return isShared ? WriteShared(record) : Append(record);
 }
 
 unsigned long CNxT120TraceFile::TakeLost() {
@@ -476,11 +484,9 @@ void CNxT120TraceFile::Flush() {
     }
 }
 
-bool CNxT120TraceFile::WriteShared(const CRecord& record, CClock::time_point deadline) {
+// Under the lock of the file.
+bool CNxT120TraceFile::WriteShared(const CRecord& record) {
     assert(m_fd >= 0);
-    if (!LockFile(m_fd, deadline)) {
-        return false;
-    }
     long offset = ReadOffset();
     if (m_maxSize != 0 && m_maxSize <= offset) {
         Truncate(m_fd, offset);
@@ -488,9 +494,7 @@ bool CNxT120TraceFile::WriteShared(const CRecord& record, CClock::time_point dea
     }
     CRecord whole = record;
     whole.Add(MARKER, MARKER_SIZE);
-    const bool isWritten = Put(offset, whole.m_parts, whole.m_count, record.m_length);
-    UnlockFile(m_fd);
-    return isWritten;
+    return Put(offset, whole.m_parts, whole.m_count, record.m_length);
 }
 
 long CNxT120TraceFile::ReadOffset() {

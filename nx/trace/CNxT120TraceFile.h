@@ -131,15 +131,17 @@ private:
     CNxMutexThread& GetMutex();
     void Write(const CTraceStamp& stamp, const char* tag, const char* prefix, const char* text,
                bool isShared);
+    void WriteAfterLost(const CTraceStamp& stamp, const char* tag, const char* prefix,
+                        const char* text, bool isShared);
     [[nodiscard]] bool EnsureOpen(CClock::time_point deadline);
     [[nodiscard]] bool Open(CClock::time_point deadline);
     [[nodiscard]] bool Prepare(int fd, CClock::time_point deadline);
     void Complain(const char* problem, bool isRefused);
     [[nodiscard]] bool LockFile(int fd, CClock::time_point deadline);
-    [[nodiscard]] bool Take(const CRecord& record, bool isShared, CClock::time_point deadline);
+    [[nodiscard]] bool Take(const CRecord& record, bool isShared);
     [[nodiscard]] bool Append(const CRecord& record);
     void Flush();
-    [[nodiscard]] bool WriteShared(const CRecord& record, CClock::time_point deadline);
+    [[nodiscard]] bool WriteShared(const CRecord& record);
     [[nodiscard]] long ReadOffset();
     [[nodiscard]] bool Put(long offset, iovec* parts, int count, size_t recordBytes);
     void RestoreMarker(long offset, size_t written);

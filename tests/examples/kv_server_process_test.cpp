@@ -309,6 +309,14 @@ TEST(KvServerProgram, EndsWithAStatusThatTellsWhatIsWrong) {
 }
 
 // A store that has minutes of work to do.
+TEST(KvServerProgram, NoClientBecomesAStandardStream) {
+    const ServerProcess server("/bin/sh", {"-c", "exec " KV_SERVER " --port 0 <&- 2>&-"});
+    const TestClient client(server.GetPort());
+    client.Expect("PING\r\n", "+PONG\r\n");
+    const std::string stream = "/proc/" + std::to_string(server.GetPid()) + "/fd/2";
+    EXPECT_EQ(std::filesystem::read_symlink(stream), "/dev/null");
+}
+
 TEST(KvServerProgram, SigtermEndsItInFiveSecondsWhateverTheStoreDoes) {
     ServerProcess server(KV_SERVER, {"--port=0"});
     const TestClient client(server.GetPort());

@@ -292,6 +292,53 @@ TEST(ReactorEpoll, WriterIsNotAskedForItsErrorAtEveryEvent) {
     EXPECT_EQ(calls.Count(FailingCalls::GETSOCKOPT), 0);
 }
 
+// Reads nothing at present.
+class PausedHandler : public INxEventHandler {
+public:
+    PausedHandler(INxReactor& reactor, int fd) : m_reactor(reactor), m_fd(fd) {}
+    int GetHandle() const override { return m_fd; }
+    int OnInput(int /*fd*/) override { return 0; }
+    int OnOutput(int /*fd*/) override { return 0; }
+    int OnClose(int /*fd*/, long /*mask*/) override {
+        m_reason = m_reactor.GetCloseReason();
+        return 0;
+    }
+    int m_reason = 0;
+
+private:
+    INxReactor& m_reactor;
+    const int m_fd;
+};
+
+TEST(ReactorEpoll, ErrorOfADatagramSocketReachesAHandlerThatDoesNotRead) {
+    CNxReactorEpoll reactor;
+    EventCounts counts;
+    ASSERT_EQ(reactor.Open(), NX_OK);
+    int fds[2];
+    sockaddr_in addresses[2]{};
+    socklen_t size = sizeof(sockaddr_in);
+    for (int i = 0; i < 2; ++i) {
+        auto* const address = reinterpret_cast<sockaddr*>(&addresses[i]);
+        addresses[i].sin_family = AF_INET;
+        addresses[i].sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        fds[i] = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        ASSERT_EQ(bind(fds[i], address, size), 0);
+        ASSERT_EQ(getsockname(fds[i], address, &size), 0);
+    }
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(connect(fds[i], reinterpret_cast<sockaddr*>(&addresses[1 - i]), size), 0);
+    }
+    ASSERT_EQ(send(fds[1], "x", 1, 0), 1);
+    close(fds[1]);
+    ASSERT_EQ(send(fds[0], "x", 1, 0), 1);
+    PausedHandler handler(reactor, fds[0]);
+    ASSERT_EQ(reactor.RegisterHandler(&handler, c_readWrite), NX_OK);
+    StopSoon(reactor, counts);
+    EXPECT_EQ(reactor.RunEventLoop(), NX_OK);
+    EXPECT_EQ(handler.m_reason, ECONNREFUSED);
+    close(fds[0]);
+}
+
 // In a child, so that the limits of the tests stay, and without the right to raise the hard one.
 void ExitWithLimits(rlim_t soft, rlim_t hard, int wanted, rlim_t softAfter, rlim_t hardAfter) {
     rlimit limit{soft, hard};

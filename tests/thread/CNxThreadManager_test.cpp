@@ -258,6 +258,33 @@ TEST_F(ProcessEnd, ThreadThatEndsByItselfIsWaitedFor) {
 #endif
 }
 
+// Goes on with what it has to do while the process exits.
+class BusyThread : public CNxThread {
+public:
+    void OnThreadRun() override {
+        CNxThread* const old = StartWorker();
+        CNxThreadManager::SleepMs(100);
+        for (int i = 0; i < 20; ++i) {
+            StartWorker();
+        }
+        old->Stop(nullptr);
+        old->Join();
+        old->Destory(0);
+    }
+};
+
+TEST_F(ProcessEnd, ThreadsThatAreMadeAndDestroyedMeanwhileDoNotDisturbIt) {
+    const auto body = [] {
+        Must(Manager()->InitMainThread(0, nullptr));
+        for (int i = 0; i < 3; ++i) {
+            Must((new BusyThread)->Create(Manager()->GetAndIncreamUserType(), c_joinable));
+        }
+        CNxThreadManager::SleepMs(50);
+        std::exit(0);
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+}
+
 TEST_F(ProcessEnd, ExitOnAnotherThreadLeavesRunningThreadsAlone) {
     for (const bool detachedMain : {false, true}) {
         const auto body = [detachedMain] {

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "../support/CountedEvent.h"
 #include "../support/Must.h"
 #include "../support/SimulatedClock.h"
 
@@ -66,6 +67,34 @@ TEST(Clock, StepKeepsNoPreciseTimerStopOrJoinWaiting) {
         EXPECT_EQ(thread->Join(), NX_OK);
         thread->Destory(0);
     }
+}
+
+class Expiry : public INxTimerHandler {
+public:
+    void OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) override { m_isFired = true; }
+    std::atomic<bool> m_isFired{false};
+};
+
+// One that is not noticed runs into the time limit of the test.
+TEST(Clock, StepMovesTheTimersOfAThreadThatSleeps) {
+    SimulatedClock clock;
+    Expiry expiry;
+    CNxThread* thread = nullptr;
+    Must(CNxThreadManager::Instance()->CreateUserTaskThread(thread, CNxThreadManager::FLAG_JOINABLE,
+                                                            1));
+    EventCounts counts;
+    thread->GetEventQueue()->SendEvent(new CountedEvent(counts, [&] {
+        Must(thread->GetTimerQueue()->ScheduleTimer(&expiry, nullptr, CNxTimeValue(3600), 1));
+        return NX_OK;
+    }));
+    CNxThreadManager::SleepMs(20);
+    clock.Advance(c_hour);
+    while (!expiry.m_isFired) {
+        std::this_thread::yield();
+    }
+    thread->Stop(nullptr);
+    thread->Join();
+    thread->Destory(0);
 }
 
 long CountSleeps() {

@@ -2,6 +2,7 @@
 // of its own; a child that hangs is ended by the time limit of the test.
 #include <gtest/gtest.h>
 #include <nx/foundation/CNxCleanUpBase.h>
+#include <nx/reactor/CNxReactorSelect.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadManager.h>
 #include <nx/thread/CNxTimerPreciseWrapperID.h>
@@ -168,10 +169,12 @@ constexpr int c_children = 100;
 #endif
 
 // Whatever the parent's other threads hold at the moment of the fork.
-TEST_F(ForkedChild, IsNotLeftWithALockedManager) {
+TEST_F(ForkedChild, IsNotLeftWithWhatOthersHadLocked) {
     const auto body = [] {
         Parent parent;
         std::atomic<bool> stop{false};
+        CNxReactorSelect reactor;
+        Must(reactor.Open());
         std::thread busy([&stop] {
             // The child has no stack that leads to it.
             static CNxTimerPreciseWrapperID timer;
@@ -180,14 +183,21 @@ TEST_F(ForkedChild, IsNotLeftWithALockedManager) {
                 timer.Cancel();
             }
         });
+        std::thread posts([&] {
+            while (!stop) {
+                reactor.GetPendingEventsCount();
+            }
+        });
         for (int i = 0; i < c_children; ++i) {
-            StopHere(parent.EndedByChild([&parent] {
+            StopHere(parent.EndedByChild([&] {
                 Manager()->GetAndIncreamUserType();
                 parent.m_timer->Cancel();
+                reactor.Close();
             }) == 0);
         }
         stop = true;
         busy.join();
+        posts.join();
         std::exit(0);
     };
     EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");

@@ -8,6 +8,8 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
+#include <memory>
 #include <thread>
 
 #include "TraceFiles.h"
@@ -311,6 +313,27 @@ TEST_F(CNxT120TraceFileTest, ARecordWaitsAMomentForTheLockAndNoOtherThreadsWaits
     file.write("Log", "Info", "0");
     EXPECT_EQ(TextsIn(m_path), (Texts{"Warning:101 records lost", "Info:0"}));
     EXPECT_EQ(TextsIn(m_folder.Path("other")).size(), 10U);
+}
+
+TEST_F(CNxT120TraceFileTest, ALossIsToldOnceByThreadsThatWaitForTheLockTogether) {
+    CNxT120TraceFile file(m_path.c_str(), 0, 1, 1);
+    file.AddLost(5);
+    const auto writeOne = [&file] { file.write("Log", "Info", "0"); };
+    auto holder = std::make_unique<CLockHolder>(m_path);
+    std::thread one(writeOne);
+    std::thread two(writeOne);
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    holder.reset();
+    one.join();
+    two.join();
+    writeOne();
+    unsigned long count = 0;
+    for (const std::string& text : TextsIn(m_path)) {
+        const bool isRecord = text == "Info:0";
+        count += isRecord ? 1 : std::strtoul(text.c_str() + sizeof("Warning"), nullptr, 10);
+        EXPECT_LE(count, 5U + 3U) << text;
+    }
+    EXPECT_EQ(count, 5U + 3U);
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include <atomic>
 #include <csignal>
 
-#include <nx/foundation/CNxMutexThread.h>
+#include <nx/foundation/CNxMutexOverFork.h>
 #include <nx/foundation/CNxUtilClasses.h>
 
 // A wake-up, which has the thread fire the posted events, and the stop are queued signals. Any
@@ -52,7 +52,7 @@ private:
     [[nodiscard]] bool Queue_i(EValue value) NX_REQUIRES(m_mutex);
 
     // Whoever sends the thread a signal holds the mutex, so that it is there.
-    CNxMutexThread m_mutex;
+    CNxMutexOverFork m_mutex;
     EThread m_state NX_GUARDED_BY(m_mutex) = THREAD_AWAY;
     pthread_t m_thread NX_GUARDED_BY(m_mutex){};
     std::atomic<EWake> m_wake{WAKE_NONE};
