@@ -23,6 +23,9 @@ constexpr std::int64_t c_lingerSeconds = 2;
 constexpr std::int64_t c_stopMs = 4500;
 constexpr long c_stopTickUsec = 10000;
 
+// The store gets ahead of the network thread by so many bytes of replies.
+constexpr std::size_t c_mostUncounted = 16UL << 20;
+
 // Less is not worth the walk through the heap.
 constexpr std::size_t c_givenBackFrom = 16UL << 20;
 
@@ -84,7 +87,8 @@ Server::Server(const Options& options, INxReactor& network, INxEventQueue& store
           network, [this](int socket) { OnAccepted(socket); },
           [this] { CountRefused("out of descriptors"); }),
       m_now(NowMs()),
-      m_mayHold(options.clientMemory << 20) {}
+      m_mayHold(options.clientMemory << 20),
+      m_mayBeUncounted(std::min(m_mayHold, c_mostUncounted)) {}
 
 std::string Server::Open() {
     const auto port = static_cast<unsigned short>(m_options.port);
@@ -144,7 +148,11 @@ void Server::CountRefused(const char* why) {
 
 bool Server::Submit(std::unique_ptr<Batch> batch) {
     auto run = [this, batch = std::move(batch)]() mutable {
-        m_service.Run(*batch);
+        // Else it comes back as it is, behind those that have to be counted first.
+        if (m_uncounted < m_mayBeUncounted) {
+            m_service.Run(*batch);
+        }
+        m_uncounted += batch->replies.GetSize();
         if (m_replies.Put(std::move(batch))) {
             // Where there is no memory for this, the next tick looks.
             examples::CallLater(m_network, [this] { TakeReplies(); });
@@ -164,6 +172,7 @@ void Server::TakeReplies() {
 
 void Server::OnReplies(std::unique_ptr<Batch> batch) {
     const std::uint64_t id = batch->clientId;
+    m_uncounted -= batch->replies.GetSize();
     Client* const client = Find(id);
     if (client != nullptr && !client->OnReplies(std::move(batch))) {
         Erase(id);

@@ -11,6 +11,7 @@
 #include <nx/event/INxEventQueue.h>
 #include <nx/timer/INxTimerQueue.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -121,6 +122,8 @@ private:
     const std::size_t m_mayHold;
     std::size_t m_held = 0;      // bytes, by all clients
     std::size_t m_heldMost = 0;  // since memory was given back
+    const std::size_t m_mayBeUncounted;
+    std::atomic<std::size_t> m_uncounted{0};  // bytes of the replies in m_replies
 };
 
 }  // namespace kv_server

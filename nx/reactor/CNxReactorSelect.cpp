@@ -1,7 +1,15 @@
+#include <nx/foundation/CNxTimeUtils.h>
 #include <nx/reactor/CNxReactorSelect.h>
 
 #include <cassert>
 #include <cerrno>
+
+namespace {
+
+// The system may have memory again after this time.
+constexpr unsigned long c_noMemoryMs = 10;
+
+}  // namespace
 
 NxResult CNxReactorSelect::WaitAndDispatch(const CNxTimeValue& remaining, bool /*hasWork*/) {
     fd_set exceptionSet;
@@ -11,11 +19,15 @@ NxResult CNxReactorSelect::WaitAndDispatch(const CNxTimeValue& remaining, bool /
     const int maxFd = m_EhRepository.FillFdSets(m_readSet, m_writeSet, exceptionSet);
     timeval timeout{remaining.GetSec(), remaining.GetUsec()};
     int count = select(maxFd + 1, &m_readSet, &m_writeSet, &exceptionSet, &timeout);
-    if (count == -1) {
-        return errno == EINTR ? NX_OK : NX_ERROR_FAILURE;
+    if (count == -1 && errno == ENOMEM) {
+        cnx_sleep_ms(c_noMemoryMs);
+    } else if (count == -1 && errno != EINTR) {
+        return NX_ERROR_FAILURE;
     }
-    ProcessFdSets_i(m_readSet, NX_MASK_INPUT | NX_MASK_CONNECT, count, maxFd);
-    ProcessFdSets_i(m_writeSet, NX_MASK_OUTPUT, count, maxFd);
+    if (count > 0) {
+        ProcessFdSets_i(m_readSet, NX_MASK_INPUT | NX_MASK_CONNECT, count, maxFd);
+        ProcessFdSets_i(m_writeSet, NX_MASK_OUTPUT, count, maxFd);
+    }
     RunPosted();
     return NX_OK;
 }

@@ -17,7 +17,8 @@
 // descriptor became readable, and asks for SO_ERROR (socket(7)) itself.
 //
 // A descriptor that is closed while it is registered makes select(2) fail and ends the loop with
-// NX_ERROR_FAILURE: remove the handler first.
+// NX_ERROR_FAILURE: remove the handler first. When the system has no memory for select(2) the loop
+// tries again every 10 ms, and fires timers and posted events meanwhile.
 class CNxReactorSelect : public CNxReactorLoop {
 public:
     using CNxReactorLoop::CNxReactorLoop;

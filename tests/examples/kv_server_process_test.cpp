@@ -396,10 +396,13 @@ TEST(KvServerProgram, EndsWithStatusOneWhenItsLoopCannotWaitAnyMore) {
     }
     const CTempFolder folder;
     const FaultFile faults(folder.Path("plan"), FAULT_SHIM);
-    ServerProcess server(KV_SERVER, {"--port=0"});
+    ServerProcess server(KV_SERVER, {"--port=0", "--reactor=select"});
     const TestClient client(server.GetPort());
     client.Expect("PING\r\n", "+PONG\r\n");
-    faults.FailAll(FaultPlan::CALL_epoll_wait, EBADF);
+    // For a moment only.
+    faults.Fail(FaultPlan::CALL_select, ENOMEM, 0, 3);
+    client.Expect("PING\r\n", "+PONG\r\n");
+    faults.FailAll(FaultPlan::CALL_select, EBADF);
     client.Send("PING\r\n");
     EXPECT_EQ(1, server.Wait());
 }

@@ -13,10 +13,11 @@
     CALL(eventfd) CALL(fchmod) CALL(fcntl) CALL(flock) CALL(fopen) CALL(fstat) CALL(ftruncate) \
     CALL(getpeername) CALL(getrandom) CALL(getrlimit) CALL(getsockname) CALL(getsockopt) \
     CALL(ioctl) CALL(listen) CALL(mkdir) CALL(mmap) CALL(nanosleep) CALL(open) CALL(pipe2) \
-    CALL(poll) CALL(pread) CALL(pthread_create) CALL(pwritev) CALL(read) CALL(readlink) \
+    CALL(poll) CALL(pread) CALL(pthread_create) CALL(pthread_sigqueue) CALL(pwritev) CALL(read) \
+    CALL(readlink) \
     CALL(recv) CALL(select) CALL(send) CALL(sendmsg) CALL(sendto) CALL(setrlimit) \
-    CALL(setsockopt) CALL(shutdown) CALL(sigaction) CALL(sigwait) CALL(socket) CALL(socketpair) \
-    CALL(stat) CALL(write) CALL(writev)
+    CALL(setsockopt) CALL(shutdown) CALL(sigtimedwait) CALL(sigwait) CALL(socket) \
+    CALL(socketpair) CALL(stat) CALL(write) CALL(writev)
 // clang-format on
 
 struct FaultPlan {

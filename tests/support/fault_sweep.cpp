@@ -1,4 +1,6 @@
-// kv_server with every system call failing: fault_sweep KV_SERVER SHIM [--long]
+// kv_server with every system call failing: fault_sweep KV_SERVER SHIM [--long] [REACTOR]
+//
+// REACTOR is epoll, select or rtsig; epoll without one.
 //
 // In three parts: each call failing once while it starts and serves nobody yet; each failing once
 // under load; each failing for a time under load, then while it stops. After every fault it must
@@ -19,6 +21,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -70,6 +73,7 @@ const std::vector<Fault>& GetFaults() {
         {FaultPlan::CALL_poll, {EINTR, ENOMEM}},
         {FaultPlan::CALL_pread, {EINTR, EIO}},
         {FaultPlan::CALL_pthread_create, {EAGAIN, EPERM}},
+        {FaultPlan::CALL_pthread_sigqueue, {EAGAIN}},
         {FaultPlan::CALL_pwritev, {EDQUOT, EFBIG, EINTR, EIO, ENOSPC}},
         {FaultPlan::CALL_read, {EAGAIN, EINTR, EIO}},
         {FaultPlan::CALL_readlink, {EACCES, EIO, ENOENT}},
@@ -81,7 +85,7 @@ const std::vector<Fault>& GetFaults() {
         {FaultPlan::CALL_setrlimit, {EPERM}},
         {FaultPlan::CALL_setsockopt, {ENOPROTOOPT, ENOMEM}},
         {FaultPlan::CALL_shutdown, {ENOTCONN}},
-        {FaultPlan::CALL_sigaction, {EINVAL}},
+        {FaultPlan::CALL_sigtimedwait, {EAGAIN, EINTR}},
         {FaultPlan::CALL_sigwait, {EINTR}},
         {FaultPlan::CALL_socket, {EACCES, EMFILE, ENFILE, ENOBUFS, ENOMEM}},
         {FaultPlan::CALL_socketpair, {EMFILE, ENFILE, EOPNOTSUPP}},
@@ -151,14 +155,16 @@ private:
 // The server in a home of its own, in which it traces.
 class Server {
 public:
-    Server(const std::string& program, const CTempFolder& home) : m_output(home.Path("output")) {
+    Server(const std::string& program, const std::string& reactor, const CTempFolder& home)
+        : m_output(home.Path("output")) {
         std::filesystem::remove(m_output);
         m_pid = fork();
         if (m_pid == 0) {
             const int out = open(m_output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
             dup2(out, STDOUT_FILENO);
             dup2(out, STDERR_FILENO);
-            execl(program.c_str(), program.c_str(), "--port=0", nullptr);
+            execl(program.c_str(), program.c_str(), "--port=0", "--reactor", reactor.c_str(),
+                  nullptr);
             _exit(127);
         }
         if (!WaitUntil(c_recoverLimit, [&] { return HasEnded() || ReadPort(home); })) {
@@ -222,8 +228,8 @@ private:
 
 class Sweep {
 public:
-    Sweep(const std::string& program, const char* shim, bool isLong)
-        : m_isLong(isLong), m_faults(m_home.Path("plan"), shim) {
+    Sweep(const std::string& program, const char* shim, std::string reactor, bool isLong)
+        : m_reactor(std::move(reactor)), m_isLong(isLong), m_faults(m_home.Path("plan"), shim) {
         std::filesystem::create_directories(m_home.Path("bin"));
         std::filesystem::create_directories(m_home.Path("conf"));
         std::filesystem::copy_file(program, m_program);
@@ -275,7 +281,7 @@ private:
         const long most = m_isLong ? 1000 : 6;
         for (long number = 0; number < most; ++number) {
             m_faults.Fail(call, error, number, 1);
-            Server server(m_program, m_home);
+            Server server(m_program, m_reactor, m_home);
             Check(!server.IsStuck(), call, error, number, "neither serves nor ends");
             if (server.HasEnded()) {
                 Check(!server.HasCrashed() && server.GetStatus() == 1, call, error, number,
@@ -300,7 +306,7 @@ private:
     Server& GetServer() {
         if (m_server == nullptr || m_server->HasEnded()) {
             m_faults.Clear();
-            m_server = std::make_unique<Server>(m_program, m_home);
+            m_server = std::make_unique<Server>(m_program, m_reactor, m_home);
             // It says where it listens before its last thread is there.
             static_cast<void>(m_server->Serves());
         }
@@ -356,6 +362,7 @@ private:
         }
     }
 
+    const std::string m_reactor;
     const bool m_isLong;
     const CTempFolder m_home;
     const std::string m_program = m_home.Path("bin/kv_server");
@@ -371,10 +378,12 @@ private:
 
 int main(int argc, char** argv) {
     if (argc < 3) {
-        std::fprintf(stderr, "usage: fault_sweep KV_SERVER SHIM [--long]\n");
+        std::fprintf(stderr, "usage: fault_sweep KV_SERVER SHIM [--long] [REACTOR]\n");
         return 2;
     }
     signal(SIGPIPE, SIG_IGN);
-    Sweep sweep(argv[1], argv[2], argc > 3);
+    const bool isLong = argc > 3 && std::strcmp(argv[3], "--long") == 0;
+    const int at = isLong ? 4 : 3;
+    Sweep sweep(argv[1], argv[2], argc > at ? argv[at] : "epoll", isLong);
     return sweep.Run() == 0 ? 0 : 1;
 }
