@@ -38,6 +38,7 @@
 #include <nx/net/CNxIPAddress.h>
 #include <nx/net/CNxIPCBase.h>
 #include <nx/net/CNxInetAddr.h>
+#include <nx/net/CNxMacAddress.h>
 #include <nx/net/CNxSocket.h>
 #include <nx/process/process_path.h>
 #include <nx/process/trace_setting.h>
