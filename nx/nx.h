@@ -40,8 +40,11 @@
 #include <nx/net/CNxInetAddr.h>
 #include <nx/net/CNxMacAddress.h>
 #include <nx/net/CNxSocket.h>
+#include <nx/process/base64.h>
+#include <nx/process/hash_functions.h>
 #include <nx/process/process_path.h>
 #include <nx/process/trace_setting.h>
+#include <nx/process/whole_file.h>
 #include <nx/reactor/CNxEventHandlerRepository.h>
 #include <nx/reactor/CNxPipe.h>
 #include <nx/reactor/CNxReactorBase.h>

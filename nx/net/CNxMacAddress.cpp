@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cerrno>
 #include <cstring>
 #include <memory>
+#include <new>
 
 namespace {
 
@@ -61,6 +63,16 @@ const sockaddr_ll* GetHardwareAddress(const ifaddrs& entry) {
     return isMac ? address : nullptr;
 }
 
+void AppendMacs(const ifaddrs* entries, std::vector<CNxInterfaceMac>& interfaces) {
+    for (const ifaddrs* entry = entries; entry != nullptr; entry = entry->ifa_next) {
+        if (const sockaddr_ll* const address = GetHardwareAddress(*entry)) {
+            CNxMacAddress::Bytes bytes{};
+            std::memcpy(bytes.data(), address->sll_addr, bytes.size());
+            interfaces.push_back({entry->ifa_name, CNxMacAddress(bytes)});
+        }
+    }
+}
+
 }  // namespace
 
 NxResult CNxMacAddress::Set(const CNxString& text) {
@@ -108,14 +120,13 @@ NxResult CNxMacAddress::GetInterfaces(std::vector<CNxInterfaceMac>& interfaces) 
         return NX_ERROR_FAILURE;
     }
     const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(entries, &freeifaddrs);
-    std::vector<CNxInterfaceMac> found;
-    for (const ifaddrs* entry = entries; entry != nullptr; entry = entry->ifa_next) {
-        if (const sockaddr_ll* const address = GetHardwareAddress(*entry)) {
-            Bytes bytes{};
-            std::memcpy(bytes.data(), address->sll_addr, bytes.size());
-            found.push_back({entry->ifa_name, CNxMacAddress(bytes)});
-        }
+    const size_t before = interfaces.size();
+    try {
+        AppendMacs(entries, interfaces);
+    } catch (const std::bad_alloc&) {
+        interfaces.resize(before);
+        errno = ENOMEM;
+        return NX_ERROR_FAILURE;
     }
-    interfaces.insert(interfaces.end(), found.begin(), found.end());
     return NX_OK;
 }

@@ -50,7 +50,7 @@ public:
 
     // Appends the machine's network interfaces that have a MAC address, in the system's order,
     // those that are down too. Left out: loopback, and kinds with another hardware address or none.
-    // NX_OK, or NX_ERROR_FAILURE with errno of getifaddrs(3) and nothing appended.
+    // NX_OK, or NX_ERROR_FAILURE with errno, that of getifaddrs(3) or ENOMEM, and nothing appended.
     [[nodiscard]] static NxResult GetInterfaces(std::vector<CNxInterfaceMac>& interfaces);
 
 private:
