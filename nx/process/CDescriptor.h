@@ -26,6 +26,7 @@ public:
     }
 
     int Get() const { return m_fd; }
+    int Release() { return std::exchange(m_fd, -1); }
     bool IsOpen() const { return m_fd >= 0; }
 
 private:

@@ -7,6 +7,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <utility>
 
 // NXBASE_TEST_FULL runs the long forms.
 inline int ShortOr(int shortForm, int longForm) {
@@ -24,7 +25,10 @@ public:
         EXPECT_GT(m_pid, 0);
     }
     Child(Child&& other) noexcept : m_pid(std::exchange(other.m_pid, 0)) {}
-    Child& operator=(Child&&) = delete;
+    Child& operator=(Child&& other) noexcept {
+        std::swap(m_pid, other.m_pid);
+        return *this;
+    }
     ~Child() { Kill(); }
 
     pid_t GetPid() const { return m_pid; }
