@@ -40,9 +40,13 @@
 #include <nx/net/CNxInetAddr.h>
 #include <nx/net/CNxMacAddress.h>
 #include <nx/net/CNxSocket.h>
+#include <nx/process/CNxEnvironment.h>
+#include <nx/process/CNxProcess.h>
+#include <nx/process/CNxProcessInfo.h>
 #include <nx/process/CNxProcessLock.h>
 #include <nx/process/CNxSharedMemory.h>
 #include <nx/process/base64.h>
+#include <nx/process/daemon.h>
 #include <nx/process/hash_functions.h>
 #include <nx/process/process_path.h>
 #include <nx/process/trace_setting.h>
