@@ -1,0 +1,24 @@
+// MAC addresses: what is read is written back in the format it came in, and read again, the same.
+#include <nx/net/CNxMacAddress.h>
+
+#include "FuzzFile.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    CNxString text(reinterpret_cast<const char*>(data), size);
+    CNxMacAddress address;
+    if (address.Set(text) != NX_OK) {
+        Require(address.IsZero());
+        return 0;
+    }
+    text.Tolower();
+    bool isOneOfThem = false;
+    for (const auto format :
+         {CNxMacAddress::COLON, CNxMacAddress::DASH, CNxMacAddress::DOTTED, CNxMacAddress::BARE}) {
+        const CNxString written = address.ToString(format);
+        CNxMacAddress again;
+        Require(again.Set(written) == NX_OK && again == address);
+        isOneOfThem = isOneOfThem || written == text;
+    }
+    Require(isOneOfThem);
+    return 0;
+}

@@ -1,0 +1,142 @@
+#include <gtest/gtest.h>
+#include <nx/process/CNxProcessInfo.h>
+#include <nx/process/proc_text.h>
+#include <sys/prctl.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Children.h"
+
+namespace {
+
+CNxProcessInfo Read(pid_t pid) {
+    CNxProcessInfo info;
+    EXPECT_EQ(NX_OK, CNxProcessInfo::Read(pid, info));
+    return info;
+}
+
+// A child that has that name and sleeps.
+Child StartNamed(const CNxString& name) {
+    Child child([&]() -> int {
+        prctl(PR_SET_NAME, name.c_str());
+        for (;;) {
+            pause();
+        }
+    });
+    while (Read(child.GetPid()).GetName() != name) {
+        std::this_thread::yield();
+    }
+    return child;
+}
+
+TEST(CNxProcessInfo, TellsOfThisProcess) {
+    std::atomic<bool> isOver{false};
+    std::thread thread([&] {
+        while (!isOver) {
+            std::this_thread::yield();
+        }
+    });
+    const CNxProcessInfo info = Read(getpid());
+    isOver = true;
+    thread.join();
+    EXPECT_EQ(getpid(), info.GetPid());
+    EXPECT_EQ(getppid(), info.GetParent());
+    EXPECT_EQ("process_test", info.GetName());
+    EXPECT_LE(2u, info.GetThreads());
+    EXPECT_LT(100000u, info.GetResidentBytes());
+    EXPECT_NE(nullptr, std::strchr("RSD", info.GetState()));
+    ASSERT_FALSE(info.GetCommandLine().empty());
+    EXPECT_NE(CNxString::npos, info.GetCommandLine()[0].find("process_test"));
+    EXPECT_TRUE(info.IsAlive());
+    // Started before now, after a time that this code is older than.
+    EXPECT_GE(CNxTimeValue::GetTimeOfDay(), info.GetStartTime() - CNxTimeValue(1, 0));
+    EXPECT_GT(info.GetStartTime(), Read(1).GetStartTime() - CNxTimeValue(1, 0));
+}
+
+TEST(CNxProcessInfo, FindsByNamesThatLookLikeTheEndOfAName) {
+    const Child child = StartNamed(") R 1 (nx ) S");
+    const CNxProcessInfo info = Read(child.GetPid());
+    EXPECT_EQ(") R 1 (nx ) S", info.GetName());
+    EXPECT_EQ(getpid(), info.GetParent());
+    EXPECT_EQ(1u, info.GetThreads());
+    std::vector<CNxProcessInfo> found;
+    EXPECT_EQ(NX_OK, CNxProcessInfo::FindByName(") R 1 (nx ) S", found));
+    ASSERT_EQ(1u, found.size());
+    EXPECT_EQ(child.GetPid(), found[0].GetPid());
+    EXPECT_EQ(NX_ERROR_NOT_FOUND, CNxProcessInfo::FindByName("no such process", found));
+    EXPECT_EQ(1u, found.size());
+}
+
+TEST(CNxProcessInfo, AZombieIsThereButNotAlive) {
+    Child child = StartNamed("nx zombie");
+    const CNxProcessInfo info = Read(child.GetPid());
+    EXPECT_TRUE(info.IsAlive());
+    kill(child.GetPid(), SIGKILL);
+    siginfo_t ended{};
+    ASSERT_EQ(0, waitid(P_PID, static_cast<id_t>(child.GetPid()), &ended, WEXITED | WNOWAIT));
+    EXPECT_FALSE(info.IsAlive());
+    const CNxProcessInfo zombie = Read(child.GetPid());
+    EXPECT_EQ('Z', zombie.GetState());
+    EXPECT_TRUE(zombie.GetCommandLine().empty());
+    EXPECT_EQ(info.GetStartTicks(), zombie.GetStartTicks());
+    child.Wait();
+    CNxProcessInfo gone;
+    EXPECT_EQ(NX_ERROR_NOT_FOUND, CNxProcessInfo::Read(info.GetPid(), gone));
+    EXPECT_EQ(NX_ERROR_INVALID_ARG, CNxProcessInfo::Read(0, gone));
+    EXPECT_EQ(NX_ERROR_INVALID_ARG, CNxProcessInfo::Read(-1, gone));
+    EXPECT_EQ(0, gone.GetPid());
+    EXPECT_FALSE(info.IsAlive());
+}
+
+TEST(CNxProcessInfo, ListsWhileProcessesComeAndGo) {
+    std::atomic<bool> isOver{false};
+    std::thread spawner([&] {
+        while (!isOver) {
+            Child([] { return 0; }).Wait();
+        }
+    });
+    for (int i = ShortOr(20, 500); i > 0; --i) {
+        std::vector<CNxProcessInfo> infos;
+        EXPECT_EQ(NX_OK, CNxProcessInfo::List(infos));
+        EXPECT_EQ(1, std::count_if(infos.begin(), infos.end(), [](const CNxProcessInfo& info) {
+                      return info.GetPid() == getpid();
+                  }));
+    }
+    isOver = true;
+    spawner.join();
+}
+
+TEST(ProcText, StatIsReadByItsLastParenthesisOrNotAtAll) {
+    const std::string tail = " S 7 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 3 0 999 4096 5 1 2\n";
+    CProcStat stat;
+    ASSERT_TRUE(ParseProcStat("42 (a) S 1 (b c)) " + tail.substr(1), stat));
+    EXPECT_EQ("a) S 1 (b c)", stat.m_name);
+    EXPECT_EQ(42, stat.m_pid);
+    EXPECT_EQ('S', stat.m_state);
+    EXPECT_EQ(7, stat.m_parent);
+    EXPECT_EQ(3u, stat.m_threads);
+    EXPECT_EQ(999u, stat.m_startTicks);
+    EXPECT_EQ(5u, stat.m_residentPages);
+    for (const std::string& text :
+         {std::string(), "42" + tail, "42 (a" + tail, "x (a)" + tail, "-42 (a)" + tail,
+          "99999999999 (a)" + tail, "42 (a) SS" + tail.substr(2), "42 (a) S -7" + tail.substr(4),
+          "42 (a)" + tail.substr(0, 50), "42 (a)  " + tail, std::string("42 (a) ")}) {
+        EXPECT_FALSE(ParseProcStat(text, stat)) << text;
+    }
+    EXPECT_EQ(42, stat.m_pid);
+}
+
+TEST(ProcText, CommandLinesKeepEmptyArguments) {
+    using Arguments = std::vector<CNxString>;
+    EXPECT_EQ((Arguments{"a", "", "b c", ""}),
+              SplitCommandLine(std::string_view("a\0\0b c\0\0", 8)));
+    EXPECT_EQ(Arguments{"title"}, SplitCommandLine("title"));
+    EXPECT_EQ(Arguments{}, SplitCommandLine(""));
+}
+
+}  // namespace

@@ -1,0 +1,151 @@
+#include <gtest/gtest.h>
+#include <nx/process/CNxSharedMemory.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+
+#include <atomic>
+#include <random>
+#include <thread>
+
+#include "Children.h"
+
+namespace {
+
+// What the processes write: equal as long as nobody was interrupted between the two.
+struct Content {
+    long m_first;
+    long m_second;
+    std::atomic<int> m_isWriting;
+};
+
+class CNxSharedMemoryTest : public ::testing::Test {
+protected:
+    ~CNxSharedMemoryTest() override { static_cast<void>(CNxSharedMemory::Remove(m_key)); }
+
+    static Content& At(const CNxSharedMemory& memory) {
+        return *static_cast<Content*>(memory.GetData());
+    }
+
+    const key_t m_key = 0x4E580000 ^ getpid();
+    const CNxTimeValue m_short{0, 20000};
+    CNxSharedMemory m_memory;
+};
+
+TEST_F(CNxSharedMemoryTest, IsMadeZeroOnceAndFoundWithItsSizeOnly) {
+    EXPECT_EQ(NX_ERROR_NOT_FOUND, m_memory.Attach(m_key, 100));
+    EXPECT_EQ(NX_ERROR_INVALID_ARG, m_memory.Open(m_key, 0));
+    EXPECT_EQ(NX_ERROR_INVALID_ARG, m_memory.Open(IPC_PRIVATE, 100));
+    EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, m_memory.Lock());
+    ASSERT_EQ(NX_OK, m_memory.Open(m_key, 100));
+    EXPECT_EQ(NX_ERROR_ALREADY_INITIALIZED, m_memory.Open(m_key, 100));
+    EXPECT_EQ(0, At(m_memory).m_first);
+    At(m_memory).m_first = 7;
+    CNxSharedMemory other;
+    EXPECT_EQ(NX_ERROR_UNEXPECTED, other.Open(m_key, 101));
+    EXPECT_EQ(NX_ERROR_UNEXPECTED, other.Attach(m_key, 99));
+    EXPECT_EQ(100u, other.GetSize());
+    EXPECT_EQ(nullptr, other.GetData());
+    ASSERT_EQ(NX_OK, other.Attach(m_key, 100));
+    EXPECT_EQ(7, At(other).m_first);
+    EXPECT_EQ(NX_OK, CNxSharedMemory::Remove(m_key));
+    EXPECT_EQ(NX_ERROR_NOT_FOUND, CNxSharedMemory::Remove(m_key));
+    EXPECT_EQ(7, At(other).m_first);
+    EXPECT_EQ(NX_ERROR_NOT_FOUND, other.Lock());
+}
+
+TEST_F(CNxSharedMemoryTest, TheLockExcludesAndEndsWithItsHolder) {
+    ASSERT_EQ(NX_OK, m_memory.Open(m_key, sizeof(Content)));
+    {
+        CNxSharedMemory other;
+        ASSERT_EQ(NX_OK, other.Open(m_key, sizeof(Content)));
+        ASSERT_EQ(NX_OK, m_memory.Lock());
+        EXPECT_EQ(NX_ERROR_TIMEOUT, other.Lock(&m_short));
+        const CNxTimeValue past(-1, 0);
+        EXPECT_EQ(NX_ERROR_TIMEOUT, other.Lock(&past));
+        EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, other.UnLock());
+        Child child([&] { return m_memory.UnLock() == NX_ERROR_NOT_INITIALIZED ? 0 : 1; });
+        EXPECT_EQ(0, child.Wait());
+        EXPECT_EQ(NX_OK, m_memory.UnLock());
+        EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, m_memory.UnLock());
+        EXPECT_EQ(NX_OK, other.Lock(&m_short));
+    }
+    EXPECT_EQ(NX_OK, m_memory.Lock(&m_short));
+}
+
+TEST_F(CNxSharedMemoryTest, RemovalWakesWhoWaits) {
+    ASSERT_EQ(NX_OK, m_memory.Open(m_key, sizeof(Content)));
+    ASSERT_EQ(NX_OK, m_memory.Lock());
+    NxResult result = NX_OK;
+    std::thread waiter([&] {
+        CNxSharedMemory other;
+        result = other.Open(m_key, sizeof(Content)) == NX_OK ? other.Lock() : NX_ERROR_FAILURE;
+    });
+    shmid_ds status{};
+    do {
+        ASSERT_EQ(0, shmctl(shmget(m_key, 0, 0), IPC_STAT, &status));
+    } while (status.shm_nattch < 2);
+    EXPECT_EQ(NX_OK, CNxSharedMemory::Remove(m_key));
+    waiter.join();
+    EXPECT_EQ(NX_ERROR_NOT_FOUND, result);
+    EXPECT_EQ(NX_ERROR_NOT_FOUND, m_memory.UnLock());
+}
+
+// The one that is killed writes for ever.
+int WriteUntilKilled(key_t key) {
+    CNxSharedMemory memory;
+    if (memory.Open(key, sizeof(Content)) != NX_OK) {
+        return 1;
+    }
+    auto& content = *static_cast<Content*>(memory.GetData());
+    for (;;) {
+        if (memory.Lock() != NX_OK) {
+            return 2;
+        }
+        content.m_isWriting = 1;
+        ++content.m_first;
+        sched_yield();
+        ++content.m_second;
+        content.m_isWriting = 0;
+        if (memory.UnLock() != NX_OK) {
+            return 3;
+        }
+        sched_yield();
+    }
+}
+
+TEST_F(CNxSharedMemoryTest, AfterAHolderWasKilledTheOtherGoesOnAndIsToldOnce) {
+    ASSERT_EQ(NX_OK, m_memory.Open(m_key, sizeof(Content)));
+    Content& content = At(m_memory);
+    std::mt19937 random(1);
+    int told = 0;
+    int broken = 0;
+    const int rounds = ShortOr(40, 500);
+    for (int round = 0; round < rounds; ++round) {
+        Child writer([&] { return WriteUntilKilled(m_key); });
+        const long before = content.m_first;
+        while (const_cast<volatile long&>(content.m_first) < before + 10) {
+            sched_yield();
+        }
+        // Half of the time in the critical section, as far as can be seen from here.
+        for (unsigned long i = random() % 100000; i > 0; --i) {
+            if (content.m_isWriting != 0 && round % 2 == 0) {
+                break;
+            }
+        }
+        writer.Kill();
+        const NxResult result = m_memory.Lock();
+        ASSERT_TRUE(result == NX_OK || result == NX_ERROR_PARTIAL_DATA) << result;
+        const bool isHalfDone = content.m_isWriting != 0 || content.m_first != content.m_second;
+        ASSERT_TRUE(!isHalfDone || result == NX_ERROR_PARTIAL_DATA);
+        told += result == NX_ERROR_PARTIAL_DATA ? 1 : 0;
+        broken += isHalfDone ? 1 : 0;
+        content.m_second = content.m_first;
+        content.m_isWriting = 0;
+        ASSERT_EQ(NX_OK, m_memory.UnLock());
+        ASSERT_EQ(NX_OK, m_memory.Lock());
+        ASSERT_EQ(NX_OK, m_memory.UnLock());
+    }
+    std::printf("%d kills, told %d times, %d times half done\n", rounds, told, broken);
+}
+
+}  // namespace

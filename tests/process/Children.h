@@ -1,0 +1,52 @@
+// Children of a test made by fork, and how long its long forms are.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <utility>
+
+// NXBASE_TEST_FULL runs the long forms.
+inline int ShortOr(int shortForm, int longForm) {
+    return std::getenv("NXBASE_TEST_FULL") != nullptr ? longForm : shortForm;
+}
+
+// A forked child that runs `body` and exits with its result.
+class Child {
+public:
+    template <class Body>
+    explicit Child(const Body& body) : m_pid(fork()) {
+        if (m_pid == 0) {
+            _exit(body());
+        }
+        EXPECT_GT(m_pid, 0);
+    }
+    Child(Child&& other) noexcept : m_pid(std::exchange(other.m_pid, 0)) {}
+    Child& operator=(Child&& other) noexcept {
+        std::swap(m_pid, other.m_pid);
+        return *this;
+    }
+    ~Child() { Kill(); }
+
+    pid_t GetPid() const { return m_pid; }
+
+    void Kill() {
+        if (m_pid > 0) {
+            kill(m_pid, SIGKILL);
+            Wait();
+        }
+    }
+
+    // The exit status, or -1.
+    int Wait() {
+        int status = 0;
+        waitpid(std::exchange(m_pid, 0), &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+private:
+    pid_t m_pid;
+};
