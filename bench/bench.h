@@ -43,7 +43,7 @@ bool IsSmoke();
 
 // How many operations to do: `full`, and in a smoke run next to none.
 long Times(long full);
-// How many of what a curve is over: `full`, and in a smoke run a thousand at most.
+// How many of what a curve is over: `full`, and in a smoke run a hundred at most.
 long Size(long full);
 
 // Ends the measurement as failed unless `ok`. Any thread.

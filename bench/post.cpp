@@ -30,7 +30,7 @@ private:
 template <class Loop>
 double Post(long producers) {
     Loop& loop = *new Loop(0);
-    const long each = Times(400000) / producers + 1;
+    const long each = Times(600000) / producers + 1;
     Counter counter(each * producers);
     Latch ready(producers);
     std::atomic<bool> go{false};
