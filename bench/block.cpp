@@ -24,7 +24,7 @@ namespace bench {
 namespace {
 
 constexpr size_t c_piece = 64;
-constexpr size_t c_full = 64 * 1024;
+constexpr size_t c_full = 65536;
 constexpr size_t c_shared = 4096;
 
 // Each kind below is appended to until it is full, and then emptied. Last: its last byte.

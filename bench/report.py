@@ -28,7 +28,8 @@ FAMILIES = {
               "libevent's common time-outs all timers have the same interval. libev and libuv take "
               "the time from their loop, the others ask the clock.",
     "trace": "Lines of about 110 bytes to a file, each with date, time, process and thread in front "
-             "of its text. `raw` formats the same line and calls write(2).",
+             "of its text, and lines of a level that is switched off. `raw` formats the same line and "
+             "calls write(2), or loads two switches.",
     "echo": "A server that sends back what it receives, one message under way on each connection: "
             "processor time of the server for a message. `raw` is an edge-triggered epoll loop that "
             "receives until the call would block; `raw, one receive` stops at one that comes back "
@@ -37,10 +38,11 @@ FAMILIES = {
     "block": "Bytes in memory. `raw` is std::string, and std::shared_ptr for sharing.",
     "kv": "A whole server: kv_server of the examples beside redis-server without persistence, under "
           "redis-benchmark with 50 connections and values of 64 bytes: processor time of the server "
-          "for a request. The ratios are to redis-server.",
+          "for a request. `raw` is one thread with an epoll loop and a hash table that knows these two "
+          "commands. The ratios are to redis-server.",
 }
 COLORS = {"raw": "#000000", "raw, no allocation": "#777777", "raw epoll": "#aaaaaa",
-          "raw, one receive": "#777777", "raw io_uring": "#aaaaaa", "redis-server": "#000000",
+          "raw, one receive": "#777777", "raw io_uring": "#aaaaaa", "redis-server": "#2ca02c",
           "Asio": "#1f77b4", "libuv": "#2ca02c", "libevent": "#9467bd", "libevent common": "#c5b0d5",
           "libevent buffered": "#c5b0d5", "libev": "#17becf", "spdlog": "#1f77b4", "glog": "#2ca02c",
           "nxbase": "#d62728", "nxbase task": "#d62728", "nxbase reactor": "#ff7f0e",

@@ -1,10 +1,11 @@
-// Trace lines to a file, each with the time, the process and the thread in front of its text: the
-// time of a line.
+// Trace lines to a file, each with the time, the process and the thread in front of its text, and
+// lines of a level that is switched off: the time of a line.
 #include <fcntl.h>
 #include <nx/nx.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cstdio>
 #include <ctime>
 #include <fstream>
@@ -31,7 +32,8 @@ namespace {
 constexpr char c_text[] = "session 4711: 42 bytes received, 1 message, queue 0";
 
 // Each kind below opens the file of that path, writes lines with c_text to it, and has every
-// `linesPerFlush`-th line of a thread in the hands of the system when Write returns.
+// `linesPerFlush`-th line of a thread in the hands of the system when Write returns. WriteOff
+// writes a line of a level that is off.
 
 // write(2) of what has come together.
 class RawTrace {
@@ -54,6 +56,13 @@ public:
         if (++m_lines % m_linesPerFlush == 0) {
             Put(m_buffer.data(), m_buffer.size());
             m_buffer.clear();
+        }
+    }
+
+    void WriteOff() {
+        if (m_isEnabled.load(std::memory_order_relaxed) &&
+            m_level.load(std::memory_order_relaxed) != 0) {
+            Write();
         }
     }
 
@@ -85,18 +94,23 @@ private:
     std::mutex m_mutex;
     std::string m_buffer;
     long m_lines = 0;
+    std::atomic<bool> m_isEnabled{true};
+    std::atomic<int> m_level{0};
 };
 
 class NxTrace {
 public:
     NxTrace(const std::string& path, long linesPerFlush)
         : m_file(T120_Open_Trace_Dev(path.c_str(), 0, 0, 1)) {
+        refresh_trace_config();  // without a configuration: the master switch is on, no level is
         T120_Refresh_Settings(0, static_cast<int>(linesPerFlush));
     }
     void Write() { T120_Write_Trace_Dev(m_file, "Log", "Info", c_text); }
+    void WriteOff() { m_trace->trace_string(26, c_text, false); }
 
 private:
     void* const m_file;
+    CNxT120Trace* const m_trace = CNxT120Trace::instance();
 };
 
 #ifdef NXBENCH_HAS_SPDLOG
@@ -116,6 +130,7 @@ public:
             m_logger->flush();
         }
     }
+    void WriteOff() { m_logger->trace(c_text); }
 
 private:
     const std::shared_ptr<spdlog::logger> m_logger;
@@ -140,6 +155,7 @@ public:
             google::FlushLogFiles(google::GLOG_INFO);
         }
     }
+    void WriteOff() { VLOG(1) << c_text; }
 
 private:
     const long m_linesPerFlush;
@@ -163,6 +179,7 @@ double WriteLines(int threadCount, long linesPerFlush) {
     // Every thread ends with a flush.
     const long each = (Times(linesPerFlush == 1 ? 100000 : 200000) / threadCount / 100 + 1) * 100;
     std::vector<std::thread> threads;
+    threads.reserve(static_cast<size_t>(threadCount));
     const double start = NowInNs();
     for (int i = 0; i < threadCount; ++i) {
         threads.emplace_back([&trace, each, i] {
@@ -181,10 +198,30 @@ double WriteLines(int threadCount, long linesPerFlush) {
 }
 
 template <class Trace>
+double WriteSwitchedOff() {
+    PinTo(1);
+    const std::string path = GetScratchFolder() + "/trace.log";
+    unlink(path.c_str());
+    Trace& trace = *new Trace(path, 1);
+    const long times = Times(10000000);
+    const double start = NowInNs();
+    for (long i = 0; i < times; ++i) {
+        trace.WriteOff();
+        asm volatile("" ::: "memory");
+    }
+    const double end = NowInNs();
+    Require(CountLines(path) == 0, "the level is on");
+    return (end - start) / static_cast<double>(times);
+}
+
+// Without threads: a level that is switched off.
+template <class Trace>
 void AddRow(std::vector<Case>& cases, const char* name, const char* row, int threads,
             long linesPerFlush) {
-    cases.push_back(
-        {"trace", name, row, 0, [=] { return WriteLines<Trace>(threads, linesPerFlush); }});
+    cases.push_back({"trace", name, row, 0, [=] {
+                         return threads == 0 ? WriteSwitchedOff<Trace>()
+                                             : WriteLines<Trace>(threads, linesPerFlush);
+                     }});
 }
 
 void AddRows(std::vector<Case>& cases, const char* name, int threads, long linesPerFlush) {
@@ -204,6 +241,7 @@ void AddTrace(std::vector<Case>& cases) {
     AddRows(cases, "each line flushed, 1 thread", 1, 1);
     AddRows(cases, "each line flushed, 2 threads", 2, 1);
     AddRows(cases, "flushed every 100 lines", 1, 100);
+    AddRows(cases, "level switched off", 0, 1);
 }
 
 }  // namespace bench
