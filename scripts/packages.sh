@@ -34,3 +34,7 @@ need() {
 build_packages=(g++ make cmake libiniparser-dev libxxhash-dev zlib1g-dev)
 # shellcheck disable=SC2034 # for the scripts that source this
 test_packages=("${build_packages[@]}" libgtest-dev faketime)
+# What the benchmarks measure beside the library.
+# shellcheck disable=SC2034
+bench_packages=("${build_packages[@]}" libasio-dev libuv1-dev libevent-dev libev-dev libspdlog-dev
+    libgoogle-glog-dev liburing-dev redis-server redis-tools)
