@@ -1,70 +1,113 @@
 #include <nx/timer/CNxTimerPriorityQueue.h>
+#include <nx/timer/CTimerIndexT.h>
 
 #include <algorithm>
 #include <cassert>
+#include <limits>
+#include <new>
 #include <utility>
 
 namespace {
 
-// Four keys share two cache lines, and the heap is half as deep as a binary one.
+// The heap is half as deep as a binary one.
 constexpr size_t c_children = 4;
+constexpr size_t c_fewest = 8;
+// Of handlers: their numbers, and the places in the index, are counted in 32 bits.
+constexpr size_t c_most = size_t{1} << 31;
+// The place of a handler that has no timer.
+constexpr unsigned int c_idle = std::numeric_limits<unsigned int>::max();
 
 }  // namespace
 
-// The relation that a heap of the standard library would be given: operator< of time values means
-// later than. Of equal expiries the one pushed last is ahead.
+CNxTimerPriorityQueue::CNxTimerPriorityQueue(INxObserver* observer) : CNxTimerQueueBase(observer) {
+    Grow();
+}
+
+CNxTimerPriorityQueue::~CNxTimerPriorityQueue() = default;
+
+// The relation that a heap of the standard library would be given: a later expiry is behind. Of
+// equal expiries the one pushed last is ahead. Without branches, for nobody could foretell them.
 bool CNxTimerPriorityQueue::IsBehind(const CKey& key, const CKey& other) {
-    if (key.m_expiry == other.m_expiry) {
-        return key.m_sequence < other.m_sequence;
-    }
-    return key.m_expiry < other.m_expiry;
+    const bool isBehindOfEquals =
+        (key.m_usec == other.m_usec) & (key.m_sequence < other.m_sequence);
+    return (key.m_sec > other.m_sec) |
+           ((key.m_sec == other.m_sec) & ((key.m_usec > other.m_usec) | isBehindOfEquals));
 }
 
 NxResult CNxTimerPriorityQueue::PushNode_l(const CNode& node) {
-    assert(m_heap.size() == m_index.size());
-    if (m_heap.size() == m_heap.capacity()) {
-        m_heap.reserve(2 * m_heap.size() + c_children);
+    auto* place = &m_index->Find(node.m_handler);
+    if (place->m_handler == nullptr) {
+        if (m_index->IsFull()) {
+            Grow();
+            place = &m_index->Find(node.m_handler);
+        }
+        // From here on nothing throws.
+        m_index->Insert(*place, node.m_handler, AddNode());
     }
-    bool inserted = false;
-    CEntry* entry = FindOrInsert(node.m_handler, inserted);
-    // From here on nothing throws.
-    entry->m_node = node;
-    const CKey key{node.m_expiry, ++m_sequence, entry};
-    if (inserted) {
-        m_heap.push_back(key);
-        Put(SiftUp(m_heap.size() - 1, key), key);
-        assert(IsInOrder(entry->m_place));
-        return NX_OK;
+    const Number number = place->m_value;
+    m_nodes[number] = node;
+    const CKey key{node.m_expiry.GetSec(), static_cast<int>(node.m_expiry.GetUsec()), number,
+                   ++m_sequence};
+    if (m_places[number] != c_idle) {
+        Settle(m_places[number], key);
+        return NX_ERROR_FOUND;
     }
-    Settle(entry->m_place, key);
-    return NX_ERROR_FOUND;
+    m_heap.push_back(key);
+    Put(SiftUp(m_heap.size() - 1, key), key);
+    assert(IsInOrder(m_places[number]));
+    return NX_OK;
 }
 
 NxResult CNxTimerPriorityQueue::RePushNode_l(const CNode& node) {
-    assert(m_index.count(node.m_handler) == 0);
+    assert(m_places[m_index->Find(node.m_handler).m_value] == c_idle);
     return PushNode_l(node);
 }
 
-CNxTimerPriorityQueue::CEntry* CNxTimerPriorityQueue::FindOrInsert(INxTimerHandler* handler,
-                                                                   bool& inserted) {
-    if (m_spare.empty()) {
-        const auto result = m_index.try_emplace(handler);
-        inserted = result.second;
-        return &result.first->second;
+CNxTimerPriorityQueue::Number CNxTimerPriorityQueue::AddNode() {
+    assert(m_nodes.size() < m_nodes.capacity());
+    m_nodes.emplace_back();
+    m_places.push_back(c_idle);
+    return static_cast<Number>(m_nodes.size() - 1);
+}
+
+// Room for more handlers, as many as have a timer at least.
+void CNxTimerPriorityQueue::Grow() {
+    const size_t fewest = 2 * m_heap.size() + c_fewest;
+    if (fewest > c_most) {
+        throw std::bad_alloc();
     }
-    m_spare.key() = handler;
-    auto result = m_index.insert(std::move(m_spare));
-    inserted = result.inserted;
-    m_spare = std::move(result.node);  // given back when the handler has a timer
-    return &result.position->second;
+    auto index = std::make_unique<Index>(fewest);
+    m_heap.reserve(index->GetCapacity());
+    m_nodes.reserve(index->GetCapacity());
+    m_places.reserve(index->GetCapacity());
+    DropIdleNodes(*index);
+    m_index = std::move(index);
+}
+
+// The others get new numbers.
+void CNxTimerPriorityQueue::DropIdleNodes(Index& index) {
+    Number kept = 0;
+    for (Number number = 0; number < m_nodes.size(); ++number) {
+        if (m_places[number] != c_idle) {
+            m_nodes[kept] = m_nodes[number];
+            m_places[kept] = m_places[number];
+            m_heap[m_places[kept]].m_number = kept;
+            INxTimerHandler* const handler = m_nodes[kept].m_handler;
+            index.Insert(index.Find(handler), handler, kept);
+            ++kept;
+        }
+    }
+    assert(kept == m_heap.size());
+    m_nodes.resize(kept);
+    m_places.resize(kept);
 }
 
 NxResult CNxTimerPriorityQueue::EraseNode_l(INxTimerHandler* handler) {
-    const auto found = m_index.find(handler);
-    if (found == m_index.end()) {
+    const auto& place = m_index->Find(handler);
+    if (place.m_handler == nullptr || m_places[place.m_value] == c_idle) {
         return NX_ERROR_NOT_FOUND;
     }
-    Remove(found);
+    Remove(place.m_value);
     return NX_OK;
 }
 
@@ -72,8 +115,9 @@ NxResult CNxTimerPriorityQueue::PopFirstNode_l(CNode& node) {
     if (m_heap.empty()) {
         return NX_ERROR_NOT_FOUND;
     }
-    node = m_heap.front().m_entry->m_node;
-    Remove(m_index.find(node.m_handler));
+    const Number number = m_heap.front().m_number;
+    node = m_nodes[number];
+    Remove(number);
     return NX_OK;
 }
 
@@ -81,15 +125,15 @@ NxResult CNxTimerPriorityQueue::GetEarliestTime_l(CNxTimeValue& time) const {
     if (m_heap.empty()) {
         return NX_ERROR_NOT_FOUND;
     }
-    time = m_heap.front().m_expiry;
+    time = m_nodes[m_heap.front().m_number].m_expiry;
     return NX_OK;
 }
 
 // The last key takes the place that becomes free.
-void CNxTimerPriorityQueue::Remove(Index::iterator entry) {
-    const size_t place = entry->second.m_place;
-    assert(m_heap[place].m_entry == &entry->second);
-    m_spare = m_index.extract(entry);
+void CNxTimerPriorityQueue::Remove(Number number) {
+    const size_t place = m_places[number];
+    assert(m_heap[place].m_number == number);
+    m_places[number] = c_idle;
     const CKey last = m_heap.back();
     m_heap.pop_back();
     if (place < m_heap.size()) {
@@ -101,7 +145,7 @@ void CNxTimerPriorityQueue::Remove(Index::iterator entry) {
 void CNxTimerPriorityQueue::Settle(size_t place, const CKey& key) {
     const size_t above = SiftUp(place, key);
     Put(above == place ? SiftDown(place, key) : above, key);
-    assert(IsInOrder(key.m_entry->m_place));
+    assert(IsInOrder(m_places[key.m_number]));
 }
 
 size_t CNxTimerPriorityQueue::SiftUp(size_t place, const CKey& key) {
@@ -152,5 +196,5 @@ bool CNxTimerPriorityQueue::IsInOrder(size_t place) const {
 
 void CNxTimerPriorityQueue::Put(size_t place, const CKey& key) {
     m_heap[place] = key;
-    key.m_entry->m_place = place;
+    m_places[key.m_number] = static_cast<Number>(place);
 }

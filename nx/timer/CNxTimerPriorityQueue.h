@@ -2,17 +2,24 @@
 #pragma once
 
 #include <cstddef>
-#include <unordered_map>
+#include <memory>
 #include <vector>
 
 #include <nx/timer/CNxTimerQueueBase.h>
 
+template <class Value>
+class CTimerIndexT;
+
 // Behaves like CNxTimerQueueOrderedList, down to the order among equal expiries, so one can stand
-// in for the other. Scheduling, replacing and cancelling take O(log n), the earliest expiry O(1). A
-// timer that is armed again allocates nothing.
+// in for the other. Scheduling, replacing and cancelling take O(log n), the earliest expiry O(1).
+// Only a handler that is new to the queue may need memory. What the queue keeps of one without a
+// timer, some hundred bytes, goes when there are more of them than handlers with one and memory
+// is needed.
 class CNxTimerPriorityQueue : public CNxTimerQueueBase {
 public:
-    explicit CNxTimerPriorityQueue(INxObserver* observer) : CNxTimerQueueBase(observer) {}
+    // Throws std::bad_alloc.
+    explicit CNxTimerPriorityQueue(INxObserver* observer);
+    ~CNxTimerPriorityQueue() override;
 
 protected:
     [[nodiscard]] NxResult PushNode_l(const CNode& node) override;
@@ -22,30 +29,33 @@ protected:
     [[nodiscard]] NxResult GetEarliestTime_l(CNxTimeValue& time) const override;
 
 private:
-    // A timer, and where its key lies in the heap.
-    struct CEntry {
-        CNode m_node;
-        size_t m_place;
-    };
-    // What the heap orders by, kept apart from the timers so that a comparison stays in the heap.
-    struct CKey {
-        CNxTimeValue m_expiry;
-        unsigned long m_sequence;  // the larger was pushed later
-        CEntry* m_entry;
-    };
-    using Index = std::unordered_map<INxTimerHandler*, CEntry>;
+    // What a handler, and its node, are known by here.
+    using Number = unsigned int;
+    using Index = CTimerIndexT<Number>;
 
-    static bool IsBehind(const CKey& key, const CKey& other);
-    CEntry* FindOrInsert(INxTimerHandler* handler, bool& inserted);
-    void Remove(Index::iterator entry);
+    // What the heap orders by, kept apart from the nodes so that a comparison stays in the heap.
+    struct CKey {
+        long m_sec;
+        int m_usec;
+        Number m_number;
+        unsigned long m_sequence;  // the larger was pushed later
+    };
+
+    static inline bool IsBehind(const CKey& key, const CKey& other);
+    Number AddNode();
+    void Grow();
+    void DropIdleNodes(Index& index);
+    void Remove(Number number);
     void Settle(size_t place, const CKey& key);
     size_t SiftUp(size_t place, const CKey& key);
     size_t SiftDown(size_t place, const CKey& key);
     bool IsInOrder(size_t place) const;
-    void Put(size_t place, const CKey& key);
+    inline void Put(size_t place, const CKey& key);
 
     std::vector<CKey> m_heap;  // the children of i are 4i+1 to 4i+4
-    Index m_index;
-    Index::node_type m_spare;  // the last one removed, for the next push
+    std::vector<CNode> m_nodes;
+    // By number: where the key lies in the heap. Close together, for a sift writes many.
+    std::vector<Number> m_places;
+    std::unique_ptr<Index> m_index;
     unsigned long m_sequence = 0;
 };

@@ -8,11 +8,13 @@
 
 #include <nx/event/CNxCallingThread.h>
 #include <nx/foundation/CCallOut.h>
+#include <nx/timer/CTimerIndexT.h>
 
 namespace {
 
 constexpr unsigned long c_minSlotIntervalMs = 10;
 constexpr unsigned long c_minLastIndex = 10;
+constexpr size_t c_fewest = 8;
 constexpr unsigned long c_endless = ~0ul;
 // Endless timers are counted down too; nothing that counts from there ever gets below.
 constexpr unsigned long c_endlessFrom = c_endless / 2 + 1;
@@ -29,18 +31,15 @@ CNxTimerQueueCalendar::CNxTimerQueueCalendar(unsigned long slotIntervalMs, unsig
     : m_slotIntervalMs(std::max(slotIntervalMs, c_minSlotIntervalMs)),
       m_slots(GetLastIndex(m_slotIntervalMs, maxTimeMs) + 1),
       m_lastIndex(m_slots.size() - 1),
-      m_eventQueue(eventQueue != nullptr ? eventQueue : CNxCallingThread::GetEventQueue()) {}
+      m_eventQueue(eventQueue != nullptr ? eventQueue : CNxCallingThread::GetEventQueue()),
+      m_index(std::make_unique<Index>(c_fewest)) {}
 
 CNxTimerQueueCalendar::~CNxTimerQueueCalendar() {
-    DeleteChain(m_immediate);
-    for (Slot* chain : m_slots) {
-        DeleteChain(chain);
+    while (m_immediate != nullptr) {
+        m_immediate = SlotPtr(m_immediate)->m_next;
     }
-}
-
-void CNxTimerQueueCalendar::DeleteChain(Slot* chain) {
-    while (chain != nullptr) {
-        chain = SlotPtr(chain)->m_next;
+    for (const auto& place : m_index->GetPlaces()) {
+        delete place.m_value;
     }
 }
 
@@ -49,70 +48,97 @@ NxResult CNxTimerQueueCalendar::ScheduleTimer(INxTimerHandler* handler, void* to
     if (handler == nullptr) {
         return NX_ERROR_INVALID_ARG;
     }
-    const bool isImmediate = interval == CNxTimeValue::s_tvZero();
-    const auto known = m_entries.find(handler);
-    const bool isKnown = known != m_entries.end();
-    Slot* const inRing = isKnown ? known->second : nullptr;
-    SlotPtr entry;
-    if (!Prepare(handler, inRing == nullptr ? &entry : nullptr, isImmediate)) {
+    try {
+        ReserveDue();
+        return interval == CNxTimeValue::s_tvZero()
+                   ? AddImmediate(handler, token)
+                   : AddToRing({handler, token, interval, count == 0 ? c_endless : count, IDLE});
+    } catch (const std::bad_alloc&) {
         return NX_ERROR_FAILURE;
     }
-    if (!isKnown) {
-        RemoveImmediate(handler);
-    }
-    if (inRing != nullptr) {
-        entry = Unlink(inRing);
-    }
-    entry->m_value = {handler, token, interval, count == 0 ? c_endless : count};
-    if (isImmediate) {
-        if (isKnown) {
-            m_entries[handler] = nullptr;
-        }
-        ++m_immediateCount;
-        Push(m_immediate, std::move(entry));
-        return NX_OK;
-    }
-    m_entries[handler] = entry.get();
-    Push(m_slots[GetIndex(GetOffset(interval))], std::move(entry));
-    return inRing != nullptr ? NX_ERROR_FOUND : NX_OK;
 }
 
-// Everything that needs memory, a tick with all timers in it too; with none everything is as it
-// was.
-bool CNxTimerQueueCalendar::Prepare(INxTimerHandler* handler, SlotPtr* entry, bool isImmediate) {
-    try {
-        if (entry != nullptr) {
-            *entry = std::make_unique<Slot>();
-        }
-        const size_t most = m_entries.size() + m_immediateCount + 1;
-        if (m_spareDue.capacity() < most) {
-            m_spareDue.reserve(2 * most);
-        }
-        if (!isImmediate) {
-            m_entries.try_emplace(handler, nullptr);
-        }
-    } catch (const std::bad_alloc&) {
-        return false;
+NxResult CNxTimerQueueCalendar::AddImmediate(INxTimerHandler* handler, void* token) {
+    auto immediate = std::make_unique<Slot>();
+    // From here on nothing throws.
+    immediate->m_value = {handler, token, CNxTimeValue::s_tvZero(), 1, IDLE};
+    Slot* const entry = m_index->Find(handler).m_value;
+    if (RemovePrevious(handler, entry) != IDLE) {
+        entry->m_value.m_state = REPLACED;
     }
-    return true;
+    Push(m_immediate, immediate.release());
+    ++m_immediateCount;
+    return NX_OK;
+}
+
+NxResult CNxTimerQueueCalendar::AddToRing(const ValueType& value) {
+    Slot* const entry = FindOrAdd(value.m_handler);
+    // From here on nothing throws.
+    const TState previous = RemovePrevious(value.m_handler, entry);
+    entry->m_value = value;
+    PutIn(m_slots[GetIndex(GetOffset(value.m_interval))], entry);
+    return previous == IN_RING ? NX_ERROR_FOUND : NX_OK;
+}
+
+// For a tick with all timers in it, and one more.
+void CNxTimerQueueCalendar::ReserveDue() {
+    const size_t most = m_ringCount + m_immediateCount + 1;
+    if (m_spareDue.capacity() < most) {
+        m_spareDue.reserve(2 * most);
+    }
+}
+
+CNxTimerQueueCalendar::Slot* CNxTimerQueueCalendar::FindOrAdd(INxTimerHandler* handler) {
+    auto* place = &m_index->Find(handler);
+    if (place->m_handler == nullptr) {
+        auto entry = std::make_unique<Slot>();
+        if (m_index->IsFull()) {
+            Grow();
+            place = &m_index->Find(handler);
+        }
+        m_index->Insert(*place, handler, entry.release());
+    }
+    return place->m_value;
+}
+
+// Room for more handlers, as many as have a timer at least; the others are dropped.
+void CNxTimerQueueCalendar::Grow() {
+    const auto& places = m_index->GetPlaces();
+    const auto isIdle = [](const auto& place) {
+        return place.m_handler == nullptr || place.m_value->m_value.m_state == IDLE;
+    };
+    const auto idle = std::count_if(places.begin(), places.end(), isIdle);
+    auto index =
+        std::make_unique<Index>(2 * (places.size() - static_cast<size_t>(idle)) + c_fewest);
+    for (const auto& place : places) {
+        if (isIdle(place)) {
+            delete place.m_value;
+        } else {
+            index->Insert(index->Find(place.m_handler), place.m_handler, place.m_value);
+        }
+    }
+    m_index = std::move(index);
 }
 
 NxResult CNxTimerQueueCalendar::CancelTimer(INxTimerHandler* handler) {
     if (handler == nullptr) {
         return NX_ERROR_INVALID_ARG;
     }
-    const auto found = m_entries.find(handler);
-    if (found == m_entries.end()) {
+    Slot* const entry = m_index->Find(handler).m_value;
+    return RemovePrevious(handler, entry) == IN_RING ? NX_OK : NX_ERROR_NOT_FOUND;
+}
+
+// `entry` is the handler's for the ring, null for none. Returns what it was before.
+CNxTimerQueueCalendar::TState CNxTimerQueueCalendar::RemovePrevious(const INxTimerHandler* handler,
+                                                                    Slot* entry) {
+    const TState state = entry == nullptr ? IDLE : entry->m_value.m_state;
+    assert(entry == nullptr || entry->m_value.m_handler == handler || state == IDLE);
+    if (state == IDLE) {
         RemoveImmediate(handler);
-        return NX_ERROR_NOT_FOUND;
+    } else if (state == IN_RING) {
+        TakeOut(entry);
     }
-    if (found->second == nullptr) {
-        return NX_ERROR_NOT_FOUND;
-    }
-    assert(found->second->m_value.m_handler == handler);
-    Unlink(found->second);
-    m_entries.erase(found);
-    return NX_OK;
+    return state;
 }
 
 void CNxTimerQueueCalendar::TimerTick() {
@@ -173,9 +199,9 @@ NxResult CNxTimerQueueCalendar::OnEventFire() {
 
 void CNxTimerQueueCalendar::TakeImmediate(std::vector<Due>& due) {
     while (m_immediate != nullptr) {
-        const ValueType& value = m_immediate->m_value;
-        due.push_back({value.m_handler, value.m_token, due.size()});
-        Unlink(m_immediate);
+        const SlotPtr entry(m_immediate);
+        due.push_back({entry->m_value.m_handler, entry->m_value.m_token, due.size()});
+        m_immediate = entry->m_next;
     }
     m_immediateCount = 0;
 }
@@ -184,9 +210,10 @@ void CNxTimerQueueCalendar::TakeCurrentSlot(std::vector<Due>& due) {
     Slot*& slot = m_slots[m_currentIndex];
     Slot* nextRound = nullptr;
     while (slot != nullptr) {
-        const ValueType& value = slot->m_value;
-        due.push_back({value.m_handler, value.m_token, due.size()});
-        ArmAgain(Unlink(slot), nextRound);
+        Slot* const entry = slot;
+        due.push_back({entry->m_value.m_handler, entry->m_value.m_token, due.size()});
+        TakeOut(entry);
+        ArmAgain(entry, nextRound);
     }
     slot = nextRound;
     if (slot != nullptr) {
@@ -194,22 +221,23 @@ void CNxTimerQueueCalendar::TakeCurrentSlot(std::vector<Due>& due) {
     }
 }
 
-void CNxTimerQueueCalendar::ArmAgain(SlotPtr entry, Slot*& nextRound) {
-    const ValueType& value = entry->m_value;
+void CNxTimerQueueCalendar::ArmAgain(Slot* entry, Slot*& nextRound) {
+    ValueType& value = entry->m_value;
     assert(value.m_count != 0);
-    const unsigned long left = --entry->m_value.m_count;
+    const unsigned long left = --value.m_count;
     const unsigned long offset = GetOffset(value.m_interval);
     const unsigned long index = GetIndex(offset);
     const bool isThisSlot = index == m_currentIndex;
     // Due again in the slot of this very tick, which calls a handler but once: the count runs out.
     if (left == 0 || (isThisSlot && left < c_endlessFrom)) {
-        m_entries.erase(value.m_handler);
-    } else if (!isThisSlot) {
-        Push(m_slots[index], std::move(entry));
+        return;
+    }
+    if (!isThisSlot) {
+        PutIn(m_slots[index], entry);
     } else if (offset == 0) {
-        Push(m_slots[m_currentIndex == m_lastIndex ? 0 : m_currentIndex + 1], std::move(entry));
+        PutIn(m_slots[m_currentIndex == m_lastIndex ? 0 : m_currentIndex + 1], entry);
     } else {
-        Push(nextRound, std::move(entry));
+        PutIn(nextRound, entry);
     }
 }
 
@@ -248,6 +276,7 @@ void CNxTimerQueueCalendar::RemoveImmediate(const INxTimerHandler* handler) {
     for (Slot* entry = m_immediate; entry != nullptr; entry = entry->m_next) {
         if (entry->m_value.m_handler == handler) {
             Unlink(entry);
+            delete entry;
             assert(m_immediateCount != 0);
             --m_immediateCount;
             return;
@@ -255,22 +284,34 @@ void CNxTimerQueueCalendar::RemoveImmediate(const INxTimerHandler* handler) {
     }
 }
 
-void CNxTimerQueueCalendar::Push(Slot*& head, SlotPtr entry) {
+void CNxTimerQueueCalendar::PutIn(Slot*& chain, Slot* entry) {
+    Push(chain, entry);
+    entry->m_value.m_state = IN_RING;
+    ++m_ringCount;
+}
+
+void CNxTimerQueueCalendar::TakeOut(Slot* entry) {
+    assert(entry->m_value.m_state == IN_RING && m_ringCount != 0);
+    Unlink(entry);
+    entry->m_value.m_state = IDLE;
+    --m_ringCount;
+}
+
+void CNxTimerQueueCalendar::Push(Slot*& head, Slot* entry) {
     assert(head == nullptr || head->m_self == &head);
     entry->m_next = head;
     entry->m_self = &head;
     if (head != nullptr) {
         head->m_self = &entry->m_next;
     }
-    head = entry.release();
+    head = entry;
 }
 
-CNxTimerQueueCalendar::SlotPtr CNxTimerQueueCalendar::Unlink(Slot* entry) {
+void CNxTimerQueueCalendar::Unlink(Slot* entry) {
     assert(*entry->m_self == entry);
     assert(entry->m_next == nullptr || entry->m_next->m_self == &entry->m_next);
     *entry->m_self = entry->m_next;
     if (entry->m_next != nullptr) {
         entry->m_next->m_self = entry->m_self;
     }
-    return SlotPtr(entry);
 }

@@ -3,11 +3,13 @@
 #pragma once
 
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 #include <nx/event/INxEventQueue.h>
 #include <nx/timer/INxTimerQueue.h>
+
+template <class Value>
+class CTimerIndexT;
 
 // One link of a slot's chain.
 template <class ValueType>
@@ -32,6 +34,9 @@ struct CNxTimerQueueCalendarSlotT {
 // A tick does all its bookkeeping before it calls handlers, each at most once and in ascending
 // order of their addresses. So they may schedule and cancel, but one that is cancelled by another
 // handler of the same tick is still called in it: do not destroy handlers of others there.
+//
+// What the queue keeps of a handler without a timer, some hundred bytes, goes when there are more
+// of them than handlers with one and memory is needed.
 //
 // Takes no lock and belongs to no thread: the owner serialises the calls, whichever threads they
 // come from, and a handler runs under whatever it holds. Handlers are not owned.
@@ -59,8 +64,8 @@ public:
     // As INxTimerQueue, except for timers with an interval of zero, where the result is
     // NX_ERROR_NOT_FOUND: they are cancelled all the same. But once such a timer has replaced one
     // with another interval, NEITHER IT NOR A LATER ONE with an interval of zero is cancelled until
-    // the handler gets another interval again; cancel first to avoid that. The queue keeps a few
-    // bytes for such a handler, also after its last firing.
+    // the handler gets another interval again; cancel first to avoid that. The queue keeps some
+    // hundred bytes for such a handler, also after its last firing.
     NxResult CancelTimer(INxTimerHandler* handler) override;
 
     // To be called once per slot interval.
@@ -68,7 +73,7 @@ public:
 
     // For an owner that sleeps over ticks which fire nothing:
     // whether there is no timer at all;
-    bool IsEmpty() const { return m_immediate == nullptr && m_entries.empty(); }
+    bool IsEmpty() const { return m_immediateCount == 0 && m_ringCount == 0; }
     // how many of the next ticks fire nothing, looking at `most` of them;
     unsigned long CountIdleTicks(unsigned long most) const;
     // the same as that many calls of TimerTick, for idle ones;
@@ -86,14 +91,21 @@ public:
     INxEventQueue* GetEventQueue() const { return m_eventQueue; }
 
 private:
+    enum TState {
+        IDLE,      // no timer with an interval other than zero
+        IN_RING,   // one
+        REPLACED,  // it was replaced by one with an interval of zero
+    };
     struct ValueType {
         INxTimerHandler* m_handler;
         void* m_token;
         CNxTimeValue m_interval;
         unsigned long m_count;  // firings left
+        TState m_state;
     };
     using Slot = CNxTimerQueueCalendarSlotT<ValueType>;
     using SlotPtr = std::unique_ptr<Slot>;
+    using Index = CTimerIndexT<Slot*>;
 
     // A call that a tick has to make. Later ones of a handler supersede earlier ones.
     struct Due {
@@ -102,29 +114,36 @@ private:
         size_t m_order;
     };
 
-    static void Push(Slot*& head, SlotPtr entry);
-    static SlotPtr Unlink(Slot* entry);
+    static void Push(Slot*& head, Slot* entry);
+    static void Unlink(Slot* entry);
 
     unsigned long GetOffset(const CNxTimeValue& interval) const;
     unsigned long GetIndex(unsigned long offset) const;
-    static void DeleteChain(Slot* chain);
-    bool Prepare(INxTimerHandler* handler, SlotPtr* entry, bool isImmediate);
+    void ReserveDue();
+    NxResult AddImmediate(INxTimerHandler* handler, void* token);
+    NxResult AddToRing(const ValueType& value);
+    Slot* FindOrAdd(INxTimerHandler* handler);
+    void Grow();
+    TState RemovePrevious(const INxTimerHandler* handler, Slot* entry);
+    void PutIn(Slot*& chain, Slot* entry);
+    void TakeOut(Slot* entry);
     void RemoveImmediate(const INxTimerHandler* handler);
     std::vector<Due> BeginFiring();
     void EndFiring(std::vector<Due>& due);
     void TakeImmediate(std::vector<Due>& due);
     void TakeCurrentSlot(std::vector<Due>& due);
-    void ArmAgain(SlotPtr entry, Slot*& nextRound);
+    void ArmAgain(Slot* entry, Slot*& nextRound);
     void Fire(std::vector<Due>& due);
 
     const unsigned long m_slotIntervalMs;
-    std::vector<Slot*> m_slots;  // chains, owned
+    std::vector<Slot*> m_slots;  // chains
     const unsigned long m_lastIndex;
     unsigned long m_currentIndex = 0;  // the slot of the next tick
     INxEventQueue* const m_eventQueue;
     Slot* m_immediate = nullptr;  // intervals of zero; owned
     size_t m_immediateCount = 0;
-    // The entry that a handler has in the ring; null when that was moved to the immediate chain.
-    std::unordered_map<INxTimerHandler*, Slot*> m_entries;
+    // The one entry for the ring of every handler that has had a timer there; owned.
+    std::unique_ptr<Index> m_index;
+    size_t m_ringCount = 0;
     std::vector<Due> m_spareDue;  // its memory serves every tick
 };

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -50,7 +51,10 @@ iovec Part(const char* text, size_t length) {
 size_t WriteParts(int fd, iovec* parts, int count, off_t offset) {
     size_t written = 0;
     while (count > 0) {
-        const ssize_t n = pwritev(fd, parts, count, offset + static_cast<off_t>(written));
+        const auto at = offset + static_cast<off_t>(written);
+        // The system takes one part quicker that way.
+        const ssize_t n = count == 1 ? pwrite(fd, parts->iov_base, parts->iov_len, at)
+                                     : pwritev(fd, parts, count, at);
         if (n < 0 && errno == EINTR) {
             continue;
         }
@@ -89,10 +93,11 @@ long GetSize(int fd) {
 
 bool WriteHeader(int fd, long offset) {
     assert(offset >= HEADER_SIZE);
-    char text[HEADER_SIZE + 1];
-    std::snprintf(text, sizeof(text), "%-31ld\n", offset);
-    assert(text[HEADER_SIZE - 1] == '\n');
-    iovec header = Part(text, HEADER_SIZE);
+    char text[HEADER_SIZE];
+    std::memset(text, ' ', sizeof(text) - 1);
+    std::to_chars(text, text + sizeof(text) - 1, offset);
+    text[sizeof(text) - 1] = '\n';
+    iovec header = Part(text, sizeof(text));
     return WriteParts(fd, &header, 1, 0) == static_cast<size_t>(HEADER_SIZE);
 }
 
@@ -165,7 +170,8 @@ CNxT120TraceFile::CNxT120TraceFile(const char* fileName, unsigned long maxSize,
     : m_fileName(fileName == nullptr ? "" : fileName),
       m_maxSize(BoundSize(maxSize)),
       m_shared(shared),
-      m_buffer(new char[LINE_SIZE]) {
+      m_buffer(new char[LINE_SIZE + MARKER_SIZE]),
+      m_isAlone(shared == 0) {
     if (!m_fileName.empty() && create != 0) {
         const CCancelOff cancelOff;
         CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
@@ -291,11 +297,12 @@ bool CNxT120TraceFile::is_same_file(const char* name) const {
 
 void CNxT120TraceFile::write(const char* tag, const char* prefix, const char* text) {
     const CCancelOff cancelOff;
-    write(CurrentTraceStamp(), tag, prefix, text);
+    Write(CurrentTraceStamp(), tag, prefix, text, m_shared != 0);
 }
 
 void CNxT120TraceFile::write(const CTraceStamp& stamp, const char* tag, const char* prefix,
                              const char* text) {
+    const CCancelOff cancelOff;
     Write(stamp, tag, prefix, text, m_shared != 0);
 }
 
@@ -309,7 +316,6 @@ void CNxT120TraceFile::Write(const CTraceStamp& stamp, const char* tag, const ch
     if (text == nullptr) {
         return;
     }
-    const CCancelOff cancelOff;
     const auto deadline = isShared ? CClock::now() + MAX_LOCK_WAIT : CClock::time_point();
     CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
     if (m_opening == NOT_ASKED) {
@@ -373,7 +379,7 @@ int CNxT120TraceFile::refresh_settings(unsigned long maxSize, int linesPerFlush)
     m_maxSize = BoundSize(maxSize);
     // Records that a full disk holds back keep their buffer.
     if (lines != m_linesPerFlush && m_bufferedBytes == 0) {
-        std::unique_ptr<char[]> buffer(new (std::nothrow) char[lines * LINE_SIZE]);
+        std::unique_ptr<char[]> buffer(new (std::nothrow) char[lines * LINE_SIZE + MARKER_SIZE]);
         if (buffer != nullptr) {
             m_linesPerFlush = lines;
             m_bufferedLines = 0;
@@ -413,6 +419,8 @@ void CNxT120TraceFile::AfterFork(bool isChild) NX_NO_THREAD_SAFETY_ANALYSIS {
         m_bufferedBytes = 0;
         m_bufferedLines = 0;
     }
+    // Parent and child may both write to it.
+    m_isAlone = false;
     m_mutex.UnLock();
 }
 
@@ -469,13 +477,14 @@ void CNxT120TraceFile::Flush() {
     if (m_fd < 0 || m_bufferedBytes == 0) {
         return;
     }
-    const long offset = ReadOffset();
+    const long offset = m_isAlone && m_lastOffset != 0 ? m_lastOffset : ReadOffset();
     const bool isFull = m_maxSize != 0 && m_maxSize <= offset;
     if (isFull) {
         Truncate(m_fd, offset);
     }
-    iovec parts[] = {Part(m_buffer.get(), m_bufferedBytes), Part(MARKER, MARKER_SIZE)};
-    if (Put(offset, parts, 2, m_bufferedBytes)) {
+    std::memcpy(&m_buffer[m_bufferedBytes], MARKER, MARKER_SIZE);
+    iovec recordsAndMarker = Part(m_buffer.get(), m_bufferedBytes + MARKER_SIZE);
+    if (Put(offset, &recordsAndMarker, 1, m_bufferedBytes)) {
         m_bufferedBytes = 0;
         m_bufferedLines = 0;
         if (isFull) {
@@ -487,6 +496,7 @@ void CNxT120TraceFile::Flush() {
 // Under the lock of the file.
 bool CNxT120TraceFile::WriteShared(const CRecord& record) {
     assert(m_fd >= 0);
+    m_isAlone = false;
     long offset = ReadOffset();
     if (m_maxSize != 0 && m_maxSize <= offset) {
         Truncate(m_fd, offset);

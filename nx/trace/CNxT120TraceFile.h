@@ -49,7 +49,9 @@ struct stat;
 // One line on stderr tells of a refused file, and of a shared file that cannot be opened.
 //
 // Whoever meddles with the file: a header that cannot be read, lies below 32 or beyond the end of
-// the file counts as 32.
+// the file counts as 32. In a private file that is so only for its first flush and after a fork(2):
+// otherwise the header IS NOT READ BACK, and a file that somebody else has emptied goes on at the
+// offset where it was, after zeros.
 class CNxT120TraceFile {
 public:
     // With a name and a non-zero `create` the file is made anew - emptied if it exists, in shared
@@ -160,9 +162,12 @@ private:
     unsigned int m_linesPerFlush = 1;
     unsigned int m_bufferedLines = 0;
     size_t m_bufferedBytes = 0;
+    // With room for a marker behind the records.
     std::unique_ptr<char[]> m_buffer;
     // What this object put into the header last; such an offset needs no checking.
     long m_lastOffset = 0;
+    // Nobody else can have written to the file: then the header still holds that.
+    bool m_isAlone;
     bool m_draining = false;
     std::atomic<bool> m_wrapped{false};
     CNxMutexThread m_mutex;

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <nx/trace/CNxT120TraceFile.h>
+#include <nx/trace/CNxT120TraceFileMgr.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -253,6 +254,21 @@ TEST_F(CNxT120TraceFileTest, AFileThatCannotBeOpenedIsTriedAgainAndTellsWhatWasL
         EXPECT_GT(lost, 20) << "it was tried more often than once a second";
         std::filesystem::remove_all(m_folder.Path("later"));
     }
+}
+
+TEST_F(CNxT120TraceFileTest, AParentAndItsChildMayTakeTurnsInAPrivateFile) {
+    void* const file = T120_Open_Trace_Dev(m_path.c_str(), 0, 0, 1);
+    const auto write = [file](const char* text) { g_trace_mgr.write(file, "Log", "Info", text); };
+    write("parent");
+    const pid_t child = fork();
+    if (child == 0) {
+        write("child");
+        _exit(0);
+    }
+    waitpid(child, nullptr, 0);
+    write("parent again");
+    T120_Close_Trace_Dev(file);
+    EXPECT_EQ(TextsIn(m_path), (Texts{"Info:parent", "Info:child", "Info:parent again"}));
 }
 
 // A process that holds the lock of a file.
