@@ -11,6 +11,7 @@ NxResult CNxEventQueueLocked::Post(INxEvent* event, EAfter after, size_t* oldSiz
         return FinishPost(event, NX_ERROR_FAILURE);
     }
     NxResult result = NX_ERROR_NOT_INITIALIZED;
+    bool wakes = false;
     {
         CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
         if (oldSize != nullptr) {
@@ -25,8 +26,13 @@ NxResult CNxEventQueueLocked::Post(INxEvent* event, EAfter after, size_t* oldSiz
             if (isLast) {
                 SetStopped_i(true);
             }
-            OnAppended_l();
+            wakes = m_sleepers != 0;
+            m_sleepers -= wakes ? 1 : 0;
         }
+    }
+    // Not under the mutex, where the sleeper would run into it.
+    if (wakes) {
+        WakeSleeper();
     }
     return FinishPost(event, result);
 }

@@ -22,10 +22,15 @@ protected:
     // between the two.
     NxResult Post(INxEvent* event, EAfter after, size_t* oldSize);
 
-    // An event has been appended; called with the mutex held.
-    virtual void OnAppended_l() {}
+    // Lets one thread go that has counted itself in m_sleepers; called without the mutex, after the
+    // count was taken down for it. That thread does not leave the queue before it was let go, so
+    // the queue is still there.
+    virtual void WakeSleeper() {}
 
     CNxMutexThread m_mutex;
+
+    // How many threads wait for an event, and have not been promised a wake-up yet.
+    unsigned long m_sleepers NX_GUARDED_BY(m_mutex) = 0;
 
 private:
     // For the last event, so that stopping needs no memory; empty once that has been posted.

@@ -2,12 +2,10 @@
 #pragma once
 
 #include <nx/event/CNxEventQueueLocked.h>
-#include <nx/foundation/CNxConditionVariableThread.h>
+#include <nx/foundation/CNxSemaphore.h>
 
 class CNxEventQueueUsingConditionVariable : public CNxEventQueueLocked {
 public:
-    CNxEventQueueUsingConditionVariable() : m_condition(m_mutex) {}
-
     // Posts the last event of the queue: refuses every later one, with no gap between the two, so
     // that none is stranded after it. Results as PostEvent.
     NxResult PostLastEvent(INxEvent* event) { return Post(event, EAfter::STOPPED, nullptr); }
@@ -20,8 +18,14 @@ public:
                                                   size_t max);
 
 protected:
-    void OnAppended_l() override;
+    void WakeSleeper() override;
 
 private:
-    CNxConditionVariableThread m_condition;
+    void WaitForEvent_l(const CNxTimeValue& deadline) NX_REQUIRES(m_mutex);
+    [[nodiscard]] NxResult Sleep_l(const CNxTimeValue& deadline) NX_REQUIRES(m_mutex);
+
+    // One for each sleeper that was taken out of m_sleepers. A semaphore and not a condition: it
+    // may be given back without the mutex, although a sleeper that it lets go may destroy the
+    // queue.
+    CNxSemaphore m_wakeUps;
 };

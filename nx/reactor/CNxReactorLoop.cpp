@@ -66,9 +66,11 @@ NxResult CNxReactorLoop::RunEventLoop() {
     while (!IsStopped() && !IsCopyOfParent()) {
         CNxTimeValue remaining;
         const int fired = FireTimers(remaining);
-        const bool hasPosted = HasPosted();
-        const NxResult waited = WaitAndDispatch(hasPosted ? CNxTimeValue::s_tvZero() : remaining,
-                                                fired != 0 || hasPosted);
+        m_NotifyPipe.BeginWait();
+        // A timer may have stopped the loop, for which no wake-up is sent.
+        const bool mustNotWait = HasPosted() || IsStopped();
+        const NxResult waited = WaitAndDispatch(mustNotWait ? CNxTimeValue::s_tvZero() : remaining,
+                                                fired != 0 || mustNotWait);
         if (waited != NX_OK) {
             return waited;
         }
