@@ -5,29 +5,17 @@ NxResult CNxEventQueueLocked::PostEvent(INxEvent* event, EPriority /*priority*/)
 }
 
 NxResult CNxEventQueueLocked::Post(INxEvent* event, EAfter after, size_t* oldSize) {
-    Node made;
-    const bool isLast = after == EAfter::STOPPED;
-    if (!isLast && !MakeNode(made, event)) {
-        return FinishPost(event, NX_ERROR_FAILURE);
-    }
-    NxResult result = NX_ERROR_NOT_INITIALIZED;
+    NxResult result = NX_OK;
     bool wakes = false;
     {
         CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
         if (oldSize != nullptr) {
             *oldSize = GetCount_i();
         }
-        Node& node = isLast ? m_lastNode : made;
-        if (!node.empty()) {
-            node.front() = event;
-            result = Append_i(node);
-        }
-        if (result == NX_OK) {
-            if (isLast) {
-                SetStopped_i(true);
-            }
-            wakes = m_sleepers != 0;
-            m_sleepers -= wakes ? 1 : 0;
+        result = Append_i(event, after);
+        if (result == NX_OK && m_sleepers != 0) {
+            --m_sleepers;
+            wakes = true;
         }
     }
     // Not under the mutex, where the sleeper would run into it.
@@ -43,7 +31,7 @@ size_t CNxEventQueueLocked::GetPendingEventsCount() {
 }
 
 void CNxEventQueueLocked::DestoryPendingEvents() {
-    std::list<INxEvent*> events;
+    Batch events;
     {
         CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
         TakeAll_i(events);

@@ -14,9 +14,6 @@ public:
     void StopAndDestoryPendingEvents() override;
 
 protected:
-    // What becomes of the queue with the event.
-    enum class EAfter { OPEN, STOPPED };
-
     // As PostEvent. `oldSize` (may be null) gets the number of events that waited before this one,
     // whatever becomes of it. An accepted event leaves the queue open or stops it, with no gap
     // between the two.
@@ -31,8 +28,4 @@ protected:
 
     // How many threads wait for an event, and have not been promised a wake-up yet.
     unsigned long m_sleepers NX_GUARDED_BY(m_mutex) = 0;
-
-private:
-    // For the last event, so that stopping needs no memory; empty once that has been posted.
-    Node m_lastNode NX_GUARDED_BY(m_mutex){nullptr};
 };

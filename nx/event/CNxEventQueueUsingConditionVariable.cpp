@@ -27,20 +27,30 @@ void CNxEventQueueUsingConditionVariable::WakeSleeper() {
     assert(woken == NX_OK);
 }
 
+NxResult CNxEventQueueUsingConditionVariable::PopOrWaitPendingEvents(Batch& out,
+                                                                     CNxTimeValue* timeout,
+                                                                     size_t max) {
+    CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
+    WaitForEvent_l(timeout);
+    return PopPendingEvents(out, max, nullptr);
+}
+
 NxResult CNxEventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<INxEvent*>& out,
                                                                      CNxTimeValue* timeout,
                                                                      size_t max) {
     CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
-    if (GetCount_i() == 0 && (timeout == nullptr || *timeout > CNxTimeValue::s_tvZero())) {
-        WaitForEvent_l(CNxConditionVariableThread::GetDeadline(timeout));
-    }
+    WaitForEvent_l(timeout);
     return PopPendingEvents(out, max, nullptr);
 }
 
 // However it ends, what counts is whether an event is there afterwards.
-void CNxEventQueueUsingConditionVariable::WaitForEvent_l(const CNxTimeValue& deadline) {
+void CNxEventQueueUsingConditionVariable::WaitForEvent_l(const CNxTimeValue* timeout) {
+    const bool mayWait = timeout == nullptr || *timeout > CNxTimeValue::s_tvZero();
+    if (GetCount_i() != 0 || !mayWait) {
+        return;
+    }
     ++m_sleepers;
-    if (Sleep_l(deadline) == NX_OK) {
+    if (Sleep_l(CNxConditionVariableThread::GetDeadline(timeout)) == NX_OK) {
         return;
     }
     if (m_sleepers != 0) {

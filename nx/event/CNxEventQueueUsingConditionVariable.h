@@ -12,8 +12,9 @@ public:
 
     // For the owner: if nothing waits, sleeps once for at most `timeout` (relative; null or
     // s_tvMax(): without limit), then pops up to `max` events into `out`, which must be empty.
-    // NX_OK, or NX_ERROR_NOT_FOUND when there is still nothing: the time ran out, or the wake-up
-    // came without an event.
+    // As PopPendingEvents; NX_ERROR_NOT_FOUND when there is still nothing: the time ran out, or the
+    // wake-up came without an event.
+    [[nodiscard]] NxResult PopOrWaitPendingEvents(Batch& out, CNxTimeValue* timeout, size_t max);
     [[nodiscard]] NxResult PopOrWaitPendingEvents(std::list<INxEvent*>& out, CNxTimeValue* timeout,
                                                   size_t max);
 
@@ -21,7 +22,7 @@ protected:
     void WakeSleeper() override;
 
 private:
-    void WaitForEvent_l(const CNxTimeValue& deadline) NX_REQUIRES(m_mutex);
+    void WaitForEvent_l(const CNxTimeValue* timeout) NX_REQUIRES(m_mutex);
     [[nodiscard]] NxResult Sleep_l(const CNxTimeValue& deadline) NX_REQUIRES(m_mutex);
 
     // One for each sleeper that was taken out of m_sleepers. A semaphore and not a condition: it

@@ -106,7 +106,7 @@ void CNxReactorLoop::RunPosted() {
 
 // Refuses further events and fires those posted until now, with no gap between the two.
 void CNxReactorLoop::RunLastEvents() {
-    std::list<INxEvent*> events;
+    Batch events;
     {
         CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
         SetStopped_i(true);
