@@ -5,35 +5,62 @@
 #include <nx/foundation/CNxProcessWide.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <cassert>
 #include <iterator>
 #include <new>
 
 namespace {
 
+constexpr size_t c_leastRoom = 64;
+// 128 KiB.
+constexpr size_t c_mostRoomKept = 16384;
+
 // What a ProcessEvents of the thread has under way, and the one in whose event it was called.
-struct CBatch {
-    explicit CBatch(const std::list<INxEvent*>& events)
-        : m_current(events.begin()), m_end(events.end()) {
-        s_innermost = this;
-    }
-    ~CBatch() {
+class CUnderWay {
+public:
+    CUnderWay() { s_innermost = this; }
+    CUnderWay(const CUnderWay&) = delete;
+    CUnderWay& operator=(const CUnderWay&) = delete;
+
+    // Destroys, unfired, the events after the current one.
+    virtual void DestroyRest() const = 0;
+
+    static thread_local CUnderWay* s_innermost;
+
+    CUnderWay* const m_outer = s_innermost;
+    const unsigned int m_forks = CNxProcessWide::CountForks();
+
+protected:
+    ~CUnderWay() {
         assert(s_innermost == this);
         s_innermost = m_outer;
     }
-
-    static thread_local CBatch* s_innermost;
-
-    CBatch* const m_outer = s_innermost;
-    const unsigned int m_forks = CNxProcessWide::CountForks();
-    std::list<INxEvent*>::const_iterator m_current;
-    const std::list<INxEvent*>::const_iterator m_end;
 };
-thread_local CBatch* CBatch::s_innermost = nullptr;
+thread_local CUnderWay* CUnderWay::s_innermost = nullptr;
+
+template <class Events>
+class CUnderWayT : public CUnderWay {
+public:
+    explicit CUnderWayT(const Events& events) : m_current(events.begin()), m_end(events.end()) {}
+
+    void DestroyRest() const override {
+        for (auto next = std::next(m_current); next != m_end; ++next) {
+            if (*next != nullptr) {
+                (*next)->OnDestorySelf();
+            }
+        }
+    }
+
+    typename Events::const_iterator m_current;
+    const typename Events::const_iterator m_end;
+};
 
 }  // namespace
 
-CNxEventQueueBase::CNxEventQueueBase() : m_reportTime(CNxTimeValue::GetTimeOfDay()) {}
+CNxEventQueueBase::CNxEventQueueBase() : m_reportTime(CNxTimeValue::GetTimeOfDay()) {
+    m_lastPlace.reserve(1);
+}
 
 CNxEventQueueBase::~CNxEventQueueBase() {
     // Qualified: the derived queue and its mutex are gone by now.
@@ -41,8 +68,7 @@ CNxEventQueueBase::~CNxEventQueueBase() {
 }
 
 NxResult CNxEventQueueBase::PostEvent(INxEvent* event, EPriority /*priority*/) {
-    Node node;
-    return FinishPost(event, MakeNode(node, event) ? Append_i(node) : NX_ERROR_FAILURE);
+    return FinishPost(event, Append_i(event, EAfter::OPEN));
 }
 
 NxResult CNxEventQueueBase::SendEvent(INxEvent* event) {
@@ -70,7 +96,7 @@ size_t CNxEventQueueBase::GetPendingEventsCount() {
 }
 
 void CNxEventQueueBase::DestoryPendingEvents() {
-    std::list<INxEvent*> events;
+    Batch events;
     TakeAll_i(events);
     DestroyAll(events);
 }
@@ -80,50 +106,109 @@ void CNxEventQueueBase::StopAndDestoryPendingEvents() {
     CNxEventQueueBase::DestoryPendingEvents();
 }
 
-NxResult CNxEventQueueBase::PopPendingEvents(std::list<INxEvent*>& out, size_t max,
-                                             size_t* remaining) {
-    if (m_pendingEvents.empty()) {
+NxResult CNxEventQueueBase::PopPendingEvents(Batch& out, size_t max, size_t* remaining) {
+    const size_t count = GetCount_i();
+    if (count == 0) {
         return NX_ERROR_NOT_FOUND;
     }
-    if (m_pendingEvents.size() <= max) {
+    if (count <= max) {
         TakeAll_i(out);
+    } else if (CopyFirst_i(out, max)) {
+        DropFirst_i(max);
     } else {
-        const auto end = std::next(m_pendingEvents.begin(), static_cast<std::ptrdiff_t>(max));
-        out.splice(out.end(), m_pendingEvents, m_pendingEvents.begin(), end);
+        return NX_ERROR_FAILURE;
     }
     if (remaining != nullptr) {
-        *remaining = m_pendingEvents.size();
+        *remaining = GetCount_i();
+    }
+    return NX_OK;
+}
+
+NxResult CNxEventQueueBase::PopPendingEvents(std::list<INxEvent*>& out, size_t max,
+                                             size_t* remaining) {
+    const size_t count = std::min(GetCount_i(), max);
+    const auto first = m_pendingEvents.begin() + static_cast<std::ptrdiff_t>(m_first);
+    if (GetCount_i() == 0) {
+        return NX_ERROR_NOT_FOUND;
+    }
+    try {
+        out.assign(first, first + static_cast<std::ptrdiff_t>(count));
+    } catch (const std::bad_alloc&) {
+        out.clear();
+        return NX_ERROR_FAILURE;
+    }
+    DropFirst_i(count);
+    if (remaining != nullptr) {
+        *remaining = GetCount_i();
     }
     return NX_OK;
 }
 
 NxResult CNxEventQueueBase::PopOnePendingEvent(INxEvent*& out, size_t* remaining) {
-    std::list<INxEvent*> oldest;
-    const NxResult result = PopPendingEvents(oldest, 1, remaining);
-    if (result == NX_OK) {
-        out = oldest.front();
+    if (GetCount_i() == 0) {
+        return NX_ERROR_NOT_FOUND;
     }
-    return result;
+    out = m_pendingEvents[m_first];
+    DropFirst_i(1);
+    if (remaining != nullptr) {
+        *remaining = GetCount_i();
+    }
+    return NX_OK;
 }
 
-NxResult CNxEventQueueBase::ProcessEvents(const std::list<INxEvent*>& events) {
-    for (CBatch batch(events); batch.m_current != batch.m_end; ++batch.m_current) {
+bool CNxEventQueueBase::CopyFirst_i(Batch& out, size_t count) const {
+    const auto first = m_pendingEvents.begin() + static_cast<std::ptrdiff_t>(m_first);
+    try {
+        out.assign(first, first + static_cast<std::ptrdiff_t>(count));
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+void CNxEventQueueBase::DropFirst_i(size_t count) {
+    assert(count <= GetCount_i());
+    m_first += count;
+    // Each is moved at most once for one that goes.
+    if (m_first >= GetCount_i()) {
+        DropPopped_i();
+    }
+}
+
+void CNxEventQueueBase::DropPopped_i() {
+    const auto begin = m_pendingEvents.begin();
+    m_pendingEvents.erase(begin, begin + static_cast<std::ptrdiff_t>(m_first));
+    m_first = 0;
+}
+
+NxResult CNxEventQueueBase::ProcessEvents(const Batch& events) {
+    for (CUnderWayT batch(events); batch.m_current != batch.m_end; ++batch.m_current) {
         ProcessOneEvent(*batch.m_current);
     }
     return NX_OK;
+}
+
+NxResult CNxEventQueueBase::ProcessEvents(const std::list<INxEvent*>& events) {
+    for (CUnderWayT batch(events); batch.m_current != batch.m_end; ++batch.m_current) {
+        ProcessOneEvent(*batch.m_current);
+    }
+    return NX_OK;
+}
+
+void CNxEventQueueBase::Clear(Batch& batch) {
+    if (batch.capacity() > c_mostRoomKept) {
+        Batch().swap(batch);
+    }
+    batch.clear();
 }
 
 void CNxEventQueueBase::AbandonBatches() {
     CNxEventSynchronous::AbandonUnderWay();
     const unsigned int forks = CNxProcessWide::CountForks();
     // Those of a parent, in whose event the process was forked, are the outermost.
-    for (CBatch* batch = CBatch::s_innermost; batch != nullptr && batch->m_forks == forks;
-         batch = batch->m_outer) {
-        for (auto next = std::next(batch->m_current); next != batch->m_end; ++next) {
-            if (*next != nullptr) {
-                (*next)->OnDestorySelf();
-            }
-        }
+    for (const CUnderWay* batch = CUnderWay::s_innermost;
+         batch != nullptr && batch->m_forks == forks; batch = batch->m_outer) {
+        batch->DestroyRest();
     }
 }
 
@@ -137,30 +222,43 @@ NxResult CNxEventQueueBase::ProcessOneEvent(INxEvent* event) {
     return NX_OK;
 }
 
-bool CNxEventQueueBase::MakeNode(Node& node, INxEvent* event) {
-    assert(node.empty());
-    try {
-        node.push_back(event);
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-    return true;
-}
-
 NxResult CNxEventQueueBase::Fire(INxEvent* event) {
     return CallOut("OnEventFire", [event] { return event->OnEventFire(); });
 }
 
-NxResult CNxEventQueueBase::Append_i(Node& node) {
-    assert(node.size() == 1);
-    if (node.front() == nullptr) {
+NxResult CNxEventQueueBase::Append_i(INxEvent* event, EAfter after) {
+    if (event == nullptr) {
         return NX_ERROR_INVALID_ARG;
     }
     if (IsQueueStopped()) {
         return NX_ERROR_NOT_INITIALIZED;
     }
-    m_pendingEvents.splice(m_pendingEvents.end(), node);
+    const bool hasRoom = m_pendingEvents.size() + 1 < m_pendingEvents.capacity();
+    if (!hasRoom && !MakeRoom_i(after)) {
+        return NX_ERROR_FAILURE;
+    }
+    m_pendingEvents.push_back(event);
+    if (after == EAfter::STOPPED) {
+        SetStopped_i(true);
+    }
     return NX_OK;
+}
+
+bool CNxEventQueueBase::MakeRoom_i(EAfter after) {
+    const size_t room = m_pendingEvents.capacity();
+    if (after == EAfter::STOPPED) {
+        if (m_pendingEvents.size() == room) {
+            assert(m_pendingEvents.empty());
+            m_pendingEvents.swap(m_lastPlace);
+        }
+        return m_pendingEvents.size() < m_pendingEvents.capacity();
+    }
+    try {
+        m_pendingEvents.reserve(std::max(c_leastRoom, 2 * room));
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
 }
 
 NxResult CNxEventQueueBase::FinishPost(INxEvent* event, NxResult result) {
@@ -170,11 +268,13 @@ NxResult CNxEventQueueBase::FinishPost(INxEvent* event, NxResult result) {
     return result;
 }
 
-void CNxEventQueueBase::TakeAll_i(std::list<INxEvent*>& out) {
+void CNxEventQueueBase::TakeAll_i(Batch& out) {
+    assert(out.empty());
+    DropPopped_i();
     out.swap(m_pendingEvents);
 }
 
-void CNxEventQueueBase::DestroyAll(const std::list<INxEvent*>& events) {
+void CNxEventQueueBase::DestroyAll(const Batch& events) {
     for (INxEvent* event : events) {
         event->OnDestorySelf();
     }

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <list>
+#include <vector>
 
 #include <nx/event/INxEventQueue.h>
 #include <nx/foundation/CNxTimeValue.h>
@@ -19,6 +20,10 @@
 // A queue must outlive every SendEvent that is under way on it.
 class CNxEventQueueBase : public INxEventQueue {
 public:
+    // Events that have been popped, oldest first. The queue keeps its own in the same way: who pops
+    // into the same batch again and again, cleared, has it swapped, and nothing is allocated.
+    using Batch = std::vector<INxEvent*>;
+
     CNxEventQueueBase();
 
     // Destroys what still waits, in order, without firing it.
@@ -39,17 +44,23 @@ public:
 
     // Moves up to `max` events, oldest first, to `out`, which must be empty; `remaining` (may be
     // null) gets the number left. With `max` 0 nothing moves and the result is NX_OK.
-    // NX_OK, or NX_ERROR_NOT_FOUND when nothing waits; then nothing is written.
+    // NX_OK; NX_ERROR_NOT_FOUND when nothing waits, NX_ERROR_FAILURE without memory for `out`, and
+    // then nothing is written. Taking all into a batch needs none.
     // Takes no lock: the owner of a locked queue holds its mutex.
+    [[nodiscard]] NxResult PopPendingEvents(Batch& out, size_t max, size_t* remaining);
     [[nodiscard]] NxResult PopPendingEvents(std::list<INxEvent*>& out, size_t max,
                                             size_t* remaining);
 
     // The same for the oldest event alone.
     [[nodiscard]] NxResult PopOnePendingEvent(INxEvent*& out, size_t* remaining);
 
-    // Fires and destroys each event, in order; null entries are passed over. The list stays as it
-    // is: the caller clears it. NX_OK. Without any lock held.
+    // Fires and destroys each event, in order; null entries are passed over. The container stays as
+    // it is: the caller clears it. NX_OK. Without any lock held.
+    NxResult ProcessEvents(const Batch& events);
     NxResult ProcessEvents(const std::list<INxEvent*>& events);
+
+    // Empties a batch that has been processed, and frees its memory if a burst has made it large.
+    static void Clear(Batch& batch);
 
     // For a caller within an event that is not going to return, since it ends the process: wakes
     // the sender of that event, and destroys unfired those that were taken off the queue with it.
@@ -71,14 +82,12 @@ public:
     static CNxTimeValue s_tvReportInterval() { return {0, 50000}; }
 
 protected:
-    // One list node made before the lock is taken, so that none is allocated under it.
-    using Node = std::list<INxEvent*>;
+    // What becomes of the queue with the event.
+    enum class EAfter { OPEN, STOPPED };
 
-    // Appends the event in `node`, or returns why not. Does not destroy it.
-    [[nodiscard]] NxResult Append_i(Node& node);
-
-    // Puts the event into the empty `node`. False without memory.
-    [[nodiscard]] static bool MakeNode(Node& node, INxEvent* event);
+    // Appends the event, or returns why not. Does not destroy it. The event that stops the queue
+    // needs no memory.
+    [[nodiscard]] NxResult Append_i(INxEvent* event, EAfter after);
 
     // Fires the event; its exceptions end the process.
     static NxResult Fire(INxEvent* event);
@@ -87,17 +96,26 @@ protected:
     static NxResult FinishPost(INxEvent* event, NxResult result);
 
     // GetPendingEventsCount without a lock.
-    size_t GetCount_i() const { return m_pendingEvents.size(); }
+    size_t GetCount_i() const { return m_pendingEvents.size() - m_first; }
 
-    // Moves all that waits to `out`.
-    void TakeAll_i(std::list<INxEvent*>& out);
+    // Moves all that waits to the empty `out`.
+    void TakeAll_i(Batch& out);
 
-    static void DestroyAll(const std::list<INxEvent*>& events);
+    static void DestroyAll(const Batch& events);
 
     void SetStopped_i(bool stopped) { m_stopped.store(stopped ? 1 : 0, std::memory_order_relaxed); }
 
 private:
-    std::list<INxEvent*> m_pendingEvents;
+    [[nodiscard]] bool MakeRoom_i(EAfter after);
+    [[nodiscard]] bool CopyFirst_i(Batch& out, size_t count) const;
+    void DropFirst_i(size_t count);
+    void DropPopped_i();
+
+    // Those before m_first are popped already. With events in it there is always room for one more,
+    // the last; m_lastPlace is that room for an empty queue.
+    Batch m_pendingEvents;
+    size_t m_first = 0;
+    Batch m_lastPlace;
 
 protected:
     // When a backlog was last reported: for subclasses that report one.

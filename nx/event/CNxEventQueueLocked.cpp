@@ -5,28 +5,22 @@ NxResult CNxEventQueueLocked::PostEvent(INxEvent* event, EPriority /*priority*/)
 }
 
 NxResult CNxEventQueueLocked::Post(INxEvent* event, EAfter after, size_t* oldSize) {
-    Node made;
-    const bool isLast = after == EAfter::STOPPED;
-    if (!isLast && !MakeNode(made, event)) {
-        return FinishPost(event, NX_ERROR_FAILURE);
-    }
-    NxResult result = NX_ERROR_NOT_INITIALIZED;
+    NxResult result = NX_OK;
+    bool wakes = false;
     {
         CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
         if (oldSize != nullptr) {
             *oldSize = GetCount_i();
         }
-        Node& node = isLast ? m_lastNode : made;
-        if (!node.empty()) {
-            node.front() = event;
-            result = Append_i(node);
+        result = Append_i(event, after);
+        if (result == NX_OK && m_sleepers != 0) {
+            --m_sleepers;
+            wakes = true;
         }
-        if (result == NX_OK) {
-            if (isLast) {
-                SetStopped_i(true);
-            }
-            OnAppended_l();
-        }
+    }
+    // Not under the mutex, where the sleeper would run into it.
+    if (wakes) {
+        WakeSleeper();
     }
     return FinishPost(event, result);
 }
@@ -37,7 +31,7 @@ size_t CNxEventQueueLocked::GetPendingEventsCount() {
 }
 
 void CNxEventQueueLocked::DestoryPendingEvents() {
-    std::list<INxEvent*> events;
+    Batch events;
     {
         CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
         TakeAll_i(events);

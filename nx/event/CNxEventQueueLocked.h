@@ -14,20 +14,18 @@ public:
     void StopAndDestoryPendingEvents() override;
 
 protected:
-    // What becomes of the queue with the event.
-    enum class EAfter { OPEN, STOPPED };
-
     // As PostEvent. `oldSize` (may be null) gets the number of events that waited before this one,
     // whatever becomes of it. An accepted event leaves the queue open or stops it, with no gap
     // between the two.
     NxResult Post(INxEvent* event, EAfter after, size_t* oldSize);
 
-    // An event has been appended; called with the mutex held.
-    virtual void OnAppended_l() {}
+    // Lets one thread go that has counted itself in m_sleepers; called without the mutex, after the
+    // count was taken down for it. That thread does not leave the queue before it was let go, so
+    // the queue is still there.
+    virtual void WakeSleeper() {}
 
     CNxMutexOverFork m_mutex;
 
-private:
-    // For the last event, so that stopping needs no memory; empty once that has been posted.
-    Node m_lastNode NX_GUARDED_BY(m_mutex){nullptr};
+    // How many threads wait for an event, and have not been promised a wake-up yet.
+    unsigned long m_sleepers NX_GUARDED_BY(m_mutex) = 0;
 };

@@ -1,18 +1,73 @@
 #include <nx/event/CNxEventQueueUsingConditionVariable.h>
+#include <nx/foundation/CNxConditionVariableThread.h>
 
-// Under the mutex: without it the owner may have taken the event and destroyed the queue by now.
-void CNxEventQueueUsingConditionVariable::OnAppended_l() {
-    m_mutex.AssertHeld();
-    m_condition.Signal();
+#include <cassert>
+
+namespace {
+
+// Without the mutex to the end of the scope, also when the thread is cancelled in it.
+class CReleased {
+public:
+    explicit CReleased(CNxMutexThread& mutex) NX_NO_THREAD_SAFETY_ANALYSIS : m_mutex(mutex) {
+        m_mutex.UnLock();
+    }
+    ~CReleased() NX_NO_THREAD_SAFETY_ANALYSIS { m_mutex.Lock(); }
+
+    CReleased(const CReleased&) = delete;
+    CReleased& operator=(const CReleased&) = delete;
+
+private:
+    CNxMutexThread& m_mutex;
+};
+
+}  // namespace
+
+void CNxEventQueueUsingConditionVariable::WakeSleeper() {
+    [[maybe_unused]] const NxResult woken = m_wakeUps.UnLock();
+    assert(woken == NX_OK);
+}
+
+NxResult CNxEventQueueUsingConditionVariable::PopOrWaitPendingEvents(Batch& out,
+                                                                     CNxTimeValue* timeout,
+                                                                     size_t max) {
+    CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
+    WaitForEvent_l(timeout);
+    return PopPendingEvents(out, max, nullptr);
 }
 
 NxResult CNxEventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<INxEvent*>& out,
                                                                      CNxTimeValue* timeout,
                                                                      size_t max) {
     CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
-    if (GetCount_i() == 0) {
-        // However it ends, what counts is whether an event is there now.
-        static_cast<void>(m_condition.Wait(timeout));
-    }
+    WaitForEvent_l(timeout);
     return PopPendingEvents(out, max, nullptr);
+}
+
+// However it ends, what counts is whether an event is there afterwards.
+void CNxEventQueueUsingConditionVariable::WaitForEvent_l(const CNxTimeValue* timeout) {
+    const bool mayWait = timeout == nullptr || *timeout > CNxTimeValue::s_tvZero();
+    if (GetCount_i() != 0 || !mayWait) {
+        return;
+    }
+    ++m_sleepers;
+    if (Sleep_l(CNxConditionVariableThread::GetDeadline(timeout)) == NX_OK) {
+        return;
+    }
+    if (m_sleepers != 0) {
+        --m_sleepers;
+        return;
+    }
+    // A post has promised the wake-up, and uses the queue until it has come.
+    [[maybe_unused]] const NxResult woken = Sleep_l(CNxTimeValue::s_tvMax());
+    assert(woken == NX_OK);
+}
+
+NxResult CNxEventQueueUsingConditionVariable::Sleep_l(const CNxTimeValue& deadline) {
+    const CReleased released(m_mutex);
+    NxResult woken = NX_ERROR_FAILURE;
+    // A signal handler may interrupt it.
+    while (woken == NX_ERROR_FAILURE) {
+        woken = m_wakeUps.LockUntil(deadline);
+    }
+    return woken;
 }

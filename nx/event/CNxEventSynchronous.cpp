@@ -45,13 +45,13 @@ void CNxEventSynchronous::OnDestorySelf() {
         const CUnderWay underWay(*this);
         DestroyWrappedEvent();
     }
-    m_done.Signal();
+    m_done.UnLock();
 }
 
 NxResult CNxEventSynchronous::WaitResult() {
     // A cancelled sender would take the wrapper away from under the queue.
     const CCancelOff cancelOff;
-    while (m_done.Wait(nullptr) != NX_OK) {
+    while (m_done.Lock() != NX_OK) {
     }
     return m_result;
 }
@@ -69,7 +69,7 @@ void CNxEventSynchronous::AbandonUnderWay() {
         CNxEventSynchronous* const outer = wrapper->m_outer;
         // The thread is still in it.
         wrapper->m_event = nullptr;
-        wrapper->m_done.Signal();
+        wrapper->m_done.UnLock();
         wrapper = outer;
     }
 }

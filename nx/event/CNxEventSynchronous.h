@@ -2,7 +2,7 @@
 #pragma once
 
 #include <nx/event/INxEventQueue.h>
-#include <nx/foundation/CNxEventThread.h>
+#include <nx/foundation/CNxSemaphore.h>
 
 class CNxEventQueueBase;
 
@@ -44,9 +44,9 @@ private:
     void DestroyWrappedEvent();
 
     INxEvent* m_event;
-    // Written before m_done is signalled, read by the sender after its wait.
+    // Written before m_done is given back, read by the sender after its wait.
     NxResult m_result = NX_ERROR_NOT_AVAILABLE;
-    CNxEventThread m_done{0, 0};
+    CNxSemaphore m_done;
     // The wrapper in whose event the thread came to this one.
     CNxEventSynchronous* m_outer = nullptr;
     // The process in which it came there (CNxProcessWide::CountForks).

@@ -329,7 +329,9 @@ bool CNxReactorBase::IsCopyOfParent() const {
 }
 
 NxResult CNxReactorBase::ProcessPostedEvents() {
-    std::list<INxEvent*> events;
+    Batch events;
+    // A pass within one of its events finds none.
+    events.swap(m_batch);
     size_t remaining = 0;
     NxResult popped = NX_OK;
     {
@@ -337,10 +339,13 @@ NxResult CNxReactorBase::ProcessPostedEvents() {
         popped = PopPendingEvents(events, c_eventsPerTurn, &remaining);
     }
     if (popped != NX_OK) {
+        m_batch.swap(events);
         return popped;
     }
     assert(!events.empty() && events.size() <= c_eventsPerTurn);
     const NxResult processed = ProcessEvents(events);
+    Clear(events);
+    m_batch.swap(events);
     if (remaining != 0) {
         // A loop that looks at the queue in every turn comes back here without it.
         static_cast<void>(NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE));

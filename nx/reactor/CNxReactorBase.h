@@ -145,6 +145,9 @@ private:
     NxResult DropHandler(int fd, const INxEventHandler* handler);
     bool IsWakeUpOwed();
 
+    // Empty: for the next pass over the posted events.
+    Batch m_batch;
+
     char m_szBuffer[65535] = {};
     void* m_pCookie = nullptr;
     // Of the OnClose that runs.

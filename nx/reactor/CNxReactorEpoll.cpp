@@ -43,6 +43,7 @@ NxResult CNxReactorEpoll::WaitAndDispatch(const CNxTimeValue& remaining, bool ha
         return NX_OK;
     }
     const int count = epoll_wait(m_epollHandle, m_ready.get(), c_readyPerWait, timeoutMs);
+    m_NotifyPipe.EndWait();
     if (count == -1) {
         return errno == EINTR ? NX_OK : NX_ERROR_FAILURE;
     }

@@ -66,9 +66,11 @@ NxResult CNxReactorLoop::RunEventLoop() {
     while (!IsStopped() && !IsCopyOfParent()) {
         CNxTimeValue remaining;
         const int fired = FireTimers(remaining);
-        const bool hasPosted = HasPosted();
-        const NxResult waited = WaitAndDispatch(hasPosted ? CNxTimeValue::s_tvZero() : remaining,
-                                                fired != 0 || hasPosted);
+        m_NotifyPipe.BeginWait();
+        // A timer may have stopped the loop, for which no wake-up is sent.
+        const bool mustNotWait = HasPosted() || IsStopped();
+        const NxResult waited = WaitAndDispatch(mustNotWait ? CNxTimeValue::s_tvZero() : remaining,
+                                                fired != 0 || mustNotWait);
         if (waited != NX_OK) {
             return waited;
         }
@@ -104,7 +106,7 @@ void CNxReactorLoop::RunPosted() {
 
 // Refuses further events and fires those posted until now, with no gap between the two.
 void CNxReactorLoop::RunLastEvents() {
-    std::list<INxEvent*> events;
+    Batch events;
     {
         CNxMutexGuardT<CNxMutexThread> guard(GetMutex());
         SetStopped_i(true);

@@ -57,9 +57,10 @@ private:
     [[nodiscard]] virtual NxResult OpenDemultiplexer() { return NX_OK; }
 
     // Waits once, for at most `remaining`, which is a second or less, dispatches what is ready and
-    // calls RunPosted. `hasWork`: a timer has fired in this turn, or something is posted; otherwise
-    // it need not look at the descriptors when there is no time to wait. NX_OK, also when nothing
-    // came or a signal interrupted it; NX_ERROR_FAILURE ends the loop.
+    // calls RunPosted. Saves wake-ups by m_NotifyPipe.EndWait() between the wait and the dispatch.
+    // `hasWork`: a timer has fired in this turn, or something is posted; otherwise it need not look
+    // at the descriptors when there is no time to wait. NX_OK, also when nothing came or a signal
+    // interrupted it; NX_ERROR_FAILURE ends the loop.
     [[nodiscard]] virtual NxResult WaitAndDispatch(const CNxTimeValue& remaining, bool hasWork) = 0;
 
     [[nodiscard]] NxResult OpenParts();

@@ -1,13 +1,17 @@
+#include <nx/foundation/high_descriptor.h>
 #include <nx/net/CNxIPCBase.h>
 #include <nx/reactor/CNxReactorBase.h>
 #include <nx/reactor/CNxReactorNotifyPipe.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cassert>
 #include <cerrno>
 #include <initializer_list>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -40,13 +44,27 @@ NxResult CNxReactorNotifyPipe::Close() {
         reactor->RemoveHandler(this, NX_MASK_ALL_EVENTS);
     }
     CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
+    const int counter = std::exchange(m_counter, -1);
+    if (counter != -1) {
+        return close(counter) == 0 ? NX_OK : NX_ERROR_FAILURE;
+    }
     return m_PipeNotify.Close();
 }
 
 NxResult CNxReactorNotifyPipe::OpenPipe(CNxReactorBase* reactor) {
     CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
-    assert(m_notifications.empty() && !m_eventsAsked && !m_isWoken);
-    m_pReactor = reactor;
+    assert(m_notifications.empty() && !m_eventsAsked && m_counter == -1);
+    m_state.store(STATE_WAITS);
+    m_pReactor.store(reactor);
+    return reactor->GetReactorType() == INxReactor::TYPE_EPOLL ? OpenCounter_i() : OpenPair_i();
+}
+
+NxResult CNxReactorNotifyPipe::OpenCounter_i() {
+    m_counter = ToHighDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    return m_counter != -1 ? NX_OK : NX_ERROR_NOT_AVAILABLE;
+}
+
+NxResult CNxReactorNotifyPipe::OpenPair_i() {
     const NxResult opened = m_PipeNotify.Open(c_pipeSize);
     if (opened != NX_OK) {
         return opened;
@@ -62,82 +80,107 @@ NxResult CNxReactorNotifyPipe::OpenPipe(CNxReactorBase* reactor) {
 // Refuses and forgets all notifications; returns the reactor that there was.
 CNxReactorBase* CNxReactorNotifyPipe::Forget() {
     CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
-    CNxReactorBase* const reactor = m_pReactor;
-    m_pReactor = nullptr;
+    CNxReactorBase* const reactor = m_pReactor.exchange(nullptr);
     m_notifications.clear();
     m_eventsAsked = false;
-    m_isWoken = false;
+    Count_i();
     return reactor;
 }
 
 NxResult CNxReactorNotifyPipe::Notify(INxEventHandler* handler, long mask) {
-    const int fd = handler != nullptr && handler != this ? handler->GetHandle() : c_postedEvents;
-    CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
-    if (m_pReactor == nullptr || m_pReactor->IsCopyOfParent()) {
+    CNxReactorBase* const reactor = m_pReactor.load();
+    if (reactor == nullptr || reactor->IsCopyOfParent()) {
         return NX_ERROR_NOT_INITIALIZED;
     }
-    if (handler != this) {
-        const NxResult added = Add_i(fd, mask);
-        if (added != NX_OK) {
-            return added;
-        }
-    }
-    if (m_pReactor->GetOwnerThreadId() == pthread_self() || Wake_i()) {
+    if (handler == nullptr && m_state.load() != STATE_WAITS) {
         return NX_OK;
     }
-    if (fd != c_postedEvents) {
+    const bool isNotified = handler != nullptr && handler != this;
+    const CNotification notification{isNotified ? handler->GetHandle() : c_postedEvents, mask};
+    const bool afterEvents = isNotified && reactor->GetPendingEventsCount() != 0;
+    CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
+    if (m_pReactor.load() == nullptr) {
+        return NX_ERROR_NOT_INITIALIZED;
+    }
+    const NxResult added = isNotified ? Add_i(notification, afterEvents) : NX_OK;
+    if (added != NX_OK || reactor->GetOwnerThreadId() == pthread_self() ||
+        Wake_i(handler == this)) {
+        return added;
+    }
+    if (isNotified) {
         m_notifications.pop_back();
+        Count_i();
     }
     return NX_ERROR_UNEXPECTED;
 }
 
-NxResult CNxReactorNotifyPipe::Add_i(int fd, long mask) {
-    if (fd == c_postedEvents) {
-        // One pass fires all that was posted before it.
-        if (!m_eventsAsked) {
-            m_eventsAsked = true;
-            m_beforeEvents = m_notifications.size();
-        }
-        return NX_OK;
-    }
+NxResult CNxReactorNotifyPipe::Add_i(const CNotification& notification, bool afterEvents) {
     try {
-        m_notifications.push_back({fd, mask});
+        m_notifications.push_back(notification);
     } catch (const std::bad_alloc&) {
         return NX_ERROR_FAILURE;
     }
+    // One pass fires all that was posted before it.
+    if (afterEvents && !m_eventsAsked) {
+        m_eventsAsked = true;
+        m_beforeEvents = m_notifications.size() - 1;
+    }
+    Count_i();
     return NX_OK;
 }
 
-bool CNxReactorNotifyPipe::Wake_i() {
-    const char byte = 0;
-    while (!m_isWoken) {
-        m_isWoken = send(m_PipeNotify.GetWriteHandle(), &byte, sizeof(byte), MSG_NOSIGNAL) == 1;
-        if (!m_isWoken && errno != EINTR) {
-            return false;
-        }
-    }
-    return true;
+void CNxReactorNotifyPipe::Count_i() {
+    m_count.store(m_notifications.size() + (m_eventsAsked ? 1 : 0));
 }
 
-size_t CNxReactorNotifyPipe::GetCount() const {
-    CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
-    return m_notifications.size() + (m_eventsAsked ? 1 : 0);
+// `always`: for what the loop does not look for between BeginWait and its wait.
+bool CNxReactorNotifyPipe::Wake_i(bool always) {
+    EState state = STATE_WAITS;
+    const bool isMine = m_state.compare_exchange_strong(state, STATE_IS_TOLD);
+    if ((!isMine && !always) || Write_i()) {
+        return true;
+    }
+    state = STATE_IS_TOLD;
+    // Unless the loop has come round meanwhile.
+    m_state.compare_exchange_strong(state, STATE_WAITS);
+    return false;
+}
+
+bool CNxReactorNotifyPipe::Write_i() {
+    if (m_counter != -1) {
+        return eventfd_write(m_counter, 1) == 0;
+    }
+    const char byte = 0;
+    ssize_t sent = -1;
+    do {
+        sent = send(m_PipeNotify.GetWriteHandle(), &byte, sizeof(byte), MSG_NOSIGNAL);
+    } while (sent == -1 && errno == EINTR);
+    return sent == 1;
 }
 
 int CNxReactorNotifyPipe::GetHandle() const {
     CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
-    return m_PipeNotify.GetReadHandle();
+    return m_counter != -1 ? m_counter : m_PipeNotify.GetReadHandle();
 }
 
 int CNxReactorNotifyPipe::OnInput(int fd) {
-    {
-        CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
+    CNxReactorBase* const reactor = m_pReactor.load();
+    if (reactor == nullptr) {
+        return 0;
+    }
+    if (reactor->GetReactorType() != INxReactor::TYPE_EPOLL) {
         char bytes[16];
         // What it fails to take does no harm there, and the next wake-up is sent anew.
         static_cast<void>(recv(fd, bytes, sizeof(bytes), 0));
-        m_isWoken = false;
     }
-    DispatchFirst();
+    // For a loop that says nothing of its waits.
+    EState state = STATE_IS_TOLD;
+    m_state.compare_exchange_strong(state, STATE_WAITS);
+    if (GetCount() != 0) {
+        DispatchFirst();
+    } else {
+        reactor->ProcessHandleEvent(c_postedEvents, NX_MASK_EVENT_QUEUE, 0, 1, 0);
+    }
     return 0;
 }
 
@@ -156,7 +199,8 @@ void CNxReactorNotifyPipe::DispatchFirst() {
         } else {
             return;
         }
-        reactor = m_pReactor;
+        Count_i();
+        reactor = m_pReactor.load();
     }
     if (reactor != nullptr) {
         reactor->ProcessHandleEvent(first.m_fd, first.m_mask, 0, 1, 0);

@@ -19,6 +19,7 @@ NxResult CNxReactorSelect::WaitAndDispatch(const CNxTimeValue& remaining, bool /
     const int maxFd = m_EhRepository.FillFdSets(m_readSet, m_writeSet, exceptionSet);
     timeval timeout{remaining.GetSec(), remaining.GetUsec()};
     int count = select(maxFd + 1, &m_readSet, &m_writeSet, &exceptionSet, &timeout);
+    m_NotifyPipe.EndWait();
     if (count == -1 && errno == ENOMEM) {
         cnx_sleep_ms(c_noMemoryMs);
     } else if (count == -1 && errno != EINTR) {

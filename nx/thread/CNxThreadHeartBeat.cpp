@@ -17,7 +17,7 @@ NxResult CNxThreadHeartBeat::DoHeartBeat() {
     if (m_timerQueue != nullptr) {
         m_timerQueue->CheckExpire(nullptr);
     }
-    std::list<INxEvent*> events;
+    CNxEventQueueBase::Batch events;
     {
         CNxMutexGuardT<CNxMutexThread> guard(m_eventQueue.GetMutex());
         if (m_eventQueue.PopPendingEvents(events, c_noLimit, nullptr) != NX_OK) {

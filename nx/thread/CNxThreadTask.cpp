@@ -26,14 +26,14 @@ void CNxThreadTaskWithEventQueueOnly::BindToCallingThread() {
 
 void CNxThreadTaskWithEventQueueOnly::OnThreadRun() {
     EnsureLoopThread();
-    std::list<INxEvent*> events;
+    CNxEventQueueBase::Batch events;
     while (!IsStopped()) {
         CNxTimeValue wait = CNxTimeValue::s_tvMax();
         const size_t most = BeginTurn(wait);
         assert(events.empty());
         if (m_eventQueue.PopOrWaitPendingEvents(events, &wait, most) == NX_OK) {
             m_eventQueue.ProcessEvents(events);
-            events.clear();
+            CNxEventQueueBase::Clear(events);
         }
     }
     m_eventQueue.StopAndDestoryPendingEvents();

@@ -137,9 +137,9 @@ TEST(EventQueueRaces, PostsAndSendsAgainstTheStopAreCountedToTheLast) {
             std::atomic<bool> stopped{false};
             std::thread owner([&] {
                 queue.SetOwnerThreadId(pthread_self());
-                std::list<INxEvent*> events;
+                CNxEventQueueBase::Batch events;
                 while (!stopped.load()) {
-                    if (queue.PopOrWaitPendingEvents(events, nullptr, 3) == NX_OK) {
+                    if (queue.PopOrWaitPendingEvents(events, nullptr, 100) == NX_OK) {
                         queue.ProcessEvents(events);
                         events.clear();
                     }

@@ -96,8 +96,8 @@ TYPED_TEST(ClosedReactors, OpenWithoutDescriptorsFailsAndTakesNone) {
     setrlimit(RLIMIT_NOFILE, &limit);
     EXPECT_EQ(results.back(), NX_OK);
     EXPECT_EQ(results[results.size() - 2], NX_ERROR_NOT_AVAILABLE);
-    // Two for the pipe, one for epoll.
-    EXPECT_EQ(results.size(), reactor.GetReactorType() == INxReactor::TYPE_EPOLL ? 4u : 3u);
+    // Two for the pipe, or one for epoll and one for its wake-ups.
+    EXPECT_EQ(results.size(), 3u);
     StopSoon(reactor, counts);
     EXPECT_EQ(reactor.RunEventLoop(), NX_OK);
 }

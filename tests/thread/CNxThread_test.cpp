@@ -18,6 +18,44 @@ int NextType() {
     return CNxThreadManager::Instance()->GetAndIncreamUserType();
 }
 
+// Each waits for its last event, so that the loop falls asleep and is woken as often as it can be.
+void PostFromManyThreads(INxEventQueue& queue) {
+    std::vector<std::thread> posters;
+    for (int poster = 0; poster < 8; ++poster) {
+        posters.emplace_back([&queue] {
+            EventCounts counts;
+            for (int round = 0; round < 300; ++round) {
+                for (int post = 0; post <= round % 3; ++post) {
+                    ASSERT_EQ(queue.PostEvent(new CountedEvent(counts), c_normal), NX_OK);
+                }
+                while (!counts.AllDestroyed()) {
+                    std::this_thread::yield();
+                }
+            }
+            EXPECT_EQ(counts.m_fired, 600);
+        });
+    }
+    for (std::thread& poster : posters) {
+        poster.join();
+    }
+}
+
+TEST(Thread, NoPostIsStrandedByALoopThatFallsAsleep) {
+    auto* const manager = CNxThreadManager::Instance();
+    CNxThread* task = nullptr;
+    CNxThread* network = nullptr;
+    ASSERT_EQ(manager->CreateUserTaskThread(task, c_joinable, 1), NX_OK);
+    ASSERT_EQ(
+        manager->CreateReactorThread(NextType(), CNxThreadManager::CreateNetworkReactor(), network),
+        NX_OK);
+    for (CNxThread* const thread : {task, network}) {
+        PostFromManyThreads(*thread->GetEventQueue());
+        EXPECT_EQ(thread->Stop(nullptr), NX_OK);
+        EXPECT_EQ(thread->Join(), NX_OK);
+        thread->Destory(0);
+    }
+}
+
 TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
     for (const int withTimers : {0, 1}) {
         CNxThread* thread = nullptr;

@@ -163,7 +163,7 @@ struct Sink : CNxTimerPreciseWrapperIDSink {
     }
 
     std::atomic<int> m_calls{0};
-    int m_exitAt = 0;
+    std::atomic<int> m_exitAt{0};
 };
 
 // Runs in a fresh process; a hang is ended by the time limit of the test.
@@ -173,7 +173,6 @@ TEST(TimerPreciseEnd, ProcessThatForgetsItsTimersExitsOnAnyThread) {
         const auto body = [onTarget] {
             // Never destroyed: the targets run on while a target's exit() destroys statics.
             static auto* const sink = new Sink;
-            sink->m_exitAt = onTarget ? 700 : 0;
             Must(Manager()->InitMainThread(0, nullptr));
             static auto* const crowd = new Crowd;
             for (int i = 0; i < (IsFull() ? 10000 : 500); ++i) {
@@ -181,6 +180,8 @@ TEST(TimerPreciseEnd, ProcessThatForgetsItsTimersExitsOnAnyThread) {
                                                          crowd->AnyType()));
             }
             if (onTarget) {
+                // Not before all are scheduled, which an exit under way refuses.
+                sink->m_exitAt = sink->m_calls + 700;
                 Manager()->GetThread(NX_THREAD_MAIN)->OnThreadRun();
             }
             while (sink->m_calls == 0) {
