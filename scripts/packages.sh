@@ -31,6 +31,6 @@ need() {
     rm -f "$log"
 }
 
-build_packages=(g++ make cmake libiniparser-dev)
+build_packages=(g++ make cmake libc-ares-dev libiniparser-dev)
 # shellcheck disable=SC2034 # for the scripts that source this
 test_packages=("${build_packages[@]}" libgtest-dev faketime)
