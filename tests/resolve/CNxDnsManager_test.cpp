@@ -166,6 +166,7 @@ TEST_F(CNxDnsManagerTest, RecordHoldsWhatTheServerAnswers) {
 }
 
 TEST_F(CNxDnsManagerTest, WhatIsNoQuestionIsAnsweredAtOnce) {
+    const CNxThread* const before = Threads()->GetThread(NX_THREAD_RESOLVER);
     for (const char* const text : {"10.0.0.1", "::1", "fe80::1%lo"}) {
         const Record record = Resolve(text);
         ASSERT_EQ(m_asked, NX_OK) << text;
@@ -191,7 +192,7 @@ TEST_F(CNxDnsManagerTest, WhatIsNoQuestionIsAnsweredAtOnce) {
         EXPECT_EQ(Ask(name), NX_ERROR_NOT_AVAILABLE) << name;
         EXPECT_EQ(Dns()->RefreshHost(name), NX_ERROR_NOT_AVAILABLE) << name;
     }
-    EXPECT_EQ(Threads()->GetThread(NX_THREAD_RESOLVER), nullptr) << "for nothing";
+    EXPECT_EQ(Threads()->GetThread(NX_THREAD_RESOLVER), before) << "started for nothing";
     EXPECT_EQ(m_server.CountQueries(), 0);
 
     m_server.Put(longest.c_str(), Good({"10.0.0.1"}));
@@ -458,6 +459,9 @@ TEST_F(CNxDnsManagerTest, ObserverIsToldOnceWhicheverAllocationFails) {
 }
 
 TEST_F(CNxDnsManagerTest, ForkedChildLooksUpByItself) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer lets a forked child start no thread";
+#endif
     m_server.Put("fork.test", Good({"10.0.0.1"}));
     m_server.Put("known.fork.test", Good({"10.0.0.1"}));
     Resolve("known.fork.test");
