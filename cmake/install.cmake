@@ -22,6 +22,7 @@ configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/nxbaseConfig.cmake.in nx
 write_basic_package_version_file(nxbaseConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/nxbaseConfig.cmake
               ${PROJECT_BINARY_DIR}/nxbaseConfigVersion.cmake
+              ${CMAKE_CURRENT_LIST_DIR}/Findcares.cmake
               ${CMAKE_CURRENT_LIST_DIR}/Findiniparser.cmake DESTINATION ${package_dir})
 
 # Relative, so that the installed tree can be moved.
@@ -31,7 +32,7 @@ if(NXBASE_CHECK_THREADS)
     set(NXBASE_PC_DEFINES -DNXBASE_CHECK_THREADS)
 endif()
 if(NOT BUILD_SHARED_LIBS)
-    set(NXBASE_PC_STATIC_LIBS "-liniparser -lz")
+    set(NXBASE_PC_STATIC_LIBS "-liniparser -Wl,--push-state,--as-needed,-lcares,-lz,--pop-state")
 endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/nxbase.pc.in nxbase.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/nxbase.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -31,7 +31,7 @@ need() {
     rm -f "$log"
 }
 
-build_packages=(g++ make cmake libiniparser-dev libxxhash-dev zlib1g-dev)
+build_packages=(g++ make cmake libc-ares-dev libiniparser-dev libxxhash-dev zlib1g-dev)
 # shellcheck disable=SC2034 # for the scripts that source this
 test_packages=("${build_packages[@]}" libgtest-dev faketime)
 # What the benchmarks measure beside the library.

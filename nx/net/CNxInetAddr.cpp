@@ -1,4 +1,6 @@
 #include <arpa/inet.h>
+#include <net/if.h>
+#include <nx/foundation/CNxUtils.h>
 #include <nx/net/CNxInetAddr.h>
 
 #include <algorithm>
@@ -10,13 +12,29 @@
 
 namespace {
 
-constexpr size_t c_hostBufferSize = 512;
-
 // One place in the storage serves the port of both families.
 static_assert(offsetof(sockaddr_in, sin_port) == offsetof(sockaddr_in6, sin6_port), "");
 
 bool HasZeroByte(const CNxString& text) {
     return std::strlen(text.c_str()) != text.size();
+}
+
+// ":80", to its last byte.
+bool ParsePort(const CNxString& text, unsigned short& port) {
+    const bool isNumber = text.size() > 1 && text.size() <= 6 && text[0] == ':' &&
+                          text.find_first_not_of("0123456789", 1) == CNxString::npos;
+    const long number = isNumber ? std::strtol(text.c_str() + 1, nullptr, 10) : -1;
+    port = static_cast<unsigned short>(number);
+    return port == number;
+}
+
+// The number of an interface, given as such or by name; 0 when there is none.
+unsigned int ParseScope(const CNxString& text) {
+    if (text.empty() || text.size() > 9 ||
+        text.find_first_not_of("0123456789") != CNxString::npos) {
+        return if_nametoindex(text.c_str());
+    }
+    return static_cast<unsigned int>(std::strtoul(text.c_str(), nullptr, 10));
 }
 
 CNxString ToText(int family, const void* bytes) {
@@ -56,18 +74,6 @@ CNxInetAddr::CNxInetAddr(const sockaddr_in6* address)
     m_port = GetPort();
 }
 
-CNxInetAddr::CNxInetAddr(const char* host, unsigned short port) : CNxInetAddr() {
-    static_cast<void>(Set(host, port));  // IsResolved() tells
-}
-
-CNxInetAddr::CNxInetAddr(const CNxString& host, unsigned short port) : CNxInetAddr() {
-    static_cast<void>(Set(host, port));  // IsResolved() tells
-}
-
-CNxInetAddr::CNxInetAddr(const char* hostPort) : CNxInetAddr() {
-    static_cast<void>(Set(hostPort));  // IsResolved() tells
-}
-
 void CNxInetAddr::ResetTo(int family) {
     assert(family == AF_INET || family == AF_INET6);
     std::memset(&m_address, 0, sizeof m_address);
@@ -77,68 +83,52 @@ void CNxInetAddr::ResetTo(int family) {
     m_hostName.clear();
 }
 
-bool CNxInetAddr::SetLiteral(const char* text) {
-    in6_addr ip6;
-    if (inet_pton(AF_INET6, text, &ip6) == 1) {
-        ResetTo(AF_INET6);
-        m_address.v6.sin6_addr = ip6;
-        return true;
-    }
+bool CNxInetAddr::ParseNumeric(const CNxString& host) {
     in_addr ip4;
-    if (inet_pton(AF_INET, text, &ip4) == 1) {
-        ResetTo(AF_INET);
+    if (inet_pton(AF_INET, host.c_str(), &ip4) == 1) {
         m_address.v4.sin_addr = ip4;
         return true;
     }
-    return false;
+    ResetTo(AF_INET6);
+    const size_t percent = host.find('%');
+    if (inet_pton(AF_INET6, host.substr(0, percent).c_str(), &m_address.v6.sin6_addr) != 1) {
+        return false;
+    }
+    if (percent != CNxString::npos) {
+        m_address.v6.sin6_scope_id = ParseScope(host.substr(percent + 1));
+    }
+    return percent == CNxString::npos || m_address.v6.sin6_scope_id != 0;
 }
 
-NxResult CNxInetAddr::Set(const char* host, unsigned short port) {
-    if (host == nullptr) {
-        return NX_ERROR_FAILURE;
-    }
-    if (SetLiteral(host)) {
-        return SetPort(port);
-    }
-    m_hostName.assign(host);
-    std::memset(&m_address, 0, sizeof m_address);
-    // Kept for the resolved address also when the type takes none.
-    static_cast<void>(SetPort(port));
-    return TryResolve();
-}
-
-NxResult CNxInetAddr::Set(const CNxString& host, unsigned short port) {
-    if (host.empty() || HasZeroByte(host)) {
-        return NX_ERROR_FAILURE;
-    }
-    return Set(host.c_str(), port);
-}
-
-NxResult CNxInetAddr::Set(const char* hostPort) {
-    if (hostPort == nullptr) {
+NxResult CNxInetAddr::SetNumeric(const CNxString& host, unsigned short port) {
+    CNxInetAddr parsed;
+    if (HasZeroByte(host) || !parsed.ParseNumeric(host)) {
         return NX_ERROR_INVALID_ARG;
     }
-    char host[c_hostBufferSize];
-    const size_t length = std::strcspn(hostPort, ":");
-    if (length >= sizeof host) {
-        return NX_ERROR_NOT_AVAILABLE;
-    }
-    std::memcpy(host, hostPort, length);
-    host[length] = '\0';
-    const bool hasPort = hostPort[length] == ':';
-    const long port = hasPort ? std::strtol(hostPort + length + 1, nullptr, 10) : 0;
-    return Set(host, static_cast<unsigned short>(port));
+    *this = parsed;
+    return SetPort(port);
 }
 
-NxResult CNxInetAddr::Set(const CNxString& hostPort) {
-    if (hostPort.empty() || HasZeroByte(hostPort)) {
-        return NX_ERROR_FAILURE;
+NxResult CNxInetAddr::SetNumeric(const CNxString& hostPort) {
+    const bool isBracketed = !hostPort.empty() && hostPort.front() == '[';
+    const size_t colon = hostPort.find(':');
+    const bool isBareV6 =
+        colon != CNxString::npos && hostPort.find(':', colon + 1) != CNxString::npos;
+    if (!isBracketed && (colon == CNxString::npos || isBareV6)) {
+        return SetNumeric(hostPort, 0);
     }
-    return Set(hostPort.c_str());
-}
-
-NxResult CNxInetAddr::SetIpAddrByString(const char* host) {
-    return Set(host, 0);
+    const size_t begin = isBracketed ? 1 : 0;
+    const size_t end = isBracketed ? hostPort.find(']') : colon;
+    // Brackets are for IPv6 alone.
+    if (end == CNxString::npos || (isBracketed && colon > end)) {
+        return NX_ERROR_INVALID_ARG;
+    }
+    unsigned short port = 0;
+    const CNxString portText = hostPort.substr(end + begin);
+    if (!portText.empty() && !ParsePort(portText, port)) {
+        return NX_ERROR_INVALID_ARG;
+    }
+    return SetNumeric(hostPort.substr(begin, end - begin), port);
 }
 
 NxResult CNxInetAddr::SetIpAddrBy4Bytes(unsigned long ip, int isNetworkOrder) {
@@ -203,6 +193,20 @@ NxResult CNxInetAddr::GetIp6AddrIn16Bytes(char* out) const {
     }
     std::memcpy(out, &m_address.v6.sin6_addr, sizeof(in6_addr));
     return NX_OK;
+}
+
+CNxString CNxInetAddr::GetHostPort() const {
+    CNxString host = IsResolved() ? GetHostAddrString() : m_hostName;
+    if (IsResolved() && m_type == AF_INET6) {
+        const unsigned int scope = m_address.v6.sin6_scope_id;
+        host = "[" + host + (scope != 0 ? "%" + U32ToStr(scope) : CNxString()) + "]";
+    }
+    return host + ":" + U32ToStr(GetPort());
+}
+
+CNxString CNxInetAddr::GetHostAddrString() const {
+    char text[INET6_ADDRSTRLEN];
+    return GetHostAddr(text, sizeof text);
 }
 
 CNxString CNxInetAddr::GetIpDisplayName() const {

@@ -2,10 +2,13 @@
 // still to be resolved.
 //
 // Where it surprises:
-// - NO HOST NAME IS LOOKED UP YET: each stays unresolved (nx/resolve/CNxDnsManager.h).
+// - A HOST NAME IS NOT RESOLVED AT ONCE: Set asks for it and returns NX_ERROR_WOULD_BLOCK, and a
+//   later TryResolve() takes what was found. Who wants to be told, or all addresses, asks the
+//   manager itself (nx/resolve/CNxDnsManager.h).
 // - That a host name is not resolved is told by the result and by IsResolved() only: type and size
 //   stay those of before, the socket address is zeroed.
-// - The one-argument text forms split at the first ':', so they cannot take IPv6 addresses.
+// - The one-argument text forms split at the first ':', so an IPv6 address stands in brackets
+// there.
 // - A text form with an empty host ("", ":80") resolves nothing and returns NX_OK: address and
 //   family bytes are zero, the type is the one of before.
 #pragma once
@@ -36,18 +39,26 @@ public:
     CNxInetAddr(const CNxString& host, unsigned short port);
     explicit CNxInetAddr(const char* hostPort);
 
-    // IPv6 literal, else IPv4 literal, else host name; port in host order. A literal clears the
-    // host name; anything else is kept as the host name, and TryResolve() is called.
+    // What SetNumeric takes, else a host name; port in host order. An address clears the host name;
+    // anything else is kept as the host name, and TryResolve() is called.
     // NX_OK; NX_ERROR_FAILURE, with nothing changed, for a null pointer, an empty CNxString or one
     // with a zero byte in it; the result of TryResolve().
     [[nodiscard]] NxResult Set(const char* host, unsigned short port);
     [[nodiscard]] NxResult Set(const CNxString& host, unsigned short port);
 
     // "host" (port 0) or "host:port", the port decimal and cut to 16 bits, 0 if it is no number.
+    // What begins with '[' goes to SetNumeric.
     // As above, and with nothing changed: NX_ERROR_INVALID_ARG for a null pointer,
     // NX_ERROR_NOT_AVAILABLE for a host part of more than 511 characters.
     [[nodiscard]] NxResult Set(const char* hostPort);
     [[nodiscard]] NxResult Set(const CNxString& hostPort);
+
+    // An address in figures, which asks nobody: IPv4, or IPv6 with or without its scope, the name
+    // or number of an interface (RFC 4007 section 11): "10.0.0.1", "::1", "fe80::1%eth0". The port
+    // may stand behind it, "10.0.0.1:80", "[fe80::1%2]:80"; without one it is 0.
+    // NX_OK, or NX_ERROR_INVALID_ARG, with nothing changed, for any other text.
+    [[nodiscard]] NxResult SetNumeric(const CNxString& host, unsigned short port);
+    [[nodiscard]] NxResult SetNumeric(const CNxString& hostPort);
 
     // Set(host, 0).
     [[nodiscard]] NxResult SetIpAddrByString(const char* host);
@@ -66,10 +77,10 @@ public:
 
     // Asks the DNS manager for the address of the host name; the port stays as set here.
     // NX_OK when there is no host name, or when it is resolved now: the address is then the first
-    // one found. Otherwise the object stays as it was, and the call may be made again:
-    // NX_ERROR_WOULD_BLOCK while a look-up runs, NX_ERROR_NOT_AVAILABLE when it found nothing,
-    // which is so for every host name as long as the manager looks nothing up. Defined in
-    // nx/resolve/CNxDnsManager.cpp, since the manager stands on this class.
+    // one found. An address that is out of date is taken while a new look-up runs.
+    // Otherwise the object stays as it was, and the call may be made again: NX_ERROR_WOULD_BLOCK
+    // while the look-up runs, else why it failed, as CNxDnsManager::AsyncResolve returns it.
+    // Defined in nx/resolve/CNxDnsManager.cpp, since the manager stands on this class.
     [[nodiscard]] NxResult TryResolve();
 
     // Type and size only, unchecked: for whoever has written an address through GetPtr(). A size
@@ -122,6 +133,13 @@ public:
     // null buffer or a size below 1.
     const char* GetHostAddr(char* buffer, int size) const;
 
+    // The same as a string of its own.
+    CNxString GetHostAddrString() const;
+
+    // With the port, as SetNumeric and Set take it: "10.0.0.1:80", "[fe80::1%2]:80", and "name:80"
+    // while it is not resolved.
+    CNxString GetHostPort() const;
+
     // IPv4 0.0.0.0, port 0.
     static CNxInetAddr s_InetAddrAny() { return CNxInetAddr(); }
 
@@ -162,7 +180,7 @@ private:
 
     bool IsInet() const { return m_type == AF_INET || m_type == AF_INET6; }
     void ResetTo(int family);
-    [[nodiscard]] bool SetLiteral(const char* text);
+    [[nodiscard]] bool ParseNumeric(const CNxString& host);
 
     int m_type;
     int m_size;

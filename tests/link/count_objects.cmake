@@ -1,4 +1,5 @@
-# Fails unless the link map MAP names between one and MOST objects of the library.
+# Fails unless the link map MAP names between one and MOST objects of the library, and when PROGRAM
+# needs the library of the resolver.
 file(STRINGS ${MAP} lines REGEX "libnxbase\\.a\\([A-Za-z0-9_]+\\.cpp\\.o\\)")
 set(objects)
 foreach(line ${lines})
@@ -10,4 +11,8 @@ list(LENGTH objects count)
 message("${count} objects: ${objects}")
 if(count LESS 1 OR count GREATER ${MOST})
     message(FATAL_ERROR "expected 1 to ${MOST}")
+endif()
+execute_process(COMMAND readelf -d ${PROGRAM} OUTPUT_VARIABLE needed COMMAND_ERROR_IS_FATAL ANY)
+if(needed MATCHES "libcares")
+    message(FATAL_ERROR "needs libcares")
 endif()
