@@ -24,6 +24,7 @@
 namespace {
 
 constexpr long HEADER_SIZE = 32;
+constexpr long UNKNOWN = -1;
 constexpr size_t LINE_SIZE = 2048;
 constexpr int MAX_LINES = 65536;
 constexpr char MARKER[] =
@@ -86,9 +87,10 @@ long BoundSize(unsigned long maxSize) {
     return static_cast<long>(std::min(maxSize, static_cast<unsigned long>(LONG_MAX)));
 }
 
+// The largest when the system does not tell: what is there is not taken for nothing.
 long GetSize(int fd) {
     struct stat status {};
-    return fstat(fd, &status) == 0 ? static_cast<long>(status.st_size) : 0;
+    return fstat(fd, &status) == 0 ? static_cast<long>(status.st_size) : LONG_MAX;
 }
 
 bool WriteHeader(int fd, long offset) {
@@ -478,6 +480,9 @@ void CNxT120TraceFile::Flush() {
         return;
     }
     const long offset = m_isAlone && m_lastOffset != 0 ? m_lastOffset : ReadOffset();
+    if (offset == UNKNOWN) {
+        return;
+    }
     const bool isFull = m_maxSize != 0 && m_maxSize <= offset;
     if (isFull) {
         Truncate(m_fd, offset);
@@ -498,6 +503,9 @@ bool CNxT120TraceFile::WriteShared(const CRecord& record) {
     assert(m_fd >= 0);
     m_isAlone = false;
     long offset = ReadOffset();
+    if (offset == UNKNOWN) {
+        return false;
+    }
     if (m_maxSize != 0 && m_maxSize <= offset) {
         Truncate(m_fd, offset);
         offset = HEADER_SIZE;
@@ -507,12 +515,17 @@ bool CNxT120TraceFile::WriteShared(const CRecord& record) {
     return Put(offset, whole.m_parts, whole.m_count, record.m_length);
 }
 
+// UNKNOWN when the system refuses to read: nothing may be written then, for it would be written
+// over the records that are there.
 long CNxT120TraceFile::ReadOffset() {
     char text[HEADER_SIZE + 1] = {};
     ssize_t n = 0;
     do {
         n = pread(m_fd, text, HEADER_SIZE, 0);
     } while (n < 0 && errno == EINTR);
+    if (n < 0) {
+        return UNKNOWN;
+    }
     const long offset = std::strtol(text, nullptr, 10);
     if (offset < HEADER_SIZE || (offset != m_lastOffset && offset > GetSize(m_fd))) {
         return HEADER_SIZE;

@@ -35,10 +35,10 @@ struct stat;
 // NOBODY LEARNS BY A RESULT THAT A RECORD IS LOST: records that are dropped are counted, and the
 // count, "7 records lost" with the prefix Warning, is the first record that is written again.
 // - A file that cannot be opened drops records, and tries again with one of them a second.
-// - When a write fails (a full disk, say) the header stays where it is and the marker is put back:
-//   what was on disk stays readable. A private file keeps the records in its buffer and tries again
-//   with each further one; while the buffer is full new records are dropped. A shared file drops
-//   the record.
+// - When a write fails (a full disk, say), or the header cannot be read, the header stays where it
+//   is and the marker is put back: what was on disk stays readable. A private file keeps the
+//   records in its buffer and tries again with each further one; while the buffer is full new
+//   records are dropped. A shared file drops the record.
 // - A record waits 200 ms for another process that has the lock of a shared file, then it is
 //   dropped; later ones try, but do not wait, until one has got through. Other threads' records go
 //   on meanwhile.
@@ -48,7 +48,7 @@ struct stat;
 // that is not regular, has more names than one, or belongs to neither the process's user nor root.
 // One line on stderr tells of a refused file, and of a shared file that cannot be opened.
 //
-// Whoever meddles with the file: a header that cannot be read, lies below 32 or beyond the end of
+// Whoever meddles with the file: a header that is no number, lies below 32 or beyond the end of
 // the file counts as 32. In a private file that is so only for its first flush and after a fork(2):
 // otherwise the header IS NOT READ BACK, and a file that somebody else has emptied goes on at the
 // offset where it was, after zeros.

@@ -1,9 +1,6 @@
 // Nothing is lost when a call fails, a peer resets or there is no memory, on any of the reactors.
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <nx/reactor/CNxReactorEpoll.h>
-#include <nx/reactor/CNxReactorSelect.h>
-#include <nx/reactor/realtime/CNxReactorRealTimeSignal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
@@ -12,6 +9,7 @@
 #include <future>
 
 #include "../support/FailingCalls.h"
+#include "../support/FailingNew.h"
 #include "ReactorSupport.h"
 
 namespace {
@@ -26,14 +24,6 @@ protected:
     FailingCalls m_calls;
 };
 
-struct ReactorNames {
-    template <class Reactor>
-    static std::string GetName(int index) {
-        return index == 0 ? "Epoll" : index == 1 ? "Select" : "RealTimeSignal";
-    }
-};
-
-using AllReactors = ::testing::Types<CNxReactorEpoll, CNxReactorSelect, CNxReactorRealTimeSignal>;
 TYPED_TEST_SUITE(ReactorFaults, AllReactors, ReactorNames);
 
 // A loop on a thread of its own that sleeps when Start returns.
@@ -114,22 +104,33 @@ TYPED_TEST(ReactorFaults, NotificationsAreNotRefusedForWantOfRoom) {
     EXPECT_EQ(end.m_inputs, accepted);
 }
 
+// A socket with a port of its own on the loopback, and its address.
+int OpenLoopback(int type, sockaddr_in& address) {
+    address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof(address);
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(bind(fd, generic, size), 0);
+    EXPECT_EQ(getsockname(fd, generic, &size), 0);
+    return fd;
+}
+
+int Connect(int fd, const sockaddr_in& address) {
+    return connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+}
+
 // A connection over the loopback whose peer has sent 10,000 bytes and then reset it.
 class ResetConnection : public INxEventHandler {
 public:
     explicit ResetConnection(INxReactor& reactor, size_t chunk)
         : m_reactor(reactor), m_chunk(chunk) {
-        const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof(address);
-        auto* const generic = reinterpret_cast<sockaddr*>(&address);
-        EXPECT_EQ(bind(listener, generic, size), 0);
+        sockaddr_in address;
+        const int listener = OpenLoopback(SOCK_STREAM, address);
         EXPECT_EQ(listen(listener, 1), 0);
-        EXPECT_EQ(getsockname(listener, generic, &size), 0);
         m_peer = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        EXPECT_EQ(connect(m_peer, generic, size), 0);
+        EXPECT_EQ(Connect(m_peer, address), 0);
         m_fd = accept(listener, nullptr, nullptr);
         close(listener);
     }
@@ -180,19 +181,28 @@ TYPED_TEST(ReactorFaults, WhatArrivedBeforeAResetIsDeliveredBeforeTheClose) {
     }
 }
 
-TYPED_TEST(ReactorFaults, PeerThatWroteAndClosedBeforeTheRegistrationIsRead) {
-    ASSERT_EQ(this->m_reactor.Open(), NX_OK);
-    int got = 0;
-    End end([&](End& self) {
-        got += self.Drain();
-        StopSoon(this->m_reactor, this->m_counts);
-        return 0;
-    });
-    end.Send();
-    end.HangUp();
-    ASSERT_EQ(this->m_reactor.RegisterHandler(&end, NX_MASK_READ), NX_OK);
-    EXPECT_EQ(this->m_reactor.RunEventLoop(), NX_OK);
-    EXPECT_EQ(got, 1);
+// Before the registration or after it.
+TYPED_TEST(ReactorFaults, PeerThatWroteAndClosedIsRead) {
+    for (const bool isEarly : {true, false}) {
+        ASSERT_EQ(this->m_reactor.Open(), NX_OK);
+        int got = 0;
+        End end([&](End& self) {
+            got += self.Drain();
+            StopSoon(this->m_reactor, this->m_counts);
+            return -1;
+        });
+        const auto watch = [&] {
+            ASSERT_EQ(this->m_reactor.RegisterHandler(&end, NX_MASK_READ), NX_OK);
+        };
+        isEarly ? void() : watch();
+        end.Send();
+        end.HangUp();
+        isEarly ? watch() : void();
+        EXPECT_EQ(this->m_reactor.RunEventLoop(), NX_OK);
+        EXPECT_EQ(got, 1);
+        EXPECT_EQ(end.m_closedWith, NX_MASK_READ);
+        this->m_reactor.Close();
+    }
 }
 
 int FillUp(int fd) {
@@ -292,51 +302,44 @@ TEST(ReactorEpoll, WriterIsNotAskedForItsErrorAtEveryEvent) {
     EXPECT_EQ(calls.Count(FailingCalls::GETSOCKOPT), 0);
 }
 
-// Reads nothing at present.
-class PausedHandler : public INxEventHandler {
+// Refuses what it is called for or reads nothing at present, and keeps the reason of its end.
+class ReasonHandler : public INxEventHandler {
 public:
-    PausedHandler(INxReactor& reactor, int fd) : m_reactor(reactor), m_fd(fd) {}
+    ReasonHandler(INxReactor& reactor, int fd, int answer)
+        : m_reactor(reactor), m_fd(fd), m_answer(answer) {}
+    ~ReasonHandler() override { close(m_fd); }
     int GetHandle() const override { return m_fd; }
-    int OnInput(int /*fd*/) override { return 0; }
-    int OnOutput(int /*fd*/) override { return 0; }
+    int OnInput(int /*fd*/) override { return m_answer; }
+    int OnOutput(int /*fd*/) override { return m_answer; }
     int OnClose(int /*fd*/, long /*mask*/) override {
         m_reason = m_reactor.GetCloseReason();
-        return 0;
+        return static_cast<int>(m_reactor.StopEventLoop());
     }
-    int m_reason = 0;
+    int m_reason = -1;
 
 private:
     INxReactor& m_reactor;
     const int m_fd;
+    const int m_answer;
 };
 
 TEST(ReactorEpoll, ErrorOfADatagramSocketReachesAHandlerThatDoesNotRead) {
     CNxReactorEpoll reactor;
     EventCounts counts;
     ASSERT_EQ(reactor.Open(), NX_OK);
-    int fds[2];
-    sockaddr_in addresses[2]{};
-    socklen_t size = sizeof(sockaddr_in);
-    for (int i = 0; i < 2; ++i) {
-        auto* const address = reinterpret_cast<sockaddr*>(&addresses[i]);
-        addresses[i].sin_family = AF_INET;
-        addresses[i].sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        fds[i] = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        ASSERT_EQ(bind(fds[i], address, size), 0);
-        ASSERT_EQ(getsockname(fds[i], address, &size), 0);
-    }
-    for (int i = 0; i < 2; ++i) {
-        ASSERT_EQ(connect(fds[i], reinterpret_cast<sockaddr*>(&addresses[1 - i]), size), 0);
-    }
-    ASSERT_EQ(send(fds[1], "x", 1, 0), 1);
-    close(fds[1]);
-    ASSERT_EQ(send(fds[0], "x", 1, 0), 1);
-    PausedHandler handler(reactor, fds[0]);
+    sockaddr_in address;
+    sockaddr_in peerAddress;
+    ReasonHandler handler(reactor, OpenLoopback(SOCK_DGRAM, address), 0);
+    const int peer = OpenLoopback(SOCK_DGRAM, peerAddress);
+    ASSERT_EQ(Connect(handler.GetHandle(), peerAddress), 0);
+    ASSERT_EQ(Connect(peer, address), 0);
+    ASSERT_EQ(send(peer, "x", 1, 0), 1);
+    close(peer);
+    ASSERT_EQ(send(handler.GetHandle(), "x", 1, 0), 1);
     ASSERT_EQ(reactor.RegisterHandler(&handler, c_readWrite), NX_OK);
     StopSoon(reactor, counts);
     EXPECT_EQ(reactor.RunEventLoop(), NX_OK);
     EXPECT_EQ(handler.m_reason, ECONNREFUSED);
-    close(fds[0]);
 }
 
 // In a child, so that the limits of the tests stay, and without the right to raise the hard one.
@@ -381,47 +384,18 @@ TYPED_TEST(ReactorFaults, DescriptorsAreAboveTheStandardStreams) {
     EXPECT_EXIT(ExitWithoutStandardStreams<TypeParam>(), testing::ExitedWithCode(0), "");
 }
 
-// A socket whose connect nobody accepts.
-class RefusedConnect : public INxEventHandler {
-public:
-    explicit RefusedConnect(INxReactor& reactor) : m_reactor(reactor) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof(address);
-        auto* const generic = reinterpret_cast<sockaddr*>(&address);
-        EXPECT_EQ(bind(m_closed, generic, size), 0);
-        EXPECT_EQ(getsockname(m_closed, generic, &size), 0);
-        EXPECT_EQ(connect(m_fd, generic, size), -1);
-    }
-    ~RefusedConnect() override {
-        close(m_fd);
-        close(m_closed);
-    }
-    int GetHandle() const override { return m_fd; }
-    int OnInput(int /*fd*/) override { return -1; }
-    int OnOutput(int /*fd*/) override { return -1; }
-    int OnClose(int /*fd*/, long mask) override {
-        EXPECT_EQ(mask, NX_MASK_CONNECT);
-        m_reason = m_reactor.GetCloseReason();
-        return static_cast<int>(m_reactor.StopEventLoop());
-    }
-
-    int m_reason = -1;
-
-private:
-    INxReactor& m_reactor;
-    const int m_closed = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int m_fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-};
-
 TYPED_TEST(ReactorFaults, FailedConnectTellsWhy) {
     ASSERT_EQ(this->m_reactor.Open(), NX_OK);
-    RefusedConnect connects(this->m_reactor);
+    sockaddr_in address;
+    const int closed = OpenLoopback(SOCK_STREAM, address);
+    ReasonHandler connects(this->m_reactor,
+                           socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), -1);
+    EXPECT_EQ(Connect(connects.GetHandle(), address), -1);
     ASSERT_EQ(this->m_reactor.RegisterHandler(&connects, NX_MASK_CONNECT), NX_OK);
     EXPECT_EQ(this->m_reactor.RunEventLoop(), NX_OK);
     EXPECT_EQ(connects.m_reason, ECONNREFUSED);
     EXPECT_EQ(this->m_reactor.GetCloseReason(), 0);
+    close(closed);
 }
 
 // Each allocation of Open and of a registration fails once.
@@ -434,16 +408,15 @@ TYPED_TEST(ReactorFaults, WantOfMemoryIsAnAnswer) {
         return opened == NX_OK ? reactor.RegisterHandler(&end, c_readWrite) : opened;
     };
     for (int skipped = 0;; ++skipped) {
-        this->m_calls.FailAllocation(skipped);
+        const FailingNew memory(skipped, FailingNew::ONCE);
         const NxResult result = openAndRegister();
-        if (!this->m_calls.HasAllocationFailed()) {
+        if (FailingNew::CountFailed() == 0) {
             ASSERT_EQ(result, NX_OK);
             break;
         }
         EXPECT_EQ(result, NX_ERROR_FAILURE) << skipped;
         reactor.Close();
     }
-    this->m_calls.FailAllocation(-1);
     StopSoon(reactor, this->m_counts);
     EXPECT_EQ(reactor.RunEventLoop(), NX_OK);
     EXPECT_EQ(end.m_inputs, 1);
@@ -469,6 +442,7 @@ TYPED_TEST(ReactorFaults, ForkedChildTakesNothingFromItsParent) {
                              reactor->NotifyHandler(&stays, NX_MASK_READ) != NX_OK &&
                              reactor->RunEventLoop() != NX_OK;
         reactor->StopEventLoop();
+        reactor->PostEvent(new CountedEvent(this->m_counts), c_normal);
         reactor->Close();
         reactor.reset();
         _exit(refused ? 0 : 1);

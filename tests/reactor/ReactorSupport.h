@@ -3,17 +3,29 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <nx/reactor/CNxReactorBase.h>
+#include <nx/reactor/CNxReactorEpoll.h>
+#include <nx/reactor/CNxReactorSelect.h>
+#include <nx/reactor/realtime/CNxReactorRealTimeSignal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <functional>
 #include <memory>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "../support/CountedEvent.h"
+
+struct ReactorNames {
+    template <class Reactor>
+    static std::string GetName(int index) {
+        return index == 0 ? "Epoll" : index == 1 ? "Select" : "RealTimeSignal";
+    }
+};
+
+using AllReactors = ::testing::Types<CNxReactorEpoll, CNxReactorSelect, CNxReactorRealTimeSignal>;
 
 inline constexpr auto c_normal = INxEventQueue::PRIORITY_NORMAL;
 

@@ -1,9 +1,5 @@
 // What users of any reactor rely on, proved over each of them.
-#include <nx/reactor/CNxReactorEpoll.h>
-#include <nx/reactor/CNxReactorSelect.h>
-#include <nx/reactor/realtime/CNxReactorRealTimeSignal.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 #include <memory>
 #include <string>
@@ -24,14 +20,6 @@ protected:
     EventCounts m_counts;
 };
 
-struct ReactorNames {
-    template <class Reactor>
-    static std::string GetName(int index) {
-        return index == 0 ? "Epoll" : index == 1 ? "Select" : "RealTimeSignal";
-    }
-};
-
-using AllReactors = ::testing::Types<CNxReactorEpoll, CNxReactorSelect, CNxReactorRealTimeSignal>;
 TYPED_TEST_SUITE(Reactors, AllReactors, ReactorNames);
 
 template <class Reactor>
@@ -201,21 +189,6 @@ TYPED_TEST(ClosedReactors, NothingIsLostOrWrittenElsewhereWhileTheReactorClosesA
 }
 
 // An event that posts its own successor, until a handler has had its turn.
-TYPED_TEST(Reactors, AForkedChildThatWakesItsCopyDoesNotEndTheParent) {
-    auto& reactor = this->m_reactor;
-    const pid_t child = fork();
-    if (child == 0) {
-        reactor.StopEventLoop();
-        reactor.PostEvent(new CountedEvent(this->m_counts), c_normal);
-        _exit(0);
-    }
-    EXPECT_EQ(waitpid(child, nullptr, 0), child);
-    Timer stop([&] { StopSoon(reactor, this->m_counts); });
-    EXPECT_EQ(reactor.ScheduleTimer(&stop, nullptr, CNxTimeValue(0, 1000), 1), NX_OK);
-    EXPECT_EQ(reactor.RunEventLoop(), NX_OK);
-    EXPECT_TRUE(this->m_counts.AllDestroyed());
-}
-
 TYPED_TEST(Reactors, FloodOfPostedEventsDoesNotStarveInput) {
     auto& reactor = this->m_reactor;
     End end;
@@ -234,23 +207,6 @@ TYPED_TEST(Reactors, FloodOfPostedEventsDoesNotStarveInput) {
 // Clients on another thread send a byte and wait for the answer, round after round.
 TYPED_TEST(Reactors, EveryClientIsAnsweredInEveryRound) {
     EchoClients(this->m_reactor, 50, 40);
-}
-
-// The last of a peer's data is there when it has hung up already.
-TYPED_TEST(Reactors, DataBeforeAHangUpIsRead) {
-    auto& reactor = this->m_reactor;
-    int got = 0;
-    End end([&](End& self) {
-        got += self.Drain();
-        StopSoon(reactor, this->m_counts);
-        return -1;
-    });
-    ASSERT_EQ(reactor.RegisterHandler(&end, NX_MASK_READ), NX_OK);
-    end.Send();
-    end.HangUp();
-    EXPECT_EQ(reactor.RunEventLoop(), NX_OK);
-    EXPECT_EQ(got, 1);
-    EXPECT_EQ(end.m_closedWith, NX_MASK_READ);
 }
 
 }  // namespace

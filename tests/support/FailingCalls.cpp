@@ -9,8 +9,6 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
-#include <new>
 
 namespace {
 
@@ -20,10 +18,6 @@ struct CCall {
     std::atomic<int> m_made{0};
 };
 CCall g_calls[FailingCalls::CALLS];
-
-constexpr int c_never = -1;
-thread_local int t_skipped = c_never;
-thread_local bool t_failed = false;
 
 // The error that the call is to fail with, 0 for none.
 int NextError(FailingCalls::ECall which) {
@@ -38,14 +32,6 @@ int NextError(FailingCalls::ECall which) {
 template <class Function>
 Function Real(const char* name) {
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
-
-bool FailsNow() {
-    if (t_skipped == c_never) {
-        return false;
-    }
-    t_failed = --t_skipped == c_never;
-    return t_failed;
 }
 
 }  // namespace
@@ -80,26 +66,6 @@ extern "C" int pthread_sigqueue(pthread_t thread, int signal, const union sigval
     return error != 0 ? error : s_real(thread, signal, value);
 }
 
-void* operator new(std::size_t size) {
-    void* const memory = FailsNow() ? nullptr : std::malloc(size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-
-void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
-    return FailsNow() ? nullptr : std::malloc(size);
-}
-
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
-}
-
 FailingCalls::FailingCalls() {
     for (CCall& call : g_calls) {
         call.m_made = 0;
@@ -110,7 +76,6 @@ FailingCalls::~FailingCalls() {
     for (CCall& call : g_calls) {
         call.m_toFail = 0;
     }
-    t_skipped = c_never;
 }
 
 void FailingCalls::Fail(ECall call, int error, int count) {
@@ -120,13 +85,4 @@ void FailingCalls::Fail(ECall call, int error, int count) {
 
 int FailingCalls::Count(ECall call) const {
     return g_calls[call].m_made.load();
-}
-
-void FailingCalls::FailAllocation(int skipped) {
-    t_failed = false;
-    t_skipped = skipped;
-}
-
-bool FailingCalls::HasAllocationFailed() const {
-    return t_failed;
 }

@@ -1,9 +1,7 @@
-// System calls and allocations of this process that fail when a test says so. Link
-// FailingCalls.cpp.
+// System calls of this process that fail when a test says so. Link FailingCalls.cpp.
 #pragma once
 
-// Calls of all threads, allocations with operator new of the calling thread. What was asked for
-// ends with the object; at most one at a time.
+// Calls of all threads. What was asked for ends with the object; at most one at a time.
 class FailingCalls {
 public:
     // SEND: send(2) and eventfd_write(3).
@@ -19,10 +17,4 @@ public:
 
     // How many were made since construction, those that failed too.
     int Count(ECall call) const;
-
-    // The allocation after `skipped` others fails.
-    void FailAllocation(int skipped);
-
-    // Whether it has.
-    bool HasAllocationFailed() const;
 };

@@ -4,9 +4,11 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -14,6 +16,15 @@
 #include <thread>
 
 #include "TraceFiles.h"
+
+namespace {
+bool g_readFails = false;
+}
+
+extern "C" ssize_t pread(int fd, void* to, size_t size, off_t offset) {
+    errno = EIO;
+    return g_readFails ? -1 : syscall(SYS_pread64, fd, to, size, offset);
+}
 
 namespace {
 
@@ -102,6 +113,18 @@ TEST_F(CNxT120TraceFileTest, AMeddledHeaderCountsAs32) {
         ASSERT_TRUE(file.attach());
         file.write(nullptr, nullptr, "anew");
         EXPECT_EQ(TextsIn(m_path), Texts{"anew"}) << header;
+    }
+}
+
+TEST_F(CNxT120TraceFileTest, AHeaderThatTheSystemDoesNotReadIsNotTakenForAnother) {
+    for (const unsigned char shared : c_bothModes) {
+        CNxT120TraceFile file(m_path.c_str(), 0, shared, 1);
+        for (const char* text : {"a", "b", "c"}) {
+            g_readFails = *text == 'b';
+            file.write("Log", "Info", text);
+        }
+        const char* const second = shared != 0 ? "Warning:1 records lost" : "Info:b";
+        EXPECT_EQ(TextsIn(m_path), (Texts{"Info:a", second, "Info:c"}));
     }
 }
 
