@@ -178,7 +178,7 @@ TEST(CNxProcess, WaitingHasALimitAndStoppingEndsInSigkill) {
     // Says when the signal is ignored.
     int ends[2];
     ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
-    CNxProcessStart start = Shell("trap '' TERM; echo; while :; do sleep 1000; done");
+    CNxProcessStart start = Shell("trap '' TERM; echo; kill -STOP $$");
     start.m_descriptors = {{1, ends[1]}};
     ASSERT_EQ(NX_OK, process.Start(start));
     char c = 0;
