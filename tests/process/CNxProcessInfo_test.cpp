@@ -63,7 +63,9 @@ TEST(CNxProcessInfo, FindsByNamesThatLookLikeTheEndOfAName) {
     const CNxProcessInfo info = Read(child.GetPid());
     EXPECT_EQ(") R 1 (nx ) S", info.GetName());
     EXPECT_EQ(getpid(), info.GetParent());
+#if !defined(__SANITIZE_THREAD__)  // it has a thread of its own
     EXPECT_EQ(1u, info.GetThreads());
+#endif
     std::vector<CNxProcessInfo> found;
     EXPECT_EQ(NX_OK, CNxProcessInfo::FindByName(") R 1 (nx ) S", found));
     ASSERT_EQ(1u, found.size());
