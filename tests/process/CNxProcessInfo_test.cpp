@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,8 +29,9 @@ Child StartNamed(const CNxString& name) {
             pause();
         }
     });
-    while (Read(child.GetPid()).GetName() != name) {
-        std::this_thread::yield();
+    const std::string file = "/proc/" + std::to_string(child.GetPid()) + "/comm";
+    for (std::string found; found != name.GetRawData(); std::this_thread::yield()) {
+        std::getline(std::ifstream(file), found);
     }
     return child;
 }
