@@ -6,6 +6,7 @@
 
 #include <cassert>
 #include <cerrno>
+#include <cstdint>
 #include <ctime>
 #include <iterator>
 
@@ -96,7 +97,7 @@ NxResult CNxSharedMemory::OpenSegment(key_t key, size_t size, int flags) {
         return NX_ERROR_FAILURE;
     }
     void* const data = shmat(segment, nullptr, 0);
-    if (data == reinterpret_cast<void*>(-1)) {
+    if (reinterpret_cast<std::intptr_t>(data) == -1) {
         return NX_ERROR_FAILURE;
     }
     m_data = data;

@@ -16,18 +16,20 @@ constexpr const char* GetAlphabet(ECnxBase64 kind) {
                : "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
 }
 
-// The six bits of each byte of a text, -1 for those that are none of the alphabet.
+constexpr unsigned char c_foreign = 0xFF;
+
+// The six bits of each byte of a text.
 struct CValues {
     constexpr explicit CValues(ECnxBase64 kind) {
-        for (signed char& value : m_of) {
-            value = -1;
+        for (unsigned char& value : m_of) {
+            value = c_foreign;
         }
         for (int value = 0; value < 64; ++value) {
             m_of[static_cast<unsigned char>(GetAlphabet(kind)[value])] =
-                static_cast<signed char>(value);
+                static_cast<unsigned char>(value);
         }
     }
-    signed char m_of[256] = {};
+    unsigned char m_of[256] = {};
 };
 
 // One to three bytes become two to four characters, and fill.
@@ -49,8 +51,8 @@ bool AppendBytes(CNxString& bytes, const char* text, size_t count, const CValues
     assert(count >= 2 && count <= 4);
     std::uint32_t bits = 0;
     for (size_t i = 0; i < count; ++i) {
-        const int value = values.m_of[static_cast<unsigned char>(text[i])];
-        if (value < 0) {
+        const unsigned char value = values.m_of[static_cast<unsigned char>(text[i])];
+        if (value == c_foreign) {
             return false;
         }
         bits |= static_cast<std::uint32_t>(value) << (18 - 6 * i);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +21,7 @@ public:
     template <class Body>
     explicit Child(const Body& body) : m_pid(fork()) {
         if (m_pid == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);  // it does not outlive a test that is killed
             _exit(body());
         }
         EXPECT_GT(m_pid, 0);

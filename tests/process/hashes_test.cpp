@@ -34,51 +34,21 @@ TEST(Base64, TheStandardsExamples) {
         EXPECT_EQ(NX_OK, cnx_base64_decode(decoded, decoded));
         EXPECT_EQ(bytes, decoded.GetRawData());
     }
-}
-
-TEST(Base64, EveryByteAndLengthComesBackInBothAlphabets) {
-    std::string bytes;
-    for (int value = 255; value >= 0; --value) {
-        bytes += static_cast<char>(value);
-        for (const ECnxBase64 kind : {ECnxBase64::STANDARD, ECnxBase64::URL}) {
-            const CNxString text = cnx_base64_encode(bytes.data(), bytes.size(), kind);
-            CNxString back;
-            ASSERT_EQ(NX_OK, cnx_base64_decode(text, back, kind)) << text;
-            ASSERT_EQ(bytes, back.GetRawData());
-        }
-    }
-    EXPECT_EQ("-_8", cnx_base64_encode("\xFB\xFF", 2, ECnxBase64::URL).GetRawData());
-    EXPECT_EQ("+/8=", cnx_base64_encode("\xFB\xFF", 2).GetRawData());
+    CNxString bytes;
+    EXPECT_EQ("+/8=", cnx_base64_encode("\xFB\xFF", 2));
+    EXPECT_EQ("-_8", cnx_base64_encode("\xFB\xFF", 2, ECnxBase64::URL));
+    EXPECT_EQ(NX_OK, cnx_base64_decode("-_8", bytes, ECnxBase64::URL));
+    EXPECT_EQ("\xFB\xFF", bytes);
 }
 
 TEST(Base64, AnyOtherTextIsRefusedAndChangesNothing) {
-    const struct {
-        ECnxBase64 m_kind;
-        const char* m_text;
-    } cases[] = {
-        {ECnxBase64::STANDARD, "Z"},
-        {ECnxBase64::STANDARD, "Zg"},
-        {ECnxBase64::STANDARD, "Zg="},
-        {ECnxBase64::STANDARD, "Zg==="},
-        {ECnxBase64::STANDARD, "Z==="},
-        {ECnxBase64::STANDARD, "===="},
-        {ECnxBase64::STANDARD, "Zm9v===="},
-        {ECnxBase64::STANDARD, "Zg==Zg=="},
-        {ECnxBase64::STANDARD, "Zh=="},
-        {ECnxBase64::STANDARD, "Zm9="},
-        {ECnxBase64::STANDARD, "Zm 9"},
-        {ECnxBase64::STANDARD, "Zm9v\n"},
-        {ECnxBase64::STANDARD, "-_8="},
-        {ECnxBase64::STANDARD, "Zm9\xFF"},
-        {ECnxBase64::URL, "Z"},
-        {ECnxBase64::URL, "Zg=="},
-        {ECnxBase64::URL, "Zh"},
-        {ECnxBase64::URL, "+/8"},
-    };
     CNxString bytes = "as before";
-    for (const auto& one : cases) {
-        EXPECT_EQ(NX_ERROR_INVALID_ARG, cnx_base64_decode(one.m_text, bytes, one.m_kind))
-            << one.m_text;
+    for (const char* text : {"Z", "Zg", "Zg=", "Zg===", "Z===", "====", "Zm9v====", "Zg==Zg==",
+                             "Zh==", "Zm9=", "Zm 9", "Zm9v\n", "-_8=", "Zm9\xFF"}) {
+        EXPECT_EQ(NX_ERROR_INVALID_ARG, cnx_base64_decode(text, bytes)) << text;
+    }
+    for (const char* text : {"Z", "Zg==", "Zh", "+/8", "Zm9v="}) {
+        EXPECT_EQ(NX_ERROR_INVALID_ARG, cnx_base64_decode(text, bytes, ECnxBase64::URL)) << text;
     }
     EXPECT_EQ(NX_ERROR_INVALID_ARG, cnx_base64_decode(CNxString("Zm9\0", 4), bytes));
     EXPECT_EQ("as before", bytes);
