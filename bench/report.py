@@ -214,7 +214,7 @@ def machine():
         "date": time.strftime("%Y-%m-%d"),
         "commit": output_of("git", "describe", "--always", "--dirty", "--exclude", "*"),
         "processors": f"{output_of('nproc')} x {cpu.group(1) if cpu else platform.machine()}",
-        "virtual": output_of("systemd-detect-virt") or "not told",
+        "virtual": output_of("systemd-detect-virt", "--vm") or "not told",
         "system": f"{system.group(1) if system else platform.system()}, Linux {platform.release()}",
         "packages": installed.splitlines(),
     }
