@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# Debian's own, which has python3-matplotlib.
 """Shows what nxbench measured: report.py RESULTS prints the tables; report.py RESULTS --page writes
 bench/results/latest.json, docs/benchmarks.md and its plots. RESULTS may be a latest.json."""
 import json
@@ -14,39 +15,52 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 PACKAGES = ["libasio-dev", "libuv1-dev", "libevent-dev", "libev-dev", "libspdlog-dev",
             "libgoogle-glog-dev", "liburing-dev", "redis-server"]
 FAMILIES = {
-    "post": "Work handed to another thread as fast as it goes: time from the first post to the last "
-            "job run, for each job. `raw` is a list under a lock with a condition, and allocates a "
-            "node for each job, as nxbase and Asio do; libuv and libevent wake a thread and carry "
-            "nothing, so the jobs go by value into a vector under a lock, and only the first one of "
-            "a batch wakes.",
-    "call": "Work that another thread does while the caller waits: time of a call, both threads on "
-            "one processor. nxbase sends an event; for the others it is a post and an answer.",
-    "wake": "Threads that wake each other, all on one processor: time of a post and its answer, and "
-            "of a hop of a token that the threads of a ring hand on.",
-    "timers": "One of many pending timers cancelled and scheduled anew, and 100,000 that are due "
-              "fired in one pass: time for each timer. `raw` is a hashed wheel of milliseconds. With "
-              "libevent's common time-outs all timers have the same interval. libev and libuv take "
-              "the time from their loop, the others ask the clock.",
-    "trace": "Lines of about 110 bytes to a file, each with date, time, process and thread in front "
-             "of its text, and lines of a level that is switched off. `raw` formats the same line and "
-             "calls write(2), or loads two switches.",
-    "echo": "A server that sends back what it receives, one message under way on each connection: "
-            "processor time of the server for a message. `raw` is an edge-triggered epoll loop that "
-            "receives until the call would block; `raw, one receive` stops at one that comes back "
-            "short, the least there is, and so does nxbase's handler. Server "
-            "and client have a processor each, a single connection has one for both.",
-    "block": "Bytes in memory. `raw` is std::string, and std::shared_ptr for sharing.",
-    "kv": "A whole server: kv_server of the examples beside redis-server without persistence, under "
-          "redis-benchmark with 50 connections and values of 64 bytes: processor time of the server "
-          "for a request. `raw` is one thread with an epoll loop and a hash table that knows these two "
-          "commands. The ratios are to redis-server.",
+    "post":
+        "Work handed to another thread as fast as it goes: time from the first post to the "
+        "last job run, for each job. `raw` is a list under a lock with a condition, and "
+        "allocates a node for each job, as nxbase and Asio do; libuv and libevent wake a "
+        "thread and carry nothing, so the jobs go by value into a vector under a lock, and "
+        "only the first one of a batch wakes.",
+    "call":
+        "Work that another thread does while the caller waits: time of a call, both threads "
+        "on one processor. nxbase sends an event; for the others it is a post and an "
+        "answer.",
+    "wake":
+        "Threads that wake each other, all on one processor: time of a post and its answer, "
+        "and of a hop of a token that the threads of a ring hand on.",
+    "timers":
+        "One of many pending timers cancelled and scheduled anew, and 100,000 that are due "
+        "fired in one pass: time for each timer. `raw` is a hashed wheel of milliseconds. "
+        "With libevent's common time-outs all timers have the same interval. libev and "
+        "libuv take the time from their loop, the others ask the clock.",
+    "trace":
+        "Lines of about 110 bytes to a file, each with date, time, process and thread in "
+        "front of its text, and lines of a level that is switched off. `raw` formats the "
+        "same line and calls write(2), or loads two switches.",
+    "echo":
+        "A server that sends back what it receives, one message under way on each "
+        "connection: processor time of the server for a message. `raw` is an edge-triggered "
+        "epoll loop that receives until the call would block; `raw, one receive` stops at "
+        "one that comes back short, the least there is, and so does nxbase's handler. "
+        "Server and client have a processor each, a single connection has one for both.",
+    "block":
+        "Bytes in memory. `raw` is std::string, and std::shared_ptr for sharing.",
+    "kv":
+        "A whole server: kv_server of the examples beside redis-server without persistence, "
+        "under redis-benchmark with 50 connections and values of 64 bytes: processor time "
+        "of the server for a request. `raw` is one thread with an epoll loop and a hash "
+        "table that knows these two commands. The ratios are to redis-server.",
 }
-COLORS = {"raw": "#000000", "raw, no allocation": "#777777", "raw epoll": "#aaaaaa",
-          "raw, one receive": "#777777", "raw io_uring": "#aaaaaa", "redis-server": "#2ca02c",
-          "Asio": "#1f77b4", "libuv": "#2ca02c", "libevent": "#9467bd", "libevent common": "#c5b0d5",
-          "libevent buffered": "#c5b0d5", "libev": "#17becf", "spdlog": "#1f77b4", "glog": "#2ca02c",
-          "nxbase": "#d62728", "nxbase task": "#d62728", "nxbase reactor": "#ff7f0e",
-          "nxbase heap": "#d62728", "nxbase calendar": "#ff7f0e", "nxbase kv_server": "#d62728"}
+RED, ORANGE, BLACK, GREY, SILVER = "#d62728", "#ff7f0e", "#000000", "#777777", "#aaaaaa"
+BLUE, GREEN, PURPLE, LILAC, CYAN = "#1f77b4", "#2ca02c", "#9467bd", "#c5b0d5", "#17becf"
+COLORS = {
+    "raw": BLACK, "raw, no allocation": GREY, "raw epoll": SILVER,
+    "raw, one receive": GREY, "raw io_uring": SILVER,
+    "nxbase": RED, "nxbase task": RED, "nxbase reactor": ORANGE, "nxbase heap": RED,
+    "nxbase calendar": ORANGE, "nxbase kv_server": RED,
+    "Asio": BLUE, "libuv": GREEN, "libevent": PURPLE, "libevent common": LILAC,
+    "libevent buffered": LILAC, "libev": CYAN, "spdlog": BLUE, "glog": GREEN, "redis-server": GREEN,
+}
 
 
 class Cell:
@@ -147,9 +161,10 @@ def draw_bars(axes, cases):
         places = [n + i * width for n, cells in enumerate(cases.values()) if row in cells]
         cells = [cells[row] for cells in cases.values() if row in cells]
         heights = [cell.ratio for cell in cells]
-        spread = [[cell.ratio - cell.low for cell in cells], [cell.high - cell.ratio for cell in cells]]
-        bars = axes.bar(places, heights, width * 0.95, yerr=spread, label=row, color=COLORS.get(row),
-                        error_kw={"elinewidth": 0.7, "ecolor": "#444444"})
+        spread = [[cell.ratio - cell.low for cell in cells],
+                  [cell.high - cell.ratio for cell in cells]]
+        bars = axes.bar(places, heights, width * 0.95, yerr=spread, label=row,
+                        color=COLORS.get(row), error_kw={"elinewidth": 0.7, "ecolor": "#444444"})
         axes.bar_label(bars, [f"{height:.2f}" for height in heights], fontsize=6, padding=2)
     axes.set_xticks([n + 0.4 - width / 2 for n in range(len(cases))],
                     [label(*key).replace(", ", ",\n") for key in cases], fontsize=8)
@@ -175,7 +190,8 @@ def draw(family, cases, path):
         one.axhline(1, color="black", linewidth=0.6, linestyle=":")
         one.spines[["top", "right"]].set_visible(False)
     axes[0][0].set_ylabel("time, ratio to " + rows_of(cases)[0])
-    handles = {text: handle for one in axes[0] for handle, text in zip(*one.get_legend_handles_labels())}
+    handles = {text: handle for one in axes[0]
+               for handle, text in zip(*one.get_legend_handles_labels())}
     figure.legend(handles.values(), handles.keys(), loc="lower center", fontsize=8, frameon=False,
                   ncol=min(len(handles), 4 + 2 * panels))
     figure.suptitle(f"{family}: less is better")
@@ -186,7 +202,8 @@ def draw(family, cases, path):
 
 
 def output_of(*command):
-    return subprocess.run(command, capture_output=True, text=True, check=False, cwd=ROOT).stdout.strip()
+    run = subprocess.run(command, capture_output=True, text=True, check=False, cwd=ROOT)
+    return run.stdout.strip()
 
 
 def machine():
@@ -197,7 +214,7 @@ def machine():
         "date": time.strftime("%Y-%m-%d"),
         "commit": output_of("git", "describe", "--always", "--dirty", "--exclude", "*"),
         "processors": f"{output_of('nproc')} x {cpu.group(1) if cpu else platform.machine()}",
-        "virtual": output_of("systemd-detect-virt") or "not told",
+        "virtual": output_of("systemd-detect-virt", "--vm") or "not told",
         "system": f"{system.group(1) if system else platform.system()}, Linux {platform.release()}",
         "packages": installed.splitlines(),
     }
@@ -220,15 +237,15 @@ def page(results):
         f"- system: {about['system']}\n"
         f"- compiler: {results['compiler']}, CMake's Release flags\n"
         f"- peers, Debian's packages: {', '.join(about['packages'])}\n"
-        f"- measured on {about['date']} at commit {about['commit']}, in {results['seconds']:.0f} s; "
-        f"in {disturbed} of {measured} measurements others used the processors, though they were "
-        "repeated",
+        f"- measured on {about['date']} at commit {about['commit']}, in "
+        f"{results['seconds']:.0f} s; in {disturbed} of {measured} measurements others used the "
+        "processors, though they were repeated",
         "## Where a peer is ahead",
     ]
     ahead = peers_ahead(families)
-    parts.append("Medians; the number is how many times as fast the peer is.\n\n"
-                 "| family | case | of nxbase | peers ahead |\n|---|---|---|---|\n" + "\n".join(ahead)
-                 if ahead else "Nowhere.")
+    heading = ("Medians; the number is how many times as fast the peer is.\n\n"
+               "| family | case | of nxbase | peers ahead |\n|---|---|---|---|\n")
+    parts.append(heading + "\n".join(ahead) if ahead else "Nowhere.")
     for family, cases in families.items():
         parts += [f"## {family}", FAMILIES[family], f"![{family}](benchmarks/{family}.svg)",
                   table(cases)]
