@@ -12,7 +12,7 @@ namespace {
 // The heap is half as deep as a binary one.
 constexpr size_t c_children = 4;
 constexpr size_t c_fewest = 8;
-// Of handlers: their numbers, and the places in the index, are counted in 32 bits.
+// Of handlers: their numbers have 32 bits.
 constexpr size_t c_most = size_t{1} << 31;
 // The place of a handler that has no timer.
 constexpr unsigned int c_idle = std::numeric_limits<unsigned int>::max();
@@ -48,19 +48,19 @@ NxResult CNxTimerPriorityQueue::PushNode_l(const CNode& node) {
     m_nodes[number] = node;
     const CKey key{node.m_expiry.GetSec(), static_cast<int>(node.m_expiry.GetUsec()), number,
                    ++m_sequence};
-    if (m_places[number] != c_idle) {
-        Settle(m_places[number], key);
-        return NX_ERROR_FOUND;
+    const bool isPending = m_places[number] != c_idle;
+    if (!isPending) {
+        m_places[number] = static_cast<Number>(m_heap.size());
+        m_heap.emplace_back();
     }
-    m_heap.push_back(key);
-    Put(SiftUp(m_heap.size() - 1, key), key);
-    assert(IsInOrder(m_places[number]));
-    return NX_OK;
+    Settle(m_places[number], key);
+    return isPending ? NX_ERROR_FOUND : NX_OK;
 }
 
 NxResult CNxTimerPriorityQueue::RePushNode_l(const CNode& node) {
-    assert(m_places[m_index->Find(node.m_handler).m_value] == c_idle);
-    return PushNode_l(node);
+    [[maybe_unused]] const NxResult pushed = PushNode_l(node);
+    assert(pushed == NX_OK);
+    return NX_OK;
 }
 
 CNxTimerPriorityQueue::Number CNxTimerPriorityQueue::AddNode() {

@@ -41,14 +41,16 @@ private:
         unsigned long m_sequence;  // the larger was pushed later
     };
 
+    // Inline, so that a key comes into the heap from registers: copied from where it was just put
+    // together it would wait until the node has reached the memory.
     static inline bool IsBehind(const CKey& key, const CKey& other);
     Number AddNode();
     void Grow();
     void DropIdleNodes(Index& index);
     void Remove(Number number);
-    void Settle(size_t place, const CKey& key);
-    size_t SiftUp(size_t place, const CKey& key);
-    size_t SiftDown(size_t place, const CKey& key);
+    inline void Settle(size_t place, const CKey& key);
+    inline size_t SiftUp(size_t place, const CKey& key);
+    inline size_t SiftDown(size_t place, const CKey& key);
     bool IsInOrder(size_t place) const;
     inline void Put(size_t place, const CKey& key);
 

@@ -8,10 +8,10 @@
 
 class INxTimerHandler;
 
-// A table of fixed capacity in one array, of which at least half is free: a handler lies at the
-// place that its address names, or behind that with no free place between. Nothing is taken out: a
-// handler that has had a timer is likely to get one again. When the table is full the queue makes
-// another, with those that have one.
+// A table of fixed capacity in one array, of which at least a quarter is free: a handler lies at
+// the place that its address names, or behind that with no free place between. Nothing is taken
+// out: a handler that has had a timer is likely to get one again. When the table is full the queue
+// makes another, with those that have one.
 template <class Value>
 class CTimerIndexT {
 public:
@@ -20,14 +20,14 @@ public:
         Value m_value{};
     };
 
-    // For as many handlers at least. Throws std::bad_alloc or std::length_error.
+    // For as many handlers at least. Throws std::bad_alloc.
     explicit CTimerIndexT(size_t fewest) : m_places(CountPlaces(fewest)) {
         for (size_t count = m_places.size(); count > 1; count /= 2) {
             --m_shift;
         }
     }
 
-    size_t GetCapacity() const { return m_places.size() / 2; }
+    size_t GetCapacity() const { return m_places.size() / 4 * 3; }
     bool IsFull() const { return m_size == GetCapacity(); }
 
     // The place of the handler or, with a null in it, the one that it would get.
@@ -50,8 +50,8 @@ public:
 
 private:
     static size_t CountPlaces(size_t fewest) {
-        size_t count = 2;
-        while (count / 2 < fewest) {
+        size_t count = 4;
+        while (count / 4 * 3 < fewest) {
             count *= 2;
         }
         return count;

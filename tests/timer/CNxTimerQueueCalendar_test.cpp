@@ -195,4 +195,28 @@ TEST(CNxTimerQueueCalendar, DoesWhatThePlainWheelDoes) {
     }
 }
 
+struct CountingHandler : INxTimerHandler {
+    void OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) override { ++m_calls; }
+    int m_calls = 0;
+};
+
+// Whatever the queue forgets when it needs room for others.
+TEST(CNxTimerQueueCalendar, ATimerOfZeroThatReplacedAnotherIsNotCancelledHoweverManyHandlersCome) {
+    OwnQueue queue;
+    CNxTimerQueueCalendar calendar(10, 1000, &queue);
+    CountingHandler replaced;
+    const CNxTimeValue interval(0, 20000);
+    EXPECT_EQ(calendar.ScheduleTimer(&replaced, nullptr, interval, 1), NX_OK);
+    EXPECT_EQ(calendar.ScheduleTimer(&replaced, nullptr, CNxTimeValue(0, 0), 1), NX_OK);
+    std::vector<CountingHandler> others(1000);
+    for (CountingHandler& other : others) {
+        ASSERT_EQ(calendar.ScheduleTimer(&other, nullptr, interval, 1), NX_OK);
+        ASSERT_EQ(calendar.CancelTimer(&other), NX_OK);
+    }
+    EXPECT_EQ(calendar.CancelTimer(&replaced), NX_ERROR_NOT_FOUND);
+    calendar.TimerTick();
+    EXPECT_EQ(replaced.m_calls, 1);
+    EXPECT_TRUE(calendar.IsEmpty());
+}
+
 }  // namespace

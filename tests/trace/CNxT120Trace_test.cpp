@@ -8,6 +8,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <map>
 #include <thread>
 
@@ -313,6 +314,10 @@ TEST_F(CNxT120TraceTest, KilledWritersLeaveASharedFileUsable) {
         waitpid(pid, nullptr, 0);
     };
     pid_t writers[] = {start(), start()};
+    // Once full it keeps its size.
+    while (!std::filesystem::exists(path) || std::filesystem::file_size(path) < 65536) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
     size_t fewest = ~size_t{0};
     for (int i = 0; i < rounds; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
