@@ -6,7 +6,6 @@
 // ends with the object; at most one at a time.
 class FailingCalls {
 public:
-    // SEND: send(2) and eventfd_write(3).
     enum ECall { SEND, EPOLL_CTL, GETSOCKOPT, SIGQUEUE, CALLS };
 
     FailingCalls();
