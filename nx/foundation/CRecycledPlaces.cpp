@@ -148,12 +148,12 @@ CPack* FindRoom(CStock& stock, CShelf& shelf) {
 }
 
 bool IsRecycled(size_t size) {
-    return c_areRecycled && size <= c_largest;
+    return c_areRecycled && size != 0 && size <= c_largest && size % c_granularity == 0;
 }
 
 // Nothing is rounded up: a place that was not made here has what its next object needs as well.
 size_t GetIndex(size_t size) {
-    assert(size != 0 && size % c_granularity == 0);
+    assert(IsRecycled(size));
     return size / c_granularity - 1;
 }
 

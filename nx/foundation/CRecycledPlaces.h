@@ -10,8 +10,9 @@
 // thread, at any time.
 class CRecycledPlaces {
 public:
-    // A place that was left by an object of `size` bytes, a multiple of the size of a pointer. Null
-    // when there is none, and always above 128 bytes: then it comes from ::operator new.
+    // A place that was left by an object of `size` bytes. Null when there is none, and always above
+    // 128 bytes and for what is no multiple of the size of a pointer: then it comes from ::operator
+    // new.
     static void* Take(std::size_t size);
 
     // Takes back the place of an object of that size; null does nothing.
