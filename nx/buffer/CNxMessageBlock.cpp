@@ -1,4 +1,5 @@
 #include <nx/buffer/CNxMessageBlock.h>
+#include <nx/foundation/CRecycledPlaces.h>
 
 #include <algorithm>
 #include <cassert>
@@ -54,6 +55,24 @@ CNxMessageBlock::CNxMessageBlock(CNxDataBlock* dataBlock, unsigned long flags)
     }
 }
 
+void* CNxMessageBlock::operator new(size_t size) {
+    void* const place = CRecycledPlaces::Take(size);
+    return place != nullptr ? place : ::operator new(size);
+}
+
+void* CNxMessageBlock::operator new(size_t size, const std::nothrow_t& tag) noexcept {
+    void* const place = CRecycledPlaces::Take(size);
+    return place != nullptr ? place : ::operator new(size, tag);
+}
+
+void CNxMessageBlock::operator delete(void* memory, size_t size) noexcept {
+    CRecycledPlaces::Leave(memory, size);
+}
+
+void CNxMessageBlock::operator delete(void* memory, const std::nothrow_t& tag) noexcept {
+    ::operator delete(memory, tag);
+}
+
 void CNxMessageBlock::ViewStorage(char* begin, unsigned long size) {
     m_begin = m_read = m_write = begin;
     m_end = begin + size;
@@ -89,7 +108,8 @@ NxResult CNxMessageBlock::Read(void* dst, unsigned long count, unsigned long* ou
     return Report(count - remaining, outRead, NX_ERROR_PARTIAL_DATA);
 }
 
-NxResult CNxMessageBlock::Write(const void* src, unsigned long count, unsigned long* outWritten) {
+NxResult CNxMessageBlock::WritePart(const void* src, unsigned long count,
+                                    unsigned long* outWritten) {
     assert(IsInOrder());
     const unsigned long n = std::min(count, GetSpace());
     CopyBytes(m_write, src, n);

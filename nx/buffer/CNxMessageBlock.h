@@ -3,6 +3,10 @@
 
 #include <sys/uio.h>
 
+#include <cstddef>
+#include <cstring>
+#include <new>
+
 #include <nx/buffer/CNxDataBlock.h>
 #include <nx/foundation/CNxAutoPtr.h>
 #include <nx/foundation/CNxString.h>
@@ -85,7 +89,18 @@ public:
     // in the space as written. The amount goes to `outWritten` (may be null). NX_OK;
     // NX_ERROR_PARTIAL_DATA when there was less space, which is now full.
     [[nodiscard]] NxResult Write(const void* src, unsigned long count,
-                                 unsigned long* outWritten = nullptr);
+                                 unsigned long* outWritten = nullptr) {
+        if (src == nullptr || count == 0 || count > GetSpace()) {
+            return WritePart(src, count, outWritten);
+        }
+        // The area may overlap with this block's: that is how one is compacted.
+        std::memmove(m_write, src, count);
+        m_write += count;
+        if (outWritten != nullptr) {
+            *outWritten = count;
+        }
+        return NX_OK;
+    }
 
     unsigned long GetChainedLength() const;
     unsigned long GetChainedSpace() const;
@@ -152,7 +167,17 @@ public:
     // before.
     [[nodiscard]] CNxMessageBlock* Disjoint(unsigned long offset);
 
+    // A block on the heap takes the place that another has left, on this or another thread; about a
+    // hundred are kept in each thread and some hundred between them.
+    static void* operator new(std::size_t size);
+    static void* operator new(std::size_t size, const std::nothrow_t& tag) noexcept;
+    static void* operator new(std::size_t /*size*/, void* place) noexcept { return place; }
+    static void operator delete(void* memory, std::size_t size) noexcept;
+    static void operator delete(void* memory, const std::nothrow_t& tag) noexcept;
+    static void operator delete(void* /*memory*/, void* /*place*/) noexcept {}
+
 private:
+    NxResult WritePart(const void* src, unsigned long count, unsigned long* outWritten);
     bool IsInOrder() const { return m_begin <= m_read && m_read <= m_write && m_write <= m_end; }
     bool IsDuplicated() const { return (m_flags & DUPLICATED) != 0; }
     void ViewStorage(char* begin, unsigned long size);

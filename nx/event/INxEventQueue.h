@@ -44,9 +44,9 @@ public:
         return ::operator new(size, alignment, tag);
     }
     static void* operator new(std::size_t /*size*/, void* place) noexcept { return place; }
-    static void operator delete(void* memory, std::size_t size,
+    static void operator delete(void* memory, std::size_t /*size*/,
                                 std::align_val_t alignment) noexcept {
-        ::operator delete(memory, size, alignment);
+        ::operator delete(memory, alignment);
     }
     static void operator delete(void* memory, std::align_val_t alignment,
                                 const std::nothrow_t& /*tag*/) noexcept {

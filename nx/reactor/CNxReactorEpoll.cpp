@@ -38,6 +38,7 @@ void CNxReactorEpoll::CloseEpoll() {
 }
 
 NxResult CNxReactorEpoll::WaitAndDispatch(const CNxTimeValue& remaining, bool hasWork) {
+    // -1 for s_tvMax(), which is without limit here as well.
     const int timeoutMs = static_cast<int>(remaining.GetTotalInMsec());
     if (timeoutMs == 0 && !hasWork) {
         return NX_OK;

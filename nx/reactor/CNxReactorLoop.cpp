@@ -4,7 +4,8 @@
 
 namespace {
 
-// A wake-up that could not be sent to a loop that sleeps is made up for after this time.
+// A wake-up that could not be sent to a loop that sleeps is made up for after this time, and a
+// system clock that was set heeded.
 CNxTimeValue LongestWait() {
     return {1, 0};
 }
@@ -82,12 +83,13 @@ NxResult CNxReactorLoop::RunEventLoop() {
     return NX_OK;
 }
 
-// Returns how many fired; `remaining` gets the time until the next one, the longest wait at most.
+// Returns how many fired; `remaining` gets the time to wait, until the next one at most.
 int CNxReactorLoop::FireTimers(CNxTimeValue& remaining) {
     remaining = CNxTimeValue::s_tvMax();
     const int fired = m_pTimerQueue != nullptr ? m_pTimerQueue->CheckExpire(&remaining) : 0;
     assert(remaining.GetSec() >= 0);
-    if (remaining > LongestWait()) {
+    const bool needsLimit = remaining != CNxTimeValue::s_tvMax() || !m_NotifyPipe.IsCertain();
+    if (needsLimit && remaining > LongestWait()) {
         remaining = LongestWait();
     }
     return fired;

@@ -8,8 +8,9 @@
 // OnHandleRemoved and, if there is something to open for them, OpenDemultiplexer.
 //
 // One turn: look at the stop flag, fire the timers that are due, wait and dispatch, fire what was
-// posted. Every turn looks for posted events, whatever woke it, and no wait is longer than a
-// second: a wake-up that could not be sent is then made up for, if no post has done it before.
+// posted. Every turn looks for posted events, whatever woke it. No wait is longer than a second: a
+// wake-up that could not be sent is then made up for, if no post has done it before, and a system
+// clock that was set is seen. Only where no wake-up can fail, and without a timer, it has no limit.
 class CNxReactorLoop : public CNxReactorBase {
 public:
     using CNxReactorBase::CNxReactorBase;
@@ -56,10 +57,11 @@ private:
     // Close. NX_OK, or why it cannot be opened.
     [[nodiscard]] virtual NxResult OpenDemultiplexer() { return NX_OK; }
 
-    // Waits once, for at most `remaining`, which is a second or less, dispatches what is ready and
-    // calls RunPosted. Saves wake-ups by m_NotifyPipe.EndWait() between the wait and the dispatch.
-    // `hasWork`: a timer has fired in this turn, or something is posted; otherwise it need not look
-    // at the descriptors when there is no time to wait. NX_OK, also when nothing came or a signal
+    // Waits once, for at most `remaining`, dispatches what is ready and calls RunPosted.
+    // `remaining` is a second or less, or for a reactor of TYPE_EPOLL s_tvMax(), without limit.
+    // Saves wake-ups by m_NotifyPipe.EndWait() between the wait and the dispatch. `hasWork`: a
+    // timer has fired in this turn, or something is posted; otherwise it need not look at the
+    // descriptors when there is no time to wait. NX_OK, also when nothing came or a signal
     // interrupted it; NX_ERROR_FAILURE ends the loop.
     [[nodiscard]] virtual NxResult WaitAndDispatch(const CNxTimeValue& remaining, bool hasWork) = 0;
 

@@ -158,6 +158,11 @@ bool CNxReactorNotifyPipe::Write_i() {
     return sent == 1;
 }
 
+bool CNxReactorNotifyPipe::IsCertain() const {
+    CNxReactorBase* const reactor = m_pReactor.load();
+    return reactor != nullptr && reactor->GetReactorType() == INxReactor::TYPE_EPOLL;
+}
+
 int CNxReactorNotifyPipe::GetHandle() const {
     CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
     return m_counter != -1 ? m_counter : m_PipeNotify.GetReadHandle();

@@ -63,6 +63,10 @@ public:
     // It does not wait any more, and comes to BeginWait before it does: no wake-up is needed.
     void EndWait() { m_state.store(STATE_RUNS, std::memory_order_release); }
 
+    // Whether no wake-up can fail while it is open: an event counter takes all there ever are. For
+    // the reactor's thread.
+    bool IsCertain() const;
+
     // What the reactor waits for, -1 when closed.
     int GetHandle() const override;
 

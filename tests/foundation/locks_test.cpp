@@ -97,4 +97,14 @@ TEST(CNxEventThread, NoAutomaticSignalIsLostOrDoubledWhenTimeRunsOutMeanwhile) {
     EXPECT_EQ(passed.load(), signalled);
 }
 
+TEST(CNxSemaphore, WaitsUntilADeadlineAtMost) {
+    CNxSemaphore semaphore(1);
+    const CNxTimeValue now = CNxTimeValue::GetMonotonicTime();
+    EXPECT_EQ(semaphore.LockUntil(now), NX_OK);
+    EXPECT_EQ(semaphore.LockUntil(now + CNxTimeValue(0, 1000)), NX_ERROR_TIMEOUT);
+    std::thread giver([&] { semaphore.UnLock(); });
+    EXPECT_EQ(semaphore.LockUntil(now + CNxTimeValue(60, 0)), NX_OK);
+    giver.join();
+}
+
 }  // namespace

@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <pthread.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -40,12 +39,6 @@ extern "C" ssize_t send(int fd, const void* data, size_t size, int flags) {
     static const auto s_real = Real<decltype(&send)>("send");
     errno = NextError(FailingCalls::SEND);
     return errno != 0 ? -1 : s_real(fd, data, size, flags);
-}
-
-extern "C" int eventfd_write(int fd, eventfd_t value) {
-    static const auto s_real = Real<decltype(&eventfd_write)>("eventfd_write");
-    errno = NextError(FailingCalls::SEND);
-    return errno != 0 ? -1 : s_real(fd, value);
 }
 
 extern "C" int epoll_ctl(int epoll, int operation, int fd, epoll_event* event) noexcept {

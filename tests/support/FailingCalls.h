@@ -4,7 +4,6 @@
 // Calls of all threads. What was asked for ends with the object; at most one at a time.
 class FailingCalls {
 public:
-    // SEND: send(2) and eventfd_write(3).
     enum ECall { SEND, EPOLL_CTL, GETSOCKOPT, SIGQUEUE, CALLS };
 
     FailingCalls();
