@@ -227,11 +227,11 @@ NxResult CDnsManagerImp::StartThread_l() {
 
 // May throw std::bad_alloc, with nothing changed.
 void CDnsManagerImp::AddAsk_l(CPending& pending, INxObserver* observer, INxEventQueue& queue) {
-    std::list<CNxAutoPtr<CDnsAsk>> ask;
-    ask.emplace_back(new CDnsAsk(*this, queue));
-    ask.front()->m_place = m_asks.emplace(observer, ask.front());
-    ask.front()->m_isListed = true;
-    pending.m_asks.splice(pending.m_asks.end(), ask);
+    const CNxAutoPtr<CDnsAsk> ask(new CDnsAsk(*this, queue));
+    std::list<CNxAutoPtr<CDnsAsk>> asks{ask};
+    ask->m_place = m_asks.emplace(observer, ask);
+    ask->m_isListed = true;
+    pending.m_asks.splice(pending.m_asks.end(), asks);
 }
 
 void CDnsManagerImp::Forget_l(CDnsAsk& ask) {
