@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cassert>
-#include <cctype>
 #include <new>
 
 namespace {
@@ -356,6 +355,7 @@ void CDnsManagerImp::Publish_l(const CDnsLookup& lookup) {
 }
 
 void CDnsManagerImp::PostUntold_l() {
+    // The analysis does not see that this runs within the call.
     m_untold.remove_if([this](const CNxAutoPtr<CDnsAsk>& ask) NX_NO_THREAD_SAFETY_ANALYSIS {
         return !ask->m_isListed || Post_l(*ask);
     });
