@@ -1,5 +1,4 @@
 #include <common/Acceptor.h>
-#include <common/AddressText.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 
@@ -25,7 +24,8 @@ std::string Acceptor::Open(const CNxInetAddr& address) {
     if (m_socket.Open(1, address) != 0 || m_socket.Enable(CNxIPCBase::NON_BLOCK) != 0 ||
         listen(m_socket.GetHandle(), SOMAXCONN) != 0 || m_socket.GetLocalAddr(m_address) != 0 ||
         m_reactor.RegisterHandler(this, NX_MASK_ACCEPT) != NX_OK) {
-        return "cannot listen on " + ToText(address) + ": " + std::system_category().message(errno);
+        return "cannot listen on " + address.GetHostPort().GetRawData() + ": " +
+               std::system_category().message(errno);
     }
     OpenSpare();
     return {};

@@ -1,4 +1,3 @@
-#include <common/AddressText.h>
 #include <common/Clock.h>
 #include <kv_load/Connection.h>
 #include <netinet/tcp.h>
@@ -242,7 +241,7 @@ void Connection::Fail(const std::string& why) {
 }
 
 void Connection::FailConnect(const std::string& why) {
-    Fail("cannot connect to " + examples::ToText(m_setup.server) + ": " + why);
+    Fail("cannot connect to " + m_setup.server.GetHostPort().GetRawData() + ": " + why);
 }
 
 void Connection::FailLost(const std::string& why) {

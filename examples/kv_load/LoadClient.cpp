@@ -39,12 +39,13 @@ std::size_t GetPipelineDepth(const Options& options) {
 
 }  // namespace
 
-LoadClient::LoadClient(const Options& options, INxReactor& reactor, std::function<void()> onEnd)
+LoadClient::LoadClient(const Options& options, const CNxInetAddr& server, INxReactor& reactor,
+                       std::function<void()> onEnd)
     : m_options(options),
       m_reactor(reactor),
       m_onEnd(std::move(onEnd)),
       m_printer(options.requests),
-      m_setup{CNxInetAddr(options.host.c_str(), static_cast<unsigned short>(options.port)),
+      m_setup{server,
               GetPipelineDepth(options),
               static_cast<std::int64_t>(options.connectTimeout) * examples::c_nsPerSecond,
               static_cast<std::int64_t>(options.stallTimeout) * examples::c_nsPerSecond,

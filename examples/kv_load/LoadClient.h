@@ -23,7 +23,8 @@ namespace kv_load {
 class LoadClient : private IConnectionOwner, private INxTimerHandler {
 public:
     // `onEnd` is called when no connection has anything left to do. May throw std::bad_alloc.
-    LoadClient(const Options& options, INxReactor& reactor, std::function<void()> onEnd);
+    LoadClient(const Options& options, const CNxInetAddr& server, INxReactor& reactor,
+               std::function<void()> onEnd);
     LoadClient(const LoadClient&) = delete;
     LoadClient& operator=(const LoadClient&) = delete;
 

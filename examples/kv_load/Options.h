@@ -7,7 +7,7 @@
 namespace kv_load {
 
 struct Options {
-    // An IPv4 or IPv6 literal.
+    // A name, or an IPv4 or IPv6 address.
     std::string host = "127.0.0.1";
     std::uint64_t port = 0;
     std::uint64_t connections = 50;

@@ -4,6 +4,7 @@
 // prints the summary when it has ended.
 #include <common/Clock.h>
 #include <common/CommandLine.h>
+#include <common/HostLookup.h>
 #include <common/Program.h>
 #include <kv_load/LoadClient.h>
 #include <nx/thread/CNxThreadManager.h>
@@ -22,7 +23,7 @@ constexpr const char* c_usage =
     "\n"
     "Loads a key-value server that speaks RESP2 and checks every byte that it answers.\n"
     "\n"
-    "  --host ADDR               IPv4 or IPv6 address of the server (127.0.0.1)\n"
+    "  --host HOST               name or address of the server (127.0.0.1)\n"
     "  --port P                  its port\n"
     "  --connections N           connections at the same time (50)\n"
     "  --pipeline D              requests under way on each connection (16)\n"
@@ -62,11 +63,10 @@ CommandLine Describe(Options& options) {
         if (options.port == 0) {
             return "--port is missing";
         }
-        std::string error = CheckAddress("--host", options.host);
-        if (error.empty() && options.keys < options.connections) {
+        if (options.keys < options.connections) {
             return "--keys must be at least --connections, for each connection has keys of its own";
         }
-        return error;
+        return {};
     };
     return line;
 }
@@ -125,7 +125,13 @@ void PrintSummary(const Options& options, const LoadProgress& progress, int sign
 // From the first connect to the last close. The main loop ends when the client has nothing left to
 // do or a signal comes.
 int RunLoad(const Options& options, Program& program) {
-    LoadClient client(options, program.GetReactor(), StopMain);
+    CNxInetAddr server;
+    const std::string unknown =
+        LookUpHost(options.host, static_cast<unsigned short>(options.port), server);
+    if (!unknown.empty()) {
+        return Fail(unknown);
+    }
+    LoadClient client(options, server, program.GetReactor(), StopMain);
     NetworkWork work;
     work.open = [&client] {
         client.Start();

@@ -1,4 +1,3 @@
-#include <common/AddressText.h>
 #include <common/CallEvent.h>
 #include <common/Clock.h>
 #include <common/Program.h>
@@ -105,7 +104,7 @@ void Server::Tick(const CNxTimeValue& interval) {
 }
 
 std::string Server::GetAddressText() const {
-    return examples::ToText(m_acceptor.GetAddress());
+    return m_acceptor.GetAddress().GetHostPort().GetRawData();
 }
 
 void Server::OnAccepted(int socket) {

@@ -7,7 +7,7 @@
 namespace reliable_sender {
 
 struct Options {
-    // An IPv4 or IPv6 literal: of the peer, or what the peer listens on.
+    // A name, or an IPv4 or IPv6 address: of the peer, or what the peer listens on.
     std::string host = "127.0.0.1";
     // The peer's. 0: be the peer.
     std::uint64_t port = 0;

@@ -33,11 +33,9 @@ Sender::Request::Request(Sender& owner, unsigned int number)
                       "time a request");
 }
 
-Sender::Sender(const Options& options, INxReactor& reactor, std::function<void()> onEnd)
-    : m_options(options),
-      m_reactor(reactor),
-      m_onEnd(std::move(onEnd)),
-      m_peer(options.host.c_str(), static_cast<unsigned short>(options.port)) {}
+Sender::Sender(const Options& options, const CNxInetAddr& peer, INxReactor& reactor,
+               std::function<void()> onEnd)
+    : m_options(options), m_reactor(reactor), m_onEnd(std::move(onEnd)), m_peer(peer) {}
 
 bool Sender::Open() {
     // Not connected: an answer of the system that nobody listens there would end the handler, and

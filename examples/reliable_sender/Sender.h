@@ -35,7 +35,8 @@ class Sender : public INxEventHandler,
                private CNxTimerPreciseWrapperIDSink {
 public:
     // `onEnd` is called when every request is answered or the time is over.
-    Sender(const Options& options, INxReactor& reactor, std::function<void()> onEnd);
+    Sender(const Options& options, const CNxInetAddr& peer, INxReactor& reactor,
+           std::function<void()> onEnd);
     Sender(const Sender&) = delete;
     Sender& operator=(const Sender&) = delete;
 

@@ -1,8 +1,8 @@
 // reliable_sender: requests over UDP that are sent until they are answered. See --help.
 //
 // The main thread only waits. The socket and what answers the timers are the network thread's.
-#include <common/AddressText.h>
 #include <common/CommandLine.h>
+#include <common/HostLookup.h>
 #include <common/Program.h>
 #include <nx/thread/CNxThreadManager.h>
 #include <reliable_sender/Options.h>
@@ -24,7 +24,7 @@ constexpr const char* c_usage =
     "Sends requests over UDP, each again every 2 seconds until the peer has answered it.\n"
     "With --listen it is the peer.\n"
     "\n"
-    "  --host ADDR        IPv4 or IPv6 address of the peer (127.0.0.1)\n"
+    "  --host HOST        name or address of the peer (127.0.0.1)\n"
     "  --port P           its port\n"
     "  --requests N       requests to send (10)\n"
     "  --interval MS      a new one every so many milliseconds (100)\n"
@@ -60,20 +60,19 @@ CommandLine Describe(Options& options) {
         if ((options.port == 0) == (options.listen == 0)) {
             return "one of --port and --listen is needed";
         }
-        return CheckAddress("--host", options.host);
+        return {};
     };
     return line;
 }
 
-int RunPeer(const Options& options, Program& program) {
+int RunPeer(const Options& options, const CNxInetAddr& address, Program& program) {
     Peer peer(program.GetReactor(), options.lose);
-    const CNxInetAddr address(options.host.c_str(), static_cast<unsigned short>(options.listen));
     NetworkWork work;
     work.open = [&]() -> std::string {
         if (!peer.Open(address)) {
             return "cannot listen there";
         }
-        std::printf("listening on %s\n", ToText(peer.GetAddress()).c_str());
+        std::printf("listening on %s\n", peer.GetAddress().GetHostPort().c_str());
         std::fflush(stdout);
         return {};
     };
@@ -88,8 +87,8 @@ int RunPeer(const Options& options, Program& program) {
     return c_statusSignal + program.GetSignal();
 }
 
-int RunSender(const Options& options, Program& program) {
-    Sender sender(options, program.GetReactor(), StopMain);
+int RunSender(const Options& options, const CNxInetAddr& address, Program& program) {
+    Sender sender(options, address, program.GetReactor(), StopMain);
     NetworkWork work;
     work.open = [&sender]() -> std::string {
         return sender.Open() ? "" : "cannot open a socket or start a timer";
@@ -124,5 +123,12 @@ int main(int argc, char** argv) {
         !program.StartNetwork(CNxThreadManager::CreateNetworkReactor())) {
         return Fail("cannot start the network thread");
     }
-    return options.listen != 0 ? RunPeer(options, program) : RunSender(options, program);
+    const bool isPeer = options.listen != 0;
+    CNxInetAddr address;
+    const std::string unknown = LookUpHost(
+        options.host, static_cast<unsigned short>(isPeer ? options.listen : options.port), address);
+    if (!unknown.empty()) {
+        return Fail(unknown);
+    }
+    return isPeer ? RunPeer(options, address, program) : RunSender(options, address, program);
 }

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cassert>
-#include <cctype>
 #include <new>
 
 namespace {
@@ -227,11 +226,11 @@ NxResult CDnsManagerImp::StartThread_l() {
 
 // May throw std::bad_alloc, with nothing changed.
 void CDnsManagerImp::AddAsk_l(CPending& pending, INxObserver* observer, INxEventQueue& queue) {
-    std::list<CNxAutoPtr<CDnsAsk>> ask;
-    ask.emplace_back(new CDnsAsk(*this, queue));
-    ask.front()->m_place = m_asks.emplace(observer, ask.front());
-    ask.front()->m_isListed = true;
-    pending.m_asks.splice(pending.m_asks.end(), ask);
+    const CNxAutoPtr<CDnsAsk> ask(new CDnsAsk(*this, queue));
+    std::list<CNxAutoPtr<CDnsAsk>> asks{ask};
+    ask->m_place = m_asks.emplace(observer, ask);
+    ask->m_isListed = true;
+    pending.m_asks.splice(pending.m_asks.end(), asks);
 }
 
 void CDnsManagerImp::Forget_l(CDnsAsk& ask) {
@@ -356,6 +355,7 @@ void CDnsManagerImp::Publish_l(const CDnsLookup& lookup) {
 }
 
 void CDnsManagerImp::PostUntold_l() {
+    // The analysis does not see that this runs within the call.
     m_untold.remove_if([this](const CNxAutoPtr<CDnsAsk>& ask) NX_NO_THREAD_SAFETY_ANALYSIS {
         return !ask->m_isListed || Post_l(*ask);
     });

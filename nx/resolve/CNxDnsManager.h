@@ -45,7 +45,7 @@ inline constexpr int NX_THREAD_RESOLVER = 6;
 // through the name servers; an answer that comes after its time-out is taken. Where only another
 // than the first server has answered, that one is asked first for the next 30 s, so a dead server
 // costs one time-out in that time. Up to 8,192 names are looked up at a time, others wait for
-// these.
+// these; at most 4,000 are started in a second.
 //
 // A forked child remembers what its parent did, and looks names up with a thread of its own. Who
 // asked before the fork is told in the parent alone.

@@ -47,11 +47,10 @@ TEST(ReliableSender, SendsAgainWhatWasLostUntilEverythingIsAnswered) {
     CNxInetAddr address;
     ASSERT_EQ(0, peer.m_socket.GetLocalAddr(address));
     Options options;
-    options.port = address.GetPort();
     options.requests = c_requests;
     options.interval = 10;
     std::promise<void> end;
-    Sender sender(options, reactor, [&end] { end.set_value(); });
+    Sender sender(options, address, reactor, [&end] { end.set_value(); });
     CallOn(reactor, [&sender] { EXPECT_TRUE(sender.Open()); });
     std::set<unsigned int> seen;
     std::set<unsigned int> answered;
