@@ -17,6 +17,14 @@ constexpr size_t c_sizes = c_largest / c_granularity;
 constexpr size_t c_packsOnShelf = 8;
 
 #if defined(__SANITIZE_ADDRESS__)
+#define NX_ADDRESS_SANITIZER
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define NX_ADDRESS_SANITIZER
+#endif
+#endif
+
+#if defined(NX_ADDRESS_SANITIZER)
 // It is to find who uses an object that is gone.
 constexpr bool c_areRecycled = false;
 #else
