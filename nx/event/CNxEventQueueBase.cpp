@@ -113,10 +113,12 @@ NxResult CNxEventQueueBase::PopPendingEvents(Batch& out, size_t max, size_t* rem
     }
     if (count <= max) {
         TakeAll_i(out);
-    } else if (CopyFirst_i(out, max)) {
-        DropFirst_i(max);
     } else {
-        return NX_ERROR_FAILURE;
+        const size_t copied = CopyFirst_i(out, max);
+        if (copied == 0 && max != 0) {
+            return NX_ERROR_FAILURE;
+        }
+        DropFirst_i(copied);
     }
     if (remaining != nullptr) {
         *remaining = GetCount_i();
@@ -156,14 +158,19 @@ NxResult CNxEventQueueBase::PopOnePendingEvent(INxEvent*& out, size_t* remaining
     return NX_OK;
 }
 
-bool CNxEventQueueBase::CopyFirst_i(Batch& out, size_t count) const {
+// Copies as many of the first `most` as there is memory for, and returns how many.
+size_t CNxEventQueueBase::CopyFirst_i(Batch& out, size_t most) const {
     const auto first = m_pendingEvents.begin() + static_cast<std::ptrdiff_t>(m_first);
-    try {
-        out.assign(first, first + static_cast<std::ptrdiff_t>(count));
-    } catch (const std::bad_alloc&) {
-        return false;
+    // A backlog that nobody takes would keep the memory that there is.
+    for (; most != 0; most /= 2) {
+        try {
+            out.assign(first, first + static_cast<std::ptrdiff_t>(most));
+            return most;
+        } catch (const std::bad_alloc&) {
+            assert(out.empty());
+        }
     }
-    return true;
+    return 0;
 }
 
 void CNxEventQueueBase::DropFirst_i(size_t count) {

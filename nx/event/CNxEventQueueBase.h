@@ -45,7 +45,8 @@ public:
     // Moves up to `max` events, oldest first, to `out`, which must be empty; `remaining` (may be
     // null) gets the number left. With `max` 0 nothing moves and the result is NX_OK.
     // NX_OK; NX_ERROR_NOT_FOUND when nothing waits, NX_ERROR_FAILURE without memory for `out`, and
-    // then nothing is written. Taking all into a batch needs none.
+    // then nothing is written. Taking all into a batch needs none; of more than `max` a batch gets
+    // as many as there is memory for.
     // Takes no lock: the owner of a locked queue holds its mutex.
     [[nodiscard]] NxResult PopPendingEvents(Batch& out, size_t max, size_t* remaining);
     [[nodiscard]] NxResult PopPendingEvents(std::list<INxEvent*>& out, size_t max,
@@ -107,7 +108,7 @@ protected:
 
 private:
     [[nodiscard]] bool MakeRoom_i(EAfter after);
-    [[nodiscard]] bool CopyFirst_i(Batch& out, size_t count) const;
+    [[nodiscard]] size_t CopyFirst_i(Batch& out, size_t most) const;
     void DropFirst_i(size_t count);
     void DropPopped_i();
 

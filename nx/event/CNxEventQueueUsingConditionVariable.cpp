@@ -1,4 +1,5 @@
 #include <nx/event/CNxEventQueueUsingConditionVariable.h>
+#include <nx/foundation/CCancelOff.h>
 #include <nx/foundation/CNxConditionVariableThread.h>
 
 #include <cassert>
@@ -43,23 +44,40 @@ NxResult CNxEventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<I
     return PopPendingEvents(out, max, nullptr);
 }
 
+// Counted in m_sleepers to the end of the scope, also when the thread is cancelled in it.
+class CNxEventQueueUsingConditionVariable::CSleeper {
+public:
+    explicit CSleeper(CNxEventQueueUsingConditionVariable& queue) NX_NO_THREAD_SAFETY_ANALYSIS
+        : m_queue(queue) {
+        ++m_queue.m_sleepers;
+    }
+    ~CSleeper() NX_NO_THREAD_SAFETY_ANALYSIS {
+        if (!m_isWoken && m_queue.m_sleepers != 0) {
+            --m_queue.m_sleepers;
+        } else if (!m_isWoken) {
+            // A post has promised the wake-up, and uses the queue until it has come.
+            const CCancelOff cancelOff;
+            [[maybe_unused]] const NxResult woken = m_queue.Sleep_l(CNxTimeValue::s_tvMax());
+            assert(woken == NX_OK);
+        }
+    }
+
+    CSleeper(const CSleeper&) = delete;
+    CSleeper& operator=(const CSleeper&) = delete;
+
+    bool m_isWoken = false;
+
+private:
+    CNxEventQueueUsingConditionVariable& m_queue;
+};
+
 // However it ends, what counts is whether an event is there afterwards.
 void CNxEventQueueUsingConditionVariable::WaitForEvent_l(const CNxTimeValue* timeout) {
     const bool mayWait = timeout == nullptr || *timeout > CNxTimeValue::s_tvZero();
-    if (GetCount_i() != 0 || !mayWait) {
-        return;
+    if (GetCount_i() == 0 && mayWait) {
+        CSleeper sleeper(*this);
+        sleeper.m_isWoken = Sleep_l(CNxConditionVariableThread::GetDeadline(timeout)) == NX_OK;
     }
-    ++m_sleepers;
-    if (Sleep_l(CNxConditionVariableThread::GetDeadline(timeout)) == NX_OK) {
-        return;
-    }
-    if (m_sleepers != 0) {
-        --m_sleepers;
-        return;
-    }
-    // A post has promised the wake-up, and uses the queue until it has come.
-    [[maybe_unused]] const NxResult woken = Sleep_l(CNxTimeValue::s_tvMax());
-    assert(woken == NX_OK);
 }
 
 NxResult CNxEventQueueUsingConditionVariable::Sleep_l(const CNxTimeValue& deadline) {

@@ -22,6 +22,8 @@ protected:
     void WakeSleeper() override;
 
 private:
+    class CSleeper;
+
     void WaitForEvent_l(const CNxTimeValue* timeout) NX_REQUIRES(m_mutex);
     [[nodiscard]] NxResult Sleep_l(const CNxTimeValue& deadline) NX_REQUIRES(m_mutex);
 

@@ -1,3 +1,4 @@
+#include <nx/foundation/CCancelOff.h>
 #include <nx/foundation/high_descriptor.h>
 #include <nx/net/CNxIPCBase.h>
 #include <nx/reactor/CNxReactorBase.h>
@@ -147,6 +148,8 @@ bool CNxReactorNotifyPipe::Wake_i(bool always) {
 }
 
 bool CNxReactorNotifyPipe::Write_i() {
+    // Others rely on a wake-up of which the state says that it is on its way.
+    const CCancelOff cancelOff;
     if (m_counter != -1) {
         return eventfd_write(m_counter, 1) == 0;
     }

@@ -4,6 +4,7 @@
 #include <nx/foundation/standard_streams.h>
 #include <nx/trace/CNxT120TraceFile.h>
 #include <nx/trace/CTraceStamp.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -141,6 +142,11 @@ void UnlockFile(int fd) {
     }
 }
 
+// Of this process and of those that it comes from: parent and child may both write to a file that
+// was open before. Without the memory for the handler they must not.
+std::atomic<unsigned int> s_forks{0};
+[[maybe_unused]] const int s_forkNotice = pthread_atfork([] { ++s_forks; }, nullptr, nullptr);
+
 }  // namespace
 
 struct CNxT120TraceFile::CRecord {
@@ -173,6 +179,7 @@ CNxT120TraceFile::CNxT120TraceFile(const char* fileName, unsigned long maxSize,
       m_maxSize(BoundSize(maxSize)),
       m_shared(shared),
       m_buffer(new char[LINE_SIZE + MARKER_SIZE]),
+      m_forks(s_forks.load()),
       m_isAlone(shared == 0) {
     if (!m_fileName.empty() && create != 0) {
         const CCancelOff cancelOff;
@@ -421,8 +428,6 @@ void CNxT120TraceFile::AfterFork(bool isChild) NX_NO_THREAD_SAFETY_ANALYSIS {
         m_bufferedBytes = 0;
         m_bufferedLines = 0;
     }
-    // Parent and child may both write to it.
-    m_isAlone = false;
     m_mutex.UnLock();
 }
 
@@ -479,7 +484,8 @@ void CNxT120TraceFile::Flush() {
     if (m_fd < 0 || m_bufferedBytes == 0) {
         return;
     }
-    const long offset = m_isAlone && m_lastOffset != 0 ? m_lastOffset : ReadOffset();
+    const bool isAlone = m_isAlone && m_forks == s_forks.load();
+    const long offset = isAlone && m_lastOffset != 0 ? m_lastOffset : ReadOffset();
     if (offset == UNKNOWN) {
         return;
     }

@@ -166,7 +166,9 @@ private:
     std::unique_ptr<char[]> m_buffer;
     // What this object put into the header last; such an offset needs no checking.
     long m_lastOffset = 0;
-    // Nobody else can have written to the file: then the header still holds that.
+    // Nobody else can have written to the file unless there were further forks: then the header
+    // still holds that.
+    const unsigned int m_forks;
     bool m_isAlone;
     bool m_draining = false;
     std::atomic<bool> m_wrapped{false};

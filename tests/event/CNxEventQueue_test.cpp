@@ -3,6 +3,7 @@
 
 #include <pthread.h>
 
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -123,6 +124,48 @@ TEST(EventQueue, ASenderIsNotCancelledWithinItsPost) {
     sender.join();
     EXPECT_EQ(counts.m_fired, 1);
     EXPECT_TRUE(counts.AllDestroyed());
+}
+
+// A post that is still on its way to wake the owner when that is cancelled.
+class QueueWithASlowWakeUp : public CNxEventQueueUsingConditionVariable {
+public:
+    bool HasSleeper() {
+        CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
+        return m_sleepers != 0;
+    }
+
+    std::atomic<unsigned long> m_ownerThread{0};
+    std::atomic<bool> m_isGone{false};
+    bool m_wasGone = true;
+
+protected:
+    void WakeSleeper() override {
+        pthread_cancel(m_ownerThread.load());
+        for (int i = 0; i < 10000 && !m_isGone.load(); ++i) {
+            std::this_thread::yield();
+        }
+        m_wasGone = m_isGone.load();
+        CNxEventQueueUsingConditionVariable::WakeSleeper();
+    }
+};
+
+TEST(EventQueue, ACancelledOwnerLeavesTheQueueAfterTheWakeUpThatIsForIt) {
+    QueueWithASlowWakeUp queue;
+    EventCounts counts;
+    std::thread owner([&] {
+        queue.m_ownerThread = pthread_self();
+        const std::shared_ptr<void> atEnd(nullptr, [&](void*) { queue.m_isGone = true; });
+        CNxEventQueueBase::Batch events;
+        static_cast<void>(queue.PopOrWaitPendingEvents(events, nullptr, 1));
+    });
+    while (!queue.HasSleeper()) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(queue.PostEvent(new CountedEvent(counts), c_normal), NX_OK);
+    owner.join();
+    EXPECT_FALSE(queue.m_wasGone);
+    // Nobody is taken for asleep.
+    EXPECT_FALSE(queue.HasSleeper());
 }
 
 // Posters, senders and a stopping owner in every interleaving that the scheduler finds: every event

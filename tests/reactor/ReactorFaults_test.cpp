@@ -1,6 +1,7 @@
 // Nothing is lost when a call fails, a peer resets or there is no memory, on any of the reactors.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
@@ -79,6 +80,21 @@ TYPED_TEST(ReactorFaults, SendEventAndStopReturnAlthoughNoWakeUpGoesOut) {
     const Loop loop(this->m_reactor);
     FailWakeUps(this->m_calls, 1000);
     EXPECT_EQ(this->m_reactor.SendEvent(new CountedEvent(this->m_counts)), NX_OK);
+}
+
+// The others that post rely on the wake-up.
+TYPED_TEST(ReactorFaults, CancelledThreadIsNotTornFromItsWakeUp) {
+    ASSERT_EQ(this->m_reactor.Open(), NX_OK);
+    bool hasReturned = false;
+    std::thread poster([&] {
+        pthread_cancel(pthread_self());
+        this->m_reactor.PostEvent(new CountedEvent(this->m_counts), c_normal);
+        hasReturned = true;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    });
+    poster.join();
+    EXPECT_TRUE(hasReturned);
+    EXPECT_EQ(this->m_reactor.Close(), NX_OK);
 }
 
 TYPED_TEST(ReactorFaults, NotificationsAreNotRefusedForWantOfRoom) {

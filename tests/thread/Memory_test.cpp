@@ -1,5 +1,6 @@
 // When memory runs out: every allocation of each operation fails in turn.
 #include <gtest/gtest.h>
+#include <nx/event/CNxEventQueueUsingMutex.h>
 #include <nx/foundation/CNxSingleton.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadManager.h>
@@ -83,6 +84,24 @@ const std::function<int(INxTimerQueue&)> c_fire[] = {
     }};
 
 // A refused timer leaves what was there, and firing and arming again need no memory at all.
+TEST(Memory, BacklogIsTakenInSmallerPartsWithoutTheMemoryForLargeOnes) {
+    CNxEventQueueUsingMutex queue;
+    EventCounts counts;
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(queue.PostEvent(new CountedEvent(counts), c_normal), NX_OK);
+    }
+    CNxEventQueueBase::Batch events;
+    size_t remaining = 0;
+    {
+        const FailingNew memory(0, FailingNew::ONCE);
+        CNxMutexGuardT<CNxMutexThread> guard(queue.GetMutex());
+        ASSERT_EQ(queue.PopPendingEvents(events, 2, &remaining), NX_OK);
+    }
+    EXPECT_EQ(events.size(), 1u);
+    EXPECT_EQ(remaining, 2u);
+    queue.ProcessEvents(events);
+}
+
 TEST(Memory, TimerQueueWithoutItRefusesAndKeepsWhatItHas) {
     SimulatedClock clock;
     for (int kind = 0; kind < 3; ++kind) {

@@ -279,9 +279,14 @@ TEST_F(CNxT120TraceFileTest, AFileThatCannotBeOpenedIsTriedAgainAndTellsWhatWasL
     }
 }
 
+// Also in one that no manager owns.
 TEST_F(CNxT120TraceFileTest, AParentAndItsChildMayTakeTurnsInAPrivateFile) {
+    CNxT120TraceFile own(m_folder.Path("own").c_str(), 0, 0, 1);
     void* const file = T120_Open_Trace_Dev(m_path.c_str(), 0, 0, 1);
-    const auto write = [file](const char* text) { g_trace_mgr.write(file, "Log", "Info", text); };
+    const auto write = [&](const char* text) {
+        g_trace_mgr.write(file, "Log", "Info", text);
+        own.write("Log", "Info", text);
+    };
     write("parent");
     const pid_t child = fork();
     if (child == 0) {
@@ -291,7 +296,9 @@ TEST_F(CNxT120TraceFileTest, AParentAndItsChildMayTakeTurnsInAPrivateFile) {
     waitpid(child, nullptr, 0);
     write("parent again");
     T120_Close_Trace_Dev(file);
-    EXPECT_EQ(TextsIn(m_path), (Texts{"Info:parent", "Info:child", "Info:parent again"}));
+    const Texts texts{"Info:parent", "Info:child", "Info:parent again"};
+    EXPECT_EQ(TextsIn(m_path), texts);
+    EXPECT_EQ(TextsIn(m_folder.Path("own")), texts);
 }
 
 // A process that holds the lock of a file.
