@@ -69,15 +69,15 @@ NxResult Give(CNxDnsRecord*& record, CNxDnsRecord& found) {
 // manager's mutex.
 class CDnsAsk final : public INxEvent, public CNxReferenceControlT<CNxMutexThread> {
 public:
-    CDnsAsk(CDnsManagerImp& manager, INxEventQueue& queue) : m_manager(manager), m_queue(queue) {}
+    CDnsAsk(CDnsManagerImp* manager, INxEventQueue& queue) : m_manager(manager), m_queue(queue) {}
 
     NxResult OnEventFire() override {
-        m_manager.Tell(*this);
+        m_manager->Tell(*this);
         return NX_OK;
     }
     void OnDestorySelf() override { ReleaseReference(); }
 
-    CDnsManagerImp& m_manager;
+    const CNxAutoPtr<CDnsManagerImp> m_manager;
     INxEventQueue& m_queue;
     CNxAutoPtr<CNxDnsRecord> m_record;
     // Where it stands among all that are to be told; nowhere once it was told or cancelled.
@@ -102,7 +102,7 @@ CDnsManagerImp::CDnsManagerImp(int threadType) : m_threadType(threadType) {
     s_instance.store(this);
 }
 
-CDnsManagerImp::~CDnsManagerImp() {
+void CDnsManagerImp::End() {
     CDnsThread* thread = nullptr;
     {
         CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
@@ -114,6 +114,8 @@ CDnsManagerImp::~CDnsManagerImp() {
         thread->Join();
     }
     s_instance.store(nullptr);
+    CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
+    ForgetAll_l();
 }
 
 NxResult CDnsManagerImp::AsyncResolve(CNxDnsRecord*& record, const CNxString& host,
@@ -226,7 +228,7 @@ NxResult CDnsManagerImp::StartThread_l() {
 
 // May throw std::bad_alloc, with nothing changed.
 void CDnsManagerImp::AddAsk_l(CPending& pending, INxObserver* observer, INxEventQueue& queue) {
-    const CNxAutoPtr<CDnsAsk> ask(new CDnsAsk(*this, queue));
+    const CNxAutoPtr<CDnsAsk> ask(new CDnsAsk(this, queue));
     std::list<CNxAutoPtr<CDnsAsk>> asks{ask};
     ask->m_place = m_asks.emplace(observer, ask);
     ask->m_isListed = true;
@@ -240,6 +242,13 @@ void CDnsManagerImp::Forget_l(CDnsAsk& ask) {
         const CNxAutoPtr<CDnsAsk> kept(&ask);
         m_asks.erase(ask.m_place);
     }
+}
+
+void CDnsManagerImp::ForgetAll_l() {
+    for (const auto& ask : m_asks) {
+        ask.second->m_isListed = false;
+    }
+    m_asks.clear();
 }
 
 NxResult CDnsManagerImp::CancelResolve(INxObserver* observer) {
@@ -450,7 +459,7 @@ void CDnsManagerImp::AfterForkInChild() NX_NO_THREAD_SAFETY_ANALYSIS {
         manager->m_toStart.clear();
         manager->m_pending.clear();
         manager->m_untold.clear();
-        manager->m_asks.clear();
+        manager->ForgetAll_l();
         manager->m_mutex.UnLock();
     }
 }

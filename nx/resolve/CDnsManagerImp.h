@@ -6,6 +6,7 @@
 
 #include <nx/foundation/CNxAutoPtr.h>
 #include <nx/foundation/CNxMutexThread.h>
+#include <nx/foundation/CNxReferenceControl.h>
 #include <nx/foundation/CNxString.h>
 #include <nx/foundation/NxResult.h>
 #include <nx/resolve/CDnsThread.h>
@@ -15,12 +16,17 @@ class CDnsAsk;
 class INxEventQueue;
 class INxObserver;
 
-class CDnsManagerImp final : private CDnsThread::IWork {
+// Counted, because the events that tell observers use it: one may wait on a thread that runs on
+// while the process exits.
+class CDnsManagerImp final : public CNxReferenceControlT<CNxMutexThread>,
+                             private CDnsThread::IWork {
 public:
     explicit CDnsManagerImp(int threadType);
-    ~CDnsManagerImp();
     CDnsManagerImp(const CDnsManagerImp&) = delete;
     CDnsManagerImp& operator=(const CDnsManagerImp&) = delete;
+
+    // For the tear-down: ends the resolver thread and tells nobody any more.
+    void End();
 
     [[nodiscard]] NxResult AsyncResolve(CNxDnsRecord*& record, const CNxString& host,
                                         INxObserver* observer, int allowExpired, CNxThread* thread);
@@ -54,6 +60,7 @@ private:
     void AddAsk_l(CPending& pending, INxObserver* observer, INxEventQueue& queue)
         NX_REQUIRES(m_mutex);
     void Forget_l(CDnsAsk& ask) NX_REQUIRES(m_mutex);
+    void ForgetAll_l() NX_REQUIRES(m_mutex);
     void Publish_l(const CDnsLookup& lookup) NX_REQUIRES(m_mutex);
     void Cache_l(const Record& record) NX_REQUIRES(m_mutex);
     void Evict_l() NX_REQUIRES(m_mutex);

@@ -1,4 +1,3 @@
-#include <nx/foundation/CNxAutoPtr.h>
 #include <nx/foundation/CNxTimeValue.h>
 #include <nx/net/CNxInetAddr.h>
 #include <nx/resolve/CDnsManagerImp.h>
@@ -12,7 +11,9 @@ CNxDnsManager* CNxDnsManager::Instance() {
 
 CNxDnsManager::CNxDnsManager() : m_imp(new CDnsManagerImp(NX_THREAD_RESOLVER)) {}
 
-CNxDnsManager::~CNxDnsManager() = default;
+CNxDnsManager::~CNxDnsManager() {
+    m_imp->End();
+}
 
 NxResult CNxDnsManager::AsyncResolve(CNxDnsRecord*& record, const CNxString& host,
                                      INxObserver* observer, int allowExpired, CNxThread* thread) {

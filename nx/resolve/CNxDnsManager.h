@@ -17,8 +17,7 @@
 //     Client::~Client() { CNxDnsManager::Instance()->CancelResolve(this); }
 #pragma once
 
-#include <memory>
-
+#include <nx/foundation/CNxAutoPtr.h>
 #include <nx/foundation/CNxSingleton.h>
 #include <nx/foundation/CNxString.h>
 #include <nx/foundation/NxResult.h>
@@ -114,5 +113,5 @@ private:
 
     CNxDnsManager();
 
-    const std::unique_ptr<CDnsManagerImp> m_imp;
+    const CNxAutoPtr<CDnsManagerImp> m_imp;
 };

@@ -179,6 +179,15 @@ TEST(KvLoad, AWrongReplyASilentServerAndOneThatHangsUpAreFailures) {
 }
 
 // What it cannot send any more is no sign of life.
+TEST(KvLoad, WhatIsNoHostIsAFailureAndAHostNameIsNot) {
+    const Outcome none = RunLoad("--host 'a b' --port 1");
+    EXPECT_EQ(1, none.status);
+    EXPECT_NE(std::string::npos, none.messages.find("cannot find the address of 'a b'"));
+    const Outcome here = RunLoad("--host localhost --port 1");
+    EXPECT_EQ(1, here.status);
+    EXPECT_NE(std::string::npos, here.messages.find("cannot connect to 127.0.0.1:1"));
+}
+
 TEST(KvLoad, AServerThatDoesNotReadIsAFailureToo) {
     CNxSocketTcp listener;
     const Outcome full = RunLoad("--value-size 10000000 --port " + Listen(listener));
