@@ -250,13 +250,15 @@ NxResult CNxProcess::Start(const CNxProcessStart& start) {
             return result;
         }
         CDescriptor handle(OpenPidfd(pid));
-        if (!handle.IsOpen()) {
+        // No such process: SIGCHLD is ignored, and it has ended.
+        if (!handle.IsOpen() && errno != ESRCH) {
             KillAndForget(pid);
             return NX_ERROR_FAILURE;
         }
         m_pid = pid;
         m_starter = getpid();
         m_handle = handle.Release();
+        m_reaped = NX_ERROR_NOT_AVAILABLE;
         return NX_OK;
     });
 }

@@ -74,7 +74,8 @@ public:
 
     // Sends it a signal, never to another process that has its id by now.
     // NX_OK, also when it has just ended; NX_ERROR_NOT_INITIALIZED when nothing was started or the
-    // end was waited for; NX_ERROR_FAILURE with errno (EPERM, EINVAL).
+    // end was waited for, or taken away before Start() returned; NX_ERROR_FAILURE with errno
+    // (EPERM, EINVAL).
     [[nodiscard]] NxResult Signal(int signo) const;
 
     // SIGTERM, and after `grace` SIGKILL; returns as Wait() without limit.

@@ -5,8 +5,9 @@
 #include <sys/stat.h>
 
 #include <cassert>
+#include <cerrno>
+#include <charconv>
 #include <cstdio>
-#include <cstdlib>
 
 namespace {
 
@@ -25,7 +26,9 @@ NxResult Open(const CNxString& path, int flags, CDescriptor& file) {
     }
     file = CDescriptor(open(path.c_str(), flags | c_openFlags, 0644));
     if (!file.IsOpen()) {
-        return errno == ELOOP || errno == EISDIR ? NX_ERROR_INVALID_ARG : NX_ERROR_FAILURE;
+        // A link, a folder, a socket or a device that is not there.
+        const bool isOther = errno == ELOOP || errno == EISDIR || errno == ENXIO;
+        return isOther ? NX_ERROR_INVALID_ARG : NX_ERROR_FAILURE;
     }
     struct stat status {};
     if (fstat(file.Get(), &status) != 0) {
@@ -119,10 +122,12 @@ NxResult CNxProcessLock::GetHolder(const CNxString& path, pid_t& pid) {
     if (length < 0) {
         return NX_ERROR_FAILURE;
     }
-    const long id = std::strtol(line, nullptr, 10);
-    const bool isWhole = length > 1 && line[length - 1] == '\n' && id > 0;
-    if (isWhole) {
-        pid = static_cast<pid_t>(id);
+    // Whoever may write the file may have written anything: -1, say, is no process but all of them.
+    pid_t id = 0;
+    const auto read = std::from_chars(line, line + length, id);
+    if (read.ec != std::errc() || *read.ptr != '\n' || id <= 0) {
+        return NX_ERROR_NOT_AVAILABLE;
     }
-    return isWhole ? NX_OK : NX_ERROR_NOT_AVAILABLE;
+    pid = id;
+    return NX_OK;
 }

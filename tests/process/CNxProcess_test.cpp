@@ -223,6 +223,24 @@ TEST(CNxProcess, AnEndThatSomebodyElseTookIsNotMadeUp) {
     EXPECT_EQ(NX_ERROR_NOT_AVAILABLE, process.Wait(end));
 }
 
+// The system takes the end away, of some before they are looked for.
+TEST(CNxProcess, IsStartedAlsoWhereSigchldIsIgnored) {
+    Child child([] {
+        std::signal(SIGCHLD, SIG_IGN);
+        for (int i = 0; i < 500; ++i) {
+            CNxProcess process;
+            CNxProcessEnd end;
+            CNxProcessStart start;
+            start.m_program = "/bin/true";
+            if (process.Start(start) != NX_OK || process.Wait(end) != NX_ERROR_NOT_AVAILABLE) {
+                return 1;
+            }
+        }
+        return 0;
+    });
+    EXPECT_EQ(0, child.Wait());
+}
+
 TEST(CNxProcess, ManyFromManyThreadsAllEndAsTheyShould) {
     const long before = CountDescriptors();
     std::atomic<int> wrong{0};
