@@ -5,8 +5,9 @@
 #include <sys/stat.h>
 
 #include <cassert>
+#include <cerrno>
+#include <charconv>
 #include <cstdio>
-#include <cstdlib>
 
 namespace {
 
@@ -119,10 +120,12 @@ NxResult CNxProcessLock::GetHolder(const CNxString& path, pid_t& pid) {
     if (length < 0) {
         return NX_ERROR_FAILURE;
     }
-    const long id = std::strtol(line, nullptr, 10);
-    const bool isWhole = length > 1 && line[length - 1] == '\n' && id > 0;
-    if (isWhole) {
-        pid = static_cast<pid_t>(id);
+    // Whoever may write the file may have written anything: -1, say, is no process but all of them.
+    pid_t id = 0;
+    const auto read = std::from_chars(line, line + length, id);
+    if (read.ec != std::errc() || *read.ptr != '\n' || id <= 0) {
+        return NX_ERROR_NOT_AVAILABLE;
     }
-    return isWhole ? NX_OK : NX_ERROR_NOT_AVAILABLE;
+    pid = id;
+    return NX_OK;
 }

@@ -37,6 +37,19 @@ TEST(CNxProcessLock, OneHolderAtATimeWhoseIdStandsInTheFile) {
     EXPECT_EQ(NX_ERROR_NOT_FOUND, CNxProcessLock::GetHolder(path, holder));
 }
 
+TEST(CNxProcessLock, WhatIsNoIdIsNotTaken) {
+    const CTempFolder folder;
+    const CNxString path = folder.Path("lock").c_str();
+    CNxProcessLock lock;
+    ASSERT_EQ(NX_OK, lock.Lock(path));
+    pid_t holder = 7;
+    for (const char* text : {"", "12", "12a\n", "0\n", "-1\n", "4294967295\n", " 12\n"}) {
+        folder.Put("lock", text);
+        EXPECT_EQ(NX_ERROR_NOT_AVAILABLE, CNxProcessLock::GetHolder(path, holder)) << text;
+    }
+    EXPECT_EQ(7, holder);
+}
+
 TEST(CNxProcessLock, OnlyRegularFilesAreLocked) {
     const CTempFolder folder;
     folder.Put("target", "precious");
