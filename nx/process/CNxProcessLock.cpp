@@ -26,7 +26,9 @@ NxResult Open(const CNxString& path, int flags, CDescriptor& file) {
     }
     file = CDescriptor(open(path.c_str(), flags | c_openFlags, 0644));
     if (!file.IsOpen()) {
-        return errno == ELOOP || errno == EISDIR ? NX_ERROR_INVALID_ARG : NX_ERROR_FAILURE;
+        // A link, a folder, a socket or a device that is not there.
+        const bool isOther = errno == ELOOP || errno == EISDIR || errno == ENXIO;
+        return isOther ? NX_ERROR_INVALID_ARG : NX_ERROR_FAILURE;
     }
     struct stat status {};
     if (fstat(file.Get(), &status) != 0) {

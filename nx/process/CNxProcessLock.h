@@ -36,7 +36,9 @@ public:
     // Empties the file. Nothing happens without a lock.
     void UnLock();
 
-    // Whether this process locked with this object, and the file is still the one of its name.
+    // Whether this process locked with this object, and the file is still the one of its name. A
+    // relative path is followed from the working folder of now, so who changes that locks by a path
+    // from the root.
     bool IsHeld() const;
 
     // Who holds the lock of that file now, without taking it.

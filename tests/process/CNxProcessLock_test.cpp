@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 #include <nx/process/CNxProcessLock.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
@@ -55,8 +57,14 @@ TEST(CNxProcessLock, OnlyRegularFilesAreLocked) {
     folder.Put("target", "precious");
     ASSERT_EQ(0, symlink(folder.Path("target").c_str(), folder.Path("link").c_str()));
     ASSERT_EQ(0, mkfifo(folder.Path("pipe").c_str(), 0600));
+    std::filesystem::current_path(folder.Path());
+    const sockaddr address{AF_UNIX, "socket"};
+    const int socketFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(0, bind(socketFd, &address, sizeof(address)));
+    close(socketFd);
+    std::filesystem::current_path("/");
     pid_t holder = 0;
-    for (const char* name : {"link", "pipe"}) {
+    for (const char* name : {"link", "pipe", "socket", ""}) {
         const CNxString path = folder.Path(name).c_str();
         EXPECT_EQ(NX_ERROR_INVALID_ARG, CNxProcessLock().Lock(path)) << name;
         EXPECT_NE(NX_OK, CNxProcessLock::GetHolder(path, holder)) << name;
