@@ -179,8 +179,9 @@ bool CNxProcessInfo::IsAlive() const {
         const NxResult opened = OpenFolder(m_pid, folder);
         return opened == NX_OK ? ReadStat(folder, stat) : opened;
     });
-    return result == NX_OK && stat.m_startTicks == m_startTicks && stat.m_state != 'Z' &&
-           stat.m_state != 'X';
+    // Where only the first thread has ended, the process says Z and goes on with the others.
+    const bool hasEnded = (stat.m_state == 'Z' || stat.m_state == 'X') && stat.m_threads <= 1;
+    return result == NX_OK && stat.m_startTicks == m_startTicks && !hasEnded;
 }
 
 CNxTimeValue CNxProcessInfo::GetStartTime() const {

@@ -49,7 +49,9 @@ public:
     const std::vector<CNxString>& GetCommandLine() const { return m_commandLine; }
 
     // R running, S asleep, D in a wait that nothing interrupts, Z ended and not waited for, T
-    // stopped, t stopped by a debugger, I an idle thread of the kernel, X ending.
+    // stopped, t stopped by a debugger, I an idle thread of the kernel, X ending. It is that of the
+    // first thread: A PROCESS WHOSE FIRST THREAD HAS ENDED BEFORE THE OTHERS SAYS Z, with no
+    // command line and no resident memory; IsAlive() knows it.
     char GetState() const { return m_state; }
 
     // In clock ticks (sysconf(_SC_CLK_TCK)) since the machine started.

@@ -16,8 +16,9 @@ enum class ECnxBase64 {
 CNxString cnx_base64_encode(const void* data, size_t size, ECnxBase64 kind = ECnxBase64::STANDARD);
 
 // Puts the bytes into `bytes`, which may be the same object as `text`.
-// NX_OK; NX_ERROR_INVALID_ARG, with `bytes` unchanged, for a byte that is not in the alphabet
-// (white space and line ends are not), a length that cannot be, missing, superfluous or (URL) any
-// "=", and bits that are left over and not zero. Throws std::bad_alloc when there is no memory.
+// NX_OK, otherwise `bytes` is unchanged: NX_ERROR_INVALID_ARG for a byte that is not in the
+// alphabet (white space and line ends are not), a length that cannot be, missing, superfluous or
+// (URL) any
+// "=", and bits that are left over and not zero; NX_ERROR_FAILURE without memory.
 [[nodiscard]] NxResult cnx_base64_decode(const CNxString& text, CNxString& bytes,
                                          ECnxBase64 kind = ECnxBase64::STANDARD);

@@ -2,6 +2,7 @@
 #include <nx/process/CNxProcessInfo.h>
 #include <nx/process/proc_text.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 
 #include <algorithm>
 #include <atomic>
@@ -95,6 +96,23 @@ TEST(CNxProcessInfo, AZombieIsThereButNotAlive) {
     EXPECT_EQ(NX_ERROR_INVALID_ARG, CNxProcessInfo::Read(-1, gone));
     EXPECT_EQ(0, gone.GetPid());
     EXPECT_FALSE(info.IsAlive());
+}
+
+TEST(CNxProcessInfo, IsAliveWithoutItsFirstThread) {
+    const Child child([]() -> int {
+        std::thread([] {
+            for (;;) {
+                pause();
+            }
+        }).detach();
+        return static_cast<int>(syscall(SYS_exit, 0));  // of this thread alone
+    });
+    CNxProcessInfo info = Read(child.GetPid());
+    while (info.GetState() != 'Z') {
+        std::this_thread::yield();
+        info = Read(child.GetPid());
+    }
+    EXPECT_TRUE(info.IsAlive());
 }
 
 TEST(CNxProcessInfo, ListsWhileProcessesComeAndGo) {
