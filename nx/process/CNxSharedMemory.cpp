@@ -71,6 +71,15 @@ int GetSegment(key_t key, size_t size, int flags) {
     }
 }
 
+void RemoveIfJustMade(int segment, const shmid_ds& status) {
+    const bool wasNeverAttached = status.shm_lpid == 0;
+    if (status.shm_cpid == getpid() && wasNeverAttached) {
+        const int savedErrno = errno;
+        shmctl(segment, IPC_RMID, nullptr);
+        errno = savedErrno;
+    }
+}
+
 }  // namespace
 
 NxResult CNxSharedMemory::OpenSegment(key_t key, size_t size, int flags) {
@@ -93,11 +102,9 @@ NxResult CNxSharedMemory::OpenSegment(key_t key, size_t size, int flags) {
     // Also when attaching: who made the segment may be about to make them.
     m_semaphores =
         semget(key, c_semaphores, IPC_CREAT | static_cast<int>(status.shm_perm.mode & 0777));
-    if (m_semaphores < 0) {
-        return NX_ERROR_FAILURE;
-    }
-    void* const data = shmat(segment, nullptr, 0);
-    if (reinterpret_cast<std::intptr_t>(data) == -1) {
+    void* const data = m_semaphores < 0 ? nullptr : shmat(segment, nullptr, 0);
+    if (data == nullptr || reinterpret_cast<std::intptr_t>(data) == -1) {
+        RemoveIfJustMade(segment, status);
         return NX_ERROR_FAILURE;
     }
     m_data = data;

@@ -30,7 +30,8 @@ public:
     // finds: whoever finds them under the lock sets the content up.
     // NX_OK; NX_ERROR_ALREADY_INITIALIZED when open; NX_ERROR_INVALID_ARG for size 0 and the key
     // IPC_PRIVATE; NX_ERROR_UNEXPECTED when there is a segment of another size (GetSize() tells
-    // it); NX_ERROR_FAILURE with errno (EACCES, ENOSPC ...).
+    // it); NX_ERROR_FAILURE with errno (EACCES, ENOSPC, EINVAL where others have semaphores of that
+    // key ...), and no segment is left that was not there.
     [[nodiscard]] NxResult Open(key_t key, size_t size, mode_t mode = 0600);
 
     // The same for a segment that somebody else has made: NX_ERROR_NOT_FOUND when there is none.

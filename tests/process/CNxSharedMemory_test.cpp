@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <nx/process/CNxSharedMemory.h>
 #include <sys/ipc.h>
+#include <sys/sem.h>
 #include <sys/shm.h>
 
 #include <atomic>
@@ -51,6 +52,16 @@ TEST_F(CNxSharedMemoryTest, IsMadeZeroOnceAndFoundWithItsSizeOnly) {
     EXPECT_EQ(NX_ERROR_NOT_FOUND, CNxSharedMemory::Remove(m_key));
     EXPECT_EQ(7, At(other).m_first);
     EXPECT_EQ(NX_ERROR_NOT_FOUND, other.Lock());
+}
+
+TEST_F(CNxSharedMemoryTest, WithoutItsSemaphoresNoSegmentIsLeft) {
+    const int foreign = semget(m_key, 1, IPC_CREAT | IPC_EXCL | 0600);
+    ASSERT_GE(foreign, 0);
+    EXPECT_EQ(NX_ERROR_FAILURE, m_memory.Open(m_key, 100));
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ(-1, shmget(m_key, 0, 0));
+    EXPECT_EQ(0, semctl(foreign, 0, IPC_RMID));
+    EXPECT_EQ(NX_OK, m_memory.Open(m_key, 100));
 }
 
 TEST_F(CNxSharedMemoryTest, TheLockExcludesAndEndsWithItsHolder) {
