@@ -38,7 +38,7 @@ inline constexpr int NX_THREAD_RESOLVER = 6;
 // Names are answered by /etc/hosts and the name servers of resolv.conf(5), in the order that
 // nsswitch.conf(5) says and with the search list of resolv.conf, which is read anew when it has
 // changed. Both IPv4 and IPv6 addresses are asked for. An answer that was cut off is asked for
-// again over TCP.
+// again over TCP, of each server once and for as long as the first time-out.
 //
 // A look-up waits for no other. The time-outs begin with SetTimeout's and double with every round
 // through the name servers; an answer that comes after its time-out is taken. Where only another

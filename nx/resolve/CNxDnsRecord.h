@@ -18,7 +18,8 @@ public:
     const CNxString& GetHostName() const { return m_hostName; }
 
     // NX_OK: there is at least one address. Otherwise there is none:
-    // NX_ERROR_NOT_AVAILABLE when the name does not exist or has no address,
+    // NX_ERROR_NOT_AVAILABLE when the name does not exist or has no address; ALSO WHEN ONE OF THE
+    // TWO QUESTIONS, for IPv4 and for IPv6, FAILED and then the other was answered with no address,
     // NX_ERROR_TIMEOUT when no name server has answered in time,
     // NX_ERROR_FAILURE when the name servers could not be reached, failed or answered nonsense,
     // without memory, and when the resolver was stopped meanwhile.
