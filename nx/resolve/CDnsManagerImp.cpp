@@ -204,10 +204,10 @@ NxResult CDnsManagerImp::Start_l(const CNxString& name, CPending*& pending) {
     toStart.front() = &pending->m_lookup;
     // It looks until nothing is left.
     const NxResult woken = m_toStart.empty() ? m_thread->Wake() : NX_OK;
-    // A thread that is ending leaves the look-up to OnThreadEnd.
-    if (woken != NX_OK && woken != NX_ERROR_NOT_INITIALIZED) {
+    if (woken != NX_OK) {
         m_pending.erase(at);
-        return NX_ERROR_FAILURE;
+        // A thread that is ending refuses before it tells OnThreadEnd.
+        return woken == NX_ERROR_NOT_INITIALIZED ? woken : NX_ERROR_FAILURE;
     }
     m_toStart.splice(m_toStart.end(), toStart);
     return NX_OK;
