@@ -6,6 +6,7 @@
 
 #include <cassert>
 #include <cerrno>
+#include <cstdint>
 #include <ctime>
 #include <iterator>
 
@@ -14,7 +15,6 @@ namespace {
 constexpr unsigned short c_lock = 0;
 constexpr unsigned short c_inside = 1;
 constexpr int c_semaphores = 2;
-void* const c_noData = reinterpret_cast<void*>(-1);  // shmat(2)
 
 // Each array takes effect as a whole or not at all.
 constexpr sembuf c_enter[] = {{c_lock, 0, 0}, {c_lock, 1, SEM_UNDO}, {c_inside, 1, 0}};
@@ -102,8 +102,8 @@ NxResult CNxSharedMemory::OpenSegment(key_t key, size_t size, int flags) {
     // Also when attaching: who made the segment may be about to make them.
     m_semaphores =
         semget(key, c_semaphores, IPC_CREAT | static_cast<int>(status.shm_perm.mode & 0777));
-    void* const data = m_semaphores < 0 ? c_noData : shmat(segment, nullptr, 0);
-    if (data == c_noData) {
+    void* const data = m_semaphores < 0 ? nullptr : shmat(segment, nullptr, 0);
+    if (data == nullptr || reinterpret_cast<std::intptr_t>(data) == -1) {
         RemoveIfJustMade(segment, status);
         return NX_ERROR_FAILURE;
     }
