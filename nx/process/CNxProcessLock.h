@@ -44,13 +44,8 @@ public:
     // Who holds the lock of that file now, without taking it.
     // NX_OK with the id; NX_ERROR_NOT_FOUND when nobody does or there is no such file;
     // NX_ERROR_NOT_AVAILABLE when someone does, and there is no id in it (yet);
-<<<<<<< HEAD
-    // NX_ERROR_INVALID_ARG as above; NX_ERROR_FAILURE with errno. For a moment after a lock was taken over it is the id
-    // of its last holder.
-=======
     // NX_ERROR_INVALID_ARG as above; NX_ERROR_FAILURE with errno. For a moment after a lock was
     // taken over it is the id of its last holder.
->>>>>>> h/attack11
     [[nodiscard]] static NxResult GetHolder(const CNxString& path, pid_t& pid);
 
 private:
