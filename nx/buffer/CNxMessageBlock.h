@@ -171,9 +171,16 @@ public:
     // hundred are kept in each thread and some hundred between them.
     static void* operator new(std::size_t size);
     static void* operator new(std::size_t size, const std::nothrow_t& tag) noexcept;
+    static void* operator new(std::size_t size, std::align_val_t alignment) {
+        return ::operator new(size, alignment);
+    }
     static void* operator new(std::size_t /*size*/, void* place) noexcept { return place; }
     static void operator delete(void* memory, std::size_t size) noexcept;
     static void operator delete(void* memory, const std::nothrow_t& tag) noexcept;
+    static void operator delete(void* memory, std::size_t /*size*/,
+                                std::align_val_t alignment) noexcept {
+        ::operator delete(memory, alignment);
+    }
     static void operator delete(void* /*memory*/, void* /*place*/) noexcept {}
 
 private:

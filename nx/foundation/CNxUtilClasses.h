@@ -28,7 +28,8 @@ private:
 };
 
 // Whether a thread's loop shall end; set (stopped) at construction. Any thread may set and read it;
-// the loop belongs to one thread.
+// the loop belongs to one thread. Setting it wakes nobody: a loop that waits for an event may never
+// look at it. CNxThread::Stop and INxReactor::StopEventLoop do both.
 class CNxStopFlag {
 public:
     void SetStartFlag() { m_stopped.store(0, std::memory_order_release); }
