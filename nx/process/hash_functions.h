@@ -6,7 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
-// XXH32 and XXH3's 64-bit form (https://xxhash.com): the same for the same seed on every machine, fit for files and for the wire. The 64-bit one is the faster.
+// XXH32 and XXH3's 64-bit form (https://xxhash.com): the same for the same seed on every machine,
+// fit for files and for the wire. The 64-bit one is the faster.
 std::uint32_t cnx_hash32(const void* data, size_t size, std::uint32_t seed = 0);
 std::uint64_t cnx_hash64(const void* data, size_t size, std::uint64_t seed = 0);
 
