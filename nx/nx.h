@@ -25,6 +25,7 @@
 #include <nx/foundation/CNxMutexOverFork.h>
 #include <nx/foundation/CNxMutexThread.h>
 #include <nx/foundation/CNxProcessWide.h>
+#include <nx/foundation/CNxRecycled.h>
 #include <nx/foundation/CNxReferenceControl.h>
 #include <nx/foundation/CNxSemaphore.h>
 #include <nx/foundation/CNxSingleton.h>

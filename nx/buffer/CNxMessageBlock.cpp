@@ -1,5 +1,4 @@
 #include <nx/buffer/CNxMessageBlock.h>
-#include <nx/foundation/CRecycledPlaces.h>
 
 #include <algorithm>
 #include <cassert>
@@ -53,24 +52,6 @@ CNxMessageBlock::CNxMessageBlock(CNxDataBlock* dataBlock, unsigned long flags)
     if (dataBlock != nullptr) {
         ViewStorage(dataBlock->GetData(), dataBlock->GetSize());
     }
-}
-
-void* CNxMessageBlock::operator new(size_t size) {
-    void* const place = CRecycledPlaces::Take(size);
-    return place != nullptr ? place : ::operator new(size);
-}
-
-void* CNxMessageBlock::operator new(size_t size, const std::nothrow_t& tag) noexcept {
-    void* const place = CRecycledPlaces::Take(size);
-    return place != nullptr ? place : ::operator new(size, tag);
-}
-
-void CNxMessageBlock::operator delete(void* memory, size_t size) noexcept {
-    CRecycledPlaces::Leave(memory, size);
-}
-
-void CNxMessageBlock::operator delete(void* memory, const std::nothrow_t& tag) noexcept {
-    ::operator delete(memory, tag);
 }
 
 void CNxMessageBlock::ViewStorage(char* begin, unsigned long size) {

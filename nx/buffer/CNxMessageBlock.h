@@ -3,12 +3,11 @@
 
 #include <sys/uio.h>
 
-#include <cstddef>
 #include <cstring>
-#include <new>
 
 #include <nx/buffer/CNxDataBlock.h>
 #include <nx/foundation/CNxAutoPtr.h>
+#include <nx/foundation/CNxRecycled.h>
 #include <nx/foundation/CNxString.h>
 #include <nx/foundation/NxResult.h>
 
@@ -32,7 +31,7 @@
 // A chain belongs to one thread at a time, but duplicates that share storage may be read and
 // destroyed on different threads. Nothing here throws. Chains may have any length, but no circle.
 // Operations go from this block to the tail, unless they say that they concern this block alone.
-class CNxMessageBlock {
+class CNxMessageBlock : public CNxRecycled {
 public:
     static constexpr unsigned long DONT_DELETE = 0x1;      // wraps memory of the caller
     static constexpr unsigned long MALLOC_AND_COPY = 0x2;  // to the constructor: own storage
@@ -166,22 +165,6 @@ public:
     // empty. Null as well when there is no memory for the duplicates; the chain is then whole as
     // before.
     [[nodiscard]] CNxMessageBlock* Disjoint(unsigned long offset);
-
-    // A block on the heap takes the place that another has left, on this or another thread; about a
-    // hundred are kept in each thread and some hundred between them.
-    static void* operator new(std::size_t size);
-    static void* operator new(std::size_t size, const std::nothrow_t& tag) noexcept;
-    static void* operator new(std::size_t size, std::align_val_t alignment) {
-        return ::operator new(size, alignment);
-    }
-    static void* operator new(std::size_t /*size*/, void* place) noexcept { return place; }
-    static void operator delete(void* memory, std::size_t size) noexcept;
-    static void operator delete(void* memory, const std::nothrow_t& tag) noexcept;
-    static void operator delete(void* memory, std::size_t /*size*/,
-                                std::align_val_t alignment) noexcept {
-        ::operator delete(memory, alignment);
-    }
-    static void operator delete(void* /*memory*/, void* /*place*/) noexcept {}
 
 private:
     NxResult WritePart(const void* src, unsigned long count, unsigned long* outWritten);

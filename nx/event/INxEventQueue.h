@@ -3,15 +3,15 @@
 #pragma once
 
 #include <cstddef>
-#include <new>
 
+#include <nx/foundation/CNxRecycled.h>
 #include <nx/foundation/NxResult.h>
 
 // A piece of work that is handed to a thread and runs there.
 //
 // A queue owns an event from the moment it is posted or sent: whether it is accepted, refused or
 // discarded, the library calls OnDestorySelf() exactly once, and nobody else deletes it.
-class INxEvent {
+class INxEvent : public CNxRecycled {
 public:
     // Runs on the thread that owns the queue, with no lock held. The result goes to a sender; that
     // of a posted event is dropped. May post and send to any queue, its own too. An exception that
@@ -24,35 +24,6 @@ public:
     virtual void OnDestorySelf() { delete this; }
 
     virtual ~INxEvent() = default;
-
-    // An event of up to 128 bytes takes the place that one of its size has left on this or another
-    // thread; at most some hundred places of one size are kept in each thread and as many between
-    // them. All of them come from ::operator new, and ::operator delete may free them; so may these
-    // what comes from there. A class with operators of its own keeps those; one with a second base
-    // that has them names its choice with `using`.
-    static void* operator new(std::size_t size);
-    static void* operator new(std::size_t size, const std::nothrow_t& tag) noexcept;
-    static void operator delete(void* memory, std::size_t size) noexcept;
-    static void operator delete(void* memory, const std::nothrow_t& tag) noexcept;
-
-    // The others of the language, which those above would hide.
-    static void* operator new(std::size_t size, std::align_val_t alignment) {
-        return ::operator new(size, alignment);
-    }
-    static void* operator new(std::size_t size, std::align_val_t alignment,
-                              const std::nothrow_t& tag) noexcept {
-        return ::operator new(size, alignment, tag);
-    }
-    static void* operator new(std::size_t /*size*/, void* place) noexcept { return place; }
-    static void operator delete(void* memory, std::size_t /*size*/,
-                                std::align_val_t alignment) noexcept {
-        ::operator delete(memory, alignment);
-    }
-    static void operator delete(void* memory, std::align_val_t alignment,
-                                const std::nothrow_t& /*tag*/) noexcept {
-        ::operator delete(memory, alignment);
-    }
-    static void operator delete(void* /*memory*/, void* /*place*/) noexcept {}
 };
 
 // Where a thread takes its events from. Strictly first in, first out.

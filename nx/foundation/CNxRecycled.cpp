@@ -1,22 +1,20 @@
-#include <nx/event/INxEventQueue.h>
+#include <nx/foundation/CNxRecycled.h>
 #include <nx/foundation/CRecycledPlaces.h>
 
-#include <new>
-
-void* INxEvent::operator new(size_t size) {
+void* CNxRecycled::operator new(size_t size) {
     void* const place = CRecycledPlaces::Take(size);
     return place != nullptr ? place : ::operator new(size);
 }
 
-void* INxEvent::operator new(size_t size, const std::nothrow_t& tag) noexcept {
+void* CNxRecycled::operator new(size_t size, const std::nothrow_t& tag) noexcept {
     void* const place = CRecycledPlaces::Take(size);
     return place != nullptr ? place : ::operator new(size, tag);
 }
 
-void INxEvent::operator delete(void* memory, size_t size) noexcept {
+void CNxRecycled::operator delete(void* memory, size_t size) noexcept {
     CRecycledPlaces::Leave(memory, size);
 }
 
-void INxEvent::operator delete(void* memory, const std::nothrow_t& tag) noexcept {
+void CNxRecycled::operator delete(void* memory, const std::nothrow_t& tag) noexcept {
     ::operator delete(memory, tag);
 }
