@@ -38,8 +38,8 @@ void CNxReactorEpoll::CloseEpoll() {
 }
 
 NxResult CNxReactorEpoll::WaitAndDispatch(const CNxTimeValue& remaining, bool hasWork) {
-    // -1 for s_tvMax(), which is without limit here as well.
-    const int timeoutMs = static_cast<int>(remaining.GetTotalInMsec());
+    const bool isEndless = remaining == CNxTimeValue::s_tvMax();
+    const int timeoutMs = isEndless ? -1 : static_cast<int>(remaining.GetTotalInMsec());
     if (timeoutMs == 0 && !hasWork) {
         return NX_OK;
     }

@@ -444,14 +444,19 @@ void CNxThreadManagerImp::AfterForkInParent() NX_NO_THREAD_SAFETY_ANALYSIS {
 }
 
 void CNxThreadManagerImp::AfterForkInChild() NX_NO_THREAD_SAFETY_ANALYSIS {
-    // Only so that a leak checker finds them.
-    m_ofParent.insert(m_ofParent.end(), m_threads.begin(), m_threads.end());
+    try {
+        m_ofParent.insert(m_ofParent.end(), m_threads.begin(), m_threads.end());
+    } catch (const std::bad_alloc&) {
+        // They are kept only so that a leak checker finds them.
+        m_ofParent.clear();
+    }
     m_threads.erase(std::remove_if(m_threads.begin(), m_threads.end(),
                                    [](const CNxThread* thread) {
                                        return !IsEqualCurrentThread(thread->GetThreadId());
                                    }),
                     m_threads.end());
     m_stopAsked.store(0);
+    m_areEnding = false;
     m_registryMutex.UnLock();
 }
 
