@@ -2,6 +2,7 @@
 #include <iniparser/iniparser.h>
 #include <nx/config/CConfigFile.h>
 #include <nx/foundation/CNxUtils.h>
+#include <nx/foundation/has_zero_byte.h>
 #include <nx/foundation/high_descriptor.h>
 #include <nx/foundation/standard_streams.h>
 #include <sys/stat.h>
@@ -36,7 +37,7 @@ bool HasValue(const dictionary* ini, const CNxString& name) {
 }
 
 bool HoldsAny(const CNxString& text, const char* characters) {
-    return text.find_first_of(characters) != CNxString::npos || text.find('\0') != CNxString::npos;
+    return text.find_first_of(characters) != CNxString::npos || HasZeroByte(text);
 }
 
 bool HasBlankEnd(const CNxString& text) {

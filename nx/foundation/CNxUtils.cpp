@@ -1,5 +1,6 @@
 #include <nx/foundation/CNxTimeValue.h>
 #include <nx/foundation/CNxUtils.h>
+#include <nx/foundation/has_zero_byte.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -129,7 +130,7 @@ CNxString VOS_GetEnv(const char* name) {
 }
 
 CNxString VOS_GetEnv(const CNxString& name) {
-    return name.find('\0') == CNxString::npos ? VOS_GetEnv(name.c_str()) : CNxString();
+    return HasZeroByte(name) ? CNxString() : VOS_GetEnv(name.c_str());
 }
 
 NxResult ResolveStringEnv(const CNxString& in, CNxString& out) {

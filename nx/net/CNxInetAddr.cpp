@@ -1,6 +1,7 @@
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <nx/foundation/CNxUtils.h>
+#include <nx/foundation/has_zero_byte.h>
 #include <nx/net/CNxInetAddr.h>
 
 #include <algorithm>
@@ -14,10 +15,6 @@ namespace {
 
 // One place in the storage serves the port of both families.
 static_assert(offsetof(sockaddr_in, sin_port) == offsetof(sockaddr_in6, sin6_port), "");
-
-bool HasZeroByte(const CNxString& text) {
-    return std::strlen(text.c_str()) != text.size();
-}
 
 // ":80", to its last byte.
 bool ParsePort(const CNxString& text, unsigned short& port) {

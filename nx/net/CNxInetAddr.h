@@ -7,8 +7,7 @@
 //   manager itself (nx/resolve/CNxDnsManager.h).
 // - That a host name is not resolved is told by the result and by IsResolved() only: type and size
 //   stay those of before, the socket address is zeroed.
-// - The one-argument text forms split at the first ':', so an IPv6 address stands in brackets
-// there.
+// - The one-argument text forms split at the first ':'; there an IPv6 address stands in brackets.
 // - A text form with an empty host ("", ":80") resolves nothing and returns NX_OK: address and
 //   family bytes are zero, the type is the one of before.
 #pragma once

@@ -1,5 +1,6 @@
 // The text forms that may be given a host name. They stand apart, because they bring the resolver
 // into the programs that use them.
+#include <nx/foundation/has_zero_byte.h>
 #include <nx/net/CNxInetAddr.h>
 
 #include <cstdlib>
@@ -8,10 +9,6 @@
 namespace {
 
 constexpr size_t c_hostBufferSize = 512;
-
-bool HasZeroByte(const CNxString& text) {
-    return std::strlen(text.c_str()) != text.size();
-}
 
 }  // namespace
 

@@ -1,3 +1,4 @@
+#include <nx/foundation/has_zero_byte.h>
 #include <nx/process/CNxEnvironment.h>
 #include <unistd.h>
 
@@ -11,7 +12,7 @@ constexpr const char* c_libraryPath = "LD_LIBRARY_PATH";
 constexpr const char* c_folderEnds = ":;";
 
 bool IsName(const CNxString& name) {
-    return !name.empty() && name.find('=') == CNxString::npos && name.find('\0') == CNxString::npos;
+    return !name.empty() && name.find('=') == CNxString::npos && !HasZeroByte(name);
 }
 
 }  // namespace
@@ -44,7 +45,7 @@ NxResult CNxEnvironment::Get(const CNxString& name, CNxString& value) const {
 }
 
 NxResult CNxEnvironment::Set(const CNxString& name, const CNxString& value) {
-    if (!IsName(name) || value.find('\0') != CNxString::npos) {
+    if (!IsName(name) || HasZeroByte(value)) {
         return NX_ERROR_INVALID_ARG;
     }
     CNxString text = name + "=" + value;

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <nx/foundation/has_zero_byte.h>
 #include <nx/process/CDescriptor.h>
 #include <nx/process/CNxProcess.h>
 #include <nx/process/CatchBadAlloc.h>
@@ -22,10 +23,6 @@ constexpr int c_maxNumber = 255;
 NxResult ResultOf(int error) {
     errno = error;
     return error == 0 ? NX_OK : error == ENOENT ? NX_ERROR_NOT_FOUND : NX_ERROR_FAILURE;
-}
-
-bool HasZeroByte(const CNxString& text) {
-    return text.find('\0') != CNxString::npos;
 }
 
 bool IsNumber(const CNxRedirection& redirection) {

@@ -24,11 +24,11 @@ public:
     [[nodiscard]] static NxResult Read(pid_t pid, CNxProcessInfo& info);
 
     // Appends all processes, those that come and go meanwhile perhaps. NX_OK, or NX_ERROR_FAILURE
-    // with errno, and some may have been appended.
+    // with errno or NX_ERROR_UNEXPECTED, as Read, and some may have been appended.
     [[nodiscard]] static NxResult List(std::vector<CNxProcessInfo>& infos);
 
-    // Appends those of that GetName(). NX_OK; NX_ERROR_NOT_FOUND when there is none;
-    // NX_ERROR_FAILURE as above.
+    // Appends those of that GetName(). NX_OK; NX_ERROR_NOT_FOUND when there is none; else
+    // as List, and nothing has been appended.
     [[nodiscard]] static NxResult FindByName(const CNxString& name,
                                              std::vector<CNxProcessInfo>& infos);
 

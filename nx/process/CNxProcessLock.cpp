@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <nx/foundation/has_zero_byte.h>
 #include <nx/process/CDescriptor.h>
 #include <nx/process/CNxProcessLock.h>
 #include <nx/process/CatchBadAlloc.h>
@@ -21,7 +22,7 @@ struct flock WholeFile() {
 }
 
 NxResult Open(const CNxString& path, int flags, CDescriptor& file) {
-    if (path.empty() || path.find('\0') != CNxString::npos) {
+    if (path.empty() || HasZeroByte(path)) {
         return NX_ERROR_INVALID_ARG;
     }
     file = CDescriptor(open(path.c_str(), flags | c_openFlags, 0644));

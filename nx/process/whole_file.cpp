@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <nx/foundation/has_zero_byte.h>
 #include <nx/process/CDescriptor.h>
 #include <nx/process/CatchBadAlloc.h>
 #include <nx/process/read_descriptor.h>
@@ -20,7 +21,7 @@ NxResult ResultOfErrno() {
 }
 
 bool IsPath(const CNxString& path) {
-    return !path.empty() && path.find('\0') == CNxString::npos;
+    return !path.empty() && !HasZeroByte(path);
 }
 
 // The entries in order, however little of them a call takes.
