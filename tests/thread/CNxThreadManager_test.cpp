@@ -1,28 +1,16 @@
 // The main thread in this process; every way of ending a process in processes of
 // their own.
-#include <gtest/gtest.h>
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/foundation/CNxReferenceControl.h>
 #include <nx/thread/CNxThreadDummy.h>
 #include <nx/thread/CNxThreadHeartBeat.h>
-#include <nx/thread/CNxThreadManager.h>
 #include <nx/thread/CNxThreadTask.h>
 
 #include <csignal>
-#include <cstdlib>
-#include <thread>
 
-#include "../support/CountedEvent.h"
-#include "../support/Must.h"
+#include "ThreadSupport.h"
 
 namespace {
-
-constexpr auto c_normal = INxEventQueue::PRIORITY_NORMAL;
-constexpr auto c_joinable = CNxThreadManager::FLAG_JOINABLE;
-
-CNxThreadManager* Manager() {
-    return CNxThreadManager::Instance();
-}
 
 TEST(ThreadManager, MainThreadIsTheCallerAndSignalsAreBlocked) {
     ASSERT_EQ(Manager()->InitMainThread(0, nullptr), NX_OK);
@@ -34,8 +22,7 @@ TEST(ThreadManager, MainThreadIsTheCallerAndSignalsAreBlocked) {
     EXPECT_EQ(sigismember(&blocked, SIGRTMIN), 1);
     EXPECT_EQ(sigismember(&blocked, SIGIO), 1);
 
-    CNxThread* worker = nullptr;
-    ASSERT_EQ(Manager()->CreateUserTaskThread(worker, c_joinable, 0), NX_OK);
+    CNxThread* const worker = StartWorker(0);
     NxResult fromWorker = NX_OK;
     EventCounts counts;
     worker->GetEventQueue()->SendEvent(new CountedEvent(counts, [&] {
@@ -57,59 +44,22 @@ TEST(ThreadManager, MainThreadIsTheCallerAndSignalsAreBlocked) {
 
 // The system gives the id of an ended thread to the next one.
 TEST(ThreadManager, EndedThreadIsNotTakenForALaterOneWithItsId) {
-    EventCounts counts;
-    CNxThread* ended = nullptr;
-    CNxThread* running = nullptr;
-    ASSERT_EQ(Manager()->CreateUserTaskThread(ended, c_joinable, 0), NX_OK);
+    CNxThread* const ended = StartWorker();
     EXPECT_EQ(ended->Stop(nullptr), NX_OK);
     EXPECT_EQ(ended->Join(), NX_OK);
-    ASSERT_EQ(Manager()->CreateUserTaskThread(running, c_joinable, 0), NX_OK);
-    running->GetEventQueue()->SendEvent(new CountedEvent(counts, [&] {
-        EXPECT_EQ(Manager()->GetThread(NX_THREAD_CALLING), running);
+    const Worker running;
+    running.Do([&] {
+        EXPECT_EQ(Manager()->GetThread(NX_THREAD_CALLING), running.Get());
         EXPECT_FALSE(CNxThreadManager::IsEqualCurrentThread(ended->GetThreadType()));
         return NX_OK;
-    }));
-    EXPECT_EQ(counts.m_fired, 1);
-    running->Stop(nullptr);
-    running->Join();
-    running->Destory(0);
+    });
     ended->Destory(0);
-}
-
-class ProcessEnd : public ::testing::Test {
-protected:
-    // Each body runs in a fresh process; a hang is ended by the time limit of the test.
-    void SetUp() override { ::testing::GTEST_FLAG(death_test_style) = "threadsafe"; }
-};
-
-CNxThread* StartWorker(CNxThreadManager::TFlag flags = c_joinable) {
-    CNxThread* worker = nullptr;
-    Must(Manager()->CreateUserTaskThread(worker, flags, 1));
-    return worker;
 }
 
 class SayGoodbye : public CNxCleanUpBase {
 public:
     ~SayGoodbye() override { std::fputs("cleaned up", stderr); }
 };
-
-TEST_F(ProcessEnd, ForgottenThreadsAreStoppedAndJoined) {
-    const auto body = [] {
-        Must(Manager()->InitMainThread(0, nullptr));
-        CNxThread* out = nullptr;
-        Must(Manager()->CreateNetworkThread(NX_THREAD_NETWORK,
-                                            CNxThreadManager::CreateNetworkReactor(), out));
-        CNxThread* const worker = StartWorker();
-        StartWorker(CNxThreadManager::FLAG_DETACHED);
-        Must((new CNxThreadDummy)->Init(worker, Manager()->GetAndIncreamUserType()));
-        auto* const heart = new CNxThreadHeartBeat;
-        Must(heart->CreateNotRun(Manager()->GetAndIncreamUserType(), c_joinable));
-        heart->OnThreadInit();
-        new SayGoodbye;
-        std::exit(3);
-    };
-    EXPECT_EXIT(body(), ::testing::ExitedWithCode(3), "cleaned up");
-}
 
 // A kind of the application's own, on a thread that the library did not start.
 class SaysThatItStops : public CNxThread {
@@ -121,13 +71,31 @@ public:
     void OnThreadRun() override {}
 };
 
-TEST_F(ProcessEnd, KindsOnTheExitingThreadAreAskedToStopToo) {
+TEST_F(ProcessEnd, ForgottenThreadsOfAllKindsAreStoppedAndJoined) {
     const auto body = [] {
+        static std::atomic<bool> isUp{false};
         Must(Manager()->InitMainThread(0, nullptr));
-        Must((new SaysThatItStops)->CreateNotRun(NX_THREAD_USER, c_joinable));
-        std::exit(0);
+        CNxThread* out = nullptr;
+        Must(Manager()->CreateNetworkThread(NX_THREAD_NETWORK,
+                                            CNxThreadManager::CreateNetworkReactor(), out));
+        StartWorker(1, CNxThreadManager::FLAG_DETACHED);
+        Must((new CNxThreadDummy)->Init(StartWorker(), NextType()));
+        auto* const heart = new CNxThreadHeartBeat;
+        Must(heart->CreateNotRun(NextType(), c_joinable));
+        heart->OnThreadInit();
+        Must((new SaysThatItStops)->CreateNotRun(NextType(), c_joinable));
+        std::thread([] {
+            auto* const task = new CNxThreadTask;
+            Must(task->CreateNotRun(NextType(), c_joinable));
+            task->OnThreadInit();
+            isUp = true;
+            task->OnThreadRun();
+        }).detach();
+        YieldUntil([] { return isUp.load(); });
+        new SayGoodbye;
+        std::exit(3);
     };
-    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "stopped");
+    ExpectEnd(body, "stopped.*cleaned up", 3);
 }
 
 // For an event that is still in the queue, and for the one that ends the process.
@@ -145,50 +113,21 @@ TEST_F(ProcessEnd, WorkerThatWaitsForTheMainThreadDoesNotKeepTheProcess) {
                 return answer;
             };
             StartWorker()->GetEventQueue()->PostEvent(new CountedEvent(counts, send), c_normal);
-            while (mainQueue->GetPendingEventsCount() == 0) {
-                std::this_thread::yield();
-            }
+            YieldUntil([mainQueue] { return mainQueue->GetPendingEventsCount() != 0; });
             if (inEvent) {
                 mainThread->OnThreadRun();
             }
-            std::exit(0);
         };
-        EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "answer 10009") << inEvent;
+        ExpectEnd(body, "answer 10009");
     }
 }
 
-TEST_F(ProcessEnd, LoopOnAThreadOfTheApplicationDoesNotKeepTheProcess) {
-    const auto body = [] {
-        static std::atomic<bool> isUp{false};
-        Must(Manager()->InitMainThread(0, nullptr));
-        std::thread([] {
-            auto* const thread = new CNxThreadTask;
-            Must(thread->CreateNotRun(Manager()->GetAndIncreamUserType(), c_joinable));
-            thread->OnThreadInit();
-            isUp = true;
-            thread->OnThreadRun();
-        }).detach();
-        while (!isUp) {
-            std::this_thread::yield();
-        }
-        std::exit(0);
-    };
-    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
-}
-
-// Posts to both until both refuse.
-void PostUntilRefused(INxEventQueue* first, INxEventQueue* second, std::atomic<bool>& refused) {
+[[noreturn]] void PostForEver(INxEventQueue* one, INxEventQueue* two, std::atomic<bool>& refused) {
     static EventCounts counts;
-    bool goOn = true;
-    while (goOn) {
-        const NxResult one = first->PostEvent(new CountedEvent(counts), c_normal);
-        const NxResult two = second->PostEvent(new CountedEvent(counts), c_normal);
-        goOn = one != NX_ERROR_NOT_INITIALIZED || two != NX_ERROR_NOT_INITIALIZED;
-    }
-    refused = true;
     for (;;) {
-        first->PostEvent(new CountedEvent(counts), c_normal);
-        second->PostEvent(new CountedEvent(counts), c_normal);
+        const NxResult first = one->PostEvent(new CountedEvent(counts), c_normal);
+        const NxResult second = two->PostEvent(new CountedEvent(counts), c_normal);
+        refused = first == NX_ERROR_NOT_INITIALIZED && second == NX_ERROR_NOT_INITIALIZED;
     }
 }
 
@@ -197,30 +136,23 @@ TEST_F(ProcessEnd, ThreadsOfTheApplicationMayPostUntilTheProcessIsGone) {
         static std::atomic<bool> refused{false};
         // Called after the tear-down.
         std::atexit([] {
-            while (!refused) {
-                std::this_thread::yield();
-            }
+            YieldUntil([] { return refused.load(); });
             CNxThreadManager::SleepMs(20);
             std::fputs("all refused", stderr);
         });
         Must(Manager()->InitMainThread(0, nullptr));
         INxEventQueue* const mainQueue = Manager()->GetThreadEventQueue(NX_THREAD_MAIN);
         INxEventQueue* const workerQueue = StartWorker()->GetEventQueue();
-        std::thread(&PostUntilRefused, mainQueue, workerQueue, std::ref(refused)).detach();
-        while (mainQueue->GetPendingEventsCount() == 0) {
-            std::this_thread::yield();
-        }
-        std::exit(0);
+        std::thread(&PostForEver, mainQueue, workerQueue, std::ref(refused)).detach();
+        YieldUntil([mainQueue] { return mainQueue->GetPendingEventsCount() != 0; });
     };
-    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "all refused");
+    ExpectEnd(body, "all refused");
 }
 
 class EndlessThread : public CNxThread {
 public:
     void OnThreadRun() override {
-        while (Manager()->GetThread(NX_THREAD_CALLING) != nullptr) {
-            std::this_thread::yield();
-        }
+        YieldUntil([] { return Manager()->GetThread(NX_THREAD_CALLING) == nullptr; });
     }
 };
 
@@ -229,9 +161,8 @@ TEST_F(ProcessEnd, ThreadThatCannotBeStoppedDoesNotKeepTheProcess) {
         Must(Manager()->InitMainThread(0, nullptr));
         CNxThreadManager::SetTearDownLimit(CNxTimeValue(0, 50000));
         Must((new EndlessThread)->Create(5000, c_joinable));
-        std::exit(0);
     };
-    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "thread 5000 has not ended in 50 ms");
+    ExpectEnd(body, "thread 5000 has not ended in 50 ms");
 }
 
 // Cannot be stopped, but comes to its end.
@@ -247,14 +178,13 @@ public:
 TEST_F(ProcessEnd, ThreadThatEndsByItselfIsWaitedFor) {
     const auto body = [] {
         Must(Manager()->InitMainThread(0, nullptr));
-        Must((new WorkingThread)->Create(Manager()->GetAndIncreamUserType(), c_joinable));
-        std::exit(0);
+        Must((new WorkingThread)->Create(NextType(), c_joinable));
     };
     // The thread sanitizer has a thread of its own, so no object is destroyed.
 #if defined(__SANITIZE_THREAD__)
-    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "done");
+    ExpectEnd(body, "done");
 #else
-    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "done and destroyed");
+    ExpectEnd(body, "done and destroyed");
 #endif
 }
 
@@ -277,12 +207,11 @@ TEST_F(ProcessEnd, ThreadsThatAreMadeAndDestroyedMeanwhileDoNotDisturbIt) {
     const auto body = [] {
         Must(Manager()->InitMainThread(0, nullptr));
         for (int i = 0; i < 3; ++i) {
-            Must((new BusyThread)->Create(Manager()->GetAndIncreamUserType(), c_joinable));
+            Must((new BusyThread)->Create(NextType(), c_joinable));
         }
         CNxThreadManager::SleepMs(50);
-        std::exit(0);
     };
-    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+    ExpectEnd(body);
 }
 
 TEST_F(ProcessEnd, ExitOnAnotherThreadLeavesRunningThreadsAlone) {
@@ -294,13 +223,13 @@ TEST_F(ProcessEnd, ExitOnAnotherThreadLeavesRunningThreadsAlone) {
             StartWorker();
             if (detachedMain) {
                 Must(Manager()->MainThreadDetachRun(mainThread));
-                std::exit(0);
+                return;
             }
-            StartWorker()->GetEventQueue()->PostEvent(
-                new CountedEvent(counts, []() -> NxResult { std::exit(0); }), c_normal);
+            const auto end = []() -> NxResult { std::exit(0); };
+            StartWorker()->GetEventQueue()->PostEvent(new CountedEvent(counts, end), c_normal);
             mainThread->OnThreadRun();
         };
-        EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "") << "detached main " << detachedMain;
+        ExpectEnd(body);
     }
 }
 
@@ -320,9 +249,8 @@ TEST_F(ProcessEnd, CountedObjectsOutliveTheManager) {
         holder.m_object = new StaticCounted;
         holder.m_object->AddReference();
         Must(Manager()->InitMainThread(0, nullptr));
-        std::exit(0);
     };
-    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+    ExpectEnd(body);
 }
 
 }  // namespace

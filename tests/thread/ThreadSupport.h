@@ -1,0 +1,85 @@
+// What the tests of threads have in common.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <nx/thread/CNxThread.h>
+#include <nx/thread/CNxThreadManager.h>
+
+#include <cstdlib>
+#include <functional>
+#include <thread>
+#include <utility>
+
+#include "../support/CountedEvent.h"
+#include "../support/Must.h"
+
+inline constexpr auto c_normal = INxEventQueue::PRIORITY_NORMAL;
+inline constexpr auto c_joinable = CNxThreadManager::FLAG_JOINABLE;
+
+inline CNxThreadManager* Manager() {
+    return CNxThreadManager::Instance();
+}
+
+inline int NextType() {
+    return Manager()->GetAndIncreamUserType();
+}
+
+// One that never holds runs into the time limit of the test.
+template <class Condition>
+void YieldUntil(Condition condition) {
+    while (!condition()) {
+        std::this_thread::yield();
+    }
+}
+
+inline CNxThread* StartWorker(int withTimers = 1, CNxThreadManager::TFlag flags = c_joinable) {
+    CNxThread* worker = nullptr;
+    Must(Manager()->CreateUserTaskThread(worker, flags, withTimers));
+    return worker;
+}
+
+inline void StopAndDestroy(CNxThread* thread) {
+    EXPECT_EQ(thread->Stop(nullptr), NX_OK);
+    EXPECT_EQ(thread->Join(), NX_OK);
+    thread->Destory(0);
+}
+
+// A task thread that ends with the scope.
+class Worker {
+public:
+    explicit Worker(int withTimers = 1) : m_thread(StartWorker(withTimers)) {}
+    ~Worker() { StopAndDestroy(m_thread); }
+    Worker(const Worker&) = delete;
+    Worker& operator=(const Worker&) = delete;
+
+    CNxThread* operator->() const { return m_thread; }
+    CNxThread* Get() const { return m_thread; }
+    int GetType() const { return m_thread->GetThreadType(); }
+
+    // Returns when the thread has done it.
+    void Do(CountedEvent::Action action) const {
+        EventCounts counts;
+        EXPECT_EQ(m_thread->GetEventQueue()->SendEvent(new CountedEvent(counts, std::move(action))),
+                  NX_OK);
+        EXPECT_EQ(counts.m_fired, 1);
+    }
+
+private:
+    CNxThread* const m_thread;
+};
+
+// How a process ends: each body runs in a fresh one.
+class ProcessEnd : public ::testing::Test {
+protected:
+    void SetUp() override { ::testing::GTEST_FLAG(death_test_style) = "threadsafe"; }
+
+    // The body calls std::exit(status), or returns for 0; the text is among what the process says.
+    static void ExpectEnd(const std::function<void()>& body, const char* text = "",
+                          int status = 0) {
+        const auto whole = [&body] {
+            body();
+            std::exit(0);
+        };
+        EXPECT_EXIT(whole(), ::testing::ExitedWithCode(status), text);
+    }
+};
