@@ -1,11 +1,13 @@
 #include <common/HostLookup.h>
 #include <nx/foundation/CNxAutoPtr.h>
 #include <nx/foundation/CNxEventThread.h>
+#include <nx/foundation/CNxTimeValue.h>
 #include <nx/foundation/INxObserver.h>
 #include <nx/resolve/CNxDnsManager.h>
+#include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadManager.h>
-
 #include <sys/socket.h>
+
 #include <algorithm>
 
 namespace examples {
@@ -21,9 +23,10 @@ public:
         m_isThere.Signal();
     }
 
-    const Record& Wait() {
-        // A wait may end early.
-        while (m_isThere.Wait(nullptr) != NX_OK) {
+    // Null when the thread that would tell has ended, and so tells nobody any more.
+    const Record& Wait(const CNxThread& teller) {
+        CNxTimeValue second(1);
+        while (m_isThere.Wait(&second) != NX_OK && teller.IsRunning()) {
         }
         return m_record;
     }
@@ -63,8 +66,8 @@ std::string LookUpHost(const std::string& host, unsigned short port, CNxInetAddr
                                                               &answer, 0, network);
     Record record = Record::Adopt(found);
     if (result == NX_ERROR_WOULD_BLOCK) {
-        record = answer.Wait();
-        result = record->GetResult();
+        record = answer.Wait(*network);
+        result = record ? record->GetResult() : NX_ERROR_NOT_INITIALIZED;
     }
     if (result != NX_OK) {
         return Describe(host, result);
