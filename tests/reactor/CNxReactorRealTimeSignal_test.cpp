@@ -89,7 +89,7 @@ TEST_F(ReactorRealTimeSignal, OverflowCallsAllOnceAndDropsThoseThatConnect) {
     EXPECT_EQ(m_reactor.RunEventLoop(), NX_OK);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), OverflowLine(0) + OverflowLine(1));
     EXPECT_EQ(idle.m_inputs, 1);
-    EXPECT_EQ(connects.m_closedWith, NX_MASK_CONNECT);
+    EXPECT_EQ(connects.m_closedWith, std::vector<long>{NX_MASK_CONNECT});
     EXPECT_EQ(connects.m_outputs, 0);
 }
 

@@ -4,19 +4,12 @@
 
 namespace {
 
-struct Fixed : INxEventHandler {
-    explicit Fixed(int fd) : m_fd(fd) {}
-    int GetHandle() const override { return m_fd; }
-
-    const int m_fd;
-};
-
 TEST(ReactorSelect, DescriptorThatNoSetHoldsIsRefused) {
     CNxReactorSelect reactor;
     ASSERT_EQ(reactor.Open(), NX_OK);
     End end;
-    Fixed last(fcntl(end.GetHandle(), F_DUPFD_CLOEXEC, FD_SETSIZE - 1));
-    Fixed tooLarge(fcntl(end.GetHandle(), F_DUPFD_CLOEXEC, FD_SETSIZE));
+    Handler last(fcntl(end.GetHandle(), F_DUPFD_CLOEXEC, FD_SETSIZE - 1));
+    Handler tooLarge(fcntl(end.GetHandle(), F_DUPFD_CLOEXEC, FD_SETSIZE));
     if (tooLarge.m_fd == -1) {
         GTEST_SKIP() << "the limit of open descriptors is too low";
     }

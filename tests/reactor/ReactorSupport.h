@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
@@ -29,13 +30,53 @@ using AllReactors = ::testing::Types<CNxReactorEpoll, CNxReactorSelect, CNxReact
 
 inline constexpr auto c_normal = INxEventQueue::PRIORITY_NORMAL;
 
-// One end of a socket pair with its handler; the other end is the peer.
-class End : public INxEventHandler {
-public:
-    using Callback = std::function<int(End&)>;
+inline constexpr long c_readWrite = NX_MASK_READ | NX_MASK_WRITE;
 
-    explicit End(Callback onInput = nullptr) : m_onInput(std::move(onInput)) {
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_fds), 0);
+// Keeps a record of its calls, and does and answers what it is told to.
+class Handler : public INxEventHandler {
+public:
+    using Callback = std::function<int()>;
+
+    explicit Handler(int fd) : m_fd(fd) {}
+    int GetHandle() const override { return m_fd; }
+    int OnInput(int fd) override {
+        EXPECT_EQ(fd, m_fd);
+        ++m_inputs;
+        return m_onInput ? m_onInput() : 0;
+    }
+    int OnOutput(int fd) override {
+        EXPECT_EQ(fd, m_fd);
+        ++m_outputs;
+        return m_onOutput ? m_onOutput() : 0;
+    }
+    int OnClose(int fd, long mask) override {
+        EXPECT_EQ(fd, m_fd);
+        m_closedWith.push_back(mask);
+        return m_onClose ? m_onClose() : 0;
+    }
+
+    const int m_fd;
+    int m_inputs = 0;
+    int m_outputs = 0;
+    std::vector<long> m_closedWith;
+    Callback m_onInput;
+    Callback m_onOutput;
+    Callback m_onClose;
+};
+
+struct SocketPair {
+    SocketPair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_fds), 0); }
+
+    int m_fds[2] = {-1, -1};
+};
+
+// One end of a socket pair with its handler; the other end is the peer.
+class End : private SocketPair, public Handler {
+public:
+    explicit End(const std::function<int(End&)>& onInput = nullptr) : Handler(m_fds[0]) {
+        if (onInput) {
+            m_onInput = [this, onInput] { return onInput(*this); };
+        }
     }
     ~End() override {
         close(m_fds[0]);
@@ -44,44 +85,18 @@ public:
     End(const End&) = delete;
     End& operator=(const End&) = delete;
 
-    int GetHandle() const override { return m_fds[0]; }
-    int OnInput(int /*fd*/) override {
-        ++m_inputs;
-        return m_onInput ? m_onInput(*this) : 0;
-    }
-    int OnOutput(int /*fd*/) override {
-        ++m_outputs;
-        return 0;
-    }
-    int OnClose(int /*fd*/, long mask) override {
-        m_closedWith = mask;
-        return 0;
-    }
     int Peer() const { return m_fds[1]; }
     void Send() const { EXPECT_EQ(send(m_fds[1], "x", 1, MSG_NOSIGNAL), 1); }
     int Drain() const {
         char buffer[64];
         ssize_t sum = 0;
         ssize_t got = 0;
-        while ((got = recv(m_fds[0], buffer, sizeof(buffer), MSG_DONTWAIT)) > 0) {
+        while ((got = recv(m_fd, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0) {
             sum += got;
         }
         return static_cast<int>(sum);
     }
-    void HangUp() {
-        if (m_fds[1] != -1) {
-            close(m_fds[1]);
-            m_fds[1] = -1;
-        }
-    }
-
-    int m_inputs = 0;
-    int m_outputs = 0;
-    long m_closedWith = 0;
-
-private:
-    Callback m_onInput;
-    int m_fds[2] = {-1, -1};
+    void HangUp() { close(std::exchange(m_fds[1], -1)); }
 };
 
 struct Timer : INxTimerHandler {
@@ -131,15 +146,11 @@ inline void EchoClients(INxReactor& reactor, int count, int rounds) {
     clients.join();
     EXPECT_EQ(answers, count * rounds);
     for (const auto& end : ends) {
-        EXPECT_EQ(end->m_closedWith, 0);
+        EXPECT_TRUE(end->m_closedWith.empty());
         reactor.RemoveHandler(end.get(), NX_MASK_ALL_EVENTS);
     }
 }
 
-inline int CountDescriptors() {
-    int count = 0;
-    for (int fd = 0; fd < 1024; ++fd) {
-        count += fcntl(fd, F_GETFD) != -1 ? 1 : 0;
-    }
-    return count;
+inline long CountDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }

@@ -27,7 +27,7 @@ class ClosedReactors : public ::testing::Test {};
 TYPED_TEST_SUITE(ClosedReactors, AllReactors, ReactorNames);
 
 TYPED_TEST(ClosedReactors, ReopeningLeaksNothingAndForgetsOldRegistrations) {
-    const int before = CountDescriptors();
+    const long before = CountDescriptors();
     {
         TypeParam reactor;
         End stale;
