@@ -1,22 +1,14 @@
-#include <gtest/gtest.h>
 #include <nx/foundation/INxObserver.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/thread/CNxThreadTask.h>
 
-#include <thread>
 #include <vector>
 
-#include "../support/CountedEvent.h"
+#include "ThreadSupport.h"
 
 namespace {
 
-constexpr auto c_normal = INxEventQueue::PRIORITY_NORMAL;
-constexpr auto c_joinable = CNxThreadManager::FLAG_JOINABLE;
 constexpr auto c_detached = CNxThreadManager::FLAG_DETACHED;
-
-int NextType() {
-    return CNxThreadManager::Instance()->GetAndIncreamUserType();
-}
 
 // Each waits for its last event, so that the loop falls asleep and is woken as often as it can be.
 void PostFromManyThreads(INxEventQueue& queue) {
@@ -28,9 +20,7 @@ void PostFromManyThreads(INxEventQueue& queue) {
                 for (int post = 0; post <= round % 3; ++post) {
                     ASSERT_EQ(queue.PostEvent(new CountedEvent(counts), c_normal), NX_OK);
                 }
-                while (!counts.AllDestroyed()) {
-                    std::this_thread::yield();
-                }
+                YieldUntil([&counts] { return counts.AllDestroyed(); });
             }
             EXPECT_EQ(counts.m_fired, 600);
         });
@@ -41,39 +31,27 @@ void PostFromManyThreads(INxEventQueue& queue) {
 }
 
 TEST(Thread, NoPostIsStrandedByALoopThatFallsAsleep) {
-    auto* const manager = CNxThreadManager::Instance();
-    CNxThread* task = nullptr;
     CNxThread* network = nullptr;
-    ASSERT_EQ(manager->CreateUserTaskThread(task, c_joinable, 1), NX_OK);
-    ASSERT_EQ(
-        manager->CreateReactorThread(NextType(), CNxThreadManager::CreateNetworkReactor(), network),
-        NX_OK);
-    for (CNxThread* const thread : {task, network}) {
+    Must(Manager()->CreateReactorThread(NextType(), CNxThreadManager::CreateNetworkReactor(),
+                                        network));
+    for (CNxThread* const thread : {StartWorker(), network}) {
         PostFromManyThreads(*thread->GetEventQueue());
-        EXPECT_EQ(thread->Stop(nullptr), NX_OK);
-        EXPECT_EQ(thread->Join(), NX_OK);
-        thread->Destory(0);
+        StopAndDestroy(thread);
     }
 }
 
 TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
     for (const int withTimers : {0, 1}) {
-        CNxThread* thread = nullptr;
-        ASSERT_EQ(
-            CNxThreadManager::Instance()->CreateUserTaskThread(thread, c_joinable, withTimers),
-            NX_OK);
+        CNxThread* const thread = StartWorker(withTimers);
         EXPECT_EQ(thread->GetTimerQueue() != nullptr, withTimers != 0);
         EventCounts counts;
         INxEventQueue* const queue = thread->GetEventQueue();
         std::atomic<bool> go{false};
-        queue->PostEvent(new CountedEvent(counts,
-                                          [&] {
-                                              while (!go.load()) {
-                                                  std::this_thread::yield();
-                                              }
-                                              return thread->Join();
-                                          }),
-                         c_normal);
+        const auto joinItself = [&] {
+            YieldUntil([&go] { return go.load(); });
+            return thread->Join();
+        };
+        queue->PostEvent(new CountedEvent(counts, joinItself), c_normal);
         // Priorities do not change the order.
         for (int i = 1; i <= 100; ++i) {
             const auto inTurn = [&counts, i] {
@@ -88,7 +66,7 @@ TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
         EXPECT_EQ(thread->Stop(nullptr), NX_ERROR_NOT_INITIALIZED);
         EXPECT_EQ(queue->PostEvent(new CountedEvent(counts), c_normal), NX_ERROR_NOT_INITIALIZED);
         go = true;
-        // The first event tried to join its own thread, which must not have counted.
+        // Joining itself must not have counted.
         EXPECT_EQ(thread->Join(), NX_OK);
         EXPECT_EQ(counts.m_fired, 101);
         EXPECT_TRUE(counts.AllDestroyed());
@@ -105,9 +83,7 @@ public:
 
     NxResult OnCreate() override { return m_onCreate; }
     void OnThreadRun() override {
-        while (m_mayEnd.load() == 0) {
-            std::this_thread::yield();
-        }
+        YieldUntil([this] { return m_mayEnd != 0; });
     }
 
 private:
@@ -125,9 +101,7 @@ TEST(Thread, DetachedObjectIsDeletedByTheSecondOfEndAndDestory) {
         EXPECT_EQ(thread->Join(), NX_ERROR_FAILURE);
         if (endFirst) {
             mayEnd = 1;
-            while (thread->IsRunning()) {
-                std::this_thread::yield();
-            }
+            YieldUntil([thread] { return !thread->IsRunning(); });
             EXPECT_EQ(deleted, 0);
             thread->Destory(0);
         } else {
@@ -135,9 +109,7 @@ TEST(Thread, DetachedObjectIsDeletedByTheSecondOfEndAndDestory) {
             EXPECT_EQ(deleted, 0);
             mayEnd = 1;
         }
-        while (deleted.load() == 0) {
-            std::this_thread::yield();
-        }
+        YieldUntil([&deleted] { return deleted != 0; });
     }
 }
 
@@ -149,7 +121,7 @@ TEST(Thread, RefusingOnCreateDeletesTheObjectAndTellsTheCreator) {
         auto* const thread = new ShortThread(deleted, mayEnd, NX_ERROR_FAILURE);
         EXPECT_EQ(thread->Create(type, flags), NX_ERROR_NULL_POINTER);
         EXPECT_EQ(deleted, 1);
-        EXPECT_EQ(CNxThreadManager::Instance()->GetThread(type), nullptr);
+        EXPECT_EQ(Manager()->GetThread(type), nullptr);
     }
 }
 
@@ -191,8 +163,7 @@ TEST(Thread, LoopThatEndsByItselfIsReported) {
     for (const bool fails : {false, true}) {
         ReactorWhoseWaitingFails::m_fails = fails;
         CNxThread* thread = nullptr;
-        ASSERT_EQ(CNxThreadManager::Instance()->CreateReactorThread(
-                      NextType(), new ReactorWhoseWaitingFails, thread),
+        ASSERT_EQ(Manager()->CreateReactorThread(NextType(), new ReactorWhoseWaitingFails, thread),
                   NX_OK);
         EXPECT_EQ(thread->Join(), NX_OK);
         EXPECT_EQ(observer.m_ended, std::vector<CNxThread*>(fails ? 1 : 0, thread));
@@ -205,16 +176,16 @@ TEST(Thread, LoopThatEndsByItselfIsReported) {
 class ReactorStoppedWhileItOpens : public CNxReactorEpoll {
 public:
     NxResult Open() override {
-        CNxThreadManager::Instance()->GetThread(NX_THREAD_NETWORK)->Stop(nullptr);
+        Manager()->GetThread(NX_THREAD_NETWORK)->Stop(nullptr);
         return CNxReactorEpoll::Open();
     }
 };
 
 TEST(Thread, StopThatComesBeforeTheReactorIsOpenIsNotLost) {
     CNxThread* thread = nullptr;
-    ASSERT_EQ(CNxThreadManager::Instance()->CreateNetworkThread(
-                  NX_THREAD_NETWORK, new ReactorStoppedWhileItOpens, thread),
-              NX_OK);
+    ASSERT_EQ(
+        Manager()->CreateNetworkThread(NX_THREAD_NETWORK, new ReactorStoppedWhileItOpens, thread),
+        NX_OK);
     EXPECT_EQ(thread->Join(), NX_OK);
     thread->Destory(0);
 }

@@ -1,37 +1,28 @@
 // Precise timers: in a crowd, then at the end of a process.
-#include <gtest/gtest.h>
-#include <nx/thread/CNxThreadManager.h>
 #include <nx/thread/CNxTimerPreciseManager.h>
-#include <nx/thread/CNxTimerPreciseWrapperID.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <deque>
+#include <memory>
 #include <random>
-#include <thread>
 #include <vector>
 
-#include "../support/Must.h"
+#include "ThreadSupport.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr auto c_joinable = CNxThreadManager::FLAG_JOINABLE;
 constexpr milliseconds c_tick(10);
-
-CNxThreadManager* Manager() {
-    return CNxThreadManager::Instance();
-}
 
 CNxTimeValue ToInterval(milliseconds time) {
     return {0, static_cast<long>(time.count()) * 1000};
 }
 
-// NXBASE_TEST_FULL=1 runs the crowd in its real size.
-bool IsFull() {
-    return std::getenv("NXBASE_TEST_FULL") != nullptr;
+// How many timers, and how many milliseconds the crowd lives: NXBASE_TEST_FULL=1 for its real size.
+int GetSize() {
+    return std::getenv("NXBASE_TEST_FULL") != nullptr ? 10000 : 500;
 }
 
 // Fires a known number of times; notes what is too early or elsewhere.
@@ -53,14 +44,11 @@ struct Counted : CNxTimerPreciseWrapperIDSink {
     int m_faults = 0;
 };
 
-struct Nothing : INxEvent {
-    NxResult OnEventFire() override { return NX_OK; }
-};
-
 // Is cancelled and destroyed at some time: by its own n-th call, or for 0 by another thread.
 struct ShortLived : CNxTimerPreciseWrapperIDSink {
-    ShortLived(milliseconds interval, int lastCall, int type) : m_lastCall(lastCall), m_type(type) {
-        EXPECT_EQ(m_id->Schedule(this, ToInterval(interval), 0, type), NX_OK);
+    ShortLived(milliseconds interval, int lastCall, const Worker& target)
+        : m_lastCall(lastCall), m_target(target) {
+        EXPECT_EQ(m_id->Schedule(this, ToInterval(interval), 0, target.GetType()), NX_OK);
     }
 
     void OnTimer(CNxTimerPreciseWrapperID* /*id*/) override {
@@ -74,12 +62,12 @@ struct ShortLived : CNxTimerPreciseWrapperIDSink {
         m_faults += m_id->Cancel() != NX_OK;
         m_id.reset();
         // What the target has begun is let through.
-        Manager()->GetThreadEventQueue(m_type)->SendEvent(new Nothing);
+        m_target.Do([] { return NX_OK; });
         m_gone = 1;
     }
 
     const int m_lastCall;
-    const int m_type;
+    const Worker& m_target;
     int m_calls = 0;
     std::unique_ptr<CNxTimerPreciseWrapperID> m_id = std::make_unique<CNxTimerPreciseWrapperID>();
     std::atomic<int> m_gone{0};
@@ -87,30 +75,18 @@ struct ShortLived : CNxTimerPreciseWrapperIDSink {
 };
 
 struct Crowd {
-    Crowd() {
-        for (CNxThread*& thread : m_threads) {
-            Must(Manager()->CreateUserTaskThread(thread, c_joinable, 0));
-        }
-    }
-    ~Crowd() {
-        for (CNxThread* thread : m_threads) {
-            thread->Stop(nullptr);
-            thread->Join();
-            thread->Destory(0);
-        }
-    }
-    int AnyType() { return m_threads[m_random() % m_threads.size()]->GetThreadType(); }
+    const Worker& Any() { return m_workers[m_random() % m_workers.size()]; }
     int Number(int low, int high) { return std::uniform_int_distribution(low, high)(m_random); }
 
     std::mt19937 m_random{4};
-    std::vector<CNxThread*> m_threads = std::vector<CNxThread*>(16);
+    std::deque<Worker> m_workers = std::deque<Worker>(16);
 };
 
 int RunShortLived(Crowd& crowd, const std::atomic<int>& open) {
     std::deque<ShortLived> all;
     while (open != 0) {
         const milliseconds interval(crowd.Number(1, 30));
-        ShortLived& timer = all.emplace_back(interval, crowd.Number(0, 3), crowd.AnyType());
+        ShortLived& timer = all.emplace_back(interval, crowd.Number(0, 3), crowd.Any());
         CNxThreadManager::SleepMs(static_cast<unsigned long>(crowd.Number(0, 2)));
         if (timer.m_lastCall == 0) {
             timer.End();
@@ -118,27 +94,22 @@ int RunShortLived(Crowd& crowd, const std::atomic<int>& open) {
     }
     int faults = 0;
     for (ShortLived& timer : all) {
-        while (timer.m_gone == 0) {
-            std::this_thread::yield();
-        }
+        YieldUntil([&timer] { return timer.m_gone != 0; });
         faults += timer.m_faults;
     }
     return faults;
 }
 
-// ------------------------------------------------------------------------------------------------
-
 TEST(TimerPreciseCrowd, EveryTimerFiresItsCountWhileOthersComeAndGo) {
-    const int timers = IsFull() ? 10000 : 500;
-    const int duration = IsFull() ? 10000 : 500;
+    const int duration = GetSize();
     std::deque<Counted> counted;
-    std::atomic<int> open{timers};
+    std::atomic<int> open{GetSize()};
     Crowd crowd;
-    for (int i = 0; i < timers; ++i) {
+    for (int i = 0; i < GetSize(); ++i) {
         Counted& timer = counted.emplace_back();
         timer.m_interval = milliseconds(crowd.Number(1, duration / 4));
         timer.m_count = duration / static_cast<int>((timer.m_interval.count() + 9) / 10 * 10);
-        timer.m_type = crowd.AnyType();
+        timer.m_type = crowd.Any().GetType();
         timer.m_open = &open;
         ASSERT_EQ(timer.m_id.Schedule(&timer, ToInterval(timer.m_interval),
                                       static_cast<unsigned long>(timer.m_count), timer.m_type),
@@ -155,41 +126,36 @@ TEST(TimerPreciseCrowd, EveryTimerFiresItsCountWhileOthersComeAndGo) {
 // Made before the manager, so destroyed, still scheduled, after the tear-down.
 std::deque<CNxTimerPreciseWrapperID> g_forgotten;
 
-struct Sink : CNxTimerPreciseWrapperIDSink {
+struct ExitingSink : CountingSink {
     void OnTimer(CNxTimerPreciseWrapperID* /*id*/) override {
         if (++m_calls == m_exitAt) {
             std::exit(0);
         }
     }
-
-    std::atomic<int> m_calls{0};
     std::atomic<int> m_exitAt{0};
 };
 
-// Runs in a fresh process; a hang is ended by the time limit of the test.
-TEST(TimerPreciseEnd, ProcessThatForgetsItsTimersExitsOnAnyThread) {
-    ::testing::GTEST_FLAG(death_test_style) = "threadsafe";
+using TimerPreciseEnd = ProcessEnd;
+
+TEST_F(TimerPreciseEnd, ProcessThatForgetsItsTimersExitsOnAnyThread) {
     for (const bool onTarget : {false, true}) {
         const auto body = [onTarget] {
             // Never destroyed: the targets run on while a target's exit() destroys statics.
-            static auto* const sink = new Sink;
+            static auto* const sink = new ExitingSink;
             Must(Manager()->InitMainThread(0, nullptr));
             static auto* const crowd = new Crowd;
-            for (int i = 0; i < (IsFull() ? 10000 : 500); ++i) {
+            for (int i = 0; i < GetSize(); ++i) {
                 Must(g_forgotten.emplace_back().Schedule(sink, ToInterval(c_tick), 0,
-                                                         crowd->AnyType()));
+                                                         crowd->Any().GetType()));
             }
             if (onTarget) {
                 // Not before all are scheduled, which an exit under way refuses.
                 sink->m_exitAt = sink->m_calls + 700;
                 Manager()->GetThread(NX_THREAD_MAIN)->OnThreadRun();
             }
-            while (sink->m_calls == 0) {
-                std::this_thread::yield();
-            }
-            std::exit(0);
+            YieldUntil([] { return sink->m_calls != 0; });
         };
-        EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "") << "on a target " << onTarget;
+        ExpectEnd(body);
     }
 }
 

@@ -1,19 +1,12 @@
 // What a step of the wall clock moves, and what it does not.
-#include <gtest/gtest.h>
 #include <nx/foundation/CNxEventThread.h>
-#include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxTimerPreciseManager.h>
-#include <nx/thread/CNxTimerPreciseWrapperID.h>
-#include <nx/thread/CNxTimerWrapperID.h>
 #include <sys/resource.h>
 
 #include <chrono>
-#include <cstdlib>
-#include <thread>
 
-#include "../support/CountedEvent.h"
-#include "../support/Must.h"
 #include "../support/SimulatedClock.h"
+#include "ThreadSupport.h"
 
 namespace {
 
@@ -41,31 +34,18 @@ TEST(Clock, WaitLastsAsLongAsItSaysWhateverTheWallClockShows) {
     }
 }
 
-class Sink : public CNxTimerPreciseWrapperIDSink {
-public:
-    void OnTimer(CNxTimerPreciseWrapperID* /*id*/) override { ++m_calls; }
-    std::atomic<int> m_calls{0};
-};
-
 // A step at each of these moments; a wait that follows it runs into the time limit of the test.
 TEST(Clock, StepKeepsNoPreciseTimerStopOrJoinWaiting) {
     for (const long step : {-c_hour, -1000000L, c_hour}) {
         SimulatedClock clock;
         SetWallClock(clock, 0);
-        CNxThread* thread = nullptr;
-        Must(CNxThreadManager::Instance()->CreateUserTaskThread(
-            thread, CNxThreadManager::FLAG_JOINABLE, 1));
-        Sink sink;
+        CountingSink sink;
         CNxTimerPreciseWrapperID timer;
-        Must(timer.Schedule(&sink, CNxTimeValue(0, 10000), 0, thread->GetThreadType()));
+        const Worker worker;
+        Must(timer.Schedule(&sink, CNxTimeValue(0, 10000), 0, worker.GetType()));
         clock.Advance(step);
-        for (const int seen = sink.m_calls; sink.m_calls < seen + 3;) {
-            std::this_thread::yield();
-        }
+        YieldUntil([&, seen = sink.m_calls.load()] { return sink.m_calls >= seen + 3; });
         EXPECT_EQ(timer.Cancel(), NX_OK);
-        EXPECT_EQ(thread->Stop(nullptr), NX_OK);
-        EXPECT_EQ(thread->Join(), NX_OK);
-        thread->Destory(0);
     }
 }
 
@@ -79,22 +59,13 @@ public:
 TEST(Clock, StepMovesTheTimersOfAThreadThatSleeps) {
     SimulatedClock clock;
     Expiry expiry;
-    CNxThread* thread = nullptr;
-    Must(CNxThreadManager::Instance()->CreateUserTaskThread(thread, CNxThreadManager::FLAG_JOINABLE,
-                                                            1));
-    EventCounts counts;
-    thread->GetEventQueue()->SendEvent(new CountedEvent(counts, [&] {
-        Must(thread->GetTimerQueue()->ScheduleTimer(&expiry, nullptr, CNxTimeValue(3600), 1));
-        return NX_OK;
-    }));
+    const Worker worker;
+    worker.Do([&] {
+        return worker->GetTimerQueue()->ScheduleTimer(&expiry, nullptr, CNxTimeValue(3600), 1);
+    });
     CNxThreadManager::SleepMs(20);
     clock.Advance(c_hour);
-    while (!expiry.m_isFired) {
-        std::this_thread::yield();
-    }
-    thread->Stop(nullptr);
-    thread->Join();
-    thread->Destory(0);
+    YieldUntil([&] { return expiry.m_isFired.load(); });
 }
 
 long CountSleeps() {
@@ -104,33 +75,27 @@ long CountSleeps() {
 }
 
 TEST(Clock, PreciseTimersSleepUntilTheNextIsDue) {
-    CNxThread* thread = nullptr;
-    Must(CNxThreadManager::Instance()->CreateUserTaskThread(thread, CNxThreadManager::FLAG_JOINABLE,
-                                                            0));
-    Sink sink;
+    CountingSink sink;
     CNxTimerPreciseWrapperID far;
     CNxTimerPreciseWrapperID near;
-    Must(far.Schedule(&sink, CNxTimeValue(3600), 0, thread->GetThreadType()));
+    const Worker worker(0);
+    Must(far.Schedule(&sink, CNxTimeValue(3600), 0, worker.GetType()));
     EXPECT_FALSE(CNxTimerPreciseManager::Instance()->IsStopped());
     const long before = CountSleeps();
     CNxThreadManager::SleepMs(300);
     EXPECT_LT(CountSleeps() - before, 10);
     // Wakes a thread that was going to sleep for long, and counts from now.
     const auto start = steady_clock::now();
-    Must(near.Schedule(&sink, CNxTimeValue(0, 20000), 1, thread->GetThreadType()));
-    while (sink.m_calls == 0) {
-        std::this_thread::yield();
-    }
+    Must(near.Schedule(&sink, CNxTimeValue(0, 20000), 1, worker.GetType()));
+    YieldUntil([&] { return sink.m_calls != 0; });
     EXPECT_GE(steady_clock::now() - start, milliseconds(20));
     EXPECT_EQ(far.Cancel(), NX_OK);
-    thread->Stop(nullptr);
-    thread->Join();
-    thread->Destory(0);
 }
 
+using ClockChoice = ProcessEnd;
+
 // For good, so in a process of its own.
-TEST(ClockChoice, TimersOfAProcessThatChoosesTheMonotonicClockDoNotMove) {
-    ::testing::GTEST_FLAG(death_test_style) = "threadsafe";
+TEST_F(ClockChoice, TimersOfAProcessThatChoosesTheMonotonicClockDoNotMove) {
     const auto body = [] {
         SimulatedClock clock;
         const CNxTimeValue wall = CNxTimeValue::GetTimeOfDay();
@@ -142,7 +107,7 @@ TEST(ClockChoice, TimersOfAProcessThatChoosesTheMonotonicClockDoNotMove) {
         const CNxTimeValue second = CNxTimeValue::GetTimeOfDay();
         std::exit(goesOn && second >= first && second - first <= CNxTimeValue(60) ? 0 : 1);
     };
-    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+    ExpectEnd(body);
 }
 
 }  // namespace

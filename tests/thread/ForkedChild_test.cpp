@@ -1,31 +1,16 @@
 // What a child of fork(2) has of its parent's threads, and how it ends. Every parent is a process
 // of its own; a child that hangs is ended by the time limit of the test.
-#include <gtest/gtest.h>
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/reactor/CNxReactorSelect.h>
-#include <nx/thread/CNxThread.h>
-#include <nx/thread/CNxThreadManager.h>
-#include <nx/thread/CNxTimerPreciseWrapperID.h>
-
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <functional>
 #include <new>
-#include <thread>
 
-#include "../support/CountedEvent.h"
-#include "../support/Must.h"
+#include "ThreadSupport.h"
 
 namespace {
-
-constexpr auto c_joinable = CNxThreadManager::FLAG_JOINABLE;
-
-CNxThreadManager* Manager() {
-    return CNxThreadManager::Instance();
-}
 
 using Shared = std::atomic<int>;
 
@@ -37,12 +22,6 @@ public:
 
 private:
     Shared& m_ended;
-};
-
-class Sink : public CNxTimerPreciseWrapperIDSink {
-public:
-    void OnTimer(CNxTimerPreciseWrapperID* /*id*/) override { ++m_calls; }
-    std::atomic<int> m_calls{0};
 };
 
 bool s_isChild = false;
@@ -63,12 +42,12 @@ public:
                                   MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         m_ended = new (memory) Shared(0);
         Must(Manager()->InitMainThread(0, nullptr));
-        Must(Manager()->CreateUserTaskThread(m_worker, c_joinable, 1));
+        m_worker = StartWorker();
         Must(Manager()->CreateNetworkThread(NX_THREAD_NETWORK,
                                             CNxThreadManager::CreateNetworkReactor(), m_network));
         // Never destroyed: timers call until the tear-down, which comes after static objects are
         // gone.
-        static auto* const sink = new Sink;
+        static auto* const sink = new CountingSink;
         static auto* const timer = new CNxTimerPreciseWrapperID;
         m_timer = timer;
         Must(m_timer->Schedule(sink, CNxTimeValue(0, 10000), 0, m_worker->GetThreadType()));
@@ -95,10 +74,7 @@ public:
     CNxTimerPreciseWrapperID* m_timer = nullptr;
 };
 
-class ForkedChild : public ::testing::Test {
-protected:
-    void SetUp() override { ::testing::GTEST_FLAG(death_test_style) = "threadsafe"; }
-};
+using ForkedChild = ProcessEnd;
 
 void StopHere(bool asExpected) {
     if (!asExpected) {
@@ -109,7 +85,6 @@ void StopHere(bool asExpected) {
 TEST_F(ForkedChild, ExitLeavesAloneWhatIsTheParents) {
     const auto body = [] {
         Parent parent;
-        StopHere(parent.EndedByChild([] {}) == 0);
         // Forked within an event, for whose end the parent's main thread waits. To a leak checker
         // all that only the main thread's stack leads to is lost in such a child.
 #if !defined(__SANITIZE_ADDRESS__)
@@ -125,9 +100,8 @@ TEST_F(ForkedChild, ExitLeavesAloneWhatIsTheParents) {
             Must(Manager()->StopAllThreads(nullptr));
             Must(Manager()->JoinAllThreads());
         }) == 0);
-        std::exit(0);
     };
-    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+    ExpectEnd(body);
 }
 
 // The thread sanitizer ends a forked child that starts a thread.
@@ -142,20 +116,17 @@ TEST_F(ForkedChild, StartsAndEndsThreadsOfItsOwn) {
             EventCounts counts;
             network->GetEventQueue()->SendEvent(new CountedEvent(counts));
             StopHere(counts.m_fired == 1);
-            static Sink sink;
+            static CountingSink sink;
             static auto* const timer = new CNxTimerPreciseWrapperID;
             Must(timer->Schedule(&sink, CNxTimeValue(0, 10000), 0, NX_THREAD_NETWORK));
-            while (sink.m_calls == 0) {
-                std::this_thread::yield();
-            }
+            YieldUntil([] { return sink.m_calls != 0; });
             parent.m_timer->Cancel();
             new CountsItsEnd(*parent.m_ended);
         };
         // Its own clean-up object alone.
         StopHere(parent.EndedByChild(live) == 1);
-        std::exit(0);
     };
-    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+    ExpectEnd(body);
 }
 #endif
 
@@ -198,9 +169,8 @@ TEST_F(ForkedChild, IsNotLeftWithWhatOthersHadLocked) {
         stop = true;
         busy.join();
         posts.join();
-        std::exit(0);
     };
-    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+    ExpectEnd(body);
 }
 
 }  // namespace

@@ -1,30 +1,17 @@
 // When memory runs out: every allocation of each operation fails in turn.
-#include <gtest/gtest.h>
 #include <nx/event/CNxEventQueueUsingMutex.h>
 #include <nx/foundation/CNxSingleton.h>
-#include <nx/thread/CNxThread.h>
-#include <nx/thread/CNxThreadManager.h>
 #include <nx/timer/CNxTimerPriorityQueue.h>
 #include <nx/timer/CNxTimerQueueCalendar.h>
 #include <nx/timer/CNxTimerQueueOrderedList.h>
 
-#include <cstdlib>
-#include <functional>
 #include <memory>
 
-#include "../support/CountedEvent.h"
 #include "../support/FailingNew.h"
-#include "../support/Must.h"
 #include "../support/SimulatedClock.h"
+#include "ThreadSupport.h"
 
 namespace {
-
-constexpr auto c_normal = INxEventQueue::PRIORITY_NORMAL;
-constexpr auto c_joinable = CNxThreadManager::FLAG_JOINABLE;
-
-CNxThreadManager* Manager() {
-    return CNxThreadManager::Instance();
-}
 
 // Repeats the operation until none of its allocations is left to fail. It returns
 // NX_ERROR_FAILURE each time before; `check` is called after each.
@@ -46,8 +33,7 @@ void Sweep(const std::function<NxResult()>& operation, const std::function<void(
 }
 
 TEST(Memory, PostOrSendWithoutItDestroysTheEventOnce) {
-    CNxThread* thread = nullptr;
-    Must(Manager()->CreateUserTaskThread(thread, c_joinable, 0));
+    CNxThread* const thread = StartWorker(0);
     INxEventQueue* const queue = thread->GetEventQueue();
     EventCounts counts;
     INxEvent* event = nullptr;
@@ -73,17 +59,15 @@ struct Handler : INxTimerHandler {
     int m_calls = 0;
 };
 
-const std::function<int(INxTimerQueue&)> c_fire[] = {
-    [](INxTimerQueue& queue) {
-        return static_cast<CNxTimerQueueBase&>(queue).CheckExpire(nullptr);
-    },
-    [](INxTimerQueue& queue) {
-        static_cast<CNxTimerQueueCalendar&>(queue).TimerTick();
-        static_cast<CNxTimerQueueCalendar&>(queue).TimerTick();
-        return 0;
-    }};
+void Fire(INxTimerQueue& queue) {
+    if (auto* const calendar = dynamic_cast<CNxTimerQueueCalendar*>(&queue)) {
+        calendar->TimerTick();
+        calendar->TimerTick();
+    } else {
+        static_cast<CNxTimerQueueBase&>(queue).CheckExpire(nullptr);
+    }
+}
 
-// A refused timer leaves what was there, and firing and arming again need no memory at all.
 TEST(Memory, BacklogIsTakenInSmallerPartsWithoutTheMemoryForLargeOnes) {
     CNxEventQueueUsingMutex queue;
     EventCounts counts;
@@ -102,35 +86,34 @@ TEST(Memory, BacklogIsTakenInSmallerPartsWithoutTheMemoryForLargeOnes) {
     queue.ProcessEvents(events);
 }
 
+// A refused timer leaves what was there, and firing and arming again need no memory at all.
 TEST(Memory, TimerQueueWithoutItRefusesAndKeepsWhatItHas) {
     SimulatedClock clock;
-    for (int kind = 0; kind < 3; ++kind) {
-        std::unique_ptr<INxTimerQueue> queue;
-        if (kind == 0) {
-            queue = std::make_unique<CNxTimerQueueOrderedList>(nullptr);
-        } else if (kind == 1) {
-            queue = std::make_unique<CNxTimerPriorityQueue>(nullptr);
-        } else {
-            queue = std::make_unique<CNxTimerQueueCalendar>(10, 1000, nullptr);
-        }
+    const std::unique_ptr<INxTimerQueue> queues[] = {
+        std::make_unique<CNxTimerQueueOrderedList>(nullptr),
+        std::make_unique<CNxTimerPriorityQueue>(nullptr),
+        std::make_unique<CNxTimerQueueCalendar>(10, 1000, nullptr)};
+    for (const auto& queue : queues) {
+        SCOPED_TRACE(&queue - queues);
         Handler first;
         Handler second;
         const CNxTimeValue interval(0, 10000);
-        Sweep([&] { return queue->ScheduleTimer(&first, nullptr, interval, 0); }, [](bool) {});
-        Sweep([&] { return queue->ScheduleTimer(&second, nullptr, interval, 0); }, [](bool) {});
+        for (Handler* const handler : {&first, &second}) {
+            Sweep([&] { return queue->ScheduleTimer(handler, nullptr, interval, 0); }, [](bool) {});
+        }
         {
             const FailingNew memory(0, FailingNew::ONWARDS);
             const NxResult replaced = queue->ScheduleTimer(&first, nullptr, interval, 0);
             EXPECT_TRUE(replaced == NX_ERROR_FOUND || replaced == NX_ERROR_FAILURE);
             for (int i = 0; i < 3; ++i) {
                 clock.Advance(10000);
-                c_fire[kind / 2](*queue);
+                Fire(*queue);
             }
         }
-        EXPECT_GE(first.m_calls, 3) << kind;
-        EXPECT_EQ(first.m_calls, second.m_calls) << kind;
-        EXPECT_EQ(queue->CancelTimer(&first), NX_OK) << kind;
-        EXPECT_EQ(queue->CancelTimer(&second), NX_OK) << kind;
+        EXPECT_GE(first.m_calls, 3);
+        EXPECT_EQ(first.m_calls, second.m_calls);
+        EXPECT_EQ(queue->CancelTimer(&first), NX_OK);
+        EXPECT_EQ(queue->CancelTimer(&second), NX_OK);
     }
 }
 
@@ -140,11 +123,8 @@ TEST(Memory, ThreadThatIsNotMadeLeavesNothing) {
     const auto end = [&thread](bool failed) {
         EXPECT_EQ(thread == nullptr, failed);
         if (thread != nullptr) {
-            thread->Stop(nullptr);
-            thread->Join();
-            thread->Destory(0);
+            StopAndDestroy(std::exchange(thread, nullptr));
         }
-        thread = nullptr;
     };
     for (const int withTimers : {0, 1}) {
         Sweep([&] { return Manager()->CreateUserTaskThread(thread, c_joinable, withTimers); }, end);
@@ -162,35 +142,26 @@ TEST(Memory, SingletonThatIsNotMadeIsNotCleanedUp) {
     CNxCleanUpBase::CleanupAll();
 }
 
-class MemoryEnd : public ::testing::Test {
-protected:
-    void SetUp() override { ::testing::GTEST_FLAG(death_test_style) = "threadsafe"; }
-};
+using MemoryEnd = ProcessEnd;
 
 TEST_F(MemoryEnd, TearDownNeedsNone) {
     const auto body = [] {
         // Called after the tear-down.
         std::atexit([] { std::_Exit(FailingNew::CountFailed() == 0 ? 0 : 1); });
         Must(Manager()->InitMainThread(0, nullptr));
-        CNxThread* thread = nullptr;
+        CNxThread* network = nullptr;
         Must(Manager()->CreateNetworkThread(NX_THREAD_NETWORK,
-                                            CNxThreadManager::CreateNetworkReactor(), thread));
-        Must(Manager()->CreateUserTaskThread(thread, c_joinable, 1));
+                                            CNxThreadManager::CreateNetworkReactor(), network));
+        StartWorker();
         const FailingNew memory(0, FailingNew::ONWARDS);
         std::exit(0);
     };
-    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+    ExpectEnd(body);
 }
 
 // Which one, so that the line leads to the culprit.
 TEST_F(MemoryEnd, ExceptionThatLeavesACallbackEndsTheProcessWithItsName) {
-    EventCounts counts;
-    const auto post = [&counts] {
-        CNxThread* thread = nullptr;
-        Must(Manager()->CreateUserTaskThread(thread, c_joinable, 0));
-        thread->GetEventQueue()->SendEvent(
-            new CountedEvent(counts, []() -> NxResult { throw std::bad_alloc(); }));
-    };
+    const auto post = [] { Worker().Do([]() -> NxResult { throw std::bad_alloc(); }); };
     EXPECT_DEATH(post(), "exception.*OnEventFire.*bad_alloc");
     struct Thrower : INxTimerHandler {
         void OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) override { throw 1; }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadManager.h>
+#include <nx/thread/CNxTimerPreciseWrapperID.h>
 
 #include <cstdlib>
 #include <functional>
@@ -66,6 +67,12 @@ public:
 
 private:
     CNxThread* const m_thread;
+};
+
+class CountingSink : public CNxTimerPreciseWrapperIDSink {
+public:
+    void OnTimer(CNxTimerPreciseWrapperID* /*id*/) override { ++m_calls; }
+    std::atomic<int> m_calls{0};
 };
 
 // How a process ends: each body runs in a fresh one.
