@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <nx/foundation/has_zero_byte.h>
+#include <nx/foundation/write_parts.h>
 #include <nx/process/CDescriptor.h>
 #include <nx/process/CatchBadAlloc.h>
 #include <nx/process/read_descriptor.h>
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cassert>
+#include <numeric>
 #include <string>
 
 namespace {
@@ -24,28 +26,6 @@ bool IsPath(const CNxString& path) {
     return !path.empty() && !HasZeroByte(path);
 }
 
-// The entries in order, however little of them a call takes.
-bool WriteEntries(int fd, iovec* entries, unsigned long count) {
-    while (count > 0) {
-        const ssize_t result = writev(fd, entries, static_cast<int>(count));
-        if (result < 0 && errno != EINTR) {
-            return false;
-        }
-        auto written = static_cast<size_t>(result < 0 ? 0 : result);
-        while (count > 0 && written >= entries->iov_len) {
-            written -= entries->iov_len;
-            ++entries;
-            --count;
-        }
-        assert(count > 0 || written == 0);
-        if (count > 0) {
-            entries->iov_base = static_cast<char*>(entries->iov_base) + written;
-            entries->iov_len -= written;
-        }
-    }
-    return true;
-}
-
 // Past the first `count` blocks that hold something.
 const CNxMessageBlock* Skip(const CNxMessageBlock* block, unsigned long count) {
     while (count > 0) {
@@ -58,15 +38,20 @@ const CNxMessageBlock* Skip(const CNxMessageBlock* block, unsigned long count) {
 
 bool WriteChain(int fd, const CNxMessageBlock* block) {
     constexpr unsigned long c_maxEntries = 64;
+    off_t end = 0;
     while (block != nullptr) {
         iovec entries[c_maxEntries];
         const unsigned long count = block->FillIov(entries, c_maxEntries);
         if (count == 0) {
             break;
         }
-        if (!WriteEntries(fd, entries, count)) {
+        const size_t size =
+            std::accumulate(entries, entries + count, size_t{0},
+                            [](size_t sum, const iovec& entry) { return sum + entry.iov_len; });
+        if (WriteParts(fd, entries, static_cast<int>(count), end) != size) {
             return false;
         }
+        end += static_cast<off_t>(size);
         block = Skip(block, count);
     }
     return true;
