@@ -25,9 +25,6 @@ TEST(CNxEnvironment, NamesAreMatchedWholeAndBadOnesRefused) {
     EXPECT_EQ(NX_OK, environment.Set("AB", "1"));
     EXPECT_EQ(NX_OK, environment.Set("A", "2"));
     EXPECT_EQ(NX_OK, environment.Set("AB", "3"));
-    ASSERT_EQ(2u, environment.GetEntries().size());
-    EXPECT_EQ("AB=3", environment.GetEntries()[0]);
-    EXPECT_EQ("A=2", environment.GetEntries()[1]);
     CNxString value = "kept";
     for (const CNxString& name : {CNxString(), CNxString("A="), CNxString("A\0", 2)}) {
         EXPECT_EQ(NX_ERROR_INVALID_ARG, environment.Set(name, "x"));
@@ -36,7 +33,7 @@ TEST(CNxEnvironment, NamesAreMatchedWholeAndBadOnesRefused) {
     }
     EXPECT_EQ(NX_ERROR_INVALID_ARG, environment.Set("A", CNxString("x\0", 2)));
     EXPECT_EQ("kept", value);
-    EXPECT_EQ(2u, environment.GetEntries().size());
+    EXPECT_EQ((std::vector<CNxString>{"AB=3", "A=2"}), environment.GetEntries());
 }
 
 TEST(CNxEnvironment, AFolderGoesToTheFrontOfTheLibraryPathOnce) {
