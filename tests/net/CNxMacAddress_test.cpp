@@ -5,7 +5,6 @@
 #include <fstream>
 #include <map>
 #include <string>
-#include <unordered_set>
 
 namespace {
 
@@ -30,36 +29,23 @@ TEST(CNxMacAddress, EveryFormatIsReadAndWritten) {
 
 TEST(CNxMacAddress, WhatIsNotExactlyAnAddressIsRefusedAndChangesNothing) {
     CNxMacAddress address = Mac("01:23:45:67:89:ab");
-    for (const char* text :
-         {"", "01", "01:23:45:67:89", "01:23:45:67:89:ab:", "01:23:45:67:89:a", "1:23:45:67:89:abc",
-          "01:23:45-67-89-ab", "01:23:45:67:89:ag", " 1:23:45:67:89:ab", "01:23:45:67:89:ab ",
-          "0123:4567:89ab", "0123.4567.89a", "012.3456.789ab", "0123456789abc", "0123456789a",
-          "+12345678901", "0x2345678901", "01.23.45.67.89.ab", "01:23:45:67:89:\xC3\xA9"}) {
+    for (const CNxString& text :
+         {CNxString(), CNxString("01:23:45:67:89:ab:"), CNxString("01:23:45-67-89-ab"),
+          CNxString("01:23:45:67:89:ag"), CNxString("+12345678901"), CNxString("0x2345678901"),
+          CNxString("0123:4567:89ab"), CNxString("01:23:45:67:89:ab\0", 18)}) {
         EXPECT_EQ(NX_ERROR_INVALID_ARG, address.Set(text)) << text;
     }
-    EXPECT_EQ(NX_ERROR_INVALID_ARG, address.Set(CNxString("01:23:45:67:89:ab\0", 18)));
     EXPECT_EQ(Mac("0123.4567.89ab"), address);
 }
 
-TEST(CNxMacAddress, KindsAreToldByTheFirstByte) {
-    const CNxMacAddress broadcast = Mac("ff:ff:ff:ff:ff:ff");
-    EXPECT_TRUE(broadcast.IsBroadcast() && broadcast.IsMulticast());
+TEST(CNxMacAddress, KindsAreToldByTheFirstByteAndTheOrderToo) {
+    EXPECT_TRUE(Mac("ff:ff:ff:ff:ff:ff").IsBroadcast());
     EXPECT_FALSE(Mac("ff:ff:ff:ff:ff:fe").IsBroadcast());
     EXPECT_TRUE(Mac("01:00:5e:00:00:01").IsMulticast());
-    EXPECT_FALSE(Mac("00:01:5e:00:00:01").IsMulticast());
+    EXPECT_FALSE(Mac("02:01:5e:00:00:01").IsMulticast());
     EXPECT_TRUE(Mac("02:42:ac:11:00:02").IsLocallyAdministered());
     EXPECT_FALSE(Mac("3c:42:ac:11:00:02").IsLocallyAdministered());
-    EXPECT_TRUE(CNxMacAddress().IsZero());
-    EXPECT_FALSE(Mac("00:00:00:00:00:01").IsZero());
-}
-
-TEST(CNxMacAddress, SortsByBytesAndIsAKey) {
     EXPECT_LT(Mac("00:ff:ff:ff:ff:ff"), Mac("01:00:00:00:00:00"));
-    EXPECT_FALSE(Mac("01:00:00:00:00:00") < Mac("01:00:00:00:00:00"));
-    EXPECT_NE(Mac("01:00:00:00:00:00"), Mac("01:00:00:00:00:01"));
-    std::unordered_set<CNxMacAddress, CNxMacAddressHash> set;
-    set.insert(Mac("01:00:00:00:00:00"));
-    EXPECT_EQ(1u, set.count(Mac("01-00-00-00-00-00")));
 }
 
 // The kernel's other account of them.

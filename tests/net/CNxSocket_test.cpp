@@ -7,8 +7,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <string>
-#include <tuple>
-#include <utility>
 
 #include <nx/net/CNxSocket.h>
 
@@ -16,9 +14,6 @@ namespace {
 
 const CNxInetAddr c_loopback("127.0.0.1:0");
 
-bool IsOpen(int handle) {
-    return fcntl(handle, F_GETFD) != -1;
-}
 CNxInetAddr GetLocal(const CNxSocketBase& socket) {
     CNxInetAddr address;
     EXPECT_EQ(socket.GetLocalAddr(address), 0);
@@ -40,30 +35,6 @@ struct Pair {
     const int& peer = ends[1];
 };
 
-class CNxSocketUdpTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_EQ(m_receiver.Open(c_loopback), 0);
-        ASSERT_EQ(m_sender.Open(c_loopback), 0);
-        m_peer = GetLocal(m_receiver);
-        timeval patience = {10, 0};
-        ASSERT_EQ(
-            setsockopt(m_receiver.GetHandle(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience),
-            0);
-    }
-
-    std::string Receive() {
-        std::string datagram(70000, '?');
-        const ssize_t size = recv(m_receiver.GetHandle(), &datagram[0], datagram.size(), 0);
-        datagram.resize(size < 0 ? 0 : static_cast<size_t>(size));
-        return datagram;
-    }
-
-    CNxSocketUdp m_receiver;
-    CNxSocketUdp m_sender;
-    CNxInetAddr m_peer;
-};
-
 }  // namespace
 
 TEST(CNxSocketBase, ClosesWhatItOwnsExactlyOnce) {
@@ -77,7 +48,7 @@ TEST(CNxSocketBase, ClosesWhatItOwnsExactlyOnce) {
 
     const int handle = socket.GetHandle();
     EXPECT_EQ(socket.Close(), 0);
-    EXPECT_FALSE(IsOpen(handle));
+    EXPECT_EQ(fcntl(handle, F_GETFD), -1);
     EXPECT_EQ(socket.GetHandle(), -1);
     EXPECT_EQ(socket.Close(), 0);
 
@@ -126,47 +97,59 @@ TEST(CNxSocketBase, FailedAddressQueryLeavesTheAddress) {
     EXPECT_FALSE(address.IsResolved());
 }
 
-TEST_F(CNxSocketUdpTest, GathersPiecesIntoOneDatagram) {
-    char ab[] = "ab";
-    char cde[] = "cde";
-    const iovec pieces[] = {{ab, 2}, {nullptr, 0}, {cde, 3}};
-    EXPECT_EQ(m_sender.SendVTo(pieces, 3, m_peer), 5);
-    EXPECT_EQ(Receive(), "abcde");
-
+TEST(CNxSocketUdp, GathersPiecesIntoOneDatagram) {
+    CNxSocketUdp receiver;
+    CNxSocketUdp sender;
+    ASSERT_EQ(receiver.Open(c_loopback), 0);
+    ASSERT_EQ(sender.Open(c_loopback), 0);
+    const CNxInetAddr peer = GetLocal(receiver);
+    const timeval patience = {10, 0};
+    setsockopt(receiver.GetHandle(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    std::string datagram(70000, '?');
+    const auto receive = [&] {
+        return recv(receiver.GetHandle(), datagram.data(), datagram.size(), 0);
+    };
     // Around the size up to which nothing is allocated, and the largest that IPv4 carries.
-    for (size_t total : {2047U, 2048U, 2049U, 65507U}) {
-        std::string head(1000, 'h');
+    for (const size_t total : {5U, 2047U, 2048U, 2049U, 65507U}) {
+        std::string head(2, 'h');
         std::string tail(total - head.size(), 't');
-        const iovec parts[] = {{&head[0], head.size()}, {&tail[0], tail.size()}};
-        EXPECT_EQ(m_sender.SendVTo(parts, 2, m_peer), static_cast<long>(total));
-        EXPECT_EQ(Receive(), head + tail);
+        const iovec pieces[] = {{head.data(), 2}, {nullptr, 0}, {tail.data(), tail.size()}};
+        EXPECT_EQ(sender.SendVTo(pieces, 3, peer), static_cast<long>(total));
+        EXPECT_EQ(receive(), static_cast<long>(total));
+        EXPECT_EQ(datagram.substr(0, total), head + tail);
     }
-
-    ASSERT_EQ(connect(m_sender.GetHandle(), m_peer.GetPtr(), sizeof(sockaddr_in)), 0);
-    EXPECT_EQ(m_sender.SendVTo(pieces, 1, CNxInetAddr(0)), 2);
-    EXPECT_EQ(Receive(), "ab");
+    char bytes[] = "ab";
+    const iovec piece = {bytes, 2};
+    ASSERT_EQ(connect(sender.GetHandle(), peer.GetPtr(), sizeof(sockaddr_in)), 0);
+    EXPECT_EQ(sender.SendVTo(&piece, 1, CNxInetAddr(0)), 2);
+    EXPECT_EQ(receive(), 2);
+    EXPECT_EQ(datagram.substr(0, 2), "ab");
 }
 
-TEST_F(CNxSocketUdpTest, WhatIsNoDatagramIsRefused) {
+TEST(CNxSocketUdp, WhatIsNoDatagramIsRefused) {
+    CNxSocketUdp sender;
+    ASSERT_EQ(sender.Open(c_loopback), 0);
     char bytes[] = "ab";
-    const iovec empty[] = {{bytes, 0}, {nullptr, 0}};
-    const std::pair<const iovec*, unsigned long> nothing[] = {{empty, 2}, {empty, 0}, {nullptr, 0}};
-    for (const auto& [pieces, count] : nothing) {
-        errno = 0;
-        EXPECT_EQ(m_sender.SendVTo(pieces, count, m_peer), -1);
-        EXPECT_EQ(errno, EINVAL);
-    }
-
+    const CNxInetAddr peer = GetLocal(sender);
     const CNxInetAddr unresolved("server.invalid", 1);
-    const std::tuple<iovec, const CNxInetAddr&, int> cases[] = {
-        {{nullptr, 1}, m_peer, EFAULT},
-        {{bytes, SIZE_MAX - 1}, m_peer, EMSGSIZE},
-        {{bytes, size_t{8} << 30}, m_peer, EMSGSIZE},
-        {{bytes, 1}, unresolved, EADDRNOTAVAIL},
+    const struct {
+        iovec m_pieces[2];
+        unsigned long m_count;
+        const CNxInetAddr& m_peer;
+        int m_error;
+    } cases[] = {
+        {{{bytes, 0}, {nullptr, 0}}, 2, peer, EINVAL},
+        {{{bytes, 0}, {nullptr, 0}}, 0, peer, EINVAL},
+        {{{bytes, 2}, {nullptr, 1}}, 2, peer, EFAULT},
+        {{{bytes, 2}, {bytes, SIZE_MAX - 1}}, 2, peer, EMSGSIZE},
+        {{{bytes, 2}, {bytes, size_t{8} << 30}}, 2, peer, EMSGSIZE},
+        {{{bytes, 2}, {bytes, 1}}, 2, unresolved, EADDRNOTAVAIL},
     };
-    for (const auto& [second, peer, error] : cases) {
-        const iovec pieces[] = {{bytes, 2}, second};
-        EXPECT_EQ(m_sender.SendVTo(pieces, 2, peer), -1);
-        EXPECT_EQ(errno, error);
+    for (const auto& one : cases) {
+        errno = 0;
+        EXPECT_EQ(sender.SendVTo(one.m_pieces, one.m_count, one.m_peer), -1);
+        EXPECT_EQ(errno, one.m_error);
     }
+    EXPECT_EQ(sender.SendVTo(nullptr, 0, peer), -1);
+    EXPECT_EQ(errno, EINVAL);
 }

@@ -11,9 +11,6 @@ TEST(CNxEnvironment, IsACopyOfThatOfTheProcess) {
     CNxString value;
     EXPECT_EQ(NX_OK, environment.Get("NX_ENVIRONMENT_TEST", value));
     EXPECT_EQ("a=b", value);
-    EXPECT_EQ(NX_OK, environment.Set("NX_ENVIRONMENT_TEST", ""));
-    EXPECT_EQ(NX_OK, environment.Get("NX_ENVIRONMENT_TEST", value));
-    EXPECT_EQ("", value);
     environment.Unset("NX_ENVIRONMENT_TEST");
     EXPECT_EQ(NX_ERROR_NOT_FOUND, environment.Get("NX_ENVIRONMENT_TEST", value));
     EXPECT_STREQ("a=b", std::getenv("NX_ENVIRONMENT_TEST"));
@@ -24,10 +21,7 @@ TEST(CNxEnvironment, NamesAreMatchedWholeAndBadOnesRefused) {
     CNxEnvironment environment;
     EXPECT_EQ(NX_OK, environment.Set("AB", "1"));
     EXPECT_EQ(NX_OK, environment.Set("A", "2"));
-    EXPECT_EQ(NX_OK, environment.Set("AB", "3"));
-    ASSERT_EQ(2u, environment.GetEntries().size());
-    EXPECT_EQ("AB=3", environment.GetEntries()[0]);
-    EXPECT_EQ("A=2", environment.GetEntries()[1]);
+    EXPECT_EQ(NX_OK, environment.Set("AB", ""));
     CNxString value = "kept";
     for (const CNxString& name : {CNxString(), CNxString("A="), CNxString("A\0", 2)}) {
         EXPECT_EQ(NX_ERROR_INVALID_ARG, environment.Set(name, "x"));
@@ -36,7 +30,7 @@ TEST(CNxEnvironment, NamesAreMatchedWholeAndBadOnesRefused) {
     }
     EXPECT_EQ(NX_ERROR_INVALID_ARG, environment.Set("A", CNxString("x\0", 2)));
     EXPECT_EQ("kept", value);
-    EXPECT_EQ(2u, environment.GetEntries().size());
+    EXPECT_EQ((std::vector<CNxString>{"AB=", "A=2"}), environment.GetEntries());
 }
 
 TEST(CNxEnvironment, AFolderGoesToTheFrontOfTheLibraryPathOnce) {

@@ -1,11 +1,10 @@
 #include <gtest/gtest.h>
 #include <nx/process/CNxProcessLock.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <atomic>
-#include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "../support/TempFolder.h"
@@ -86,47 +85,38 @@ TEST_F(CNxProcessLockTest, AForkedChildGivesNothingUpForItsParent) {
     EXPECT_NE("", m_folder.Get("lock"));
 }
 
-// What the fighters share. A holder whose mark is overwritten is not alone.
-struct Arena {
-    std::atomic<pid_t> m_holder{0};
-    std::atomic<int> m_taken{0};
-    std::atomic<int> m_doubles{0};
-};
-
-int Fight(const CNxString& path, Arena& arena) {
-    for (;; sched_yield()) {
-        CNxProcessLock lock;
-        if (lock.Lock(path) != NX_OK) {
-            continue;
-        }
-        arena.m_holder.store(getpid());
-        ++arena.m_taken;
-        for (int i = 0; i < 20; ++i) {
-            sched_yield();
-            arena.m_doubles += arena.m_holder.load() == getpid() ? 0 : 1;
-        }
-    }
+TEST_F(CNxProcessLockTest, EndsWithItsHolder) {
+    Child child([&] {
+        static_cast<void>(m_lock.Lock(m_path));
+        return raise(SIGSTOP);
+    });
+    ASSERT_EQ(child.GetPid(), waitpid(child.GetPid(), nullptr, WUNTRACED));
+    EXPECT_EQ(NX_ERROR_NOT_AVAILABLE, m_lock.Lock(m_path));
+    EXPECT_EQ(NX_OK, CNxProcessLock::GetHolder(m_path, m_holder));
+    EXPECT_EQ(child.GetPid(), m_holder);
+    child.Kill();
+    EXPECT_EQ(NX_OK, m_lock.Lock(m_path));
 }
 
-TEST_F(CNxProcessLockTest, FoughtOverAndHoldersKilledThereIsNeverASecond) {
-    void* const memory =
-        mmap(nullptr, sizeof(Arena), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(MAP_FAILED, memory);
-    Arena& arena = *new (memory) Arena;
-    const auto start = [&] { return Child([&] { return Fight(m_path, arena); }); };
-    std::vector<Child> fighters;
-    while (fighters.size() < 6) {
-        fighters.push_back(start());
+TEST_F(CNxProcessLockTest, FoughtOverThereIsNeverASecondHolder) {
+    std::atomic<int> holders{0};
+    std::vector<std::thread> fighters;
+    for (int number = 0; number < 6; ++number) {
+        fighters.emplace_back([&] {
+            for (int taken = 0; taken < ShortOr(100, 10000);) {
+                CNxProcessLock lock;
+                if (lock.Lock(m_path) == NX_OK) {
+                    EXPECT_EQ(1, ++holders);
+                    sched_yield();
+                    --holders;
+                    ++taken;
+                }
+            }
+        });
     }
-    std::mt19937 random(1);
-    for (int rounds = ShortOr(200, 2000); rounds > 0; --rounds) {
-        usleep(static_cast<useconds_t>(random() % 10000));
-        fighters[random() % fighters.size()] = start();  // kills the one that was there
+    for (std::thread& fighter : fighters) {
+        fighter.join();
     }
-    EXPECT_EQ(0, arena.m_doubles.load());
-    EXPECT_GT(arena.m_taken.load(), 0);
-    fighters.clear();
-    munmap(memory, sizeof(Arena));
 }
 
 }  // namespace

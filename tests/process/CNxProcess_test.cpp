@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <nx/process/CNxProcess.h>
-#include <nx/process/CNxProcessInfo.h>
 #include <poll.h>
 
 #include <filesystem>
@@ -39,22 +38,24 @@ std::string PrintedBy(CNxProcessStart start) {
     return folder.Get("output");
 }
 
-// Each test leaves no descriptor, and no process that has ended and was not waited for.
+// No test leaves a descriptor or a process.
 class CNxProcessTest : public ::testing::Test {
 protected:
+    void TearDown() override {
+        EXPECT_EQ(m_descriptors, CountDescriptors());
+        EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));
+    }
+
     static long CountDescriptors() {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     }
 
-    void TearDown() override {
-        EXPECT_EQ(m_descriptors, CountDescriptors());
-        siginfo_t info{};
-        waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT);
-        EXPECT_EQ(0, info.si_pid);
-    }
-
+    const CNxTimeValue m_moment{0, 1000};
+    const CNxTimeValue m_minute{60, 0};
     const long m_descriptors = CountDescriptors();
     const CTempFolder m_folder;
+    CNxProcess m_process;
+    CNxProcessEnd m_end;
 };
 
 TEST_F(CNxProcessTest, ArgumentsEnvironmentAndFolderArriveAsTheyAre) {
@@ -84,17 +85,15 @@ TEST_F(CNxProcessTest, HasTheDescriptorsThatItWasGivenAndNoOther) {
 }
 
 TEST_F(CNxProcessTest, ItsExitIsToldAsOftenAsAsked) {
-    CNxProcess process;
-    CNxProcessEnd end;
-    EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, process.Wait(end));
-    EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, process.Signal(SIGTERM));
-    ASSERT_EQ(NX_OK, process.Start(Shell("exit 9")));
-    pollfd handle{process.GetHandle(), POLLIN, 0};
+    EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, m_process.Wait(m_end));
+    EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, m_process.Signal(SIGTERM));
+    ASSERT_EQ(NX_OK, m_process.Start(Shell("exit 9")));
+    pollfd handle{m_process.GetHandle(), POLLIN, 0};
     EXPECT_EQ(1, poll(&handle, 1, -1));
     const CNxTimeValue none;
-    EXPECT_EQ(NX_OK, process.Wait(end, &none));
-    EXPECT_EQ(9, Await(process));
-    EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, process.Signal(SIGTERM));
+    EXPECT_EQ(NX_OK, m_process.Wait(m_end, &none));
+    EXPECT_EQ(9, Await(m_process));
+    EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, m_process.Signal(SIGTERM));
 }
 
 TEST_F(CNxProcessTest, SignalsAreAtTheirDefaultsAndUnblocked) {
@@ -104,11 +103,10 @@ TEST_F(CNxProcessTest, SignalsAreAtTheirDefaultsAndUnblocked) {
     sigaddset(&terminate, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &terminate, &before);
     const auto handler = std::signal(SIGPIPE, SIG_IGN);
-    CNxProcess process;
-    EXPECT_EQ(NX_OK, process.Start(Shell("kill -PIPE $$")));
-    EXPECT_EQ(-SIGPIPE, Await(process));
-    EXPECT_EQ(NX_OK, process.Start(Shell("kill -TERM $$")));
-    EXPECT_EQ(-SIGTERM, Await(process));
+    for (const int signo : {SIGPIPE, SIGTERM}) {
+        EXPECT_EQ(NX_OK, m_process.Start(Shell("kill -" + std::to_string(signo) + " $$")));
+        EXPECT_EQ(-signo, Await(m_process));
+    }
     std::signal(SIGPIPE, handler);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
@@ -135,65 +133,51 @@ TEST_F(CNxProcessTest, WhatCannotBeStartedIsToldAndLeavesNothing) {
         {"/bin/sh", {1, 0}, NX_ERROR_INVALID_ARG, 0},
         {"/bin/sh", {2, -1}, NX_ERROR_FAILURE, EBADF},
     };
-    CNxProcess process;
     for (const auto& one : cases) {
         CNxProcessStart start = Shell("exit 0");
         start.m_program = one.m_program;
         start.m_descriptors = {null, one.m_descriptor};
         errno = 0;
-        EXPECT_EQ(one.m_result, process.Start(start)) << one.m_program;
+        EXPECT_EQ(one.m_result, m_process.Start(start)) << one.m_program;
         EXPECT_EQ(one.m_error, errno) << one.m_program;
     }
     CNxProcessStart start = Shell("exit 0");
     start.m_workingFolder = "/no/such/folder";
-    EXPECT_EQ(NX_ERROR_NOT_FOUND, process.Start(start));
-    EXPECT_EQ(0, process.GetPid());
+    EXPECT_EQ(NX_ERROR_NOT_FOUND, m_process.Start(start));
+    EXPECT_EQ(0, m_process.GetPid());
 }
 
 TEST_F(CNxProcessTest, WaitingHasALimitAndStoppingEndsInSigkill) {
-    const CNxTimeValue moment(0, 1000);
-    CNxProcessEnd end;
-    CNxProcess process;
     const CNxProcessStart start = Shell("trap '' TERM; kill -STOP $$");
-    ASSERT_EQ(NX_OK, process.Start(start));
-    siginfo_t info{};
-    ASSERT_EQ(0, waitid(P_PID, static_cast<id_t>(process.GetPid()), &info, WSTOPPED));
-    EXPECT_EQ(NX_ERROR_ALREADY_INITIALIZED, process.Start(start));
-    EXPECT_EQ(NX_ERROR_TIMEOUT, process.Wait(end, &moment));
-    EXPECT_LT(2, process.GetHandle());
-    EXPECT_EQ(NX_OK, process.Stop(moment, end));
-    EXPECT_EQ(-SIGKILL, Await(process));
-    EXPECT_EQ(-1, process.GetHandle());
-
-    ASSERT_EQ(NX_OK, process.Start(Shell("exec sleep 1000")));
-    EXPECT_EQ(NX_OK, process.Stop(CNxTimeValue(60, 0), end));
-    EXPECT_EQ(SIGTERM, end.m_number);
+    ASSERT_EQ(NX_OK, m_process.Start(start));
+    ASSERT_EQ(m_process.GetPid(), waitpid(m_process.GetPid(), nullptr, WUNTRACED));
+    EXPECT_EQ(NX_ERROR_ALREADY_INITIALIZED, m_process.Start(start));
+    EXPECT_EQ(NX_ERROR_TIMEOUT, m_process.Wait(m_end, &m_moment));
+    EXPECT_LT(2, m_process.GetHandle());
+    EXPECT_EQ(NX_OK, m_process.Stop(m_moment, m_end));
+    EXPECT_EQ(-SIGKILL, Await(m_process));
+    EXPECT_EQ(-1, m_process.GetHandle());
 }
 
 TEST_F(CNxProcessTest, DoesNotOutliveItsObjectUnlessThatIsACopyInAForkedChild) {
-    CNxProcessInfo info;
-    {
-        CNxProcess process;
-        ASSERT_EQ(NX_OK, process.Start(Shell("exec sleep 1000")));
-        ASSERT_EQ(NX_OK, CNxProcessInfo::Read(process.GetPid(), info));
-        Child child([&] {
-            process.~CNxProcess();
-            return 0;
-        });
-        EXPECT_EQ(0, child.Wait());
-        EXPECT_TRUE(info.IsAlive());
-    }
-    EXPECT_FALSE(info.IsAlive());
+    const CNxProcessStart start = Shell("exec sleep 1000");
+    ASSERT_EQ(NX_OK, m_process.Start(start));
+    Child child([&] {
+        m_process.~CNxProcess();
+        return 0;
+    });
+    EXPECT_EQ(0, child.Wait());
+    EXPECT_EQ(NX_OK, m_process.Stop(m_minute, m_end));
+    EXPECT_EQ(-SIGTERM, Await(m_process));
+    EXPECT_EQ(NX_OK, CNxProcess().Start(start));
 }
 
 TEST_F(CNxProcessTest, AnEndThatSomebodyElseTookIsNotMadeUp) {
-    CNxProcess process;
-    CNxProcessEnd end;
-    ASSERT_EQ(NX_OK, process.Start(Shell("exit 3")));
-    ASSERT_EQ(process.GetPid(), waitpid(process.GetPid(), nullptr, 0));
-    EXPECT_EQ(NX_OK, process.Signal(SIGTERM));
-    EXPECT_EQ(NX_ERROR_NOT_AVAILABLE, process.Wait(end));
-    EXPECT_EQ(NX_ERROR_NOT_AVAILABLE, process.Wait(end));
+    ASSERT_EQ(NX_OK, m_process.Start(Shell("exit 3")));
+    ASSERT_EQ(m_process.GetPid(), waitpid(m_process.GetPid(), nullptr, 0));
+    EXPECT_EQ(NX_OK, m_process.Signal(SIGTERM));
+    EXPECT_EQ(NX_ERROR_NOT_AVAILABLE, m_process.Wait(m_end));
+    EXPECT_EQ(NX_ERROR_NOT_AVAILABLE, m_process.Wait(m_end));
 }
 
 // The system takes the end away, of some before they are looked for.

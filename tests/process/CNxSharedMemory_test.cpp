@@ -14,9 +14,8 @@ namespace {
 
 // What the processes write: equal as long as nobody was interrupted between the two.
 struct Content {
-    long m_first;
-    long m_second;
-    std::atomic<bool> m_isWriting;
+    std::atomic<long> m_first;
+    std::atomic<long> m_second;
 };
 
 class CNxSharedMemoryTest : public ::testing::Test {
@@ -104,12 +103,10 @@ TEST_F(CNxSharedMemoryTest, RemovalWakesWhoWaits) {
 int Write(CNxSharedMemory& memory, Content& content, bool stops) {
     while (memory.Lock() == NX_OK) {
         ++content.m_first;
-        content.m_isWriting = true;
-        while (stops) {
-            pause();
+        if (stops) {
+            raise(SIGSTOP);
         }
         ++content.m_second;
-        content.m_isWriting = false;
         if (memory.UnLock() != NX_OK) {
             break;
         }
@@ -122,21 +119,25 @@ TEST_F(CNxSharedMemoryTest, AfterAHolderWasKilledTheOtherGoesOnAndIsToldOnce) {
     Content& content = At(m_memory);
     std::mt19937 random(1);
     for (int round = ShortOr(20, 500); round > 0; --round) {
+        const long before = content.m_second;
         const bool stops = round % 2 == 0;
         Child writer([&] { return Write(m_memory, content, stops); });
-        while (!content.m_isWriting) {
-            usleep(100);  // leaves the processor to it
+        if (stops) {
+            waitpid(writer.GetPid(), nullptr, WUNTRACED);
         }
-        usleep(static_cast<useconds_t>(stops ? 0 : random() % 1000));
+        while (!stops && content.m_second == before) {
+            usleep(static_cast<useconds_t>(random() % 1000));
+        }
         writer.Kill();
         const NxResult result = m_memory.Lock();
-        ASSERT_TRUE(result == NX_ERROR_PARTIAL_DATA || (!stops && result == NX_OK)) << result;
-        const bool isHalfDone = content.m_isWriting || content.m_first != content.m_second;
-        ASSERT_TRUE(!isHalfDone || result == NX_ERROR_PARTIAL_DATA);
-        content.m_second = content.m_first;
-        content.m_isWriting = false;
-        ASSERT_EQ(NX_OK, m_memory.UnLock());
-        ASSERT_EQ(NX_OK, m_memory.Lock());
+        const bool isHalfDone = content.m_first != content.m_second;
+        ASSERT_TRUE(result == NX_ERROR_PARTIAL_DATA || (!isHalfDone && result == NX_OK)) << result;
+        ASSERT_TRUE(isHalfDone || !stops);
+        content.m_second = content.m_first.load();
+        for (int again = 0; again < 2; ++again) {
+            ASSERT_EQ(NX_OK, m_memory.UnLock());
+            ASSERT_EQ(NX_OK, m_memory.Lock());
+        }
         ASSERT_EQ(NX_OK, m_memory.UnLock());
     }
 }

@@ -26,11 +26,8 @@ public:
         }
         EXPECT_GT(m_pid, 0);
     }
-    Child(Child&& other) noexcept : m_pid(std::exchange(other.m_pid, 0)) {}
-    Child& operator=(Child&& other) noexcept {
-        std::swap(m_pid, other.m_pid);
-        return *this;
-    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
     ~Child() { Kill(); }
 
     pid_t GetPid() const { return m_pid; }

@@ -3,8 +3,6 @@
 #include <nx/process/base64.h>
 #include <nx/process/hash_functions.h>
 
-#include <string>
-
 namespace {
 
 TEST(Hashes, AreThePublishedOnes) {
@@ -19,38 +17,28 @@ TEST(Hashes, AreThePublishedOnes) {
     EXPECT_EQ(7u, cnx_crc32(nullptr, 0, 7));
 }
 
-// RFC 4648, section 10.
-TEST(Base64, TheStandardsExamples) {
-    const char* const texts[][2] = {{"", ""},
-                                    {"f", "Zg=="},
-                                    {"fo", "Zm8="},
-                                    {"foo", "Zm9v"},
-                                    {"foob", "Zm9vYg=="},
-                                    {"fooba", "Zm9vYmE="},
-                                    {"foobar", "Zm9vYmFy"}};
-    for (const auto& [bytes, text] : texts) {
-        EXPECT_EQ(text, cnx_base64_encode(bytes, std::string(bytes).size()).GetRawData());
-        CNxString decoded = text;
+// From RFC 4648, section 10, and one that tells the alphabets apart.
+TEST(Base64, TextsOfBothAlphabetsGoThereAndBack) {
+    const std::pair<CNxString, CNxString> cases[] = {
+        {"", ""}, {"f", "Zg=="}, {"foobar", "Zm9vYmFy"}, {"\xFB\xFF", "+/8="}};
+    CNxString decoded;
+    for (const auto& [bytes, text] : cases) {
+        EXPECT_EQ(text, cnx_base64_encode(bytes.data(), bytes.size()));
+        decoded = text;
         EXPECT_EQ(NX_OK, cnx_base64_decode(decoded, decoded));
-        EXPECT_EQ(bytes, decoded.GetRawData());
+        EXPECT_EQ(bytes, decoded);
     }
-    CNxString bytes;
-    EXPECT_EQ("+/8=", cnx_base64_encode("\xFB\xFF", 2));
     EXPECT_EQ("-_8", cnx_base64_encode("\xFB\xFF", 2, ECnxBase64::URL));
-    EXPECT_EQ(NX_OK, cnx_base64_decode("-_8", bytes, ECnxBase64::URL));
-    EXPECT_EQ("\xFB\xFF", bytes);
+    EXPECT_EQ(NX_OK, cnx_base64_decode("-_8", decoded, ECnxBase64::URL));
+    EXPECT_EQ("\xFB\xFF", decoded);
 }
 
 TEST(Base64, AnyOtherTextIsRefusedAndChangesNothing) {
     CNxString bytes = "as before";
-    for (const char* text : {"Z", "Zg", "Zg=", "Zg===", "Z===", "====", "Zm9v====", "Zg==Zg==",
-                             "Zh==", "Zm9=", "Zm 9", "Zm9v\n", "-_8=", "Zm9\xFF"}) {
+    for (const char* text : {"Zg", "Zg===", "Zg==Zg==", "Zh==", "Zm 9", "Zm9v\n", "-_8="}) {
         EXPECT_EQ(NX_ERROR_INVALID_ARG, cnx_base64_decode(text, bytes)) << text;
     }
-    for (const char* text : {"Z", "Zg==", "Zh", "+/8", "Zm9v="}) {
-        EXPECT_EQ(NX_ERROR_INVALID_ARG, cnx_base64_decode(text, bytes, ECnxBase64::URL)) << text;
-    }
-    EXPECT_EQ(NX_ERROR_INVALID_ARG, cnx_base64_decode(CNxString("Zm9\0", 4), bytes));
+    EXPECT_EQ(NX_ERROR_INVALID_ARG, cnx_base64_decode("Zg==", bytes, ECnxBase64::URL));
     EXPECT_EQ("as before", bytes);
 }
 

@@ -5,37 +5,21 @@
 
 namespace fs = std::filesystem;
 
-namespace {
-
-std::string RunCopy(const fs::path& program) {
-    fs::create_directories(program.parent_path());
-    fs::copy_file(SHOW_PATHS, program);
-    return OutputOf("'" + program.string() + "'");
-}
-
-std::string InitLines(const std::string& home, const std::string& name) {
-    const std::string prefix = "trace_setting_init, ";
-    return prefix + "g_strTracehome1=" + home + "\n" + prefix + "g_strConfigfile1=" + home +
-           "/conf/" + name + ".cfg\n" + prefix + "g_strLogDir1=" + home + "/logs/\n" + prefix +
-           "g_currentProcessName1=" + name + "\n";
-}
-
-}  // namespace
-
-TEST(ProcessPath, InstalledProgramFindsItsHomeOnceForAllThreads) {
+TEST(ProcessPath, HomeIsFoundOnceForAllThreadsAndOutsideBinWithAWarning) {
     const CTempFolder folder;
-    const std::string output = RunCopy(folder.Path("bin/srv"));
-    const std::string expected =
-        "name:srv\n" +
-        InitLines(folder.Path().substr(0, folder.Path().find_last_not_of('/') + 1), "srv");
-    EXPECT_EQ(output, expected + "process srv\n");
-}
-
-TEST(ProcessPath, OutsideBinTheExecutablesFolderIsHomeAndAWarningIsPrinted) {
-    const CTempFolder folder;
-    const std::string home = folder.Path("sbin");
-    const std::string output = RunCopy(home + "/srv");
-    const std::string expected =
-        "name:srv\nWarning::" + home + ",not bin path\n" + InitLines(home, "srv");
-    EXPECT_EQ(output.substr(0, expected.size()), expected);
+    const std::string root = fs::path(folder.Path()).parent_path();
+    const std::string cases[][3] = {
+        {"bin", root, ""},
+        {"sbin", root + "/sbin", "Warning::" + root + "/sbin,not bin path\n"},
+    };
+    for (const auto& [place, home, warning] : cases) {
+        const std::string program = folder.Path(place + "/srv");
+        fs::create_directory(folder.Path(place));
+        fs::copy_file(SHOW_PATHS, program);
+        const std::string prefix = "trace_setting_init, ";
+        EXPECT_EQ("name:srv\n" + warning + prefix + "g_strTracehome1=" + home + "\n" + prefix +
+                      "g_strConfigfile1=" + home + "/conf/srv.cfg\n" + prefix + "g_strLogDir1=" +
+                      home + "/logs/\n" + prefix + "g_currentProcessName1=srv\nprocess srv\n",
+                  OutputOf("'" + program + "'"));
+    }
 }
