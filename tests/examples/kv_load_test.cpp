@@ -2,11 +2,10 @@
 #include <kv_load/LatencyHistogram.h>
 #include <kv_load/Pipeline.h>
 #include <kv_load/Workload.h>
-#include <kv_server/CommandRunner.h>
 #include <nx/net/CNxInetAddr.h>
 #include <nx/net/CNxSocket.h>
 #include <sys/socket.h>
-#include <tests/examples/TakeText.h>
+#include <tests/examples/LocalKvServer.h>
 #include <tests/support/TempFolder.h>
 
 #include <algorithm>
@@ -40,23 +39,6 @@ TEST(LatencyHistogramTest, QuantilesFollowASortedList) {
     }
 }
 
-// The server that the client is made for, without its network.
-class ModelServer {
-public:
-    std::string Answer(const std::string& requests) {
-        m_reader.Take(requests, m_batch);
-        m_runner.Run(m_batch);
-        return TakeText(m_batch.replies);
-    }
-
-private:
-    kv_server::KvStore m_store;
-    kv_server::Stats m_stats;
-    kv_server::CommandRunner m_runner{m_store, m_stats};
-    kv_server::RequestReader m_reader;
-    kv_server::Batch m_batch;
-};
-
 struct PipelineTest : testing::Test {
     static constexpr std::size_t c_depth = 16;
 
@@ -77,7 +59,7 @@ struct PipelineTest : testing::Test {
 
     Workload m_workload{"load:test:", 40, 10, 21};
     Pipeline m_pipeline{m_workload, c_depth};
-    ModelServer m_server;
+    LocalKvServer m_server;
     LatencyHistogram m_latency;
 };
 
@@ -122,11 +104,6 @@ TEST_F(PipelineTest, EveryWrongByteIsFound) {
     }
 }
 
-struct Outcome {
-    int status = 0;
-    std::string messages;
-};
-
 // The port that it listens on.
 std::string Listen(CNxSocketTcp& listener) {
     CNxInetAddr address;
@@ -136,17 +113,18 @@ std::string Listen(CNxSocketTcp& listener) {
     return std::to_string(address.GetPort());
 }
 
-Outcome RunLoad(const std::string& options) {
-    Outcome outcome;
-    outcome.messages = OutputOf(
+void ExpectFailure(const std::string& options, const std::string& message) {
+    int status = 0;
+    const std::string said = OutputOf(
         "timeout 20 " KV_LOAD " --connections 1 --stall-timeout 1 " + options + " 2>&1 >/dev/null",
-        &outcome.status);
-    return outcome;
+        &status);
+    EXPECT_EQ(1, status);
+    EXPECT_NE(std::string::npos, said.find(message)) << said;
 }
 
 // The whole program against a server that sends `reply` to its one client, in one segment with the
 // end of the stream if it hangs up, then nothing.
-Outcome RunAgainst(const std::string& reply, bool hangUp = false) {
+void ExpectFailureAt(const std::string& reply, bool hangUp, const std::string& message) {
     CNxSocketTcp listener;
     const std::string port = Listen(listener);
     std::thread server([&] {
@@ -161,38 +139,19 @@ Outcome RunAgainst(const std::string& reply, bool hangUp = false) {
         while (recv(client.GetHandle(), &byte, 1, 0) > 0) {
         }
     });
-    const Outcome outcome = RunLoad("--port " + port);
+    ExpectFailure("--port " + port, message);
     server.join();
-    return outcome;
 }
 
-TEST(KvLoad, AWrongReplyASilentServerAndOneThatHangsUpAreFailures) {
-    const Outcome wrong = RunAgainst("-ERR no\r\n");
-    EXPECT_EQ(1, wrong.status);
-    EXPECT_NE(std::string::npos, wrong.messages.find("came \"-ERR no")) << wrong.messages;
-    const Outcome silent = RunAgainst("");
-    EXPECT_EQ(1, silent.status);
-    EXPECT_NE(std::string::npos, silent.messages.find("the server owes 16 replies"))
-        << silent.messages;
-    const Outcome gone = RunAgainst("+OK\r\n", true);
-    EXPECT_NE(std::string::npos, gone.messages.find("closed by the server")) << gone.messages;
-}
-
-// What it cannot send any more is no sign of life.
-TEST(KvLoad, WhatIsNoHostIsAFailureAndAHostNameIsNot) {
-    const Outcome none = RunLoad("--host 'a b' --port 1");
-    EXPECT_EQ(1, none.status);
-    EXPECT_NE(std::string::npos, none.messages.find("cannot find the address of 'a b'"));
-    const Outcome here = RunLoad("--host localhost --port 1");
-    EXPECT_EQ(1, here.status);
-    EXPECT_NE(std::string::npos, here.messages.find("cannot connect to 127.0.0.1:1"));
-}
-
-TEST(KvLoad, AServerThatDoesNotReadIsAFailureToo) {
+TEST(KvLoad, NamesWhatIsWrongWithTheServer) {
+    ExpectFailureAt("-ERR no\r\n", false, "came \"-ERR no");
+    ExpectFailureAt("", false, "the server owes 16 replies");
+    ExpectFailureAt("+OK\r\n", true, "closed by the server");
+    ExpectFailure("--host 'a b' --port 1", "cannot find the address of 'a b'");
+    ExpectFailure("--host localhost --port 1", "cannot connect to 127.0.0.1:1");
+    // One that does not read: what cannot be sent any more is no sign of life.
     CNxSocketTcp listener;
-    const Outcome full = RunLoad("--value-size 10000000 --port " + Listen(listener));
-    EXPECT_EQ(1, full.status);
-    EXPECT_NE(std::string::npos, full.messages.find("stalled")) << full.messages;
+    ExpectFailure("--value-size 10000000 --port " + Listen(listener), "stalled");
 }
 
 }  // namespace

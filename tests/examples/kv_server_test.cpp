@@ -1,7 +1,6 @@
 // The pieces of kv_server without a network.
 #include <gtest/gtest.h>
-#include <kv_server/CommandRunner.h>
-#include <tests/examples/TakeText.h>
+#include <tests/examples/LocalKvServer.h>
 #include <tests/support/FailingNew.h>
 
 #include <algorithm>
@@ -167,21 +166,7 @@ TEST(KvStoreModel, KeysExpireAndOnlyThose) {
               static_cast<long>(store.GetExpiringCount()));
 }
 
-class KvCommands : public testing::Test {
-protected:
-    std::string Run(std::string_view input) {
-        Batch batch;
-        m_reader.Take(input, batch);
-        m_runner.Run(batch);
-        EXPECT_FALSE(batch.HasCommands());
-        return TakeText(batch.replies);
-    }
-
-    KvStore m_store;
-    Stats m_stats;
-    CommandRunner m_runner{m_store, m_stats};
-    RequestReader m_reader;
-};
+struct KvCommands : testing::Test, LocalKvServer {};
 
 TEST_F(KvCommands, AnswerAsTheyShould) {
     const std::string notANumber = "-ERR value is not an integer or out of range\r\n";
@@ -222,7 +207,7 @@ TEST_F(KvCommands, AnswerAsTheyShould) {
          "-ERR unknown command 'A??B'\r\n"},
     };
     for (const auto& [request, answer] : dialogue) {
-        EXPECT_EQ(answer, Run(request)) << request;
+        EXPECT_EQ(answer, Answer(request)) << request;
     }
 }
 
@@ -232,11 +217,11 @@ TEST_F(KvCommands, APatternMadeToBeSlowIsAnError) {
     m_store.Set("ab", Value("1"));
     const auto keys = [](const std::string& pattern) { return ToRequest({"KEYS", pattern}); };
     EXPECT_EQ("-ERR pattern takes too long to match\r\n",
-              Run(keys("*" + std::string(4000, 'a') + "b*")));
+              Answer(keys("*" + std::string(4000, 'a') + "b*")));
     EXPECT_EQ("-ERR pattern takes too long to match\r\n",
-              Run(keys("*[" + std::string(300000, 'x') + "]")));
-    EXPECT_EQ("*1\r\n$2\r\nab\r\n", Run(keys("*[a-z]b*")));
-    EXPECT_EQ("*1\r\n$2\r\nab\r\n", Run(keys("*[b-z]")));
+              Answer(keys("*[" + std::string(300000, 'x') + "]")));
+    EXPECT_EQ("*1\r\n$2\r\nab\r\n", Answer(keys("*[a-z]b*")));
+    EXPECT_EQ("*1\r\n$2\r\nab\r\n", Answer(keys("*[b-z]")));
 }
 
 TEST_F(KvCommands, ThatWalkOverManyKeysTakeTurnsAndEndEarlyWhenGivenUp) {
@@ -259,23 +244,22 @@ TEST_F(KvCommands, AreRefusedAsAWholeWhenMemoryRunsOut) {
     const std::string big(5000, 'v');
     const std::string longKey(100, 'k');
     const std::string before = ToRequest({"SET", "old", big, "EX", "100"}) + "SET n 1\r\n";
-    const std::vector<Words> commands{{"SET", "old", std::string(6000, 'w')},
-                                      {"SET", longKey, big, "PX", "5000"},
-                                      {"INCR", "n"},
-                                      {"EXPIRE", "n", "50"},
-                                      {"KEYS", "*"},
-                                      {"GET", "old"},
-                                      {"CONFIG", "GET", "save"},
-                                      {"INFO"},
-                                      {"nonsense", "1"}};
     const std::string state = ToRequest({"GET", "old"}) + "TTL old\r\n" +
                               ToRequest({"TTL", longKey}) + "GET n\r\nTTL n\r\nDBSIZE\r\n";
     int refused = 0;
-    for (const Words& command : commands) {
+    for (const Words& command : std::vector<Words>{{"SET", "old", std::string(6000, 'w')},
+                                                   {"SET", longKey, big, "PX", "5000"},
+                                                   {"INCR", "n"},
+                                                   {"EXPIRE", "n", "50"},
+                                                   {"KEYS", "*"},
+                                                   {"GET", "old"},
+                                                   {"CONFIG", "GET", "save"},
+                                                   {"INFO"},
+                                                   {"nonsense", "1"}}) {
         bool isDone = false;
         for (long skip = 0; !isDone; ++skip) {
-            Run("FLUSHALL\r\n" + before);
-            const std::string stateBefore = Run(state);
+            Answer("FLUSHALL\r\n" + before);
+            const std::string stateBefore = Answer(state);
             Batch batch;
             m_reader.Take(ToRequest(command), batch);
             failing_new::Fail(skip, 1);
@@ -285,7 +269,7 @@ TEST_F(KvCommands, AreRefusedAsAWholeWhenMemoryRunsOut) {
             ASSERT_TRUE(batch.quit || !reply.empty());
             if (reply.empty() || reply == "-ERR out of memory\r\n") {
                 ++refused;
-                ASSERT_EQ(stateBefore, Run(state)) << command[0] << skip;
+                ASSERT_EQ(stateBefore, Answer(state)) << command[0] << skip;
             }
         }
     }
