@@ -39,68 +39,54 @@ TEST(LatencyHistogramTest, QuantilesFollowASortedList) {
     }
 }
 
-struct PipelineTest : testing::Test {
-    static constexpr std::size_t c_depth = 16;
+constexpr std::size_t c_depth = 16;
 
-    // Fills the pipeline; the bytes of the new requests.
-    std::string Fill(Pipeline& pipeline, std::int64_t sentAt) const {
-        std::string requests;
-        std::vector<char> bytes(m_workload.GetMaxRequestSize());
-        while (!pipeline.IsFull()) {
-            requests.append(bytes.data(), pipeline.WriteNext(bytes.data()));
-        }
-        pipeline.MarkSent(sentAt);
-        return requests;
+// Fills the pipeline; the bytes of the new requests.
+std::string Fill(Pipeline& pipeline, const Workload& workload, std::int64_t sentAt) {
+    std::string requests;
+    std::vector<char> bytes(workload.GetMaxRequestSize());
+    while (!pipeline.IsFull()) {
+        requests.append(bytes.data(), pipeline.WriteNext(bytes.data()));
     }
+    pipeline.MarkSent(sentAt);
+    return requests;
+}
 
-    std::string FillAndAnswer(std::int64_t sentAt) {
-        return m_server.Answer(Fill(m_pipeline, sentAt));
-    }
-
-    Workload m_workload{"load:test:", 40, 10, 21};
-    Pipeline m_pipeline{m_workload, c_depth};
-    LocalKvServer m_server;
-    LatencyHistogram m_latency;
-};
-
-TEST_F(PipelineTest, RightRepliesPassHoweverTheyAreCut) {
+TEST(PipelineTest, RightRepliesPassHoweverTheyAreCutAndNoWrongByteDoes) {
+    Workload workload("load:test:", 40, 10, 21);
+    Pipeline pipeline(workload, c_depth);
+    LocalKvServer server;
+    LatencyHistogram latency;
     std::mt19937 random(11);
     std::string replies;
     for (std::int64_t turn = 0; turn < 400; ++turn) {
-        replies += FillAndAnswer(turn);
+        replies += server.Answer(Fill(pipeline, workload, turn));
         // All but a part of the last replies comes before the next requests.
         while (replies.size() > 30) {
             const std::size_t part = 1 + random() % 40 % replies.size();
-            ASSERT_TRUE(m_pipeline.Check(replies.data(), part, turn + 2, m_latency))
-                << m_pipeline.DescribeMismatch();
+            ASSERT_TRUE(pipeline.Check(replies.data(), part, turn + 2, latency))
+                << pipeline.DescribeMismatch();
             replies.erase(0, part);
         }
     }
-    ASSERT_TRUE(m_pipeline.Check(replies.data(), replies.size(), 402, m_latency));
-    EXPECT_TRUE(m_pipeline.IsEmpty());
-    EXPECT_GE(m_latency.GetQuantile(0), 2U);
-    EXPECT_LE(m_latency.GetMax(), 4U);
-    EXPECT_GT(m_latency.GetCount(), 5000U);
-}
+    ASSERT_TRUE(pipeline.Check(replies.data(), replies.size(), 402, latency));
+    EXPECT_TRUE(pipeline.IsEmpty());
+    EXPECT_GE(latency.GetQuantile(0), 2U);
+    EXPECT_LE(latency.GetMax(), 4U);
+    EXPECT_GT(latency.GetCount(), 5000U);
 
-TEST_F(PipelineTest, EveryWrongByteIsFound) {
-    // On to a state with values to read.
-    for (int turn = 0; turn < 3; ++turn) {
-        const std::string replies = FillAndAnswer(0);
-        ASSERT_TRUE(m_pipeline.Check(replies.data(), replies.size(), 0, m_latency));
-    }
-    const Workload workload = m_workload;
-    const std::string replies = FillAndAnswer(0);
+    const Workload before = workload;
+    replies = server.Answer(Fill(pipeline, workload, 0));
     for (std::size_t wrong = 0; wrong < replies.size(); ++wrong) {
-        Workload again = workload;
-        Pipeline pipeline(again, c_depth);
-        Fill(pipeline, 0);
+        Workload again = before;
+        Pipeline other(again, c_depth);
+        Fill(other, again, 0);
         std::string bytes = replies;
         bytes[wrong] = static_cast<char>(bytes[wrong] ^ 1);
         const std::size_t cut = wrong / 2;
-        ASSERT_TRUE(pipeline.Check(bytes.data(), cut, 0, m_latency));
-        ASSERT_FALSE(pipeline.Check(bytes.data() + cut, bytes.size() - cut, 0, m_latency)) << wrong;
-        EXPECT_NE("", pipeline.DescribeMismatch());
+        ASSERT_TRUE(other.Check(bytes.data(), cut, 0, latency));
+        ASSERT_FALSE(other.Check(bytes.data() + cut, bytes.size() - cut, 0, latency)) << wrong;
+        EXPECT_NE("", other.DescribeMismatch());
     }
 }
 
