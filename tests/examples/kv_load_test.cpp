@@ -2,11 +2,10 @@
 #include <kv_load/LatencyHistogram.h>
 #include <kv_load/Pipeline.h>
 #include <kv_load/Workload.h>
-#include <kv_server/CommandRunner.h>
 #include <nx/net/CNxInetAddr.h>
 #include <nx/net/CNxSocket.h>
 #include <sys/socket.h>
-#include <tests/examples/TakeText.h>
+#include <tests/examples/LocalKvServer.h>
 #include <tests/support/TempFolder.h>
 
 #include <algorithm>
@@ -40,92 +39,56 @@ TEST(LatencyHistogramTest, QuantilesFollowASortedList) {
     }
 }
 
-// The server that the client is made for, without its network.
-class ModelServer {
-public:
-    std::string Answer(const std::string& requests) {
-        m_reader.Take(requests, m_batch);
-        m_runner.Run(m_batch);
-        return TakeText(m_batch.replies);
+constexpr std::size_t c_depth = 16;
+
+// Fills the pipeline; the bytes of the new requests.
+std::string Fill(Pipeline& pipeline, const Workload& workload, std::int64_t sentAt) {
+    std::string requests;
+    std::vector<char> bytes(workload.GetMaxRequestSize());
+    while (!pipeline.IsFull()) {
+        requests.append(bytes.data(), pipeline.WriteNext(bytes.data()));
     }
+    pipeline.MarkSent(sentAt);
+    return requests;
+}
 
-private:
-    kv_server::KvStore m_store;
-    kv_server::Stats m_stats;
-    kv_server::CommandRunner m_runner{m_store, m_stats};
-    kv_server::RequestReader m_reader;
-    kv_server::Batch m_batch;
-};
-
-struct PipelineTest : testing::Test {
-    static constexpr std::size_t c_depth = 16;
-
-    // Fills the pipeline; the bytes of the new requests.
-    std::string Fill(Pipeline& pipeline, std::int64_t sentAt) const {
-        std::string requests;
-        std::vector<char> bytes(m_workload.GetMaxRequestSize());
-        while (!pipeline.IsFull()) {
-            requests.append(bytes.data(), pipeline.WriteNext(bytes.data()));
-        }
-        pipeline.MarkSent(sentAt);
-        return requests;
-    }
-
-    std::string FillAndAnswer(std::int64_t sentAt) {
-        return m_server.Answer(Fill(m_pipeline, sentAt));
-    }
-
-    Workload m_workload{"load:test:", 40, 10, 21};
-    Pipeline m_pipeline{m_workload, c_depth};
-    ModelServer m_server;
-    LatencyHistogram m_latency;
-};
-
-TEST_F(PipelineTest, RightRepliesPassHoweverTheyAreCut) {
+TEST(PipelineTest, RightRepliesPassHoweverTheyAreCutAndNoWrongByteDoes) {
+    Workload workload("load:test:", 40, 10, 21);
+    Pipeline pipeline(workload, c_depth);
+    LocalKvServer server;
+    LatencyHistogram latency;
     std::mt19937 random(11);
     std::string replies;
     for (std::int64_t turn = 0; turn < 400; ++turn) {
-        replies += FillAndAnswer(turn);
+        replies += server.Answer(Fill(pipeline, workload, turn));
         // All but a part of the last replies comes before the next requests.
         while (replies.size() > 30) {
             const std::size_t part = 1 + random() % 40 % replies.size();
-            ASSERT_TRUE(m_pipeline.Check(replies.data(), part, turn + 2, m_latency))
-                << m_pipeline.DescribeMismatch();
+            ASSERT_TRUE(pipeline.Check(replies.data(), part, turn + 2, latency))
+                << pipeline.DescribeMismatch();
             replies.erase(0, part);
         }
     }
-    ASSERT_TRUE(m_pipeline.Check(replies.data(), replies.size(), 402, m_latency));
-    EXPECT_TRUE(m_pipeline.IsEmpty());
-    EXPECT_GE(m_latency.GetQuantile(0), 2U);
-    EXPECT_LE(m_latency.GetMax(), 4U);
-    EXPECT_GT(m_latency.GetCount(), 5000U);
-}
+    ASSERT_TRUE(pipeline.Check(replies.data(), replies.size(), 402, latency));
+    EXPECT_TRUE(pipeline.IsEmpty());
+    EXPECT_GE(latency.GetQuantile(0), 2U);
+    EXPECT_LE(latency.GetMax(), 4U);
+    EXPECT_GT(latency.GetCount(), 5000U);
 
-TEST_F(PipelineTest, EveryWrongByteIsFound) {
-    // On to a state with values to read.
-    for (int turn = 0; turn < 3; ++turn) {
-        const std::string replies = FillAndAnswer(0);
-        ASSERT_TRUE(m_pipeline.Check(replies.data(), replies.size(), 0, m_latency));
-    }
-    const Workload workload = m_workload;
-    const std::string replies = FillAndAnswer(0);
+    const Workload before = workload;
+    replies = server.Answer(Fill(pipeline, workload, 0));
     for (std::size_t wrong = 0; wrong < replies.size(); ++wrong) {
-        Workload again = workload;
-        Pipeline pipeline(again, c_depth);
-        Fill(pipeline, 0);
+        Workload again = before;
+        Pipeline other(again, c_depth);
+        Fill(other, again, 0);
         std::string bytes = replies;
         bytes[wrong] = static_cast<char>(bytes[wrong] ^ 1);
         const std::size_t cut = wrong / 2;
-        ASSERT_TRUE(pipeline.Check(bytes.data(), cut, 0, m_latency));
-        ASSERT_FALSE(pipeline.Check(bytes.data() + cut, bytes.size() - cut, 0, m_latency)) << wrong;
-        EXPECT_NE("", pipeline.DescribeMismatch());
+        ASSERT_TRUE(other.Check(bytes.data(), cut, 0, latency));
+        ASSERT_FALSE(other.Check(bytes.data() + cut, bytes.size() - cut, 0, latency)) << wrong;
+        EXPECT_NE("", other.DescribeMismatch());
     }
 }
-
-struct Outcome {
-    int status = 0;
-    std::string messages;
-};
 
 // The port that it listens on.
 std::string Listen(CNxSocketTcp& listener) {
@@ -136,17 +99,18 @@ std::string Listen(CNxSocketTcp& listener) {
     return std::to_string(address.GetPort());
 }
 
-Outcome RunLoad(const std::string& options) {
-    Outcome outcome;
-    outcome.messages = OutputOf(
+void ExpectFailure(const std::string& options, const std::string& message) {
+    int status = 0;
+    const std::string said = OutputOf(
         "timeout 20 " KV_LOAD " --connections 1 --stall-timeout 1 " + options + " 2>&1 >/dev/null",
-        &outcome.status);
-    return outcome;
+        &status);
+    EXPECT_EQ(1, status);
+    EXPECT_NE(std::string::npos, said.find(message)) << said;
 }
 
 // The whole program against a server that sends `reply` to its one client, in one segment with the
 // end of the stream if it hangs up, then nothing.
-Outcome RunAgainst(const std::string& reply, bool hangUp = false) {
+void ExpectFailureAt(const std::string& reply, bool hangUp, const std::string& message) {
     CNxSocketTcp listener;
     const std::string port = Listen(listener);
     std::thread server([&] {
@@ -161,38 +125,19 @@ Outcome RunAgainst(const std::string& reply, bool hangUp = false) {
         while (recv(client.GetHandle(), &byte, 1, 0) > 0) {
         }
     });
-    const Outcome outcome = RunLoad("--port " + port);
+    ExpectFailure("--port " + port, message);
     server.join();
-    return outcome;
 }
 
-TEST(KvLoad, AWrongReplyASilentServerAndOneThatHangsUpAreFailures) {
-    const Outcome wrong = RunAgainst("-ERR no\r\n");
-    EXPECT_EQ(1, wrong.status);
-    EXPECT_NE(std::string::npos, wrong.messages.find("came \"-ERR no")) << wrong.messages;
-    const Outcome silent = RunAgainst("");
-    EXPECT_EQ(1, silent.status);
-    EXPECT_NE(std::string::npos, silent.messages.find("the server owes 16 replies"))
-        << silent.messages;
-    const Outcome gone = RunAgainst("+OK\r\n", true);
-    EXPECT_NE(std::string::npos, gone.messages.find("closed by the server")) << gone.messages;
-}
-
-// What it cannot send any more is no sign of life.
-TEST(KvLoad, WhatIsNoHostIsAFailureAndAHostNameIsNot) {
-    const Outcome none = RunLoad("--host 'a b' --port 1");
-    EXPECT_EQ(1, none.status);
-    EXPECT_NE(std::string::npos, none.messages.find("cannot find the address of 'a b'"));
-    const Outcome here = RunLoad("--host localhost --port 1");
-    EXPECT_EQ(1, here.status);
-    EXPECT_NE(std::string::npos, here.messages.find("cannot connect to 127.0.0.1:1"));
-}
-
-TEST(KvLoad, AServerThatDoesNotReadIsAFailureToo) {
+TEST(KvLoad, NamesWhatIsWrongWithTheServer) {
+    ExpectFailureAt("-ERR no\r\n", false, "came \"-ERR no");
+    ExpectFailureAt("", false, "the server owes 16 replies");
+    ExpectFailureAt("+OK\r\n", true, "closed by the server");
+    ExpectFailure("--host 'a b' --port 1", "cannot find the address of 'a b'");
+    ExpectFailure("--host localhost --port 1", "cannot connect to 127.0.0.1:1");
+    // One that does not read: what cannot be sent any more is no sign of life.
     CNxSocketTcp listener;
-    const Outcome full = RunLoad("--value-size 10000000 --port " + Listen(listener));
-    EXPECT_EQ(1, full.status);
-    EXPECT_NE(std::string::npos, full.messages.find("stalled")) << full.messages;
+    ExpectFailure("--value-size 10000000 --port " + Listen(listener), "stalled");
 }
 
 }  // namespace

@@ -1,12 +1,12 @@
 // The whole kv_server over real sockets.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <tests/examples/LocalKvServer.h>
 #include <tests/support/FaultFile.h>
 #include <tests/support/ServerProcess.h>
 #include <tests/support/TempFolder.h>
 
 #include <cerrno>
-#include <chrono>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -36,36 +36,26 @@ protected:
     ServerProcess m_server;
 };
 
-std::string ToBulk(const std::string& bytes) {
-    return "$" + std::to_string(bytes.size()) + "\r\n" + bytes + "\r\n";
-}
-
-std::string ToSet(const std::string& key, const std::string& value) {
-    return "*3\r\n$3\r\nSET\r\n" + ToBulk(key) + ToBulk(value);
-}
-
 TEST_P(KvServer, AThousandClientsGetTheirOwnBytes) {
     const long before = m_server.CountDescriptors();
     {
         std::vector<TestClient> clients;
-        for (int i = 0; i < 1000; ++i) {
-            clients.push_back(Connect());
-        }
         std::vector<std::string> requests;
         std::vector<std::string> answers;
         for (int i = 0; i < 1000; ++i) {
+            clients.push_back(Connect());
             const std::string key = "key" + std::to_string(i);
             const std::string value(static_cast<size_t>(i * 7), static_cast<char>('a' + i % 26));
-            requests.push_back(ToSet(key, value) + "GET " + key + "\r\nINCR n" + key + "\r\nECHO " +
-                               key + "\r\n");
+            requests.push_back(ToRequest({"SET", key, value}) + "GET " + key + "\r\nINCR n" + key +
+                               "\r\nECHO " + key + "\r\n");
             answers.push_back("+OK\r\n" + ToBulk(value) + ":1\r\n" + ToBulk(key));
         }
         // Everybody sends one half before anybody sends the other.
-        for (size_t i = 0; i < clients.size(); ++i) {
-            clients[i].Send(requests[i].substr(0, i % requests[i].size()));
-        }
-        for (size_t i = 0; i < clients.size(); ++i) {
-            clients[i].Send(requests[i].substr(i % requests[i].size()));
+        for (const bool isFirst : {true, false}) {
+            for (size_t i = 0; i < clients.size(); ++i) {
+                const size_t cut = i % requests[i].size();
+                clients[i].Send(isFirst ? requests[i].substr(0, cut) : requests[i].substr(cut));
+            }
         }
         for (size_t i = 0; i < clients.size(); ++i) {
             ASSERT_EQ(answers[i], clients[i].Receive(answers[i].size())) << i;
@@ -100,24 +90,18 @@ TEST_P(KvServer, ErrorsOfTheProtocolComeBehindTheRepliesAndEndTheConnection) {
 TEST_P(KvServer, AClientThatDoesNotReadIsNotReadFromAndDisturbsNobody) {
     const std::string value(1 << 20, 'v');
     const TestClient other = Connect();
-    other.Expect(ToSet("big", value), "+OK\r\n");
+    other.Expect(ToRequest({"SET", "big", value}), "+OK\r\n");
     const TestClient lazy = Connect(65536);
     // Until the server takes no more: it must not go on for ever.
-    const std::string request = "GET big\r\n";
-    size_t asked = 0;
     pollfd room{lazy.GetHandle(), POLLOUT, 0};
     while (poll(&room, 1, 500) == 1) {
-        if (send(lazy.GetHandle(), request.data(), request.size(), MSG_DONTWAIT | MSG_NOSIGNAL) !=
-            static_cast<ssize_t>(request.size())) {
-            break;
-        }
-        ++asked;
+        send(lazy.GetHandle(), "GET big\r\n", 9, MSG_DONTWAIT | MSG_NOSIGNAL);
     }
     for (int i = 0; i < 1000; ++i) {
         other.Expect("PING\r\n", "+PONG\r\n");
     }
     const std::string answer = ToBulk(value);
-    for (size_t i = 0; i < std::min<size_t>(asked, 100); ++i) {
+    for (int i = 0; i < 100; ++i) {
         ASSERT_EQ(answer, lazy.Receive(answer.size())) << i;
     }
     ExpectCleanStop();
@@ -140,7 +124,6 @@ TEST_P(KvServer, SigtermAnswersWhatHasArrived) {
     constexpr int c_commands = 5000;
     std::vector<TestClient> clients;
     std::string requests;
-    std::string answers;
     for (int i = 0; i < c_commands; ++i) {
         requests += "INCR n\r\n";
     }
@@ -185,34 +168,28 @@ protected:
     KvServerForTwo() : KvServer({"--max-clients", "2", "--idle-timeout=1"}) {}
 };
 
-TEST_P(KvServerForTwo, TheThirdIsToldAndAPlaceBecomesFree) {
-    const TestClient first = Connect();
-    {
-        const TestClient second = Connect();
-        first.Expect("PING\r\n", "+PONG\r\n");
-        second.Expect("PING\r\n", "+PONG\r\n");
-        const TestClient third = Connect();
-        third.Send("PING\r\n");
-        EXPECT_EQ("-ERR max number of clients reached\r\n", third.ReceiveAll());
+TEST_P(KvServerForTwo, TheThirdIsToldAndOnlyASilentClientIsHungUpOn) {
+    const TestClient silent = Connect();
+    const TestClient talking = Connect();
+    silent.Expect("PING\r\n", "+PONG\r\n");
+    talking.Expect("PING\r\n", "+PONG\r\n");
+    const TestClient third = Connect();
+    third.Send("PING\r\n");
+    EXPECT_EQ("-ERR max number of clients reached\r\n", third.ReceiveAll());
+    pollfd end{silent.GetHandle(), POLLIN, 0};
+    while (poll(&end, 1, 20) == 0) {
+        talking.Expect("PING\r\n", "+PONG\r\n");
     }
+    EXPECT_EQ("", silent.Receive(1));
+    // Its place becomes free.
     std::string answer;
     while (answer != "+PONG\r\n") {
         const TestClient next = Connect();
         next.Send("PING\r\n");
         answer = next.Receive(7);
     }
-    ExpectCleanStop();
-}
-
-TEST_P(KvServerForTwo, OnlyASilentClientIsHungUpOn) {
-    const TestClient silent = Connect();
-    const TestClient talking = Connect();
-    pollfd end{silent.GetHandle(), POLLIN, 0};
-    while (poll(&end, 1, 20) == 0) {
-        talking.Expect("PING\r\n", "+PONG\r\n");
-    }
-    EXPECT_EQ("", silent.Receive(1));
     talking.Expect("PING\r\n", "+PONG\r\n");
+    ExpectCleanStop();
 }
 
 constexpr const char* c_reactors[] = {"epoll", "select", "rtsig"};
@@ -278,7 +255,7 @@ TEST_F(KvServerHome, ReadsItsConfigurationAgainOnHangUpAndTracesWhatHappens) {
     EXPECT_EQ(std::string::npos, warning.find("client 4"));
 }
 
-TEST_F(KvServerHome, ServersShareATraceFileAndRefuseABadConfiguration) {
+TEST_F(KvServerHome, ServersShareATraceFile) {
     const std::string shared = m_home.Path("shared.log");
     for (int i = 0; i < 2; ++i) {
         ServerProcess one(m_program, {"--port=0", "--shared-trace", shared});
@@ -288,27 +265,24 @@ TEST_F(KvServerHome, ServersShareATraceFileAndRefuseABadConfiguration) {
             EXPECT_EQ(0, server->Wait());
         }
     }
-    const std::string text = m_home.Get("shared.log");
-    int stopped = 0;
-    for (size_t at = 0; (at = text.find("Info:stopped", at)) != std::string::npos; ++at) {
-        ++stopped;
-    }
-    EXPECT_EQ(4, stopped);
+    EXPECT_EQ("4\n", OutputOf("grep -c Info:stopped " + shared));
+}
+
+TEST_F(KvServerHome, EndsWithAStatusThatTellsWhatIsWrong) {
     Configure("[Server]\nmax-clients=none\n");
-    EXPECT_EQ(2, WEXITSTATUS(std::system((m_program + " >/dev/null 2>&1").c_str())));
+    const std::pair<std::string, int> cases[] = {
+        {m_program, 2},
+        {KV_SERVER " --help", 0},
+        {KV_SERVER " --port 65536", 2},
+        {KV_SERVER " --bind 203.0.113.1 --port 0", 1},
+    };
+    for (const auto& [command, expected] : cases) {
+        int status = -1;
+        OutputOf(command + " 2>&1", &status);
+        EXPECT_EQ(expected, status) << command;
+    }
 }
 
-TEST(KvServerProgram, EndsWithAStatusThatTellsWhatIsWrong) {
-    int status = -1;
-    EXPECT_NE(std::string::npos, OutputOf(KV_SERVER " --help", &status).find("--max-clients"));
-    EXPECT_EQ(0, status);
-    OutputOf(KV_SERVER " --port 65536 2>&1", &status);
-    EXPECT_EQ(2, status);
-    OutputOf(KV_SERVER " --bind 203.0.113.1 --port 0 2>&1", &status);
-    EXPECT_EQ(1, status);
-}
-
-// A store that has minutes of work to do.
 TEST(KvServerProgram, NoClientBecomesAStandardStream) {
     const ServerProcess server("/bin/sh", {"-c", "exec " KV_SERVER " --port 0 <&- 2>&-"});
     const TestClient client(server.GetPort());
@@ -317,6 +291,7 @@ TEST(KvServerProgram, NoClientBecomesAStandardStream) {
     EXPECT_EQ(std::filesystem::read_symlink(stream), "/dev/null");
 }
 
+// A store that has minutes of work to do.
 TEST(KvServerProgram, SigtermEndsItInFiveSecondsWhateverTheStoreDoes) {
     ServerProcess server(KV_SERVER, {"--port=0"});
     const TestClient client(server.GetPort());
@@ -336,10 +311,10 @@ TEST(KvServerProgram, SigtermEndsItInFiveSecondsWhateverTheStoreDoes) {
     // Others have their turn meanwhile.
     const TestClient other(server.GetPort());
     other.Expect("PING\r\n", "+PONG\r\n");
-    const auto begin = std::chrono::steady_clock::now();
     server.Signal(SIGTERM);
     EXPECT_EQ(0, server.Wait());
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(5500));
+    // It gave up by itself.
+    EXPECT_LT(client.ReceiveAll().size(), 4U * (5000 - 1));
 }
 
 long ReadResidentKb(const ServerProcess& server) {
@@ -368,11 +343,9 @@ TEST(KvServerProgram, LetsGoWhoHoldsMostWhenClientsHoldTooMuch) {
     other.Expect("PING\r\n", "+PONG\r\n");
     clients.clear();
     if (FaultFile::IsUsable()) {  // A sanitizer keeps what was freed.
-        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (ReadResidentKb(server) > 40000 && std::chrono::steady_clock::now() < limit) {
+        while (ReadResidentKb(server) >= 40000) {
             std::this_thread::yield();
         }
-        EXPECT_LT(ReadResidentKb(server), 40000);
     }
 }
 

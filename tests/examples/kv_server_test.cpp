@@ -1,14 +1,12 @@
 // The pieces of kv_server without a network.
 #include <gtest/gtest.h>
-#include <kv_server/CommandRunner.h>
-#include <tests/examples/TakeText.h>
+#include <tests/examples/LocalKvServer.h>
 #include <tests/support/FailingNew.h>
 
 #include <algorithm>
 #include <map>
 #include <random>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -16,58 +14,19 @@ namespace {
 
 using namespace kv_server;
 
-using Words = std::vector<std::string>;
-
-// What a reader makes of input that comes in pieces of that size.
-struct Read {
-    std::vector<Words> commands;
-    std::string error;
-};
-
-Read ReadInPieces(std::string_view input, size_t pieceSize) {
-    Read read;
-    RequestReader reader;
-    Batch batch;
-    for (size_t begin = 0; begin < input.size(); begin += pieceSize) {
-        reader.Take(input.substr(begin, pieceSize), batch);
-        size_t argument = 0;
-        for (const size_t end : batch.commands.ends) {
-            Words words;
-            for (; argument < end; ++argument) {
-                const auto& slice = batch.commands.arguments[argument];
-                words.emplace_back(batch.bytes->GetReadPtr() + slice.offset, slice.size);
-            }
-            read.commands.push_back(words);
-        }
-        batch.commands.Clear();
-    }
-    read.error = batch.error;
-    return read;
-}
-
-std::string ToRequest(const Words& words) {
-    std::string request = "*" + std::to_string(words.size()) + "\r\n";
-    for (const std::string& word : words) {
-        request += "$" + std::to_string(word.size()) + "\r\n" + word + "\r\n";
-    }
-    return request;
-}
-
 TEST(KvRequestReader, CommandsSurviveEveryCut) {
     const std::string bytes("\0\r\n$5\r\n*1\xFF", 11);
-    const std::vector<Words> expected{
-        {"PING"}, {"SET", "key", bytes},   {"GET", ""},
-        {"a"},    {"b c", "d", "e\"", ""}, {"x", std::string(9000, 'v')}};
-    std::string input;
-    input += ToRequest(expected[0]) + "*0\r\n\r\n" + ToRequest(expected[1]);
-    input += "*-1\r\n" + ToRequest(expected[2]) + "  a \n" + "'b c' d\te\" \"\"\r\n";
-    input += ToRequest(expected[5]);
+    const std::string large(9000, 'v');
+    const std::string input = ToRequest({"PING"}) + "*0\r\n\r\n" +
+                              ToRequest({"SET", "a b", bytes}) + "*-1\r\n" +
+                              ToRequest({"ECHO", ""}) + "  dbsize \nget 'a b'\r\n" +
+                              "set\te\" '' \r\nGET e\"\r\n" + ToRequest({"ECHO", large});
+    const std::string replies = "+PONG\r\n+OK\r\n" + ToBulk("") + ":1\r\n" + ToBulk(bytes) +
+                                "+OK\r\n" + ToBulk("") + ToBulk(large);
     for (size_t size = 1; size < 300; ++size) {
-        const Read read = ReadInPieces(input, size);
-        ASSERT_EQ(expected, read.commands) << size;
-        ASSERT_EQ("", read.error) << size;
+        ASSERT_EQ(replies, LocalKvServer().Answer(input, size)) << size;
     }
-    EXPECT_EQ(expected, ReadInPieces(input, input.size()).commands);
+    EXPECT_EQ(replies, LocalKvServer().Answer(input));
 }
 
 TEST(KvRequestReader, MalformedInputIsNamedBehindWhatWasRight) {
@@ -86,10 +45,9 @@ TEST(KvRequestReader, MalformedInputIsNamedBehindWhatWasRight) {
         {std::string(c_maxInline + 2, 'a'), "too big inline request"},
     };
     for (const auto& [input, error] : cases) {
-        for (const size_t size : {size_t{1}, size_t{7}, input.size() + good.size()}) {
-            const Read read = ReadInPieces(good + input + good, size);
-            EXPECT_EQ(std::vector<Words>{{"PING"}}, read.commands) << error;
-            EXPECT_EQ("Protocol error: " + error, read.error);
+        for (const size_t size : {size_t{1}, size_t{7}, input.size() + 2 * good.size()}) {
+            EXPECT_EQ("+PONG\r\n-ERR Protocol error: " + error + "\r\n",
+                      LocalKvServer().Answer(good + input + good, size));
         }
     }
 }
@@ -167,21 +125,7 @@ TEST(KvStoreModel, KeysExpireAndOnlyThose) {
               static_cast<long>(store.GetExpiringCount()));
 }
 
-class KvCommands : public testing::Test {
-protected:
-    std::string Run(std::string_view input) {
-        Batch batch;
-        m_reader.Take(input, batch);
-        m_runner.Run(batch);
-        EXPECT_FALSE(batch.HasCommands());
-        return TakeText(batch.replies);
-    }
-
-    KvStore m_store;
-    Stats m_stats;
-    CommandRunner m_runner{m_store, m_stats};
-    RequestReader m_reader;
-};
+struct KvCommands : testing::Test, LocalKvServer {};
 
 TEST_F(KvCommands, AnswerAsTheyShould) {
     const std::string notANumber = "-ERR value is not an integer or out of range\r\n";
@@ -189,7 +133,6 @@ TEST_F(KvCommands, AnswerAsTheyShould) {
         {"ping\r\n", "+PONG\r\n"},
         {"PING hello\r\n", "$5\r\nhello\r\n"},
         {"PING a b\r\n", "-ERR wrong number of arguments for 'ping' command\r\n"},
-        {"ECHO \"\"\r\n", "$0\r\n\r\n"},
         {"GET k\r\n", "$-1\r\n"},
         {"SET k v\r\nGET k\r\n", "+OK\r\n$1\r\nv\r\n"},
         {"SET k w NX\r\nGET k\r\n", "$-1\r\n$1\r\nv\r\n"},
@@ -222,7 +165,7 @@ TEST_F(KvCommands, AnswerAsTheyShould) {
          "-ERR unknown command 'A??B'\r\n"},
     };
     for (const auto& [request, answer] : dialogue) {
-        EXPECT_EQ(answer, Run(request)) << request;
+        EXPECT_EQ(answer, Answer(request)) << request;
     }
 }
 
@@ -232,11 +175,11 @@ TEST_F(KvCommands, APatternMadeToBeSlowIsAnError) {
     m_store.Set("ab", Value("1"));
     const auto keys = [](const std::string& pattern) { return ToRequest({"KEYS", pattern}); };
     EXPECT_EQ("-ERR pattern takes too long to match\r\n",
-              Run(keys("*" + std::string(4000, 'a') + "b*")));
+              Answer(keys("*" + std::string(4000, 'a') + "b*")));
     EXPECT_EQ("-ERR pattern takes too long to match\r\n",
-              Run(keys("*[" + std::string(300000, 'x') + "]")));
-    EXPECT_EQ("*1\r\n$2\r\nab\r\n", Run(keys("*[a-z]b*")));
-    EXPECT_EQ("*1\r\n$2\r\nab\r\n", Run(keys("*[b-z]")));
+              Answer(keys("*[" + std::string(300000, 'x') + "]")));
+    EXPECT_EQ("*1\r\n$2\r\nab\r\n", Answer(keys("*[a-z]b*")));
+    EXPECT_EQ("*1\r\n$2\r\nab\r\n", Answer(keys("*[b-z]")));
 }
 
 TEST_F(KvCommands, ThatWalkOverManyKeysTakeTurnsAndEndEarlyWhenGivenUp) {
@@ -259,23 +202,22 @@ TEST_F(KvCommands, AreRefusedAsAWholeWhenMemoryRunsOut) {
     const std::string big(5000, 'v');
     const std::string longKey(100, 'k');
     const std::string before = ToRequest({"SET", "old", big, "EX", "100"}) + "SET n 1\r\n";
-    const std::vector<Words> commands{{"SET", "old", std::string(6000, 'w')},
-                                      {"SET", longKey, big, "PX", "5000"},
-                                      {"INCR", "n"},
-                                      {"EXPIRE", "n", "50"},
-                                      {"KEYS", "*"},
-                                      {"GET", "old"},
-                                      {"CONFIG", "GET", "save"},
-                                      {"INFO"},
-                                      {"nonsense", "1"}};
     const std::string state = ToRequest({"GET", "old"}) + "TTL old\r\n" +
                               ToRequest({"TTL", longKey}) + "GET n\r\nTTL n\r\nDBSIZE\r\n";
     int refused = 0;
-    for (const Words& command : commands) {
+    for (const Words& command : std::vector<Words>{{"SET", "old", std::string(6000, 'w')},
+                                                   {"SET", longKey, big, "PX", "5000"},
+                                                   {"INCR", "n"},
+                                                   {"EXPIRE", "n", "50"},
+                                                   {"KEYS", "*"},
+                                                   {"GET", "old"},
+                                                   {"CONFIG", "GET", "save"},
+                                                   {"INFO"},
+                                                   {"nonsense", "1"}}) {
         bool isDone = false;
         for (long skip = 0; !isDone; ++skip) {
-            Run("FLUSHALL\r\n" + before);
-            const std::string stateBefore = Run(state);
+            Answer("FLUSHALL\r\n" + before);
+            const std::string stateBefore = Answer(state);
             Batch batch;
             m_reader.Take(ToRequest(command), batch);
             failing_new::Fail(skip, 1);
@@ -285,7 +227,7 @@ TEST_F(KvCommands, AreRefusedAsAWholeWhenMemoryRunsOut) {
             ASSERT_TRUE(batch.quit || !reply.empty());
             if (reply.empty() || reply == "-ERR out of memory\r\n") {
                 ++refused;
-                ASSERT_EQ(stateBefore, Run(state)) << command[0] << skip;
+                ASSERT_EQ(stateBefore, Answer(state)) << command[0] << skip;
             }
         }
     }
