@@ -55,30 +55,24 @@ TEST_F(ReactorBase, RefusingHandlerIsDroppedAndClosedOnce) {
 
 TEST_F(ReactorBase, CallbackThatChangesTheTableEndsItsOwnDispatch) {
     Handler other(5);
-    for (const int answer : {0, -1}) {
-        EXPECT_EQ(m_reactor.RegisterHandler(&m_handler, c_readWrite), NX_OK);
-        m_handler.m_onInput = [&] {
-            m_reactor.RemoveHandler(&m_handler, NX_MASK_ALL_EVENTS);
-            return answer;
-        };
-        EXPECT_EQ(Dispatch(5, c_readWrite), NX_OK);
-        EXPECT_EQ(m_reactor.RegisterHandler(&m_handler, c_readWrite), NX_OK);
-        m_handler.m_onInput = [&] {
-            EXPECT_EQ(m_reactor.RegisterHandler(&other, c_readWrite), NX_ERROR_FOUND);
-            return answer;
-        };
-        EXPECT_EQ(Dispatch(5, c_readWrite), NX_OK);
-        m_reactor.RemoveHandler(&other, NX_MASK_ALL_EVENTS);
+    const std::function<NxResult()> changes[] = {
+        [&] { return m_reactor.RemoveHandler(&m_handler, NX_MASK_ALL_EVENTS); },
+        [&] { return m_reactor.RegisterHandler(&other, c_readWrite); },
+        // It keeps its place but gives up writing.
+        [&] { return m_reactor.RemoveHandler(&m_handler, NX_MASK_WRITE); }};
+    for (const auto& change : changes) {
+        for (const int answer : {0, -1}) {
+            EXPECT_EQ(m_reactor.RegisterHandler(&m_handler, c_readWrite), NX_OK);
+            m_handler.m_onInput = [&] {
+                EXPECT_EQ(change(), &change == changes ? NX_OK : NX_ERROR_FOUND);
+                return answer;
+            };
+            EXPECT_EQ(Dispatch(5, c_readWrite), NX_OK);
+            m_reactor.RemoveHandler(&other, NX_MASK_ALL_EVENTS);
+        }
     }
-    // It keeps its place but gives up writing.
-    EXPECT_EQ(m_reactor.RegisterHandler(&m_handler, c_readWrite), NX_OK);
-    m_handler.m_onInput = [&] {
-        EXPECT_EQ(m_reactor.RemoveHandler(&m_handler, NX_MASK_WRITE), NX_ERROR_FOUND);
-        return 0;
-    };
-    EXPECT_EQ(Dispatch(5, c_readWrite), NX_OK);
     EXPECT_EQ(m_handler.m_outputs + other.m_outputs, 0);
-    EXPECT_TRUE(m_handler.m_closedWith.empty());
+    EXPECT_EQ(m_handler.m_closedWith, std::vector<long>{NX_MASK_READ});
     EXPECT_TRUE(other.m_closedWith.empty());
 }
 

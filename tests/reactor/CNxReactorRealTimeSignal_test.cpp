@@ -1,5 +1,4 @@
 // What is particular to readiness by signals: the queue and its overflow.
-#include <nx/reactor/realtime/CNxReactorRealTimeSignal.h>
 #include <nx/thread/CNxThread.h>
 #include <sys/resource.h>
 
@@ -9,24 +8,16 @@
 
 namespace {
 
-class ReactorRealTimeSignal : public ::testing::Test {
+class ReactorRealTimeSignal : public OpenReactor<CNxReactorRealTimeSignal> {
 protected:
-    void SetUp() override {
-        getrlimit(RLIMIT_SIGPENDING, &m_limit);
-        ASSERT_EQ(m_reactor.Open(), NX_OK);
-    }
-    void TearDown() override {
-        m_reactor.Close();
-        setrlimit(RLIMIT_SIGPENDING, &m_limit);
-    }
+    ReactorRealTimeSignal() { getrlimit(RLIMIT_SIGPENDING, &m_limit); }
+    ~ReactorRealTimeSignal() override { setrlimit(RLIMIT_SIGPENDING, &m_limit); }
 
     void LimitSignals(rlim_t count) {
         const rlimit lowered{count, m_limit.rlim_max};
         ASSERT_EQ(setrlimit(RLIMIT_SIGPENDING, &lowered), 0);
     }
 
-    CNxReactorRealTimeSignal m_reactor;
-    EventCounts m_counts;
     rlimit m_limit{};
 };
 
@@ -46,10 +37,9 @@ TEST_F(ReactorRealTimeSignal, OverflowLosesNoClient) {
     for (const rlim_t signals : {0u, 1u, 8u}) {
         LimitSignals(signals);
         testing::internal::CaptureStdout();
-        EchoClients(m_reactor, 100, 20);
+        EchoClients(100, 20);
         EXPECT_NE(testing::internal::GetCapturedStdout().find(OverflowLine(0)), std::string::npos);
-        ASSERT_EQ(m_reactor.Close(), NX_OK);
-        ASSERT_EQ(m_reactor.Open(), NX_OK);
+        Reopen();
     }
 }
 
@@ -72,21 +62,20 @@ TEST_F(ReactorRealTimeSignal, OverflowCallsAllOnceAndDropsThoseThatConnect) {
         if (self.m_inputs == 1) {
             // A second overflow, and an end behind it.
             pthread_kill(pthread_self(), SIGIO);
-            m_reactor.PostEvent(new CountedEvent(m_counts,
-                                                 [&] {
-                                                     StopSoon(m_reactor, m_counts);
-                                                     return NX_OK;
-                                                 }),
-                                c_normal);
+            const auto stopLater = [this] {
+                StopSoon();
+                return NX_OK;
+            };
+            m_reactor.PostEvent(new CountedEvent(m_counts, stopLater), c_normal);
         }
         return 0;
     });
     End connects;
-    ASSERT_EQ(m_reactor.RegisterHandler(&idle, NX_MASK_READ), NX_OK);
-    ASSERT_EQ(m_reactor.RegisterHandler(&connects, NX_MASK_CONNECT), NX_OK);
+    Watch(idle, NX_MASK_READ);
+    Watch(connects, NX_MASK_CONNECT);
     pthread_kill(pthread_self(), SIGIO);
     testing::internal::CaptureStdout();
-    EXPECT_EQ(m_reactor.RunEventLoop(), NX_OK);
+    Run();
     EXPECT_EQ(testing::internal::GetCapturedStdout(), OverflowLine(0) + OverflowLine(1));
     EXPECT_EQ(idle.m_inputs, 1);
     EXPECT_EQ(connects.m_closedWith, std::vector<long>{NX_MASK_CONNECT});

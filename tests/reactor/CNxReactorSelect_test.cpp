@@ -1,24 +1,21 @@
-#include <nx/reactor/CNxReactorSelect.h>
-
 #include "ReactorSupport.h"
 
 namespace {
 
-TEST(ReactorSelect, DescriptorThatNoSetHoldsIsRefused) {
-    CNxReactorSelect reactor;
-    ASSERT_EQ(reactor.Open(), NX_OK);
+using ReactorSelect = OpenReactor<CNxReactorSelect>;
+
+TEST_F(ReactorSelect, DescriptorThatNoSetHoldsIsRefused) {
     End end;
-    Handler last(fcntl(end.GetHandle(), F_DUPFD_CLOEXEC, FD_SETSIZE - 1));
-    Handler tooLarge(fcntl(end.GetHandle(), F_DUPFD_CLOEXEC, FD_SETSIZE));
+    Handler last(fcntl(end.m_fd, F_DUPFD_CLOEXEC, FD_SETSIZE - 1));
+    Handler tooLarge(fcntl(end.m_fd, F_DUPFD_CLOEXEC, FD_SETSIZE));
     if (tooLarge.m_fd == -1) {
         GTEST_SKIP() << "the limit of open descriptors is too low";
     }
-    EXPECT_EQ(reactor.RegisterHandler(&last, NX_MASK_READ), NX_OK);
-    EXPECT_EQ(reactor.RegisterHandler(&tooLarge, NX_MASK_READ), NX_ERROR_INVALID_ARG);
-    EventCounts counts;
-    StopSoon(reactor, counts);
-    EXPECT_EQ(reactor.RunEventLoop(), NX_OK);
-    reactor.Close();
+    Watch(last, NX_MASK_READ);
+    EXPECT_EQ(m_reactor.RegisterHandler(&tooLarge, NX_MASK_READ), NX_ERROR_INVALID_ARG);
+    StopSoon();
+    Run();
+    m_reactor.Close();
     close(last.m_fd);
     close(tooLarge.m_fd);
 }

@@ -9,7 +9,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
@@ -106,31 +105,73 @@ struct Timer : INxTimerHandler {
     const std::function<void()> m_action;
 };
 
-// Makes the loop end; what is posted or ready by then is still served.
-inline void StopSoon(INxReactor& reactor, EventCounts& counts) {
-    reactor.PostEvent(new CountedEvent(counts, [&] { return reactor.StopEventLoop(); }), c_normal);
-}
+// With one that is open, of whichever kind.
+template <class Reactor>
+class OpenReactor : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(m_reactor.Open(), NX_OK); }
+    void TearDown() override { m_reactor.Close(); }
+
+    void Reopen() {
+        m_reactor.Close();
+        ASSERT_EQ(m_reactor.Open(), NX_OK);
+    }
+
+    void Watch(Handler& handler, long mask) {
+        ASSERT_EQ(m_reactor.RegisterHandler(&handler, mask), NX_OK);
+    }
+
+    int Stop() { return static_cast<int>(m_reactor.StopEventLoop()); }
+
+    // Makes the loop end; what is posted or ready by then is still served.
+    void StopSoon() {
+        const auto stop = [this] { return m_reactor.StopEventLoop(); };
+        m_reactor.PostEvent(new CountedEvent(m_counts, stop), c_normal);
+    }
+
+    void Run() {
+        // Nothing would end it without what a Watch has failed for.
+        ASSERT_FALSE(HasFatalFailure());
+        EXPECT_EQ(m_reactor.RunEventLoop(), NX_OK);
+    }
+
+    // Returns the reason of the close.
+    int RunUntilClosed(Handler& handler, long mask) {
+        int reason = -1;
+        handler.m_onClose = [&] {
+            reason = m_reactor.GetCloseReason();
+            return Stop();
+        };
+        Watch(handler, mask);
+        Run();
+        return reason;
+    }
+
+    void EchoClients(int count, int rounds);
+
+    EventCounts m_counts;
+    Reactor m_reactor;
+};
 
 // Serves `count` clients on the reactor while another thread sends each a byte and waits for its
 // answer, `rounds` times; all bytes of a round are under way together.
-inline void EchoClients(INxReactor& reactor, int count, int rounds) {
-    EventCounts counts;
+template <class Reactor>
+void OpenReactor<Reactor>::EchoClients(int count, int rounds) {
+    const auto echo = [](End& self) {
+        for (int left = self.Drain(); left > 0; --left) {
+            EXPECT_EQ(send(self.m_fd, "y", 1, MSG_NOSIGNAL), 1);
+        }
+        return 0;
+    };
+    const timeval patience{20, 0};
     std::vector<std::unique_ptr<End>> ends;
     for (int i = 0; i < count; ++i) {
-        ends.push_back(std::make_unique<End>([](End& self) {
-            for (int left = self.Drain(); left > 0; --left) {
-                EXPECT_EQ(send(self.GetHandle(), "y", 1, MSG_NOSIGNAL), 1);
-            }
-            return 0;
-        }));
-        ASSERT_EQ(reactor.RegisterHandler(ends.back().get(), NX_MASK_READ), NX_OK);
+        ends.push_back(std::make_unique<End>(echo));
+        Watch(*ends.back(), NX_MASK_READ);
+        setsockopt(ends.back()->Peer(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
     }
     int answers = 0;
     std::thread clients([&] {
-        const timeval patience{20, 0};
-        for (const auto& end : ends) {
-            setsockopt(end->Peer(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
-        }
         for (int round = 0; round < rounds && answers == round * count; ++round) {
             for (const auto& end : ends) {
                 end->Send();
@@ -140,17 +181,13 @@ inline void EchoClients(INxReactor& reactor, int count, int rounds) {
                 answers += recv(end->Peer(), &byte, 1, 0) == 1 ? 1 : 0;
             }
         }
-        StopSoon(reactor, counts);
+        StopSoon();
     });
-    EXPECT_EQ(reactor.RunEventLoop(), NX_OK);
+    Run();
     clients.join();
     EXPECT_EQ(answers, count * rounds);
     for (const auto& end : ends) {
         EXPECT_TRUE(end->m_closedWith.empty());
-        reactor.RemoveHandler(end.get(), NX_MASK_ALL_EVENTS);
+        m_reactor.RemoveHandler(end.get(), NX_MASK_ALL_EVENTS);
     }
-}
-
-inline long CountDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
