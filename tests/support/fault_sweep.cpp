@@ -69,9 +69,7 @@ public:
                   nullptr);
             _exit(127);
         }
-        if (!WaitUntil(c_recoverLimit, [&] { return HasEnded() || ReadPort(home); })) {
-            m_isStuck = true;
-        }
+        m_isStuck = !WaitUntil(c_recoverLimit, [&] { return HasEnded() || ReadPort(home); });
     }
     ~Server() {
         if (m_pid > 0) {
@@ -91,23 +89,23 @@ public:
         }
         return m_pid == 0;
     }
-    bool HasCrashed() const { return m_pid == 0 && !WIFEXITED(m_status); }
-    int GetStatus() const { return WEXITSTATUS(m_status); }
+    bool HasEndedWith(int status) {
+        return HasEnded() && WIFEXITED(m_status) && WEXITSTATUS(m_status) == status;
+    }
 
-    bool Serves(milliseconds limit = c_recoverLimit) {
+    bool Serves() {
         const auto answers = [this] {
             const Connection client(m_port, milliseconds(500));
             client.TrySend("PING\r\n");
             return HasEnded() || client.Receive(7).size() == 7;
         };
-        return WaitUntil(limit, answers) && !HasEnded();
+        return WaitUntil(c_recoverLimit, answers) && !HasEnded();
     }
 
     // Whether it ended well and in time.
     bool Stop() {
         kill(m_pid, SIGTERM);
-        return WaitUntil(c_stopLimit, [&] { return HasEnded(); }) && !HasCrashed() &&
-               GetStatus() == 0;
+        return WaitUntil(c_stopLimit, [&] { return HasEnded(); }) && HasEndedWith(0);
     }
 
 private:
@@ -141,68 +139,68 @@ public:
 
     // Returns how many went wrong.
     int Run() {
-        ForEach("start", [this](FaultPlan::ECall call, int error) { Start(call, error); });
-        ForEach("once", [this](FaultPlan::ECall call, int error) { Once(call, error); });
-        ForEach("a time", [this](FaultPlan::ECall call, int error) { ForATime(call, error); });
+        ForEach("start", [this] { return Start(); });
+        ForEach("once", [this] { return Once(); });
+        ForEach("a time", [this] { return ForATime(); });
         std::printf("%ld faults injected in %ld runs, %d wrong\n", m_injected, m_runs, m_wrong);
         return m_wrong;
     }
 
 private:
+    // The step makes the runs for one call and error, each with the next number, until it says that
+    // there is no more to do.
     template <class Step>
     void ForEach(const char* part, Step step) {
         m_part = part;
-        const auto begin = Clock::now();
         const long injectedBefore = m_injected;
         const long runsBefore = m_runs;
         for (const Fault& fault : GetFaults()) {
             for (const int error : fault.errors) {
-                step(fault.call, error);
+                m_fault = &fault;
+                m_error = error;
+                m_number = -1;
+                bool goesOn = true;
+                while (goesOn) {
+                    ++m_runs;
+                    ++m_number;
+                    goesOn = step();
+                    m_injected += m_faults.GetFailed(fault.call);
+                }
             }
         }
         m_server.reset();
-        std::printf("%-7s %5ld runs, %8ld faults, %.1f s\n", part, m_runs - runsBefore,
-                    m_injected - injectedBefore,
-                    std::chrono::duration<double>(Clock::now() - begin).count());
+        std::printf("%-7s %5ld runs, %8ld faults\n", part, m_runs - runsBefore,
+                    m_injected - injectedBefore);
         std::fflush(stdout);
     }
 
-    void Check(bool isRight, FaultPlan::ECall call, int error, long number, const char* what) {
+    void Check(bool isRight, const char* what) {
         if (!isRight) {
             ++m_wrong;
-            std::printf("WRONG: %s: %s %s, number %ld: %s\n", m_part, GetFaults()[call].name,
-                        strerrorname_np(error), number, what);
+            std::printf("WRONG: %s: %s %s, number %ld: %s\n", m_part, m_fault->name,
+                        strerrorname_np(m_error), m_number, what);
             std::fflush(stdout);
             m_server.reset();
         }
     }
 
     // Every N-th call from the start to the first PING.
-    void Start(FaultPlan::ECall call, int error) {
-        const long most = m_isLong ? 1000 : 6;
-        for (long number = 0; number < most; ++number) {
-            m_faults.Fail(call, error, number, 1);
-            Server server(m_program, m_reactor, m_home);
-            Check(!server.IsStuck(), call, error, number, "neither serves nor ends");
-            if (server.HasEnded()) {
-                Check(!server.HasCrashed() && server.GetStatus() == 1, call, error, number,
-                      "crashed or ended with another status than 1");
-            } else if (!server.IsStuck()) {
-                // It may also end after it has said where it listens.
-                Check(server.Serves() || (server.HasEnded() && server.GetStatus() == 1), call,
-                      error, number, "does not serve");
-                // Where a part of it could not start, it is on its way to its end already.
-                Check(server.HasEnded() || server.Stop() ||
-                          (server.HasEnded() && !server.HasCrashed() && server.GetStatus() == 1),
-                      call, error, number, "does not stop");
-            }
-            ++m_runs;
-            m_injected += m_faults.GetFailed(call);
-            if (m_faults.GetFailed(call) == 0) {
-                return;
-            }
+    bool Start() {
+        m_faults.Fail(m_fault->call, m_error, m_number, 1);
+        Server server(m_program, m_reactor, m_home);
+        Check(!server.IsStuck(), "neither serves nor ends");
+        if (server.HasEnded()) {
+            Check(server.HasEndedWith(1), "crashed or ended with another status than 1");
+        } else if (!server.IsStuck()) {
+            // It may also end after it has said where it listens.
+            Check(server.Serves() || server.HasEndedWith(1), "does not serve");
+            // Where a part of it could not start, it is on its way to its end already.
+            Check(server.HasEnded() || server.Stop() || server.HasEndedWith(1), "does not stop");
         }
+        return WasInjected() && m_number + 1 < (m_isLong ? 1000 : 6);
     }
+
+    bool WasInjected() const { return m_faults.GetFailed(m_fault->call) != 0; }
 
     Server& GetServer() {
         if (m_server == nullptr || m_server->HasEnded()) {
@@ -218,9 +216,10 @@ private:
 
     // Several clients, requests in pieces, replies larger than a socket's buffer.
     void Load(milliseconds patience) {
-        const Connection writer(GetServer().GetPort(), patience);
-        const Connection reader(GetServer().GetPort(), patience);
-        const Connection other(GetServer().GetPort(), patience);
+        const unsigned short port = GetServer().GetPort();
+        const Connection writer(port, patience);
+        const Connection reader(port, patience);
+        const Connection other(port, patience);
         writer.TrySend(m_set.substr(0, 100000));
         other.TrySend("SET a 1 PX 1\r\nINCR n\r\nKEYS *\r\nnonsense\r\n*bad\r\n");
         reader.TrySend("GET big\r\nGET big\r\n");
@@ -228,38 +227,30 @@ private:
         reader.Receive(2 << 20);
     }
 
-    void Once(FaultPlan::ECall call, int error) {
-        const long most = m_isLong ? 20 : 6;
-        for (long number = 0; number < most; ++number) {
-            Server& server = GetServer();
-            m_faults.Fail(call, error, number, 1);
-            Load(milliseconds(20));
-            ++m_runs;
-            m_injected += m_faults.GetFailed(call);
-            Check(server.Serves(), call, error, number, "does not serve");
-            if (m_faults.GetFailed(call) == 0) {
-                return;
-            }
-        }
+    bool Once() {
+        Server& server = GetServer();
+        m_faults.Fail(m_fault->call, m_error, m_number, 1);
+        Load(milliseconds(20));
+        Check(server.Serves(), "does not serve");
+        return WasInjected() && m_number + 1 < (m_isLong ? 20 : 6);
     }
 
-    void ForATime(FaultPlan::ECall call, int error) {
+    bool ForATime() {
         const auto end = Clock::now() + milliseconds(m_isLong ? 3000 : 30);
         Server& server = GetServer();
-        m_faults.FailAll(call, error);
+        m_faults.FailAll(m_fault->call, m_error);
         do {
             Load(milliseconds(10));
         } while (Clock::now() < end && !server.HasEnded());
-        const long failed = m_faults.GetFailed(call);
         m_faults.Clear();
-        ++m_runs;
-        m_injected += failed;
-        Check(server.Serves(), call, error, failed, "does not serve afterwards");
+        Check(server.Serves(), "does not serve afterwards");
         if (m_isLong && m_server != nullptr) {
-            m_faults.FailAll(call, error);
-            Check(m_server->Stop(), call, error, failed, "does not stop while the calls fail");
+            m_injected += m_faults.GetFailed(m_fault->call);
+            m_faults.FailAll(m_fault->call, m_error);
+            Check(m_server->Stop(), "does not stop while the calls fail");
             m_faults.Clear();
         }
+        return false;
     }
 
     const std::string m_reactor;
@@ -271,6 +262,9 @@ private:
     const FaultFile m_faults;
     std::unique_ptr<Server> m_server;
     const char* m_part = "";
+    const Fault* m_fault = nullptr;
+    int m_error = 0;
+    long m_number = 0;
     long m_runs = 0;
     long m_injected = 0;
     int m_wrong = 0;
