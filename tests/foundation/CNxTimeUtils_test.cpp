@@ -2,15 +2,9 @@
 #include <gtest/gtest.h>
 #include <nx/foundation/CNxTimeUtils.h>
 
-#include <array>
+#include <tuple>
 
 namespace {
-
-constexpr long c_day = 86400;
-
-std::array<int, 7> Fields(const tm& t) {
-    return {t.tm_year, t.tm_mon, t.tm_mday, t.tm_wday, t.tm_hour, t.tm_min, t.tm_sec};
-}
 
 TEST(CNxTimeUtils, TicksCompareAcrossTheWrap) {
     EXPECT_TRUE(TimeIsLater(4294967280, 16));
@@ -29,14 +23,15 @@ TEST(CNxTimeUtils, TicksCompareAcrossTheWrap) {
 
 TEST(CNxTimeUtils, CalendarAgreesWithTheSystemOnEveryDay) {
     for (long day = 0; day <= 2932896 && !HasFailure(); ++day) {
-        const long t = day * c_day + day * 7919 % c_day;
+        const long t = day * 86400 + day * 7919 % 86400;
         tm own{};
         cnx_gmtime(t, &own);
         tm system{};
         gmtime_r(&t, &system);
-        system.tm_year += 1900;
-        ++system.tm_mon;
-        EXPECT_EQ(Fields(own), Fields(system)) << t;
+        EXPECT_EQ(std::tuple(own.tm_year, own.tm_mon, own.tm_mday, own.tm_wday, own.tm_hour,
+                             own.tm_min, own.tm_sec),
+                  std::tuple(system.tm_year + 1900, system.tm_mon + 1, system.tm_mday,
+                             system.tm_wday, system.tm_hour, system.tm_min, system.tm_sec));
     }
 }
 

@@ -28,52 +28,49 @@ TEST(CNxUtils, ConvertsWholeNumbersOfEveryBase) {
 }
 
 TEST(CNxUtils, SplitsWithItsSurprises) {
-    const auto expectSplit = [](const CNxString& text, const CNxString& delimiter, size_t hits,
-                                Pieces expected) {
-        SCOPED_TRACE(text);
+    const struct {
+        const char* m_text;
+        const char* m_delimiter;
+        size_t m_hits;
+        Pieces m_pieces;
+    } cases[] = {{"a,,b", ",", 1, {"a", ",b"}},
+                 {"abc", ",", 0, {}},
+                 {"abc", "", 0, {}},
+                 {",", ",", 1, {}},
+                 {",a,", ",", 2, {"a"}},
+                 {"a,,,b", ",", 2, {"a", ",", "b"}},
+                 {"a::b::c", "::", 2, {"a", "b", ":c"}},
+                 {"a::", "::", 1, {"a", ":"}}};
+    for (const auto& [text, delimiter, hits, expected] : cases) {
         Pieces pieces = {"before"};
-        expected.insert(expected.begin(), "before");
-        EXPECT_EQ(SplitString2(text, delimiter, pieces), hits);
-        EXPECT_EQ(pieces, expected);
-    };
-    expectSplit("a,,b", ",", 1, {"a", ",b"});
-    expectSplit("abc", ",", 0, {});
-    expectSplit("abc", "", 0, {});
-    expectSplit(",", ",", 1, {});
-    expectSplit(",a,", ",", 2, {"a"});
-    expectSplit("a,,,b", ",", 2, {"a", ",", "b"});
-    expectSplit("a::b::c", "::", 2, {"a", "b", ":c"});
-    expectSplit("a::", "::", 1, {"a", ":"});
+        EXPECT_EQ(SplitString2(text, delimiter, pieces), hits) << text;
+        pieces.erase(pieces.begin());
+        EXPECT_EQ(pieces, expected) << text;
+    }
 }
 
-class CNxUtilsEnvironment : public testing::Test {
-protected:
-    void SetUp() override {
-        setenv("NX_TEST_HOME", "/h", 1);
-        setenv("NX_TEST_EMPTY", "", 1);
-        unsetenv("NX_TEST_UNSET");
-    }
-    void TearDown() override {
-        unsetenv("NX_TEST_HOME");
-        unsetenv("NX_TEST_EMPTY");
-    }
-    static CNxString Resolve(const CNxString& in) {
-        CNxString out("old");
-        CNxString inPlace(in);
-        EXPECT_EQ(ResolveStringEnv(in, out), NX_OK);
-        EXPECT_EQ(ResolveStringEnv(inPlace, inPlace), NX_OK);
-        EXPECT_EQ(inPlace, out);
-        return out;
-    }
-};
+CNxString Resolve(const CNxString& in) {
+    CNxString out("old");
+    CNxString inPlace(in);
+    EXPECT_EQ(ResolveStringEnv(in, out), NX_OK);
+    EXPECT_EQ(ResolveStringEnv(inPlace, inPlace), NX_OK);
+    EXPECT_EQ(inPlace, out);
+    return out;
+}
 
-TEST_F(CNxUtilsEnvironment, ResolvesReferencesWithTheirSurprises) {
-    EXPECT_EQ(Resolve("${NX_TEST_HOME}/x"), "/h/x");
-    EXPECT_EQ(Resolve("a/${NX_TEST_HOME}/${NX_TEST_HOME}"), "a//h//h");
-    EXPECT_EQ(Resolve("${NX_TEST_UNSET}:${NX_TEST_EMPTY}"), "NX_TEST_UNSET:NX_TEST_EMPTY");
-    EXPECT_EQ(Resolve("NX_TEST_HOME${NX_TEST_UNSET}"), "/hNX_TEST_UNSET");
-    EXPECT_EQ(Resolve("NX_TEST_HOME}"), "NX_TEST_HOME}");
-    EXPECT_EQ(Resolve(""), "");
+TEST(CNxUtils, ResolvesReferencesWithTheirSurprises) {
+    setenv("NX_TEST_HOME", "/h", 1);
+    setenv("NX_TEST_EMPTY", "", 1);
+    const char* const cases[][2] = {
+        {"${NX_TEST_HOME}/x", "/h/x"},
+        {"a/${NX_TEST_HOME}/${NX_TEST_HOME}", "a//h//h"},
+        {"${NX_TEST_UNSET}:${NX_TEST_EMPTY}", "NX_TEST_UNSET:NX_TEST_EMPTY"},
+        {"NX_TEST_HOME${NX_TEST_UNSET}", "/hNX_TEST_UNSET"},
+        {"NX_TEST_HOME}", "NX_TEST_HOME}"},
+        {"", ""}};
+    for (const auto& [text, resolved] : cases) {
+        EXPECT_EQ(Resolve(text), resolved);
+    }
     for (const char* bad : {"${NX_TEST_HOME", "${A}${B}", "a}b${C}", "}${"}) {
         EXPECT_EQ(Resolve(bad), CNxString("error! ${ is not match with } in string:") + bad);
     }

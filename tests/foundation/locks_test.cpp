@@ -5,6 +5,7 @@
 #include <nx/foundation/CNxSemaphore.h>
 
 #include <atomic>
+#include <future>
 #include <thread>
 #include <vector>
 
@@ -47,18 +48,17 @@ TEST(CNxEventThread, PulseLetsPassWhoWaitsAndNobodyLater) {
     for (const int manual : {0, 1}) {
         CNxEventThread event(manual, 0);
         std::atomic<int> passed{0};
-        std::vector<std::thread> waiters;
+        std::vector<std::future<void>> waiters;
         for (int i = 0; i < 3; ++i) {
-            waiters.emplace_back([&] { passed += event.Wait(nullptr) == NX_OK ? 1 : 0; });
+            waiters.push_back(std::async(std::launch::async,
+                                         [&] { passed += event.Wait(nullptr) == NX_OK ? 1 : 0; }));
         }
         // Pulses until all have gone through: one pulse frees all or one of those that wait.
         while (passed.load() < 3) {
             event.Pulse();
             std::this_thread::yield();
         }
-        for (std::thread& waiter : waiters) {
-            waiter.join();
-        }
+        waiters.clear();
         CNxTimeValue zero;
         EXPECT_EQ(event.Wait(&zero), NX_ERROR_TIMEOUT) << "manual " << manual;
     }
@@ -70,16 +70,16 @@ TEST(CNxEventThread, NoAutomaticSignalIsLostOrDoubledWhenTimeRunsOutMeanwhile) {
     CNxEventThread event(0, 0);
     std::atomic<bool> stop{false};
     std::atomic<long> passed{0};
-    std::vector<std::thread> waiters;
+    std::vector<std::future<void>> waiters;
     for (int i = 0; i < 3; ++i) {
-        waiters.emplace_back([&, i] {
+        waiters.push_back(std::async(std::launch::async, [&, i] {
             while (!stop.load()) {
                 CNxTimeValue timeout(0, 5L * i);
                 if (event.Wait(&timeout) == NX_OK) {
                     ++passed;
                 }
             }
-        });
+        }));
     }
     long signalled = 0;
     for (; signalled < 5000; ++signalled) {
@@ -91,9 +91,7 @@ TEST(CNxEventThread, NoAutomaticSignalIsLostOrDoubledWhenTimeRunsOutMeanwhile) {
         }
     }
     stop = true;
-    for (std::thread& waiter : waiters) {
-        waiter.join();
-    }
+    waiters.clear();
     EXPECT_EQ(passed.load(), signalled);
 }
 

@@ -1,19 +1,36 @@
-// System calls of this process that fail when a test says so. Link FailingCalls.cpp.
+// System calls of this process that fail when a test says so. Link fault_shim.
 #pragma once
+
+#include <tests/support/FaultPlan.h>
 
 // Calls of all threads. What was asked for ends with the object; at most one at a time.
 class FailingCalls {
 public:
-    enum ECall { SEND, EPOLL_CTL, GETSOCKOPT, SIGQUEUE, CALLS };
+    enum ECall {
+        SEND = FaultPlan::CALL_send,
+        EPOLL_CTL = FaultPlan::CALL_epoll_ctl,
+        GETSOCKOPT = FaultPlan::CALL_getsockopt,
+        SIGQUEUE = FaultPlan::CALL_pthread_sigqueue
+    };
 
-    FailingCalls();
-    ~FailingCalls();
+    FailingCalls() {
+        for (FaultPlan::Call& call : nx_fault_plan()->calls) {
+            call.seen = 0;
+        }
+    }
+    ~FailingCalls() {
+        for (FaultPlan::Call& call : nx_fault_plan()->calls) {
+            call.count = 0;
+        }
+    }
     FailingCalls(const FailingCalls&) = delete;
     FailingCalls& operator=(const FailingCalls&) = delete;
 
     // The next `count` of them fail with `error`.
-    void Fail(ECall call, int error, int count);
+    void Fail(ECall call, int error, int count) {
+        nx_fault_plan()->calls[call].Fail(error, 0, count);
+    }
 
     // How many were made since construction, those that failed too.
-    int Count(ECall call) const;
+    int Count(ECall call) const { return static_cast<int>(nx_fault_plan()->calls[call].seen); }
 };

@@ -26,7 +26,6 @@ public:
             std::abort();
         }
         m_plan = static_cast<FaultPlan*>(at);
-        Clear();
         setenv("NX_FAULT_PLAN", path.c_str(), 1);
         setenv("LD_PRELOAD", shim, 1);
     }
@@ -47,27 +46,22 @@ public:
 #endif
     }
 
-    // After `skip` good ones so many fail.
+    // After `skip` good ones so many fail; no other call does.
     void Fail(FaultPlan::ECall call, int error, long skip, long count) const {
         Clear();
-        m_plan->failed = 0;
-        m_plan->error = error;
-        m_plan->skip = skip;
-        m_plan->count = count;
-        m_plan->call = call;
+        m_plan->calls[call].Fail(error, skip, count);
     }
     void FailAll(FaultPlan::ECall call, int error) const {
         Fail(call, error, 0, LONG_MAX);
     }
     void Clear() const {
-        m_plan->call = FaultPlan::CALL_COUNT;
+        for (FaultPlan::Call& call : m_plan->calls) {
+            call.count = 0;
+        }
     }
 
-    long GetFailed() const {
-        return m_plan->failed;
-    }
-    long GetSeen(FaultPlan::ECall call) const {
-        return m_plan->seen[call];
+    long GetFailed(FaultPlan::ECall call) const {
+        return m_plan->calls[call].failed;
     }
 
 private:

@@ -1,34 +1,89 @@
-// Which system call of another program is to fail: written by a test, read by fault_shim.
+// Which system calls fail: written by a test, obeyed by fault_shim.
 //
-// The program runs with LD_PRELOAD naming the shim and NX_FAULT_PLAN naming a file of this size.
+// A program that runs with LD_PRELOAD naming the shim has its plan in the file of this size that
+// NX_FAULT_PLAN names; one that is linked with the shim has one of its own.
 #pragma once
 
 #include <atomic>
 
-// name: what the shim returns when it fails
+// name, errors: those that the manual pages allow, without what only a wrong argument makes (EBADF,
+// EFAULT, EINVAL).
 // The formatter would lay the list out anew at every run.
 // clang-format off
 #define NX_FAULT_CALLS(CALL) \
-    CALL(accept4) CALL(bind) CALL(close) CALL(epoll_create1) CALL(epoll_ctl) CALL(epoll_wait) \
-    CALL(eventfd) CALL(fchmod) CALL(fcntl) CALL(flock) CALL(fopen) CALL(fstat) CALL(ftruncate) \
-    CALL(getpeername) CALL(getrandom) CALL(getrlimit) CALL(getsockname) CALL(getsockopt) \
-    CALL(ioctl) CALL(listen) CALL(mkdir) CALL(mmap) CALL(nanosleep) CALL(open) CALL(pipe2) \
-    CALL(poll) CALL(pread) CALL(pthread_create) CALL(pthread_sigqueue) CALL(pwritev) CALL(read) \
-    CALL(readlink) \
-    CALL(recv) CALL(select) CALL(send) CALL(sendmsg) CALL(sendto) CALL(setrlimit) \
-    CALL(setsockopt) CALL(shutdown) CALL(sigtimedwait) CALL(sigwait) CALL(socket) \
-    CALL(socketpair) CALL(stat) CALL(write) CALL(writev)
+    CALL(accept4, EAGAIN, ECONNABORTED, EINTR, EMFILE, ENFILE, ENOBUFS, ENOMEM, EPERM, EPROTO) \
+    CALL(bind, EACCES, EADDRINUSE, ENOMEM) \
+    CALL(close, EINTR, EIO) \
+    CALL(epoll_create1, EMFILE, ENFILE, ENOMEM) \
+    CALL(epoll_ctl, ENOMEM, ENOSPC) \
+    CALL(epoll_wait, EINTR) \
+    CALL(eventfd, EMFILE, ENFILE, ENODEV, ENOMEM) \
+    CALL(fchmod, EPERM, EIO, EROFS) \
+    CALL(fcntl, EACCES, EAGAIN, EINTR, ENOLCK) \
+    CALL(flock, EINTR, ENOLCK, EWOULDBLOCK) \
+    CALL(fopen, EACCES, EMFILE, ENFILE, ENOMEM, ENOENT) \
+    CALL(fstat, ENOMEM, EOVERFLOW) \
+    CALL(ftruncate, EFBIG, EINTR, EIO) \
+    CALL(getpeername, ENOBUFS, ENOTCONN) \
+    CALL(getrandom, EAGAIN, EINTR, ENOSYS) \
+    CALL(getrlimit, EPERM) \
+    CALL(getsockname, ENOBUFS) \
+    CALL(getsockopt, ENOPROTOOPT) \
+    CALL(ioctl, ENOTTY) \
+    CALL(listen, EADDRINUSE) \
+    CALL(mkdir, EACCES, EEXIST, EMLINK, ENOSPC, EROFS) \
+    CALL(mmap, ENOMEM, EAGAIN, ENFILE) \
+    CALL(nanosleep, EINTR) \
+    CALL(open, EACCES, EINTR, EMFILE, ENFILE, ENOSPC, ENOMEM, EROFS) \
+    CALL(pipe2, EMFILE, ENFILE) \
+    CALL(poll, EINTR, ENOMEM) \
+    CALL(pread, EINTR, EIO) \
+    CALL(pthread_create, EAGAIN, EPERM) \
+    CALL(pthread_sigqueue, EAGAIN) \
+    CALL(pwritev, EDQUOT, EFBIG, EINTR, EIO, ENOSPC) \
+    CALL(read, EAGAIN, EINTR, EIO) \
+    CALL(readlink, EACCES, EIO, ENOENT) \
+    CALL(recv, EAGAIN, ECONNRESET, EINTR, ENOBUFS, ENOMEM) \
+    CALL(select, EINTR, ENOMEM) \
+    CALL(send, EAGAIN, ECONNRESET, EINTR, ENOBUFS, ENOMEM, EPIPE) \
+    CALL(sendmsg, EAGAIN, ECONNRESET, EINTR, ENOBUFS, ENOMEM, EPIPE) \
+    CALL(sendto, EAGAIN, ECONNRESET, EINTR, ENOBUFS, ENOMEM, EPIPE) \
+    CALL(setrlimit, EPERM) \
+    CALL(setsockopt, ENOPROTOOPT, ENOMEM) \
+    CALL(shutdown, ENOTCONN) \
+    CALL(sigtimedwait, EAGAIN, EINTR) \
+    CALL(sigwait, EINTR) \
+    CALL(socket, EACCES, EMFILE, ENFILE, ENOBUFS, ENOMEM) \
+    CALL(socketpair, EMFILE, ENFILE, EOPNOTSUPP) \
+    CALL(stat, EACCES, ENOENT, ENOMEM) \
+    CALL(write, EAGAIN, EINTR, EIO, ENOSPC, EPIPE) \
+    CALL(writev, EAGAIN, EINTR, EIO, ENOSPC, EPIPE)
 // clang-format on
 
+// Everything is zero at first: no call fails.
 struct FaultPlan {
-#define NX_FAULT_NAME(name) CALL_##name,
+#define NX_FAULT_NAME(name, ...) CALL_##name,
     enum ECall { NX_FAULT_CALLS(NX_FAULT_NAME) CALL_COUNT };
 #undef NX_FAULT_NAME
 
-    std::atomic<int> call;    // which one; CALL_COUNT for none
-    std::atomic<int> error;   // its errno
-    std::atomic<long> skip;   // so many go well first
-    std::atomic<long> count;  // then so many fail
-    std::atomic<long> failed;
-    std::atomic<long> seen[CALL_COUNT];
+    struct Call {
+        // After `skip` good ones so many fail.
+        void Fail(int withError, long afterSkipped, long thenFailing) {
+            count = 0;
+            failed = 0;
+            error = withError;
+            skip = afterSkipped;
+            count = thenFailing;
+        }
+
+        std::atomic<int> error;  // its errno
+        std::atomic<long> skip;
+        std::atomic<long> count;
+        std::atomic<long> failed;
+        std::atomic<long> seen;  // those that failed too
+    };
+    Call calls[CALL_COUNT];
 };
+
+// Of the process that the shim is in.
+extern "C" FaultPlan* nx_fault_plan();

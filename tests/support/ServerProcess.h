@@ -1,14 +1,13 @@
 // A server program in a process of its own, and a client of it.
 #pragma once
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/types.h>
 #include <sys/wait.h>
+#include <tests/support/Connection.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -103,48 +102,16 @@ private:
     unsigned short m_port = 0;
 };
 
-// A blocking connection; a wait of more than a minute fails the test.
-class TestClient {
+// A wait of more than a minute fails the test.
+class TestClient : public Connection {
 public:
     explicit TestClient(unsigned short port, int receiveBuffer = 0)
-        : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        if (receiveBuffer != 0) {
-            setsockopt(m_socket, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof(receiveBuffer));
-        }
-        const timeval limit{60, 0};
-        setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(0, connect(m_socket, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+        : Connection(port, std::chrono::minutes(1), receiveBuffer) {
+        EXPECT_TRUE(IsConnected());
     }
-    TestClient(TestClient&& other) noexcept : m_socket(std::exchange(other.m_socket, -1)) {}
-    TestClient& operator=(TestClient&&) = delete;
-    ~TestClient() { close(m_socket); }
 
-    int GetHandle() const { return m_socket; }
-
-    void Send(std::string_view bytes) const {
-        ASSERT_EQ(static_cast<ssize_t>(bytes.size()),
-                  send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL));
-    }
-    void EndSending() const { shutdown(m_socket, SHUT_WR); }
-
-    // So many bytes, less when the server hangs up.
-    std::string Receive(size_t size) const {
-        std::string bytes(size, '\0');
-        size_t got = 0;
-        while (got < size) {
-            const ssize_t received = recv(m_socket, bytes.data() + got, size - got, 0);
-            if (received <= 0) {
-                break;
-            }
-            got += static_cast<size_t>(received);
-        }
-        bytes.resize(got);
-        return bytes;
-    }
+    void Send(std::string_view bytes) const { ASSERT_TRUE(TrySend(bytes)); }
+    void EndSending() const { shutdown(GetHandle(), SHUT_WR); }
 
     // All until the server hangs up.
     std::string ReceiveAll() const {
@@ -160,7 +127,4 @@ public:
         Send(request);
         EXPECT_EQ(answer, Receive(answer.size())) << request.substr(0, 80);
     }
-
-private:
-    int m_socket;
 };

@@ -1,9 +1,7 @@
-// A small server life in which allocations fail: allocation_sweep [once|on|both [FIRST [LAST
-// [STEP]]]]
+// A small server life in which allocations fail: allocation_sweep [FIRST [LAST [STEP]]]
 //
 // For each N the N-th allocation of a life fails, then, in another, all from the N-th on. Each life
 // is a process of its own. Prints how many ended in which way, and for a crash or a hang its N.
-#include <execinfo.h>
 #include <nx/nx.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -15,12 +13,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <map>
-#include <memory>
 #include <new>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -75,14 +70,18 @@ private:
     const Function m_function;
 };
 
-void Send(INxReactor& reactor, Work::Function function) {
+void Ask(INxReactor& reactor, bool waits, Work::Function function) {
     auto* const work = new (std::nothrow) Work(reactor, function);
-    Count(work != nullptr ? reactor.SendEvent(work) : NX_ERROR_FAILURE);
+    if (work == nullptr) {
+        ++s_refused;
+    } else {
+        Count(waits ? reactor.SendEvent(work)
+                    : reactor.PostEvent(work, INxEventQueue::PRIORITY_NORMAL));
+    }
 }
 
 Ticker s_tickers[c_timers];
 int s_ends[c_connections][2];
-alignas(Echo) unsigned char s_echoes[c_connections][sizeof(Echo)];
 Echo* s_echo[c_connections];
 
 void Open(INxReactor& reactor) {
@@ -127,35 +126,25 @@ int Live(int argc, char** argv) {
         return REFUSED;
     }
     INxReactor& reactor = *network->GetReactor();
-    Send(reactor, Open);
+    Ask(reactor, true, Open);
     for (int i = 0; i < c_posts; ++i) {
-        auto* const work = new (std::nothrow) Work(reactor, [](INxReactor&) {});
-        Count(work != nullptr ? reactor.PostEvent(work, INxEventQueue::PRIORITY_NORMAL)
-                              : NX_ERROR_FAILURE);
+        Ask(reactor, false, [](INxReactor&) {});
     }
     UseConnections();
-    Send(reactor, Close);
+    Ask(reactor, true, Close);
     Count(threads->StopAllThreads(nullptr));
     Count(threads->JoinAllThreads());
     return s_refused == 0 ? WHOLE : PARTS_REFUSED;
 }
 
-// Says where an exception got out.
-[[noreturn]] void ShowAndAbort() {
-    void* frames[32];
-    backtrace_symbols_fd(frames, backtrace(frames, 32), STDERR_FILENO);
-    std::abort();
-}
-
 // In the child; ends it.
 [[noreturn]] void LiveAndExit(long skip, long count, int report) {
     alarm(c_hangSeconds);
-    std::set_terminate(ShowAndAbort);
     for (int i = 0; i < c_connections; ++i) {
         if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, s_ends[i]) != 0) {
             std::abort();
         }
-        s_echo[i] = new (s_echoes[i]) Echo(s_ends[i][1]);
+        s_echo[i] = new Echo(s_ends[i][1]);
     }
     char name[] = "allocation_sweep";
     char* arguments[] = {name, nullptr};
@@ -201,18 +190,13 @@ End Run(long skip, long count) {
         const bool isHang = WTERMSIG(status) == SIGALRM;
         return {isHang ? "hang" : std::string("signal ") + strsignal(WTERMSIG(status)), true, made};
     }
-    switch (WEXITSTATUS(status)) {
-        case WHOLE:
-            return {"done as a whole", false, made};
-        case THROWN:
-            return {"std::bad_alloc to the caller", false, made};
-        case REFUSED:
-            return {"start refused", false, made};
-        case PARTS_REFUSED:
-            return {"parts refused", false, made};
-        default:
-            return {"status " + std::to_string(WEXITSTATUS(status)), true, made};
-    }
+    const std::map<int, std::string> texts{{WHOLE, "done as a whole"},
+                                           {THROWN, "std::bad_alloc to the caller"},
+                                           {REFUSED, "start refused"},
+                                           {PARTS_REFUSED, "parts refused"}};
+    const auto text = texts.find(WEXITSTATUS(status));
+    return text != texts.end() ? End{text->second, false, made}
+                               : End{"status " + std::to_string(WEXITSTATUS(status)), true, made};
 }
 
 // Returns how many were wrong.
@@ -242,11 +226,10 @@ int main(int argc, char** argv) {
     // It loses count of the locks of forked children with threads.
     return 77;  // skipped, see CMakeLists.txt
 #endif
-    const std::string mode = argc > 1 ? argv[1] : "both";
-    const long first = argc > 2 ? std::atol(argv[2]) : 0;
-    const long last = argc > 3 ? std::atol(argv[3]) : 5000;
-    const long step = argc > 4 ? std::atol(argv[4]) : 1;
-    int wrong = mode == "on" ? 0 : Sweep("once", 1, first, last, step);
-    wrong += mode == "once" ? 0 : Sweep("from there on", LONG_MAX / 2, first, last, step);
+    const long first = argc > 1 ? std::atol(argv[1]) : 0;
+    const long last = argc > 2 ? std::atol(argv[2]) : 5000;
+    const long step = argc > 3 ? std::atol(argv[3]) : 1;
+    const int wrong = Sweep("once", 1, first, last, step) +
+                      Sweep("from there on", LONG_MAX / 2, first, last, step);
     return wrong == 0 ? 0 : 1;
 }

@@ -12,33 +12,36 @@
 namespace {
 
 FaultPlan* OpenPlan() {
+    static FaultPlan s_own;
     const char* const path = std::getenv("NX_FAULT_PLAN");
     if (path == nullptr) {
-        return nullptr;
+        return &s_own;
     }
     // Not through the functions below.
     const long fd = syscall(SYS_openat, AT_FDCWD, path, O_RDWR | O_CLOEXEC, 0);
     const long at =
         syscall(SYS_mmap, 0, sizeof(FaultPlan), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     syscall(SYS_close, fd);
-    return at == -1 ? nullptr : reinterpret_cast<FaultPlan*>(at);
+    return at == -1 ? &s_own : reinterpret_cast<FaultPlan*>(at);
 }
 
 // The error that this call is to fail with, or 0.
-int Inject(FaultPlan::ECall call) {
-    static FaultPlan* const s_plan = OpenPlan();
-    if (s_plan == nullptr) {
+int Inject(FaultPlan::ECall which) {
+    FaultPlan::Call& call = nx_fault_plan()->calls[which];
+    ++call.seen;
+    if (call.count <= 0 || call.skip.fetch_sub(1) > 0 || call.count.fetch_sub(1) <= 0) {
         return 0;
     }
-    ++s_plan->seen[call];
-    if (s_plan->call != call || s_plan->skip.fetch_sub(1) > 0 || s_plan->count.fetch_sub(1) <= 0) {
-        return 0;
-    }
-    ++s_plan->failed;
-    return s_plan->error;
+    ++call.failed;
+    return call.error;
 }
 
 }  // namespace
+
+extern "C" FaultPlan* nx_fault_plan() {
+    static FaultPlan* const s_plan = OpenPlan();
+    return s_plan;
+}
 
 // Under names of their own, because the headers of the system declare them in other ways. A third
 // argument that the caller left out is passed on as it is found.

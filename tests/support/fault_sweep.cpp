@@ -5,11 +5,8 @@
 // In three parts: each call failing once while it starts and serves nobody yet; each failing once
 // under load; each failing for a time under load, then while it stops. After every fault it must
 // live and serve (or, at the start, end with a status that says why), and stop in time.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
+#include <tests/support/Connection.h>
 #include <tests/support/FaultFile.h>
 #include <tests/support/TempFolder.h>
 
@@ -33,68 +30,17 @@ constexpr milliseconds c_stopLimit(6000);
 constexpr milliseconds c_recoverLimit(5000);
 
 struct Fault {
+    const char* name;
     FaultPlan::ECall call;
     std::vector<int> errors;
 };
 
-#define NX_FAULT_TEXT(name) #name,
-constexpr const char* c_callNames[] = {NX_FAULT_CALLS(NX_FAULT_TEXT)};
-#undef NX_FAULT_TEXT
-
-// What the manual pages allow, without what only a wrong argument makes (EBADF, EFAULT, EINVAL).
+#define NX_FAULT(name, ...) {#name, FaultPlan::CALL_##name, {__VA_ARGS__}},
 const std::vector<Fault>& GetFaults() {
-    static const std::vector<Fault> s_faults{
-        {FaultPlan::CALL_accept4,
-         {EAGAIN, ECONNABORTED, EINTR, EMFILE, ENFILE, ENOBUFS, ENOMEM, EPERM, EPROTO}},
-        {FaultPlan::CALL_bind, {EACCES, EADDRINUSE, ENOMEM}},
-        {FaultPlan::CALL_close, {EINTR, EIO}},
-        {FaultPlan::CALL_epoll_create1, {EMFILE, ENFILE, ENOMEM}},
-        {FaultPlan::CALL_epoll_ctl, {ENOMEM, ENOSPC}},
-        {FaultPlan::CALL_epoll_wait, {EINTR}},
-        {FaultPlan::CALL_eventfd, {EMFILE, ENFILE, ENODEV, ENOMEM}},
-        {FaultPlan::CALL_fchmod, {EPERM, EIO, EROFS}},
-        {FaultPlan::CALL_fcntl, {EACCES, EAGAIN, EINTR, ENOLCK}},
-        {FaultPlan::CALL_flock, {EINTR, ENOLCK, EWOULDBLOCK}},
-        {FaultPlan::CALL_fopen, {EACCES, EMFILE, ENFILE, ENOMEM, ENOENT}},
-        {FaultPlan::CALL_fstat, {ENOMEM, EOVERFLOW}},
-        {FaultPlan::CALL_ftruncate, {EFBIG, EINTR, EIO}},
-        {FaultPlan::CALL_getpeername, {ENOBUFS, ENOTCONN}},
-        {FaultPlan::CALL_getrandom, {EAGAIN, EINTR, ENOSYS}},
-        {FaultPlan::CALL_getrlimit, {EPERM}},
-        {FaultPlan::CALL_getsockname, {ENOBUFS}},
-        {FaultPlan::CALL_getsockopt, {ENOPROTOOPT}},
-        {FaultPlan::CALL_ioctl, {ENOTTY}},
-        {FaultPlan::CALL_listen, {EADDRINUSE}},
-        {FaultPlan::CALL_mkdir, {EACCES, EEXIST, EMLINK, ENOSPC, EROFS}},
-        {FaultPlan::CALL_mmap, {ENOMEM, EAGAIN, ENFILE}},
-        {FaultPlan::CALL_nanosleep, {EINTR}},
-        {FaultPlan::CALL_open, {EACCES, EINTR, EMFILE, ENFILE, ENOSPC, ENOMEM, EROFS}},
-        {FaultPlan::CALL_pipe2, {EMFILE, ENFILE}},
-        {FaultPlan::CALL_poll, {EINTR, ENOMEM}},
-        {FaultPlan::CALL_pread, {EINTR, EIO}},
-        {FaultPlan::CALL_pthread_create, {EAGAIN, EPERM}},
-        {FaultPlan::CALL_pthread_sigqueue, {EAGAIN}},
-        {FaultPlan::CALL_pwritev, {EDQUOT, EFBIG, EINTR, EIO, ENOSPC}},
-        {FaultPlan::CALL_read, {EAGAIN, EINTR, EIO}},
-        {FaultPlan::CALL_readlink, {EACCES, EIO, ENOENT}},
-        {FaultPlan::CALL_recv, {EAGAIN, ECONNRESET, EINTR, ENOBUFS, ENOMEM}},
-        {FaultPlan::CALL_select, {EINTR, ENOMEM}},
-        {FaultPlan::CALL_send, {EAGAIN, ECONNRESET, EINTR, ENOBUFS, ENOMEM, EPIPE}},
-        {FaultPlan::CALL_sendmsg, {EAGAIN, ECONNRESET, EINTR, ENOBUFS, ENOMEM, EPIPE}},
-        {FaultPlan::CALL_sendto, {EAGAIN, ECONNRESET, EINTR, ENOBUFS, ENOMEM, EPIPE}},
-        {FaultPlan::CALL_setrlimit, {EPERM}},
-        {FaultPlan::CALL_setsockopt, {ENOPROTOOPT, ENOMEM}},
-        {FaultPlan::CALL_shutdown, {ENOTCONN}},
-        {FaultPlan::CALL_sigtimedwait, {EAGAIN, EINTR}},
-        {FaultPlan::CALL_sigwait, {EINTR}},
-        {FaultPlan::CALL_socket, {EACCES, EMFILE, ENFILE, ENOBUFS, ENOMEM}},
-        {FaultPlan::CALL_socketpair, {EMFILE, ENFILE, EOPNOTSUPP}},
-        {FaultPlan::CALL_stat, {EACCES, ENOENT, ENOMEM}},
-        {FaultPlan::CALL_write, {EAGAIN, EINTR, EIO, ENOSPC, EPIPE}},
-        {FaultPlan::CALL_writev, {EAGAIN, EINTR, EIO, ENOSPC, EPIPE}},
-    };
+    static const std::vector<Fault> s_faults{NX_FAULT_CALLS(NX_FAULT)};
     return s_faults;
 }
+#undef NX_FAULT
 
 template <class Condition>
 bool WaitUntil(milliseconds limit, Condition condition) {
@@ -107,50 +53,6 @@ bool WaitUntil(milliseconds limit, Condition condition) {
     }
     return true;
 }
-
-// A client that takes failures as they come.
-class Client {
-public:
-    explicit Client(unsigned short port)
-        : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        static_cast<void>(
-            connect(m_socket, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
-    }
-    ~Client() { close(m_socket); }
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
-
-    void Send(const std::string& request) const {
-        static_cast<void>(
-            send(m_socket, request.data(), request.size(), MSG_NOSIGNAL | MSG_DONTWAIT));
-    }
-
-    // Whether all of it came in time.
-    bool Receive(std::size_t size, milliseconds limit) const {
-        const auto end = Clock::now() + limit;
-        char buffer[65536];
-        while (size > 0) {
-            const auto left = std::chrono::duration_cast<milliseconds>(end - Clock::now()).count();
-            pollfd input{m_socket, POLLIN, 0};
-            if (left < 0 || poll(&input, 1, static_cast<int>(left) + 1) != 1) {
-                return false;
-            }
-            const ssize_t got = recv(m_socket, buffer, std::min(size, sizeof(buffer)), 0);
-            if (got <= 0) {
-                return false;
-            }
-            size -= static_cast<std::size_t>(got);
-        }
-        return true;
-    }
-
-private:
-    int m_socket;
-};
 
 // The server in a home of its own, in which it traces.
 class Server {
@@ -167,9 +69,7 @@ public:
                   nullptr);
             _exit(127);
         }
-        if (!WaitUntil(c_recoverLimit, [&] { return HasEnded() || ReadPort(home); })) {
-            m_isStuck = true;
-        }
+        m_isStuck = !WaitUntil(c_recoverLimit, [&] { return HasEnded() || ReadPort(home); });
     }
     ~Server() {
         if (m_pid > 0) {
@@ -189,24 +89,23 @@ public:
         }
         return m_pid == 0;
     }
-    bool HasCrashed() const { return m_pid == 0 && !WIFEXITED(m_status); }
-    int GetStatus() const { return WEXITSTATUS(m_status); }
+    bool HasEndedWith(int status) {
+        return HasEnded() && WIFEXITED(m_status) && WEXITSTATUS(m_status) == status;
+    }
 
-    bool Serves(milliseconds limit = c_recoverLimit) {
-        return WaitUntil(limit,
-                         [&] {
-                             const Client client(m_port);
-                             client.Send("PING\r\n");
-                             return HasEnded() || client.Receive(7, milliseconds(500));
-                         }) &&
-               !HasEnded();
+    bool Serves() {
+        const auto answers = [this] {
+            const Connection client(m_port, milliseconds(500));
+            client.TrySend("PING\r\n");
+            return HasEnded() || client.Receive(7).size() == 7;
+        };
+        return WaitUntil(c_recoverLimit, answers) && !HasEnded();
     }
 
     // Whether it ended well and in time.
     bool Stop() {
         kill(m_pid, SIGTERM);
-        return WaitUntil(c_stopLimit, [&] { return HasEnded(); }) && !HasCrashed() &&
-               GetStatus() == 0;
+        return WaitUntil(c_stopLimit, [&] { return HasEnded(); }) && HasEndedWith(0);
     }
 
 private:
@@ -240,68 +139,68 @@ public:
 
     // Returns how many went wrong.
     int Run() {
-        ForEach("start", [this](FaultPlan::ECall call, int error) { Start(call, error); });
-        ForEach("once", [this](FaultPlan::ECall call, int error) { Once(call, error); });
-        ForEach("a time", [this](FaultPlan::ECall call, int error) { ForATime(call, error); });
+        ForEach("start", [this] { return Start(); });
+        ForEach("once", [this] { return Once(); });
+        ForEach("a time", [this] { return ForATime(); });
         std::printf("%ld faults injected in %ld runs, %d wrong\n", m_injected, m_runs, m_wrong);
         return m_wrong;
     }
 
 private:
+    // The step makes the runs for one call and error, each with the next number, until it says that
+    // there is no more to do.
     template <class Step>
     void ForEach(const char* part, Step step) {
         m_part = part;
-        const auto begin = Clock::now();
         const long injectedBefore = m_injected;
         const long runsBefore = m_runs;
         for (const Fault& fault : GetFaults()) {
             for (const int error : fault.errors) {
-                step(fault.call, error);
+                m_fault = &fault;
+                m_error = error;
+                m_number = -1;
+                bool goesOn = true;
+                while (goesOn) {
+                    ++m_runs;
+                    ++m_number;
+                    goesOn = step();
+                    m_injected += m_faults.GetFailed(fault.call);
+                }
             }
         }
         m_server.reset();
-        std::printf("%-7s %5ld runs, %8ld faults, %.1f s\n", part, m_runs - runsBefore,
-                    m_injected - injectedBefore,
-                    std::chrono::duration<double>(Clock::now() - begin).count());
+        std::printf("%-7s %5ld runs, %8ld faults\n", part, m_runs - runsBefore,
+                    m_injected - injectedBefore);
         std::fflush(stdout);
     }
 
-    void Check(bool isRight, FaultPlan::ECall call, int error, long number, const char* what) {
+    void Check(bool isRight, const char* what) {
         if (!isRight) {
             ++m_wrong;
-            std::printf("WRONG: %s: %s %s, number %ld: %s\n", m_part, c_callNames[call],
-                        strerrorname_np(error), number, what);
+            std::printf("WRONG: %s: %s %s, number %ld: %s\n", m_part, m_fault->name,
+                        strerrorname_np(m_error), m_number, what);
             std::fflush(stdout);
             m_server.reset();
         }
     }
 
     // Every N-th call from the start to the first PING.
-    void Start(FaultPlan::ECall call, int error) {
-        const long most = m_isLong ? 1000 : 6;
-        for (long number = 0; number < most; ++number) {
-            m_faults.Fail(call, error, number, 1);
-            Server server(m_program, m_reactor, m_home);
-            Check(!server.IsStuck(), call, error, number, "neither serves nor ends");
-            if (server.HasEnded()) {
-                Check(!server.HasCrashed() && server.GetStatus() == 1, call, error, number,
-                      "crashed or ended with another status than 1");
-            } else if (!server.IsStuck()) {
-                // It may also end after it has said where it listens.
-                Check(server.Serves() || (server.HasEnded() && server.GetStatus() == 1), call,
-                      error, number, "does not serve");
-                // Where a part of it could not start, it is on its way to its end already.
-                Check(server.HasEnded() || server.Stop() ||
-                          (server.HasEnded() && !server.HasCrashed() && server.GetStatus() == 1),
-                      call, error, number, "does not stop");
-            }
-            ++m_runs;
-            m_injected += m_faults.GetFailed();
-            if (m_faults.GetFailed() == 0) {
-                return;
-            }
+    bool Start() {
+        m_faults.Fail(m_fault->call, m_error, m_number, 1);
+        Server server(m_program, m_reactor, m_home);
+        Check(!server.IsStuck(), "neither serves nor ends");
+        if (server.HasEnded()) {
+            Check(server.HasEndedWith(1), "crashed or ended with another status than 1");
+        } else if (!server.IsStuck()) {
+            // It may also end after it has said where it listens.
+            Check(server.Serves() || server.HasEndedWith(1), "does not serve");
+            // Where a part of it could not start, it is on its way to its end already.
+            Check(server.HasEnded() || server.Stop() || server.HasEndedWith(1), "does not stop");
         }
+        return WasInjected() && m_number + 1 < (m_isLong ? 1000 : 6);
     }
+
+    bool WasInjected() const { return m_faults.GetFailed(m_fault->call) != 0; }
 
     Server& GetServer() {
         if (m_server == nullptr || m_server->HasEnded()) {
@@ -309,66 +208,63 @@ private:
             m_server = std::make_unique<Server>(m_program, m_reactor, m_home);
             // It says where it listens before its last thread is there.
             static_cast<void>(m_server->Serves());
+            const Connection writer(m_server->GetPort(), milliseconds(1000));
+            static_cast<void>(writer.TrySend(m_set) && writer.Receive(5).empty());
         }
         return *m_server;
     }
 
     // Several clients, requests in pieces, replies larger than a socket's buffer.
     void Load(milliseconds patience) {
-        static const std::string s_value(1 << 20, 'v');
-        static const std::string s_set =
-            "*3\r\n$3\r\nSET\r\n$3\r\nbig\r\n$1048576\r\n" + s_value + "\r\n";
-        const Client writer(GetServer().GetPort());
-        const Client reader(GetServer().GetPort());
-        const Client other(GetServer().GetPort());
-        writer.Send(s_set.substr(0, 100000));
-        other.Send("SET a 1 PX 1\r\nINCR n\r\nKEYS *\r\nnonsense\r\n*bad\r\n");
-        reader.Send("GET big\r\nGET big\r\n");
-        static_cast<void>(other.Receive(100, patience));
-        static_cast<void>(reader.Receive(2 << 20, patience));
+        const unsigned short port = GetServer().GetPort();
+        const Connection writer(port, patience);
+        const Connection reader(port, patience);
+        const Connection other(port, patience);
+        writer.TrySend(m_set.substr(0, 100000));
+        other.TrySend("SET a 1 PX 1\r\nINCR n\r\nKEYS *\r\nnonsense\r\n*bad\r\n");
+        reader.TrySend("GET big\r\nGET big\r\n");
+        other.Receive(100);
+        reader.Receive(2 << 20);
     }
 
-    void Once(FaultPlan::ECall call, int error) {
-        const long most = m_isLong ? 20 : 6;
-        for (long number = 0; number < most; ++number) {
-            Server& server = GetServer();
-            m_faults.Fail(call, error, number, 1);
-            Load(milliseconds(20));
-            ++m_runs;
-            m_injected += m_faults.GetFailed();
-            Check(server.Serves(), call, error, number, "does not serve");
-            if (m_faults.GetFailed() == 0) {
-                return;
-            }
-        }
+    bool Once() {
+        Server& server = GetServer();
+        m_faults.Fail(m_fault->call, m_error, m_number, 1);
+        Load(milliseconds(20));
+        Check(server.Serves(), "does not serve");
+        return WasInjected() && m_number + 1 < (m_isLong ? 20 : 6);
     }
 
-    void ForATime(FaultPlan::ECall call, int error) {
+    bool ForATime() {
         const auto end = Clock::now() + milliseconds(m_isLong ? 3000 : 30);
         Server& server = GetServer();
-        m_faults.FailAll(call, error);
+        m_faults.FailAll(m_fault->call, m_error);
         do {
             Load(milliseconds(10));
         } while (Clock::now() < end && !server.HasEnded());
-        const long failed = m_faults.GetFailed();
         m_faults.Clear();
-        ++m_runs;
-        m_injected += failed;
-        Check(server.Serves(), call, error, failed, "does not serve afterwards");
+        Check(server.Serves(), "does not serve afterwards");
         if (m_isLong && m_server != nullptr) {
-            m_faults.FailAll(call, error);
-            Check(m_server->Stop(), call, error, failed, "does not stop while the calls fail");
+            m_injected += m_faults.GetFailed(m_fault->call);
+            m_faults.FailAll(m_fault->call, m_error);
+            Check(m_server->Stop(), "does not stop while the calls fail");
             m_faults.Clear();
         }
+        return false;
     }
 
     const std::string m_reactor;
     const bool m_isLong;
+    const std::string m_set =
+        "*3\r\n$3\r\nSET\r\n$3\r\nbig\r\n$1048576\r\n" + std::string(1 << 20, 'v') + "\r\n";
     const CTempFolder m_home;
     const std::string m_program = m_home.Path("bin/kv_server");
     const FaultFile m_faults;
     std::unique_ptr<Server> m_server;
     const char* m_part = "";
+    const Fault* m_fault = nullptr;
+    int m_error = 0;
+    long m_number = 0;
     long m_runs = 0;
     long m_injected = 0;
     int m_wrong = 0;
