@@ -116,13 +116,12 @@ void ExpectFailureAt(const std::string& reply, bool hangUp, const std::string& m
     std::thread server([&] {
         CNxSocketBase client;
         client.SetHandle(accept(listener.GetHandle(), nullptr, nullptr));
-        const int more = hangUp ? MSG_MORE : 0;
-        send(client.GetHandle(), reply.data(), reply.size(), MSG_NOSIGNAL | more);
+        const int fd = client.GetHandle();
+        send(fd, reply.data(), reply.size(), MSG_NOSIGNAL | (hangUp ? MSG_MORE : 0));
         if (hangUp) {
-            shutdown(client.GetHandle(), SHUT_WR);
+            shutdown(fd, SHUT_WR);
         }
-        char byte = 0;
-        while (recv(client.GetHandle(), &byte, 1, 0) > 0) {
+        for (char byte = 0; recv(fd, &byte, 1, 0) > 0;) {
         }
     });
     ExpectFailure("--port " + port, message);

@@ -234,18 +234,4 @@ TEST_F(KvCommands, AreRefusedAsAWholeWhenMemoryRunsOut) {
     EXPECT_GT(refused, 20);
 }
 
-TEST_F(KvCommands, RepliesAreBrokenOffWhereTheClientMustReadFirst) {
-    m_store.Set("k", Value(std::string(c_maxWaiting / 2, 'x')));
-    Batch batch;
-    m_reader.Take("GET k\r\nGET k\r\nGET k\r\nQUIT\r\nPING\r\n", batch);
-    m_runner.Run(batch);
-    EXPECT_TRUE(batch.HasCommands());
-    EXPECT_FALSE(batch.quit);
-    const size_t one = c_maxWaiting / 2 + 12;
-    EXPECT_EQ(2 * one, TakeText(batch.replies).size());
-    m_runner.Run(batch);
-    EXPECT_TRUE(batch.quit);
-    EXPECT_EQ(one + 5, TakeText(batch.replies).size());
-}
-
 }  // namespace

@@ -18,20 +18,19 @@ using namespace examples;
 using namespace reliable_sender;
 
 // A socket that the test reads and writes itself.
-struct BareSocket {
-    BareSocket() { EXPECT_EQ(0, m_socket.Open(CNxInetAddr("127.0.0.1", 0))); }
+struct BareSocket : CNxSocketUdp {
+    BareSocket() { EXPECT_EQ(0, Open(CNxInetAddr("127.0.0.1", 0))); }
     std::string Receive() {
         char buffer[1000];
         socklen_t length = CNxInetAddr::GetInetAddrSize();
         const ssize_t size =
-            recvfrom(m_socket.GetHandle(), buffer, sizeof(buffer), 0, m_last.GetPtr(), &length);
+            recvfrom(GetHandle(), buffer, sizeof(buffer), 0, m_last.GetPtr(), &length);
         return std::string(buffer, static_cast<size_t>(size));
     }
     void Send(const std::string& bytes, const CNxInetAddr& to) {
-        SendTo(m_socket, bytes.data(), bytes.size(), to);
+        SendTo(*this, bytes.data(), bytes.size(), to);
     }
 
-    CNxSocketUdp m_socket;
     CNxInetAddr m_last;
 };
 
@@ -45,7 +44,7 @@ TEST(ReliableSender, SendsAgainWhatWasLostUntilEverythingIsAnswered) {
     BareSocket peer;
     BareSocket stranger;
     CNxInetAddr address;
-    ASSERT_EQ(0, peer.m_socket.GetLocalAddr(address));
+    ASSERT_EQ(0, peer.GetLocalAddr(address));
     Options options;
     options.requests = c_requests;
     options.interval = 10;

@@ -2,20 +2,19 @@
 // bytes.
 #include <nx/process/base64.h>
 
-#include "FuzzFile.h"
+#include "Fuzz.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const CNxString input(reinterpret_cast<const char*>(data), size);
+void Fuzz(std::string_view input) {
+    const CNxString asText(input.data(), input.size());
     for (const ECnxBase64 kind : {ECnxBase64::STANDARD, ECnxBase64::URL}) {
         CNxString bytes = "before";
-        const CNxString text = cnx_base64_encode(data, size, kind);
-        Require(cnx_base64_decode(text, bytes, kind) == NX_OK && bytes == input);
+        const CNxString text = cnx_base64_encode(input.data(), input.size(), kind);
+        Require(cnx_base64_decode(text, bytes, kind) == NX_OK && bytes == asText);
         bytes = "before";
-        if (cnx_base64_decode(input, bytes, kind) == NX_OK) {
-            Require(cnx_base64_encode(bytes.data(), bytes.size(), kind) == input);
+        if (cnx_base64_decode(asText, bytes, kind) == NX_OK) {
+            Require(cnx_base64_encode(bytes.data(), bytes.size(), kind) == asText);
         } else {
             Require(bytes == "before");
         }
     }
-    return 0;
 }

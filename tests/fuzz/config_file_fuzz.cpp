@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "FuzzFile.h"
+#include "Fuzz.h"
 
 namespace {
 
@@ -28,13 +28,13 @@ void CheckRoundTrip(CConfigFile& config, const CNxString& section, const CNxStri
 }  // namespace
 
 // The input's first line, split at two bytes of value 1, is section, key and value.
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const CNxString all(reinterpret_cast<const char*>(data), size);
+void Fuzz(std::string_view input) {
+    const CNxString all(input.data(), input.size());
     const size_t line = std::min(all.find('\n'), all.length());
-    const CFuzzFile file({all.data() + std::min(line + 1, size), size - std::min(line + 1, size)});
+    const CFuzzFile file(input.substr(std::min(line + 1, input.size())));
     CConfigFile config;
     if (config.Open(file.Path().c_str()) != 0) {
-        return 0;
+        return;
     }
     const size_t first = std::min(all.find('\1'), line);
     const size_t second = std::min(all.find('\1', first + 1), line);
@@ -45,5 +45,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static_cast<void>(config.GetBoolParam(section, key, true));
     static_cast<void>(config.GetStringParam(section, key, ""));
     CheckRoundTrip(config, section, key, value);
-    return 0;
 }

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <vector>
 
-#include "FuzzFile.h"
+#include "Fuzz.h"
 
 namespace {
 
@@ -28,8 +28,8 @@ void ReadEverySize(const char* path, const char* section, const char* key) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const CFuzzFile file({reinterpret_cast<const char*>(data), size});
+void Fuzz(std::string_view input) {
+    const CFuzzFile file(input);
     std::snprintf(g_strConfigfile1, sizeof(g_strConfigfile1), "%s", file.Path().c_str());
     CNxConfigInitFile config;
     for (const char* const section : {"Trace", ""}) {
@@ -42,5 +42,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             static_cast<void>(config.GetStringParam(section, key, "${HOME}"));
         }
     }
-    return 0;
 }

@@ -1,37 +1,18 @@
 // kv_server's requests: however the input is cut, the same commands are read and the same replies
 // written, each a well-formed one; nothing that they do to the store breaks it.
 #include <kv_server/CommandRunner.h>
-#include <sys/socket.h>
+#include <tests/examples/TakeText.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <string>
 
-#include "FuzzFile.h"
+#include "Fuzz.h"
 
 namespace {
 
 using namespace kv_server;
 
 constexpr int c_maxRuns = 1000000;
-
-// The bytes of the chain, which is empty afterwards.
-std::string Take(examples::BlockChain& chain) {
-    int ends[2];
-    Require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends) == 0);
-    std::string text;
-    char buffer[65536];
-    while (!chain.IsEmpty()) {
-        Require(chain.SendTo(ends[0]) > 0 || errno == EAGAIN);
-        for (ssize_t got = 1; got > 0;) {
-            got = read(ends[1], buffer, sizeof(buffer));
-            text.append(buffer, static_cast<size_t>(std::max<ssize_t>(got, 0)));
-        }
-    }
-    close(ends[0]);
-    close(ends[1]);
-    return text;
-}
 
 // Where the reply that begins at `at` ends.
 size_t SkipReply(const std::string& text, size_t at) {
@@ -71,7 +52,7 @@ std::string Answer(std::string_view input, size_t pieceSize) {
         for (int i = 0; batch.HasWork() && !batch.quit; ++i) {
             Require(i < c_maxRuns);
             runner.Run(batch);
-            all += Take(batch.replies);
+            all += TakeText(batch.replies);
         }
         store.RemoveExpired(1);
     }
@@ -82,16 +63,16 @@ std::string Answer(std::string_view input, size_t pieceSize) {
 }  // namespace
 
 // The first byte says in what pieces the rest is cut.
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size == 0) {
-        return 0;
+void Fuzz(std::string_view input) {
+    if (input.empty()) {
+        return;
     }
-    const std::string_view input(reinterpret_cast<const char*>(data) + 1, size - 1);
-    const std::string whole = Answer(input, size);
+    const std::string_view requests = input.substr(1);
+    const std::string whole = Answer(requests, input.size());
     for (size_t at = 0; at < whole.size();) {
         at = SkipReply(whole, at);
     }
     // INFO tells the time.
-    Require(whole == Answer(input, data[0] % 64 + 1U) || whole.find("uptime") != std::string::npos);
-    return 0;
+    const auto pieceSize = static_cast<size_t>(input[0] & 63) + 1;
+    Require(whole == Answer(requests, pieceSize) || whole.find("uptime") != std::string::npos);
 }

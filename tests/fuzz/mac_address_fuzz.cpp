@@ -1,14 +1,14 @@
 // MAC addresses: what is read is written back in the format it came in, and read again, the same.
 #include <nx/net/CNxMacAddress.h>
 
-#include "FuzzFile.h"
+#include "Fuzz.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    CNxString text(reinterpret_cast<const char*>(data), size);
+void Fuzz(std::string_view input) {
+    CNxString text(input.data(), input.size());
     CNxMacAddress address;
     if (address.Set(text) != NX_OK) {
         Require(address.IsZero());
-        return 0;
+        return;
     }
     text.Tolower();
     bool isOneOfThem = false;
@@ -20,5 +20,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         isOneOfThem = isOneOfThem || written == text;
     }
     Require(isOneOfThem);
-    return 0;
 }

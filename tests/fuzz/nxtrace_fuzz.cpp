@@ -4,7 +4,7 @@
 #include <ctime>
 
 #include "CTraceFile.h"
-#include "FuzzFile.h"
+#include "Fuzz.h"
 #include "trace_filter.h"
 #include "trace_print.h"
 
@@ -44,18 +44,16 @@ extern "C" int nanosleep(const timespec* /*time*/, timespec* /*left*/) {
 }
 
 // States of one file, one after the other; bytes of value 1 part them.
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string_view all(reinterpret_cast<const char*>(data), size);
+void Fuzz(std::string_view input) {
     CFuzzFile place("");
     CTraceFile file(place.Path());
-    for (size_t at = 0, end = 0; at < size; at = end + 1) {
-        end = std::min(all.find('\1', at), size);
-        place.Put(all.substr(at, end - at));
+    for (size_t at = 0, end = 0; at < input.size(); at = end + 1) {
+        end = std::min(input.find('\1', at), input.size());
+        place.Put(input.substr(at, end - at));
         CTraceBatch batch;
         if (file.ReadNew(batch) == CTraceFile::READ) {
             CheckRecords(batch);
             Show(batch);
         }
     }
-    return 0;
 }

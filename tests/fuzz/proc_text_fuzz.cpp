@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "FuzzFile.h"
+#include "Fuzz.h"
 
 namespace {
 
@@ -35,9 +35,7 @@ void CheckCommandLine(std::string_view text) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string_view text(reinterpret_cast<const char*>(data), size);
-    CheckStat(text);
-    CheckCommandLine(text);
-    return 0;
+void Fuzz(std::string_view input) {
+    CheckStat(input);
+    CheckCommandLine(input);
 }

@@ -1,7 +1,7 @@
 // Resolving environment references: always NX_OK, and a text without one comes back as it is.
 #include <nx/foundation/CNxUtils.h>
 
-#include "FuzzFile.h"
+#include "Fuzz.h"
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     setenv("A", "${B}", 1);
@@ -10,12 +10,11 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     return 0;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const CNxString in(reinterpret_cast<const char*>(data), size);
+void Fuzz(std::string_view input) {
+    const CNxString in(input.data(), input.size());
     CNxString out;
     CNxString same = in;
     const bool isOk = ResolveStringEnv(in, out) == NX_OK && ResolveStringEnv(same, same) == NX_OK;
     const bool hasReference = in.find('$') != CNxString::npos;
     Require(isOk && out == same && (hasReference || out == in));
-    return 0;
 }

@@ -62,7 +62,16 @@ protected:
         return "x_" + kind + date + std::to_string(number) + "." + m_pid + ".log";
     }
 
-    Texts FirstInfoTexts() { return AllLogs()[Name("info")]; }
+    // Of all info files in the order of their numbers.
+    Texts InfoTexts() {
+        Logs logs = AllLogs();
+        Texts all;
+        for (int n = 0; logs.count(Name("info", n)) != 0; ++n) {
+            const Texts& texts = logs[Name("info", n)];
+            all.insert(all.end(), texts.begin(), texts.end());
+        }
+        return all;
+    }
 
     const CTempFolder m_folder;
     const std::string m_program = m_folder.Path("bin/x");
@@ -89,22 +98,8 @@ TEST_F(CNxT120TraceTest, FlushesInBatchesFromTheFirstRefreshOn) {
         Configure("FlushPerLines=" + lines + "\n");
         // 10 lines by level, 5 more; the program ends without a flush.
         Run("levels 5");
-        EXPECT_EQ(FirstInfoTexts().size(), expected) << lines;
+        EXPECT_EQ(InfoTexts().size(), expected) << lines;
     }
-}
-
-TEST_F(CNxT120TraceTest, AFullFileIsFollowedByTheNextNumber) {
-    Configure("x=1025\n");
-    Run("lines 100");
-    Logs logs = AllLogs();
-    EXPECT_GT(logs.size(), 4u);
-    size_t next = 0;
-    for (int n = 0; n < static_cast<int>(logs.size()); ++n) {
-        for (const std::string& text : logs[Name("info", n)]) {
-            EXPECT_EQ(text, "Info:line " + std::to_string(next++));
-        }
-    }
-    EXPECT_EQ(next, 100u);
 }
 
 TEST_F(CNxT120TraceTest, ARefreshOpensWhatCouldNotBeOpenedBefore) {
@@ -119,12 +114,7 @@ TEST_F(CNxT120TraceTest, ARefreshOpensWhatCouldNotBeOpenedBefore) {
 TEST_F(CNxT120TraceTest, GoesOnWithTheOldSettingsAndTellsWhatWasLost) {
     Configure("x=1025\n");
     Run("starve");
-    Texts all;
-    Logs logs = AllLogs();
-    for (int n = 0; n < static_cast<int>(logs.size()); ++n) {
-        const Texts& texts = logs[Name("info", n)];
-        all.insert(all.end(), texts.begin(), texts.end());
-    }
+    const Texts all = InfoTexts();
     const auto count = [&](const std::string& start) {
         return std::count_if(all.begin(), all.end(), [&](const std::string& text) {
             return text.compare(0, start.size(), start) == 0;
@@ -164,30 +154,26 @@ TEST_F(CNxT120TraceTest, PassesOverWhatIsPlantedAndMakesItsFilesAsTheSettingsSay
 TEST_F(CNxT120TraceTest, KeepsAsManyFilesAndDaysAsTheSettingsSay) {
     Configure("x=1025\nx.Error=TRUE\nKeepFiles=3\nKeepDays=2\n");
     fs::create_directory(m_folder.Path("logs"));
-    const auto put = [this](const std::string& name, int daysOld) {
+    const std::string open = "x_info_01012026_0.2.log";
+    const CNxT120TraceFile otherProcess(m_folder.Path("logs/" + open).c_str(), 0, 0, 1);
+    const std::map<std::string, int> daysOld = {
+        {"x_error_01012026_0.1.log", 1},     {"x_error_01012026_1.1.log", 2},
+        {"x_info_01012026_0.1.log.gz", 9},   {"x_info_01012026_0.1.log", 0},
+        {"x_info_info_01012026_0.1.log", 9}, {open, 9},
+        {"x_2_info_01012026_0.1.log", 9},    {"x_info_01012026_x.1.log", 9}};
+    for (const auto& [name, days] : daysOld) {
         const std::string path = m_folder.Put("logs/" + name, HeaderOf(HEADER_SIZE));
-        fs::last_write_time(
-            path, fs::file_time_type::clock::now() - std::chrono::hours(24 * daysOld + 1));
-        return path;
-    };
-    put("x_error_01012026_0.1.log", 1);
-    put("x_error_01012026_1.1.log", 2);
-    const Texts others = {"x_info_01012026_0.1.log.gz", "x_info_info_01012026_0.1.log",
-                          "x_2_info_01012026_0.1.log", "x_info_01012026_x.1.log"};
-    for (const std::string& other : others) {
-        put(other, 9);
+        const auto age = std::chrono::hours(24 * days + 1);
+        fs::last_write_time(path, fs::file_time_type::clock::now() - age);
     }
-    put("x_info_01012026_0.1.log", 0);
-    const CNxT120TraceFile open(put("x_info_01012026_0.2.log", 9).c_str(), 0, 0, 1);
-    fs::last_write_time(m_folder.Path("logs/x_info_01012026_0.2.log"),
-                        fs::file_time_type::clock::now() - std::chrono::hours(240));
     Run("lines 100");
     Logs logs = AllLogs();
-    const auto takeAway = [&](const std::string& name) { return logs.erase(name) == 1; };
-    EXPECT_TRUE(std::all_of(others.begin(), others.end(), takeAway));
-    EXPECT_TRUE(takeAway("x_error_01012026_0.1.log"));
-    EXPECT_TRUE(takeAway(Name("error")));
-    EXPECT_TRUE(takeAway("x_info_01012026_0.2.log")) << "another process's current file";
+    for (const auto& [name, days] : daysOld) {
+        const bool isRemoved =
+            name == "x_error_01012026_1.1.log" || name == "x_info_01012026_0.1.log";
+        EXPECT_EQ(logs.erase(name), isRemoved ? 0U : 1U) << name;
+    }
+    EXPECT_EQ(logs.erase(Name("error")), 1U);
     ASSERT_EQ(logs.size(), 3U);
     Texts last;
     for (const auto& log : logs) {
@@ -198,84 +184,56 @@ TEST_F(CNxT120TraceTest, KeepsAsManyFilesAndDaysAsTheSettingsSay) {
 
 TEST_F(CNxT120TraceTest, RefreshingWhileThreadsTraceLosesAndTearsNothing) {
     Configure("x=2000000000\nFlushPerLines=7\n");
-    Run(getenv("NX_TRACE_FULL") != nullptr ? "refresh 4 1000" : "refresh 4 30");
+    const long lines = getenv("NX_TRACE_FULL") != nullptr ? 200000 : 5000;
+    Run("refresh 4 " + std::to_string(lines));
     std::map<std::string, long> next;
-    int ended = 0;
-    const Texts texts = FirstInfoTexts();
-    for (const std::string& text : texts) {
+    for (const std::string& text : InfoTexts()) {
         const std::string thread = text.substr(0, text.find(' '));
-        if (text == thread + " end") {
-            ++ended;
-        } else {
-            ASSERT_EQ(text, thread + " " + std::to_string(next[thread]++));
-        }
+        ASSERT_EQ(text, thread + " " + std::to_string(next[thread]++));
     }
-    EXPECT_EQ(ended, 4);
-    std::printf("%zu lines, none lost\n", texts.size());
+    EXPECT_EQ(next,
+              (std::map<std::string, long>{
+                  {"Info:0", lines}, {"Info:1", lines}, {"Info:2", lines}, {"Info:3", lines}}));
 }
 
-TEST_F(CNxT120TraceTest, AReaderOfStdoutThatHasGoneOrStallsHoldsNobodyUp) {
+TEST_F(CNxT120TraceTest, AReaderOfStdoutThatStallsHoldsNobodyUp) {
     Configure("stdout=TRUE\n");
-    // The status of the program, not of the reader; a stalled one reads nothing until the end.
+    // The status of the program, not of the reader, which reads nothing until the end.
     const std::string status = m_folder.Path("status");
-    for (const std::string& reader :
-         {std::string("true"), "while [ ! -s " + status + " ]; do sleep 0.05; done"}) {
-        std::remove(status.c_str());
-        OutputOf("(sleep 0.2; timeout 20 " + m_program + " quiet 3000; echo $? > " + status +
-                 ") | (" + reader + ")");
-        EXPECT_EQ(m_folder.Get("status"), "0\n") << reader;
-    }
+    OutputOf("(timeout 20 " + m_program + " quiet 3000; echo $? > " + status +
+             ") | (while [ ! -s " + status + " ]; do sleep 0.05; done)");
+    EXPECT_EQ(m_folder.Get("status"), "0\n");
 }
 
 TEST_F(CNxT120TraceTest, PrintsIntoNoneOfItsOwnDescriptorsWhenStdoutIsClosed) {
     Configure("stdout=TRUE\n");
     OutputOf("bash -c '" + m_program + " quiet 3 >&-'");
-    for (const auto& [name, texts] : AllLogs()) {
-        EXPECT_EQ(texts, (Texts{"Info:line 0", "Info:line 1", "Info:line 2"})) << name;
-    }
+    EXPECT_EQ(AllLogs().begin()->second, (Texts{"Info:line 0", "Info:line 1", "Info:line 2"}));
 }
 
-class CNxT120TraceClockTest : public CNxT120TraceTest {
-protected:
-    void SetUp() override {
-        if (!fs::exists(c_faketime)) {
-            GTEST_SKIP() << "Debian's faketime is not installed";
-        }
+TEST_F(CNxT120TraceTest, AnotherDayOpensFilesWithNumber0AndALeapOfTheClockLosesNothing) {
+    if (!fs::exists(c_faketime)) {
+        GTEST_SKIP() << "Debian's faketime is not installed";
+    }
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-        GTEST_SKIP() << "faketime does not go with sanitizers";
+    GTEST_SKIP() << "faketime does not go with sanitizers";
 #endif
-        Configure("x.Warning=TRUE\n");
-    }
-    const std::string m_fake = std::string("LD_PRELOAD=") + c_faketime + " FAKETIME_NO_CACHE=1 ";
-};
-
-TEST_F(CNxT120TraceClockTest, MidnightOpensFilesWithNumber0) {
-    const std::string output = Run("midnight", m_fake + "FAKETIME='@2026-03-31 23:59:59 x5'");
-    Logs logs = AllLogs();
-    ASSERT_EQ(logs.size(), 4u);
-    const std::string end = "_0." + m_pid + ".log";
-    EXPECT_TRUE(logs["x_warning_03312026" + end].empty());
-    EXPECT_EQ(logs["x_warning_04012026" + end].size(), 1u);
-    Texts all = logs["x_info_03312026" + end];
-    const Texts& second = logs["x_info_04012026" + end];
-    EXPECT_FALSE(all.empty() || second.empty());
-    all.insert(all.end(), second.begin(), second.end());
-    EXPECT_NE(output.find("lines=" + std::to_string(all.size()) + "\n"), std::string::npos);
-    for (size_t i = 0; i + 1 < all.size(); ++i) {
-        EXPECT_EQ(all[i], "Info:line " + std::to_string(i));
-    }
+    Configure("x.Warning=TRUE\n");
+    Run("leap",
+        std::string("FAKETIME_NO_CACHE=1 FAKETIME='2026-05-01 12:00:00' LD_PRELOAD=") + c_faketime);
+    // The line that meets the new day still goes where the others went.
+    const std::string end = "." + m_pid + ".log";
+    EXPECT_EQ(
+        AllLogs(),
+        (Logs{{"x_info_05012026_0" + end, {"Info:01 0", "Info:01 1", "Warning:01", "Info:02 0"}},
+              {"x_info_05022026_0" + end, {"Info:02 1", "Warning:02", "Info:01 0"}},
+              {"x_info_05012026_1" + end, {"Info:01 1", "Warning:01"}},
+              {"x_warning_05012026_0" + end, {"Warning:01"}},
+              {"x_warning_05022026_0" + end, {"Warning:02"}},
+              {"x_warning_05012026_1" + end, {"Warning:01"}}}));
 }
 
-TEST_F(CNxT120TraceClockTest, ALeapOfTheClockLosesNothing) {
-    Run("leap", m_fake + "FAKETIME=+0");
-    size_t count = 0;
-    for (const auto& log : AllLogs()) {
-        count += log.second.size();
-    }
-    EXPECT_EQ(count, 600u);
-}
-
-// A record of trace_program's shared command: what it says of its length holds.
+// A record that says rightly how long it is.
 bool IsWholeText(const std::string& text) {
     size_t length = 0;
     int at = 0;
@@ -298,46 +256,43 @@ size_t CheckShared(const std::string& bytes) {
     return newer.size() + older;
 }
 
-TEST_F(CNxT120TraceTest, KilledWritersLeaveASharedFileUsable) {
-    const int rounds = getenv("NX_TRACE_FULL") != nullptr ? 100 : 10;
-    const std::string path = m_folder.Path("shared.log");
-    const auto start = [&] {
-        const pid_t pid = fork();
-        if (pid == 0) {
-            execl(m_program.c_str(), "x", "shared", path.c_str(), "65536", "4", nullptr);
-            _exit(127);
-        }
-        return pid;
-    };
-    const auto kill9 = [](pid_t pid) {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-    };
-    pid_t writers[] = {start(), start()};
-    // Once full it keeps its size.
-    while (!std::filesystem::exists(path) || std::filesystem::file_size(path) < 65536) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+// Four threads of it write until it is killed.
+pid_t StartSharedWriter(const std::string& path) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        void* const file = g_trace_mgr.attach(path.c_str(), 65536);
+        const auto work = [file] {
+            for (size_t n = 0;; n = (n + 37) % 300) {
+                const std::string text = std::to_string(n) + " " + std::string(n, 'x');
+                g_trace_mgr.write(file, "Log", "Info", text.c_str());
+            }
+        };
+        std::thread(work).detach();
+        std::thread(work).detach();
+        std::thread(work).detach();
+        work();
     }
+    return pid;
+}
+
+TEST(CNxT120TraceFileMgrTest, KilledWritersLeaveASharedFileUsable) {
+    const int rounds = getenv("NX_TRACE_FULL") != nullptr ? 100 : 10;
+    const CTempFolder folder;
+    const std::string path = folder.Put("shared.log", "");
     size_t fewest = ~size_t{0};
     for (int i = 0; i < rounds; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        kill9(writers[i % 2]);
+        const pid_t writers[] = {StartSharedWriter(path), StartSharedWriter(path)};
+        // Once full it keeps its size.
+        do {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        } while (fs::file_size(path) < 65536);
+        KillAndWait(writers[0]);
         CNxT120TraceFileMgr files;
         files.write(files.attach(path.c_str(), 65536), nullptr, nullptr, "end");
-        struct flock lock {};
-        lock.l_type = F_RDLCK;
-        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        ASSERT_EQ(fcntl(fd, F_SETLKW, &lock), 0);
-        const std::string bytes = ReadWhole(path);
-        close(fd);
-        fewest = std::min(fewest, CheckShared(bytes));
-        writers[i % 2] = start();
-    }
-    for (const pid_t writer : writers) {
-        kill9(writer);
+        KillAndWait(writers[1]);
+        fewest = std::min(fewest, CheckShared(ReadWhole(path)));
     }
     EXPECT_GT(fewest, 100u);
-    std::printf("%d kills, at least %zu records each time\n", rounds, fewest);
 }
 
 }  // namespace

@@ -2,9 +2,11 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <cctype>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -70,4 +72,9 @@ inline Texts TextsOf(const std::string& bytes) {
 inline Texts TextsIn(const std::string& path) {
     SCOPED_TRACE(path);
     return TextsOf(ReadWhole(path));
+}
+
+inline void KillAndWait(pid_t pid) {
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
 }

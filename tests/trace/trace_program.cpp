@@ -42,42 +42,23 @@ void Levels(long count) {
     _exit(0);
 }
 
-// Threads trace as fast as they can while the configuration is read `refreshes` times.
-void Refresh(long threads, long refreshes) {
+// Threads trace as fast as they can, and the configuration is read all the time.
+void Refresh(long threads, long lines) {
     CNxT120Trace::instance();
-    std::atomic<bool> isRefreshing{true};
+    std::atomic<long> tracing{threads};
     std::vector<std::thread> tracers;
     for (long t = 0; t < threads; ++t) {
-        tracers.emplace_back([who = std::to_string(t) + " ", &isRefreshing] {
-            for (long n = 0; isRefreshing || n < 100; ++n) {
-                TraceLine(c_info, who + std::to_string(n));
-            }
-            TraceLine(c_info, who + "end");
+        tracers.emplace_back([who = std::to_string(t), lines, &tracing] {
+            TraceLines(who, lines);
+            --tracing;
         });
     }
-    for (long i = 0; i < refreshes; ++i) {
+    while (tracing > 0) {
         refresh_trace_config();
     }
-    isRefreshing = false;
     for (std::thread& tracer : tracers) {
         tracer.join();
     }
-}
-
-// Writes to one shared file until killed; a record says how long it is.
-[[noreturn]] void Shared(const char* path, long maxSize, long threads) {
-    void* const file = T120_Attach_Trace_Dev(path, static_cast<unsigned long>(maxSize));
-    const auto work = [file] {
-        for (size_t n = 0;; n = (n + 37) % 300) {
-            const std::string text = std::to_string(n) + " " + std::string(n, 'x');
-            T120_Write_Trace_Dev(file, "Log", "Info", text.c_str());
-        }
-    };
-    for (long t = 1; t < threads; ++t) {
-        std::thread(work).detach();
-    }
-    work();
-    std::abort();
 }
 
 // Takes away what is in the place of the log folder.
@@ -107,23 +88,13 @@ void Starve() {
     TraceLines("after", 50);
 }
 
-// Needs libfaketime: the clock leaps a day on, back, and two days on.
+// Needs libfaketime: the clock leaps a day on and back.
 void Leap() {
-    for (const char* offset : {"+0", "+1d", "+0", "-1h", "+2d", "+0"}) {
-        setenv("FAKETIME", offset, 1);
-        TraceLines(std::string("at ") + offset, 100);
+    for (const char* day : {"01", "02", "01"}) {
+        setenv("FAKETIME", (std::string("2026-05-") + day + " 12:00:00").c_str(), 1);
+        TraceLines(day, 2);
+        TraceLine(11, day);
     }
-}
-
-// Needs faketime, and to start in the second before midnight.
-void Midnight() {
-    long count = 0;
-    for (const time_t start = time(nullptr); time(nullptr) == start; ++count) {
-        TraceLine(c_info, "line " + std::to_string(count));
-    }
-    TraceLine(c_info, "line " + std::to_string(count++));
-    TraceLine(11, "line " + std::to_string(count++));
-    std::printf("lines=%ld\n", count);
 }
 
 }  // namespace
@@ -131,9 +102,6 @@ void Midnight() {
 int main(int argc, char** argv) {
     const std::string command = argc > 1 ? argv[1] : "";
     const auto number = [&](int i) { return argc > i ? std::atol(argv[i]) : 0; };
-    if (command == "shared" && argc > 4) {
-        Shared(argv[2], number(3), number(4));
-    }
     // As a server starts.
     if (CNxThreadManager::Instance()->InitMainThread(argc, argv) != NX_OK) {
         return 1;
@@ -148,7 +116,6 @@ int main(int argc, char** argv) {
         {"refresh", [&] { Refresh(number(2), number(3)); }},
         {"leap", Leap},
         {"repair", Repair},
-        {"starve", Starve},
-        {"midnight", Midnight}};
+        {"starve", Starve}};
     commands.at(command)();
 }

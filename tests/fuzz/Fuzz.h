@@ -1,4 +1,4 @@
-// The fuzzer's input as a file, for readers that only take files.
+// What the fuzzing programs share.
 #pragma once
 
 #include <sys/mman.h>
@@ -9,12 +9,16 @@
 #include <string>
 #include <string_view>
 
+// One input. Each program defines it; what goes wrong ends in an abort.
+void Fuzz(std::string_view input);
+
 inline void Require(bool condition) {
     if (!condition) {
         std::abort();
     }
 }
 
+// Bytes as a file, for readers that only take files.
 class CFuzzFile {
 public:
     explicit CFuzzFile(std::string_view content) : m_fd(memfd_create("fuzz", MFD_CLOEXEC)) {
