@@ -1,0 +1,173 @@
+// A stream connection (TCP, unix, TLS over either) on a reactor: what is sent waits for room by
+// itself, what comes is cut into frames, and the end comes exactly once and says why.
+//
+//     class Echo : public INxConnectionSink {
+//         void OnReceive(CNxConnection& connection, CNxMessageChain& received) override {
+//             connection.Send(std::move(received));
+//         }
+//     };
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include <nx/buffer/CNxMessageChain.h>
+#include <nx/foundation/CNxAutoPtr.h>
+#include <nx/foundation/CNxMutexThread.h>
+#include <nx/foundation/CNxReferenceControl.h>
+#include <nx/foundation/NxResult.h>
+#include <nx/net/CNxEndpoint.h>
+#include <nx/net/CNxSocket.h>
+#include <nx/stream/CNxConnectionOptions.h>
+#include <nx/stream/CNxReleasedWithSocket.h>
+#include <nx/stream/INxConnectionSink.h>
+
+class INxReactor;
+struct CNxTlsInfo;
+
+// A socket that is connected, and what has to live as long as it, such as its count among the
+// connections that an acceptor may have.
+struct CNxConnectedSocket {
+    CNxSocketBase socket;
+    std::unique_ptr<CNxReleasedWithSocket> attached;
+};
+
+// Belongs to one reactor, whose thread calls the sink. Counted: it holds a reference to itself
+// until it has ended, so whoever only sends and receives need not keep it. Whoever does keep one,
+// on any thread, holds a CNxAutoPtr; after the end it answers queries and refuses the rest.
+//
+// Any thread may call Send, SendShared, SendFile, CloseWhenSent, CloseNow, GetState, GetUnsent and
+// the queries that never change (addresses, reactor); everything else belongs to the reactor's
+// thread. What one thread sends arrives in its order.
+//
+// One state:
+//
+//     HANDSHAKING --> OPEN --> ENDING --> LINGERING --> CLOSED     and from each to CLOSED
+//
+// ENDING: nothing is read any more, what waits is sent. LINGERING: our side has ended, the peer's
+// is waited for.
+//
+// The reactor must outlive its connections. When the loop ends first, CloseAll on its thread, or
+// on whichever is left when that was joined, ends them; CNxReactorGroup does that by itself.
+class CNxConnection : public CNxReferenceControlT<CNxMutexThread> {
+public:
+    enum class EState { HANDSHAKING, OPEN, ENDING, LINGERING, CLOSED };
+    using Options = std::shared_ptr<const CNxConnectionOptions>;
+
+    // Makes a connection of a connected socket on the reactor's thread. Takes the socket over also
+    // when it fails. The sink is not owned and must be there until OnClosed, or until it is taken
+    // off by Abandon; the second form owns it and destroys it after OnClosed. Calls nothing before
+    // it returns: OnOpen comes from the loop.
+    // NX_OK with the connection in `out`. NX_ERROR_INVALID_ARG without a socket or options;
+    // NX_ERROR_FAILURE without memory, when the reactor cannot watch the socket, or when TLS cannot
+    // be begun; NX_ERROR_NOT_INITIALIZED when the reactor is not open.
+    [[nodiscard]] static NxResult Create(CNxAutoPtr<CNxConnection>& out, INxReactor& reactor,
+                                         CNxConnectedSocket socket, INxConnectionSink& sink,
+                                         const Options& options);
+    [[nodiscard]] static NxResult Create(CNxAutoPtr<CNxConnection>& out, INxReactor& reactor,
+                                         CNxConnectedSocket socket,
+                                         std::unique_ptr<INxConnectionSink> sink,
+                                         const Options& options);
+
+    // Leaves the bytes with the connection, to be sent after what was sent before. Everything that
+    // is sent within one turn of the loop goes out in one system call, as far as it takes it.
+    // NX_OK: it is sent unless the connection ends before. NX_ERROR_NOT_INITIALIZED when the
+    // connection is ENDING or further; NX_ERROR_NOT_AVAILABLE when more than maxUnsent would wait:
+    // the connection is then dropped, from the loop. NX_ERROR_FAILURE without memory, with nothing
+    // sent. A chain is taken over in all cases.
+    NxResult Send(CNxMessageChain&& chain);
+    NxResult Send(std::string_view bytes);
+
+    // Sends what the chain holds without copying or changing it: one payload to many connections,
+    // in any number and on any threads.
+    NxResult SendShared(const CNxMessageChain& chain);
+
+    // Sends a frame as the framing of the options puts it on the wire. As Send;
+    // NX_ERROR_INVALID_ARG for one that is too long. On the reactor's thread.
+    NxResult SendFrame(CNxMessageChain&& payload);
+    NxResult SendFrame(std::string_view payload);
+
+    // Sends `size` bytes of a file from `offset` on, by sendfile(2) where there is no TLS. The
+    // descriptor is taken over in all cases. A file that has become shorter ends the connection as
+    // FAILED with ENODATA. NX_OK, NX_ERROR_INVALID_ARG without a descriptor, else as Send.
+    NxResult SendFile(CNxSocketBase file, std::uint64_t offset, std::uint64_t size);
+
+    // Nothing is read, so that the peer feels it in its own sends, until reading goes on. What is
+    // there already is not offered meanwhile; ResumeReading has it offered again, from the loop.
+    void PauseReading();
+    void ResumeReading();
+
+    // From the next frame on, within OnReceive too.
+    void SetFraming(const CNxFraming& framing);
+
+    // No more is read; ends when all is sent and the peer has ended its side too.
+    void CloseWhenSent();
+
+    // Ends without sending what waits; OnClosed comes from the loop, or at once when this is called
+    // on the reactor's thread outside of a call of the sink, from which it comes when that returns.
+    void CloseNow();
+
+    // Half close: ends our sending after what waits; goes on reading until the peer ends.
+    void EndSending();
+
+    // CloseNow without a call: the sink is not called any more from here on, and need not be there.
+    // Within a call of the sink too. A sink that the connection owns is destroyed.
+    void Abandon();
+
+    EState GetState() const { return m_state.load(std::memory_order_acquire); }
+
+    // Bytes that wait to be sent, as the water marks count them.
+    size_t GetUnsent() const { return m_unsent.load(std::memory_order_relaxed); }
+
+    INxReactor& GetReactor() const { return m_reactor; }
+    CNxEndpoint GetLocalEndpoint() const;
+    const CNxEndpoint& GetPeerEndpoint() const { return m_peer; }
+
+    // On the wire; with TLS that is ciphertext.
+    std::uint64_t GetBytesReceived() const { return m_bytesReceived; }
+    std::uint64_t GetBytesSent() const { return m_bytesSent; }
+
+    // Since it was made, by the monotonic clock.
+    CNxTimeValue GetAge() const;
+
+    // What TLS has agreed on; null without TLS and before OnOpen.
+    const CNxTlsInfo* GetTlsInfo() const;
+
+    // A pointer that the connection keeps for its user.
+    void* GetCookie() const { return m_cookie; }
+    void SetCookie(void* cookie) { m_cookie = cookie; }
+
+    // Of all connections of a reactor, on its thread: how many there are; OnStop for each; CloseNow
+    // for each as LOOP_ENDED, the calls of OnClosed coming before it returns. GetCount on any
+    // thread.
+    static size_t GetCount(INxReactor& reactor);
+    static void StopAll(INxReactor& reactor);
+    static void CloseAll(INxReactor& reactor);
+
+private:
+};
+
+// Holds a connection whose sink is its holder, or is destroyed with it: letting go of it abandons
+// the connection, so that nothing is called any more. Belongs to the reactor's thread, within calls
+// of the sink too, or to any when that thread was joined.
+class CNxConnectionHolder {
+public:
+    CNxConnectionHolder() = default;
+    explicit CNxConnectionHolder(CNxAutoPtr<CNxConnection> connection)
+        : m_connection(std::move(connection)) {}
+    ~CNxConnectionHolder() { Reset(); }
+    CNxConnectionHolder(const CNxConnectionHolder&) = delete;
+    CNxConnectionHolder& operator=(const CNxConnectionHolder&) = delete;
+
+    void Reset(CNxAutoPtr<CNxConnection> connection = {});
+
+    CNxConnection* Get() const { return m_connection.Get(); }
+    CNxConnection* operator->() const { return m_connection.Get(); }
+    explicit operator bool() const { return static_cast<bool>(m_connection); }
+
+private:
+    CNxAutoPtr<CNxConnection> m_connection;
+};
