@@ -67,7 +67,12 @@
 #include <nx/reactor/realtime/CNxReactorRealTimeSignal.h>
 #include <nx/resolve/CNxDnsManager.h>
 #include <nx/resolve/CNxDnsRecord.h>
+#include <nx/stream/CNxConnectedSocket.h>
+#include <nx/stream/CNxConnection.h>
+#include <nx/stream/CNxConnectionOptions.h>
 #include <nx/stream/CNxFraming.h>
+#include <nx/stream/CNxReleasedWithSocket.h>
+#include <nx/stream/INxConnectionSink.h>
 #include <nx/thread/CNxReactorThreadProxy.h>
 #include <nx/thread/CNxSignalStop.h>
 #include <nx/thread/CNxSimpleMessageQueue.h>

@@ -1,8 +1,10 @@
 // Inside the library only: the connection.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <string>
 
@@ -24,12 +26,12 @@ class CConnectionImp final : public CNxConnection,
                              private INxEventHandler,
                              private INxTimerHandler {
 public:
-    CConnectionImp(CStreamLoop& loop, CNxConnectedSocket socket, INxConnectionSink& sink,
-                   std::unique_ptr<INxConnectionSink> ownedSink, Options options);
+    // As CNxConnection::Create.
+    [[nodiscard]] static NxResult Make(CNxAutoPtr<CNxConnection>& out, INxReactor& reactor,
+                                       CNxConnectedSocket socket, INxConnectionSink& sink,
+                                       std::unique_ptr<INxConnectionSink> ownedSink,
+                                       const Options& options);
     ~CConnectionImp() override;
-
-    // Results as CNxConnection::Create.
-    [[nodiscard]] NxResult Open();
 
     NxResult Send(CNxMessageChain&& chain) override;
     NxResult Send(std::string_view bytes) override;
@@ -57,13 +59,15 @@ public:
     void SetCookie(void* cookie) override { m_cookie = cookie; }
 
 private:
-    // Of our side, beside the state: what may still be sent.
+    // Of our side, beside the state.
     enum class ESending {
         OPEN,
-        ENDING,   // no more is taken; what waits is sent
-        SEALED,   // the same, and the filter has said its last word
-        ENDED,    // the socket's side is shut down
+        ENDING,  // no more is taken; what waits is sent
+        SEALED,  // and the filter has said its last word
+        ENDED,   // the socket's side is shut down
     };
+
+    enum class EStop { NOT_ASKED, DUE, TOLD };  // due: when it is open
 
     // What stands between, and what has still to pass it.
     struct CFiltered {
@@ -71,6 +75,19 @@ private:
         CStreamFilter::EState state = CStreamFilter::EState::HANDSHAKING;
         CStreamOutput plain;
     };
+
+    // When the time-outs are over, in milliseconds of the monotonic clock.
+    struct CDues {
+        static constexpr std::int64_t c_never = std::numeric_limits<std::int64_t>::max();
+        std::int64_t handshake = c_never;
+        std::int64_t lingering = c_never;
+        std::int64_t stall = c_never;
+        std::int64_t idle = c_never;
+    };
+
+    CConnectionImp(CStreamLoop& loop, CNxConnectedSocket socket, INxConnectionSink& sink,
+                   std::unique_ptr<INxConnectionSink> ownedSink, Options options);
+    [[nodiscard]] NxResult Open();
 
     int GetHandle() const override { return m_socket.GetHandle(); }
     int OnInput(int fd) override;
@@ -85,60 +102,61 @@ private:
     void TellClosed() override;
     void Release() override;
 
-    // Beginning.
     void SetSocketOptions();
     [[nodiscard]] NxResult StartFilter();
     [[nodiscard]] NxResult Register();
-    void TellOpen();
 
-    // Receiving.
+    void Advance();
+    void ServeAsked();
+    void TellOpen();
+    template <class Call>
+    void CallSink(const char* name, const Call& call);
+
     void Receive();
-    bool MayReceive() const;
+    bool WantsInput() const;
     size_t GetRoom() const;
-    bool ReceiveOnce(size_t& left);
+    void ReceiveOnce(size_t& left);
     long ReceiveInto(CNxMessageChain& chain, size_t size);
     void ReceivedNothing(long result);
     void OnReceived(size_t size, size_t asked);
-    void OpenFilter(CNxMessageChain&& received);
+    void OpenFilter(CNxMessageChain&& sealed);
+    void EndFiltered();
     void OnPeerEnded();
     void Discard();
     void Offer();
     void OfferAll();
-    bool OfferFrame();
+    void OfferFrame();
     void TellEnd();
     const CNxFraming& GetFraming() const;
 
-    // Sending.
     NxResult CheckSend(size_t size);
-    NxResult Leave(CStreamOutput&& output);
+    NxResult SendOutput(CStreamOutput&& output);
     CStreamOutput& GetPlain() { return m_filtered ? m_filtered->plain : m_output; }
     void OnSendAsked();
     void Flush();
+    void SendWaiting(size_t& left);
+    void SendFailed(int error);
     void Seal();
-    bool SendWaiting(size_t& left);
-    bool SendFailed();
     bool TellWater();
     void CountUnsent();
-    void NoteWaiting(bool hasMoved);
+    bool IsAllSent() const;
     void EndSendingSide();
-    void EndOutput();
+    void EndWithSending();
 
-    // Ending.
     void SetState(EState next);
     void EndWhenSent();
     void End(ENxClosed kind, int error = 0, const char* text = nullptr);
     void Fail(int error) { End(ENxClosed::FAILED, error); }
     std::string Describe() const;
-    template <class Call>
-    void CallSink(const char* name, const Call& call);
 
-    // Time.
-    void Watch();
-    void ArmTimer();
-    std::int64_t GetDue() const;
-    bool GetExpired(ENxClosed& kind) const;
     void NoteActivity();
+    void NoteSent(bool hasMoved);
+    CDues GetDues() const;
+    void ArmTimer();
+    void EndIfExpired();
+    void Watch();
 
+    size_t GetTurnSize() const { return std::max<size_t>(m_options->bytesPerTurn, 1); }
     bool IsEnded() const { return m_state.load(std::memory_order_relaxed) == EState::CLOSED; }
     bool IsHandshaking() const {
         return m_filtered && m_filtered->state == CStreamFilter::EState::HANDSHAKING;
@@ -164,9 +182,9 @@ private:
 
     // Milliseconds of the monotonic clock.
     const std::int64_t m_createdAt;
-    std::int64_t m_activeAt;      // something came or went, or LINGERING began
-    std::int64_t m_takenAt = 0;   // while bytes wait: the socket last took some
-    std::int64_t m_timerAt = 0;   // when the timer fires; 0 without one
+    std::int64_t m_activeAt;     // something came or went, or LINGERING began
+    std::int64_t m_takenAt = 0;  // while bytes wait: the socket last took some
+    std::int64_t m_timerAt = 0;  // when the timer fires; 0 without one
 
     std::atomic<EState> m_state{EState::HANDSHAKING};
     ESending m_sending = ESending::OPEN;
@@ -175,21 +193,21 @@ private:
     int m_error = 0;
     const char* m_text = nullptr;
 
+    EStop m_stop = EStop::NOT_ASKED;
+
     // What can be done, and what has been.
     bool m_isReadable = false;
     bool m_isWritable = true;
     bool m_isStarved = false;  // the system lacks buffers: again by the timer
     bool m_isBulk = false;     // the last receive was large
     bool m_isPaused = false;
-    bool m_isFresh = false;    // there is something to offer
+    bool m_isFresh = false;  // there is something to offer
     bool m_isProceeding = false;
     bool m_isWaiting = false;  // bytes wait for room in the socket
     bool m_isHigh = false;     // OnHighWater was called last
     bool m_hasPeerEnded = false;
     bool m_isEndTold = false;
-    bool m_isByPeer = false;   // the peer had ended when our end began
-    bool m_isStopDue = false;  // when it is open
-    bool m_isStopTold = false;
+    bool m_isByPeer = false;  // the peer had ended when our end began
     bool m_isRegistered = false;
     long m_watched = 0;
 };

@@ -2,6 +2,7 @@
 #include <nx/reactor/INxReactor.h>
 #include <nx/stream/CStreamLoop.h>
 
+#include <algorithm>
 #include <cassert>
 #include <new>
 #include <utility>
@@ -184,17 +185,11 @@ NxResult CStreamMember::Leave(CStreamOutput&& output, EAsked asked) {
     return NX_OK;
 }
 
-void CStreamMember::TakeInbox() {
+void CStreamMember::CloseInbox(EAsked asked) {
     CNxMutexGuardT<CNxMutexThread> guard(m_loop->m_mutex);
     static_cast<CLinkT<CInInbox>*>(this)->Unlink();
     TakeInbox_i();
-}
-
-void CStreamMember::CloseInbox() {
-    CNxMutexGuardT<CNxMutexThread> guard(m_loop->m_mutex);
-    static_cast<CLinkT<CInInbox>*>(this)->Unlink();
-    TakeInbox_i();
-    m_asked = EAsked::END_NOW;
+    m_asked = std::max(m_asked, asked);
 }
 
 void CStreamMember::TakeInbox_i() {

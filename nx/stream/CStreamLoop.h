@@ -52,9 +52,7 @@ public:
     // Whether the reactor reports states, not changes.
     bool ReportsStates() const { return m_reportsStates; }
 
-    bool IsOnThread() const {
-        return m_thread.load(std::memory_order_relaxed) == pthread_self();
-    }
+    bool IsOnThread() const { return m_thread.load(std::memory_order_relaxed) == pthread_self(); }
     // Whether connections are ended because the reactor is: no new ones then.
     bool IsClosing() const { return m_isClosing; }
 
@@ -110,8 +108,8 @@ private:
 // A connection as its loop sees it. Made on the loop's thread.
 class CStreamMember : public CLinkT<CInLife>, public CLinkT<CInTurn>, public CLinkT<CInInbox> {
 public:
-    // What another thread asks for, in the order of their weight.
-    enum class EAsked { NOTHING, END_WHEN_SENT, DROP, END_NOW };
+    // What is left beside bytes, in the order of weight.
+    enum class EAsked { NOTHING, NO_MORE, END_WHEN_SENT, DROP, END_NOW };
 
     CStreamMember(const CStreamMember&) = delete;
     CStreamMember& operator=(const CStreamMember&) = delete;
@@ -130,11 +128,8 @@ protected:
     // Bytes that were left and not taken yet.
     size_t GetLeftSize() const { return m_leftSize.load(std::memory_order_relaxed); }
 
-    // Takes what was left until now.
-    void TakeInbox();
-
-    // As TakeInbox; nothing more can be left.
-    void CloseInbox();
+    // Takes what was left until now; from here on only what weighs more than `asked` can be.
+    void CloseInbox(EAsked asked);
 
 private:
     friend class CStreamLoop;
