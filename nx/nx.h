@@ -8,6 +8,7 @@
 #include <nx/buffer/CNxFifoBuffer.h>
 #include <nx/buffer/CNxIDAllocator.h>
 #include <nx/buffer/CNxMessageBlock.h>
+#include <nx/buffer/CNxMessageChain.h>
 #include <nx/config/CConfigFile.h>
 #include <nx/config/CNxConfigInitFile.h>
 #include <nx/config/init_file.h>
@@ -69,6 +70,7 @@
 #include <nx/stream/CNxAcceptor.h>
 #include <nx/stream/CNxAcceptorOptions.h>
 #include <nx/stream/CNxConnectedSocket.h>
+#include <nx/stream/CNxFraming.h>
 #include <nx/stream/CNxReleasedWithSocket.h>
 #include <nx/thread/CNxReactorThreadProxy.h>
 #include <nx/thread/CNxSignalStop.h>
