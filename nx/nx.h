@@ -67,6 +67,7 @@
 #include <nx/resolve/CNxDnsManager.h>
 #include <nx/resolve/CNxDnsRecord.h>
 #include <nx/stream/CNxFraming.h>
+#include <nx/stream/CNxTlsContext.h>
 #include <nx/thread/CNxReactorThreadProxy.h>
 #include <nx/thread/CNxSignalStop.h>
 #include <nx/thread/CNxSimpleMessageQueue.h>
