@@ -260,11 +260,10 @@ void CTlsFilter::NoteFailure(int result) {
 // Without a text: OpenSSL's.
 void CTlsFilter::Fail(const char* why) {
     m_state = EState::FAILED;
-    const bool isVerification = ERR_GET_REASON(ERR_peek_error()) == SSL_R_CERTIFICATE_VERIFY_FAILED;
     m_error = why == nullptr ? TakeOpenSslError() : why;
-    if (isVerification) {
-        m_error.append(": ").append(
-            X509_verify_cert_error_string(SSL_get_verify_result(m_ssl.get())));
+    const long verified = m_ssl == nullptr ? X509_V_OK : SSL_get_verify_result(m_ssl.get());
+    if (m_setup->IsVerifying() && verified != X509_V_OK) {
+        m_error.append(": ").append(X509_verify_cert_error_string(verified));
     }
 }
 

@@ -14,8 +14,9 @@ namespace {
 
 constexpr unsigned long c_maxFileSize = 16UL << 20;
 
-// Of a key that is encrypted: without this OpenSSL would ask for its passphrase on the terminal.
-int RefusePassphrase(char* /*buffer*/, int /*size*/, int /*isWriting*/, void* /*argument*/) {
+// Without this OpenSSL would ask for the passphrase of a key on the terminal.
+int RefusePassphrase(char* /*buffer*/, int /*size*/, int /*isWriting*/, void* isEncrypted) {
+    *static_cast<bool*>(isEncrypted) = true;
     return -1;
 }
 
@@ -72,8 +73,9 @@ bool ReadCertificates(const std::string& path, std::string& error, const Take& t
         return false;
     }
     int count = 0;
+    bool isEncrypted = false;
     while (const CCertificatePtr certificate{
-        PEM_read_bio_X509_AUX(file.GetBio(), nullptr, &RefusePassphrase, nullptr)}) {
+        PEM_read_bio_X509_AUX(file.GetBio(), nullptr, &RefusePassphrase, &isEncrypted)}) {
         if (!take(certificate.get(), count++)) {
             return FailAsOpenSsl(error, path);
         }
@@ -99,7 +101,12 @@ bool UseKey(SSL_CTX* context, const CNxTlsOptions& options, std::string& error) 
     if (!file.Read(options.keyFile, error)) {
         return false;
     }
-    const CKeyPtr key(PEM_read_bio_PrivateKey(file.GetBio(), nullptr, &RefusePassphrase, nullptr));
+    bool isEncrypted = false;
+    const CKeyPtr key(
+        PEM_read_bio_PrivateKey(file.GetBio(), nullptr, &RefusePassphrase, &isEncrypted));
+    if (isEncrypted) {
+        return Fail(error, options.keyFile, "the key is encrypted");
+    }
     const bool isUsed = key != nullptr && SSL_CTX_use_PrivateKey(context, key.get()) == 1 &&
                         SSL_CTX_check_private_key(context) == 1;
     return isUsed || FailAsOpenSsl(error, options.keyFile);
@@ -161,7 +168,7 @@ void SetOptions(SSL_CTX* context, bool isServer, const CNxTlsOptions& options) {
     SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION);
     // Connections that are idle are small.
     SSL_CTX_set_mode(context, SSL_MODE_RELEASE_BUFFERS);
-    SSL_CTX_set_default_passwd_cb(context, &RefusePassphrase);
+
     const bool isVerifying = isServer ? options.requirePeerCertificate : options.verifyPeer;
     SSL_CTX_set_verify(
         context, isVerifying ? SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT : SSL_VERIFY_NONE,

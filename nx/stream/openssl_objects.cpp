@@ -3,10 +3,9 @@
 
 #include <system_error>
 
-std::string TakeOpenSslError() {
-    const char* data = nullptr;
-    int flags = 0;
-    const unsigned long code = ERR_get_error_all(nullptr, nullptr, nullptr, &data, &flags);
+namespace {
+
+std::string GetText(unsigned long code, const char* data) {
     const char* const reason = ERR_reason_error_string(code);
     std::string text = "OpenSSL gives no reason";
     if (ERR_SYSTEM_ERROR(code)) {
@@ -14,9 +13,24 @@ std::string TakeOpenSslError() {
     } else if (reason != nullptr) {
         text = reason;
     }
-    if ((flags & ERR_TXT_STRING) != 0 && *data != '\0') {
+    if (*data != '\0') {
         text.append(": ").append(data);
     }
-    ERR_clear_error();
     return text;
+}
+
+}  // namespace
+
+std::string TakeOpenSslError() {
+    std::string text;
+    bool isTls = false;
+    const char* data = nullptr;
+    int flags = 0;
+    while (const unsigned long code = ERR_get_error_all(nullptr, nullptr, nullptr, &data, &flags)) {
+        if (text.empty() || (!isTls && ERR_GET_LIB(code) == ERR_LIB_SSL)) {
+            text = GetText(code, (flags & ERR_TXT_STRING) != 0 ? data : "");
+            isTls = ERR_GET_LIB(code) == ERR_LIB_SSL;
+        }
+    }
+    return text.empty() ? GetText(0, "") : text;
 }

@@ -21,5 +21,6 @@ using CSslContextPtr = std::unique_ptr<SSL_CTX, CFreeOpenSsl<SSL_CTX_free>>;
 using CSslSessionPtr = std::unique_ptr<SSL_SESSION, CFreeOpenSsl<SSL_SESSION_free>>;
 using CSslPtr = std::unique_ptr<SSL, CFreeOpenSsl<SSL_free>>;
 
-// The oldest error in the thread's queue (ERR_get_error(3)), for people. Empties the queue.
+// What the thread's queue of errors (ERR_get_error(3)) says, for people: the oldest of TLS, which
+// sums up what led to it, else the oldest. Empties the queue.
 std::string TakeOpenSslError();

@@ -23,9 +23,10 @@ public:
 
     void Make(const std::string& name, const std::string& subject, const std::string& more,
               const std::string& issuer = "") const {
-        std::string command = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes "
-                              "-days 30 -subj " + subject + " -keyout " + Key(name) + " -out " +
-                              Certificate(name) + " " + more;
+        std::string command =
+            "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes "
+            "-days 30 -subj " +
+            subject + " -keyout " + Key(name) + " -out " + Certificate(name) + " " + more;
         if (!issuer.empty()) {
             command += " -addext basicConstraints=CA:FALSE -CA " + Certificate(issuer) +
                        " -CAkey " + Key(issuer);
