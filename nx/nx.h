@@ -68,6 +68,7 @@
 #include <nx/resolve/CNxDnsRecord.h>
 #include <nx/stream/CNxFraming.h>
 #include <nx/stream/CNxTlsContext.h>
+#include <nx/stream/CNxTlsOptions.h>
 #include <nx/thread/CNxReactorThreadProxy.h>
 #include <nx/thread/CNxSignalStop.h>
 #include <nx/thread/CNxSimpleMessageQueue.h>

@@ -1,7 +1,7 @@
 // Inside the library only: TLS as a filter of a connection.
 #pragma once
 
-#include <nx/stream/CNxTlsContext.h>
+#include <nx/stream/CNxTlsOptions.h>
 #include <nx/stream/CStreamFilter.h>
 #include <nx/stream/CTlsSetup.h>
 

@@ -1,7 +1,8 @@
 // Inside the library only: the files and options of a TLS context as OpenSSL wants them.
 #pragma once
 
-#include <nx/stream/CNxTlsContext.h>
+#include <nx/foundation/NxResult.h>
+#include <nx/stream/CNxTlsOptions.h>
 #include <nx/stream/CTlsSessions.h>
 
 #include <memory>
