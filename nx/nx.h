@@ -76,6 +76,8 @@
 #include <nx/stream/CNxConnectionOptions.h>
 #include <nx/stream/CNxFraming.h>
 #include <nx/stream/CNxReleasedWithSocket.h>
+#include <nx/stream/CNxTlsContext.h>
+#include <nx/stream/CNxTlsOptions.h>
 #include <nx/stream/INxConnectionSink.h>
 #include <nx/thread/CNxReactorThreadProxy.h>
 #include <nx/thread/CNxSignalStop.h>
