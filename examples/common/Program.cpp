@@ -21,8 +21,8 @@ int Fail(const std::string& what, int status) {
 }
 
 void Require(NxResult result, const char* what) {
-    if (result != NX_OK && result != NX_ERROR_FOUND) {
-        std::exit(Fail(std::string("cannot ") + what + " (result " + std::to_string(result) + ")"));
+    if (!NxSucceeded(result)) {
+        std::exit(Fail(std::string("cannot ") + what + " (" + NxResultName(result) + ")"));
     }
 }
 

@@ -46,7 +46,7 @@ public:
 private:
     bool WaitFor(long mask) {
         const NxResult result = m_reactor.RegisterHandler(this, mask);
-        return result == NX_OK || result == NX_ERROR_FOUND;  // FOUND: it replaced another.
+        return NxSucceeded(result);
     }
 
     // Interrupted, or the system lacks buffers: no reason to hang up.

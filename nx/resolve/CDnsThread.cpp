@@ -236,7 +236,7 @@ bool CDnsThread::OnSocketOpened(CDnsChannel& channel, int fd) {
         // For output as well, because else it does not hear of a failure.
         const NxResult result =
             GetReactor()->RegisterHandler(at->second.get(), NX_MASK_READ | NX_MASK_WRITE);
-        return result == NX_OK || result == NX_ERROR_FOUND;
+        return NxSucceeded(result);
     } catch (const std::bad_alloc&) {
         return false;
     }
