@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cerrno>
 #include <cstdint>
 #include <new>
 
@@ -79,6 +80,7 @@ NxResult CDnsThread::Create(int type, CNxThreadManager::TFlag flags) {
     if (result == NX_OK && m_opened != NX_OK) {
         Join();
         result = m_opened;
+        errno = m_openedErrno;
     }
     return result;
 }
@@ -90,6 +92,7 @@ NxResult CDnsThread::Wake() {
 void CDnsThread::OnThreadInit() {
     CNxThreadReactor::OnThreadInit();
     m_opened = OpenTimer();
+    m_openedErrno = errno;
 }
 
 NxResult CDnsThread::OpenTimer() {

@@ -1,5 +1,6 @@
 #include <nx/foundation/CCallOut.h>
 #include <nx/foundation/CCancelOff.h>
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxTimeUtils.h>
 #include <nx/foundation/CNxTimeValue.h>
@@ -11,6 +12,7 @@
 #include <sched.h>
 
 #include <cassert>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -133,6 +135,7 @@ NxResult CNxThread::StartSystemThread() {
     if (error != 0) {
         m_startEvent = nullptr;
         m_life.store(ELife::NONE);
+        errno = error;
         return NX_ERROR_UNEXPECTED;
     }
     // From here on the object may delete itself: only locals are touched.
@@ -140,6 +143,9 @@ NxResult CNxThread::StartSystemThread() {
     }
     if (startEvent.m_result != NX_OK && joinable) {
         pthread_join(handle, nullptr);
+    }
+    if (startEvent.m_result == NX_ERROR_FAILURE) {
+        errno = ENOMEM;  // as it is on the new thread
     }
     return startEvent.m_result;
 }
@@ -287,7 +293,7 @@ NxResult CNxThread::Join() {
     if (!IsJoinable() || Claim() == ELife::NONE) {
         return NX_ERROR_FAILURE;
     }
-    return pthread_join(m_threadHandle, nullptr) == 0 ? NX_OK : NX_ERROR_FAILURE;
+    return ResultOfError(pthread_join(m_threadHandle, nullptr));
 }
 
 // The system's own timed join goes by the wall clock.

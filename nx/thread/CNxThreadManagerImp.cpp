@@ -1,5 +1,6 @@
 #include <nx/event/CNxCallingThread.h>
 #include <nx/foundation/CCancelOff.h>
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/foundation/CNxEventThread.h>
 #include <nx/foundation/CNxProcessWide.h>
@@ -46,6 +47,11 @@ Thread* MakeThread() {
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
+}
+
+void DestroyRefused(CNxThread* thread) {
+    const CKeptErrno keptErrno;
+    thread->Destory(0);
 }
 
 bool InitThread(CNxThread* thread) {
@@ -227,7 +233,7 @@ NxResult CNxThreadManagerImp::InitMainThread(int /*argc*/, char** /*argv*/) {
         created = NX_ERROR_FAILURE;
     }
     if (created != NX_OK && thread != nullptr) {
-        thread->Destory(0);
+        DestroyRefused(thread);
     }
     return created;
 }
@@ -240,9 +246,10 @@ NxResult CNxThreadManagerImp::MainThreadDetachRun(CNxThread* thread) {
     const CCancelOff cancelOff;
     CMainThreadStart start{thread, CNxEventThread(0, 0)};
     pthread_t handle{};
-    if (pthread_create(&handle, nullptr, &MainThreadFun, &start) != 0) {
+    const int error = pthread_create(&handle, nullptr, &MainThreadFun, &start);
+    if (error != 0) {
         PrintToStderr("thread create failed\n");
-        return NX_ERROR_FAILURE;
+        return ResultOfError(error);
     }
     while (start.m_takenOver.Wait(nullptr) != NX_OK) {
     }
@@ -285,7 +292,7 @@ NxResult CNxThreadManagerImp::CreateUserTaskThread(CNxThread*& out, TFlag flags,
     }
     const NxResult created = thread->Create(GetAndIncreamUserType(), flags);
     if (created != NX_OK) {
-        thread->Destory(0);
+        DestroyRefused(thread);
         return created;
     }
     out = thread;
@@ -302,7 +309,7 @@ NxResult CNxThreadManagerImp::DisableSignal(int signo) {
     if (sigemptyset(&set) != 0 || sigaddset(&set, signo) != 0) {
         return NX_ERROR_FAILURE;
     }
-    return pthread_sigmask(SIG_BLOCK, &set, nullptr) == 0 ? NX_OK : NX_ERROR_FAILURE;
+    return ResultOfError(pthread_sigmask(SIG_BLOCK, &set, nullptr));
 }
 
 NxResult CNxThreadManagerImp::BlockSignal() {
@@ -324,7 +331,7 @@ NxResult CNxThreadManagerImp::CreateNetworkThread(int type, INxReactor* reactor,
         result = thread->Create(type, FLAG_JOINABLE);
     }
     if (result != NX_OK) {
-        thread->Destory(0);
+        DestroyRefused(thread);
         return result;
     }
     out = thread;
