@@ -1,6 +1,7 @@
 #include <common/CallEvent.h>
 #include <common/Program.h>
 #include <fcntl.h>
+#include <nx/foundation/CNxOwnLines.h>
 #include <nx/reactor/INxReactor.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadManager.h>
@@ -51,6 +52,8 @@ Program::Program(std::initializer_list<int> signals) : m_signals(signals) {
 }
 
 bool Program::Init(int argc, char** argv) {
+    // Standard output is the program's own.
+    CNxOwnLines::Send(CNxOwnLines::TO_TRACE);
     return CNxThreadManager::Instance()->InitMainThread(argc, argv) == NX_OK;
 }
 

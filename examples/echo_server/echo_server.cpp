@@ -102,6 +102,7 @@ private:
 
 int main(int argc, char** argv) {
     examples::SignalThread signals({SIGINT, SIGTERM});  // First: before any other thread.
+    CNxOwnLines::Send(CNxOwnLines::TO_STDERR);
     CNxThreadManager* const threads = CNxThreadManager::Instance();
     CNxThread* network = nullptr;
     if (threads->InitMainThread(argc, argv) != NX_OK ||

@@ -61,7 +61,9 @@ bool CDnsThread::CSource::operator==(const CSource& other) const {
            m_changed.tv_nsec == other.m_changed.tv_nsec;
 }
 
-CDnsThread::CDnsThread(IWork& work) : m_work(work) {}
+CDnsThread::CDnsThread(IWork& work) : m_work(work) {
+    SetName("nx-dns");
+}
 
 CDnsThread::~CDnsThread() {
     if (m_timerFd != -1) {

@@ -25,6 +25,7 @@ public:
 
 namespace {
 
+constexpr size_t c_longestName = 15;
 constexpr unsigned long c_maxProcessors = 1024;
 constexpr unsigned long c_pollMs = 5;
 constexpr unsigned long c_traceError = 1;
@@ -150,6 +151,35 @@ NxResult CNxThread::StartSystemThread() {
     return startEvent.m_result;
 }
 
+// GetReactor is not const, for the reactor that it gives is not.
+CNxString CNxThread::GetDefaultName() const {
+    switch (m_type) {
+        case NX_THREAD_MAIN:
+            return "nx-main";
+        case NX_THREAD_NETWORK:
+            return "nx-network";
+        case NX_THREAD_PRECISE_TIMER:
+            return "nx-timer";
+        default:
+            const bool hasReactor = const_cast<CNxThread*>(this)->GetReactor() != nullptr;
+            char name[32];
+            std::snprintf(name, sizeof(name), hasReactor ? "nx-reactor-%d" : "nx-task-%d", m_type);
+            return CNxString(name).substr(0, c_longestName);
+    }
+}
+
+void CNxThread::SetName(const CNxString& name) {
+    m_name = name.substr(0, c_longestName);
+    if (CNxThreadManager::IsEqualCurrentThread(GetThreadId())) {
+        ApplyName();
+    }
+}
+
+void CNxThread::ApplyName() {
+    // Refused only to a name that is too long.
+    static_cast<void>(pthread_setname_np(pthread_self(), GetName().c_str()));
+}
+
 void* CNxThread::ThreadProc(void* object) {
     auto* const thread = static_cast<CNxThread*>(object);
     if (thread != nullptr) {
@@ -177,6 +207,9 @@ void CNxThread::Run() {
     ApplyCpuSet(m_cpuSet);
     CStartEvent* const startEvent = m_startEvent;
     m_startEvent = nullptr;
+    if (startEvent != nullptr) {
+        ApplyName();
+    }
     const NxResult setUp = SetUp();
     if (setUp == NX_ERROR_NULL_POINTER && Unregister()) {
         delete this;

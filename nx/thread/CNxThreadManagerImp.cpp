@@ -3,10 +3,11 @@
 #include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/foundation/CNxEventThread.h>
+#include <nx/foundation/CNxOwnLines.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxTimeUtils.h>
 #include <nx/foundation/CNxTimeValue.h>
-#include <nx/foundation/standard_streams.h>
+#include <nx/foundation/own_lines.h>
 #include <nx/process/trace_setting.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/thread/CNxThreadManagerImp.h>
@@ -14,6 +15,7 @@
 #include <nx/thread/CNxThreadTask.h>
 #include <nx/thread/CNxTimerPreciseManager.h>
 #include <nx/thread/CThreadsEnd.h>
+#include <nx/trace/CNxT120Trace.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -63,6 +65,19 @@ bool InitThread(CNxThread* thread) {
     return true;
 }
 
+// With what has been said until now, if that is to be traced.
+bool InitTracing() {
+    try {
+        trace_setting_init();
+        if (CNxOwnLines::GetTarget() == CNxOwnLines::TO_TRACE) {
+            CNxT120Trace::instance();
+        }
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
 constexpr long c_beforeAllTypes = std::numeric_limits<long>::min();
 
 CNxThreadManagerImp* GetIfMade() {
@@ -104,6 +119,7 @@ void* MainThreadFun(void* argument) {
     CNxThread* const thread = start->m_thread;
     pthread_detach(pthread_self());
     thread->BindToCallingThread();
+    thread->ApplyName();
     start->m_takenOver.Signal();
     thread->OnThreadRun();
     // The system will give the id to another thread.
@@ -225,8 +241,7 @@ NxResult CNxThreadManagerImp::InitMainThread(int /*argc*/, char** /*argv*/) {
     }
     // Only a reactor on signals needs it, and that one blocks them for its own thread as well.
     static_cast<void>(BlockSignal());
-    trace_setting_init();
-    auto* const thread = MakeThread<CNxThreadTask>();
+    auto* const thread = InitTracing() ? MakeThread<CNxThreadTask>() : nullptr;
     NxResult created =
         thread != nullptr ? thread->Create(NX_THREAD_MAIN, FLAG_JOINABLE) : NX_ERROR_FAILURE;
     if (created == NX_OK && !InitThread(thread)) {
@@ -248,7 +263,7 @@ NxResult CNxThreadManagerImp::MainThreadDetachRun(CNxThread* thread) {
     pthread_t handle{};
     const int error = pthread_create(&handle, nullptr, &MainThreadFun, &start);
     if (error != 0) {
-        PrintToStderr("thread create failed\n");
+        SayOnStderr("thread create failed\n");
         return ResultOfError(error);
     }
     while (start.m_takenOver.Wait(nullptr) != NX_OK) {
