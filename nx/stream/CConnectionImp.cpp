@@ -704,12 +704,12 @@ bool CConnectionImp::TellWater() {
 
 // When all is sent that is to be: our side's end, and perhaps the connection's.
 void CConnectionImp::EndSendingSide() {
-    if (IsEnded() || m_sending == ESending::OPEN) {
+    if (IsEnded() || m_sending == ESending::OPEN || IsHandshaking()) {
         return;
     }
     if (m_sending == ESending::ENDING && IsAllSent()) {
         m_sending = ESending::SEALED;
-        if (m_filtered && !IsHandshaking()) {
+        if (m_filtered) {
             CNxMessageChain last;
             m_filtered->filter->End(last);
             m_output.Append(std::move(last));
@@ -776,7 +776,7 @@ void CConnectionImp::EndWhenSent() {
         return;
     }
     CloseInbox(EAsked::END_WHEN_SENT);
-    m_isByPeer = m_hasPeerEnded;
+    m_isByPeer = m_isEndTold;
     m_sending = std::max(m_sending, ESending::ENDING);
     SetState(EState::ENDING);
 }

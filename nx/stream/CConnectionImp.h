@@ -208,7 +208,7 @@ private:
     bool m_mayHaveEnded = true;  // the peer may, after what is read now
     bool m_hasPeerEnded = false;
     bool m_isEndTold = false;
-    bool m_isByPeer = false;  // the peer had ended when our end began
+    bool m_isByPeer = false;  // the sink knew of the peer's end when ours began
     bool m_isRegistered = false;
     long m_watched = 0;
 };
