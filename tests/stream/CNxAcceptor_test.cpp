@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <nx/event/NxCall.h>
 #include <nx/stream/CNxAcceptor.h>
 #include <tests/support/Endpoints.h>
 #include <tests/support/FailingCalls.h>
@@ -25,19 +26,15 @@ protected:
         });
         ASSERT_EQ(opened.get_future().get(), NX_OK);
     }
+    // What is left is destroyed here, after the thread has ended.
     void TearDown() override {
-        On([&] { m_acceptor.reset(); });
         m_reactor.StopEventLoop();
         m_thread.join();
     }
 
     // On the reactor's thread, and waits for it.
     void On(const std::function<void()>& action) {
-        const auto run = [&] {
-            action();
-            return NX_OK;
-        };
-        EXPECT_EQ(m_reactor.SendEvent(new CountedEvent(m_counts, run)), NX_OK);
+        EXPECT_EQ(NxSendCall(m_reactor, action), NX_OK);
     }
 
     void WaitUntil(const std::function<bool()>& condition) {
@@ -91,7 +88,6 @@ protected:
         WaitUntilDone(static_cast<size_t>(count));
     }
 
-    EventCounts m_counts;
     Reactor m_reactor;
     std::thread m_thread;
     std::unique_ptr<CNxAcceptor> m_acceptor;
