@@ -168,6 +168,7 @@ TEST_F(AcceptorLimits, CountThoseThatLive) {
     CNxEndpoint endpoint = Open("127.0.0.1:0", options);
     ConnectMany(endpoint, 3);
     EXPECT_TRUE(IsHungUpOn(m_clients[2]));
+    WaitUntilDone(3);
     m_taken.clear();
     ConnectMany(endpoint, 1);
     WaitUntilDone(4);
@@ -180,6 +181,7 @@ TEST_F(AcceptorLimits, CountThoseThatLive) {
         ConnectMany(Parse(host + port), 2);
         EXPECT_TRUE(IsHungUpOn(m_clients.back()));
     }
+    WaitUntilDone(4);
     m_taken.clear();
     ConnectMany(Parse("127.0.0.1:" + port), 1);
     WaitUntilDone(5);
