@@ -18,6 +18,7 @@
 #include <nx/event/CNxEventStop.h>
 #include <nx/event/CNxEventSynchronous.h>
 #include <nx/event/INxEventQueue.h>
+#include <nx/event/NxCall.h>
 #include <nx/foundation/CNxAutoPtr.h>
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/foundation/CNxConditionVariableThread.h>

@@ -65,7 +65,8 @@ public:
 
     // As CNxEventQueueUsingMutex; wakes the loop when the queue was empty, and when an earlier
     // wake-up could not be sent.
-    NxResult PostEvent(INxEvent* event, INxEventQueue::EPriority priority) override;
+    NxResult PostEvent(INxEvent* event,
+                       INxEventQueue::EPriority priority = INxEventQueue::PRIORITY_NORMAL) override;
     NxResult SendEvent(INxEvent* event) override;
     size_t GetPendingEventsCount() override;
     void StopAndDestoryPendingEvents() override;

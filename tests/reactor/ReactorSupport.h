@@ -27,8 +27,6 @@ struct ReactorNames {
 
 using AllReactors = ::testing::Types<CNxReactorEpoll, CNxReactorSelect, CNxReactorRealTimeSignal>;
 
-inline constexpr auto c_normal = INxEventQueue::PRIORITY_NORMAL;
-
 inline constexpr long c_readWrite = NX_MASK_READ | NX_MASK_WRITE;
 
 // Keeps a record of its calls, and does and answers what it is told to.
@@ -126,7 +124,7 @@ protected:
     // Makes the loop end; what is posted or ready by then is still served.
     void StopSoon() {
         const auto stop = [this] { return m_reactor.StopEventLoop(); };
-        m_reactor.PostEvent(new CountedEvent(m_counts, stop), c_normal);
+        m_reactor.PostEvent(new CountedEvent(m_counts, stop));
     }
 
     void Run() {

@@ -40,7 +40,7 @@ TYPED_TEST(Reactors, ReopeningLeaksNothingAndForgetsOldRegistrations) {
     this->Run();
     EXPECT_EQ(stale.m_inputs, 0);
     // The loop has ended: nobody would fire it.
-    EXPECT_EQ(this->m_reactor.PostEvent(new CountedEvent(this->m_counts), c_normal),
+    EXPECT_EQ(this->m_reactor.PostEvent(new CountedEvent(this->m_counts)),
               NX_ERROR_NOT_INITIALIZED);
     EXPECT_TRUE(this->m_counts.AllDestroyed());
 }
@@ -76,7 +76,7 @@ TYPED_TEST(Reactors, OpenWithoutDescriptorsFailsAndTakesNone) {
 
 TYPED_TEST(Reactors, SecondOpenClosesItAndTheLoopOfAClosedOneEnds) {
     auto& reactor = this->m_reactor;
-    EXPECT_EQ(reactor.PostEvent(new CountedEvent(this->m_counts), c_normal), NX_OK);
+    EXPECT_EQ(reactor.PostEvent(new CountedEvent(this->m_counts)), NX_OK);
     EXPECT_EQ(reactor.StopEventLoop(), NX_OK);
     this->Run();
     EXPECT_EQ(this->m_counts.m_fired, 1);
@@ -122,7 +122,7 @@ TYPED_TEST(Reactors, NothingIsLostOrWrittenElsewhereWhileTheReactorClosesAndReop
     std::atomic<bool> finished{false};
     const auto use = [&] {
         while (!finished.load()) {
-            reactor.PostEvent(new CountedEvent(counts), c_normal);
+            reactor.PostEvent(new CountedEvent(counts));
             // Has no room, or nobody to wake, from time to time.
             static_cast<void>(reactor.NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE));
             const NxResult result =
@@ -164,7 +164,7 @@ TYPED_TEST(Reactors, FloodOfPostedEventsDoesNotStarveInput) {
     std::function<NxResult()> repost = [&] {
         return end.m_inputs > 0
                    ? this->m_reactor.StopEventLoop()
-                   : this->m_reactor.PostEvent(new CountedEvent(this->m_counts, repost), c_normal);
+                   : this->m_reactor.PostEvent(new CountedEvent(this->m_counts, repost));
     };
     this->Watch(end, NX_MASK_READ);
     repost();

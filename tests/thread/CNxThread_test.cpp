@@ -18,7 +18,7 @@ void PostFromManyThreads(INxEventQueue& queue) {
             EventCounts counts;
             for (int round = 0; round < 300; ++round) {
                 for (int post = 0; post <= round % 3; ++post) {
-                    ASSERT_EQ(queue.PostEvent(new CountedEvent(counts), c_normal), NX_OK);
+                    ASSERT_EQ(queue.PostEvent(new CountedEvent(counts)), NX_OK);
                 }
                 YieldUntil([&counts] { return counts.AllDestroyed(); });
             }
@@ -51,7 +51,7 @@ TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
             YieldUntil([&go] { return go.load(); });
             return thread->Join();
         };
-        queue->PostEvent(new CountedEvent(counts, joinItself), c_normal);
+        queue->PostEvent(new CountedEvent(counts, joinItself));
         // Priorities do not change the order.
         for (int i = 1; i <= 100; ++i) {
             const auto inTurn = [&counts, i] {
@@ -64,7 +64,7 @@ TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
         }
         EXPECT_EQ(thread->Stop(nullptr), NX_OK);
         EXPECT_EQ(thread->Stop(nullptr), NX_ERROR_NOT_INITIALIZED);
-        EXPECT_EQ(queue->PostEvent(new CountedEvent(counts), c_normal), NX_ERROR_NOT_INITIALIZED);
+        EXPECT_EQ(queue->PostEvent(new CountedEvent(counts)), NX_ERROR_NOT_INITIALIZED);
         go = true;
         // Joining itself must not have counted.
         EXPECT_EQ(thread->Join(), NX_OK);
