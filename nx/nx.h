@@ -23,6 +23,7 @@
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/foundation/CNxConditionVariableThread.h>
 #include <nx/foundation/CNxEventThread.h>
+#include <nx/foundation/CNxFunction.h>
 #include <nx/foundation/CNxMutexOverFork.h>
 #include <nx/foundation/CNxMutexThread.h>
 #include <nx/foundation/CNxProcessWide.h>
@@ -79,6 +80,7 @@
 #include <nx/thread/CNxTimerPreciseManager.h>
 #include <nx/thread/CNxTimerPreciseWrapperID.h>
 #include <nx/thread/CNxTimerWrapperID.h>
+#include <nx/timer/CNxTimedCall.h>
 #include <nx/timer/CNxTimerPriorityQueue.h>
 #include <nx/timer/CNxTimerQueueBase.h>
 #include <nx/timer/CNxTimerQueueCalendar.h>

@@ -61,7 +61,8 @@ class CNxCallOnStackT final : public INxEvent {
 public:
     explicit CNxCallOnStackT(Function& function) : m_function(function) {}
 
-    auto Send(INxEventQueue& queue) {
+    template <class Queue>
+    auto Send(Queue& queue) {
         const NxResult sent = queue.SendEvent(this);
         if constexpr (c_givesCode) {
             return sent;
@@ -92,17 +93,19 @@ private:
     std::optional<Value> m_value;
 };
 
-// Has the thread that owns the queue call the function, with no argument, later. What it returns is
-// dropped. Any thread; the function may be one that can only be moved.
+// Has the thread that owns the queue, an INxEventQueue of any class, call the function, with no
+// argument, later. What it returns is dropped. Any thread; the function may be one that can only be
+// moved.
 // As INxEventQueue::PostEvent: NX_OK; NX_ERROR_NOT_INITIALIZED when the queue is stopped;
 // NX_ERROR_FAILURE without memory. The function is destroyed in any case, uncalled when the queue
 // refuses or discards it: on the caller's thread, or where the queue discards it; after its call on
 // the thread that called it. One that throws ends the process, as does any other event.
 // Needs one allocation, of the recycled kind (CNxRecycled) up to 120 bytes of captures.
-template <class Function>
-NxResult NxPostCall(INxEventQueue& queue, Function function) {
+template <class Queue, class Function>
+NxResult NxPostCall(Queue& queue, Function function) {
     auto* const event = new (std::nothrow) CNxCallEventT<Function>(std::move(function));
-    return event != nullptr ? queue.PostEvent(event) : NX_ERROR_FAILURE;
+    return event != nullptr ? queue.PostEvent(event, INxEventQueue::PRIORITY_NORMAL)
+                            : NX_ERROR_FAILURE;
 }
 
 // Has the thread that owns the queue call the function, with no argument, and waits until it has;
@@ -114,7 +117,7 @@ NxResult NxPostCall(INxEventQueue& queue, Function function) {
 //   returns anything else: a CNxCallResultT with its value, a copy of it for a reference.
 // Why it did not run is what INxEventQueue::SendEvent says: NX_ERROR_NOT_INITIALIZED for a stopped
 // queue, NX_ERROR_NOT_AVAILABLE when it was discarded, NX_ERROR_FAILURE without memory.
-template <class Function>
-auto NxSendCall(INxEventQueue& queue, Function&& function) {
+template <class Queue, class Function>
+auto NxSendCall(Queue& queue, Function&& function) {
     return CNxCallOnStackT<std::remove_reference_t<Function>>(function).Send(queue);
 }

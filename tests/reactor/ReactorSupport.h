@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <nx/event/NxCall.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/reactor/CNxReactorSelect.h>
 #include <nx/reactor/realtime/CNxReactorRealTimeSignal.h>

@@ -114,6 +114,29 @@ TYPED_TEST(Reactors, ReadinessOfARemovedHandlerIsNotGivenToTheNextOfItsNumber) {
     EXPECT_EQ(newcomer->m_inputs, 0);
 }
 
+TYPED_TEST(Reactors, WhatItsLoopLeavesIsClearedUpOnAnyThread) {
+    auto& reactor = this->m_reactor;
+    End end;
+    Timer timer([] {});
+    this->Watch(end, NX_MASK_READ);
+    ASSERT_EQ(reactor.ScheduleTimer(&timer, nullptr, CNxTimeValue(60, 0), 1), NX_OK);
+    const auto clearUp = [&](NxResult cancelled) {
+        std::thread other([&] {
+            EXPECT_EQ(reactor.CancelTimer(&timer), cancelled);
+            EXPECT_EQ(reactor.RemoveHandler(&end, NX_MASK_ALL_EVENTS), NX_OK);
+        });
+        other.join();
+    };
+#ifdef NXBASE_CHECK_THREADS
+    NxPostCall(reactor, [&] { EXPECT_DEATH(clearUp(NX_OK), "belongs to thread"); });
+#endif
+    this->StopSoon();
+    this->Run();
+    clearUp(NX_OK);
+    reactor.Close();
+    clearUp(NX_ERROR_NOT_INITIALIZED);
+}
+
 // Posts, sends, notifications and the stop against the end and the closing of the loop, on the same
 // reactor opened again and again.
 TYPED_TEST(Reactors, NothingIsLostOrWrittenElsewhereWhileTheReactorClosesAndReopens) {

@@ -1,3 +1,4 @@
+#include <nx/event/NxCall.h>
 #include <nx/foundation/INxObserver.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/thread/CNxThreadTask.h>
@@ -188,6 +189,26 @@ TEST(Thread, StopThatComesBeforeTheReactorIsOpenIsNotLost) {
         NX_OK);
     EXPECT_EQ(thread->Join(), NX_OK);
     thread->Destory(0);
+}
+
+TEST(Thread, TimersOfAJoinedOneAreCancelledOnAnyOther) {
+    struct Handler : INxTimerHandler {
+        void OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) override {}
+    };
+    Handler handler;
+    CNxThread* const worker = StartWorker();
+    INxTimerQueue& timers = *worker->GetTimerQueue();
+    const auto schedule = [&] {
+        return timers.ScheduleTimer(&handler, nullptr, CNxTimeValue(60, 0), 1);
+    };
+    EXPECT_EQ(NxSendCall(*worker->GetEventQueue(), schedule), NX_OK);
+#ifdef NXBASE_CHECK_THREADS
+    EXPECT_DEATH(timers.CancelTimer(&handler), "belongs to thread");
+#endif
+    worker->Stop(nullptr);
+    EXPECT_EQ(worker->Join(), NX_OK);
+    EXPECT_EQ(timers.CancelTimer(&handler), NX_OK);
+    worker->Destory(0);
 }
 
 }  // namespace
