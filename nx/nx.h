@@ -8,6 +8,7 @@
 #include <nx/buffer/CNxFifoBuffer.h>
 #include <nx/buffer/CNxIDAllocator.h>
 #include <nx/buffer/CNxMessageBlock.h>
+#include <nx/buffer/CNxMessageChain.h>
 #include <nx/config/CConfigFile.h>
 #include <nx/config/CNxConfigInitFile.h>
 #include <nx/config/init_file.h>
