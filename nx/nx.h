@@ -69,6 +69,7 @@
 #include <nx/reactor/realtime/CNxReactorRealTimeSignal.h>
 #include <nx/resolve/CNxDnsManager.h>
 #include <nx/resolve/CNxDnsRecord.h>
+#include <nx/stream/CNxFraming.h>
 #include <nx/thread/CNxReactorThreadProxy.h>
 #include <nx/thread/CNxSignalStop.h>
 #include <nx/thread/CNxSimpleMessageQueue.h>

@@ -286,8 +286,11 @@ void CNxMessageChain::AppendAdopted(const char* data, size_t size, void (*releas
     Append(adopted.Get());
 }
 
-void CNxMessageChain::AppendBytesOf(std::uint64_t value, size_t width, ENxByteOrder order) {
+void CNxMessageChain::AppendIntegerOf(size_t width, std::uint64_t value, ENxByteOrder order) {
     char bytes[sizeof(value)];
+    if (width > sizeof(bytes)) {
+        return;
+    }
     for (size_t i = 0; i < width; ++i) {
         bytes[GetPlace(i, width, order)] = static_cast<char>(value >> (8 * i));
     }
@@ -432,10 +435,10 @@ size_t CNxMessageChain::Copy(void* to, size_t count, size_t offset) const {
     return count;
 }
 
-bool CNxMessageChain::PeekBytesOf(std::uint64_t& value, size_t width, size_t offset,
-                                  ENxByteOrder order) const {
+bool CNxMessageChain::PeekIntegerOf(size_t width, std::uint64_t& value, size_t offset,
+                                    ENxByteOrder order) const {
     unsigned char bytes[sizeof(value)];
-    if (Copy(bytes, width, offset) != width) {
+    if (width == 0 || width > sizeof(bytes) || Copy(bytes, width, offset) != width) {
         return false;
     }
     value = 0;

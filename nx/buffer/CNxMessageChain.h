@@ -80,8 +80,11 @@ public:
     template <class Integer>
     void AppendInteger(Integer value, ENxByteOrder order = ENxByteOrder::BIG) {
         static_assert(std::is_integral_v<Integer>);
-        AppendBytesOf(static_cast<std::uint64_t>(value), sizeof(Integer), order);
+        AppendIntegerOf(sizeof(Integer), static_cast<std::uint64_t>(value), order);
     }
+
+    // The lowest `width` bytes of the value, 1 to 8; for other widths nothing happens.
+    void AppendIntegerOf(size_t width, std::uint64_t value, ENxByteOrder order = ENxByteOrder::BIG);
 
     // Makes `size` bytes of space in one piece behind the last byte, at least 1, and returns it; at
     // least `size`, GetSpaceSize() tells how many. What is filled of it counts by Commit, not more
@@ -117,13 +120,17 @@ public:
     [[nodiscard]] bool Peek(Integer& value, size_t offset = 0,
                             ENxByteOrder order = ENxByteOrder::BIG) const {
         static_assert(std::is_integral_v<Integer>);
-        std::uint64_t bits = 0;
-        if (!PeekBytesOf(bits, sizeof(Integer), offset, order)) {
+        std::uint64_t wide = 0;
+        if (!PeekIntegerOf(sizeof(Integer), wide, offset, order)) {
             return false;
         }
-        value = static_cast<Integer>(bits);
+        value = static_cast<Integer>(wide);
         return true;
     }
+
+    // The same for one of `width` bytes, 1 to 8, without a sign; false for other widths.
+    [[nodiscard]] bool PeekIntegerOf(size_t width, std::uint64_t& value, size_t offset = 0,
+                                     ENxByteOrder order = ENxByteOrder::BIG) const;
 
     // The first piece, as long as it lies in one block: empty only when the chain is.
     std::string_view GetFront() const;
@@ -140,9 +147,6 @@ public:
     size_t FillIov(iovec* iov, size_t maxCount) const;
 
 private:
-    void AppendBytesOf(std::uint64_t value, size_t width, ENxByteOrder order);
-    [[nodiscard]] bool PeekBytesOf(std::uint64_t& value, size_t width, size_t offset,
-                                   ENxByteOrder order) const;
     void Link(CNxMessageBlock* head, CNxMessageBlock* tail, bool isSpaceOurs) noexcept;
     void AddSpace(size_t size, size_t held);
     void DropUnusedSpace() noexcept;
