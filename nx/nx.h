@@ -70,6 +70,8 @@
 #include <nx/resolve/CNxDnsManager.h>
 #include <nx/resolve/CNxDnsRecord.h>
 #include <nx/stream/CNxFraming.h>
+#include <nx/stream/CNxReactorGroup.h>
+#include <nx/stream/CNxServer.h>
 #include <nx/thread/CNxReactorThreadProxy.h>
 #include <nx/thread/CNxSignalStop.h>
 #include <nx/thread/CNxSimpleMessageQueue.h>

@@ -162,7 +162,8 @@ size_t CNxReactorGroup::CListener::ChooseLoop() {
     // Among equals in turn.
     size_t fewest = std::numeric_limits<size_t>::max();
     for (size_t i = 0, at = chosen; i < loops.size(); ++i, at = (at + 1) % loops.size()) {
-        const size_t count = CNxConnection::GetCount(loops[at]->GetReactor()) + loops[at]->onTheirWay;
+        const size_t count =
+            CNxConnection::GetCount(loops[at]->GetReactor()) + loops[at]->onTheirWay;
         if (count < fewest) {
             fewest = count;
             chosen = at;

@@ -39,11 +39,11 @@ struct CNxReactorGroupOptions {
 
 // Which loop gets a connection.
 enum class ENxDistribution {
-    ROUND_ROBIN,        // the next one
-    FEWEST,             // the one that has the fewest connections
-    SOCKET_FOR_EACH,    // each accepts its own, from a socket of its own that shares the address
-                        // (SO_REUSEPORT, socket(7)); TCP only. The system hands out by the
-                        // addresses of both ends, so few clients may all meet on one loop
+    ROUND_ROBIN,      // the next one
+    FEWEST,           // the one that has the fewest connections
+    SOCKET_FOR_EACH,  // each accepts its own, from a socket of its own that shares the address
+                      // (SO_REUSEPORT, socket(7)); TCP only. The system hands out by the
+                      // addresses of both ends, so few clients may all meet on one loop
 };
 
 struct CNxListenOptions {
