@@ -27,6 +27,7 @@
 #include <nx/foundation/CNxFunction.h>
 #include <nx/foundation/CNxMutexOverFork.h>
 #include <nx/foundation/CNxMutexThread.h>
+#include <nx/foundation/CNxOwnLines.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxRecycled.h>
 #include <nx/foundation/CNxReferenceControl.h>

@@ -1,6 +1,7 @@
 #include <common/Program.h>
 #include <fcntl.h>
 #include <nx/event/NxCall.h>
+#include <nx/foundation/CNxOwnLines.h>
 #include <nx/reactor/INxReactor.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadManager.h>
@@ -21,8 +22,8 @@ int Fail(const std::string& what, int status) {
 }
 
 void Require(NxResult result, const char* what) {
-    if (result != NX_OK && result != NX_ERROR_FOUND) {
-        std::exit(Fail(std::string("cannot ") + what + " (result " + std::to_string(result) + ")"));
+    if (!NxSucceeded(result)) {
+        std::exit(Fail(std::string("cannot ") + what + " (" + NxResultName(result) + ")"));
     }
 }
 
@@ -51,6 +52,8 @@ Program::Program(std::initializer_list<int> signals) : m_signals(signals) {
 }
 
 bool Program::Init(int argc, char** argv) {
+    // Standard output is the program's own.
+    CNxOwnLines::Send(CNxOwnLines::TO_TRACE);
     return CNxThreadManager::Instance()->InitMainThread(argc, argv) == NX_OK;
 }
 

@@ -45,7 +45,7 @@ public:
 private:
     bool WaitFor(long mask) {
         const NxResult result = m_reactor.RegisterHandler(this, mask);
-        return result == NX_OK || result == NX_ERROR_FOUND;  // FOUND: it replaced another.
+        return NxSucceeded(result);
     }
 
     // Interrupted, or the system lacks buffers: no reason to hang up.
@@ -101,6 +101,7 @@ private:
 
 int main(int argc, char** argv) {
     examples::SignalThread signals({SIGINT, SIGTERM});  // First: before any other thread.
+    CNxOwnLines::Send(CNxOwnLines::TO_STDERR);
     CNxThreadManager* const threads = CNxThreadManager::Instance();
     CNxThread* network = nullptr;
     if (threads->InitMainThread(argc, argv) != NX_OK ||

@@ -68,7 +68,7 @@ void StoreService::ScheduleExpiry() {
     const std::int64_t wait = std::max<std::int64_t>(*next - m_store.GetTime(), 0);
     const CNxTimeValue interval(wait / c_msPerSecond, wait % c_msPerSecond * c_usPerMs);
     const NxResult result = m_timers.ScheduleTimer(this, nullptr, interval, 1);
-    if (result != NX_OK && result != NX_ERROR_FOUND) {
+    if (!NxSucceeded(result)) {
         // No memory: the next batch tries again. Until then keys expire when they are named.
         m_nextExpiry.reset();
     }

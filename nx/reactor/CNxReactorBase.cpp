@@ -1,6 +1,6 @@
 #include <nx/foundation/CCallOut.h>
 #include <nx/foundation/CNxProcessWide.h>
-#include <nx/foundation/standard_streams.h>
+#include <nx/foundation/own_lines.h>
 #include <nx/reactor/CNxReactorBase.h>
 #include <nx/timer/CNxTimerPriorityQueue.h>
 #include <pthread.h>
@@ -40,7 +40,7 @@ void WarnOfOtherHandler([[maybe_unused]] int fd, [[maybe_unused]] const INxEvent
                         [[maybe_unused]] const INxEventHandler* registered) {
 #ifdef NXBASE_CHECK_THREADS
     if (asked != registered) {
-        PrintToStderr(
+        SayOnStderr(
             "nxbase: RemoveHandler of handler %p takes away the registration of handler "
             "%p, which has descriptor %d now\n",
             static_cast<const void*>(asked), static_cast<const void*>(registered), fd);

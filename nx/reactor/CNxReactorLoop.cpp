@@ -1,3 +1,4 @@
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/reactor/CNxReactorLoop.h>
 
 #include <cassert>
@@ -23,6 +24,7 @@ CNxReactorLoop::~CNxReactorLoop() {
 NxResult CNxReactorLoop::Open() {
     const NxResult opened = OpenParts();
     if (opened != NX_OK) {
+        const CKeptErrno keptErrno;
         Close();
         return opened;
     }

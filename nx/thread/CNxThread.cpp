@@ -1,6 +1,7 @@
 #include <nx/event/NxCall.h>
 #include <nx/foundation/CCallOut.h>
 #include <nx/foundation/CCancelOff.h>
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxTimeUtils.h>
 #include <nx/foundation/CNxTimeValue.h>
@@ -12,6 +13,7 @@
 #include <sched.h>
 
 #include <cassert>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
@@ -23,6 +25,7 @@ public:
 
 namespace {
 
+constexpr size_t c_longestName = 15;
 constexpr unsigned long c_maxProcessors = 1024;
 constexpr unsigned long c_pollMs = 5;
 constexpr unsigned long c_traceError = 1;
@@ -123,6 +126,7 @@ NxResult CNxThread::StartSystemThread() {
     if (error != 0) {
         m_startEvent = nullptr;
         m_life.store(ELife::NONE);
+        errno = error;
         return NX_ERROR_UNEXPECTED;
     }
     // From here on the object may delete itself: only locals are touched.
@@ -131,7 +135,39 @@ NxResult CNxThread::StartSystemThread() {
     if (startEvent.m_result != NX_OK && joinable) {
         pthread_join(handle, nullptr);
     }
+    if (startEvent.m_result == NX_ERROR_FAILURE) {
+        errno = ENOMEM;  // as it is on the new thread
+    }
     return startEvent.m_result;
+}
+
+// GetReactor is not const, for the reactor that it gives is not.
+CNxString CNxThread::GetDefaultName() const {
+    switch (m_type) {
+        case NX_THREAD_MAIN:
+            return "nx-main";
+        case NX_THREAD_NETWORK:
+            return "nx-network";
+        case NX_THREAD_PRECISE_TIMER:
+            return "nx-timer";
+        default:
+            const bool hasReactor = const_cast<CNxThread*>(this)->GetReactor() != nullptr;
+            char name[32];
+            std::snprintf(name, sizeof(name), hasReactor ? "nx-reactor-%d" : "nx-task-%d", m_type);
+            return CNxString(name).substr(0, c_longestName);
+    }
+}
+
+void CNxThread::SetName(const CNxString& name) {
+    m_name = name.substr(0, c_longestName);
+    if (CNxThreadManager::IsEqualCurrentThread(GetThreadId())) {
+        ApplyName();
+    }
+}
+
+void CNxThread::ApplyName() {
+    // Refused only to a name that is too long.
+    static_cast<void>(pthread_setname_np(pthread_self(), GetName().c_str()));
 }
 
 void* CNxThread::ThreadProc(void* object) {
@@ -161,6 +197,9 @@ void CNxThread::Run() {
     ApplyCpuSet(m_cpuSet);
     CStartEvent* const startEvent = m_startEvent;
     m_startEvent = nullptr;
+    if (startEvent != nullptr) {
+        ApplyName();
+    }
     const NxResult setUp = SetUp();
     if (setUp == NX_ERROR_NULL_POINTER && Unregister()) {
         delete this;
@@ -277,7 +316,7 @@ NxResult CNxThread::Join() {
     if (!IsJoinable() || Claim() == ELife::NONE) {
         return NX_ERROR_FAILURE;
     }
-    return pthread_join(m_threadHandle, nullptr) == 0 ? NX_OK : NX_ERROR_FAILURE;
+    return ResultOfError(pthread_join(m_threadHandle, nullptr));
 }
 
 // The system's own timed join goes by the wall clock.

@@ -1,6 +1,8 @@
 // Nothing is lost when a call fails, a peer resets or there is no memory, on any of the reactors.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <nx/thread/CNxThread.h>
+#include <nx/thread/CNxThreadManager.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -350,6 +352,30 @@ TYPED_TEST(ReactorFaults, ForkedChildTakesNothingFromItsParent) {
     this->Run();
     EXPECT_EQ(end.m_inputs, 1);
     EXPECT_EQ(stays.m_inputs, 1);
+}
+
+// Also when a reactor opens on its own thread, and when what is closed after it fails as well.
+TEST(ReactorErrno, IsThatOfTheCallThatFailed) {
+    const std::pair<FailingCalls::ECall, int> failures[] = {{FailingCalls::EPOLL_CREATE, EMFILE},
+                                                            {FailingCalls::EVENTFD, ENFILE},
+                                                            {FailingCalls::EPOLL_CTL, ENOSPC},
+                                                            {FailingCalls::MMAP, EAGAIN},
+                                                            {FailingCalls::PTHREAD_CREATE, EPERM}};
+    for (const auto& [call, error] : failures) {
+        FailingCalls calls;
+        calls.Fail(call, error, 1);
+        calls.Fail(FailingCalls::CLOSE, EIO, 100);
+        CNxThread* thread = nullptr;
+        CNxThreadManager* const threads = CNxThreadManager::Instance();
+        EXPECT_NE(threads->CreateNetworkThread(2, new CNxReactorEpoll, thread), NX_OK);
+        EXPECT_EQ(errno, error);
+        CNxReactorEpoll reactor;
+        calls.Fail(call, error, 1);
+        errno = error;  // for the last one
+        EXPECT_EQ(reactor.Open() == NX_OK, call == FailingCalls::PTHREAD_CREATE);
+        EXPECT_EQ(errno, error);
+        reactor.Close();
+    }
 }
 
 }  // namespace

@@ -8,8 +8,13 @@ class FailingCalls {
 public:
     enum ECall {
         SEND = FaultPlan::CALL_send,
+        CLOSE = FaultPlan::CALL_close,
+        EPOLL_CREATE = FaultPlan::CALL_epoll_create1,
         EPOLL_CTL = FaultPlan::CALL_epoll_ctl,
+        EVENTFD = FaultPlan::CALL_eventfd,
         GETSOCKOPT = FaultPlan::CALL_getsockopt,
+        MMAP = FaultPlan::CALL_mmap,
+        PTHREAD_CREATE = FaultPlan::CALL_pthread_create,
         SIGQUEUE = FaultPlan::CALL_pthread_sigqueue
     };
 

@@ -30,7 +30,7 @@ enum EEnd { WHOLE = 0, THROWN = 3, REFUSED = 4, PARTS_REFUSED = 5 };
 int s_refused = 0;
 
 void Count(NxResult result) {
-    s_refused += result == NX_OK || result == NX_ERROR_FOUND ? 0 : 1;
+    s_refused += NxSucceeded(result) ? 0 : 1;
 }
 
 class Ticker : public INxTimerHandler {

@@ -1,4 +1,5 @@
 #include <nx/event/NxCall.h>
+#include <nx/foundation/CNxUtils.h>
 #include <nx/foundation/INxObserver.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/thread/CNxThreadTask.h>
@@ -29,6 +30,43 @@ void PostFromManyThreads(INxEventQueue& queue) {
     for (std::thread& poster : posters) {
         poster.join();
     }
+}
+
+CNxString NameOfCallingThread() {
+    char name[16] = "";
+    pthread_getname_np(pthread_self(), name, sizeof(name));
+    return name;
+}
+
+TEST(Thread, IsCalledByItsTypeOrAsItIsTold) {
+    const CNxString before = NameOfCallingThread();
+    const auto nameOf = [](CNxThread& thread) {
+        CNxString name;
+        EventCounts counts;
+        thread.GetEventQueue()->SendEvent(new CountedEvent(counts, [&] {
+            name = NameOfCallingThread();
+            return NX_OK;
+        }));
+        EXPECT_EQ(name, thread.GetName());
+        return name;
+    };
+    const Worker worker;
+    EXPECT_EQ(nameOf(*worker.Get()),
+              "nx-task-" + U32ToStr(static_cast<unsigned>(worker.GetType())));
+    worker.Do([&] {
+        worker->SetName("a name that is longer");
+        return NX_OK;
+    });
+    EXPECT_EQ(nameOf(*worker.Get()), "a name that is ");
+    for (const auto& [type, name] :
+         {std::pair(NX_THREAD_NETWORK, "nx-network"), {2, "nx-reactor-2"}}) {
+        CNxThread* thread = nullptr;
+        Must(
+            Manager()->CreateNetworkThread(type, CNxThreadManager::CreateNetworkReactor(), thread));
+        EXPECT_EQ(nameOf(*thread), name);
+        StopAndDestroy(thread);
+    }
+    EXPECT_EQ(NameOfCallingThread(), before);
 }
 
 TEST(Thread, NoPostIsStrandedByALoopThatFallsAsleep) {
