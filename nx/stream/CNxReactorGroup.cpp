@@ -5,7 +5,6 @@
 #include <nx/stream/CNxReactorGroup.h>
 #include <nx/thread/CNxThreadManager.h>
 #include <nx/thread/CNxThreadReactor.h>
-#include <pthread.h>
 #include <sched.h>
 
 #include <cassert>
@@ -235,14 +234,13 @@ NxResult CNxReactorGroup::StartLoop(const std::string& cpu, const std::string& n
     auto loop = std::make_unique<CLoop>();
     m_loops.reserve(m_loops.size() + 1);
     loop->thread->SetCPUSet(cpu.c_str());
+    loop->thread->SetName(name.c_str());
     NxResult result = loop->thread->Init(CNxThreadManager::CreateNetworkReactor());
     if (result == NX_OK) {
         result = loop->thread->Create(CNxThreadManager::Instance()->GetAndIncreamUserType(),
                                       CNxThreadManager::FLAG_JOINABLE);
     }
     if (result == NX_OK) {
-        // For ps(1) and debuggers: does without if need be.
-        pthread_setname_np(loop->thread->GetThreadHandle(), name.c_str());
         m_loops.push_back(std::move(loop));
     }
     return result;
@@ -354,7 +352,6 @@ NxResult CNxReactorGroup::JoinUntil(const CNxTimeValue& deadline) {
             result = NX_ERROR_TIMEOUT;
             continue;
         }
-        m_loops[i]->GetReactor().Reset2CurrentThread();
         for (const std::unique_ptr<CListener>& listener : m_listeners) {
             listener->Close(i);
         }

@@ -43,8 +43,7 @@ void Say(const std::string& what) {
 // Why, with errno where a system call has failed.
 std::string Explain(const std::string& what, NxResult result) {
     const bool isErrno = result == NX_ERROR_FAILURE && errno != 0;
-    return what + (isErrno ? ": " + std::system_category().message(errno)
-                           : " (result " + std::to_string(result) + ")");
+    return what + ": " + (isErrno ? std::system_category().message(errno) : NxResultName(result));
 }
 
 void FillStandardStreams() {
@@ -218,11 +217,12 @@ NxResult CNxServer::StartMainThread(int argc, char** argv) {
 NxResult CNxServer::Listen(const std::string& endpoint, CNxSinkSource sinks,
                            const CNxListenOptions& options) {
     CNxEndpoint parsed;
-    errno = 0;
-    NxResult result = parsed.Set(endpoint.c_str());
-    if (result == NX_OK) {
-        result = m_group.Listen(parsed, std::move(sinks), options);
+    if (parsed.Set(endpoint.c_str()) != NX_OK) {
+        Fail("no endpoint: " + endpoint);
+        return NX_ERROR_INVALID_ARG;
     }
+    errno = 0;
+    const NxResult result = m_group.Listen(parsed, std::move(sinks), options);
     if (result != NX_OK) {
         Fail(Explain("cannot listen on " + endpoint, result));
     }
