@@ -7,6 +7,7 @@
 class FailingCalls {
 public:
     enum ECall {
+        ACCEPT4 = FaultPlan::CALL_accept4,
         SEND = FaultPlan::CALL_send,
         CLOSE = FaultPlan::CALL_close,
         EPOLL_CREATE = FaultPlan::CALL_epoll_create1,
@@ -15,7 +16,8 @@ public:
         GETSOCKOPT = FaultPlan::CALL_getsockopt,
         MMAP = FaultPlan::CALL_mmap,
         PTHREAD_CREATE = FaultPlan::CALL_pthread_create,
-        SIGQUEUE = FaultPlan::CALL_pthread_sigqueue
+        SIGQUEUE = FaultPlan::CALL_pthread_sigqueue,
+        SOCKET = FaultPlan::CALL_socket,
     };
 
     FailingCalls() {
