@@ -18,10 +18,7 @@ int main(int argc, char** argv) {
         CNxTlsOptions tls;
         tls.certificateFile = argv[2];
         tls.keyFile = argv[3];
-        std::string error;
-        if (CNxTlsContext::CreateServer(options.connection.tls, tls, error) != NX_OK) {
-            server.Fail(error);
-        }
+        options.connection.tls = server.MakeTls(tls);
     }
     server.Listen(argc > 1 ? argv[1] : "127.0.0.1:0", echo, options);
     server.Announce();

@@ -1,6 +1,7 @@
 #include <nx/event/NxCall.h>
 #include <nx/foundation/CNxTimeUtils.h>
 #include <nx/process/CatchBadAlloc.h>
+#include <nx/stream/CNxAcceptor.h>
 #include <nx/stream/CNxConnection.h>
 #include <nx/stream/CNxReactorGroup.h>
 #include <nx/thread/CNxThreadManager.h>

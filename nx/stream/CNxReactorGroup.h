@@ -19,7 +19,7 @@
 #include <nx/foundation/CNxTimeValue.h>
 #include <nx/foundation/NxResult.h>
 #include <nx/net/CNxEndpoint.h>
-#include <nx/stream/CNxAcceptor.h>
+#include <nx/stream/CNxAcceptorOptions.h>
 #include <nx/stream/CNxConnectionOptions.h>
 #include <nx/stream/INxConnectionSink.h>
 

@@ -216,6 +216,10 @@ NxResult CNxServer::StartMainThread(int argc, char** argv) {
 
 NxResult CNxServer::Listen(const std::string& endpoint, CNxSinkSource sinks,
                            const CNxListenOptions& options) {
+    if (HasFailed()) {
+        // Such as the certificate: nobody is to be served without it.
+        return NX_ERROR_NOT_INITIALIZED;
+    }
     CNxEndpoint parsed;
     if (parsed.Set(endpoint.c_str()) != NX_OK) {
         Fail("no endpoint: " + endpoint);
@@ -227,6 +231,15 @@ NxResult CNxServer::Listen(const std::string& endpoint, CNxSinkSource sinks,
         Fail(Explain("cannot listen on " + endpoint, result));
     }
     return result;
+}
+
+CNxAutoPtr<CNxTlsContext> CNxServer::MakeTls(const CNxTlsOptions& options) {
+    CNxAutoPtr<CNxTlsContext> tls;
+    std::string error;
+    if (CNxTlsContext::CreateServer(tls, options, error) != NX_OK) {
+        Fail(error);
+    }
+    return tls;
 }
 
 void CNxServer::Announce() const {

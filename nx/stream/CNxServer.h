@@ -52,9 +52,13 @@ public:
 
     // CNxReactorGroup::Listen on an endpoint in text (CNxEndpoint::Set). The result need not be
     // looked at: Run does. NX_ERROR_INVALID_ARG for what is no endpoint, NX_ERROR_NOT_INITIALIZED
-    // when the start has failed, else that of the group.
+    // when something has failed before, else that of the group.
     NxResult Listen(const std::string& endpoint, CNxSinkSource sinks,
                     const CNxListenOptions& options = {});
+
+    // A TLS context of a server, for the options of connections; null when it cannot be made, and
+    // then Run says why.
+    [[nodiscard]] CNxAutoPtr<CNxTlsContext> MakeTls(const CNxTlsOptions& options);
 
     // Prints "listening on ENDPOINT" on standard output for each Listen that has succeeded, with
     // the port that the system has chosen for 0.

@@ -81,6 +81,12 @@ protected:
         return static_cast<size_t>(std::stoul(client.Receive(1)));
     }
 
+    void WaitForConnections(size_t count) const {
+        while (m_group.GetConnections() != count) {
+            std::this_thread::yield();
+        }
+    }
+
     std::mutex m_mutex;
     std::vector<ENxClosed> m_closed;
     CNxReactorGroup m_group;
@@ -102,17 +108,13 @@ TEST_F(ReactorGroup, ConnectionsAreHandedOut) {
         EXPECT_TRUE(clients[0].size() == 2 && clients[1].size() == 2 && clients[2].size() == 2);
         if (distribution == ENxDistribution::FEWEST) {
             clients[1].clear();
-            while (m_group.GetConnections() != 4) {
-                std::this_thread::yield();
-            }
+            WaitForConnections(4);
             connect();
             connect();
             EXPECT_EQ(2U, clients[1].size());
         }
         clients = {};
-        while (m_group.GetConnections() != 0) {
-            std::this_thread::yield();
-        }
+        WaitForConnections(0);
     }
     const unsigned short port = Listen(ENxDistribution::SOCKET_FOR_EACH);
     for (int i = 0; i < 20; ++i) {
@@ -132,10 +134,12 @@ TEST_F(ReactorGroup, AStopWaitsForWhatIsUnderWayUpToItsLimit) {
     AskLoop(finishing, "b");
     m_group.BeginStop();
     EXPECT_EQ("", idle.ReceiveAll());
+    idle.EndSending();
     // Still served; and done, when it likes.
     AskLoop(finishing);
     finishing.EndSending();
     EXPECT_EQ("", finishing.ReceiveAll());
+    WaitForConnections(1);
     EXPECT_EQ(NX_OK, m_group.Stop({0, 100000}));
     EXPECT_EQ("", busy.ReceiveAll());
     std::sort(m_closed.begin(), m_closed.end());

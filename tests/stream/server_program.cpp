@@ -6,14 +6,15 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <string>
 
 namespace {
 
 std::atomic<int> g_reloads{0};
 
-// "r": how often it was told to reload. "b": to be busy when the server stops. "p": blocks its
-// loop. "s": stops the server.
+// "r": how often it was told to reload. "b": to be busy when the server stops. "s": stops the
+// server. "p": does so twice, and blocks its loop.
 class Sink : public INxConnectionSink {
 public:
     explicit Sink(CNxServer& server) : m_server(server) {}
@@ -26,6 +27,8 @@ public:
         }
         connection.Send(request == 'r' ? std::to_string(g_reloads) : "+");
         while (request == 'p') {
+            kill(getpid(), SIGTERM);
+            kill(getpid(), SIGINT);
             pause();
         }
     }
