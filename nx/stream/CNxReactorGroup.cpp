@@ -120,10 +120,16 @@ NxResult CNxReactorGroup::CListener::Open(const CNxEndpoint& endpoint, size_t fi
 
 NxResult CNxReactorGroup::CListener::OpenOn(size_t loop, const CNxEndpoint& endpoint) {
     INxReactor& reactor = m_group.m_loops[loop]->GetReactor();
-    auto onAccepted = [this, loop](CNxConnectedSocket socket, const CNxEndpoint& /*peer*/) {
-        HandOver(loop, std::move(socket));
-    };
-    m_acceptors[loop] = std::make_unique<CNxAcceptor>(reactor, std::move(onAccepted));
+    const NxResult made = CatchBadAlloc([&]() -> NxResult {
+        m_acceptors[loop] = std::make_unique<CNxAcceptor>(
+            reactor, [this, loop](CNxConnectedSocket socket, const CNxEndpoint& /*peer*/) {
+                HandOver(loop, std::move(socket));
+            });
+        return NX_OK;
+    });
+    if (made != NX_OK) {
+        return made;
+    }
     int error = 0;
     const NxResult opened = NxSendCall(reactor, [&]() -> NxResult {
         const NxResult result = m_acceptors[loop]->Open(endpoint, m_options.acceptor);
@@ -204,7 +210,7 @@ CNxReactorGroup::~CNxReactorGroup() {
 }
 
 NxResult CNxReactorGroup::Start(const CNxReactorGroupOptions& options) {
-    if (!m_loops.empty()) {
+    if (!m_loops.empty() || m_isStopping) {
         return NX_ERROR_ALREADY_INITIALIZED;
     }
     const NxResult started = CatchBadAlloc([&]() -> NxResult {

@@ -92,8 +92,8 @@ public:
     CNxReactorGroup& operator=(const CNxReactorGroup&) = delete;
 
     // Starts the loops: epoll, with user types of the thread manager.
-    // NX_OK; NX_ERROR_ALREADY_INITIALIZED when started before; NX_ERROR_INVALID_ARG for too many
-    // loops; else the result of CNxThreadReactor::Create that failed, with no loop left.
+    // NX_OK; NX_ERROR_ALREADY_INITIALIZED when started or stopped before; NX_ERROR_INVALID_ARG for
+    // too many loops; else the result of CNxThreadReactor::Create that failed, with no loop left.
     [[nodiscard]] NxResult Start(const CNxReactorGroupOptions& options);
 
     size_t GetCount() const { return m_loops.size(); }
@@ -125,7 +125,7 @@ public:
     // any; else, with the others reloaded all the same, the first failure and its text in `error`.
     [[nodiscard]] NxResult ReloadTls(std::string& error);
 
-    // Of all loops at present.
+    // Of all loops that run, at present.
     size_t GetConnections() const;
     // Accepted connections that were hung up on because their loop could not take them.
     std::uint64_t GetRefused() const { return m_refused.load(std::memory_order_relaxed); }
