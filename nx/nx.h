@@ -76,7 +76,9 @@
 #include <nx/stream/CNxConnection.h>
 #include <nx/stream/CNxConnectionOptions.h>
 #include <nx/stream/CNxFraming.h>
+#include <nx/stream/CNxReactorGroup.h>
 #include <nx/stream/CNxReleasedWithSocket.h>
+#include <nx/stream/CNxServer.h>
 #include <nx/stream/CNxTlsContext.h>
 #include <nx/stream/CNxTlsOptions.h>
 #include <nx/stream/INxConnectionSink.h>

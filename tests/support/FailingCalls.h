@@ -17,7 +17,7 @@ public:
         MMAP = FaultPlan::CALL_mmap,
         PTHREAD_CREATE = FaultPlan::CALL_pthread_create,
         SIGQUEUE = FaultPlan::CALL_pthread_sigqueue,
-        SOCKET = FaultPlan::CALL_socket
+        SOCKET = FaultPlan::CALL_socket,
     };
 
     FailingCalls() {
