@@ -18,10 +18,12 @@
 #include <nx/event/CNxEventStop.h>
 #include <nx/event/CNxEventSynchronous.h>
 #include <nx/event/INxEventQueue.h>
+#include <nx/event/NxCall.h>
 #include <nx/foundation/CNxAutoPtr.h>
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/foundation/CNxConditionVariableThread.h>
 #include <nx/foundation/CNxEventThread.h>
+#include <nx/foundation/CNxFunction.h>
 #include <nx/foundation/CNxMutexOverFork.h>
 #include <nx/foundation/CNxMutexThread.h>
 #include <nx/foundation/CNxProcessWide.h>
@@ -78,6 +80,7 @@
 #include <nx/thread/CNxTimerPreciseManager.h>
 #include <nx/thread/CNxTimerPreciseWrapperID.h>
 #include <nx/thread/CNxTimerWrapperID.h>
+#include <nx/timer/CNxTimedCall.h>
 #include <nx/timer/CNxTimerPriorityQueue.h>
 #include <nx/timer/CNxTimerQueueBase.h>
 #include <nx/timer/CNxTimerQueueCalendar.h>

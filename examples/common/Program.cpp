@@ -1,6 +1,6 @@
-#include <common/CallEvent.h>
 #include <common/Program.h>
 #include <fcntl.h>
+#include <nx/event/NxCall.h>
 #include <nx/reactor/INxReactor.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadManager.h>
@@ -75,7 +75,7 @@ std::string Program::Run(const NetworkWork& work) {
     }
     m_signals.Close();
     // Comes after the last signal. Refused only by a thread that has ended and calls nobody.
-    CallOn(GetReactor(), work.close);
+    NxSendCall(GetReactor(), work.close);
     // Before the work's objects go: what is left in the queues refers to them.
     Require(threads->StopAllThreads(nullptr), "stop its threads");
     Require(threads->JoinAllThreads(), "join its threads");
@@ -85,7 +85,7 @@ std::string Program::Run(const NetworkWork& work) {
 std::string Program::OpenAll(const NetworkWork& work) {
     INxReactor& reactor = GetReactor();
     std::string error = "the network thread is gone";
-    CallOn(reactor, [&] {
+    NxSendCall(reactor, [&] {
         error = work.open();
         m_isServing = error.empty();
         CloseWithThread(work);

@@ -1,5 +1,4 @@
 // Sends back what it receives: echo_server [port]. docs/guide.md explains it step by step.
-#include <common/CallEvent.h>
 #include <common/Program.h>
 #include <common/SignalThread.h>
 #include <nx/nx.h>
@@ -114,7 +113,7 @@ int main(int argc, char** argv) {
     CNxInetAddr address("127.0.0.1", static_cast<unsigned short>(port));
     AcceptHandler acceptor(reactor);
     bool opened = false;
-    examples::CallOn(reactor, [&] { opened = port <= 65535 && acceptor.Open(address); });
+    NxSendCall(reactor, [&] { opened = port <= 65535 && acceptor.Open(address); });
     opened = opened && signals.Open(reactor, [](int) { CNxSignalStop::Instance()->Launch(0); });
     if (opened) {
         std::printf("listening on %s:%d\n", address.GetHostAddr(), address.GetPort());

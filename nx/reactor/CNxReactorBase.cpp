@@ -2,7 +2,7 @@
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/standard_streams.h>
 #include <nx/reactor/CNxReactorBase.h>
-#include <nx/timer/CNxTimerQueueOrderedList.h>
+#include <nx/timer/CNxTimerPriorityQueue.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -20,6 +20,15 @@ constexpr const char* c_name = "a reactor";
 constexpr size_t c_eventsPerTurn = 100000;
 constexpr long c_allAndCall = NX_MASK_ALL_EVENTS | NX_MASK_SHOULD_CALL;
 constexpr int c_none = -1;
+
+// Null without memory.
+std::unique_ptr<CNxTimerQueueBase> MakeTimerQueue() {
+    try {
+        return std::make_unique<CNxTimerPriorityQueue>(nullptr);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
 
 // The bytes that wait to be read; 0 where there is no such number.
 int CountUnread(int fd) {
@@ -49,7 +58,7 @@ CNxReactorBase::~CNxReactorBase() = default;
 NxResult CNxReactorBase::Open() {
     Reset2CurrentThread();
     if (m_pTimerQueue == nullptr) {
-        m_pTimerQueue.reset(new (std::nothrow) CNxTimerQueueOrderedList(nullptr));
+        m_pTimerQueue = MakeTimerQueue();
     }
     const NxResult opened = m_pTimerQueue != nullptr ? m_EhRepository.Open() : NX_ERROR_FAILURE;
     if (opened == NX_OK) {
@@ -65,7 +74,23 @@ NxResult CNxReactorBase::Close() {
     m_pTimerQueue.reset();
     m_EhRepository.Close();
     StopAndDestoryPendingEvents();
+    m_Est.LetGo();
     return NX_OK;
+}
+
+void CNxReactorBase::TakeBack() {
+    m_Est.TakeBack();
+    m_Est.EnsureSingleThread("a reactor's loop");
+    if (m_pTimerQueue != nullptr) {
+        m_pTimerQueue->Reset2CurrentThread();
+    }
+}
+
+void CNxReactorBase::LetGo() {
+    m_Est.LetGo();
+    if (m_pTimerQueue != nullptr) {
+        m_pTimerQueue->LetGo();
+    }
 }
 
 void CNxReactorBase::Reset2CurrentThread() {

@@ -22,7 +22,9 @@
 // or NX_ERROR_NOT_AVAILABLE.
 //
 // Any thread may call PostEvent, SendEvent, GetPendingEventsCount, NotifyHandler and
-// StopEventLoop; all else belongs to the thread that called Open.
+// StopEventLoop; all else belongs to the thread that called Open. When the loop has ended and its
+// thread was joined, or the reactor is closed, any one thread may clear up: remove handlers, cancel
+// timers, close it. For that the reactor must still be there: it outlives its handlers and timers.
 //
 // A forked child has a copy of an open reactor, not the reactor: its calls change nothing that the
 // parent uses. Registering, posting, notifying and running the loop return an error there, removing
@@ -30,7 +32,7 @@
 class CNxReactorBase : public INxReactor, public CNxStopFlag, public CNxEventQueueUsingMutex {
 public:
     // Takes over the timer queue that the reactor shall use until it is closed; null, and every
-    // later Open, makes an ordered list.
+    // later Open, makes a CNxTimerPriorityQueue.
     explicit CNxReactorBase(std::unique_ptr<CNxTimerQueueBase> timerQueue = nullptr);
     ~CNxReactorBase() override;
 
@@ -65,7 +67,8 @@ public:
 
     // As CNxEventQueueUsingMutex; wakes the loop when the queue was empty, and when an earlier
     // wake-up could not be sent.
-    NxResult PostEvent(INxEvent* event, INxEventQueue::EPriority priority) override;
+    NxResult PostEvent(INxEvent* event,
+                       INxEventQueue::EPriority priority = INxEventQueue::PRIORITY_NORMAL) override;
     NxResult SendEvent(INxEvent* event) override;
     size_t GetPendingEventsCount() override;
     void StopAndDestoryPendingEvents() override;
@@ -131,6 +134,10 @@ protected:
     // The error that waits at a socket, which it takes from it (SO_ERROR, socket(7)), or why it
     // cannot be asked; EPIPE for what is no socket.
     static int TakeError(int fd);
+
+    // The beginning and the end of the loop, on its thread, which it belongs to in between.
+    void TakeBack();
+    void LetGo();
 
     CNxEnsureSingleThread m_Est;
     std::unique_ptr<CNxTimerQueueBase> m_pTimerQueue;

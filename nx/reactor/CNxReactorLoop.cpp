@@ -63,7 +63,13 @@ NxResult CNxReactorLoop::StopEventLoop() {
 }
 
 NxResult CNxReactorLoop::RunEventLoop() {
-    m_Est.EnsureSingleThread("a reactor's loop");
+    TakeBack();
+    const NxResult result = RunTurns();
+    LetGo();
+    return result;
+}
+
+NxResult CNxReactorLoop::RunTurns() {
     while (!IsStopped() && !IsCopyOfParent()) {
         CNxTimeValue remaining;
         const int fired = FireTimers(remaining);

@@ -7,8 +7,10 @@
 #include <nx/timer/INxTimerQueue.h>
 
 // Any thread may call PostEvent, SendEvent, GetPendingEventsCount, NotifyHandler and StopEventLoop;
-// everything else belongs to the thread that called Open. The result codes are with the
-// implementations: CNxReactorBase and CNxReactorLoop have those that all reactors share.
+// everything else belongs to the thread that called Open. Once its loop has ended and that thread
+// was joined, any thread may call RemoveHandler and CancelTimer, as long as the reactor is there.
+// The result codes are with the implementations: CNxReactorBase and CNxReactorLoop have those that
+// all reactors share.
 class INxReactor : public INxEventQueue, public INxTimerQueue {
 public:
     enum EReactorType { TYPE_EPOLL = 1, TYPE_REAL_TIME_SIGNAL = 2, TYPE_SELECT = 4 };

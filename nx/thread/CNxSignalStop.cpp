@@ -26,7 +26,7 @@ NxResult CNxSignalStop::Launch(int /*signal*/) {
     if (queue == nullptr) {
         return NX_ERROR_FAILURE;
     }
-    const NxResult result = queue->PostEvent(this, INxEventQueue::PRIORITY_NORMAL);
+    const NxResult result = queue->PostEvent(this);
     PrintToStdout("CNxSignalStop::CNxSignalStop, PostEvent, rv=%d.\n", static_cast<int>(result));
     return result;
 }

@@ -1,3 +1,4 @@
+#include <nx/event/NxCall.h>
 #include <nx/foundation/CCallOut.h>
 #include <nx/foundation/CCancelOff.h>
 #include <nx/foundation/CNxProcessWide.h>
@@ -13,7 +14,6 @@
 #include <cassert>
 #include <cstdio>
 #include <cstdlib>
-#include <new>
 
 // How the new thread tells the one in Create that it is up, or that it is not going to be.
 class CNxThread::CStartEvent : public CNxEventThread {
@@ -26,16 +26,6 @@ namespace {
 constexpr unsigned long c_maxProcessors = 1024;
 constexpr unsigned long c_pollMs = 5;
 constexpr unsigned long c_traceError = 1;
-
-// Ends a reactor's loop from inside.
-class CStopLoop : public INxEvent {
-public:
-    explicit CStopLoop(INxReactor& reactor) : m_reactor(reactor) {}
-    NxResult OnEventFire() override { return m_reactor.StopEventLoop(); }
-
-private:
-    INxReactor& m_reactor;
-};
 
 // Reads "1,3" into `set`; false when it names no processor.
 bool ParseCpuSet(const CNxString& text, cpu_set_t& set) {
@@ -272,8 +262,8 @@ NxResult CNxThread::StopForCertain(CNxTimeValue* timeout) {
     if (stopped != NX_ERROR_FAILURE || reactor == nullptr) {
         return stopped;
     }
-    auto* const event = new (std::nothrow) CStopLoop(*reactor);
-    return event != nullptr ? reactor->PostEvent(event, INxEventQueue::PRIORITY_NORMAL) : stopped;
+    // From inside.
+    return NxPostCall(*reactor, [reactor] { return reactor->StopEventLoop(); });
 }
 
 NxResult CNxThread::Stop(CNxTimeValue* /*timeout*/) {

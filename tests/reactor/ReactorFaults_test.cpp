@@ -46,7 +46,7 @@ TYPED_TEST(ReactorFaults, LoopThatSleepsHearsOfEventsWhoseWakeUpWasLost) {
     };
     // The third makes up for the other two.
     for (const CountedEvent::Action& action : {CountedEvent::Action(), {}, {tell}}) {
-        EXPECT_EQ(reactor.PostEvent(new CountedEvent(this->m_counts, action), c_normal), NX_OK);
+        EXPECT_EQ(reactor.PostEvent(new CountedEvent(this->m_counts, action)), NX_OK);
     }
     EXPECT_EQ(fired.get_future().wait_for(std::chrono::milliseconds(500)),
               std::future_status::ready);
@@ -65,7 +65,7 @@ TYPED_TEST(ReactorFaults, CancelledThreadIsNotTornFromItsWakeUp) {
     bool hasReturned = false;
     std::thread poster([&] {
         pthread_cancel(pthread_self());
-        this->m_reactor.PostEvent(new CountedEvent(this->m_counts), c_normal);
+        this->m_reactor.PostEvent(new CountedEvent(this->m_counts));
         hasReturned = true;
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     });

@@ -1,3 +1,4 @@
+#include <nx/event/NxCall.h>
 #include <nx/foundation/INxObserver.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/thread/CNxThreadTask.h>
@@ -18,7 +19,7 @@ void PostFromManyThreads(INxEventQueue& queue) {
             EventCounts counts;
             for (int round = 0; round < 300; ++round) {
                 for (int post = 0; post <= round % 3; ++post) {
-                    ASSERT_EQ(queue.PostEvent(new CountedEvent(counts), c_normal), NX_OK);
+                    ASSERT_EQ(queue.PostEvent(new CountedEvent(counts)), NX_OK);
                 }
                 YieldUntil([&counts] { return counts.AllDestroyed(); });
             }
@@ -51,7 +52,7 @@ TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
             YieldUntil([&go] { return go.load(); });
             return thread->Join();
         };
-        queue->PostEvent(new CountedEvent(counts, joinItself), c_normal);
+        queue->PostEvent(new CountedEvent(counts, joinItself));
         // Priorities do not change the order.
         for (int i = 1; i <= 100; ++i) {
             const auto inTurn = [&counts, i] {
@@ -64,7 +65,7 @@ TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
         }
         EXPECT_EQ(thread->Stop(nullptr), NX_OK);
         EXPECT_EQ(thread->Stop(nullptr), NX_ERROR_NOT_INITIALIZED);
-        EXPECT_EQ(queue->PostEvent(new CountedEvent(counts), c_normal), NX_ERROR_NOT_INITIALIZED);
+        EXPECT_EQ(queue->PostEvent(new CountedEvent(counts)), NX_ERROR_NOT_INITIALIZED);
         go = true;
         // Joining itself must not have counted.
         EXPECT_EQ(thread->Join(), NX_OK);
@@ -188,6 +189,26 @@ TEST(Thread, StopThatComesBeforeTheReactorIsOpenIsNotLost) {
         NX_OK);
     EXPECT_EQ(thread->Join(), NX_OK);
     thread->Destory(0);
+}
+
+TEST(Thread, TimersOfAJoinedOneAreCancelledOnAnyOther) {
+    struct Handler : INxTimerHandler {
+        void OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) override {}
+    };
+    Handler handler;
+    CNxThread* const worker = StartWorker();
+    INxTimerQueue& timers = *worker->GetTimerQueue();
+    const auto schedule = [&] {
+        return timers.ScheduleTimer(&handler, nullptr, CNxTimeValue(60, 0), 1);
+    };
+    EXPECT_EQ(NxSendCall(*worker->GetEventQueue(), schedule), NX_OK);
+#ifdef NXBASE_CHECK_THREADS
+    EXPECT_DEATH(timers.CancelTimer(&handler), "belongs to thread");
+#endif
+    worker->Stop(nullptr);
+    EXPECT_EQ(worker->Join(), NX_OK);
+    EXPECT_EQ(timers.CancelTimer(&handler), NX_OK);
+    worker->Destory(0);
 }
 
 }  // namespace

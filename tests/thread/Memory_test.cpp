@@ -41,7 +41,7 @@ TEST(Memory, PostOrSendWithoutItDestroysTheEventOnce) {
     // The first event that ends on a thread has it make room for places, which may fail.
     EXPECT_EQ(queue->SendEvent(new CountedEvent(counts)), NX_OK);
     next(false);
-    Sweep([&] { return queue->PostEvent(event, c_normal); }, next);
+    Sweep([&] { return queue->PostEvent(event); }, next);
     Sweep([&] { return queue->SendEvent(event); }, next);
     event->OnDestorySelf();
     {
@@ -72,7 +72,7 @@ TEST(Memory, BacklogIsTakenInSmallerPartsWithoutTheMemoryForLargeOnes) {
     CNxEventQueueUsingMutex queue;
     EventCounts counts;
     for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(queue.PostEvent(new CountedEvent(counts), c_normal), NX_OK);
+        ASSERT_EQ(queue.PostEvent(new CountedEvent(counts)), NX_OK);
     }
     CNxEventQueueBase::Batch events;
     size_t remaining = 0;
