@@ -39,6 +39,7 @@
 #include <nx/foundation/INxObserver.h>
 #include <nx/foundation/NxResult.h>
 #include <nx/foundation/NxThreadAnnotations.h>
+#include <nx/net/CNxEndpoint.h>
 #include <nx/net/CNxIPAddress.h>
 #include <nx/net/CNxIPCBase.h>
 #include <nx/net/CNxInetAddr.h>

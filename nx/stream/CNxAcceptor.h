@@ -8,7 +8,7 @@
 #include <nx/foundation/NxResult.h>
 #include <nx/net/CNxEndpoint.h>
 #include <nx/reactor/INxReactor.h>
-#include <nx/stream/CNxConnection.h>
+#include <nx/stream/CNxConnectedSocket.h>
 
 struct CNxAcceptorOptions {
     int backlog = 4096;

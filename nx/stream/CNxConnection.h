@@ -21,19 +21,12 @@
 #include <nx/foundation/NxResult.h>
 #include <nx/net/CNxEndpoint.h>
 #include <nx/net/CNxSocket.h>
+#include <nx/stream/CNxConnectedSocket.h>
 #include <nx/stream/CNxConnectionOptions.h>
-#include <nx/stream/CNxReleasedWithSocket.h>
 #include <nx/stream/INxConnectionSink.h>
 
 class INxReactor;
 struct CNxTlsInfo;
-
-// A socket that is connected, and what has to live as long as it, such as its count among the
-// connections that an acceptor may have.
-struct CNxConnectedSocket {
-    CNxSocketBase socket;
-    std::unique_ptr<CNxReleasedWithSocket> attached;
-};
 
 // Belongs to one reactor, whose thread calls the sink. Counted: it holds a reference to itself
 // until it has ended, so whoever only sends and receives need not keep it. Whoever does keep one,
