@@ -8,6 +8,7 @@
 #include <nx/buffer/CNxFifoBuffer.h>
 #include <nx/buffer/CNxIDAllocator.h>
 #include <nx/buffer/CNxMessageBlock.h>
+#include <nx/buffer/CNxMessageChain.h>
 #include <nx/config/CConfigFile.h>
 #include <nx/config/CNxConfigInitFile.h>
 #include <nx/config/init_file.h>
@@ -68,6 +69,7 @@
 #include <nx/reactor/realtime/CNxReactorRealTimeSignal.h>
 #include <nx/resolve/CNxDnsManager.h>
 #include <nx/resolve/CNxDnsRecord.h>
+#include <nx/stream/CNxFraming.h>
 #include <nx/thread/CNxReactorThreadProxy.h>
 #include <nx/thread/CNxSignalStop.h>
 #include <nx/thread/CNxSimpleMessageQueue.h>
