@@ -12,9 +12,7 @@
 
 namespace {
 
-// What fits a datagram of either family together, and what every kernel cuts up at once
-// (UDP_MAX_SEGMENTS, linux/udp.h).
-constexpr size_t c_maxRunBytes = 65535 - 40 - 8;
+// What every kernel cuts up at once (UDP_MAX_SEGMENTS, linux/udp.h).
 constexpr size_t c_maxRun = 64;
 
 // Of those that are gone so many stay in front of the others.
@@ -102,13 +100,11 @@ void CDatagramQueue::Put(const CNxEndpoint& to, std::string_view bytes) {
     PutWith(to, [&] { m_bytes.insert(m_bytes.end(), bytes.begin(), bytes.end()); });
 }
 
-void CDatagramQueue::Put(const CNxEndpoint& to, CNxMessageChain& chain) {
+void CDatagramQueue::Put(const CNxEndpoint& to, const CNxMessageChain& chain) {
     PutWith(to, [&] {
-        while (!chain.IsEmpty()) {
-            const std::string_view front = chain.GetFront();
-            m_bytes.insert(m_bytes.end(), front.begin(), front.end());
-            chain.Consume(front.size());
-        }
+        const size_t oldSize = m_bytes.size();
+        m_bytes.resize(oldSize + chain.GetSize());
+        chain.Copy(m_bytes.data() + oldSize, chain.GetSize());
     });
 }
 
@@ -122,16 +118,9 @@ void CDatagramQueue::Put(const CNxEndpoint& to, const iovec* pieces, size_t coun
 }
 
 void CDatagramQueue::TakeAll(CDatagramQueue& other) {
-    assert(other.m_first == 0 && other.m_firstByte == 0);
-    if (IsEmpty()) {
-        m_waiting.swap(other.m_waiting);
-        m_bytes.swap(other.m_bytes);
-    } else {
-        m_waiting.reserve(m_waiting.size() + other.m_waiting.size());
-        m_bytes.insert(m_bytes.end(), other.m_bytes.begin(), other.m_bytes.end());
-        m_waiting.insert(m_waiting.end(), other.m_waiting.begin(), other.m_waiting.end());
-    }
-    other.Clear();
+    assert(IsEmpty() && m_first == 0 && other.m_first == 0);
+    m_waiting.swap(other.m_waiting);
+    m_bytes.swap(other.m_bytes);
 }
 
 void CDatagramQueue::Clear() {
@@ -141,10 +130,9 @@ void CDatagramQueue::Clear() {
     m_firstByte = 0;
 }
 
-void CDatagramQueue::ProbeSegmenting(int socket) {
+bool CDatagramQueue::CanSegment(int socket) {
     const int none = 0;
-    const bool isThere = setsockopt(socket, SOL_UDP, UDP_SEGMENT, &none, sizeof(none)) == 0;
-    m_maxSegment = isThere ? c_maxRunBytes : 0;
+    return setsockopt(socket, SOL_UDP, UDP_SEGMENT, &none, sizeof(none)) == 0;
 }
 
 CDatagramQueue::EResult CDatagramQueue::SendTo(int socket, CTally& tally) {

@@ -12,17 +12,17 @@
 class CNxMessageChain;
 
 // First in, first out. The bytes lie one datagram behind the other, so that a run of equal ones to
-// one peer is one piece for the system, which cuts it up itself (UDP_SEGMENT, udp(7)). What was sent
-// leaves its memory to what comes. Belongs to whoever locks it; what throws std::bad_alloc has
+// one peer is one piece for the system, which cuts it up itself (UDP_SEGMENT, udp(7)). What was
+// sent leaves its memory to what comes. Belongs to whoever locks it; what throws std::bad_alloc has
 // changed nothing.
 class CDatagramQueue {
 public:
     // `to` of no family: the peer that the socket is connected to.
     void Put(const CNxEndpoint& to, std::string_view bytes);
-    void Put(const CNxEndpoint& to, CNxMessageChain& chain);
+    void Put(const CNxEndpoint& to, const CNxMessageChain& chain);
     void Put(const CNxEndpoint& to, const iovec* pieces, size_t count);
 
-    // Puts all of the other behind what is there.
+    // Becomes what the other is, which becomes empty; this one is, before. Copies nothing.
     void TakeAll(CDatagramQueue& other);
 
     void Clear();
@@ -34,8 +34,9 @@ public:
     size_t GetCost() const { return m_bytes.size() - m_firstByte + GetCount() * c_costOfOne; }
     static constexpr size_t c_costOfOne = 128;
 
-    // Whether the socket cuts up runs: to be asked once for each socket.
-    void ProbeSegmenting(int socket);
+    // Whether the system cuts up runs for this socket, and whether it is to.
+    static bool CanSegment(int socket);
+    void UseSegments(bool isWanted) { m_maxSegment = isWanted ? c_maxRunBytes : 0; }
 
     // Sends what there is, as far as the socket takes it; what it refuses for good is dropped.
     // BLOCKED: it has no room. SHORT: the system lacks memory for the moment.
@@ -62,6 +63,9 @@ private:
     void FillBatch(CBatch& batch);
     void OnRefused(int error, size_t run, CTally& tally);
     void Drop(size_t count);
+
+    // What fits a datagram of either family.
+    static constexpr size_t c_maxRunBytes = 65535 - 40 - 8;
 
     // From here on they wait; those before are gone.
     size_t m_first = 0;

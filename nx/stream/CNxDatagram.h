@@ -26,6 +26,7 @@
 #include <nx/reactor/INxReactor.h>
 
 class CDatagramQueue;
+class CUnixPath;
 
 struct CNxDatagramOptions {
     // Connected to it (connect(2)): sends there what is sent to an endpoint of no family, and
@@ -42,6 +43,9 @@ struct CNxDatagramOptions {
     // datagrams are dropped and counted. What other threads have sent and the loop has not seen yet
     // is bounded by itself.
     size_t maxUnsent = 1UL << 20;
+
+    // Permissions of the path of a unix socket.
+    unsigned unixMode = 0660;
 
     // Runs of datagrams of one size to one peer are cut up by the system, where it can
     // (UDP_SEGMENT, udp(7)); the peers cannot tell.
@@ -157,38 +161,53 @@ private:
     int OnClose(int fd, long mask) override;
     void OnTimeout(const CNxTimeValue& curTime, void* token) override;
 
+    [[nodiscard]] bool OpenSocket(const CNxEndpoint& endpoint, const CNxDatagramOptions& options,
+                                  unsigned interface);
+    [[nodiscard]] bool Bind(const CNxEndpoint& endpoint, unsigned unixMode);
+    void CloseSocket();
     [[nodiscard]] NxResult ChangeMembership(const CNxEndpoint& group, const std::string& interface,
                                             int option) const;
     [[nodiscard]] bool Watch(long mask);
     void TryLater();
 
     template <class Put>
-    [[nodiscard]] NxResult SendWith(const Put& put);
+    [[nodiscard]] NxResult SendWith(size_t size, const Put& put);
     template <class Put>
-    [[nodiscard]] NxResult SendOnOwnThread(const Put& put);
+    [[nodiscard]] NxResult SendHere(const Put& put);
+    template <class Put>
+    [[nodiscard]] NxResult SendFromElsewhere(const Put& put);
     void OnFlushAsked();
 
+    void Serve();
     [[nodiscard]] bool Receive();
-    [[nodiscard]] bool HandOut(const CReceiver& receiver, size_t count, const bool& isClosed);
-    [[nodiscard]] bool MayReceiveOn(int error, size_t received);
+    [[nodiscard]] bool HandOut(CReceiver& receiver, size_t count, const bool& isClosed);
+    [[nodiscard]] bool MayReceiveAfter(int error);
 
     INxReactor& m_reactor;
     const std::shared_ptr<const OnReceived> m_onReceived;
+    std::atomic<pthread_t> m_thread{};
+
+    std::unique_ptr<CUnixPath> m_path;
     CNxSocketBase m_socket;
     CNxEndpoint m_endpoint;
-    CNxDatagramCounts m_counts;
+    bool m_isWatched = false;
     size_t m_receivedPerTurn = 0;
     size_t m_maxUnsent = 0;
-    ESending m_sending = ESending::FREE;
-    bool m_isFlushAsked = false;
+    CNxDatagramCounts m_counts;
+    // As the system counts them.
+    std::uint32_t m_lastDropped = 0;
 
-    // Shared with the call that hands its datagrams out, which may close this.
+    // Shared with the call that hands its datagrams out, in which this may be closed.
     std::shared_ptr<CReceiver> m_receiver;
     // Of that call.
     bool* m_isClosed = nullptr;
 
     const std::unique_ptr<CDatagramQueue> m_unsent;
-    // What other threads send, and the event that fetches it.
+    ESending m_sending = ESending::FREE;
+    long m_retryMs = 0;
+    bool m_isFlushAsked = false;
+
+    // What other threads send, and whether there may be some.
     const CNxAutoPtr<CInbox> m_inbox;
-    std::atomic<pthread_t> m_thread{};
+    bool m_mustFetch = false;
 };
