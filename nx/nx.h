@@ -69,7 +69,11 @@
 #include <nx/reactor/realtime/CNxReactorRealTimeSignal.h>
 #include <nx/resolve/CNxDnsManager.h>
 #include <nx/resolve/CNxDnsRecord.h>
+#include <nx/stream/CNxAcceptor.h>
+#include <nx/stream/CNxAcceptorOptions.h>
+#include <nx/stream/CNxConnectedSocket.h>
 #include <nx/stream/CNxFraming.h>
+#include <nx/stream/CNxReleasedWithSocket.h>
 #include <nx/thread/CNxReactorThreadProxy.h>
 #include <nx/thread/CNxSignalStop.h>
 #include <nx/thread/CNxSimpleMessageQueue.h>

@@ -63,4 +63,11 @@ public:
     // error from the socket, and outside of OnClose. A handler that waited for a connect and
     // refused without having asked for SO_ERROR gets the reason as well.
     virtual int GetCloseReason() const { return 0; }
+
+    // Within a handler's OnInput, AND FOR ITS DESCRIPTOR ALONE: whether the peer may have ended its
+    // sending. False only when the reactor knows that it had not when the event came: then a
+    // recv(2) that brings less than was asked for has emptied the socket (epoll(7)), the end is
+    // told by another OnInput, and the handler need not ask once more. It has to where reads come
+    // short for other reasons: of urgent data (MSG_OOB), or of descriptors in a unix socket.
+    virtual bool MayHaveEnded() const { return true; }
 };

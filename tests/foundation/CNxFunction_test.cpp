@@ -19,11 +19,10 @@ struct Number {
 
 TEST(Function, NullInAnyFormMayBeCalledAndAnswersWithNothing) {
     int (*const noPointer)(int) = nullptr;
-    Function moved(&Twice);
-    Function holder(std::move(moved));
     Function functions[] = {
-        Function(),      nullptr, noPointer, std::function<int(int)>(), CNxFunctionT<short(int)>(),
-        std::move(moved)};
+        Function(), nullptr, noPointer, std::function<int(int)>(), CNxFunctionT<short(int)>(),
+        &Twice};
+    Function holder(std::move(functions[5]));
     for (Function& function : functions) {
         EXPECT_FALSE(function);
         EXPECT_EQ(function(21), 0);

@@ -7,10 +7,12 @@
 class FailingCalls {
 public:
     enum ECall {
+        ACCEPT4 = FaultPlan::CALL_accept4,
         SEND = FaultPlan::CALL_send,
         EPOLL_CTL = FaultPlan::CALL_epoll_ctl,
         GETSOCKOPT = FaultPlan::CALL_getsockopt,
-        SIGQUEUE = FaultPlan::CALL_pthread_sigqueue
+        SIGQUEUE = FaultPlan::CALL_pthread_sigqueue,
+        SOCKET = FaultPlan::CALL_socket
     };
 
     FailingCalls() {
