@@ -106,9 +106,11 @@ bool IsGroup(const CNxEndpoint& endpoint) {
            IN6_IS_ADDR_MULTICAST(&reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr);
 }
 
-bool HasPath(const CNxEndpoint& endpoint) {
-    const std::string name = endpoint.GetUnixName();
-    return !name.empty() && name[0] != '@';
+// On every interface by IPv4.
+CNxEndpoint MakeV4(const CNxEndpoint& dual) {
+    CNxEndpoint v4{CNxInetAddr(AF_INET)};
+    v4.SetPort(dual.GetPort());
+    return v4;
 }
 
 }  // namespace
@@ -310,16 +312,29 @@ bool CNxDatagram::OpenSocket(const CNxEndpoint& endpoint, const CNxDatagramOptio
         errno = ENOMEM;
         return false;
     }
+    bool isOpen = OpenAt(endpoint, options, interface);
+    if (!isOpen && endpoint.IsDual() && (errno == EAFNOSUPPORT || errno == EADDRNOTAVAIL)) {
+        isOpen = OpenAt(MakeV4(endpoint), options, interface);
+    }
+    return isOpen;
+}
+
+bool CNxDatagram::OpenAt(const CNxEndpoint& endpoint, const CNxDatagramOptions& options,
+                         unsigned interface) {
     if (m_socket.Open(endpoint.GetFamily(), SOCK_DGRAM | SOCK_NONBLOCK, 0, 0) != 0 ||
         !SetUp(GetHandle(), endpoint, options, interface) || !Bind(endpoint, options.unixMode)) {
         return false;
     }
     const CNxEndpoint& peer = options.peer;
+    CNxEndpoint local;
     if ((peer.GetFamily() != AF_UNSPEC &&
          connect(GetHandle(), peer.GetAddress(), peer.GetSize()) != 0) ||
-        m_endpoint.SetLocalOf(GetHandle()) != NX_OK) {
+        local.SetLocalOf(GetHandle()) != NX_OK) {
         return false;
     }
+    // The system does not say that it serves IPv4 as well.
+    m_endpoint = endpoint.IsDual() ? endpoint : local;
+    m_endpoint.SetPort(local.GetPort());
     m_unsent->UseSegments(options.segment && CDatagramQueue::CanSegment(GetHandle()));
     return true;
 }
@@ -328,7 +343,7 @@ bool CNxDatagram::Bind(const CNxEndpoint& endpoint, unsigned unixMode) {
     if (endpoint.GetFamily() != AF_UNIX) {
         return bind(GetHandle(), endpoint.GetAddress(), endpoint.GetSize()) == 0;
     }
-    if (HasPath(endpoint)) {
+    if (CUnixPath::HasPath(endpoint)) {
         return m_path->Bind(GetHandle(), endpoint, unixMode, CUnixPath::c_datagram) == NX_OK;
     }
     // Bound without a name the system would give it one.

@@ -110,9 +110,9 @@ public:
     CNxDatagram(const CNxDatagram&) = delete;
     CNxDatagram& operator=(const CNxDatagram&) = delete;
 
-    // Binds the socket; port 0 for any, "unix:" for one that only sends, or whose peers need no
-    // name. The path of a unix socket is taken over when nobody has it any more, and removed by
-    // Close; a live one is left alone.
+    // Binds the socket. Port 0 for any; "*:80" where the system has no IPv6 stands for IPv4 alone;
+    // "unix:" for one that only sends, or whose peers need no name. The path of a unix socket is
+    // taken over when nobody has it any more, and removed by Close; a live one is left alone.
     // NX_OK; NX_ERROR_ALREADY_INITIALIZED when open; NX_ERROR_INVALID_ARG for an endpoint of no
     // family, options out of their range, and an interface that there is not; NX_ERROR_FAILURE with
     // errno (EADDRINUSE, EACCES and so on), without memory, or when the reactor cannot watch it.
@@ -163,6 +163,8 @@ private:
 
     [[nodiscard]] bool OpenSocket(const CNxEndpoint& endpoint, const CNxDatagramOptions& options,
                                   unsigned interface);
+    [[nodiscard]] bool OpenAt(const CNxEndpoint& endpoint, const CNxDatagramOptions& options,
+                              unsigned interface);
     [[nodiscard]] bool Bind(const CNxEndpoint& endpoint, unsigned unixMode);
     void CloseSocket();
     [[nodiscard]] NxResult ChangeMembership(const CNxEndpoint& group, const std::string& interface,
