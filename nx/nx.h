@@ -72,8 +72,13 @@
 #include <nx/stream/CNxAcceptor.h>
 #include <nx/stream/CNxAcceptorOptions.h>
 #include <nx/stream/CNxConnectedSocket.h>
+#include <nx/stream/CNxConnection.h>
+#include <nx/stream/CNxConnectionOptions.h>
 #include <nx/stream/CNxFraming.h>
 #include <nx/stream/CNxReleasedWithSocket.h>
+#include <nx/stream/CNxTlsContext.h>
+#include <nx/stream/CNxTlsOptions.h>
+#include <nx/stream/INxConnectionSink.h>
 #include <nx/thread/CNxReactorThreadProxy.h>
 #include <nx/thread/CNxSignalStop.h>
 #include <nx/thread/CNxSimpleMessageQueue.h>

@@ -2,6 +2,7 @@
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/standard_streams.h>
 #include <nx/reactor/CNxReactorBase.h>
+#include <nx/reactor/CReactorCompanion.h>
 #include <nx/timer/CNxTimerPriorityQueue.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
@@ -53,7 +54,26 @@ void WarnOfOtherHandler([[maybe_unused]] int fd, [[maybe_unused]] const INxEvent
 CNxReactorBase::CNxReactorBase(std::unique_ptr<CNxTimerQueueBase> timerQueue)
     : m_pTimerQueue(std::move(timerQueue)) {}
 
-CNxReactorBase::~CNxReactorBase() = default;
+CNxReactorBase::~CNxReactorBase() {
+    CReactorCompanion* const companion = m_companion.exchange(nullptr);
+    if (companion != nullptr) {
+        companion->ReleaseReference();
+    }
+}
+
+bool CNxReactorBase::SetCompanion(CReactorCompanion* companion) {
+    assert(companion != nullptr && m_companion.load() == nullptr);
+    companion->AddReference();
+    m_companion.store(companion);
+    return true;
+}
+
+void CNxReactorBase::TellCompanion() {
+    CReactorCompanion* const companion = m_companion.load();
+    if (companion != nullptr) {
+        companion->OnReactorClosing();
+    }
+}
 
 NxResult CNxReactorBase::Open() {
     Reset2CurrentThread();
@@ -71,6 +91,7 @@ NxResult CNxReactorBase::Open() {
 
 NxResult CNxReactorBase::Close() {
     m_Est.EnsureSingleThread(c_name);
+    TellCompanion();
     m_pTimerQueue.reset();
     m_EhRepository.Close();
     StopAndDestoryPendingEvents();

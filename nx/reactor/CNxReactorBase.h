@@ -85,6 +85,9 @@ public:
 
     int GetCloseReason() const override { return m_closeReason; }
 
+    CReactorCompanion* GetCompanion() const override { return m_companion.load(); }
+    [[nodiscard]] bool SetCompanion(CReactorCompanion* companion) override;
+
     void* GetCookie() override { return m_pCookie; }
     void SetCookie(void* cookie) override { m_pCookie = cookie; }
 
@@ -125,6 +128,9 @@ public:
                                                     INxEventHandler* handler) = 0;
 
 protected:
+    // Before the registrations and timers go.
+    void TellCompanion();
+
     // For a descriptor that failed: its handler gets what had arrived before, in as many calls of
     // OnInput as it takes, then OnClose, with `error` as the reason or, if that is 0, with what the
     // socket tells. Without an `error`, a handler that does not read at present gets OnOutput
@@ -163,6 +169,8 @@ private:
     int m_failingFd = -1;
     // CNxProcessWide::CountForks at the last Open; -1 before.
     std::atomic<long> m_forksAtOpen{-1};
+    // Holds a reference.
+    std::atomic<CReactorCompanion*> m_companion{nullptr};
     // Events wait of which the loop has not been told.
     std::atomic<bool> m_wakeUpOwed{false};
 };

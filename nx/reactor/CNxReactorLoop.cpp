@@ -18,6 +18,7 @@ CNxReactorLoop::~CNxReactorLoop() {
     // First, because the pipe would else be removed from it with a hook of a class that is gone.
     m_EhRepository.Close();
     m_NotifyPipe.Close();
+    TellCompanion();
 }
 
 NxResult CNxReactorLoop::Open() {

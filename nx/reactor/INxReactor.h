@@ -6,6 +6,8 @@
 #include <nx/reactor/INxEventHandler.h>
 #include <nx/timer/INxTimerQueue.h>
 
+class CReactorCompanion;
+
 // Any thread may call PostEvent, SendEvent, GetPendingEventsCount, NotifyHandler and StopEventLoop;
 // everything else belongs to the thread that called Open. Once its loop has ended and that thread
 // was joined, any thread may call RemoveHandler and CancelTimer, as long as the reactor is there.
@@ -63,6 +65,12 @@ public:
     // error from the socket, and outside of OnClose. A handler that waited for a connect and
     // refused without having asked for SO_ERROR gets the reason as well.
     virtual int GetCloseReason() const { return 0; }
+
+    // For the library: what its higher floors keep with the reactor, which is told of the reactor's
+    // end. Null, and refused, by a reactor that has no place for it. Setting belongs to the
+    // reactor's thread and happens once.
+    virtual CReactorCompanion* GetCompanion() const { return nullptr; }
+    [[nodiscard]] virtual bool SetCompanion(CReactorCompanion* /*companion*/) { return false; }
 
     // Within a handler's OnInput, AND FOR ITS DESCRIPTOR ALONE: whether the peer may have ended its
     // sending. False only when the reactor knows that it had not when the event came: then a

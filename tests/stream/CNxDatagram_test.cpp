@@ -9,15 +9,10 @@
 #include <set>
 #include <thread>
 
+#include "Endpoints.h"
 #include "SteppedReactor.h"
 
 namespace {
-
-CNxEndpoint At(const std::string& text) {
-    CNxEndpoint endpoint;
-    Must(endpoint.Set(text.c_str()));
-    return endpoint;
-}
 
 // Keeps what it receives, and does what it is told to with it.
 class Node {
@@ -26,7 +21,7 @@ public:
         : m_socket(std::make_unique<CNxDatagram>(
               reactor, [this](const CNxReceivedDatagram& received) { Take(received); })) {
         if (!at.empty()) {
-            Must(m_socket->Open(At(at), options));
+            Must(m_socket->Open(Parse(at), options));
         }
     }
 
@@ -114,7 +109,7 @@ TYPED_TEST(Datagrams, AllSizesArriveInOrderAndComeBack) {
         };
         CNxEndpoint to = server.Where();
         if (place[0] == "*:0") {
-            to = At("127.0.0.1:" + std::to_string(to.GetPort()));
+            to = Parse("127.0.0.1:" + std::to_string(to.GetPort()));
         }
         // A receive buffer may be smaller than all of it: a datagram that was lost is not missed.
         for (const std::string& bytes : sent) {
@@ -174,7 +169,7 @@ TYPED_TEST(Datagrams, WhatOtherThreadsSendArrivesInTheOrderOfEach) {
 }
 
 TYPED_TEST(Datagrams, WhatAFullPeerDoesNotTakeWaitsWithinItsBound) {
-    const PlainSocket peer(At("unix:" + this->m_folder.Path("peer")));
+    const PlainSocket peer(Parse("unix:" + this->m_folder.Path("peer")));
     CNxDatagramOptions options;
     options.maxUnsent = 50 * 1000;
     Node node(this->m_reactor, "unix:", options);
@@ -203,13 +198,13 @@ TYPED_TEST(Datagrams, WhatAFullPeerDoesNotTakeWaitsWithinItsBound) {
     EXPECT_EQ(node.Counts().sent, accepted);
     EXPECT_EQ(node.Counts().droppedSending, refused);
     // Nobody is there any more.
-    node->Send(At("unix:" + this->m_folder.Path("nobody")), "x");
+    node->Send(Parse("unix:" + this->m_folder.Path("nobody")), "x");
     node->Flush();
     EXPECT_EQ(node.Counts().droppedSending, refused + 1);
 }
 
 TYPED_TEST(Datagrams, NobodyAtTheOtherEndEndsNothing) {
-    auto nobody = std::make_unique<PlainSocket>(At("127.0.0.1:0"));
+    auto nobody = std::make_unique<PlainSocket>(Parse("127.0.0.1:0"));
     CNxDatagramOptions options;
     options.peer = nobody->m_where;
     Node node(this->m_reactor, "127.0.0.1:0", options);
@@ -238,7 +233,7 @@ TYPED_TEST(Datagrams, WhatIsCutOffOrLostIsTold) {
     options.maxReceived = 4;
     options.receiveBuffer = 1;
     Node node(this->m_reactor, "127.0.0.1:0", options);
-    const PlainSocket peer(At("127.0.0.1:0"));
+    const PlainSocket peer(Parse("127.0.0.1:0"));
     for (int i = 0; i < 200; ++i) {
         peer.Send(node.Where(), "12345");
     }
@@ -253,7 +248,7 @@ TYPED_TEST(Datagrams, WhatIsCutOffOrLostIsTold) {
 }
 
 TYPED_TEST(Datagrams, MayBeClosedReopenedAndDestroyedWithinItsCall) {
-    const PlainSocket peer(At("127.0.0.1:0"));
+    const PlainSocket peer(Parse("127.0.0.1:0"));
     Node closed(this->m_reactor, "127.0.0.1:0");
     Node reopened(this->m_reactor, "127.0.0.1:0");
     Node destroyed(this->m_reactor, "127.0.0.1:0");
@@ -292,9 +287,10 @@ TYPED_TEST(Datagrams, MembersOfAGroupGetWhatIsSentToIt) {
     options.multicastTtl = 3;
     Node node(this->m_reactor, "0.0.0.0:0", options);
     Node node6(this->m_reactor, "[::]:0", options);
-    const CNxEndpoint group = At("239.7.7.7:" + std::to_string(node.Where().GetPort()));
+    const CNxEndpoint group = Parse("239.7.7.7:" + std::to_string(node.Where().GetPort()));
     // A machine need not have a way for IPv6 groups.
-    for (const auto& [member, where] : {std::pair{&node, group}, {&node6, At("[ff12::7777]:0")}}) {
+    for (const auto& [member, where] :
+         {std::pair{&node, group}, {&node6, Parse("[ff12::7777]:0")}}) {
         EXPECT_EQ((*member)->Leave(where, "lo"), NX_ERROR_FAILURE);
         EXPECT_EQ((*member)->Join(where, "lo"), NX_OK);
         EXPECT_EQ((*member)->Join(where, "no such one"), NX_ERROR_INVALID_ARG);
@@ -303,19 +299,19 @@ TYPED_TEST(Datagrams, MembersOfAGroupGetWhatIsSentToIt) {
     this->RunSteps({{[&] { EXPECT_EQ(node->Send(group, "all"), NX_OK); },
                      [&] { return node.m_received.size() == 1; }}});
     EXPECT_EQ(node->Leave(group, "lo"), NX_OK);
-    EXPECT_EQ(node6->Leave(At("[ff12::7777]:0"), "lo"), NX_OK);
+    EXPECT_EQ(node6->Leave(Parse("[ff12::7777]:0"), "lo"), NX_OK);
 }
 
 TYPED_TEST(Datagrams, OpenTakesOverWhatADeadProcessLeftAndRefusesTheRest) {
     const std::string path = "unix:" + this->m_folder.Path("socket");
-    { const PlainSocket dead(At(path)); }
+    { const PlainSocket dead(Parse(path)); }
     Node node(this->m_reactor, path);
     Node other(this->m_reactor);
-    EXPECT_EQ(node->Open(At(path), {}), NX_ERROR_ALREADY_INITIALIZED);
-    EXPECT_EQ(other->Open(At(path), {}), NX_ERROR_FAILURE);
+    EXPECT_EQ(node->Open(Parse(path), {}), NX_ERROR_ALREADY_INITIALIZED);
+    EXPECT_EQ(other->Open(Parse(path), {}), NX_ERROR_FAILURE);
     EXPECT_EQ(errno, EADDRINUSE);
     EXPECT_EQ(other->Open({}, {}), NX_ERROR_INVALID_ARG);
-    EXPECT_EQ(other->Join(At("239.7.7.7:0")), NX_ERROR_NOT_INITIALIZED);
+    EXPECT_EQ(other->Join(Parse("239.7.7.7:0")), NX_ERROR_NOT_INITIALIZED);
     using Change = std::function<void(CNxDatagramOptions&)>;
     for (const Change& change :
          {Change([](auto& o) { o.maxReceived = 0; }),
@@ -324,17 +320,17 @@ TYPED_TEST(Datagrams, OpenTakesOverWhatADeadProcessLeftAndRefusesTheRest) {
           Change([](auto& o) { o.multicastInterface = "no such one"; })}) {
         CNxDatagramOptions options;
         change(options);
-        EXPECT_EQ(other->Open(At("127.0.0.1:0"), options), NX_ERROR_INVALID_ARG);
+        EXPECT_EQ(other->Open(Parse("127.0.0.1:0"), options), NX_ERROR_INVALID_ARG);
     }
     node->Close();
     EXPECT_NE(access(this->m_folder.Path("socket").c_str(), F_OK), 0);
 }
 
 TYPED_TEST(Datagrams, WantOfMemoryIsAnAnswer) {
-    const PlainSocket peer(At("127.0.0.1:0"));
+    const PlainSocket peer(Parse("127.0.0.1:0"));
     for (int skipped = 0, failed = 1; failed != 0; ++skipped) {
         Node node(this->m_reactor);
-        const CNxEndpoint at = At("127.0.0.1:0");
+        const CNxEndpoint at = Parse("127.0.0.1:0");
         const FailingNew memory(skipped, FailingNew::ONCE);
         const NxResult opened = node->Open(at, {});
         const NxResult sent = opened == NX_OK ? node->Send(peer.m_where, "x") : opened;

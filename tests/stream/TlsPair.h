@@ -1,0 +1,68 @@
+// Two sides of TLS that talk in memory.
+#pragma once
+
+#include <nx/stream/CNxTlsContext.h>
+#include <nx/stream/CStreamFilter.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <utility>
+
+struct TlsSide {
+    using EState = CStreamFilter::EState;
+
+    std::unique_ptr<CStreamFilter> filter;
+    CNxMessageChain received;
+    CNxMessageChain toSocket;
+    EState state = EState::HANDSHAKING;
+
+    void Send(const std::string& text) { state = filter->Seal(CNxMessageChain(text), toSocket); }
+    void End() { filter->End(toSocket); }
+    std::string TakeReceived() { return std::exchange(received, {}).ToString(); }
+};
+
+class TlsPair {
+public:
+    using EState = CStreamFilter::EState;
+
+    TlsPair(std::unique_ptr<CStreamFilter> clientFilter,
+            std::unique_ptr<CStreamFilter> serverFilter) {
+        client.filter = std::move(clientFilter);
+        server.filter = std::move(serverFilter);
+    }
+    TlsPair(CNxTlsContext& clientContext, CNxTlsContext& serverContext,
+            const std::string& name = "example.test") {
+        std::string error;
+        client.filter = clientContext.MakeFilter(name, error);
+        server.filter = serverContext.MakeFilter("", error);
+    }
+
+    // Carries what each has for the other, in pieces, until neither has more.
+    void Exchange(size_t pieceSize = 65536) {
+        while (!client.toSocket.IsEmpty() || !server.toSocket.IsEmpty()) {
+            Carry(client, server, pieceSize);
+            Carry(server, client, pieceSize);
+        }
+    }
+
+    // Both sides are open afterwards, unless one has failed.
+    TlsPair& Open(size_t pieceSize = 65536) {
+        client.state = client.filter->Start(client.toSocket);
+        server.state = server.filter->Start(server.toSocket);
+        Exchange(pieceSize);
+        return *this;
+    }
+
+    bool IsOpen() const { return client.state == EState::OPEN && server.state == EState::OPEN; }
+
+    TlsSide client;
+    TlsSide server;
+
+private:
+    static void Carry(TlsSide& from, TlsSide& to, size_t pieceSize) {
+        while (!from.toSocket.IsEmpty()) {
+            to.state = to.filter->Open(from.toSocket.Split(pieceSize), to.received, to.toSocket);
+        }
+    }
+};
