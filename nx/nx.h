@@ -74,6 +74,8 @@
 #include <nx/stream/CNxConnectedSocket.h>
 #include <nx/stream/CNxConnection.h>
 #include <nx/stream/CNxConnectionOptions.h>
+#include <nx/stream/CNxConnector.h>
+#include <nx/stream/CNxDatagram.h>
 #include <nx/stream/CNxFraming.h>
 #include <nx/stream/CNxReleasedWithSocket.h>
 #include <nx/stream/CNxTlsContext.h>
