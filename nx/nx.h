@@ -75,6 +75,8 @@
 #include <nx/stream/CNxConnectedSocket.h>
 #include <nx/stream/CNxConnection.h>
 #include <nx/stream/CNxConnectionOptions.h>
+#include <nx/stream/CNxConnector.h>
+#include <nx/stream/CNxDatagram.h>
 #include <nx/stream/CNxFraming.h>
 #include <nx/stream/CNxReactorGroup.h>
 #include <nx/stream/CNxReleasedWithSocket.h>
