@@ -52,7 +52,7 @@ NxResult Give(CDir& dir, const char* path) {
         errno = ENAMETOOLONG;
         return NX_ERROR_INVALID_ARG;
     }
-    std::memcpy(dir.m_path, absolute, sizeof(absolute));
+    std::memcpy(dir.m_path, absolute, static_cast<size_t>(length) + 1);
     return NX_OK;
 }
 

@@ -27,7 +27,7 @@ extern char g_strLogDir1[2048];
 // is, before CNxThreadManager::InitMainThread); the last call counts. A path that does not begin
 // with a slash goes from the current folder of the call on (that of trace_setting_init for an
 // environment variable). The folder need not be there yet.
-// NX_OK; NX_ERROR_INVALID_ARG for null, an empty path, or one that is longer than 759 bytes with
+// NX_OK; NX_ERROR_INVALID_ARG for null, an empty path, or one that is longer than 760 bytes with
 // the current folder before it; NX_ERROR_ALREADY_INITIALIZED after trace_setting_init;
 // NX_ERROR_FAILURE when the system does not tell the current folder.
 [[nodiscard]] NxResult set_config_dir(const char* path);
@@ -38,10 +38,9 @@ CNxString get_log_dir();
 
 // Fills the four texts and prints them to standard output, or where the process says
 // (nx/foundation/CNxOwnLines.h), once per process; later calls do nothing. A text that does not fit
-// its array is cut. Without a process name (its path ends in
-// '/') nothing but the name line is printed, and the next call tries again. Called by
-// CNxThreadManager::InitMainThread, the trace engine and refresh_trace_config; threads that call it
-// at the same time wait for the first.
+// its array is cut. Without a process name (its path ends in '/') nothing but the name line is
+// printed, and the next call tries again. Called by CNxThreadManager::InitMainThread, the trace
+// engine and refresh_trace_config; threads that call it at the same time wait for the first.
 void trace_setting_init();
 
 // The full path of the executable, at most 1023 bytes, found out at the first call; empty when it

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <thread>
@@ -128,68 +129,39 @@ TEST_F(CNxT120TraceTest, GoesOnWithTheOldSettingsAndTellsWhatWasLost) {
     EXPECT_EQ(count("Info:after"), 50);
 }
 
-TEST_F(CNxT120TraceTest, TellsTheKernelsThreadIdsFromTheRefreshOnThatAsksForThem) {
-    Configure("stdout=TRUE\n");
-    m_folder.Put("conf/x.cfg.new", "[Trace]\nEnable=TRUE\nKernelThreadId=TRUE\n");
-    std::istringstream lines(Run("ids"));
-    int told = 0;
-    int traced = 0;
-    for (std::string line; std::getline(lines, line);) {
-        long tid = 0;
-        long id = -1;
-        const size_t at = line.find(" tid=");
-        if (at != std::string::npos &&
-            std::sscanf(line.c_str() + at, " tid=%ld] Info:id %ld", &tid, &id) == 2) {
-            ++traced;
-            told += tid == id ? 1 : 0;
-        }
-    }
-    EXPECT_EQ(traced, 4);
-    EXPECT_EQ(told, 3);
+TEST_F(CNxT120TraceTest, KernelsThreadIdsAreThoseOfThreadsAndOfAForkedChild) {
+    Configure("stdout=TRUE\nKernelThreadId=TRUE\n");
+    const std::string output = OutputOf(m_program + " ids");
+    EXPECT_EQ(OutputOf("echo '" + output + "' | grep -c ' tid=\\([0-9]*\\)] Info:id \\1$'"), "3\n")
+        << output;
 }
 
 TEST_F(CNxT120TraceTest, TheLibrarysOwnLinesGoWhereTheProcessSays) {
     Configure("");
-    const Texts lines = {
-        "name:x", "trace_setting_init, g_strTracehome1=", "trace_setting_init, g_strConfigfile1=",
-        "trace_setting_init, g_strLogDir1=", "trace_setting_init, g_currentProcessName1=x"};
-    const auto expectLines = [&](const Texts& said, const std::string& before) {
-        ASSERT_EQ(said.size(), lines.size());
-        for (size_t i = 0; i < said.size(); ++i) {
-            EXPECT_EQ(said[i].rfind(before + lines[i], 0), 0U) << said[i];
-        }
-    };
-    const auto split = [](const std::string& text) {
-        std::istringstream in(text);
-        Texts parts;
-        for (std::string line; std::getline(in, line);) {
-            parts.push_back(line);
-        }
-        return parts;
-    };
-    expectLines(split(OutputOf(m_program + " quiet 2>/dev/null")), "");
-    expectLines(split(OutputOf("OWN_LINES=1 " + m_program + " quiet 2>&1 >/dev/null")), "");
+    const std::string lines = OutputOf(m_program + " quiet 2>/dev/null");
+    EXPECT_EQ(OutputOf("OWN_LINES=1 " + m_program + " quiet 2>&1 >/dev/null"), lines);
     EXPECT_EQ(OutputOf("OWN_LINES=3 " + m_program + " quiet 2>&1"), "");
     fs::remove_all(m_folder.Path("logs"));
     EXPECT_EQ(OutputOf("OWN_LINES=2 " + m_program + " quiet 2>&1"), "");
-    expectLines(TextsIn(fs::directory_iterator(m_folder.Path("logs"))->path()), "Info:");
+    std::string traced;
+    for (const std::string& text : TextsIn(fs::directory_iterator(m_folder.Path("logs"))->path())) {
+        traced += text.substr(std::strlen("Info:")) + "\n";
+    }
+    EXPECT_EQ(traced, lines);
 }
 
 TEST_F(CNxT120TraceTest, TellsOnceOfALogOrConfigurationThatCannotBeOpened) {
     Configure("x.Error=TRUE\n");
-    m_folder.Put("logs", "no folder");
-    const std::string said = OutputOf(m_program + " quiet 3 2>&1 >/dev/null");
-    const auto count = [&](const std::string& text) {
-        const size_t at = said.find("nxbase: cannot trace to " + m_folder.Path("logs//") + text);
-        return at != std::string::npos && said.find(": Not a directory\n", at) != std::string::npos;
-    };
-    EXPECT_TRUE(count("x_info_") && count("x_error_")) << said;
-    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 2) << said;
-    fs::remove(m_folder.Path("conf/x.cfg"));
-    fs::create_directory(m_folder.Path("conf/x.cfg"));
-    EXPECT_EQ(OutputOf(m_program + " quiet 3 2>&1 >/dev/null"),
-              "nxbase: cannot read " + m_folder.Path("conf/x.cfg") + ": not a regular file\n");
-    EXPECT_EQ(OutputOf("OWN_LINES=3 " + m_program + " quiet 3 2>&1"), "");
+    const std::string logs = m_folder.Put("logs", "no folder");
+    const std::string run = m_program + " quiet 3 2>&1 >/dev/null";
+    const std::string said = "nxbase: cannot trace to " + logs + "//x_";
+    EXPECT_EQ(OutputOf(run + " | sed 's/_[0-9].*log//'"),
+              said + "info: Not a directory\n" + said + "error: Not a directory\n");
+    const std::string config = m_folder.Path("conf/x.cfg");
+    fs::remove(config);
+    fs::create_directory(config);
+    EXPECT_EQ(OutputOf(run), "nxbase: cannot read " + config + ": not a regular file\n");
+    EXPECT_EQ(OutputOf("OWN_LINES=3 " + run), "");
 }
 
 TEST_F(CNxT120TraceTest, PassesOverWhatIsPlantedAndMakesItsFilesAsTheSettingsSay) {

@@ -93,12 +93,7 @@ void TraceId() {
     TraceLine(c_info, "id " + std::to_string(gettid()));
 }
 
-// Of the main thread before and after the setting, of another one, and of a child.
 void TraceIds() {
-    TraceId();
-    std::rename(g_strConfigfile1, (std::string(g_strConfigfile1) + ".old").c_str());
-    std::rename((std::string(g_strConfigfile1) + ".new").c_str(), g_strConfigfile1);
-    refresh_trace_config();
     TraceId();
     std::thread(TraceId).join();
     std::fflush(stdout);
