@@ -90,7 +90,6 @@ private:
     int OnClose(int fd, long mask) override;
     void OnTimeout(const CNxTimeValue& curTime, void* token) override;
 
-    [[nodiscard]] NxResult OpenSocket(const CNxEndpoint& endpoint);
     EOutcome AcceptOne(Call& call);
     EOutcome OnRefusal(int error);
     EOutcome HangUpOnOne();

@@ -14,16 +14,13 @@ inline CNxEndpoint Parse(const std::string& text) {
     return endpoint;
 }
 
-// Without a descriptor when it is refused. `from` is where the client binds.
-inline CNxSocketBase Connect(const CNxEndpoint& to, const CNxEndpoint& from = {}) {
+// Without a descriptor when it is refused.
+inline CNxSocketBase Connect(const CNxEndpoint& to) {
     CNxSocketBase client;
     const timeval patience{20, 0};
-    EXPECT_EQ(client.Open(to.GetFamily(), SOCK_STREAM, 0, 0), 0);
-    setsockopt(client.GetHandle(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    if (from.GetFamily() != AF_UNSPEC) {
-        EXPECT_EQ(bind(client.GetHandle(), from.GetAddress(), from.GetSize()), 0);
-    }
-    if (connect(client.GetHandle(), to.GetAddress(), to.GetSize()) != 0) {
+    if (client.Open(to.GetFamily(), SOCK_STREAM, 0, 0) != 0 ||
+        setsockopt(client.GetHandle(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience) != 0 ||
+        connect(client.GetHandle(), to.GetAddress(), to.GetSize()) != 0) {
         client.Close();
     }
     return client;
