@@ -121,7 +121,7 @@ private:
 
     void MakeSome() {
         static const std::string s_bytes(65536, 'z');
-        for (const size_t size : {10, 3000, 20000, 65536}) {
+        for (const size_t size : {10UL, 3000UL, 20000UL, 65536UL}) {
             Chain chain(std::string_view(s_bytes).substr(0, size));
             chain.MakeSpace(size)[0] = 'a';
             chain.Commit(1);

@@ -41,7 +41,7 @@ public:
     }
 
 private:
-    static constexpr size_t c_most = 100000;
+    static constexpr size_t c_most = 20000;
 
     unsigned TakeByte() {
         const unsigned byte = m_input.empty() ? 0 : static_cast<unsigned char>(m_input.front());
@@ -52,7 +52,7 @@ private:
     // Mostly small, now and then past the size of a block.
     size_t TakeSize() {
         const size_t size = TakeByte();
-        return size < 192 ? size : (size - 191) * 300;
+        return size < 192 ? size : (size - 191) * 100;
     }
 
     std::string TakeBytes() {
