@@ -149,6 +149,8 @@ NxResult CConnectionImp::Register() {
 
 int CConnectionImp::OnInput(int /*fd*/) {
     m_isReadable = true;
+    // Descriptors that come through a unix socket make reads short.
+    m_mayHaveEnded = m_local.GetFamily() == AF_UNIX || GetReactor().MayHaveEnded();
     Proceed();
     return 0;
 }
@@ -187,6 +189,7 @@ void CConnectionImp::Proceed() {
         End(ENxClosed::OUT_OF_MEMORY);
     }
     m_isProceeding = false;
+    m_mayHaveEnded = true;
 }
 
 void CConnectionImp::Advance() {
@@ -350,8 +353,8 @@ void CConnectionImp::ReceivedNothing(long result) {
 void CConnectionImp::OnReceived(size_t size, size_t asked) {
     m_bytesReceived += size;
     NoteActivity();
-    // A state is reported again.
-    if (size < asked && GetLoop().ReportsStates()) {
+    // The socket is empty: what comes next is reported.
+    if (size < asked && (!m_mayHaveEnded || GetLoop().ReportsStates())) {
         m_isReadable = false;
     }
 }
@@ -701,12 +704,12 @@ bool CConnectionImp::TellWater() {
 
 // When all is sent that is to be: our side's end, and perhaps the connection's.
 void CConnectionImp::EndSendingSide() {
-    if (IsEnded() || m_sending == ESending::OPEN) {
+    if (IsEnded() || m_sending == ESending::OPEN || IsHandshaking()) {
         return;
     }
     if (m_sending == ESending::ENDING && IsAllSent()) {
         m_sending = ESending::SEALED;
-        if (m_filtered && !IsHandshaking()) {
+        if (m_filtered) {
             CNxMessageChain last;
             m_filtered->filter->End(last);
             m_output.Append(std::move(last));
@@ -773,7 +776,7 @@ void CConnectionImp::EndWhenSent() {
         return;
     }
     CloseInbox(EAsked::END_WHEN_SENT);
-    m_isByPeer = m_hasPeerEnded;
+    m_isByPeer = m_isEndTold;
     m_sending = std::max(m_sending, ESending::ENDING);
     SetState(EState::ENDING);
 }

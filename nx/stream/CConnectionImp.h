@@ -203,11 +203,12 @@ private:
     bool m_isPaused = false;
     bool m_isFresh = false;  // there is something to offer
     bool m_isProceeding = false;
-    bool m_isWaiting = false;  // bytes wait for room in the socket
-    bool m_isHigh = false;     // OnHighWater was called last
+    bool m_isWaiting = false;    // bytes wait for room in the socket
+    bool m_isHigh = false;       // OnHighWater was called last
+    bool m_mayHaveEnded = true;  // the peer may, after what is read now
     bool m_hasPeerEnded = false;
     bool m_isEndTold = false;
-    bool m_isByPeer = false;  // the peer had ended when our end began
+    bool m_isByPeer = false;  // the sink knew of the peer's end when ours began
     bool m_isRegistered = false;
     long m_watched = 0;
 };

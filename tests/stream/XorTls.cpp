@@ -67,6 +67,11 @@ NxResult CNxTlsContext::CreateClient(CNxAutoPtr<CNxTlsContext>& out,
     return NX_OK;
 }
 
+NxResult CNxTlsContext::CreateServer(CNxAutoPtr<CNxTlsContext>& out, const CNxTlsOptions& options,
+                                     std::string& error) {
+    return CreateClient(out, options, error);
+}
+
 std::unique_ptr<CStreamFilter> CNxTlsContext::MakeFilter(const std::string& /*name*/,
                                                          std::string& /*error*/) {
     return std::make_unique<XorFilter>();
