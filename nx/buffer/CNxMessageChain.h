@@ -14,6 +14,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include <nx/buffer/CNxDataBlock.h>
 #include <nx/buffer/CNxMessageBlock.h>

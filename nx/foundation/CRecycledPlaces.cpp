@@ -17,6 +17,7 @@ constexpr size_t c_granularity = 8;
 constexpr size_t c_largestSmall = 128;
 constexpr size_t c_smallSizes = c_largestSmall / c_granularity;
 constexpr size_t c_packsOnShelf = 8;
+constexpr size_t c_emptyPacksOnShelf = 32;
 constexpr size_t c_roomInPack = 63;
 
 constexpr struct {
@@ -73,6 +74,7 @@ private:
 // Packs on their way between threads: full ones of one size, or empty ones. Nobody waits for it,
 // nor does a forked child find it locked: a pack is taken or put as a whole. Those that lie there
 // at exit stay, for threads that still run then.
+template <size_t Slots>
 class alignas(64) CShelf {
 public:
     // Null without one.
@@ -101,10 +103,11 @@ public:
     }
 
 private:
-    std::atomic<CPack*> m_slots[c_packsOnShelf];
+    std::atomic<CPack*> m_slots[Slots];
 };
-CShelf s_shelves[c_sizes];
-CShelf s_empty;
+using CFullPacks = CShelf<c_packsOnShelf>;
+CFullPacks s_shelves[c_sizes];
+CShelf<c_emptyPacksOnShelf> s_empty;
 
 // What a thread has of one size: a second pack, full or empty, so that one at the edge of a pack
 // does not go to the shelf each time.
@@ -136,7 +139,7 @@ public:
 thread_local CEndOfThread t_endOfThread;
 
 // A pack with a place in it, or null.
-CPack* FindFilled(CStock& stock, CShelf& shelf) {
+CPack* FindFilled(CStock& stock, CFullPacks& shelf) {
     if (stock.m_other != nullptr && !stock.m_other->IsEmpty()) {
         std::swap(stock.m_open, stock.m_other);
         return stock.m_open;
@@ -153,7 +156,7 @@ CPack* FindFilled(CStock& stock, CShelf& shelf) {
 }
 
 // A pack with room in it, or null.
-CPack* FindRoom(CStock& stock, CShelf& shelf) {
+CPack* FindRoom(CStock& stock, CFullPacks& shelf) {
     if (stock.m_other != nullptr && stock.m_other->IsEmpty()) {
         std::swap(stock.m_open, stock.m_other);
         return stock.m_open;

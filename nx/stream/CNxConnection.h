@@ -8,11 +8,10 @@
 //     };
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string_view>
-#include <vector>
+#include <utility>
 
 #include <nx/buffer/CNxMessageChain.h>
 #include <nx/foundation/CNxAutoPtr.h>
@@ -21,19 +20,12 @@
 #include <nx/foundation/NxResult.h>
 #include <nx/net/CNxEndpoint.h>
 #include <nx/net/CNxSocket.h>
+#include <nx/stream/CNxConnectedSocket.h>
 #include <nx/stream/CNxConnectionOptions.h>
-#include <nx/stream/CNxReleasedWithSocket.h>
 #include <nx/stream/INxConnectionSink.h>
 
 class INxReactor;
 struct CNxTlsInfo;
-
-// A socket that is connected, and what has to live as long as it, such as its count among the
-// connections that an acceptor may have.
-struct CNxConnectedSocket {
-    CNxSocketBase socket;
-    std::unique_ptr<CNxReleasedWithSocket> attached;
-};
 
 // Belongs to one reactor, whose thread calls the sink. Counted: it holds a reference to itself
 // until it has ended, so whoever only sends and receives need not keep it. Whoever does keep one,
@@ -78,67 +70,68 @@ public:
     // connection is ENDING or further; NX_ERROR_NOT_AVAILABLE when more than maxUnsent would wait:
     // the connection is then dropped, from the loop. NX_ERROR_FAILURE without memory, with nothing
     // sent. A chain is taken over in all cases.
-    NxResult Send(CNxMessageChain&& chain);
-    NxResult Send(std::string_view bytes);
+    virtual NxResult Send(CNxMessageChain&& chain) = 0;
+    virtual NxResult Send(std::string_view bytes) = 0;
 
     // Sends what the chain holds without copying or changing it: one payload to many connections,
     // in any number and on any threads.
-    NxResult SendShared(const CNxMessageChain& chain);
+    virtual NxResult SendShared(const CNxMessageChain& chain) = 0;
 
     // Sends a frame as the framing of the options puts it on the wire. As Send;
     // NX_ERROR_INVALID_ARG for one that is too long. On the reactor's thread.
-    NxResult SendFrame(CNxMessageChain&& payload);
-    NxResult SendFrame(std::string_view payload);
+    virtual NxResult SendFrame(CNxMessageChain&& payload) = 0;
+    virtual NxResult SendFrame(std::string_view payload) = 0;
 
     // Sends `size` bytes of a file from `offset` on, by sendfile(2) where there is no TLS. The
     // descriptor is taken over in all cases. A file that has become shorter ends the connection as
     // FAILED with ENODATA. NX_OK, NX_ERROR_INVALID_ARG without a descriptor, else as Send.
-    NxResult SendFile(CNxSocketBase file, std::uint64_t offset, std::uint64_t size);
+    virtual NxResult SendFile(CNxSocketBase file, std::uint64_t offset, std::uint64_t size) = 0;
 
     // Nothing is read, so that the peer feels it in its own sends, until reading goes on. What is
     // there already is not offered meanwhile; ResumeReading has it offered again, from the loop.
-    void PauseReading();
-    void ResumeReading();
+    virtual void PauseReading() = 0;
+    virtual void ResumeReading() = 0;
 
     // From the next frame on, within OnReceive too.
-    void SetFraming(const CNxFraming& framing);
+    virtual void SetFraming(const CNxFraming& framing) = 0;
 
     // No more is read; ends when all is sent and the peer has ended its side too.
-    void CloseWhenSent();
+    virtual void CloseWhenSent() = 0;
 
     // Ends without sending what waits; OnClosed comes from the loop, or at once when this is called
     // on the reactor's thread outside of a call of the sink, from which it comes when that returns.
-    void CloseNow();
+    virtual void CloseNow() = 0;
 
     // Half close: ends our sending after what waits; goes on reading until the peer ends.
-    void EndSending();
+    virtual void EndSending() = 0;
 
     // CloseNow without a call: the sink is not called any more from here on, and need not be there.
     // Within a call of the sink too. A sink that the connection owns is destroyed.
-    void Abandon();
+    virtual void Abandon() = 0;
 
-    EState GetState() const { return m_state.load(std::memory_order_acquire); }
+    virtual EState GetState() const = 0;
 
     // Bytes that wait to be sent, as the water marks count them.
-    size_t GetUnsent() const { return m_unsent.load(std::memory_order_relaxed); }
+    virtual size_t GetUnsent() const = 0;
 
-    INxReactor& GetReactor() const { return m_reactor; }
-    CNxEndpoint GetLocalEndpoint() const;
-    const CNxEndpoint& GetPeerEndpoint() const { return m_peer; }
+    virtual INxReactor& GetReactor() const = 0;
+    // Of no family where the system did not tell.
+    virtual CNxEndpoint GetLocalEndpoint() const = 0;
+    virtual CNxEndpoint GetPeerEndpoint() const = 0;
 
     // On the wire; with TLS that is ciphertext.
-    std::uint64_t GetBytesReceived() const { return m_bytesReceived; }
-    std::uint64_t GetBytesSent() const { return m_bytesSent; }
+    virtual std::uint64_t GetBytesReceived() const = 0;
+    virtual std::uint64_t GetBytesSent() const = 0;
 
     // Since it was made, by the monotonic clock.
-    CNxTimeValue GetAge() const;
+    virtual CNxTimeValue GetAge() const = 0;
 
     // What TLS has agreed on; null without TLS and before OnOpen.
-    const CNxTlsInfo* GetTlsInfo() const;
+    virtual const CNxTlsInfo* GetTlsInfo() const = 0;
 
     // A pointer that the connection keeps for its user.
-    void* GetCookie() const { return m_cookie; }
-    void SetCookie(void* cookie) { m_cookie = cookie; }
+    virtual void* GetCookie() const = 0;
+    virtual void SetCookie(void* cookie) = 0;
 
     // Of all connections of a reactor, on its thread: how many there are; OnStop for each; CloseNow
     // for each as LOOP_ENDED, the calls of OnClosed coming before it returns. GetCount on any
@@ -147,7 +140,8 @@ public:
     static void StopAll(INxReactor& reactor);
     static void CloseAll(INxReactor& reactor);
 
-private:
+protected:
+    CNxConnection() = default;
 };
 
 // Holds a connection whose sink is its holder, or is destroyed with it: letting go of it abandons

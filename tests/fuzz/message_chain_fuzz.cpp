@@ -1,11 +1,14 @@
 // Chains of blocks: random operations on several of them, each against a plain string, and their
-// storage shared between them.
+// storage shared between them. Framing against a plain reader of the whole.
 #include <nx/buffer/CNxMessageChain.h>
+#include <nx/stream/CNxFraming.h>
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "Fuzz.h"
 
@@ -31,10 +34,15 @@ public:
             for (const CModelled& each : m_chains) {
                 Require(each.chain.ToString() == each.model);
             }
+            if (one.model.size() > c_most) {
+                one = {};
+            }
         }
     }
 
 private:
+    static constexpr size_t c_most = 20000;
+
     unsigned TakeByte() {
         const unsigned byte = m_input.empty() ? 0 : static_cast<unsigned char>(m_input.front());
         m_input.remove_prefix(m_input.empty() ? 0 : 1);
@@ -44,7 +52,7 @@ private:
     // Mostly small, now and then past the size of a block.
     size_t TakeSize() {
         const size_t size = TakeByte();
-        return size < 192 ? size : (size - 191) * 300;
+        return size < 192 ? size : (size - 191) * 100;
     }
 
     std::string TakeBytes() {
@@ -193,8 +201,116 @@ private:
     std::array<CModelled, 4> m_chains;
 };
 
+struct CFrames {
+    std::vector<std::string> frames;
+    bool isTooLong = false;
+
+    // False when there are no more.
+    bool Add(std::string_view frame, size_t most) {
+        isTooLong = frame.size() > most;
+        if (!isTooLong) {
+            frames.emplace_back(frame);
+        }
+        return !isTooLong;
+    }
+};
+
+CFrames ReadDelimited(std::string_view bytes, std::string_view delimiter, bool areLines,
+                      size_t most) {
+    CFrames read;
+    for (;;) {
+        const size_t end = bytes.find(delimiter);
+        // A part of the delimiter may be there already.
+        const size_t known =
+            std::min(end, bytes.size() - std::min(bytes.size(), delimiter.size() - 1));
+        const bool hasReturn = areLines && known != 0 && bytes[known - 1] == '\r';
+        const std::string_view frame = bytes.substr(0, known - (hasReturn ? 1 : 0));
+        if (end == std::string_view::npos) {
+            read.isTooLong = frame.size() > most;
+            return read;
+        }
+        if (!read.Add(frame, most)) {
+            return read;
+        }
+        bytes.remove_prefix(end + delimiter.size());
+    }
+}
+
+CFrames ReadPrefixed(std::string_view bytes, unsigned width, bool isBig, size_t most) {
+    CFrames read;
+    while (bytes.size() >= width) {
+        std::uint64_t size = 0;
+        for (unsigned i = 0; i < width; ++i) {
+            size = size << 8 | static_cast<unsigned char>(bytes[isBig ? i : width - 1 - i]);
+        }
+        read.isTooLong = size > most;
+        if (size > most || size > bytes.size() - width) {
+            return read;
+        }
+        read.frames.emplace_back(bytes.substr(width, size));
+        bytes.remove_prefix(width + size);
+    }
+    return read;
+}
+
+CFrames TakeFrames(const CNxFraming& framing, std::string_view bytes, size_t pieceSize) {
+    CFrames taken;
+    CNxMessageChain received;
+    CNxMessageChain frame;
+    auto result = CNxFraming::EResult::PARTIAL;
+    for (size_t searched = 0; !bytes.empty() && result == CNxFraming::EResult::PARTIAL;) {
+        const std::string_view piece = bytes.substr(0, pieceSize);
+        bytes.remove_prefix(piece.size());
+        // In a block of its own every other time.
+        if (piece.size() % 2 == taken.frames.size() % 2) {
+            received.Append(piece);
+        } else {
+            received.Append(CNxMessageChain(piece));
+        }
+        while ((result = framing.Take(received, frame, searched)) == CNxFraming::EResult::FRAME) {
+            taken.frames.push_back(frame.ToString());
+        }
+    }
+    taken.isTooLong = result == CNxFraming::EResult::TOO_LONG;
+    return taken;
+}
+
+void FuzzFraming(unsigned how, size_t pieceSize, std::string_view bytes) {
+    const size_t most = how / 16 % 16 == 15 ? SIZE_MAX : how / 16 % 16 * 3;
+    const bool isBig = how % 8 < 4;
+    const unsigned width = 1U << how % 4;
+    const std::string_view delimiter = isBig ? "--" : "ab-a";
+    CNxFraming framing;
+    CFrames expected;
+    if (how % 16 == 15) {
+        framing = CNxFraming::Lines(most);
+        expected = ReadDelimited(bytes, "\n", true, most);
+    } else if (how % 16 >= 8) {
+        framing = CNxFraming::Delimited(delimiter, most);
+        expected = ReadDelimited(bytes, delimiter, false, most);
+    } else {
+        framing =
+            CNxFraming::Prefixed(width, isBig ? ENxByteOrder::BIG : ENxByteOrder::LITTLE, most);
+        expected = ReadPrefixed(bytes, width, isBig, most);
+    }
+    const CFrames taken = TakeFrames(framing, bytes, pieceSize);
+    Require(taken.isTooLong == expected.isTooLong && taken.frames == expected.frames);
+
+    CNxMessageChain wire;
+    for (const std::string& frame : taken.frames) {
+        Require(framing.Append(wire, CNxMessageChain(frame)) == NX_OK);
+    }
+    // A return that ends a line is one of the end when it is put there again.
+    Require(how % 16 == 15 ||
+            TakeFrames(framing, wire.ToString(), pieceSize).frames == taken.frames);
+}
+
 }  // namespace
 
 void Fuzz(std::string_view input) {
+    if (input.size() > 3 && input.front() == 'f') {
+        return FuzzFraming(static_cast<unsigned char>(input[1]),
+                           static_cast<unsigned char>(input[2]) % 32 + 1, input.substr(3));
+    }
     CWorld(input).Run();
 }

@@ -1,6 +1,9 @@
 // Nothing is lost when a call fails, a peer resets or there is no memory, on any of the reactors.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <nx/thread/CNxThread.h>
+#include <nx/thread/CNxThreadManager.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -46,7 +49,7 @@ TYPED_TEST(ReactorFaults, LoopThatSleepsHearsOfEventsWhoseWakeUpWasLost) {
     };
     // The third makes up for the other two.
     for (const CountedEvent::Action& action : {CountedEvent::Action(), {}, {tell}}) {
-        EXPECT_EQ(reactor.PostEvent(new CountedEvent(this->m_counts, action), c_normal), NX_OK);
+        EXPECT_EQ(reactor.PostEvent(new CountedEvent(this->m_counts, action)), NX_OK);
     }
     EXPECT_EQ(fired.get_future().wait_for(std::chrono::milliseconds(500)),
               std::future_status::ready);
@@ -65,7 +68,7 @@ TYPED_TEST(ReactorFaults, CancelledThreadIsNotTornFromItsWakeUp) {
     bool hasReturned = false;
     std::thread poster([&] {
         pthread_cancel(pthread_self());
-        this->m_reactor.PostEvent(new CountedEvent(this->m_counts), c_normal);
+        this->m_reactor.PostEvent(new CountedEvent(this->m_counts));
         hasReturned = true;
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     });
@@ -231,6 +234,64 @@ TEST_F(ReactorEpoll, FailedReRegistrationIsReturnedAndKeepsTheWatch) {
     EXPECT_EQ(calls.Count(FailingCalls::GETSOCKOPT), 0);
 }
 
+// Each step is what the peer does next, each letter of the record what OnInput found: whether the
+// end may be there (e) or not (-), then what the reads brought, as many as that asks for.
+TEST_F(ReactorEpoll, SaysWhetherAShortReadMayHaveHiddenTheEnd) {
+    sockaddr_in address{};
+    const int listener = OpenLoopback(SOCK_STREAM, address);
+    ASSERT_EQ(listen(listener, 1), 0);
+    for (const bool isTcp : {false, true}) {
+        for (const std::string script : {"smf", "se"}) {
+            int fds[2] = {-1, -1};
+            if (isTcp) {
+                sockaddr_in own{};
+                fds[1] = OpenLoopback(SOCK_STREAM, own);
+                ASSERT_EQ(Connect(fds[1], address), 0);
+                fds[0] = accept(listener, nullptr, nullptr);
+            } else {
+                ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+            }
+            this->Reopen();
+            Handler handler(fds[0]);
+            std::string record;
+            size_t next = 0;
+            const auto step = [&] {
+                const char what = next < script.size() ? script[next] : 0;
+                ++next;
+                if (what == 's' || what == 'f') {
+                    EXPECT_EQ(send(fds[1], "x", 1, 0), 1);
+                }
+                if (what == 'e' || what == 'f') {
+                    shutdown(fds[1], SHUT_WR);
+                    pollfd ended{fds[0], POLLRDHUP, 0};
+                    EXPECT_EQ(poll(&ended, 1, -1), 1);
+                }
+                if (what == 'm') {
+                    EXPECT_EQ(m_reactor.NotifyHandler(&handler, NX_MASK_READ), NX_OK);
+                }
+                return what == 0 ? Stop() : 0;
+            };
+            handler.m_onInput = [&] {
+                record += m_reactor.MayHaveEnded() ? 'e' : '-';
+                ssize_t got = 1;
+                for (bool asks = true; asks; asks = got > 0 && m_reactor.MayHaveEnded()) {
+                    char buffer[64];
+                    got = recv(fds[0], buffer, sizeof(buffer), 0);
+                    record += got < 0 ? "a" : std::to_string(got);
+                }
+                return step();
+            };
+            Watch(handler, NX_MASK_READ);
+            step();
+            Run();
+            EXPECT_EQ(record, script == "se" ? "-1e0" : "-1eae10") << isTcp;
+            close(fds[0]);
+            close(fds[1]);
+        }
+    }
+    close(listener);
+}
+
 // Also to a handler that does not read.
 TEST_F(ReactorEpoll, ErrorOfADatagramSocketIsTheReasonOfItsClose) {
     sockaddr_in address;
@@ -350,6 +411,30 @@ TYPED_TEST(ReactorFaults, ForkedChildTakesNothingFromItsParent) {
     this->Run();
     EXPECT_EQ(end.m_inputs, 1);
     EXPECT_EQ(stays.m_inputs, 1);
+}
+
+// Also when a reactor opens on its own thread, and when what is closed after it fails as well.
+TEST(ReactorErrno, IsThatOfTheCallThatFailed) {
+    const std::pair<FailingCalls::ECall, int> failures[] = {{FailingCalls::EPOLL_CREATE, EMFILE},
+                                                            {FailingCalls::EVENTFD, ENFILE},
+                                                            {FailingCalls::EPOLL_CTL, ENOSPC},
+                                                            {FailingCalls::MMAP, EAGAIN},
+                                                            {FailingCalls::PTHREAD_CREATE, EPERM}};
+    for (const auto& [call, error] : failures) {
+        FailingCalls calls;
+        calls.Fail(call, error, 1);
+        calls.Fail(FailingCalls::CLOSE, EIO, 100);
+        CNxThread* thread = nullptr;
+        CNxThreadManager* const threads = CNxThreadManager::Instance();
+        EXPECT_NE(threads->CreateNetworkThread(2, new CNxReactorEpoll, thread), NX_OK);
+        EXPECT_EQ(errno, error);
+        CNxReactorEpoll reactor;
+        calls.Fail(call, error, 1);
+        errno = error;  // for the last one
+        EXPECT_EQ(reactor.Open() == NX_OK, call == FailingCalls::PTHREAD_CREATE);
+        EXPECT_EQ(errno, error);
+        reactor.Close();
+    }
 }
 
 }  // namespace
