@@ -11,7 +11,7 @@
 
 #include <deque>
 
-#include "Endpoints.h"
+#include <tests/support/Endpoints.h>
 #include "RunUntil.h"
 #include "StreamSupport.h"
 

@@ -6,7 +6,7 @@
 #include <map>
 #include <thread>
 
-#include "Endpoints.h"
+#include <tests/support/Endpoints.h>
 #include "RunUntil.h"
 
 namespace {
