@@ -311,6 +311,7 @@ TEST_F(ConnectionEnds, ATurnIsOneCallAndLackOfBuffersIsWaitedFor) {
     });
     EXPECT_EQ(ReceiveFromIt(20), "one turn of the loop");
     EXPECT_EQ(calls.Count(FailingCalls::SEND), 2);
+    m_loop.Stop();
 }
 
 TEST_F(ConnectionEnds, OneThatIsFloodedLeavesTurnsToOthers) {
@@ -328,6 +329,7 @@ TEST_F(ConnectionEnds, OneThatIsFloodedLeavesTurnsToOthers) {
     Connect(other, options);
     SendToIt("y");
     m_loop.WaitUntil([&] { return flooded.m_calls == 100; });
+    m_loop.Stop();
     EXPECT_GE(callsBefore, 0);
 }
 
