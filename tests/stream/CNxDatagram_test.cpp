@@ -1,4 +1,5 @@
 #include <nx/stream/CNxDatagram.h>
+#include <tests/support/Endpoints.h>
 #include <tests/support/FailingNew.h>
 #include <tests/support/Must.h>
 #include <tests/support/TempFolder.h>
@@ -6,7 +7,6 @@
 #include <map>
 #include <thread>
 
-#include "Endpoints.h"
 #include "RunUntil.h"
 
 namespace {
