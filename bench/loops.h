@@ -182,10 +182,7 @@ private:
 // The queue of a thread of the library.
 class NxLoop {
 public:
-    void Post(Job job) {
-        Require(m_queue->PostEvent(new Event(job), INxEventQueue::PRIORITY_NORMAL) == NX_OK,
-                "PostEvent");
-    }
+    void Post(Job job) { Require(m_queue->PostEvent(new Event(job)) == NX_OK, "PostEvent"); }
 
     void Call(Job job) { Require(m_queue->SendEvent(new Event(job)) == NX_OK, "SendEvent"); }
 

@@ -58,7 +58,7 @@ int Acceptor::OnInput(int /*fd*/) {
 
 void Acceptor::TryAgain(const CNxTimeValue& wait) {
     const NxResult result = m_reactor.ScheduleTimer(this, nullptr, wait, 1);
-    m_isStuck = result != NX_OK && result != NX_ERROR_FOUND;
+    m_isStuck = !NxSucceeded(result);
 }
 
 void Acceptor::OnTick() {

@@ -1,6 +1,7 @@
-#include <common/CallEvent.h>
 #include <common/Program.h>
 #include <fcntl.h>
+#include <nx/event/NxCall.h>
+#include <nx/foundation/CNxOwnLines.h>
 #include <nx/reactor/INxReactor.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadManager.h>
@@ -21,8 +22,8 @@ int Fail(const std::string& what, int status) {
 }
 
 void Require(NxResult result, const char* what) {
-    if (result != NX_OK && result != NX_ERROR_FOUND) {
-        std::exit(Fail(std::string("cannot ") + what + " (result " + std::to_string(result) + ")"));
+    if (!NxSucceeded(result)) {
+        std::exit(Fail(std::string("cannot ") + what + " (" + NxResultName(result) + ")"));
     }
 }
 
@@ -51,6 +52,8 @@ Program::Program(std::initializer_list<int> signals) : m_signals(signals) {
 }
 
 bool Program::Init(int argc, char** argv) {
+    // Standard output is the program's own.
+    CNxOwnLines::Send(CNxOwnLines::TO_TRACE);
     return CNxThreadManager::Instance()->InitMainThread(argc, argv) == NX_OK;
 }
 
@@ -75,7 +78,7 @@ std::string Program::Run(const NetworkWork& work) {
     }
     m_signals.Close();
     // Comes after the last signal. Refused only by a thread that has ended and calls nobody.
-    CallOn(GetReactor(), work.close);
+    NxSendCall(GetReactor(), work.close);
     // Before the work's objects go: what is left in the queues refers to them.
     Require(threads->StopAllThreads(nullptr), "stop its threads");
     Require(threads->JoinAllThreads(), "join its threads");
@@ -85,7 +88,7 @@ std::string Program::Run(const NetworkWork& work) {
 std::string Program::OpenAll(const NetworkWork& work) {
     INxReactor& reactor = GetReactor();
     std::string error = "the network thread is gone";
-    CallOn(reactor, [&] {
+    NxSendCall(reactor, [&] {
         error = work.open();
         m_isServing = error.empty();
         CloseWithThread(work);

@@ -1,5 +1,5 @@
-#include <common/CallEvent.h>
 #include <common/SignalThread.h>
+#include <nx/event/NxCall.h>
 
 #include <cassert>
 #include <chrono>
@@ -55,7 +55,7 @@ void SignalThread::Run(INxEventQueue& queue) {
 
 // A queue that refuses has ended its loop: there is nobody left to be told.
 void SignalThread::Tell(INxEventQueue& queue, int signo) {
-    while (CallLater(queue, [this, signo] { m_onSignal(signo); }) == NX_ERROR_FAILURE &&
+    while (NxPostCall(queue, [this, signo] { m_onSignal(signo); }) == NX_ERROR_FAILURE &&
            !m_isClosing) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }

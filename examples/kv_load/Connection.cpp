@@ -52,7 +52,7 @@ void Connection::Open() {
 
 bool Connection::Watch(long mask) {
     const NxResult result = m_setup.reactor.RegisterHandler(this, mask);
-    if (result == NX_OK || result == NX_ERROR_FOUND) {
+    if (NxSucceeded(result)) {
         return true;
     }
     Fail("cannot be watched by the reactor (result " + std::to_string(result) + ")");

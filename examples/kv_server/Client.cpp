@@ -228,7 +228,7 @@ bool Client::Watch() {
         return m_reactor.RemoveHandler(this, NX_MASK_ALL_EVENTS) == NX_OK;
     }
     const NxResult result = m_reactor.RegisterHandler(this, wanted);
-    return result == NX_OK || result == NX_ERROR_FOUND;
+    return NxSucceeded(result);
 }
 
 bool Client::Receive() {

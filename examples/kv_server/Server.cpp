@@ -1,9 +1,9 @@
-#include <common/CallEvent.h>
 #include <common/Clock.h>
 #include <common/Program.h>
 #include <common/Trace.h>
 #include <kv_server/Server.h>
 #include <malloc.h>
+#include <nx/event/NxCall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -68,7 +68,7 @@ void StoreService::ScheduleExpiry() {
     const std::int64_t wait = std::max<std::int64_t>(*next - m_store.GetTime(), 0);
     const CNxTimeValue interval(wait / c_msPerSecond, wait % c_msPerSecond * c_usPerMs);
     const NxResult result = m_timers.ScheduleTimer(this, nullptr, interval, 1);
-    if (result != NX_OK && result != NX_ERROR_FOUND) {
+    if (!NxSucceeded(result)) {
         // No memory: the next batch tries again. Until then keys expire when they are named.
         m_nextExpiry.reset();
     }
@@ -154,10 +154,10 @@ bool Server::Submit(std::unique_ptr<Batch> batch) {
         m_uncounted += batch->replies.GetSize();
         if (m_replies.Put(std::move(batch))) {
             // Where there is no memory for this, the next tick looks.
-            examples::CallLater(m_network, [this] { TakeReplies(); });
+            NxPostCall(m_network, [this] { TakeReplies(); });
         }
     };
-    return examples::CallLater(m_store, std::move(run)) == NX_OK;
+    return NxPostCall(m_store, std::move(run)) == NX_OK;
 }
 
 void Server::TakeReplies() {
@@ -185,7 +185,7 @@ bool Server::ContinueLater(std::uint64_t clientId) {
             Erase(clientId);
         }
     };
-    return examples::CallLater(m_network, goOn) == NX_OK;
+    return NxPostCall(m_network, goOn) == NX_OK;
 }
 
 void Server::CountHeld(std::size_t before, std::size_t now) {
@@ -195,7 +195,7 @@ void Server::CountHeld(std::size_t before, std::size_t now) {
     m_heldMost = std::max(m_heldMost, m_held);
     if (IsFull() && !wasFull) {
         // Not at once: a client is in the middle of its step. Without memory the next tick does it.
-        examples::CallLater(m_network, [this] { MakeRoom(); });
+        NxPostCall(m_network, [this] { MakeRoom(); });
     }
 }
 

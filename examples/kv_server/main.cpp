@@ -2,12 +2,12 @@
 //
 // The network thread has the sockets, the store's thread has the keys; batches of commands and
 // replies travel between them as events. The main thread only waits for the end.
-#include <common/CallEvent.h>
 #include <common/CommandLine.h>
 #include <common/Program.h>
 #include <common/Trace.h>
 #include <kv_server/Options.h>
 #include <kv_server/Server.h>
+#include <nx/event/NxCall.h>
 #include <nx/nx.h>
 
 #include <cstdio>
@@ -121,7 +121,7 @@ int Serve(const Options& options, examples::Program& program, CNxThread& store) 
     work.open = [&] { return Listen(server, options); };
     work.close = [&] {
         server.Close();
-        examples::CallOn(storeQueue, [&service] { service.Close(); });
+        NxSendCall(storeQueue, [&service] { service.Close(); });
     };
     work.onStop = [&server] { server.Stop(); };
     work.onHangUp = ReadTraceSwitches;

@@ -5,14 +5,31 @@
 #include <cstring>
 #include <new>
 
+#include <nx/foundation/CRecycledPlaces.h>
+
 // The payload starts right after the header, so the header's size has to keep it aligned.
 static_assert(sizeof(CNxDataBlock) % alignof(std::max_align_t) == 0);
 static_assert(alignof(CNxDataBlock) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
+static_assert(sizeof(CNxDataBlock) == CRecycledPlaces::c_header);
 
 namespace {
 
 // Beyond it pointers into the payload could not be subtracted; also keeps the sum from wrapping.
 constexpr unsigned long c_maxSize = PTRDIFF_MAX - sizeof(CNxDataBlock);
+
+// With its payload behind it.
+class CBlockWithPayload final : public CNxDataBlock {
+public:
+    using CNxDataBlock::CNxDataBlock;
+
+protected:
+    void OnReferenceDestory() override {
+        const unsigned long size = sizeof(*this) + GetSize();
+        this->~CBlockWithPayload();
+        CRecycledPlaces::Leave(this, size);
+    }
+};
+static_assert(sizeof(CBlockWithPayload) == sizeof(CNxDataBlock));
 
 }  // namespace
 
@@ -23,7 +40,10 @@ NxResult CNxDataBlock::CreateInstance(CNxDataBlock*& out, unsigned long size, co
     if (size > c_maxSize) {
         return NX_ERROR_FAILURE;
     }
-    void* memory = ::operator new(sizeof(CNxDataBlock) + size, std::nothrow);
+    void* memory = CRecycledPlaces::Take(sizeof(CNxDataBlock) + size);
+    if (memory == nullptr) {
+        memory = ::operator new(sizeof(CNxDataBlock) + size, std::nothrow);
+    }
     if (memory == nullptr) {
         return NX_ERROR_FAILURE;
     }
@@ -31,8 +51,8 @@ NxResult CNxDataBlock::CreateInstance(CNxDataBlock*& out, unsigned long size, co
     if (data != nullptr) {
         std::memcpy(payload, data, size);
     }
-    out = ::new (memory) CNxDataBlock(size, payload);
-    assert(reinterpret_cast<char*>(out) == memory && out->m_data == payload);
+    out = ::new (memory) CBlockWithPayload(size, payload);
+    assert(reinterpret_cast<char*>(out) == memory && out->GetData() == payload);
     out->AddReference();
     return NX_OK;
 }

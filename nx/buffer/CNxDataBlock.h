@@ -11,8 +11,10 @@
 //
 //     | CNxDataBlock | payload: GetSize() bytes, aligned for any type |
 //
-// The size never changes. References may be taken and released on any thread; who reads and writes
-// the payload is for its users to order.
+// The places of blocks of 512 B, 4, 16 and 64 KiB are kept for the next of that size, in each
+// thread and between threads, a few MiB in all; those of other sizes go back at once. The size
+// never changes. References may be taken and released on any thread; who reads and writes the
+// payload is for its users to order.
 class alignas(std::max_align_t) CNxDataBlock : public CNxReferenceControlT<CNxMutexThread> {
 public:
     // Makes a block of `size` bytes and copies them from `data`; for null the payload is left

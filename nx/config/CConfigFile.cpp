@@ -4,12 +4,13 @@
 #include <nx/foundation/CNxUtils.h>
 #include <nx/foundation/has_zero_byte.h>
 #include <nx/foundation/high_descriptor.h>
-#include <nx/foundation/standard_streams.h>
+#include <nx/foundation/own_lines.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cassert>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -156,6 +157,24 @@ std::vector<Entry> QuoteValues(dictionary* ini) {
     return original;
 }
 
+[[gnu::format(printf, 1, 2)]] int SayProblem(const char* format, ...) {
+    char text[1024];
+    va_list args;
+    va_start(args, format);
+    const int length = std::vsnprintf(text, sizeof(text), format, args);
+    va_end(args);
+    SayOnStderr("%s", text);
+    return length;
+}
+
+// iniparser's own messages go where lines go.
+dictionary* Load(const CNxString& path) {
+    iniparser_set_error_callback(&SayProblem);
+    dictionary* const ini = iniparser_load(path.c_str());
+    iniparser_set_error_callback(nullptr);
+    return ini;
+}
+
 bool Dump(dictionary* ini, const CNxString& path) {
     if (!TidySections(ini)) {
         return false;
@@ -192,7 +211,7 @@ int CConfigFile::Open(const CNxString& path) {
     // iniparser would wait for the writer of a FIFO.
     struct stat status {};
     const bool isOther = stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
-    m_ini = isOther ? nullptr : iniparser_load(path.c_str());
+    m_ini = isOther ? nullptr : Load(path);
     return m_ini == nullptr ? -1 : 0;
 }
 
@@ -254,7 +273,7 @@ NxResult CConfigFile::SaveToOtherConfig(const CNxString& path) {
         return NX_ERROR_FAILURE;
     }
     if (!AllSurviveSaving(m_ini) || !Dump(m_ini, path)) {
-        PrintToStderr("SaveToOtherConfig: cannot open %s\n", path.c_str());
+        SayOnStderr("SaveToOtherConfig: cannot open %s\n", path.c_str());
         return NX_ERROR_FAILURE;
     }
     return NX_OK;

@@ -1,13 +1,16 @@
 #include <fcntl.h>
 #include <nx/config/init_file.h>
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/CNxString.h>
 #include <nx/foundation/high_descriptor.h>
+#include <nx/foundation/own_lines.h>
 #include <nx/process/trace_setting.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cassert>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -21,7 +24,11 @@ struct CFileCloser {
 };
 using CFile = std::unique_ptr<FILE, CFileCloser>;
 
-// Does not wait for the writer of a FIFO, nor for a device, and takes neither.
+// What errno says of a path to something else than a regular file.
+constexpr int NOT_REGULAR = EINVAL;
+
+// Does not wait for the writer of a FIFO, nor for a device, and takes neither. Null with errno;
+// ENOENT for a file that is too short.
 CFile OpenProfile(const char* path, off_t minSize = 0) {
     const int fd = path == nullptr
                        ? -1
@@ -30,11 +37,25 @@ CFile OpenProfile(const char* path, off_t minSize = 0) {
         return nullptr;
     }
     struct stat status {};
-    const bool isGood =
-        fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_size >= minSize;
+    bool isGood = fstat(fd, &status) == 0;
+    if (isGood && (!S_ISREG(status.st_mode) || status.st_size < minSize)) {
+        errno = S_ISREG(status.st_mode) ? ENOENT : NOT_REGULAR;
+        isGood = false;
+    }
     CFile file(isGood ? fdopen(fd, "r") : nullptr);
     if (file == nullptr) {
+        const CKeptErrno keptErrno;
         close(fd);
+    }
+    return file;
+}
+
+// The process's own. That it has none is no fault.
+CFile OpenConfig(off_t minSize = 0) {
+    CFile file = OpenProfile(g_strConfigfile1, minSize);
+    if (file == nullptr && errno != ENOENT && errno != ENOTDIR) {
+        ComplainOnce("read", g_strConfigfile1,
+                     errno == NOT_REGULAR ? "not a regular file" : std::strerror(errno));
     }
     return file;
 }
@@ -182,15 +203,15 @@ bool get_string_param(const char* section, const char* key, char* out, unsigned 
     if (out == nullptr || size == 0) {
         return false;
     }
-    return GetString(OpenProfile(g_strConfigfile1).get(), section, key, out, size);
+    return GetString(OpenConfig().get(), section, key, out, size);
 }
 
 FILE* open_config_file() {
-    return OpenProfile(g_strConfigfile1, 1).release();
+    return OpenConfig(1).release();
 }
 
 int get_int_param(const char* section, const char* key) {
-    return get_int_param(OpenProfile(g_strConfigfile1).get(), section, key);
+    return get_int_param(OpenConfig().get(), section, key);
 }
 
 int get_int_param(FILE* file, const char* section, const char* key) {
@@ -203,12 +224,12 @@ std::uint16_t get_uint16_param(const char* section, const char* key) {
 }
 
 std::uint32_t get_uint32_param(const char* section, const char* key) {
-    const CParam<256> param(OpenProfile(g_strConfigfile1).get(), section, key);
+    const CParam<256> param(OpenConfig().get(), section, key);
     return static_cast<std::uint32_t>(std::strtoul(param.m_text, nullptr, 10));
 }
 
 unsigned char get_bool_param(const char* section, const char* key, unsigned char defaultValue) {
-    return get_bool_param(OpenProfile(g_strConfigfile1).get(), section, key, defaultValue);
+    return get_bool_param(OpenConfig().get(), section, key, defaultValue);
 }
 
 unsigned char get_bool_param(FILE* file, const char* section, const char* key,

@@ -2,9 +2,11 @@
 // configuration file (g_strConfigfile1, nx/process/trace_setting.h).
 //
 // Nothing is cached: every look-up opens the file, scans it from the top and closes it, so an
-// edited file counts from the next look-up on. Any thread may call any function. Nothing is
-// reported: without the file, the section or the key the caller gets the default. A path that does
-// not lead to a regular file (a FIFO or a device, which could be waited for) counts as no file.
+// edited file counts from the next look-up on. Any thread may call any function. Without the file,
+// the section or the key the caller gets the default. A path that does not lead to a regular file
+// (a FIFO or a device, which could be waited for) counts as no file. Nothing is reported, except
+// that a configuration file that is there and cannot be opened is told of once on standard error
+// (nx/foundation/CNxOwnLines.h).
 //
 // The syntax, line by line; white space is " \t\r\n":
 // - A line whose first visible character is '#' is a comment. Nothing else is: a ';' or '#' after

@@ -87,7 +87,7 @@ NxResult CNxEventQueueBase::SendEvent(INxEvent* event) {
     // To the end of the scope: a post may be a cancellation point, and then the queue has it.
     const CCancelOff cancelOff;
     CNxEventSynchronous wrapper(event, this);
-    const NxResult posted = PostEvent(&wrapper, PRIORITY_NORMAL);
+    const NxResult posted = PostEvent(&wrapper);
     return posted == NX_OK ? wrapper.WaitResult() : posted;
 }
 

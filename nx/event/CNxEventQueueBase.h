@@ -32,7 +32,7 @@ public:
     CNxEventQueueBase(const CNxEventQueueBase&) = delete;
     CNxEventQueueBase& operator=(const CNxEventQueueBase&) = delete;
 
-    NxResult PostEvent(INxEvent* event, EPriority priority) override;
+    NxResult PostEvent(INxEvent* event, EPriority priority = PRIORITY_NORMAL) override;
     NxResult SendEvent(INxEvent* event) override;
     size_t GetPendingEventsCount() override;
 

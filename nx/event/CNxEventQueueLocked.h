@@ -8,7 +8,7 @@
 // Events are fired and destroyed without it, so an event may post to its own queue at any point.
 class CNxEventQueueLocked : public CNxEventQueueBase {
 public:
-    NxResult PostEvent(INxEvent* event, EPriority priority) override;
+    NxResult PostEvent(INxEvent* event, EPriority priority = PRIORITY_NORMAL) override;
     size_t GetPendingEventsCount() override;
     void DestoryPendingEvents() override;
     void StopAndDestoryPendingEvents() override;

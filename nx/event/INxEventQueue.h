@@ -29,14 +29,14 @@ public:
 // Where a thread takes its events from. Strictly first in, first out.
 class INxEventQueue {
 public:
-    // Accepted for every post and without effect: no queue of the library orders by priority. The
-    // library's own posts pass PRIORITY_NORMAL.
+    // Accepted for every post and without effect: no queue of the library orders by priority. Who
+    // overrides PostEvent repeats its default, so that it is there for his class as well.
     enum EPriority { PRIORITY_HIGH = 0, PRIORITY_NORMAL = 1, PRIORITY_LOW = 2 };
 
     // Leaves the event with the queue, to be fired later by the thread that owns it. Any thread.
     // NX_OK, NX_ERROR_INVALID_ARG for null, NX_ERROR_NOT_INITIALIZED when the queue is stopped,
     // NX_ERROR_FAILURE without memory; the event is then destroyed before the call returns.
-    virtual NxResult PostEvent(INxEvent* event, EPriority priority) = 0;
+    virtual NxResult PostEvent(INxEvent* event, EPriority priority = PRIORITY_NORMAL) = 0;
 
     // Has the event fired by the thread that owns the queue and returns its result; blocks until
     // then, without a limit. Called on that thread itself it fires the event at once.

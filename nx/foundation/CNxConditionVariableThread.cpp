@@ -1,3 +1,4 @@
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/CNxConditionVariableThread.h>
 
 #include <cerrno>
@@ -32,11 +33,11 @@ CNxConditionVariableThread::~CNxConditionVariableThread() {
 }
 
 NxResult CNxConditionVariableThread::Signal() {
-    return pthread_cond_signal(&m_condition) == 0 ? NX_OK : NX_ERROR_FAILURE;
+    return ResultOfError(pthread_cond_signal(&m_condition));
 }
 
 NxResult CNxConditionVariableThread::Broadcast() {
-    return pthread_cond_broadcast(&m_condition) == 0 ? NX_OK : NX_ERROR_FAILURE;
+    return ResultOfError(pthread_cond_broadcast(&m_condition));
 }
 
 NxResult CNxConditionVariableThread::Wait(CNxTimeValue* timeout) {
@@ -44,14 +45,15 @@ NxResult CNxConditionVariableThread::Wait(CNxTimeValue* timeout) {
 }
 
 NxResult CNxConditionVariableThread::WaitUntil(const CNxTimeValue& deadline) {
-    switch (WaitWithMutex(deadline)) {
+    const int error = WaitWithMutex(deadline);
+    switch (error) {
         case 0:
         case EINTR:
             return NX_OK;
         case ETIMEDOUT:
             return NX_ERROR_TIMEOUT;
         default:
-            return NX_ERROR_FAILURE;
+            return ResultOfError(error);
     }
 }
 

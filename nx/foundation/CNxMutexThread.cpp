@@ -1,17 +1,10 @@
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/CNxMutexThread.h>
 #include <nx/foundation/standard_streams.h>
 
 #ifdef NXBASE_CHECK_THREADS
 #include <cstdlib>
 #endif
-
-namespace {
-
-NxResult ToResult(int error) {
-    return error == 0 ? NX_OK : NX_ERROR_FAILURE;
-}
-
-}  // namespace
 
 CNxMutexThreadBase::CNxMutexThreadBase(int pthreadType) {
     pthread_mutexattr_t attributes;
@@ -27,7 +20,7 @@ CNxMutexThreadBase::~CNxMutexThreadBase() {
 
 // The bodies hand over to pthread, where the analysis does not look.
 NxResult CNxMutexThreadBase::Lock() NX_NO_THREAD_SAFETY_ANALYSIS {
-    const NxResult locked = ToResult(pthread_mutex_lock(&m_mutex));
+    const NxResult locked = ResultOfError(pthread_mutex_lock(&m_mutex));
     if (locked == NX_OK) {
         NoteLocked();
     }
@@ -36,11 +29,11 @@ NxResult CNxMutexThreadBase::Lock() NX_NO_THREAD_SAFETY_ANALYSIS {
 
 NxResult CNxMutexThreadBase::UnLock() NX_NO_THREAD_SAFETY_ANALYSIS {
     NoteUnLocked();
-    return ToResult(pthread_mutex_unlock(&m_mutex));
+    return ResultOfError(pthread_mutex_unlock(&m_mutex));
 }
 
 NxResult CNxMutexThreadBase::TryLock() NX_NO_THREAD_SAFETY_ANALYSIS {
-    const NxResult locked = ToResult(pthread_mutex_trylock(&m_mutex));
+    const NxResult locked = ResultOfError(pthread_mutex_trylock(&m_mutex));
     if (locked == NX_OK) {
         NoteLocked();
     }

@@ -9,7 +9,7 @@
 void CNxEnsureSingleThread::EnsureSingleThread(const char* what) const {
     const unsigned long owner = m_threadId.load(std::memory_order_relaxed);
     const unsigned long caller = pthread_self();
-    if (owner == caller) {
+    if (owner == caller || m_isLetGo.load(std::memory_order_relaxed)) {
         return;
     }
     PrintToStderr("nxbase: %s belongs to thread %lx but was used from thread %lx\n", what, owner,

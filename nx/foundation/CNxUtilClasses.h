@@ -14,7 +14,15 @@ public:
     CNxEnsureSingleThread() : m_threadId(pthread_self()) {}
 
     void Reset2CurrentThreadId() { Reset2ThreadId(pthread_self()); }
-    void Reset2ThreadId(unsigned long id) { m_threadId.store(id, std::memory_order_relaxed); }
+    void Reset2ThreadId(unsigned long id) {
+        m_threadId.store(id, std::memory_order_relaxed);
+        TakeBack();
+    }
+
+    // The thread has no more to do with the object: any other may clear up after it, one at a time,
+    // until the thread takes it back or it is handed to another.
+    void LetGo() { m_isLetGo.store(true, std::memory_order_relaxed); }
+    void TakeBack() { m_isLetGo.store(false, std::memory_order_relaxed); }
 
     // `what` names the object in the message.
 #ifdef NXBASE_CHECK_THREADS
@@ -25,6 +33,7 @@ public:
 
 private:
     std::atomic<unsigned long> m_threadId;
+    std::atomic<bool> m_isLetGo{false};
 };
 
 // Whether a thread's loop shall end; set (stopped) at construction. Any thread may set and read it;

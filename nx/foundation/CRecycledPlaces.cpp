@@ -2,19 +2,32 @@
 
 #include <atomic>
 #include <cassert>
+#include <iterator>
 #include <new>
 #include <utility>
 
 // The thread that makes an event is seldom the one that ends it, which is the slow case of every
 // allocator. So each thread keeps the places of those that it ended, packs of them go from thread
 // to thread by way of a shelf, and every place is one of ::operator new's and may go back at any
-// time.
+// time. Packs that have become empty go back by way of a shelf as well, so that what flows from one
+// thread to another allocates nothing.
 namespace {
 
 constexpr size_t c_granularity = 8;
-constexpr size_t c_largest = 128;
-constexpr size_t c_sizes = c_largest / c_granularity;
+constexpr size_t c_largestSmall = 128;
+constexpr size_t c_smallSizes = c_largestSmall / c_granularity;
 constexpr size_t c_packsOnShelf = 8;
+constexpr size_t c_emptyPacksOnShelf = 32;
+constexpr size_t c_roomInPack = 63;
+
+constexpr struct {
+    size_t size;
+    size_t placesInPack;
+} c_large[] = {{512 + CRecycledPlaces::c_header, c_roomInPack},
+               {4096 + CRecycledPlaces::c_header, 32},
+               {16384 + CRecycledPlaces::c_header, 8},
+               {65536 + CRecycledPlaces::c_header, 2}};
+constexpr size_t c_sizes = c_smallSizes + std::size(c_large);
 
 #if defined(__SANITIZE_ADDRESS__)
 #define NX_ADDRESS_SANITIZER
@@ -35,13 +48,13 @@ constexpr bool c_areRecycled = true;
 class CPack {
 public:
     bool IsEmpty() const { return m_count == 0; }
-    bool IsFull() const { return m_count == c_room; }
+    size_t GetCount() const { return m_count; }
     void* Take() {
         assert(!IsEmpty());
         return m_places[--m_count];
     }
     void Leave(void* place) {
-        assert(!IsFull());
+        assert(m_count < c_roomInPack);
         m_places[m_count++] = place;
     }
 
@@ -54,15 +67,14 @@ public:
     }
 
 private:
-    static constexpr size_t c_room = 63;
-
     size_t m_count = 0;
-    void* m_places[c_room];
+    void* m_places[c_roomInPack];
 };
 
-// Full packs of one size, on their way between threads. Nobody waits for it, nor does a forked
-// child find it locked: a pack is taken or put as a whole. Those that lie there at exit stay, for
-// threads that still run then.
+// Packs on their way between threads: full ones of one size, or empty ones. Nobody waits for it,
+// nor does a forked child find it locked: a pack is taken or put as a whole. Those that lie there
+// at exit stay, for threads that still run then.
+template <size_t Slots>
 class alignas(64) CShelf {
 public:
     // Null without one.
@@ -91,9 +103,11 @@ public:
     }
 
 private:
-    std::atomic<CPack*> m_slots[c_packsOnShelf];
+    std::atomic<CPack*> m_slots[Slots];
 };
-CShelf s_shelves[c_sizes];
+using CFullPacks = CShelf<c_packsOnShelf>;
+CFullPacks s_shelves[c_sizes];
+CShelf<c_emptyPacksOnShelf> s_empty;
 
 // What a thread has of one size: a second pack, full or empty, so that one at the edge of a pack
 // does not go to the shelf each time.
@@ -125,26 +139,35 @@ public:
 thread_local CEndOfThread t_endOfThread;
 
 // A pack with a place in it, or null.
-CPack* FindFilled(CStock& stock, CShelf& shelf) {
-    if (stock.m_other != nullptr && stock.m_other->IsFull()) {
+CPack* FindFilled(CStock& stock, CFullPacks& shelf) {
+    if (stock.m_other != nullptr && !stock.m_other->IsEmpty()) {
         std::swap(stock.m_open, stock.m_other);
         return stock.m_open;
     }
     CPack* const filled = t_stock.m_state != CThreadStock::OVER ? shelf.Take() : nullptr;
     if (filled != nullptr) {
         t_endOfThread.Await();
-        CPack::Free(std::exchange(stock.m_other, std::exchange(stock.m_open, filled)));
+        CPack* const empty = std::exchange(stock.m_other, std::exchange(stock.m_open, filled));
+        if (empty != nullptr) {
+            s_empty.Put(empty);
+        }
     }
     return filled;
 }
 
 // A pack with room in it, or null.
-CPack* FindRoom(CStock& stock, CShelf& shelf) {
+CPack* FindRoom(CStock& stock, CFullPacks& shelf) {
     if (stock.m_other != nullptr && stock.m_other->IsEmpty()) {
         std::swap(stock.m_open, stock.m_other);
         return stock.m_open;
     }
-    CPack* const empty = t_stock.m_state != CThreadStock::OVER ? new (std::nothrow) CPack : nullptr;
+    if (t_stock.m_state == CThreadStock::OVER) {
+        return nullptr;
+    }
+    CPack* empty = s_empty.Take();
+    if (empty == nullptr) {
+        empty = new (std::nothrow) CPack;
+    }
     if (empty != nullptr) {
         t_endOfThread.Await();
         CPack* const full = std::exchange(stock.m_other, std::exchange(stock.m_open, empty));
@@ -155,24 +178,38 @@ CPack* FindRoom(CStock& stock, CShelf& shelf) {
     return empty;
 }
 
-bool IsRecycled(size_t size) {
-    return c_areRecycled && size != 0 && size <= c_largest && size % c_granularity == 0;
+// Nothing is rounded up: a place that was not made here has what its next object needs as well.
+// c_sizes for a size that is not recycled.
+size_t GetIndex(size_t size) {
+    if (!c_areRecycled || size == 0) {
+        return c_sizes;
+    }
+    if (size <= c_largestSmall) {
+        return size % c_granularity == 0 ? size / c_granularity - 1 : c_sizes;
+    }
+    size_t index = c_smallSizes;
+    for (const auto& large : c_large) {
+        if (size == large.size) {
+            break;
+        }
+        ++index;
+    }
+    return index;
 }
 
-// Nothing is rounded up: a place that was not made here has what its next object needs as well.
-size_t GetIndex(size_t size) {
-    assert(IsRecycled(size));
-    return size / c_granularity - 1;
+size_t GetRoom(size_t index) {
+    return index < c_smallSizes ? c_roomInPack : c_large[index - c_smallSizes].placesInPack;
 }
 
 }  // namespace
 
 void* CRecycledPlaces::Take(size_t size) {
-    if (IsRecycled(size)) {
-        CStock& stock = t_stock.m_stocks[GetIndex(size)];
+    const size_t index = GetIndex(size);
+    if (index < c_sizes) {
+        CStock& stock = t_stock.m_stocks[index];
         CPack* pack = stock.m_open;
         if (pack == nullptr || pack->IsEmpty()) {
-            pack = FindFilled(stock, s_shelves[GetIndex(size)]);
+            pack = FindFilled(stock, s_shelves[index]);
         }
         if (pack != nullptr) {
             return pack->Take();
@@ -183,11 +220,12 @@ void* CRecycledPlaces::Take(size_t size) {
 
 void CRecycledPlaces::Leave(void* place, size_t size) {
     CPack* pack = nullptr;
-    if (place != nullptr && IsRecycled(size)) {
-        CStock& stock = t_stock.m_stocks[GetIndex(size)];
+    const size_t index = GetIndex(size);
+    if (place != nullptr && index < c_sizes) {
+        CStock& stock = t_stock.m_stocks[index];
         pack = stock.m_open;
-        if (pack == nullptr || pack->IsFull()) {
-            pack = FindRoom(stock, s_shelves[GetIndex(size)]);
+        if (pack == nullptr || pack->GetCount() == GetRoom(index)) {
+            pack = FindRoom(stock, s_shelves[index]);
         }
     }
     if (pack != nullptr) {

@@ -8,7 +8,8 @@ using NxResult = unsigned int;
 
 inline constexpr NxResult NX_OK = 0;
 
-// A system call failed.
+// A system call failed: errno says why, as the call left it; ENOMEM where there was no memory.
+// Where an operation has other causes for this code too, errno means nothing after those.
 inline constexpr NxResult NX_ERROR_FAILURE = 10001;
 // Not open, or already stopped.
 inline constexpr NxResult NX_ERROR_NOT_INITIALIZED = 10002;
@@ -35,3 +36,46 @@ inline constexpr NxResult NX_ERROR_FOUND = 10012;
 inline constexpr NxResult NX_ERROR_PARTIAL_DATA = 10013;
 // A timed wait ran out.
 inline constexpr NxResult NX_ERROR_TIMEOUT = 10014;
+
+// Whether the operation did what it was asked for: NX_OK, and NX_ERROR_FOUND, which tells of a
+// registration that something was replaced.
+[[nodiscard]] constexpr bool NxSucceeded(NxResult code) {
+    return code == NX_OK || code == NX_ERROR_FOUND;
+}
+
+// The code's name as it stands above, "NX_ERROR_TIMEOUT" say, for messages; "unknown result" for a
+// number that is none of them. Never null; lives as long as the program.
+[[nodiscard]] constexpr const char* NxResultName(NxResult code) {
+    switch (code) {
+        case NX_OK:
+            return "NX_OK";
+        case NX_ERROR_FAILURE:
+            return "NX_ERROR_FAILURE";
+        case NX_ERROR_NOT_INITIALIZED:
+            return "NX_ERROR_NOT_INITIALIZED";
+        case NX_ERROR_ALREADY_INITIALIZED:
+            return "NX_ERROR_ALREADY_INITIALIZED";
+        case NX_ERROR_NOT_IMPLEMENTED:
+            return "NX_ERROR_NOT_IMPLEMENTED";
+        case NX_ERROR_NULL_POINTER:
+            return "NX_ERROR_NULL_POINTER";
+        case NX_ERROR_UNEXPECTED:
+            return "NX_ERROR_UNEXPECTED";
+        case NX_ERROR_INVALID_ARG:
+            return "NX_ERROR_INVALID_ARG";
+        case NX_ERROR_NOT_AVAILABLE:
+            return "NX_ERROR_NOT_AVAILABLE";
+        case NX_ERROR_WOULD_BLOCK:
+            return "NX_ERROR_WOULD_BLOCK";
+        case NX_ERROR_NOT_FOUND:
+            return "NX_ERROR_NOT_FOUND";
+        case NX_ERROR_FOUND:
+            return "NX_ERROR_FOUND";
+        case NX_ERROR_PARTIAL_DATA:
+            return "NX_ERROR_PARTIAL_DATA";
+        case NX_ERROR_TIMEOUT:
+            return "NX_ERROR_TIMEOUT";
+        default:
+            return "unknown result";
+    }
+}

@@ -1,9 +1,9 @@
 #include <fcntl.h>
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/high_descriptor.h>
 #include <unistd.h>
 
 #include <cassert>
-#include <cerrno>
 
 int ToHighDescriptor(int fd) {
     if (fd < 0 || fd > STDERR_FILENO) {
@@ -11,8 +11,7 @@ int ToHighDescriptor(int fd) {
     }
     const int high = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     assert(high < 0 || high > STDERR_FILENO);
-    const int duplicateErrno = errno;
+    const CKeptErrno keptErrno;
     close(fd);
-    errno = duplicateErrno;
     return high;
 }

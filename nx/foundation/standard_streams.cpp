@@ -1,9 +1,9 @@
 #include <fcntl.h>
 #include <nx/foundation/CCancelOff.h>
+#include <nx/foundation/CNoSigPipe.h>
 #include <nx/foundation/high_descriptor.h>
 #include <nx/foundation/standard_streams.h>
 #include <poll.h>
-#include <pthread.h>
 #include <stdio_ext.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -15,7 +15,6 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
-#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 
@@ -29,36 +28,6 @@ constexpr auto MAX_WAIT = std::chrono::milliseconds(100);
 
 // The last line did not get through in time.
 std::atomic<bool> s_isStalled[STDERR_FILENO + 1];
-
-// From here to the end of the scope the calling thread gets no SIGPIPE.
-class CNoSigPipe {
-public:
-    CNoSigPipe() {
-        sigemptyset(&m_pipe);
-        sigaddset(&m_pipe, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &m_pipe, &m_previous);
-        m_wasPending = IsPending();
-    }
-    ~CNoSigPipe() {
-        // Writing raises it for this thread; one that was there before is another's.
-        const timespec now{};
-        if (!m_wasPending && IsPending()) {
-            sigtimedwait(&m_pipe, nullptr, &now);
-        }
-        pthread_sigmask(SIG_SETMASK, &m_previous, nullptr);
-    }
-    CNoSigPipe(const CNoSigPipe&) = delete;
-    CNoSigPipe& operator=(const CNoSigPipe&) = delete;
-
-private:
-    static bool IsPending() {
-        sigset_t pending;
-        return sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
-    }
-    sigset_t m_pipe{};
-    sigset_t m_previous{};
-    bool m_wasPending;
-};
 
 // A way to a standard stream on which no write waits. O_NONBLOCK belongs to the open file that the
 // process may share with others, its shell for one: a pipe or terminal is opened once more.

@@ -1,3 +1,4 @@
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/high_descriptor.h>
 #include <nx/net/CNxSocket.h>
 #include <sys/socket.h>
@@ -86,9 +87,8 @@ void Gather(const iovec* pieces, unsigned long count, char* out) {
 
 // Without the descriptor, and with errno as the failed call left it. Returns -1.
 int CloseAfterFailure(CNxSocketBase& socket) {
-    const int failure = errno;
+    const CKeptErrno keptErrno;
     socket.Close();
-    errno = failure;
     return -1;
 }
 

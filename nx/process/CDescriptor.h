@@ -1,10 +1,10 @@
 // Inside the library only: the owner of one descriptor.
 #pragma once
 
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/high_descriptor.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <utility>
 
 // Takes a descriptor as soon as it is made, keeps it above 2, and closes it; errno stays as it is.
@@ -19,9 +19,8 @@ public:
     }
     ~CDescriptor() {
         if (m_fd >= 0) {
-            const int savedErrno = errno;
+            const CKeptErrno keptErrno;
             close(m_fd);
-            errno = savedErrno;
         }
     }
 

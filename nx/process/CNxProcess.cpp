@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/has_zero_byte.h>
 #include <nx/process/CDescriptor.h>
 #include <nx/process/CNxProcess.h>
@@ -20,9 +21,9 @@ namespace {
 
 constexpr int c_maxNumber = 255;
 
-NxResult ResultOf(int error) {
-    errno = error;
-    return error == 0 ? NX_OK : error == ENOENT ? NX_ERROR_NOT_FOUND : NX_ERROR_FAILURE;
+NxResult ResultOfSpawn(int error) {
+    const NxResult result = ResultOfError(error);
+    return error == ENOENT ? NX_ERROR_NOT_FOUND : result;
 }
 
 bool IsNumber(const CNxRedirection& redirection) {
@@ -159,8 +160,7 @@ NxResult Spawn(const CNxProcessStart& start, pid_t& pid) {
     CFileActions actions;
     const int error = actions.Fill(start);
     if (error != 0) {
-        errno = error;
-        return NX_ERROR_FAILURE;
+        return ResultOfError(error);
     }
     CPointers arguments;
     arguments.Add(start.m_program);
@@ -170,9 +170,9 @@ NxResult Spawn(const CNxProcessStart& start, pid_t& pid) {
         environment.Add(start.m_environment->GetEntries());
     }
     const CSignalDefaults signals;
-    return ResultOf(posix_spawnp(&pid, start.m_program.c_str(), actions.Get(), signals.Get(),
-                                 arguments.Get(),
-                                 start.m_environment != nullptr ? environment.Get() : environ));
+    return ResultOfSpawn(
+        posix_spawnp(&pid, start.m_program.c_str(), actions.Get(), signals.Get(), arguments.Get(),
+                     start.m_environment != nullptr ? environment.Get() : environ));
 }
 
 // The C library's own wrappers, where it has them, are not declared for C++.
@@ -184,11 +184,10 @@ int SendSignal(int pidfd, int signo) {
 }
 
 void KillAndForget(pid_t pid) {
-    const int savedErrno = errno;
+    const CKeptErrno keptErrno;
     kill(pid, SIGKILL);
     while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
     }
-    errno = savedErrno;
 }
 
 // In milliseconds for poll(2), never too short.

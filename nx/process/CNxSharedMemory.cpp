@@ -1,3 +1,4 @@
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/process/CNxSharedMemory.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -74,9 +75,8 @@ int GetSegment(key_t key, size_t size, int flags) {
 void RemoveIfJustMade(int segment, const shmid_ds& status) {
     const bool wasNeverAttached = status.shm_lpid == 0;
     if (status.shm_cpid == getpid() && wasNeverAttached) {
-        const int savedErrno = errno;
+        const CKeptErrno keptErrno;
         shmctl(segment, IPC_RMID, nullptr);
-        errno = savedErrno;
     }
 }
 

@@ -1,4 +1,4 @@
-#include <nx/foundation/standard_streams.h>
+#include <nx/foundation/own_lines.h>
 #include <nx/process/process_path.h>
 
 #include <unistd.h>
@@ -24,7 +24,7 @@ CNxString GetBinHomePath() {
     const size_t nameSlash = folder.rfind('/');
     const bool isBin = nameSlash != CNxString::npos && folder.substr(nameSlash + 1) == "bin";
     if (!isBin) {
-        PrintToStdout("Warning::%s,not bin path\n", folder.c_str());
+        SayOnStdout("Warning::%s,not bin path\n", folder.c_str());
     }
     const CNxString home = isBin ? folder.substr(0, nameSlash) : folder;
     return home.empty() ? CNxString("/") : home;

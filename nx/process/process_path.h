@@ -12,5 +12,5 @@ CNxString GetProcessName();
 // The folder above the executable's folder, without a slash at its end ("/" for "/bin/x"); empty
 // when the executable's path is unknown.
 // An executable's folder that is not named "bin" is itself the home, and the line
-// "Warning::FOLDER,not bin path" goes to standard output at every call.
+// "Warning::FOLDER,not bin path" goes to standard output (CNxOwnLines) at every call.
 CNxString GetBinHomePath();

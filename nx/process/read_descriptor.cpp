@@ -1,3 +1,4 @@
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/process/read_descriptor.h>
 #include <unistd.h>
 
@@ -7,11 +8,6 @@
 #include <new>
 
 namespace {
-
-NxResult FailWith(int error) {
-    errno = error;
-    return NX_ERROR_FAILURE;
-}
 
 // An empty one when there is no memory.
 CBlockOwner MakeBlock(unsigned long size) {
@@ -38,7 +34,7 @@ bool Grow(CBlockOwner& block, unsigned long most) {
 NxResult ReadToEnd(int fd, unsigned long expected, unsigned long maxSize, CBlockOwner& out) {
     const unsigned long most = std::min(maxSize, ~0UL / 4) + 1;  // one more tells what is too large
     if (expected > maxSize) {
-        return FailWith(EFBIG);
+        return ResultOfError(EFBIG);
     }
     CBlockOwner block = MakeBlock(std::min(expected + 1, most));
     while (block) {
@@ -54,12 +50,12 @@ NxResult ReadToEnd(int fd, unsigned long expected, unsigned long maxSize, CBlock
             return NX_ERROR_UNEXPECTED;
         }
         if (block->GetLength() == most) {
-            return FailWith(EFBIG);
+            return ResultOfError(EFBIG);
         }
         if (block->GetSpace() == 0 && !Grow(block, most)) {
             break;
         }
         assert(block->GetSpace() > 0);
     }
-    return FailWith(ENOMEM);
+    return ResultOfError(ENOMEM);
 }

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/has_zero_byte.h>
 #include <nx/foundation/write_parts.h>
 #include <nx/process/CDescriptor.h>
@@ -63,9 +64,8 @@ public:
     CReplacement(int folder, std::string name) : m_folder(folder), m_name(std::move(name)) {}
     ~CReplacement() {
         if (m_file.IsOpen() && !m_replaced) {
-            const int savedErrno = errno;
+            const CKeptErrno keptErrno;
             static_cast<void>(unlinkat(m_folder, m_ownName.c_str(), 0));  // no one to tell
-            errno = savedErrno;
         }
     }
     CReplacement(const CReplacement&) = delete;

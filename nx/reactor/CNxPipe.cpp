@@ -1,3 +1,4 @@
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/high_descriptor.h>
 #include <nx/reactor/CNxPipe.h>
 #include <sys/socket.h>
@@ -25,9 +26,10 @@ NxResult CNxPipe::Open(unsigned long size) {
     m_readHandle = ToHighDescriptor(handles[0]);
     m_writeHandle = ToHighDescriptor(handles[1]);
     size = std::min(size, c_maxSize);
-    // Fails for a handle that has no high number, too.
-    if (setsockopt(m_readHandle, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size)) != 0 ||
+    if (m_readHandle == -1 || m_writeHandle == -1 ||
+        setsockopt(m_readHandle, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size)) != 0 ||
         setsockopt(m_writeHandle, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)) != 0) {
+        const CKeptErrno keptErrno;
         Close();
         return NX_ERROR_NOT_AVAILABLE;
     }

@@ -1,8 +1,9 @@
 #include <nx/foundation/CCallOut.h>
 #include <nx/foundation/CNxProcessWide.h>
-#include <nx/foundation/standard_streams.h>
+#include <nx/foundation/own_lines.h>
 #include <nx/reactor/CNxReactorBase.h>
-#include <nx/timer/CNxTimerQueueOrderedList.h>
+#include <nx/reactor/CReactorCompanion.h>
+#include <nx/timer/CNxTimerPriorityQueue.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -21,6 +22,15 @@ constexpr size_t c_eventsPerTurn = 100000;
 constexpr long c_allAndCall = NX_MASK_ALL_EVENTS | NX_MASK_SHOULD_CALL;
 constexpr int c_none = -1;
 
+// Null without memory.
+std::unique_ptr<CNxTimerQueueBase> MakeTimerQueue() {
+    try {
+        return std::make_unique<CNxTimerPriorityQueue>(nullptr);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
 // The bytes that wait to be read; 0 where there is no such number.
 int CountUnread(int fd) {
     int count = 0;
@@ -31,7 +41,7 @@ void WarnOfOtherHandler([[maybe_unused]] int fd, [[maybe_unused]] const INxEvent
                         [[maybe_unused]] const INxEventHandler* registered) {
 #ifdef NXBASE_CHECK_THREADS
     if (asked != registered) {
-        PrintToStderr(
+        SayOnStderr(
             "nxbase: RemoveHandler of handler %p takes away the registration of handler "
             "%p, which has descriptor %d now\n",
             static_cast<const void*>(asked), static_cast<const void*>(registered), fd);
@@ -44,12 +54,31 @@ void WarnOfOtherHandler([[maybe_unused]] int fd, [[maybe_unused]] const INxEvent
 CNxReactorBase::CNxReactorBase(std::unique_ptr<CNxTimerQueueBase> timerQueue)
     : m_pTimerQueue(std::move(timerQueue)) {}
 
-CNxReactorBase::~CNxReactorBase() = default;
+CNxReactorBase::~CNxReactorBase() {
+    CReactorCompanion* const companion = m_companion.exchange(nullptr);
+    if (companion != nullptr) {
+        companion->ReleaseReference();
+    }
+}
+
+bool CNxReactorBase::SetCompanion(CReactorCompanion* companion) {
+    assert(companion != nullptr && m_companion.load() == nullptr);
+    companion->AddReference();
+    m_companion.store(companion);
+    return true;
+}
+
+void CNxReactorBase::TellCompanion() {
+    CReactorCompanion* const companion = m_companion.load();
+    if (companion != nullptr) {
+        companion->OnReactorClosing();
+    }
+}
 
 NxResult CNxReactorBase::Open() {
     Reset2CurrentThread();
     if (m_pTimerQueue == nullptr) {
-        m_pTimerQueue.reset(new (std::nothrow) CNxTimerQueueOrderedList(nullptr));
+        m_pTimerQueue = MakeTimerQueue();
     }
     const NxResult opened = m_pTimerQueue != nullptr ? m_EhRepository.Open() : NX_ERROR_FAILURE;
     if (opened == NX_OK) {
@@ -62,10 +91,27 @@ NxResult CNxReactorBase::Open() {
 
 NxResult CNxReactorBase::Close() {
     m_Est.EnsureSingleThread(c_name);
+    TellCompanion();
     m_pTimerQueue.reset();
     m_EhRepository.Close();
     StopAndDestoryPendingEvents();
+    m_Est.LetGo();
     return NX_OK;
+}
+
+void CNxReactorBase::TakeBack() {
+    m_Est.TakeBack();
+    m_Est.EnsureSingleThread("a reactor's loop");
+    if (m_pTimerQueue != nullptr) {
+        m_pTimerQueue->Reset2CurrentThread();
+    }
+}
+
+void CNxReactorBase::LetGo() {
+    m_Est.LetGo();
+    if (m_pTimerQueue != nullptr) {
+        m_pTimerQueue->LetGo();
+    }
 }
 
 void CNxReactorBase::Reset2CurrentThread() {

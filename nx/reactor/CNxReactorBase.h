@@ -22,7 +22,9 @@
 // or NX_ERROR_NOT_AVAILABLE.
 //
 // Any thread may call PostEvent, SendEvent, GetPendingEventsCount, NotifyHandler and
-// StopEventLoop; all else belongs to the thread that called Open.
+// StopEventLoop; all else belongs to the thread that called Open. When the loop has ended and its
+// thread was joined, or the reactor is closed, any one thread may clear up: remove handlers, cancel
+// timers, close it. For that the reactor must still be there: it outlives its handlers and timers.
 //
 // A forked child has a copy of an open reactor, not the reactor: its calls change nothing that the
 // parent uses. Registering, posting, notifying and running the loop return an error there, removing
@@ -30,7 +32,7 @@
 class CNxReactorBase : public INxReactor, public CNxStopFlag, public CNxEventQueueUsingMutex {
 public:
     // Takes over the timer queue that the reactor shall use until it is closed; null, and every
-    // later Open, makes an ordered list.
+    // later Open, makes a CNxTimerPriorityQueue.
     explicit CNxReactorBase(std::unique_ptr<CNxTimerQueueBase> timerQueue = nullptr);
     ~CNxReactorBase() override;
 
@@ -65,7 +67,8 @@ public:
 
     // As CNxEventQueueUsingMutex; wakes the loop when the queue was empty, and when an earlier
     // wake-up could not be sent.
-    NxResult PostEvent(INxEvent* event, INxEventQueue::EPriority priority) override;
+    NxResult PostEvent(INxEvent* event,
+                       INxEventQueue::EPriority priority = INxEventQueue::PRIORITY_NORMAL) override;
     NxResult SendEvent(INxEvent* event) override;
     size_t GetPendingEventsCount() override;
     void StopAndDestoryPendingEvents() override;
@@ -81,6 +84,9 @@ public:
     unsigned long GetBufferSize() override { return sizeof(m_szBuffer); }
 
     int GetCloseReason() const override { return m_closeReason; }
+
+    CReactorCompanion* GetCompanion() const override { return m_companion.load(); }
+    [[nodiscard]] bool SetCompanion(CReactorCompanion* companion) override;
 
     void* GetCookie() override { return m_pCookie; }
     void SetCookie(void* cookie) override { m_pCookie = cookie; }
@@ -122,6 +128,9 @@ public:
                                                     INxEventHandler* handler) = 0;
 
 protected:
+    // Before the registrations and timers go.
+    void TellCompanion();
+
     // For a descriptor that failed: its handler gets what had arrived before, in as many calls of
     // OnInput as it takes, then OnClose, with `error` as the reason or, if that is 0, with what the
     // socket tells. Without an `error`, a handler that does not read at present gets OnOutput
@@ -131,6 +140,10 @@ protected:
     // The error that waits at a socket, which it takes from it (SO_ERROR, socket(7)), or why it
     // cannot be asked; EPIPE for what is no socket.
     static int TakeError(int fd);
+
+    // The beginning and the end of the loop, on its thread, which it belongs to in between.
+    void TakeBack();
+    void LetGo();
 
     CNxEnsureSingleThread m_Est;
     std::unique_ptr<CNxTimerQueueBase> m_pTimerQueue;
@@ -156,6 +169,8 @@ private:
     int m_failingFd = -1;
     // CNxProcessWide::CountForks at the last Open; -1 before.
     std::atomic<long> m_forksAtOpen{-1};
+    // Holds a reference.
+    std::atomic<CReactorCompanion*> m_companion{nullptr};
     // Events wait of which the loop has not been told.
     std::atomic<bool> m_wakeUpOwed{false};
 };

@@ -10,6 +10,8 @@ namespace {
 
 constexpr int c_readyPerWait = 1024;
 constexpr int c_forgotten = -1;
+// What says that the peer has ended its sending, or the connection is over.
+constexpr unsigned int c_ends = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
 
 }  // namespace
 
@@ -75,13 +77,16 @@ void CNxReactorEpoll::DispatchOne(int fd, unsigned int readiness) {
         return;
     }
     long mask = 0;
-    if ((readiness & EPOLLIN) != 0) {
+    if ((readiness & (EPOLLIN | EPOLLRDHUP)) != 0) {
         mask |= NX_MASK_INPUT | NX_MASK_CONNECT;
     }
     if ((readiness & EPOLLOUT) != 0) {
         mask |= NX_MASK_OUTPUT;
     }
+    // Only who waits for input is watched for its end.
+    m_mayHaveEnded = (readiness & EPOLLIN) == 0 || (readiness & c_ends) != 0;
     ProcessHandleEvent(fd, mask, 0, 0, 0);
+    m_mayHaveEnded = true;
 }
 
 bool CNxReactorEpoll::IsConnected(int fd) const {
@@ -95,7 +100,7 @@ NxResult CNxReactorEpoll::OnHandleRegister(int fd, long mask, INxEventHandler* h
     epoll_event interest{};
     interest.data.fd = fd;
     if ((mask & NX_MASK_INPUT) != 0) {
-        interest.events |= EPOLLIN | EPOLLET;
+        interest.events |= EPOLLIN | EPOLLRDHUP | EPOLLET;
     }
     if ((mask & NX_MASK_OUTPUT) != 0) {
         interest.events |= EPOLLOUT | EPOLLERR | EPOLLHUP | EPOLLET;

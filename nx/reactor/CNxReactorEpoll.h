@@ -36,6 +36,9 @@ public:
     [[nodiscard]] NxResult OnHandleRegister(int fd, long mask, INxEventHandler* handler) override;
     void OnHandleRemoved(int fd) override;
 
+    // Known for what epoll_wait(2) has found ready, not for what NotifyHandler asked for.
+    bool MayHaveEnded() const override { return m_mayHaveEnded; }
+
     // Whether the socket has no pending error (SO_ERROR, socket(7)), which it takes from it.
     bool IsConnected(int fd) const;
 
@@ -58,4 +61,6 @@ private:
     // The part of it that the current turn dispatches or has still to dispatch.
     int m_nextReady = 0;
     int m_readyCount = 0;
+    // Of the event that is being dispatched.
+    bool m_mayHaveEnded = true;
 };

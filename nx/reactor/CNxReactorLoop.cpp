@@ -1,3 +1,4 @@
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/reactor/CNxReactorLoop.h>
 
 #include <cassert>
@@ -18,11 +19,13 @@ CNxReactorLoop::~CNxReactorLoop() {
     // First, because the pipe would else be removed from it with a hook of a class that is gone.
     m_EhRepository.Close();
     m_NotifyPipe.Close();
+    TellCompanion();
 }
 
 NxResult CNxReactorLoop::Open() {
     const NxResult opened = OpenParts();
     if (opened != NX_OK) {
+        const CKeptErrno keptErrno;
         Close();
         return opened;
     }
@@ -63,7 +66,13 @@ NxResult CNxReactorLoop::StopEventLoop() {
 }
 
 NxResult CNxReactorLoop::RunEventLoop() {
-    m_Est.EnsureSingleThread("a reactor's loop");
+    TakeBack();
+    const NxResult result = RunTurns();
+    LetGo();
+    return result;
+}
+
+NxResult CNxReactorLoop::RunTurns() {
     while (!IsStopped() && !IsCopyOfParent()) {
         CNxTimeValue remaining;
         const int fired = FireTimers(remaining);

@@ -66,6 +66,7 @@ private:
     [[nodiscard]] virtual NxResult WaitAndDispatch(const CNxTimeValue& remaining, bool hasWork) = 0;
 
     [[nodiscard]] NxResult OpenParts();
+    NxResult RunTurns();
     int FireTimers(CNxTimeValue& remaining);
     void RunLastEvents();
 };

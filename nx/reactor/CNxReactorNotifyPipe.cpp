@@ -1,4 +1,5 @@
 #include <nx/foundation/CCancelOff.h>
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/high_descriptor.h>
 #include <nx/net/CNxIPCBase.h>
 #include <nx/reactor/CNxReactorBase.h>
@@ -34,6 +35,7 @@ NxResult CNxReactorNotifyPipe::Open(CNxReactorBase* reactor) {
         result = reactor->RegisterHandler(this, NX_MASK_READ);
     }
     if (result != NX_OK) {
+        const CKeptErrno keptErrno;
         Close();
     }
     return result;

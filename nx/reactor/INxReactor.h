@@ -6,9 +6,13 @@
 #include <nx/reactor/INxEventHandler.h>
 #include <nx/timer/INxTimerQueue.h>
 
+class CReactorCompanion;
+
 // Any thread may call PostEvent, SendEvent, GetPendingEventsCount, NotifyHandler and StopEventLoop;
-// everything else belongs to the thread that called Open. The result codes are with the
-// implementations: CNxReactorBase and CNxReactorLoop have those that all reactors share.
+// everything else belongs to the thread that called Open. Once its loop has ended and that thread
+// was joined, any thread may call RemoveHandler and CancelTimer, as long as the reactor is there.
+// The result codes are with the implementations: CNxReactorBase and CNxReactorLoop have those that
+// all reactors share.
 class INxReactor : public INxEventQueue, public INxTimerQueue {
 public:
     enum EReactorType { TYPE_EPOLL = 1, TYPE_REAL_TIME_SIGNAL = 2, TYPE_SELECT = 4 };
@@ -61,4 +65,17 @@ public:
     // error from the socket, and outside of OnClose. A handler that waited for a connect and
     // refused without having asked for SO_ERROR gets the reason as well.
     virtual int GetCloseReason() const { return 0; }
+
+    // For the library: what its higher floors keep with the reactor, which is told of the reactor's
+    // end. Null, and refused, by a reactor that has no place for it. Setting belongs to the
+    // reactor's thread and happens once.
+    virtual CReactorCompanion* GetCompanion() const { return nullptr; }
+    [[nodiscard]] virtual bool SetCompanion(CReactorCompanion* /*companion*/) { return false; }
+
+    // Within a handler's OnInput, AND FOR ITS DESCRIPTOR ALONE: whether the peer may have ended its
+    // sending. False only when the reactor knows that it had not when the event came: then a
+    // recv(2) that brings less than was asked for has emptied the socket (epoll(7)), the end is
+    // told by another OnInput, and the handler need not ask once more. It has to where reads come
+    // short for other reasons: of urgent data (MSG_OOB), or of descriptors in a unix socket.
+    virtual bool MayHaveEnded() const { return true; }
 };

@@ -374,7 +374,7 @@ void CDnsManagerImp::PostUntold_l() {
 bool CDnsManagerImp::Post_l(CDnsAsk& ask) {
     // The queue's, which it releases in any case.
     ask.AddReference();
-    const NxResult posted = ask.m_queue.PostEvent(&ask, INxEventQueue::PRIORITY_NORMAL);
+    const NxResult posted = ask.m_queue.PostEvent(&ask);
     if (posted == NX_ERROR_NOT_INITIALIZED) {
         // The thread has ended: nobody is left to be told.
         Forget_l(ask);

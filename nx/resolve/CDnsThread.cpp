@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cerrno>
 #include <cstdint>
 #include <new>
 
@@ -60,7 +61,9 @@ bool CDnsThread::CSource::operator==(const CSource& other) const {
            m_changed.tv_nsec == other.m_changed.tv_nsec;
 }
 
-CDnsThread::CDnsThread(IWork& work) : m_work(work) {}
+CDnsThread::CDnsThread(IWork& work) : m_work(work) {
+    SetName("nx-dns");
+}
 
 CDnsThread::~CDnsThread() {
     if (m_timerFd != -1) {
@@ -79,6 +82,7 @@ NxResult CDnsThread::Create(int type, CNxThreadManager::TFlag flags) {
     if (result == NX_OK && m_opened != NX_OK) {
         Join();
         result = m_opened;
+        errno = m_openedErrno;
     }
     return result;
 }
@@ -90,6 +94,7 @@ NxResult CDnsThread::Wake() {
 void CDnsThread::OnThreadInit() {
     CNxThreadReactor::OnThreadInit();
     m_opened = OpenTimer();
+    m_openedErrno = errno;
 }
 
 NxResult CDnsThread::OpenTimer() {
@@ -236,7 +241,7 @@ bool CDnsThread::OnSocketOpened(CDnsChannel& channel, int fd) {
         // For output as well, because else it does not hear of a failure.
         const NxResult result =
             GetReactor()->RegisterHandler(at->second.get(), NX_MASK_READ | NX_MASK_WRITE);
-        return result == NX_OK || result == NX_ERROR_FOUND;
+        return NxSucceeded(result);
     } catch (const std::bad_alloc&) {
         return false;
     }

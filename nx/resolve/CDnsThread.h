@@ -88,6 +88,7 @@ private:
     IWork& m_work;
     int m_timerFd = -1;
     NxResult m_opened = NX_ERROR_NOT_INITIALIZED;
+    int m_openedErrno = 0;
     std::unordered_map<int, std::unique_ptr<CSocket>> m_sockets;
     // The current one first.
     std::list<CDnsChannel> m_channels;

@@ -69,8 +69,9 @@ public:
                                          unsigned long count) override;
     NxResult CancelTimer(INxTimerHandler* handler) override;
     NxResult SendEvent(INxEvent* event) override;
-    using INxReactor::PostEvent;
     virtual NxResult PostEvent(INxEvent* event);
+    // Without the default: an event alone is for the one above.
+    NxResult PostEvent(INxEvent* event, INxEventQueue::EPriority priority) override = 0;
 
 protected:
     INxReactor* GetReactor() const { return m_reactor; }

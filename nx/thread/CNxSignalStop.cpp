@@ -1,4 +1,4 @@
-#include <nx/foundation/standard_streams.h>
+#include <nx/foundation/own_lines.h>
 #include <nx/thread/CNxSignalStop.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadManager.h>
@@ -26,14 +26,14 @@ NxResult CNxSignalStop::Launch(int /*signal*/) {
     if (queue == nullptr) {
         return NX_ERROR_FAILURE;
     }
-    const NxResult result = queue->PostEvent(this, INxEventQueue::PRIORITY_NORMAL);
-    PrintToStdout("CNxSignalStop::CNxSignalStop, PostEvent, rv=%d.\n", static_cast<int>(result));
+    const NxResult result = queue->PostEvent(this);
+    SayOnStdout("CNxSignalStop::CNxSignalStop, PostEvent, rv=%d.\n", static_cast<int>(result));
     return result;
 }
 
 NxResult CNxSignalStop::OnEventFire() {
-    PrintToStdout("CNxSignalStop::OnEventFire. tid=%d.\n",
-                  static_cast<int>(CNxThreadManager::GetThreadSelfId()));
+    SayOnStdout("CNxSignalStop::OnEventFire. tid=%d.\n",
+                static_cast<int>(CNxThreadManager::GetThreadSelfId()));
     CNxThread* const mainThread = CNxThreadManager::Instance()->GetThread(NX_THREAD_MAIN);
     return mainThread != nullptr ? mainThread->Stop(nullptr) : NX_ERROR_NULL_POINTER;
 }

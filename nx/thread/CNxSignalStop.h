@@ -15,7 +15,8 @@ public:
 
     // Call it on the network thread, e.g. in an event that a signal made: posts this object to
     // that thread's queue, after the events that wait there, and prints
-    // "CNxSignalStop::CNxSignalStop, PostEvent, rv=%d.\n". The argument is not used.
+    // "CNxSignalStop::CNxSignalStop, PostEvent, rv=%d.\n" to standard output (CNxOwnLines). The
+    // argument is not used.
     // The result of the post; NX_OK with nothing done when it was launched before or the caller is
     // not the network thread; NX_ERROR_FAILURE when there is no network thread or it has no queue.
     NxResult Launch(int signal);

@@ -1,5 +1,7 @@
+#include <nx/event/NxCall.h>
 #include <nx/foundation/CCallOut.h>
 #include <nx/foundation/CCancelOff.h>
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxTimeUtils.h>
 #include <nx/foundation/CNxTimeValue.h>
@@ -11,9 +13,9 @@
 #include <sched.h>
 
 #include <cassert>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <new>
 
 // How the new thread tells the one in Create that it is up, or that it is not going to be.
 class CNxThread::CStartEvent : public CNxEventThread {
@@ -23,19 +25,10 @@ public:
 
 namespace {
 
+constexpr size_t c_longestName = 15;
 constexpr unsigned long c_maxProcessors = 1024;
 constexpr unsigned long c_pollMs = 5;
 constexpr unsigned long c_traceError = 1;
-
-// Ends a reactor's loop from inside.
-class CStopLoop : public INxEvent {
-public:
-    explicit CStopLoop(INxReactor& reactor) : m_reactor(reactor) {}
-    NxResult OnEventFire() override { return m_reactor.StopEventLoop(); }
-
-private:
-    INxReactor& m_reactor;
-};
 
 // Reads "1,3" into `set`; false when it names no processor.
 bool ParseCpuSet(const CNxString& text, cpu_set_t& set) {
@@ -133,6 +126,7 @@ NxResult CNxThread::StartSystemThread() {
     if (error != 0) {
         m_startEvent = nullptr;
         m_life.store(ELife::NONE);
+        errno = error;
         return NX_ERROR_UNEXPECTED;
     }
     // From here on the object may delete itself: only locals are touched.
@@ -141,7 +135,39 @@ NxResult CNxThread::StartSystemThread() {
     if (startEvent.m_result != NX_OK && joinable) {
         pthread_join(handle, nullptr);
     }
+    if (startEvent.m_result == NX_ERROR_FAILURE) {
+        errno = ENOMEM;  // as it is on the new thread
+    }
     return startEvent.m_result;
+}
+
+// GetReactor is not const, for the reactor that it gives is not.
+CNxString CNxThread::GetDefaultName() const {
+    switch (m_type) {
+        case NX_THREAD_MAIN:
+            return "nx-main";
+        case NX_THREAD_NETWORK:
+            return "nx-network";
+        case NX_THREAD_PRECISE_TIMER:
+            return "nx-timer";
+        default:
+            const bool hasReactor = const_cast<CNxThread*>(this)->GetReactor() != nullptr;
+            char name[32];
+            std::snprintf(name, sizeof(name), hasReactor ? "nx-reactor-%d" : "nx-task-%d", m_type);
+            return CNxString(name).substr(0, c_longestName);
+    }
+}
+
+void CNxThread::SetName(const CNxString& name) {
+    m_name = name.substr(0, c_longestName);
+    if (CNxThreadManager::IsEqualCurrentThread(GetThreadId())) {
+        ApplyName();
+    }
+}
+
+void CNxThread::ApplyName() {
+    // Refused only to a name that is too long.
+    static_cast<void>(pthread_setname_np(pthread_self(), GetName().c_str()));
 }
 
 void* CNxThread::ThreadProc(void* object) {
@@ -171,6 +197,9 @@ void CNxThread::Run() {
     ApplyCpuSet(m_cpuSet);
     CStartEvent* const startEvent = m_startEvent;
     m_startEvent = nullptr;
+    if (startEvent != nullptr) {
+        ApplyName();
+    }
     const NxResult setUp = SetUp();
     if (setUp == NX_ERROR_NULL_POINTER && Unregister()) {
         delete this;
@@ -272,8 +301,8 @@ NxResult CNxThread::StopForCertain(CNxTimeValue* timeout) {
     if (stopped != NX_ERROR_FAILURE || reactor == nullptr) {
         return stopped;
     }
-    auto* const event = new (std::nothrow) CStopLoop(*reactor);
-    return event != nullptr ? reactor->PostEvent(event, INxEventQueue::PRIORITY_NORMAL) : stopped;
+    // From inside.
+    return NxPostCall(*reactor, [reactor] { return reactor->StopEventLoop(); });
 }
 
 NxResult CNxThread::Stop(CNxTimeValue* /*timeout*/) {
@@ -287,7 +316,7 @@ NxResult CNxThread::Join() {
     if (!IsJoinable() || Claim() == ELife::NONE) {
         return NX_ERROR_FAILURE;
     }
-    return pthread_join(m_threadHandle, nullptr) == 0 ? NX_OK : NX_ERROR_FAILURE;
+    return ResultOfError(pthread_join(m_threadHandle, nullptr));
 }
 
 // The system's own timed join goes by the wall clock.

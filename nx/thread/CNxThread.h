@@ -86,12 +86,24 @@ public:
     CNxString GetCPUSet() const { return m_cpuSet; }
     void SetCPUSet(const CNxString& cpuSet) { m_cpuSet = cpuSet; }
 
+    // What ps -T, gdb and /proc show: 15 bytes, the rest is cut. Without a name of its own
+    // a thread that the library starts is called by its type: "nx-network", "nx-timer",
+    // "nx-reactor-4097" with a reactor and "nx-task-4097" without one. A thread that was there
+    // before, such as the main thread, keeps the name it had.
+    // SetName counts from the thread's start on; called on the thread itself, at once. Not while
+    // others call GetName.
+    CNxString GetName() const { return m_name.empty() ? GetDefaultName() : m_name; }
+    void SetName(const CNxString& name);
+
     // The body of the system thread; `object` is the CNxThread, null ends at once.
     static void* ThreadProc(void* object);
 
     virtual ~CNxThread();
 
     // What follows is for the thread manager.
+
+    // Gives the calling thread the object's name.
+    void ApplyName();
 
     // How a thread comes to its end at the latest when the process exits.
     enum class EEnd {
@@ -132,6 +144,7 @@ private:
     //                        RUNNING_CLAIMED --> ENDED_CLAIMED
     enum class ELife { NONE, STARTING, RUNNING, RUNNING_CLAIMED, ENDED, ENDED_CLAIMED };
 
+    CNxString GetDefaultName() const;
     NxResult PrepareCreate(int type, CNxThreadManager::TFlag flags);
     NxResult StartSystemThread();
     NxResult SetUp();
@@ -148,6 +161,7 @@ private:
     CNxThreadManager::TFlag m_flags = CNxThreadManager::FLAG_NONE;
     std::atomic<int> m_registered{0};
     CNxString m_cpuSet;
+    CNxString m_name;
     std::atomic<ELife> m_life{ELife::NONE};
     // The process that has the system thread (CNxProcessWide::CountForks).
     unsigned int m_forks = 0;

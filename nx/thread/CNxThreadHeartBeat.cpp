@@ -9,7 +9,7 @@ constexpr size_t c_noLimit = std::numeric_limits<size_t>::max();
 }  // namespace
 
 void CNxThreadHeartBeat::OnThreadInit() {
-    m_timerQueue = std::make_unique<CNxTimerQueueOrderedList>(nullptr);
+    m_timerQueue = std::make_unique<CNxTimerPriorityQueue>(nullptr);
     BindToCallingThread();
 }
 

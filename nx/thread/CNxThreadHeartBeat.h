@@ -5,7 +5,7 @@
 
 #include <nx/event/CNxEventQueueUsingMutex.h>
 #include <nx/thread/CNxThread.h>
-#include <nx/timer/CNxTimerQueueOrderedList.h>
+#include <nx/timer/CNxTimerPriorityQueue.h>
 
 // Gives a loop that the library does not run an event queue and timers:
 //     auto* heart = new CNxThreadHeartBeat;
@@ -38,5 +38,5 @@ public:
 
 private:
     CNxEventQueueUsingMutex m_eventQueue;
-    std::unique_ptr<CNxTimerQueueOrderedList> m_timerQueue;
+    std::unique_ptr<CNxTimerPriorityQueue> m_timerQueue;
 };

@@ -1,11 +1,13 @@
 #include <nx/event/CNxCallingThread.h>
 #include <nx/foundation/CCancelOff.h>
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/foundation/CNxEventThread.h>
+#include <nx/foundation/CNxOwnLines.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxTimeUtils.h>
 #include <nx/foundation/CNxTimeValue.h>
-#include <nx/foundation/standard_streams.h>
+#include <nx/foundation/own_lines.h>
 #include <nx/process/trace_setting.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/thread/CNxThreadManagerImp.h>
@@ -13,6 +15,7 @@
 #include <nx/thread/CNxThreadTask.h>
 #include <nx/thread/CNxTimerPreciseManager.h>
 #include <nx/thread/CThreadsEnd.h>
+#include <nx/trace/CNxT120Trace.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -48,9 +51,27 @@ Thread* MakeThread() {
     }
 }
 
+void DestroyRefused(CNxThread* thread) {
+    const CKeptErrno keptErrno;
+    thread->Destory(0);
+}
+
 bool InitThread(CNxThread* thread) {
     try {
         thread->OnThreadInit();
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+// With what has been said until now, if that is to be traced.
+bool InitTracing() {
+    try {
+        trace_setting_init();
+        if (CNxOwnLines::GetTarget() == CNxOwnLines::TO_TRACE) {
+            CNxT120Trace::instance();
+        }
     } catch (const std::bad_alloc&) {
         return false;
     }
@@ -98,6 +119,7 @@ void* MainThreadFun(void* argument) {
     CNxThread* const thread = start->m_thread;
     pthread_detach(pthread_self());
     thread->BindToCallingThread();
+    thread->ApplyName();
     start->m_takenOver.Signal();
     thread->OnThreadRun();
     // The system will give the id to another thread.
@@ -219,15 +241,14 @@ NxResult CNxThreadManagerImp::InitMainThread(int /*argc*/, char** /*argv*/) {
     }
     // Only a reactor on signals needs it, and that one blocks them for its own thread as well.
     static_cast<void>(BlockSignal());
-    trace_setting_init();
-    auto* const thread = MakeThread<CNxThreadTask>();
+    auto* const thread = InitTracing() ? MakeThread<CNxThreadTask>() : nullptr;
     NxResult created =
         thread != nullptr ? thread->Create(NX_THREAD_MAIN, FLAG_JOINABLE) : NX_ERROR_FAILURE;
     if (created == NX_OK && !InitThread(thread)) {
         created = NX_ERROR_FAILURE;
     }
     if (created != NX_OK && thread != nullptr) {
-        thread->Destory(0);
+        DestroyRefused(thread);
     }
     return created;
 }
@@ -240,9 +261,10 @@ NxResult CNxThreadManagerImp::MainThreadDetachRun(CNxThread* thread) {
     const CCancelOff cancelOff;
     CMainThreadStart start{thread, CNxEventThread(0, 0)};
     pthread_t handle{};
-    if (pthread_create(&handle, nullptr, &MainThreadFun, &start) != 0) {
-        PrintToStderr("thread create failed\n");
-        return NX_ERROR_FAILURE;
+    const int error = pthread_create(&handle, nullptr, &MainThreadFun, &start);
+    if (error != 0) {
+        SayOnStderr("thread create failed\n");
+        return ResultOfError(error);
     }
     while (start.m_takenOver.Wait(nullptr) != NX_OK) {
     }
@@ -285,7 +307,7 @@ NxResult CNxThreadManagerImp::CreateUserTaskThread(CNxThread*& out, TFlag flags,
     }
     const NxResult created = thread->Create(GetAndIncreamUserType(), flags);
     if (created != NX_OK) {
-        thread->Destory(0);
+        DestroyRefused(thread);
         return created;
     }
     out = thread;
@@ -302,7 +324,7 @@ NxResult CNxThreadManagerImp::DisableSignal(int signo) {
     if (sigemptyset(&set) != 0 || sigaddset(&set, signo) != 0) {
         return NX_ERROR_FAILURE;
     }
-    return pthread_sigmask(SIG_BLOCK, &set, nullptr) == 0 ? NX_OK : NX_ERROR_FAILURE;
+    return ResultOfError(pthread_sigmask(SIG_BLOCK, &set, nullptr));
 }
 
 NxResult CNxThreadManagerImp::BlockSignal() {
@@ -324,7 +346,7 @@ NxResult CNxThreadManagerImp::CreateNetworkThread(int type, INxReactor* reactor,
         result = thread->Create(type, FLAG_JOINABLE);
     }
     if (result != NX_OK) {
-        thread->Destory(0);
+        DestroyRefused(thread);
         return result;
     }
     out = thread;

@@ -10,8 +10,7 @@ CNxThreadProxyBase::CNxThreadProxyBase(int type)
 
 NxResult CNxThreadProxyBase::PostEvent_i(INxEvent* event) {
     const NxResult checked = CheckTarget(event);
-    return checked == NX_OK ? m_eventQueue->PostEvent(event, INxEventQueue::PRIORITY_NORMAL)
-                            : checked;
+    return checked == NX_OK ? m_eventQueue->PostEvent(event) : checked;
 }
 
 NxResult CNxThreadProxyBase::SendEvent_i(INxEvent* event) {

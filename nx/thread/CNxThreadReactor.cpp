@@ -1,5 +1,7 @@
 #include <nx/thread/CNxThreadReactor.h>
 
+#include <cerrno>
+
 NxResult CNxThreadReactor::Init(INxReactor* reactor) {
     if (m_reactor != nullptr) {
         return NX_ERROR_ALREADY_INITIALIZED;
@@ -21,6 +23,7 @@ NxResult CNxThreadReactor::Create(int type, CNxThreadManager::TFlag flags) {
     }
     if (m_openResult != NX_OK) {
         Join();
+        errno = m_openErrno;
     }
     return m_openResult;
 }
@@ -39,6 +42,7 @@ NxResult CNxThreadReactor::Stop(CNxTimeValue* timeout) {
 void CNxThreadReactor::OnThreadInit() {
     if (m_reactor != nullptr && GetThreadType() != NX_THREAD_MAIN) {
         m_openResult = m_reactor->Open();
+        m_openErrno = errno;
         // Open has cleared what another thread asked for since the registration.
         if (m_openResult == NX_OK && m_stopAsked.load() != 0) {
             m_reactor->StopEventLoop();

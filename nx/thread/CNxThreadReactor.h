@@ -39,4 +39,5 @@ private:
     std::atomic<int> m_stopAsked{0};
     // Of Open; written by the new thread while Create waits for it.
     NxResult m_openResult = NX_ERROR_NOT_INITIALIZED;
+    int m_openErrno = 0;
 };

@@ -44,8 +44,15 @@ size_t CNxThreadTaskWithEventQueueOnly::BeginTurn(CNxTimeValue& /*wait*/) {
 }
 
 void CNxThreadTask::OnThreadInit() {
-    m_timerQueue = std::make_unique<CNxTimerQueueOrderedList>(nullptr);
+    m_timerQueue = std::make_unique<CNxTimerPriorityQueue>(nullptr);
     CNxThreadTaskWithEventQueueOnly::OnThreadInit();
+}
+
+void CNxThreadTask::OnThreadRun() {
+    CNxThreadTaskWithEventQueueOnly::OnThreadRun();
+    if (m_timerQueue != nullptr) {
+        m_timerQueue->LetGo();
+    }
 }
 
 size_t CNxThreadTask::BeginTurn(CNxTimeValue& wait) {

@@ -7,7 +7,7 @@
 #include <nx/event/CNxEventStop.h>
 #include <nx/foundation/CNxUtilClasses.h>
 #include <nx/thread/CNxThread.h>
-#include <nx/timer/CNxTimerQueueOrderedList.h>
+#include <nx/timer/CNxTimerPriorityQueue.h>
 
 // Sleeps until events come and fires them in order.
 class CNxThreadTaskWithEventQueueOnly : public CNxThread, public CNxStopFlag {
@@ -48,6 +48,7 @@ protected:
 class CNxThreadTask : public CNxThreadTaskWithEventQueueOnly {
 public:
     void OnThreadInit() override;
+    void OnThreadRun() override;
 
     // Null before OnThreadInit.
     INxTimerQueue* GetTimerQueue() override { return m_timerQueue.get(); }
@@ -56,5 +57,5 @@ protected:
     size_t BeginTurn(CNxTimeValue& wait) override;
 
 private:
-    std::unique_ptr<CNxTimerQueueOrderedList> m_timerQueue;
+    std::unique_ptr<CNxTimerPriorityQueue> m_timerQueue;
 };

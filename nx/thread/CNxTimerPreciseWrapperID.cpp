@@ -91,7 +91,7 @@ void CNxTimerPreciseWrapperID::OnTimeout(const CNxTimeValue& /*curTime*/, void* 
         auto* const sink = static_cast<CNxTimerPreciseWrapperIDSink*>(token);
         auto* const event = new (std::nothrow) CEventTimer(sink, this);
         if (event != nullptr) {
-            m_targetQueue->PostEvent(event, INxEventQueue::PRIORITY_NORMAL);
+            m_targetQueue->PostEvent(event);
         }
     }
 }

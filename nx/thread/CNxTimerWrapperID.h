@@ -17,7 +17,8 @@ public:
 };
 
 // Bound for its whole life to the timer queue of the thread that first schedules it: scheduled,
-// cancelled and destroyed on that thread only, and destroyed or cancelled before it ends.
+// cancelled and destroyed on that thread only, or on any once its loop has ended and it was joined,
+// while the thread object is still there. CNxTimedCall takes a function in place of a sink.
 class CNxTimerWrapperID : public INxTimerHandler {
 public:
     CNxTimerWrapperID() = default;

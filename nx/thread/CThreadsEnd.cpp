@@ -1,7 +1,7 @@
 #include <nx/event/INxEventQueue.h>
 #include <nx/foundation/CNxTimeUtils.h>
 #include <nx/foundation/CNxTimeValue.h>
-#include <nx/foundation/standard_streams.h>
+#include <nx/foundation/own_lines.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CThreadsEnd.h>
 #include <sys/stat.h>
@@ -79,8 +79,8 @@ void CThreadsEnd::JoinWithinLimit(const std::vector<CNxThread*>& threads) {
         CNxTimeValue::GetMonotonicTime() + CNxTimeValue(limitMs / 1000, limitMs % 1000 * 1000);
     for (CNxThread* thread : threads) {
         if (!IsEndedByManager(thread) && thread->JoinUntil(deadline) == NX_ERROR_TIMEOUT) {
-            PrintToStderr("nxbase: thread %d has not ended in %ld ms and is left behind\n",
-                          thread->GetThreadType(), limitMs);
+            SayOnStderr("nxbase: thread %d has not ended in %ld ms and is left behind\n",
+                        thread->GetThreadType(), limitMs);
         }
     }
 }

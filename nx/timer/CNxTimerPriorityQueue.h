@@ -1,4 +1,4 @@
-// The timer queue for many timers of one thread: a heap in place of the sorted list.
+// The timer queue that reactors and task threads have unless they are given another: a heap.
 #pragma once
 
 #include <cstddef>

@@ -32,7 +32,7 @@ NxResult CNxTimerQueueBase::ScheduleTimer(INxTimerHandler* handler, void* token,
     if (wasEmpty) {
         m_observer->OnObserve("TimerQueue", nullptr);
     }
-    return pushed == NX_OK || pushed == NX_ERROR_FOUND ? pushed : NX_ERROR_FAILURE;
+    return NxSucceeded(pushed) ? pushed : NX_ERROR_FAILURE;
 }
 
 NxResult CNxTimerQueueBase::Push(const CNode& node) {

@@ -40,6 +40,10 @@ public:
 
     void Reset2CurrentThread() override { m_Est.Reset2CurrentThreadId(); }
 
+    // For the end of the owner's loop: from here on any thread may cancel what is left, until
+    // Reset2CurrentThread.
+    void LetGo() { m_Est.LetGo(); }
+
 protected:
     static constexpr unsigned long c_endless = ~0ul;
 

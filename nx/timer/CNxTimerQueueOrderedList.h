@@ -1,12 +1,12 @@
-// The default timer queue of a thread: a list sorted by expiry.
+// The timer queue for a handful of timers: a list sorted by expiry.
 #pragma once
 
 #include <list>
 
 #include <nx/timer/CNxTimerQueueBase.h>
 
-// For the few timers of an ordinary thread: scheduling and cancelling walk the list, firing takes
-// its front. Among timers due at the same instant the one scheduled last fires first.
+// Scheduling and cancelling walk the list, firing takes its front. Among timers due at the same
+// instant the one scheduled last fires first.
 class CNxTimerQueueOrderedList : public CNxTimerQueueBase {
 public:
     explicit CNxTimerQueueOrderedList(INxObserver* observer) : CNxTimerQueueBase(observer) {}

@@ -18,7 +18,9 @@ public:
 
 // Timers of one thread, by CNxTimeValue::GetTimeOfDay: when the system clock is set they move with
 // it, unless the process has called CNxTimeValue::UseMonotonicClock. No locks: only that thread
-// calls it; others post an event to it.
+// calls it; others post an event to it. Once its loop has ended and it was joined any thread may
+// cancel, as long as the queue is there: the reactor or thread object that has it outlives those
+// who do.
 class INxTimerQueue {
 public:
     // First fires `interval` from now, then every `interval`; `count` times in all, 0 meaning until

@@ -2,8 +2,8 @@
 #include <nx/foundation/CCancelOff.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxUtils.h>
+#include <nx/foundation/own_lines.h>
 #include <nx/foundation/standard_streams.h>
-#include <nx/process/process_path.h>
 #include <nx/process/trace_setting.h>
 #include <nx/trace/CNxT120Trace.h>
 #include <nx/trace/CNxT120TraceFile.h>
@@ -28,6 +28,8 @@ using CGuard = CNxMutexGuardT<CNxMutexThreadRecursive>;
 
 // The last level keeps its default.
 constexpr unsigned long CONFIGURED_LEVELS = NX_TRACE_LEVELS - 1;
+
+constexpr unsigned long LEVEL_INFO = 21;
 
 constexpr int MIN_SIZE = 1025;
 constexpr int DEFAULT_SIZE = 20971520;
@@ -76,7 +78,7 @@ bool IsTaken(const std::string& path) {
     }
     const bool isSafe = CNxT120TraceFile::IsSafe(status);
     if (!isSafe) {
-        PrintToStderr("nxbase: cannot trace to %s: planted by another user\n", path.c_str());
+        ComplainOnce("trace to", path.c_str(), "planted by another user");
     }
     return !isSafe || status.st_size > 0;
 }
@@ -99,6 +101,10 @@ void OnForkInChild() {
     CNxT120Trace::t120_trace.load()->AfterFork(true);
 }
 
+void TraceOwnLine(const char* line) {
+    CNxT120Trace::t120_trace.load()->trace_string(LEVEL_INFO, line, false);
+}
+
 CNxT120Trace* MakeInstance() {
     trace_setting_init();
     auto* const engine = new CNxT120Trace("Log", g_logMapEntry, nullptr, 0);
@@ -106,13 +112,14 @@ CNxT120Trace* MakeInstance() {
     // Registered later than the files' own handlers, so the engine is locked before them. Without
     // the memory for it a forked child may find the engine locked; all else works.
     static_cast<void>(pthread_atfork(&OnBeforeFork, &OnForkInParent, &OnForkInChild));
+    SetLineTracer(&TraceOwnLine);
     return engine;
 }
 
 struct CTraceDir {
     CTraceDir() {
-        const CNxString home = GetBinHomePath();
-        BufferStringCopy(m_path, sizeof(m_path), home.empty() ? "/tmp" : home + "/logs");
+        const CNxString dir = get_log_dir();
+        BufferStringCopy(m_path, sizeof(m_path), dir.empty() ? "/tmp" : dir);
     }
     char m_path[1024] = "";
 };
@@ -174,6 +181,7 @@ void CNxT120Trace::read_config() {
     m_hasConfig = config != nullptr;
     const int lines = std::max(get_int_param(config.get(), SECTION, "FlushPerLines"), 1);
     CNxT120TraceFile::SetMode(GetModeParam(config));
+    SetKernelThreadIds(get_bool_param(config.get(), SECTION, "KernelThreadId", 0) != 0);
     CNxT120TraceFileMgr::Instance().refresh_settings(GetSizeParam(config, get_process_name()),
                                                      lines);
     m_enabled = get_bool_param(config.get(), SECTION, "Enable", 1) != 0;

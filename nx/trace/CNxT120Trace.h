@@ -5,7 +5,8 @@
 //     CNxT120Trace::instance()->trace_string(21, "listening", false);
 //
 // NO FILE IS OPENED UNTIL THE CONFIGURATION ASKS FOR IT: what is switched on stands in the section
-// Trace of the process's configuration file HOME/conf/NAME.cfg (nx/process/trace_setting.h):
+// Trace of the process's configuration file, HOME/conf/NAME.cfg unless another folder is given
+// (nx/process/trace_setting.h):
 //
 //     [Trace]
 //     Enable=TRUE
@@ -35,7 +36,8 @@
 // tried again once a second, and begins with the number of records that were lost meanwhile.
 //
 // The log folder is made when it is missing, with mode 0755. FileMode, four octal digits, is the
-// mode of files (CNxT120TraceFile::SetMode). KeepFiles and KeepDays have old files removed when
+// mode of files (CNxT120TraceFile::SetMode). KernelThreadId has records of all threads carry their
+// gettid(2) instead of pthread_self(3). KeepFiles and KeepDays have old files removed when
 // one is opened: docs/trace.md.
 #pragma once
 
@@ -125,7 +127,8 @@ public:
     // The same, but always prints the record, also when the level or all tracing is switched off.
     void FatalTraceString(unsigned long level, const char* text);
 
-    // HOME/logs, at most 1023 bytes; "/tmp" when the home is not known. Do not write to it.
+    // The log folder (get_log_dir), at most 1023 bytes; "/tmp" when it is not known. Do not write
+    // to it.
     static char* get_trace_dir();
 
     // The executable's base name, "bztrace" when it is unknown (the free get_process_name returns

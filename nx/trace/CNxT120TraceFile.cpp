@@ -1,7 +1,7 @@
 #include <fcntl.h>
 #include <nx/foundation/CCancelOff.h>
 #include <nx/foundation/high_descriptor.h>
-#include <nx/foundation/standard_streams.h>
+#include <nx/foundation/own_lines.h>
 #include <nx/foundation/write_parts.h>
 #include <nx/trace/CNxT120TraceFile.h>
 #include <nx/trace/CTraceStamp.h>
@@ -215,12 +215,12 @@ bool CNxT120TraceFile::Open(CClock::time_point deadline) {
     bool isNew = false;
     const int fd = OpenOrMake(m_fileName.c_str(), isNew);
     if (fd < 0) {
-        Complain(std::strerror(errno), errno == ELOOP);
+        Complain(std::strerror(errno));
         return false;
     }
     struct stat status {};
     if (fstat(fd, &status) != 0 || !IsSafe(status)) {
-        Complain("not a regular file with one name and an owner to trust", true);
+        Complain("not a regular file with one name and an owner to trust");
         close(fd);
         return false;
     }
@@ -239,7 +239,6 @@ bool CNxT120TraceFile::Open(CClock::time_point deadline) {
         return false;
     }
     m_fd = fd;
-    m_hasComplained = false;
     return true;
 }
 
@@ -248,7 +247,7 @@ bool CNxT120TraceFile::Open(CClock::time_point deadline) {
 bool CNxT120TraceFile::Prepare(int fd, CClock::time_point deadline) {
     const bool isLocked = m_shared != 0;
     if (isLocked && !LockFile(fd, deadline)) {
-        Complain("another process keeps its lock", false);
+        Complain("another process keeps its lock");
         return false;
     }
     // Another thread may have opened it meanwhile.
@@ -265,11 +264,8 @@ bool CNxT120TraceFile::Prepare(int fd, CClock::time_point deadline) {
     return isFirst;
 }
 
-void CNxT120TraceFile::Complain(const char* problem, bool isRefused) {
-    if (!m_hasComplained && (isRefused || m_shared != 0)) {
-        PrintToStderr("nxbase: cannot trace to %s: %s\n", m_fileName.c_str(), problem);
-        m_hasComplained = true;
-    }
+void CNxT120TraceFile::Complain(const char* problem) const {
+    ComplainOnce("trace to", m_fileName.c_str(), problem);
 }
 
 bool CNxT120TraceFile::is_same_file(const char* name) const {

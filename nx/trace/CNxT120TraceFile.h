@@ -46,7 +46,7 @@ struct stat;
 //
 // Other users may write to the folder of the file: links are not followed, and a file is refused
 // that is not regular, has more names than one, or belongs to neither the process's user nor root.
-// One line on stderr tells of a refused file, and of a shared file that cannot be opened.
+// One line on stderr tells of a file that is refused or cannot be opened (CNxOwnLines).
 //
 // Whoever meddles with the file: a header that is no number, lies below 32 or beyond the end of
 // the file counts as 32. In a private file that is so only for its first flush and after a fork(2):
@@ -138,7 +138,7 @@ private:
     [[nodiscard]] bool EnsureOpen(CClock::time_point deadline);
     [[nodiscard]] bool Open(CClock::time_point deadline);
     [[nodiscard]] bool Prepare(int fd, CClock::time_point deadline);
-    void Complain(const char* problem, bool isRefused);
+    void Complain(const char* problem) const;
     [[nodiscard]] bool LockFile(int fd, CClock::time_point deadline);
     [[nodiscard]] bool Take(const CRecord& record, bool isShared);
     [[nodiscard]] bool Append(const CRecord& record);
@@ -155,7 +155,6 @@ private:
     // What is to be done as long as there is no descriptor.
     TOpening m_opening = NOT_ASKED;
     CClock::time_point m_nextTry;
-    bool m_hasComplained = false;
     // Another process kept the lock longer than a record waits.
     bool m_isLockStuck = false;
     unsigned long m_lost = 0;

@@ -15,8 +15,13 @@ struct CTraceStamp {
     int m_year;
     time_t m_second;
     unsigned int m_forks;
+    bool m_isKernelId;
 };
 
 // The calling thread's stamp, brought up to now; it changes at the thread's next call. The calendar
-// is worked out once a second and thread, the ids once a thread and fork.
+// and the ids are worked out once a second and thread, and in a child of fork(2).
 const CTraceStamp& CurrentTraceStamp();
+
+// Whether T is the number that the kernel knows the thread by, and ps(1) and gdb(1) show, instead
+// of pthread_self(3) cut to an int. Of all stamps from the next ones on.
+void SetKernelThreadIds(bool on);

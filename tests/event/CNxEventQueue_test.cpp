@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <nx/event/CNxEventQueueUsingConditionVariable.h>
+#include <nx/event/NxCall.h>
 
 #include <pthread.h>
 
@@ -11,17 +12,14 @@
 
 namespace {
 
-constexpr auto c_normal = INxEventQueue::PRIORITY_NORMAL;
-
 TEST(EventQueue, StoppedQueueDestroysWhatItRefuses) {
     CNxEventQueueUsingConditionVariable queue;
     EventCounts counts;
-    queue.PostEvent(new CountedEvent(counts), c_normal);
+    queue.PostEvent(new CountedEvent(counts));
     EXPECT_EQ(queue.PostLastEvent(new CountedEvent(counts)), NX_OK);
     // Its end posts once more to the same queue: no lock may be held.
-    const auto again = [&] { queue.PostEvent(new CountedEvent(counts), c_normal); };
-    EXPECT_EQ(queue.PostEvent(new CountedEvent(counts, nullptr, again), c_normal),
-              NX_ERROR_NOT_INITIALIZED);
+    const auto again = [&] { queue.PostEvent(new CountedEvent(counts)); };
+    EXPECT_EQ(queue.PostEvent(new CountedEvent(counts, nullptr, again)), NX_ERROR_NOT_INITIALIZED);
     EXPECT_EQ(queue.PostLastEvent(new CountedEvent(counts)), NX_ERROR_NOT_INITIALIZED);
     EXPECT_EQ(queue.SendEvent(new CountedEvent(counts)), NX_ERROR_NOT_INITIALIZED);
     EXPECT_EQ(counts.m_destroyed, 4);
@@ -100,7 +98,7 @@ TEST(EventQueue, ACancelledOwnerLeavesTheQueueAfterTheWakeUpThatIsForIt) {
     while (!queue.HasSleeper()) {
         std::this_thread::yield();
     }
-    EXPECT_EQ(queue.PostEvent(new CountedEvent(counts), c_normal), NX_OK);
+    EXPECT_EQ(queue.PostEvent(new CountedEvent(counts)), NX_OK);
     owner.join();
     EXPECT_FALSE(queue.m_wasGone);
     // Nobody is taken for asleep.
@@ -145,7 +143,7 @@ TEST(EventQueueRaces, PostsAndSendsAgainstTheStopAreCountedToTheLast) {
                 queue.StopAndDestoryPendingEvents();
             });
             const auto post = [&] {
-                while (queue.PostEvent(new CountedEvent(counts), c_normal) == NX_OK) {
+                while (queue.PostEvent(new CountedEvent(counts)) == NX_OK) {
                     ++accepted;
                 }
             };
@@ -177,6 +175,40 @@ TEST(EventQueueRaces, PostsAndSendsAgainstTheStopAreCountedToTheLast) {
         // Everything accepted before the last event was fired, and the last one too.
         ASSERT_EQ(counts.m_fired, accepted + answered + 1) << "round " << round;
     }
+}
+
+TEST(Call, IsMadeOnceOrDestroyedUncalledAndTheSenderGetsItsValueOrTheOneCodeWhyNot) {
+    CNxEventQueueUsingConditionVariable queue;
+    std::atomic<int> calls{0};
+    const auto token = std::make_shared<int>(7);
+    const auto post = [&] {
+        return NxPostCall(queue,
+                          [&calls, token, own = std::make_unique<int>(1)] { calls += *own; });
+    };
+    const auto give = [&] { return std::make_unique<int>(*token); };
+    EXPECT_EQ(post(), NX_OK);
+    std::thread owner([&] {
+        queue.Reset2CurrentThread();
+        EXPECT_EQ(*NxSendCall(queue, give).GetValue(), 7);
+        while (!queue.IsQueueStopped()) {
+            CNxEventQueueBase::Batch events;
+            if (queue.PopOrWaitPendingEvents(events, nullptr, 1) == NX_OK) {
+                queue.ProcessEvents(events);
+            }
+        }
+    });
+    EXPECT_EQ(*NxSendCall(queue, give).GetValue(), 7);
+    EXPECT_EQ(NxSendCall(queue, [] { return NX_ERROR_FOUND; }), NX_ERROR_FOUND);
+    const auto stop = [&] {
+        EXPECT_EQ(post(), NX_OK);
+        queue.StopAndDestoryPendingEvents();
+    };
+    EXPECT_EQ(NxSendCall(queue, stop), NX_OK);
+    owner.join();
+    EXPECT_EQ(post(), NX_ERROR_NOT_INITIALIZED);
+    EXPECT_EQ(NxSendCall(queue, give).GetResult(), NX_ERROR_NOT_INITIALIZED);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(token.use_count(), 1);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-#include <common/CallEvent.h>
 #include <gtest/gtest.h>
+#include <nx/event/NxCall.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadManager.h>
 #include <reliable_sender/Datagrams.h>
@@ -14,7 +14,6 @@
 
 namespace {
 
-using namespace examples;
 using namespace reliable_sender;
 
 // A socket that the test reads and writes itself.
@@ -50,7 +49,7 @@ TEST(ReliableSender, SendsAgainWhatWasLostUntilEverythingIsAnswered) {
     options.interval = 10;
     std::promise<void> end;
     Sender sender(options, address, reactor, [&end] { end.set_value(); });
-    CallOn(reactor, [&sender] { EXPECT_TRUE(sender.Open()); });
+    NxSendCall(reactor, [&sender] { EXPECT_TRUE(sender.Open()); });
     std::set<unsigned int> seen;
     std::set<unsigned int> answered;
     while (answered.size() < c_requests) {
@@ -65,7 +64,7 @@ TEST(ReliableSender, SendsAgainWhatWasLostUntilEverythingIsAnswered) {
         }
     }
     end.get_future().wait();
-    CallOn(reactor, [&sender] { sender.Close(); });
+    NxSendCall(reactor, [&sender] { sender.Close(); });
     network->Stop(nullptr);
     EXPECT_EQ(NX_OK, network->Join());
     network->Destory(0);

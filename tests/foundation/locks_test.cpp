@@ -5,6 +5,7 @@
 #include <nx/foundation/CNxSemaphore.h>
 
 #include <atomic>
+#include <cerrno>
 #include <future>
 #include <thread>
 #include <vector>
@@ -25,7 +26,10 @@ TEST(CNxMutexThreadRecursive, IsHeldUntilItsHolderHasUnlockedAsOftenAsLocked) {
     ASSERT_EQ(LockOnce(mutex), NX_OK);
     ASSERT_EQ(LockOnce(mutex), NX_OK);
 #ifndef __SANITIZE_THREAD__  // which reports the call itself
-    std::thread([&] { EXPECT_EQ(UnLockOnce(mutex), NX_ERROR_FAILURE); }).join();
+    std::thread([&] {
+        EXPECT_EQ(UnLockOnce(mutex), NX_ERROR_FAILURE);
+        EXPECT_EQ(errno, EPERM);
+    }).join();
 #endif
     EXPECT_EQ(UnLockOnce(mutex), NX_OK);
     mutex.AssertHeld();

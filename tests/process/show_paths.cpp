@@ -6,7 +6,11 @@
 #include <thread>
 #include <vector>
 
-int main() {
+// show_paths [CONFIG_DIR LOG_DIR]
+int main(int argc, char** argv) {
+    if (argc > 2 && (set_config_dir(argv[1]) != NX_OK || set_log_dir(argv[2]) != NX_OK)) {
+        return 1;
+    }
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([] { trace_setting_init(); });
@@ -16,4 +20,5 @@ int main() {
     }
     trace_setting_init();
     std::printf("process %s\n", get_process_name());
+    return set_log_dir("/tmp") == NX_ERROR_ALREADY_INITIALIZED ? 0 : 1;
 }

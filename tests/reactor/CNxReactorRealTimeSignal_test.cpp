@@ -66,7 +66,7 @@ TEST_F(ReactorRealTimeSignal, OverflowCallsAllOnceAndDropsThoseThatConnect) {
                 StopSoon();
                 return NX_OK;
             };
-            m_reactor.PostEvent(new CountedEvent(m_counts, stopLater), c_normal);
+            m_reactor.PostEvent(new CountedEvent(m_counts, stopLater));
         }
         return 0;
     });

@@ -1,6 +1,8 @@
 // Nothing is lost when a call fails, a peer resets or there is no memory, on any of the reactors.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <nx/thread/CNxThread.h>
+#include <nx/thread/CNxThreadManager.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -46,7 +48,7 @@ TYPED_TEST(ReactorFaults, LoopThatSleepsHearsOfEventsWhoseWakeUpWasLost) {
     };
     // The third makes up for the other two.
     for (const CountedEvent::Action& action : {CountedEvent::Action(), {}, {tell}}) {
-        EXPECT_EQ(reactor.PostEvent(new CountedEvent(this->m_counts, action), c_normal), NX_OK);
+        EXPECT_EQ(reactor.PostEvent(new CountedEvent(this->m_counts, action)), NX_OK);
     }
     EXPECT_EQ(fired.get_future().wait_for(std::chrono::milliseconds(500)),
               std::future_status::ready);
@@ -65,7 +67,7 @@ TYPED_TEST(ReactorFaults, CancelledThreadIsNotTornFromItsWakeUp) {
     bool hasReturned = false;
     std::thread poster([&] {
         pthread_cancel(pthread_self());
-        this->m_reactor.PostEvent(new CountedEvent(this->m_counts), c_normal);
+        this->m_reactor.PostEvent(new CountedEvent(this->m_counts));
         hasReturned = true;
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     });
@@ -231,6 +233,26 @@ TEST_F(ReactorEpoll, FailedReRegistrationIsReturnedAndKeepsTheWatch) {
     EXPECT_EQ(calls.Count(FailingCalls::GETSOCKOPT), 0);
 }
 
+TEST_F(ReactorEpoll, SaysWhetherAShortReadMayHaveHiddenTheEnd) {
+    std::string record;
+    End end([&](End& self) {
+        char bytes[8];
+        const ssize_t got = recv(self.m_fd, bytes, sizeof(bytes), 0);
+        record += (m_reactor.MayHaveEnded() ? " end? " : " ") + std::to_string(got);
+        if (self.m_inputs == 1) {
+            EXPECT_EQ(m_reactor.NotifyHandler(&self, NX_MASK_READ), NX_OK);
+        } else if (self.m_inputs == 2) {
+            self.Send();
+            shutdown(self.Peer(), SHUT_WR);
+        }
+        return self.m_inputs < 3 ? 0 : Stop();
+    });
+    Watch(end, NX_MASK_READ);
+    end.Send();
+    Run();
+    EXPECT_EQ(record, " 1 end? -1 end? 1");
+}
+
 // Also to a handler that does not read.
 TEST_F(ReactorEpoll, ErrorOfADatagramSocketIsTheReasonOfItsClose) {
     sockaddr_in address;
@@ -350,6 +372,30 @@ TYPED_TEST(ReactorFaults, ForkedChildTakesNothingFromItsParent) {
     this->Run();
     EXPECT_EQ(end.m_inputs, 1);
     EXPECT_EQ(stays.m_inputs, 1);
+}
+
+// Also when a reactor opens on its own thread, and when what is closed after it fails as well.
+TEST(ReactorErrno, IsThatOfTheCallThatFailed) {
+    const std::pair<FailingCalls::ECall, int> failures[] = {{FailingCalls::EPOLL_CREATE, EMFILE},
+                                                            {FailingCalls::EVENTFD, ENFILE},
+                                                            {FailingCalls::EPOLL_CTL, ENOSPC},
+                                                            {FailingCalls::MMAP, EAGAIN},
+                                                            {FailingCalls::PTHREAD_CREATE, EPERM}};
+    for (const auto& [call, error] : failures) {
+        FailingCalls calls;
+        calls.Fail(call, error, 1);
+        calls.Fail(FailingCalls::CLOSE, EIO, 100);
+        CNxThread* thread = nullptr;
+        CNxThreadManager* const threads = CNxThreadManager::Instance();
+        EXPECT_NE(threads->CreateNetworkThread(2, new CNxReactorEpoll, thread), NX_OK);
+        EXPECT_EQ(errno, error);
+        CNxReactorEpoll reactor;
+        calls.Fail(call, error, 1);
+        errno = error;  // for the last one
+        EXPECT_EQ(reactor.Open() == NX_OK, call == FailingCalls::PTHREAD_CREATE);
+        EXPECT_EQ(errno, error);
+        reactor.Close();
+    }
 }
 
 }  // namespace

@@ -3,9 +3,11 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <nx/event/NxCall.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/reactor/CNxReactorSelect.h>
 #include <nx/reactor/realtime/CNxReactorRealTimeSignal.h>
+#include <nx/timer/CNxTimedCall.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -26,8 +28,6 @@ struct ReactorNames {
 };
 
 using AllReactors = ::testing::Types<CNxReactorEpoll, CNxReactorSelect, CNxReactorRealTimeSignal>;
-
-inline constexpr auto c_normal = INxEventQueue::PRIORITY_NORMAL;
 
 inline constexpr long c_readWrite = NX_MASK_READ | NX_MASK_WRITE;
 
@@ -126,7 +126,7 @@ protected:
     // Makes the loop end; what is posted or ready by then is still served.
     void StopSoon() {
         const auto stop = [this] { return m_reactor.StopEventLoop(); };
-        m_reactor.PostEvent(new CountedEvent(m_counts, stop), c_normal);
+        m_reactor.PostEvent(new CountedEvent(m_counts, stop));
     }
 
     void Run() {

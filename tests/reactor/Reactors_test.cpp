@@ -40,7 +40,7 @@ TYPED_TEST(Reactors, ReopeningLeaksNothingAndForgetsOldRegistrations) {
     this->Run();
     EXPECT_EQ(stale.m_inputs, 0);
     // The loop has ended: nobody would fire it.
-    EXPECT_EQ(this->m_reactor.PostEvent(new CountedEvent(this->m_counts), c_normal),
+    EXPECT_EQ(this->m_reactor.PostEvent(new CountedEvent(this->m_counts)),
               NX_ERROR_NOT_INITIALIZED);
     EXPECT_TRUE(this->m_counts.AllDestroyed());
 }
@@ -76,7 +76,7 @@ TYPED_TEST(Reactors, OpenWithoutDescriptorsFailsAndTakesNone) {
 
 TYPED_TEST(Reactors, SecondOpenClosesItAndTheLoopOfAClosedOneEnds) {
     auto& reactor = this->m_reactor;
-    EXPECT_EQ(reactor.PostEvent(new CountedEvent(this->m_counts), c_normal), NX_OK);
+    EXPECT_EQ(reactor.PostEvent(new CountedEvent(this->m_counts)), NX_OK);
     EXPECT_EQ(reactor.StopEventLoop(), NX_OK);
     this->Run();
     EXPECT_EQ(this->m_counts.m_fired, 1);
@@ -114,6 +114,26 @@ TYPED_TEST(Reactors, ReadinessOfARemovedHandlerIsNotGivenToTheNextOfItsNumber) {
     EXPECT_EQ(newcomer->m_inputs, 0);
 }
 
+TYPED_TEST(Reactors, WhatItsLoopLeavesIsClearedUpOnAnyThread) {
+    auto& reactor = this->m_reactor;
+    End end;
+    CNxTimedCall call;
+    this->Watch(end, NX_MASK_READ);
+    EXPECT_EQ(call.RunAfter(reactor, CNxTimeValue(60, 0), [] {}), NX_OK);
+    const auto removeElsewhere = [&] {
+        std::thread([&] { reactor.RemoveHandler(&end, NX_MASK_ALL_EVENTS); }).join();
+    };
+#ifdef NXBASE_CHECK_THREADS
+    NxPostCall(reactor, [&] { EXPECT_DEATH(removeElsewhere(), "belongs to thread"); });
+#endif
+    this->StopSoon();
+    this->Run();
+    removeElsewhere();
+    std::thread([&] { call.Cancel(); }).join();
+    reactor.Close();
+    removeElsewhere();
+}
+
 // Posts, sends, notifications and the stop against the end and the closing of the loop, on the same
 // reactor opened again and again.
 TYPED_TEST(Reactors, NothingIsLostOrWrittenElsewhereWhileTheReactorClosesAndReopens) {
@@ -122,7 +142,7 @@ TYPED_TEST(Reactors, NothingIsLostOrWrittenElsewhereWhileTheReactorClosesAndReop
     std::atomic<bool> finished{false};
     const auto use = [&] {
         while (!finished.load()) {
-            reactor.PostEvent(new CountedEvent(counts), c_normal);
+            reactor.PostEvent(new CountedEvent(counts));
             // Has no room, or nobody to wake, from time to time.
             static_cast<void>(reactor.NotifyHandler(nullptr, NX_MASK_EVENT_QUEUE));
             const NxResult result =
@@ -164,7 +184,7 @@ TYPED_TEST(Reactors, FloodOfPostedEventsDoesNotStarveInput) {
     std::function<NxResult()> repost = [&] {
         return end.m_inputs > 0
                    ? this->m_reactor.StopEventLoop()
-                   : this->m_reactor.PostEvent(new CountedEvent(this->m_counts, repost), c_normal);
+                   : this->m_reactor.PostEvent(new CountedEvent(this->m_counts, repost));
     };
     this->Watch(end, NX_MASK_READ);
     repost();

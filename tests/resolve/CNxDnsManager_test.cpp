@@ -335,8 +335,7 @@ TEST_F(CNxDnsManagerTest, CancelledObserverIsNotTold) {
                 one.m_isCancelled = true;
                 return NX_OK;
             };
-            thread.GetEventQueue()->PostEvent(new CountedEvent(events, cancel),
-                                              INxEventQueue::PRIORITY_NORMAL);
+            thread.GetEventQueue()->PostEvent(new CountedEvent(events, cancel));
         }
         thread.Stop(nullptr);
         thread.Join();

@@ -7,10 +7,17 @@
 class FailingCalls {
 public:
     enum ECall {
+        ACCEPT4 = FaultPlan::CALL_accept4,
         SEND = FaultPlan::CALL_send,
+        CLOSE = FaultPlan::CALL_close,
+        EPOLL_CREATE = FaultPlan::CALL_epoll_create1,
         EPOLL_CTL = FaultPlan::CALL_epoll_ctl,
+        EVENTFD = FaultPlan::CALL_eventfd,
         GETSOCKOPT = FaultPlan::CALL_getsockopt,
-        SIGQUEUE = FaultPlan::CALL_pthread_sigqueue
+        MMAP = FaultPlan::CALL_mmap,
+        PTHREAD_CREATE = FaultPlan::CALL_pthread_create,
+        SIGQUEUE = FaultPlan::CALL_pthread_sigqueue,
+        SOCKET = FaultPlan::CALL_socket,
     };
 
     FailingCalls() {

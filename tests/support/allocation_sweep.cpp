@@ -30,7 +30,7 @@ enum EEnd { WHOLE = 0, THROWN = 3, REFUSED = 4, PARTS_REFUSED = 5 };
 int s_refused = 0;
 
 void Count(NxResult result) {
-    s_refused += result == NX_OK || result == NX_ERROR_FOUND ? 0 : 1;
+    s_refused += NxSucceeded(result) ? 0 : 1;
 }
 
 class Ticker : public INxTimerHandler {
@@ -52,32 +52,15 @@ private:
 };
 
 // What the network thread is asked to do: within a callback nothing may be thrown.
-class Work : public INxEvent {
-public:
-    using Function = void (*)(INxReactor& reactor);
-    Work(INxReactor& reactor, Function function) : m_reactor(reactor), m_function(function) {}
-    NxResult OnEventFire() override {
+void Ask(INxReactor& reactor, bool waits, void (*function)(INxReactor&)) {
+    const auto work = [&reactor, function] {
         try {
-            m_function(m_reactor);
+            function(reactor);
         } catch (const std::bad_alloc&) {
             ++s_refused;
         }
-        return NX_OK;
-    }
-
-private:
-    INxReactor& m_reactor;
-    const Function m_function;
-};
-
-void Ask(INxReactor& reactor, bool waits, Work::Function function) {
-    auto* const work = new (std::nothrow) Work(reactor, function);
-    if (work == nullptr) {
-        ++s_refused;
-    } else {
-        Count(waits ? reactor.SendEvent(work)
-                    : reactor.PostEvent(work, INxEventQueue::PRIORITY_NORMAL));
-    }
+    };
+    Count(waits ? NxSendCall(reactor, work) : NxPostCall(reactor, work));
 }
 
 Ticker s_tickers[c_timers];

@@ -32,7 +32,7 @@ TEST(ThreadManager, MainThreadIsTheCallerAndSignalsAreBlocked) {
     EXPECT_EQ(fromWorker, NX_ERROR_FAILURE);
     // What the main thread's loop drains is its own queue.
     mainThread->GetEventQueue()->PostEvent(
-        new CountedEvent(counts, [&] { return mainThread->Stop(nullptr); }), c_normal);
+        new CountedEvent(counts, [&] { return mainThread->Stop(nullptr); }));
     mainThread->OnThreadRun();
     EXPECT_EQ(Manager()->StopAllThreads(nullptr), NX_OK);
     EXPECT_EQ(Manager()->JoinAllThreads(), NX_OK);
@@ -112,7 +112,7 @@ TEST_F(ProcessEnd, WorkerThatWaitsForTheMainThreadDoesNotKeepTheProcess) {
                 std::fprintf(stderr, "answer %u", answer);
                 return answer;
             };
-            StartWorker()->GetEventQueue()->PostEvent(new CountedEvent(counts, send), c_normal);
+            StartWorker()->GetEventQueue()->PostEvent(new CountedEvent(counts, send));
             YieldUntil([mainQueue] { return mainQueue->GetPendingEventsCount() != 0; });
             if (inEvent) {
                 mainThread->OnThreadRun();
@@ -125,8 +125,8 @@ TEST_F(ProcessEnd, WorkerThatWaitsForTheMainThreadDoesNotKeepTheProcess) {
 [[noreturn]] void PostForEver(INxEventQueue* one, INxEventQueue* two, std::atomic<bool>& refused) {
     static EventCounts counts;
     for (;;) {
-        const NxResult first = one->PostEvent(new CountedEvent(counts), c_normal);
-        const NxResult second = two->PostEvent(new CountedEvent(counts), c_normal);
+        const NxResult first = one->PostEvent(new CountedEvent(counts));
+        const NxResult second = two->PostEvent(new CountedEvent(counts));
         refused = first == NX_ERROR_NOT_INITIALIZED && second == NX_ERROR_NOT_INITIALIZED;
     }
 }
@@ -226,7 +226,7 @@ TEST_F(ProcessEnd, ExitOnAnotherThreadLeavesRunningThreadsAlone) {
                 return;
             }
             const auto end = []() -> NxResult { std::exit(0); };
-            StartWorker()->GetEventQueue()->PostEvent(new CountedEvent(counts, end), c_normal);
+            StartWorker()->GetEventQueue()->PostEvent(new CountedEvent(counts, end));
             mainThread->OnThreadRun();
         };
         ExpectEnd(body);

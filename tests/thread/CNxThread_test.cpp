@@ -1,6 +1,8 @@
+#include <nx/event/NxCall.h>
 #include <nx/foundation/INxObserver.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/thread/CNxThreadTask.h>
+#include <nx/timer/CNxTimedCall.h>
 
 #include <vector>
 
@@ -18,7 +20,7 @@ void PostFromManyThreads(INxEventQueue& queue) {
             EventCounts counts;
             for (int round = 0; round < 300; ++round) {
                 for (int post = 0; post <= round % 3; ++post) {
-                    ASSERT_EQ(queue.PostEvent(new CountedEvent(counts), c_normal), NX_OK);
+                    ASSERT_EQ(queue.PostEvent(new CountedEvent(counts)), NX_OK);
                 }
                 YieldUntil([&counts] { return counts.AllDestroyed(); });
             }
@@ -28,6 +30,32 @@ void PostFromManyThreads(INxEventQueue& queue) {
     for (std::thread& poster : posters) {
         poster.join();
     }
+}
+
+// As the system has it.
+CNxString NameOf(CNxThread& thread, const char* newName = nullptr) {
+    char name[16] = "";
+    EventCounts counts;
+    thread.GetEventQueue()->SendEvent(new CountedEvent(counts, [&] {
+        if (newName != nullptr) {
+            thread.SetName(newName);
+        }
+        return pthread_getname_np(pthread_self(), name, sizeof(name)) == 0 ? NX_OK
+                                                                           : NX_ERROR_FAILURE;
+    }));
+    EXPECT_EQ(thread.GetName(), name);
+    return name;
+}
+
+TEST(Thread, IsCalledByItsTypeOrAsItIsTold) {
+    const Worker worker;
+    EXPECT_EQ(NameOf(*worker.Get()),
+              CNxString("nx-task-") + CNxString(std::to_string(worker.GetType())));
+    EXPECT_EQ(NameOf(*worker.Get(), "a name that is longer"), "a name that is ");
+    CNxThread* thread = nullptr;
+    Must(Manager()->CreateNetworkThread(2, CNxThreadManager::CreateNetworkReactor(), thread));
+    EXPECT_EQ(NameOf(*thread), "nx-reactor-2");
+    StopAndDestroy(thread);
 }
 
 TEST(Thread, NoPostIsStrandedByALoopThatFallsAsleep) {
@@ -51,7 +79,7 @@ TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
             YieldUntil([&go] { return go.load(); });
             return thread->Join();
         };
-        queue->PostEvent(new CountedEvent(counts, joinItself), c_normal);
+        queue->PostEvent(new CountedEvent(counts, joinItself));
         // Priorities do not change the order.
         for (int i = 1; i <= 100; ++i) {
             const auto inTurn = [&counts, i] {
@@ -64,7 +92,7 @@ TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
         }
         EXPECT_EQ(thread->Stop(nullptr), NX_OK);
         EXPECT_EQ(thread->Stop(nullptr), NX_ERROR_NOT_INITIALIZED);
-        EXPECT_EQ(queue->PostEvent(new CountedEvent(counts), c_normal), NX_ERROR_NOT_INITIALIZED);
+        EXPECT_EQ(queue->PostEvent(new CountedEvent(counts)), NX_ERROR_NOT_INITIALIZED);
         go = true;
         // Joining itself must not have counted.
         EXPECT_EQ(thread->Join(), NX_OK);
@@ -188,6 +216,20 @@ TEST(Thread, StopThatComesBeforeTheReactorIsOpenIsNotLost) {
         NX_OK);
     EXPECT_EQ(thread->Join(), NX_OK);
     thread->Destory(0);
+}
+
+TEST(Thread, TimersOfAJoinedOneAreCancelledOnAnyOther) {
+    CNxThread* const worker = StartWorker();
+    CNxTimedCall call;
+    const auto run = [&] { return call.RunAfter(*worker->GetTimerQueue(), {60, 0}, [] {}); };
+    EXPECT_EQ(NxSendCall(*worker->GetEventQueue(), run), NX_OK);
+#ifdef NXBASE_CHECK_THREADS
+    EXPECT_DEATH(call.Cancel(), "belongs to thread");
+#endif
+    worker->Stop(nullptr);
+    EXPECT_EQ(worker->Join(), NX_OK);
+    call.Cancel();
+    worker->Destory(0);
 }
 
 }  // namespace

@@ -1,10 +1,13 @@
 // When memory runs out: every allocation of each operation fails in turn.
 #include <nx/event/CNxEventQueueUsingMutex.h>
+#include <nx/event/NxCall.h>
 #include <nx/foundation/CNxSingleton.h>
+#include <nx/timer/CNxTimedCall.h>
 #include <nx/timer/CNxTimerPriorityQueue.h>
 #include <nx/timer/CNxTimerQueueCalendar.h>
 #include <nx/timer/CNxTimerQueueOrderedList.h>
 
+#include <array>
 #include <memory>
 
 #include "../support/FailingNew.h"
@@ -41,12 +44,13 @@ TEST(Memory, PostOrSendWithoutItDestroysTheEventOnce) {
     // The first event that ends on a thread has it make room for places, which may fail.
     EXPECT_EQ(queue->SendEvent(new CountedEvent(counts)), NX_OK);
     next(false);
-    Sweep([&] { return queue->PostEvent(event, c_normal); }, next);
+    Sweep([&] { return queue->PostEvent(event); }, next);
     Sweep([&] { return queue->SendEvent(event); }, next);
     event->OnDestorySelf();
     {
-        // Stopping needs none.
+        // Neither a sent call nor stopping needs any.
         const FailingNew memory(0, FailingNew::ONWARDS);
+        EXPECT_EQ(NxSendCall(*queue, [] {}), NX_OK);
         EXPECT_EQ(thread->Stop(nullptr), NX_OK);
         EXPECT_EQ(thread->Join(), NX_OK);
     }
@@ -72,7 +76,7 @@ TEST(Memory, BacklogIsTakenInSmallerPartsWithoutTheMemoryForLargeOnes) {
     CNxEventQueueUsingMutex queue;
     EventCounts counts;
     for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(queue.PostEvent(new CountedEvent(counts), c_normal), NX_OK);
+        ASSERT_EQ(queue.PostEvent(new CountedEvent(counts)), NX_OK);
     }
     CNxEventQueueBase::Batch events;
     size_t remaining = 0;
@@ -130,6 +134,19 @@ TEST(Memory, ThreadThatIsNotMadeLeavesNothing) {
         Sweep([&] { return Manager()->CreateUserTaskThread(thread, c_joinable, withTimers); }, end);
     }
     EXPECT_EQ(Manager()->GetThread(NX_THREAD_USER), nullptr);
+}
+
+TEST(Memory, CallWithoutItIsRefusedAndWhatIsPendingStays) {
+    int calls = 0;
+    const auto large = [&calls, more = std::array<int, 50>{10}] { calls += more[0]; };
+    CNxEventQueueUsingMutex queue;
+    Sweep([&] { return NxPostCall(queue, large); }, [](bool) {});
+    CNxTimerPriorityQueue timers(nullptr);
+    CNxTimedCall call;
+    Must(call.RunAfter(timers, CNxTimeValue(), [&calls] { ++calls; }));
+    Sweep([&] { return call.RunAfter(timers, CNxTimeValue(), large); },
+          [&timers](bool) { timers.CheckExpire(nullptr); });
+    EXPECT_EQ(calls, 11);
 }
 
 class Throws {

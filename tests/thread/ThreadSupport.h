@@ -14,7 +14,6 @@
 #include "../support/CountedEvent.h"
 #include "../support/Must.h"
 
-inline constexpr auto c_normal = INxEventQueue::PRIORITY_NORMAL;
 inline constexpr auto c_joinable = CNxThreadManager::FLAG_JOINABLE;
 
 inline CNxThreadManager* Manager() {

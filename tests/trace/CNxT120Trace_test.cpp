@@ -8,6 +8,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <thread>
@@ -126,6 +127,41 @@ TEST_F(CNxT120TraceTest, GoesOnWithTheOldSettingsAndTellsWhatWasLost) {
     EXPECT_GT(lost, 0);
     EXPECT_EQ(count("Warning:" + std::to_string(lost) + " records lost"), 1);
     EXPECT_EQ(count("Info:after"), 50);
+}
+
+TEST_F(CNxT120TraceTest, KernelsThreadIdsAreThoseOfThreadsAndOfAForkedChild) {
+    Configure("stdout=TRUE\nKernelThreadId=TRUE\n");
+    const std::string output = OutputOf(m_program + " ids");
+    EXPECT_EQ(OutputOf("echo '" + output + "' | grep -c ' tid=\\([0-9]*\\)] Info:id \\1$'"), "3\n")
+        << output;
+}
+
+TEST_F(CNxT120TraceTest, TheLibrarysOwnLinesGoWhereTheProcessSays) {
+    Configure("");
+    const std::string lines = OutputOf(m_program + " quiet 2>/dev/null");
+    EXPECT_EQ(OutputOf("OWN_LINES=1 " + m_program + " quiet 2>&1 >/dev/null"), lines);
+    EXPECT_EQ(OutputOf("OWN_LINES=3 " + m_program + " quiet 2>&1"), "");
+    fs::remove_all(m_folder.Path("logs"));
+    EXPECT_EQ(OutputOf("OWN_LINES=2 " + m_program + " quiet 2>&1"), "");
+    std::string traced;
+    for (const std::string& text : TextsIn(fs::directory_iterator(m_folder.Path("logs"))->path())) {
+        traced += text.substr(std::strlen("Info:")) + "\n";
+    }
+    EXPECT_EQ(traced, lines);
+}
+
+TEST_F(CNxT120TraceTest, TellsOnceOfALogOrConfigurationThatCannotBeOpened) {
+    Configure("x.Error=TRUE\n");
+    const std::string logs = m_folder.Put("logs", "no folder");
+    const std::string run = m_program + " quiet 3 2>&1 >/dev/null";
+    const std::string said = "nxbase: cannot trace to " + logs + "//x_";
+    EXPECT_EQ(OutputOf(run + " | sed 's/_[0-9].*log//'"),
+              said + "info: Not a directory\n" + said + "error: Not a directory\n");
+    const std::string config = m_folder.Path("conf/x.cfg");
+    fs::remove(config);
+    fs::create_directory(config);
+    EXPECT_EQ(OutputOf(run), "nxbase: cannot read " + config + ": not a regular file\n");
+    EXPECT_EQ(OutputOf("OWN_LINES=3 " + run), "");
 }
 
 TEST_F(CNxT120TraceTest, PassesOverWhatIsPlantedAndMakesItsFilesAsTheSettingsSay) {

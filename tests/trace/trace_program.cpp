@@ -2,6 +2,7 @@
 // They install it as HOME/bin/x and look at what it leaves in HOME/logs.
 #include <nx/nx.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -88,6 +89,21 @@ void Starve() {
     TraceLines("after", 50);
 }
 
+void TraceId() {
+    TraceLine(c_info, "id " + std::to_string(gettid()));
+}
+
+void TraceIds() {
+    TraceId();
+    std::thread(TraceId).join();
+    std::fflush(stdout);
+    if (fork() == 0) {
+        TraceId();
+        _exit(0);
+    }
+    wait(nullptr);
+}
+
 // Needs libfaketime: the clock leaps a day on and back.
 void Leap() {
     for (const char* day : {"01", "02", "01"}) {
@@ -102,6 +118,9 @@ void Leap() {
 int main(int argc, char** argv) {
     const std::string command = argc > 1 ? argv[1] : "";
     const auto number = [&](int i) { return argc > i ? std::atol(argv[i]) : 0; };
+    if (const char* const target = std::getenv("OWN_LINES")) {
+        CNxOwnLines::Send(static_cast<CNxOwnLines::ETarget>(std::atoi(target)));
+    }
     // As a server starts.
     if (CNxThreadManager::Instance()->InitMainThread(argc, argv) != NX_OK) {
         return 1;
@@ -116,6 +135,7 @@ int main(int argc, char** argv) {
         {"refresh", [&] { Refresh(number(2), number(3)); }},
         {"leap", Leap},
         {"repair", Repair},
+        {"ids", TraceIds},
         {"starve", Starve}};
     commands.at(command)();
 }

@@ -1,5 +1,5 @@
 #include <fcntl.h>
-#include <nx/foundation/standard_streams.h>
+#include <nx/foundation/own_lines.h>
 #include <nx/reactor/realtime/CNxReactorRealTimeSignal.h>
 #include <nx/reactor/realtime/CPollBand.h>
 #include <nx/reactor/realtime/CReactorSignals.h>
@@ -186,7 +186,7 @@ void CNxReactorRealTimeSignal::Dispatch(int fd, long mask) {
 }
 
 void CNxReactorRealTimeSignal::HandleOverflow(int signal, int error) {
-    PrintToStdout(
+    SayOnStdout(
         "CReactorRealTimeSignal::RunEventLoop. sigtimedwait() failed! sigRet=%d err=%d "
         "m_bSignalOverFlowing=%d\n",
         signal, error, m_bSignalOverFlowing);

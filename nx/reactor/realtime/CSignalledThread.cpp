@@ -1,3 +1,4 @@
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/reactor/realtime/CReactorSignals.h>
 #include <nx/reactor/realtime/CSignalledThread.h>
 #include <sys/syscall.h>
@@ -87,5 +88,6 @@ bool CSignalledThread::Queue_i(EValue value) {
     assert(m_state != THREAD_AWAY && !IsCalling_i());
     sigval content{};
     content.sival_int = value;
-    return pthread_sigqueue(m_thread, CReactorSignals::GetNumber(), content) == 0;
+    const int number = CReactorSignals::GetNumber();
+    return ResultOfError(pthread_sigqueue(m_thread, number, content)) == NX_OK;
 }

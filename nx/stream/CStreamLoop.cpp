@@ -1,0 +1,199 @@
+#include <nx/event/INxEventQueue.h>
+#include <nx/reactor/INxReactor.h>
+#include <nx/stream/CStreamLoop.h>
+
+#include <algorithm>
+#include <cassert>
+#include <new>
+#include <utility>
+
+// Not fired, it is made up for by the next one.
+class CStreamLoop::CTurnEvent : public INxEvent {
+public:
+    explicit CTurnEvent(CStreamLoop& loop) : m_loop(&loop) {}
+    ~CTurnEvent() override {
+        if (m_loop) {
+            m_loop->m_isPosted.store(false);
+        }
+    }
+    CTurnEvent(const CTurnEvent&) = delete;
+    CTurnEvent& operator=(const CTurnEvent&) = delete;
+
+    NxResult OnEventFire() override {
+        const CNxAutoPtr<CStreamLoop> loop(std::move(m_loop));
+        loop->RunTurn();
+        return NX_OK;
+    }
+
+private:
+    CNxAutoPtr<CStreamLoop> m_loop;
+};
+
+CStreamLoop::CEntry::CEntry(CStreamLoop& loop) : m_loop(loop) {
+    ++m_loop.m_depth;
+    m_loop.m_thread.store(pthread_self(), std::memory_order_relaxed);
+}
+
+CStreamLoop::CEntry::~CEntry() {
+    assert(m_loop.m_depth > 0);
+    if (m_loop.m_depth == 1) {
+        m_loop.PayTurn();
+        m_loop.TellEnded();
+    }
+    if (--m_loop.m_depth == 0) {
+        m_loop.ReleaseGone();
+    }
+}
+
+CStreamLoop::CStreamLoop(INxReactor& reactor)
+    : m_reactor(reactor),
+      m_reportsStates(reactor.GetReactorType() == INxReactor::TYPE_SELECT),
+      m_thread(pthread_self()) {}
+
+CStreamLoop* CStreamLoop::Find(INxReactor& reactor) {
+    return static_cast<CStreamLoop*>(reactor.GetCompanion());
+}
+
+CStreamLoop* CStreamLoop::Of(INxReactor& reactor) {
+    CStreamLoop* const there = Find(reactor);
+    if (there != nullptr) {
+        return there;
+    }
+    const CNxAutoPtr<CStreamLoop> made(new (std::nothrow) CStreamLoop(reactor));
+    return made && reactor.SetCompanion(made.Get()) ? made.Get() : nullptr;
+}
+
+void CStreamLoop::Add(CStreamMember& member) {
+    m_thread.store(pthread_self(), std::memory_order_relaxed);
+    m_live.Add(member);
+    m_count.fetch_add(1, std::memory_order_relaxed);
+}
+
+void CStreamLoop::Remove(CStreamMember& member) {
+    assert(m_depth > 0);
+    static_cast<CLinkT<CInTurn>&>(member).Unlink();
+    m_ended.Add(member);
+    m_count.fetch_sub(1, std::memory_order_relaxed);
+}
+
+void CStreamLoop::Enlist(CStreamMember& member) {
+    if (static_cast<CLinkT<CInTurn>&>(member).IsLinked()) {
+        return;
+    }
+    m_turn.Add(member);
+    m_isTurnOwed = PostTurn() != NX_OK;
+}
+
+// Whoever finds a turn posted has been seen by it: it looks after it has said that it runs.
+NxResult CStreamLoop::PostTurn() {
+    if (m_isPosted.exchange(true)) {
+        return NX_OK;
+    }
+    auto* const event = new (std::nothrow) CTurnEvent(*this);
+    if (event == nullptr) {
+        m_isPosted.store(false);
+        return NX_ERROR_FAILURE;
+    }
+    return m_reactor.PostEvent(event, INxEventQueue::PRIORITY_NORMAL);
+}
+
+// Without memory for an event the turn comes at once.
+void CStreamLoop::PayTurn() {
+    if (m_isTurnOwed && !m_isInTurn && !m_isClosing) {
+        m_isTurnOwed = false;
+        RunTurn();
+    }
+}
+
+void CStreamLoop::RunTurn() {
+    m_isPosted.store(false);
+    TakeInboxes();
+    // Who comes again has the next one.
+    CTurn turn;
+    turn.TakeAll(m_turn);
+    const bool wasInTurn = std::exchange(m_isInTurn, true);
+    while (CStreamMember* const member = turn.TakeFirst()) {
+        member->Proceed();
+    }
+    m_isInTurn = wasInTurn;
+}
+
+void CStreamLoop::TakeInboxes() {
+    CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
+    while (CStreamMember* const member = m_inboxes.TakeFirst()) {
+        member->TakeInbox_i();
+        m_turn.Add(*member);
+    }
+}
+
+void CStreamLoop::TellEnded() {
+    assert(m_depth > 0);
+    while (CStreamMember* const member = m_ended.TakeFirst()) {
+        m_gone.Add(*member);
+        member->TellClosed();
+    }
+}
+
+void CStreamLoop::ReleaseGone() {
+    while (CStreamMember* const member = m_gone.TakeFirst()) {
+        member->Release();
+    }
+}
+
+void CStreamLoop::StopAll() {
+    const CEntry entry(*this);
+    CLife all;
+    all.TakeAll(m_live);
+    while (CStreamMember* const member = all.TakeFirst()) {
+        m_live.Add(*member);
+        member->TellStop();
+    }
+}
+
+void CStreamLoop::EndAll() {
+    const CEntry entry(*this);
+    CLife all;
+    all.TakeAll(m_live);
+    while (CStreamMember* const member = all.TakeFirst()) {
+        m_live.Add(*member);
+        member->EndWithLoop();
+    }
+    TellEnded();
+}
+
+void CStreamLoop::OnReactorClosing() {
+    const bool wasClosing = std::exchange(m_isClosing, true);
+    EndAll();
+    m_isClosing = wasClosing;
+}
+
+NxResult CStreamMember::Leave(CStreamOutput&& output, EAsked asked) {
+    CNxMutexGuardT<CNxMutexThread> guard(m_loop->m_mutex);
+    if (m_asked != EAsked::NOTHING && asked <= m_asked) {
+        return NX_ERROR_NOT_INITIALIZED;
+    }
+    const NxResult posted = m_loop->PostTurn();
+    if (posted != NX_OK && asked == EAsked::NOTHING) {
+        return posted;
+    }
+    m_loop->m_inboxes.Add(*this);
+    if (asked != EAsked::NOTHING) {
+        m_asked = asked;
+    }
+    m_leftSize.fetch_add(output.GetSize(), std::memory_order_relaxed);
+    m_inbox.Append(std::move(output));
+    return NX_OK;
+}
+
+void CStreamMember::CloseInbox(EAsked asked) {
+    CNxMutexGuardT<CNxMutexThread> guard(m_loop->m_mutex);
+    static_cast<CLinkT<CInInbox>*>(this)->Unlink();
+    TakeInbox_i();
+    m_asked = std::max(m_asked, asked);
+}
+
+void CStreamMember::TakeInbox_i() {
+    OnLeft(std::move(m_inbox), m_asked);
+    m_inbox.Clear();
+    m_leftSize.store(0, std::memory_order_relaxed);
+}

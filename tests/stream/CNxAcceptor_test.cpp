@@ -1,0 +1,225 @@
+#include <fcntl.h>
+#include <nx/event/NxCall.h>
+#include <nx/stream/CNxAcceptor.h>
+#include <tests/support/Endpoints.h>
+#include <tests/support/FailingCalls.h>
+#include <tests/support/FailingNew.h>
+#include <tests/support/TempFolder.h>
+
+#include <chrono>
+#include <climits>
+#include <future>
+
+#include "../reactor/ReactorSupport.h"
+
+namespace {
+
+// A reactor that runs on a thread of its own, and an acceptor on it that keeps what comes.
+template <class Reactor>
+class Acceptors : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::promise<NxResult> opened;
+        m_thread = std::thread([&] {
+            opened.set_value(m_reactor.Open());
+            m_reactor.RunEventLoop();
+        });
+        ASSERT_EQ(opened.get_future().get(), NX_OK);
+    }
+    // What is left is destroyed here, after the thread has ended.
+    void TearDown() override {
+        m_reactor.StopEventLoop();
+        m_thread.join();
+    }
+
+    // On the reactor's thread, and waits for it.
+    void On(const std::function<void()>& action) {
+        EXPECT_EQ(NxSendCall(m_reactor, action), NX_OK);
+    }
+
+    void WaitUntil(const std::function<bool()>& condition) {
+        bool isSo = false;
+        for (int i = 0; i < 20000 && !isSo; ++i) {
+            On([&] { isSo = condition(); });
+            std::this_thread::sleep_for(std::chrono::milliseconds(isSo ? 0 : 1));
+        }
+        EXPECT_TRUE(isSo);
+    }
+    void WaitUntilDone(size_t count) {
+        WaitUntil([&] { return m_acceptor->GetAccepted() + m_acceptor->GetRefused() == count; });
+    }
+
+    void Turn(int times) {
+        while (times-- > 0) {
+            On([] {});
+        }
+    }
+
+    // Anew, and returns where.
+    CNxEndpoint Open(const std::string& text, const CNxAcceptorOptions& options = {}) {
+        m_clients.clear();
+        m_taken.clear();
+        On([&] {
+            m_acceptor = std::make_unique<CNxAcceptor>(
+                m_reactor, [this](CNxConnectedSocket socket, const CNxEndpoint& peer) {
+                    m_lastPeer = peer;
+                    m_taken.push_back(std::move(socket));
+                    m_onAccepted();
+                });
+            EXPECT_EQ(m_acceptor->Open(Parse(text), options), NX_OK) << text;
+        });
+        return m_acceptor->GetEndpoint();
+    }
+
+    void ConnectMany(const CNxEndpoint& endpoint, int count) {
+        for (int i = 0; i < count; ++i) {
+            m_clients.push_back(Connect(endpoint));
+            ASSERT_NE(m_clients.back().GetHandle(), -1);
+        }
+    }
+
+    // While they all wait to be accepted.
+    void ConnectManyAtOnce(const CNxEndpoint& endpoint, int count) {
+        On([&] { m_acceptor->Pause(); });
+        ConnectMany(endpoint, count);
+        Turn(10);
+        EXPECT_EQ(m_acceptor->GetAccepted(), 0U);
+        On([&] { m_acceptor->Resume(); });
+        WaitUntilDone(static_cast<size_t>(count));
+    }
+
+    Reactor m_reactor;
+    std::thread m_thread;
+    std::unique_ptr<CNxAcceptor> m_acceptor;
+    std::function<void()> m_onAccepted = [] {};
+    std::vector<CNxConnectedSocket> m_taken;
+    CNxEndpoint m_lastPeer;
+    std::vector<CNxSocketBase> m_clients;
+};
+TYPED_TEST_SUITE(Acceptors, AllReactors, ReactorNames);
+
+using AcceptorLimits = Acceptors<CNxReactorEpoll>;
+
+// More than are accepted in a turn.
+TYPED_TEST(Acceptors, EveryConnectionComesOnceOverEveryKindOfEndpoint) {
+    const CTempFolder folder;
+    for (const std::string& text :
+         {std::string("127.0.0.1:0"), "unix:" + folder.Path("s"), std::string("unix:")}) {
+        this->ConnectManyAtOnce(this->Open(text), 300);
+        ASSERT_EQ(this->m_taken.size(), 300U);
+        EXPECT_EQ(this->m_acceptor->GetConnections(), 300U);
+        const int accepted = this->m_taken[0].socket.GetHandle();
+        EXPECT_NE(fcntl(accepted, F_GETFD) & FD_CLOEXEC, 0);
+        EXPECT_NE(fcntl(accepted, F_GETFL) & O_NONBLOCK, 0);
+        CNxEndpoint client;
+        ASSERT_EQ(client.SetLocalOf(this->m_clients.back().GetHandle()), NX_OK);
+        EXPECT_EQ(this->m_lastPeer, client);
+    }
+}
+
+TYPED_TEST(Acceptors, IsNeitherDeafNorBusyWhenTheSystemRefuses) {
+    const CNxEndpoint endpoint = this->Open("127.0.0.1:0");
+    FailingCalls calls;
+    size_t done = 0;
+    const auto fail = [&](int error, int count) {
+        calls.Fail(FailingCalls::ACCEPT4, error, count);
+        this->ConnectMany(endpoint, 2);
+        this->WaitUntilDone(done += 2);
+    };
+    for (const int error : {EMFILE, ENFILE, ENOBUFS}) {
+        fail(error, 1);
+        fail(error, 2);
+    }
+    // More than are tried in a turn.
+    fail(ECONNABORTED, 150);
+    EXPECT_GT(this->m_acceptor->GetRefused(), 0U) << "one for the spare descriptor";
+
+    for (const int error : {ENOBUFS, EMFILE}) {
+        calls.Fail(FailingCalls::ACCEPT4, error, INT_MAX);
+        const int before = calls.Count(FailingCalls::ACCEPT4);
+        this->ConnectMany(endpoint, 1);
+        this->Turn(2000);
+        EXPECT_LT(calls.Count(FailingCalls::ACCEPT4) - before, 1000);
+    }
+}
+
+TYPED_TEST(Acceptors, MayBePausedAndDestroyedWithinItsCall) {
+    const CNxEndpoint endpoint = this->Open("127.0.0.1:0");
+    this->m_onAccepted = [&] { this->m_acceptor->Pause(); };
+    this->ConnectMany(endpoint, 4);
+    for (size_t count = 1; count <= 2; ++count) {
+        this->WaitUntilDone(count);
+        this->Turn(10);
+        EXPECT_EQ(this->m_taken.size(), count);
+        this->On([&] { this->m_acceptor->Resume(); });
+    }
+    this->WaitUntilDone(3);
+    this->m_onAccepted = [&] { this->m_acceptor.reset(); };
+    this->On([&] { this->m_acceptor->Resume(); });
+    this->WaitUntil([&] { return this->m_acceptor == nullptr; });
+    EXPECT_EQ(Connect(endpoint).GetHandle(), -1);
+    // Places given up after their acceptor, on another thread.
+    this->m_taken.clear();
+}
+
+TEST_F(AcceptorLimits, CountThoseThatLive) {
+    CNxAcceptorOptions options;
+    options.maxConnections = 2;
+    CNxEndpoint endpoint = Open("127.0.0.1:0", options);
+    ConnectMany(endpoint, 3);
+    EXPECT_TRUE(IsHungUpOn(m_clients[2]));
+    WaitUntilDone(3);
+    m_taken.clear();
+    ConnectMany(endpoint, 1);
+    WaitUntilDone(4);
+    EXPECT_EQ(m_acceptor->GetConnections(), 1U);
+
+    options = {};
+    options.maxPerAddress = 1;
+    const std::string port = std::to_string(Open("*:0", options).GetPort());
+    for (const char* host : {"127.0.0.1:", "[::1]:"}) {
+        ConnectMany(Parse(host + port), 2);
+        EXPECT_TRUE(IsHungUpOn(m_clients.back()));
+    }
+    WaitUntilDone(4);
+    m_taken.clear();
+    ConnectMany(Parse("127.0.0.1:" + port), 1);
+    WaitUntilDone(5);
+    EXPECT_EQ(m_acceptor->GetConnections(), 1U);
+
+    options = {};
+    options.maxPerSecond = 1;
+    ConnectManyAtOnce(Open("127.0.0.1:0", options), 100);
+    EXPECT_GE(m_acceptor->GetAccepted(), 1U);
+    EXPECT_GE(m_acceptor->GetRefused(), 1U);
+}
+
+TEST_F(AcceptorLimits, WithoutMemoryConnectionsAreClosedAndCounted) {
+    CNxAcceptorOptions options;
+    options.maxPerAddress = 100;
+    const CNxEndpoint endpoint = Open("127.0.0.1:0", options);
+    // The count of the address, then its place or, if one is recycled, what this test keeps.
+    for (const long n : {0, 1}) {
+        const FailingNew failing(n, FailingNew::ONWARDS);
+        EXPECT_TRUE(IsHungUpOn(Connect(endpoint)));
+    }
+    ConnectMany(endpoint, 1);
+    WaitUntilDone(3);
+    EXPECT_EQ(m_acceptor->GetRefused(), 2U);
+    EXPECT_EQ(m_acceptor->GetConnections(), 1U);
+}
+
+TEST_F(AcceptorLimits, OpensOnceAndOnlyOnAnOpenReactor) {
+    const CNxEndpoint endpoint = Open("127.0.0.1:0");
+    On([&] {
+        CNxReactorSelect closed;
+        CNxAcceptor other(closed, [](const CNxConnectedSocket&, const CNxEndpoint&) {});
+        EXPECT_EQ(other.Open(Parse("unix:"), {}), NX_ERROR_FAILURE);
+        EXPECT_EQ(errno, EINVAL);
+        EXPECT_EQ(m_acceptor->Open(endpoint, {}), NX_ERROR_ALREADY_INITIALIZED);
+        m_acceptor->Close();
+        EXPECT_EQ(m_acceptor->Open(endpoint, {}), NX_OK);
+    });
+}
+
+}  // namespace

@@ -1,0 +1,79 @@
+// A server that does what its clients say: CNxServer_test.cpp. server_program MODE
+#include <nx/reactor/CNxReactorEpoll.h>
+#include <nx/stream/CNxConnection.h>
+#include <nx/stream/CNxServer.h>
+#include <nx/thread/CNxThreadManager.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <string>
+
+namespace {
+
+std::atomic<int> g_reloads{0};
+
+// "r": how often it was told to reload. "b": to be busy when the server stops. "s": stops the
+// server. "p": does so twice, and blocks its loop.
+class Sink : public INxConnectionSink {
+public:
+    explicit Sink(CNxServer& server) : m_server(server) {}
+    void OnReceive(CNxConnection& connection, CNxMessageChain& received) override {
+        const char request = received.GetFront().front();
+        received.Clear();
+        m_isBusy = request == 'b';
+        if (request == 's') {
+            m_server.Stop();
+        }
+        connection.Send(request == 'r' ? std::to_string(g_reloads) : "+");
+        while (request == 'p') {
+            kill(getpid(), SIGTERM);
+            kill(getpid(), SIGINT);
+            pause();
+        }
+    }
+    void OnStop(CNxConnection& connection) override {
+        connection.Send("stop");
+        if (!m_isBusy) {
+            connection.CloseWhenSent();
+        }
+    }
+
+private:
+    CNxServer& m_server;
+    bool m_isBusy = false;
+};
+
+class ReactorWhoseWaitingFails : public CNxReactorEpoll {
+public:
+    NxResult RunEventLoop() override { return NX_ERROR_FAILURE; }
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::string mode = argc > 1 ? argv[1] : "";
+    if (mode == "no streams") {
+        close(STDIN_FILENO);
+    }
+    CNxServerOptions options;
+    options.loops.loops = 2;
+    options.stopLimit = mode == "limit" ? CNxTimeValue(0, 100000) : CNxTimeValue(600);
+    CNxServer server(argc, argv, options);
+    server.SetOnReload([] { ++g_reloads; });
+    const auto make = [&server] { return std::make_unique<Sink>(server); };
+    server.Listen("127.0.0.1:0", make);
+    server.Announce();
+    if (mode == "address in use") {
+        server.Listen(server.GetGroup().GetEndpoint(0).GetText(), make);
+    } else if (mode == "no endpoint") {
+        server.Listen("localhost", make);
+    } else if (mode == "no certificate") {
+        static_cast<void>(server.MakeTls({}));
+    } else if (mode == "loop ends") {
+        CNxThread* thread = nullptr;
+        static_cast<void>(CNxThreadManager::Instance()->CreateReactorThread(
+            2, new ReactorWhoseWaitingFails, thread));
+    }
+    return server.Run();
+}
