@@ -131,7 +131,7 @@ void ServeOnReactor(const Sockets& sockets, const Open& open) {
         }
         return NX_OK;
     };
-    Require(NxSendCall(reactor, openAll).IsOk(), "NxSendCall");
+    Require(NxSendCall(reactor, openAll) == NX_OK, "NxSendCall");
     pause();
 }
 
