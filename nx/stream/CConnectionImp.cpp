@@ -401,7 +401,7 @@ void CConnectionImp::EndFiltered() {
 }
 
 void CConnectionImp::Offer() {
-    while (m_isFresh && !m_isPaused && GetState() == EState::OPEN) {
+    while (m_isFresh && !m_isPaused && !m_isEndTold && GetState() == EState::OPEN) {
         if (GetFraming().HasFrames()) {
             OfferFrame();
         } else {
