@@ -117,29 +117,44 @@ private:
     const int m_fd;
 };
 
-void ServeNx(const Sockets& sockets) {
-    class OpenEvent : public INxEvent {
-    public:
-        OpenEvent(INxReactor& reactor, const Sockets& fds) : m_reactor(reactor), m_fds(fds) {}
-        NxResult OnEventFire() override {
-            for (const int fd : m_fds) {
-                Require(m_reactor.RegisterHandler(new NxEcho(m_reactor, fd), NX_MASK_READ) == NX_OK,
-                        "RegisterHandler");
-            }
-            return NX_OK;
-        }
-
-    private:
-        INxReactor& m_reactor;
-        const Sockets& m_fds;
-    };
+// Opens each socket on a network thread.
+template <class Open>
+void ServeOnReactor(const Sockets& sockets, const Open& open) {
     CNxThread* network = nullptr;
     Require(CNxThreadManager::Instance()->CreateNetworkThread(
                 NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(), network) == NX_OK,
             "CreateNetworkThread");
     INxReactor& reactor = *network->GetReactor();
-    Require(reactor.SendEvent(new OpenEvent(reactor, sockets)) == NX_OK, "SendEvent");
+    const auto openAll = [&] {
+        for (const int fd : sockets) {
+            Require(open(reactor, fd) == NX_OK, "open");
+        }
+        return NX_OK;
+    };
+    Require(NxSendCall(reactor, openAll) == NX_OK, "NxSendCall");
     pause();
+}
+
+void ServeNx(const Sockets& sockets) {
+    ServeOnReactor(sockets, [](INxReactor& reactor, int fd) {
+        return reactor.RegisterHandler(new NxEcho(reactor, fd), NX_MASK_READ);
+    });
+}
+
+void ServeNxConnection(const Sockets& sockets) {
+    class Echo : public INxConnectionSink {
+        void OnReceive(CNxConnection& connection, CNxMessageChain& received) override {
+            Require(connection.Send(std::move(received)) == NX_OK, "Send");
+        }
+    };
+    Echo echo;
+    const auto options = std::make_shared<const CNxConnectionOptions>();
+    ServeOnReactor(sockets, [&](INxReactor& reactor, int fd) {
+        CNxConnectedSocket socket;
+        socket.socket.SetHandle(fd);
+        CNxAutoPtr<CNxConnection> connection;
+        return CNxConnection::Create(connection, reactor, std::move(socket), echo, options);
+    });
 }
 
 #ifdef NXBENCH_HAS_ASIO
@@ -488,6 +503,7 @@ void AddRows(std::vector<Case>& cases, const char* name, long connections, size_
     add("raw", ServeRaw);
     add("raw, one receive", ServeRawOneReceive);
     add("nxbase", ServeNx);
+    add("nxbase connection", ServeNxConnection);
 #ifdef NXBENCH_HAS_ASIO
     add("Asio", ServeAsio);
 #endif
