@@ -391,4 +391,49 @@ TEST_F(ConnectionEnds, NoMemoryEndsAConnectionAtMost) {
     EXPECT_GT(ended, 0);
 }
 
+// What comes in several turns, each of which has to be posted.
+TEST_F(ConnectionEnds, NoMemoryForATurnLosesNone) {
+    const std::string bytes(50000, 'x');
+    Options options;
+    options.bytesPerTurn = 1000;
+    for (long n = 0; n < 60; ++n) {
+        Sink sink;
+        Connect(sink, options);
+        const FailingNew failing(n, FailingNew::ONCE);
+        SendToIt(bytes);
+        m_loop.WaitUntil([&] { return sink.m_isClosed || sink.m_received.size() == bytes.size(); });
+        m_loop.Run([&] { m_connection->CloseNow(); });
+    }
+}
+
+TEST_F(ConnectionEnds, OnClosedComesWithoutMemoryForItsText) {
+    Sink sink;
+    Connect(sink);
+    m_loop.Run([&] {
+        const FailingNew failing(0, FailingNew::ONWARDS);
+        CNxConnection::CloseAll(m_loop.GetReactor());
+    });
+    WaitUntilClosed(sink, ENxClosed::LOOP_ENDED);
+}
+
+// What another thread has left is dropped with no lock held: who is told may end other connections.
+TEST_F(ConnectionEnds, MemoryThatIsReleasedAtTheEndMayEndOthers) {
+    Sink one;
+    Sink other;
+    Connect(one);
+    const CNxAutoPtr<CNxConnection> first = m_connection;
+    Connect(other);
+    m_loop.Run([&] {
+        std::thread([&, this] {
+            CNxMessageChain chain;
+            const auto end = [](void* ended) { static_cast<CNxConnection*>(ended)->CloseNow(); };
+            chain.AppendAdopted("x", 1, end, m_connection.Get());
+            EXPECT_EQ(first->Send(std::move(chain)), NX_OK);
+        }).join();
+        first->CloseNow();
+    });
+    WaitUntilClosed(other, ENxClosed::BY_US);
+    EXPECT_TRUE(one.m_isClosed);
+}
+
 }  // namespace
