@@ -33,6 +33,7 @@ void AddEcho(std::vector<Case>& cases);
 void AddBlock(std::vector<Case>& cases);
 void AddConnections(std::vector<Case>& cases);
 void AddKv(std::vector<Case>& cases);
+void AddHttp(std::vector<Case>& cases);
 
 // How a type is handed to a generic function.
 template <class T>

@@ -63,13 +63,8 @@ void BroadcastRaw(const Sockets& sockets) {
 }
 
 void IdleNx(const Sockets& sockets) {
-    class Echo : public INxConnectionSink {
-        void OnReceive(CNxConnection& connection, CNxMessageChain& received) override {
-            Require(connection.Send(std::move(received)) == NX_OK, "Send");
-        }
-    };
-    Echo echo;
-    auto options = std::make_shared<CNxConnectionOptions>();
+    NxEchoSink echo;
+    const auto options = std::make_shared<CNxConnectionOptions>();
     options->idleTimeout = CNxTimeValue(c_idleSeconds);
     ServeConnections(sockets, echo, options);
 }

@@ -72,37 +72,13 @@ private:
 };
 
 void ServeNx(const Sockets& sockets) {
-    class OpenEvent : public INxEvent {
-    public:
-        OpenEvent(INxReactor& reactor, const Sockets& fds) : m_reactor(reactor), m_fds(fds) {}
-        NxResult OnEventFire() override {
-            for (const int fd : m_fds) {
-                Require(m_reactor.RegisterHandler(new NxEcho(m_reactor, fd), NX_MASK_READ) == NX_OK,
-                        "RegisterHandler");
-            }
-            return NX_OK;
-        }
-
-    private:
-        INxReactor& m_reactor;
-        const Sockets& m_fds;
-    };
-    CNxThread* network = nullptr;
-    Require(CNxThreadManager::Instance()->CreateNetworkThread(
-                NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(), network) == NX_OK,
-            "CreateNetworkThread");
-    INxReactor& reactor = *network->GetReactor();
-    Require(reactor.SendEvent(new OpenEvent(reactor, sockets)) == NX_OK, "SendEvent");
-    pause();
+    ServeOnReactor(sockets, [](INxReactor& reactor, int fd) {
+        return reactor.RegisterHandler(new NxEcho(reactor, fd), NX_MASK_READ);
+    });
 }
 
 void ServeNxConnection(const Sockets& sockets) {
-    class Echo : public INxConnectionSink {
-        void OnReceive(CNxConnection& connection, CNxMessageChain& received) override {
-            Require(connection.Send(std::move(received)) == NX_OK, "Send");
-        }
-    };
-    Echo echo;
+    NxEchoSink echo;
     ServeConnections(sockets, echo, std::make_shared<CNxConnectionOptions>());
 }
 

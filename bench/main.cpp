@@ -220,7 +220,7 @@ bool Parse(int argc, char** argv, Options& options) {
 std::vector<Case> MakeCases(const std::string& only) {
     std::vector<Case> all;
     for (const auto add : {AddPost, AddCall, AddWake, AddTimers, AddTrace, AddEcho, AddConnections,
-                           AddBlock, AddKv}) {
+                           AddBlock, AddKv, AddHttp}) {
         add(all);
     }
     std::vector<Case> chosen;

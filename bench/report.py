@@ -13,7 +13,7 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 PACKAGES = ["libasio-dev", "libuv1-dev", "libevent-dev", "libev-dev", "libspdlog-dev",
-            "libgoogle-glog-dev", "liburing-dev", "redis-server"]
+            "libgoogle-glog-dev", "liburing-dev", "redis-server", "nginx-light"]
 FAMILIES = {
     "post":
         "Work handed to another thread as fast as it goes: time from the first post to the "
@@ -59,6 +59,10 @@ FAMILIES = {
         "under redis-benchmark with 50 connections and values of 64 bytes: processor time "
         "of the server for a request. `raw` is one thread with an epoll loop and a hash "
         "table that knows these two commands. The ratios are to redis-server.",
+    "http":
+        "http_server of the examples beside nginx with one worker, sendfile and no log, both "
+        "serving the same file to wrk over 50 connections that stay: processor time of the "
+        "server for a request. The ratios are to nginx.",
 }
 RED, ORANGE, BLACK, GREY, SILVER = "#d62728", "#ff7f0e", "#000000", "#777777", "#aaaaaa"
 BLUE, GREEN, PURPLE, LILAC, CYAN = "#1f77b4", "#2ca02c", "#9467bd", "#c5b0d5", "#17becf"
@@ -69,6 +73,7 @@ COLORS = {
     "nxbase calendar": ORANGE, "nxbase kv_server": RED, "nxbase connection": ORANGE,
     "Asio": BLUE, "libuv": GREEN, "libevent": PURPLE, "libevent common": LILAC,
     "libevent buffered": LILAC, "libev": CYAN, "spdlog": BLUE, "glog": GREEN, "redis-server": GREEN,
+    "nginx": GREEN, "nxbase http_server": RED,
 }
 
 

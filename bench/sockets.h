@@ -210,34 +210,49 @@ inline pid_t StartServer(const Listener& listener, long connections, Serve serve
     });
 }
 
-// Serves with connections of the library, on a thread of its own. They are in `all` before anything
-// is received.
-using NxConnections = std::vector<CNxAutoPtr<CNxConnection>>;
-
-[[noreturn]] inline void ServeConnections(const Sockets& sockets, INxConnectionSink& sink,
-                                          const CNxConnection::Options& options,
-                                          NxConnections* all = nullptr) {
+// Opens each socket on a network thread.
+template <class Open>
+[[noreturn]] void ServeOnReactor(const Sockets& sockets, const Open& open) {
     CNxThread* network = nullptr;
     Require(CNxThreadManager::Instance()->CreateNetworkThread(
                 NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(), network) == NX_OK,
             "CreateNetworkThread");
     INxReactor& reactor = *network->GetReactor();
-    const auto open = [&] {
+    const auto openAll = [&] {
         for (const int fd : sockets) {
-            CNxConnectedSocket socket;
-            socket.socket.SetHandle(fd);
-            CNxAutoPtr<CNxConnection> made;
-            Require(CNxConnection::Create(made, reactor, std::move(socket), sink, options) == NX_OK,
-                    "CNxConnection");
-            if (all != nullptr) {
-                all->push_back(std::move(made));
-            }
+            Require(open(reactor, fd) == NX_OK, "open");
         }
+        return NX_OK;
     };
-    Require(NxSendCall(reactor, open) == NX_OK, "SendEvent");
+    Require(NxSendCall(reactor, openAll) == NX_OK, "NxSendCall");
     for (;;) {
         pause();
     }
 }
+
+// Connections of the library, which are in `all` before anything is received.
+using NxConnections = std::vector<CNxAutoPtr<CNxConnection>>;
+
+[[noreturn]] inline void ServeConnections(const Sockets& sockets, INxConnectionSink& sink,
+                                          const CNxConnection::Options& options,
+                                          NxConnections* all = nullptr) {
+    ServeOnReactor(sockets, [&](INxReactor& reactor, int fd) {
+        CNxConnectedSocket socket;
+        socket.socket.SetHandle(fd);
+        CNxAutoPtr<CNxConnection> made;
+        const NxResult result =
+            CNxConnection::Create(made, reactor, std::move(socket), sink, options);
+        if (all != nullptr) {
+            all->push_back(made);
+        }
+        return result;
+    });
+}
+
+class NxEchoSink : public INxConnectionSink {
+    void OnReceive(CNxConnection& connection, CNxMessageChain& received) override {
+        Require(connection.Send(std::move(received)) == NX_OK, "Send");
+    }
+};
 
 }  // namespace bench

@@ -81,9 +81,11 @@ CConnectionImp::~CConnectionImp() {
 }
 
 NxResult CConnectionImp::Open() {
-    // Where the system does not tell, they stay of no family.
-    static_cast<void>(m_local.SetLocalOf(GetHandle()));
-    static_cast<void>(m_peer.SetPeerOf(GetHandle()));
+    try {
+        StoreEndpoints();
+    } catch (const std::bad_alloc&) {
+        return NX_ERROR_FAILURE;
+    }
     SetSocketOptions();
     const NxResult started = m_options->tls ? StartFilter() : NX_OK;
     const NxResult registered = started == NX_OK ? Register() : started;
@@ -94,10 +96,22 @@ NxResult CConnectionImp::Open() {
     return registered;
 }
 
+// Where the system does not tell, they stay of no family.
+void CConnectionImp::StoreEndpoints() {
+    CNxEndpoint endpoint;
+    if (endpoint.SetLocalOf(GetHandle()) == NX_OK) {
+        m_local.Set(endpoint);
+        m_isUnix = endpoint.GetFamily() == AF_UNIX;
+    }
+    if (endpoint.SetPeerOf(GetHandle()) == NX_OK) {
+        m_peer.Set(endpoint);
+    }
+}
+
 // Without one of them a connection is slower, not wrong.
 void CConnectionImp::SetSocketOptions() {
     const int on = 1;
-    if (m_local.GetFamily() == AF_UNIX) {
+    if (m_isUnix) {
         return;
     }
     if (m_options->noDelay) {
@@ -150,7 +164,7 @@ NxResult CConnectionImp::Register() {
 int CConnectionImp::OnInput(int /*fd*/) {
     m_isReadable = true;
     // Descriptors that come through a unix socket make reads short.
-    m_mayHaveEnded = m_local.GetFamily() == AF_UNIX || GetReactor().MayHaveEnded();
+    m_mayHaveEnded = m_isUnix || GetReactor().MayHaveEnded();
     Proceed();
     return 0;
 }

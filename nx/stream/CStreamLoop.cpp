@@ -193,6 +193,7 @@ void CStreamMember::CloseInbox(EAsked asked) {
 }
 
 void CStreamMember::TakeInbox_i() {
+    m_loop->m_mutex.AssertHeld();
     OnLeft(std::move(m_inbox), m_asked);
     m_inbox.Clear();
     m_leftSize.store(0, std::memory_order_relaxed);
