@@ -846,9 +846,13 @@ void CConnectionImp::TellClosed() {
         return;
     }
     CNxCloseReason reason{m_closed, m_error, {}};
+    try {
+        reason.text = Describe();
+    } catch (const std::bad_alloc&) {
+        // Then it is told without.
+    }
     CallOut("OnClosed", [&] {
         try {
-            reason.text = Describe();
             sink->OnClosed(*this, reason);
         } catch (const std::bad_alloc&) {
             // It has ended already.
