@@ -38,4 +38,4 @@ test_packages=("${build_packages[@]}" libgtest-dev curl faketime openssl)
 # What the benchmarks measure beside the library.
 # shellcheck disable=SC2034
 bench_packages=("${build_packages[@]}" libasio-dev libuv1-dev libevent-dev libev-dev libspdlog-dev
-    libgoogle-glog-dev liburing-dev redis-server redis-tools)
+    libgoogle-glog-dev liburing-dev redis-server redis-tools nginx-light wrk openssl)
