@@ -6,7 +6,9 @@
 // anew or destroyed meanwhile: then it has no handle any more.
 class CNxTimedCall::CUnderWay {
 public:
-    explicit CUnderWay(CNxTimedCall& handle)
+    // Not inlined: gcc 12 would warn of a pointer that dangles, which the destructor or a Cancel
+    // takes back.
+    [[gnu::noinline]] explicit CUnderWay(CNxTimedCall& handle)
         : m_handle(&handle), m_function(std::move(handle.m_function)) {
         handle.m_underWay = this;
     }
