@@ -1,4 +1,5 @@
-// Options of the form "--name value" and "--name=value", or from the configuration file.
+// Options of the form "--name value" and "--name=value", or from the configuration file, and the
+// way programs end that get none.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +9,12 @@
 #include <vector>
 
 namespace examples {
+
+constexpr int c_statusFailed = 1;
+constexpr int c_statusBadOptions = 2;
+
+// Says on standard error what is wrong, with the program's name before it. Returns the status.
+int Fail(const std::string& what, int status = c_statusFailed);
 
 // An option that takes digits, from `min` to `max`.
 struct NumberOption {

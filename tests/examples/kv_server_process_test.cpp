@@ -1,10 +1,13 @@
 // The whole kv_server over real sockets.
 #include <gtest/gtest.h>
+#include <nx/net/CNxEndpoint.h>
+#include <nx/net/CNxSocket.h>
 #include <sys/resource.h>
 #include <tests/examples/LocalKvServer.h>
 #include <tests/support/FaultFile.h>
 #include <tests/support/ServerProcess.h>
 #include <tests/support/TempFolder.h>
+#include <tests/support/TestCertificates.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -14,13 +17,13 @@
 
 namespace {
 
-// On each reactor.
+// With one loop and with three.
 class KvServer : public testing::TestWithParam<const char*> {
 protected:
     explicit KvServer(std::vector<std::string> options = {}) : m_server(KV_SERVER, With(options)) {}
 
     static std::vector<std::string> With(std::vector<std::string> options) {
-        options.insert(options.end(), {"--port", "0", "--reactor", GetParam()});
+        options.insert(options.end(), {"--port", "0", "--threads", GetParam()});
         return options;
     }
 
@@ -141,27 +144,6 @@ TEST_P(KvServer, SigtermAnswersWhatHasArrived) {
     EXPECT_EQ(0, m_server.Wait());
 }
 
-TEST_P(KvServer, RunsOutOfDescriptorsAndRecovers) {
-    const TestClient first = Connect();
-    first.Expect("PING\r\n", "+PONG\r\n");
-    const auto open = static_cast<rlim_t>(m_server.CountDescriptors());
-    const rlimit tight{open + 5, open + 5};
-    ASSERT_EQ(0, prlimit(m_server.GetPid(), RLIMIT_NOFILE, &tight, nullptr));
-    std::vector<TestClient> clients;
-    int served = 0;
-    for (int i = 0; i < 20; ++i) {
-        clients.push_back(Connect());
-        send(clients.back().GetHandle(), "PING\r\n", 6, MSG_NOSIGNAL);
-        served += clients.back().Receive(7) == "+PONG\r\n" ? 1 : 0;
-    }
-    EXPECT_TRUE(served >= 4 && served <= 6) << served;
-    clients.clear();
-    m_server.ExpectDescriptors(static_cast<long>(open));
-    Connect().Expect("PING\r\n", "+PONG\r\n");
-    first.Expect("PING\r\n", "+PONG\r\n");
-    ExpectCleanStop();
-}
-
 class KvServerForTwo : public KvServer {
 protected:
     KvServerForTwo() : KvServer({"--max-clients", "2", "--idle-timeout=1"}) {}
@@ -191,10 +173,9 @@ TEST_P(KvServerForTwo, TheThirdIsToldAndOnlyASilentClientIsHungUpOn) {
     ExpectCleanStop();
 }
 
-constexpr const char* c_reactors[] = {"epoll", "select", "rtsig"};
-const auto c_toName = [](const auto& info) { return std::string(info.param); };
-INSTANTIATE_TEST_SUITE_P(Reactors, KvServer, testing::ValuesIn(c_reactors), c_toName);
-INSTANTIATE_TEST_SUITE_P(Reactors, KvServerForTwo, testing::ValuesIn(c_reactors), c_toName);
+constexpr const char* c_threads[] = {"1", "3"};
+INSTANTIATE_TEST_SUITE_P(Threads, KvServer, testing::ValuesIn(c_threads));
+INSTANTIATE_TEST_SUITE_P(Threads, KvServerForTwo, testing::ValuesIn(c_threads));
 
 // The program installed in a home of its own.
 class KvServerHome : public testing::Test {
@@ -289,8 +270,8 @@ TEST(KvServerProgram, NoClientBecomesAStandardStream) {
     EXPECT_EQ(std::filesystem::read_symlink(stream), "/dev/null");
 }
 
-// A store that has minutes of work to do.
-TEST(KvServerProgram, SigtermEndsItInFiveSecondsWhateverTheStoreDoes) {
+// One that has minutes of work to do.
+TEST(KvServerProgram, SigtermEndsItInFiveSecondsWhateverItDoes) {
     ServerProcess server(KV_SERVER, {"--port=0"});
     const TestClient client(server.GetPort());
     std::string sets;
@@ -311,7 +292,6 @@ TEST(KvServerProgram, SigtermEndsItInFiveSecondsWhateverTheStoreDoes) {
     other.Expect("PING\r\n", "+PONG\r\n");
     server.Signal(SIGTERM);
     EXPECT_EQ(0, server.Wait());
-    // It gave up by itself.
     EXPECT_LT(client.ReceiveAll().size(), 4U * (5000 - 1));
 }
 
@@ -356,21 +336,27 @@ TEST(KvServerProgram, AfterAPauseInputComesBeforeIdleClientsAreDropped) {
     }
 }
 
-TEST(KvServerProgram, EndsWithStatusOneWhenItsLoopCannotWaitAnyMore) {
-    if (!FaultFile::IsUsable()) {
-        GTEST_SKIP() << "needs a preloaded library";
-    }
+TEST(KvServerProgram, ServesTlsAndAUnixSocketBesideItsPort) {
+    const CTestCertificates certificates;
     const CTempFolder folder;
-    const FaultFile faults(folder.Path("plan"), FAULT_SHIM);
-    ServerProcess server(KV_SERVER, {"--port=0", "--reactor=select"});
+    const ServerProcess server(
+        KV_SERVER, {"--port=0", "--unix", folder.Path("socket"), "--tls-port=0", "--tls-cert",
+                    certificates.Certificate("server"), "--tls-key", certificates.Key("server")});
     const TestClient client(server.GetPort());
-    client.Expect("PING\r\n", "+PONG\r\n");
-    // For a moment only.
-    faults.Fail(FaultPlan::CALL_select, ENOMEM, 0, 3);
-    client.Expect("PING\r\n", "+PONG\r\n");
-    faults.FailAll(FaultPlan::CALL_select, EBADF);
-    client.Send("PING\r\n");
-    EXPECT_EQ(1, server.Wait());
+    client.Expect("SET a 1\r\n", "+OK\r\n");
+    CNxEndpoint endpoint;
+    ASSERT_EQ(NX_OK, endpoint.Set(("unix:" + folder.Path("socket")).c_str()));
+    CNxSocketBase local;
+    ASSERT_EQ(0, local.Open(AF_UNIX, SOCK_STREAM, 0, 0));
+    ASSERT_EQ(0, connect(local.GetHandle(), endpoint.GetAddress(), endpoint.GetSize()));
+    ASSERT_EQ(8, send(local.GetHandle(), "INCR a\r\n", 8, 0));
+    char reply[8];
+    EXPECT_EQ(4, recv(local.GetHandle(), reply, 4, MSG_WAITALL));
+    const std::string said =
+        OutputOf("printf 'GET a\r\nQUIT\r\n' | openssl s_client -quiet -CAfile " +
+                 certificates.Certificate("ca") + " -verify_return_error -connect " +
+                 server.ReadEndpoint(2) + " 2>/dev/null");
+    EXPECT_EQ("$1\r\n2\r\n+OK\r\n", said);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// kv_server with every system call failing: fault_sweep KV_SERVER SHIM [--long] [REACTOR]
+// kv_server with every system call failing: fault_sweep KV_SERVER SHIM [--long]
 //
 // REACTOR is epoll, select or rtsig; epoll without one.
 //
@@ -57,16 +57,14 @@ bool WaitUntil(milliseconds limit, Condition condition) {
 // The server in a home of its own, in which it traces.
 class Server {
 public:
-    Server(const std::string& program, const std::string& reactor, const CTempFolder& home)
-        : m_output(home.Path("output")) {
+    Server(const std::string& program, const CTempFolder& home) : m_output(home.Path("output")) {
         std::filesystem::remove(m_output);
         m_pid = fork();
         if (m_pid == 0) {
             const int out = open(m_output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
             dup2(out, STDOUT_FILENO);
             dup2(out, STDERR_FILENO);
-            execl(program.c_str(), program.c_str(), "--port=0", "--reactor", reactor.c_str(),
-                  nullptr);
+            execl(program.c_str(), program.c_str(), "--port=0", nullptr);
             _exit(127);
         }
         m_isStuck = !WaitUntil(c_recoverLimit, [&] { return HasEnded() || ReadPort(home); });
@@ -127,8 +125,8 @@ private:
 
 class Sweep {
 public:
-    Sweep(const std::string& program, const char* shim, std::string reactor, bool isLong)
-        : m_reactor(std::move(reactor)), m_isLong(isLong), m_faults(m_home.Path("plan"), shim) {
+    Sweep(const std::string& program, const char* shim, bool isLong)
+        : m_isLong(isLong), m_faults(m_home.Path("plan"), shim) {
         std::filesystem::create_directories(m_home.Path("bin"));
         std::filesystem::create_directories(m_home.Path("conf"));
         std::filesystem::copy_file(program, m_program);
@@ -187,7 +185,7 @@ private:
     // Every N-th call from the start to the first PING.
     bool Start() {
         m_faults.Fail(m_fault->call, m_error, m_number, 1);
-        Server server(m_program, m_reactor, m_home);
+        Server server(m_program, m_home);
         Check(!server.IsStuck(), "neither serves nor ends");
         if (server.HasEnded()) {
             Check(server.HasEndedWith(1), "crashed or ended with another status than 1");
@@ -205,7 +203,7 @@ private:
     Server& GetServer() {
         if (m_server == nullptr || m_server->HasEnded()) {
             m_faults.Clear();
-            m_server = std::make_unique<Server>(m_program, m_reactor, m_home);
+            m_server = std::make_unique<Server>(m_program, m_home);
             // It says where it listens before its last thread is there.
             static_cast<void>(m_server->Serves());
             const Connection writer(m_server->GetPort(), milliseconds(1000));
@@ -253,7 +251,6 @@ private:
         return false;
     }
 
-    const std::string m_reactor;
     const bool m_isLong;
     const std::string m_set =
         "*3\r\n$3\r\nSET\r\n$3\r\nbig\r\n$1048576\r\n" + std::string(1 << 20, 'v') + "\r\n";
@@ -274,12 +271,11 @@ private:
 
 int main(int argc, char** argv) {
     if (argc < 3) {
-        std::fprintf(stderr, "usage: fault_sweep KV_SERVER SHIM [--long] [REACTOR]\n");
+        std::fprintf(stderr, "usage: fault_sweep KV_SERVER SHIM [--long]\n");
         return 2;
     }
     signal(SIGPIPE, SIG_IGN);
     const bool isLong = argc > 3 && std::strcmp(argv[3], "--long") == 0;
-    const int at = isLong ? 4 : 3;
-    Sweep sweep(argv[1], argv[2], argc > at ? argv[at] : "epoll", isLong);
+    Sweep sweep(argv[1], argv[2], isLong);
     return sweep.Run() == 0 ? 0 : 1;
 }
