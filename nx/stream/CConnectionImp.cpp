@@ -41,6 +41,8 @@ std::int64_t After(std::int64_t since, const CNxTimeValue& timeout) {
     return ms > 0 && ms < c_never - since ? since + ms : c_never;
 }
 
+constexpr const char* c_tooMuchUnsent = "more waits to be sent than may wait";
+
 bool WouldBlock(int error) {
     return error == EAGAIN || error == EWOULDBLOCK;
 }
@@ -81,9 +83,11 @@ CConnectionImp::~CConnectionImp() {
 }
 
 NxResult CConnectionImp::Open() {
-    // Where the system does not tell, they stay of no family.
-    static_cast<void>(m_local.SetLocalOf(GetHandle()));
-    static_cast<void>(m_peer.SetPeerOf(GetHandle()));
+    try {
+        StoreEndpoints();
+    } catch (const std::bad_alloc&) {
+        return NX_ERROR_FAILURE;
+    }
     SetSocketOptions();
     const NxResult started = m_options->tls ? StartFilter() : NX_OK;
     const NxResult registered = started == NX_OK ? Register() : started;
@@ -94,10 +98,22 @@ NxResult CConnectionImp::Open() {
     return registered;
 }
 
+// Where the system does not tell, they stay of no family.
+void CConnectionImp::StoreEndpoints() {
+    CNxEndpoint endpoint;
+    if (endpoint.SetLocalOf(GetHandle()) == NX_OK) {
+        m_local.Set(endpoint);
+        m_isUnix = endpoint.GetFamily() == AF_UNIX;
+    }
+    if (endpoint.SetPeerOf(GetHandle()) == NX_OK) {
+        m_peer.Set(endpoint);
+    }
+}
+
 // Without one of them a connection is slower, not wrong.
 void CConnectionImp::SetSocketOptions() {
     const int on = 1;
-    if (m_local.GetFamily() == AF_UNIX) {
+    if (m_isUnix) {
         return;
     }
     if (m_options->noDelay) {
@@ -150,7 +166,7 @@ NxResult CConnectionImp::Register() {
 int CConnectionImp::OnInput(int /*fd*/) {
     m_isReadable = true;
     // Descriptors that come through a unix socket make reads short.
-    m_mayHaveEnded = m_local.GetFamily() == AF_UNIX || GetReactor().MayHaveEnded();
+    m_mayHaveEnded = m_isUnix || GetReactor().MayHaveEnded();
     Proceed();
     return 0;
 }
@@ -216,7 +232,7 @@ void CConnectionImp::ServeAsked() {
             EndWhenSent();
             break;
         case EAsked::DROP:
-            End(ENxClosed::LIMIT, 0, "more waits to be sent than may wait");
+            End(ENxClosed::LIMIT, 0, c_tooMuchUnsent);
             break;
         case EAsked::END_NOW:
             End(ENxClosed::BY_US);
@@ -280,9 +296,9 @@ bool CConnectionImp::WantsInput() const {
     switch (GetState()) {
         case EState::HANDSHAKING:
         case EState::ENDING:
-            return IsHandshaking();
+            return IsHandshaking() || IsHeldBack();
         case EState::OPEN:
-            return !m_isPaused && GetRoom() != 0;
+            return IsHeldBack() || (!m_isPaused && GetRoom() != 0);
         case EState::LINGERING:
             return true;
         case EState::CLOSED:
@@ -372,6 +388,12 @@ void CConnectionImp::OnPeerEnded() {
 void CConnectionImp::OpenFilter(CNxMessageChain&& sealed) {
     CNxMessageChain toSocket;
     m_filtered->state = m_filtered->filter->Open(std::move(sealed), m_received, toSocket);
+    const size_t most = m_options->maxUnsent;
+    if (most != 0 && !toSocket.IsEmpty() && toSocket.GetSize() + m_output.GetSize() > most) {
+        // What the peer has the filter answer, and does not read.
+        End(ENxClosed::LIMIT, 0, c_tooMuchUnsent);
+        return;
+    }
     m_output.Append(std::move(toSocket));
     switch (m_filtered->state) {
         case CStreamFilter::EState::HANDSHAKING:
@@ -401,7 +423,7 @@ void CConnectionImp::EndFiltered() {
 }
 
 void CConnectionImp::Offer() {
-    while (m_isFresh && !m_isPaused && GetState() == EState::OPEN) {
+    while (m_isFresh && !m_isPaused && !m_isEndTold && GetState() == EState::OPEN) {
         if (GetFraming().HasFrames()) {
             OfferFrame();
         } else {
@@ -508,7 +530,7 @@ size_t CConnectionImp::GetUnsent() const {
 }
 
 void CConnectionImp::CountUnsent() {
-    const size_t plain = m_filtered ? m_filtered->plain.GetSize() : 0;
+    const size_t plain = m_filtered ? m_filtered->plain.GetSize() + m_filtered->held.GetSize() : 0;
     m_unsent.store(m_output.GetSize() + plain, std::memory_order_relaxed);
 }
 
@@ -668,17 +690,20 @@ void CConnectionImp::Seal() {
         return;
     }
     CStreamOutput& plain = m_filtered->plain;
-    while (!plain.IsEmpty() && m_output.GetSize() < c_pieceOfFile && !IsEnded()) {
-        CNxMessageChain piece;
-        if (!plain.Take(piece, c_pieceOfFile)) {
+    CNxMessageChain& held = m_filtered->held;
+    while (m_output.GetSize() < c_pieceOfFile && !IsEnded() && (IsHeldBack() || !plain.IsEmpty())) {
+        if (held.IsEmpty() && !plain.Take(held, c_pieceOfFile)) {
             SendFailed(errno);
             return;
         }
         CNxMessageChain toSocket;
-        const auto state = m_filtered->filter->Seal(std::move(piece), toSocket);
+        const auto state = m_filtered->filter->Seal(held, toSocket);
         m_output.Append(std::move(toSocket));
         if (state == CStreamFilter::EState::FAILED) {
             End(ENxClosed::TLS);
+        }
+        if (IsHeldBack()) {
+            return;
         }
     }
 }
@@ -743,7 +768,7 @@ void CConnectionImp::EndWithSending() {
 }
 
 bool CConnectionImp::IsAllSent() const {
-    return m_output.IsEmpty() && (!m_filtered || m_filtered->plain.IsEmpty());
+    return m_output.IsEmpty() && !IsHeldBack() && (!m_filtered || m_filtered->plain.IsEmpty());
 }
 
 void CConnectionImp::EndSending() {
@@ -832,9 +857,13 @@ void CConnectionImp::TellClosed() {
         return;
     }
     CNxCloseReason reason{m_closed, m_error, {}};
+    try {
+        reason.text = Describe();
+    } catch (const std::bad_alloc&) {
+        // The kind says enough.
+    }
     CallOut("OnClosed", [&] {
         try {
-            reason.text = Describe();
             sink->OnClosed(*this, reason);
         } catch (const std::bad_alloc&) {
             // It has ended already.
@@ -891,7 +920,7 @@ void CConnectionImp::NoteSent(bool hasMoved) {
     if (hasMoved) {
         NoteActivity();
     }
-    const bool waits = !m_isWritable && !m_output.IsEmpty();
+    const bool waits = (!m_isWritable && !m_output.IsEmpty()) || IsHeldBack();
     if (waits && (hasMoved || !m_isWaiting)) {
         m_takenAt = NowMs();
     }

@@ -10,6 +10,7 @@
 
 #include <nx/reactor/INxEventHandler.h>
 #include <nx/stream/CNxConnection.h>
+#include <nx/stream/CStoredEndpoint.h>
 #include <nx/stream/CStreamFilter.h>
 #include <nx/stream/CStreamLoop.h>
 #include <nx/stream/CStreamOutput.h>
@@ -49,8 +50,8 @@ public:
     EState GetState() const override { return m_state.load(std::memory_order_acquire); }
     size_t GetUnsent() const override;
     INxReactor& GetReactor() const override { return GetLoop().GetReactor(); }
-    CNxEndpoint GetLocalEndpoint() const override { return m_local; }
-    CNxEndpoint GetPeerEndpoint() const override { return m_peer; }
+    CNxEndpoint GetLocalEndpoint() const override { return m_local.Get(); }
+    CNxEndpoint GetPeerEndpoint() const override { return m_peer.Get(); }
     std::uint64_t GetBytesReceived() const override { return m_bytesReceived; }
     std::uint64_t GetBytesSent() const override { return m_bytesSent; }
     CNxTimeValue GetAge() const override;
@@ -74,6 +75,7 @@ private:
         std::unique_ptr<CStreamFilter> filter;
         CStreamFilter::EState state = CStreamFilter::EState::HANDSHAKING;
         CStreamOutput plain;
+        CNxMessageChain held;  // before that: until the peer has said more
     };
 
     // When the time-outs are over, in milliseconds of the monotonic clock.
@@ -102,6 +104,7 @@ private:
     void TellClosed() override;
     void Release() override;
 
+    void StoreEndpoints();
     void SetSocketOptions();
     [[nodiscard]] NxResult StartFilter();
     [[nodiscard]] NxResult Register();
@@ -137,6 +140,7 @@ private:
     void SendWaiting(size_t& left);
     void SendFailed(int error);
     void Seal();
+    bool IsHeldBack() const { return m_filtered && !m_filtered->held.IsEmpty(); }
     bool TellWater();
     void CountUnsent();
     bool IsAllSent() const;
@@ -168,8 +172,8 @@ private:
     std::unique_ptr<INxConnectionSink> m_ownedSink;
     CNxSocketBase m_socket;
     std::unique_ptr<CNxReleasedWithSocket> m_attached;
-    CNxEndpoint m_local;
-    CNxEndpoint m_peer;
+    CStoredEndpoint m_local;
+    CStoredEndpoint m_peer;
     void* m_cookie = nullptr;
 
     CNxMessageChain m_received;  // what the sink has not taken
@@ -203,8 +207,9 @@ private:
     bool m_isPaused = false;
     bool m_isFresh = false;  // there is something to offer
     bool m_isProceeding = false;
-    bool m_isWaiting = false;    // bytes wait for room in the socket
-    bool m_isHigh = false;       // OnHighWater was called last
+    bool m_isWaiting = false;  // bytes wait for room in the socket
+    bool m_isHigh = false;     // OnHighWater was called last
+    bool m_isUnix = false;
     bool m_mayHaveEnded = true;  // the peer may, after what is read now
     bool m_hasPeerEnded = false;
     bool m_isEndTold = false;

@@ -42,8 +42,14 @@ struct CNxTlsInfo;
 // ENDING: nothing is read any more, what waits is sent. LINGERING: our side has ended, the peer's
 // is waited for.
 //
-// The reactor must outlive its connections. When the loop ends first, CloseAll on its thread, or
-// on whichever is left when that was joined, ends them; CNxReactorGroup does that by itself.
+// HANDSHAKING: OnOpen has not come yet, without TLS too; what is sent meanwhile waits for it.
+//
+// A reactor that is closed or destroyed ends its connections as LOOP_ENDED, with the calls of
+// OnClosed, on the thread that closes it; a reactor's thread (CNxThreadReactor) does that as its
+// last step. After it all operations are harmless on any thread, with the reactor or without.
+//
+// Descriptors that come through a unix socket are closed unseen. Urgent data of TCP is passed over,
+// and what comes behind it may wait until more comes.
 class CNxConnection : public CNxReferenceControlT<CNxMutexThread> {
 public:
     enum class EState { HANDSHAKING, OPEN, ENDING, LINGERING, CLOSED };
@@ -54,8 +60,9 @@ public:
     // off by Abandon; the second form owns it and destroys it after OnClosed. Calls nothing before
     // it returns: OnOpen comes from the loop.
     // NX_OK with the connection in `out`. NX_ERROR_INVALID_ARG without a socket or options;
-    // NX_ERROR_FAILURE without memory, when the reactor cannot watch the socket, or when TLS cannot
-    // be begun; NX_ERROR_NOT_INITIALIZED when the reactor is not open.
+    // NX_ERROR_FAILURE without memory, when the reactor cannot watch the socket, when TLS cannot be
+    // begun, or for a reactor that does not derive from CNxReactorBase; NX_ERROR_NOT_INITIALIZED
+    // when the reactor is not open or being closed. An owned sink is destroyed without a call then.
     [[nodiscard]] static NxResult Create(CNxAutoPtr<CNxConnection>& out, INxReactor& reactor,
                                          CNxConnectedSocket socket, INxConnectionSink& sink,
                                          const Options& options);
@@ -69,7 +76,8 @@ public:
     // NX_OK: it is sent unless the connection ends before. NX_ERROR_NOT_INITIALIZED when the
     // connection is ENDING or further; NX_ERROR_NOT_AVAILABLE when more than maxUnsent would wait:
     // the connection is then dropped, from the loop. NX_ERROR_FAILURE without memory, with nothing
-    // sent. A chain is taken over in all cases.
+    // sent. A chain is taken over in all cases. Within calls of the sink, and from wherever on the
+    // reactor's thread, it only collects: no call of the sink comes before it returns.
     virtual NxResult Send(CNxMessageChain&& chain) = 0;
     virtual NxResult Send(std::string_view bytes) = 0;
 
@@ -89,20 +97,24 @@ public:
 
     // Nothing is read, so that the peer feels it in its own sends, until reading goes on. What is
     // there already is not offered meanwhile; ResumeReading has it offered again, from the loop.
+    // The idle time-out does not run meanwhile, and the peer's end is not told.
     virtual void PauseReading() = 0;
     virtual void ResumeReading() = 0;
 
     // From the next frame on, within OnReceive too.
     virtual void SetFraming(const CNxFraming& framing) = 0;
 
-    // No more is read; ends when all is sent and the peer has ended its side too.
+    // No more is read; ends when all is sent, what other threads have sent before it too, and the
+    // peer has ended its side as well. During a TLS handshake that is finished first.
     virtual void CloseWhenSent() = 0;
 
     // Ends without sending what waits; OnClosed comes from the loop, or at once when this is called
-    // on the reactor's thread outside of a call of the sink, from which it comes when that returns.
+    // on the reactor's thread outside of the calls of any sink; within them it comes when all that
+    // is under way for the connection that is called has returned.
     virtual void CloseNow() = 0;
 
-    // Half close: ends our sending after what waits; goes on reading until the peer ends.
+    // Half close: ends our sending after what waits, and sends are refused as when ENDING; goes on
+    // reading until the peer ends, and is over then as BY_PEER.
     virtual void EndSending() = 0;
 
     // CloseNow without a call: the sink is not called any more from here on, and need not be there.
@@ -123,10 +135,10 @@ public:
     virtual std::uint64_t GetBytesReceived() const = 0;
     virtual std::uint64_t GetBytesSent() const = 0;
 
-    // Since it was made, by the monotonic clock.
+    // Since it was made, by the monotonic clock, to some milliseconds.
     virtual CNxTimeValue GetAge() const = 0;
 
-    // What TLS has agreed on; null without TLS and before OnOpen.
+    // What TLS has agreed on; null without TLS, before OnOpen and after OnClosed.
     virtual const CNxTlsInfo* GetTlsInfo() const = 0;
 
     // A pointer that the connection keeps for its user.
@@ -134,8 +146,8 @@ public:
     virtual void SetCookie(void* cookie) = 0;
 
     // Of all connections of a reactor, on its thread: how many there are; OnStop for each; CloseNow
-    // for each as LOOP_ENDED, the calls of OnClosed coming before it returns. GetCount on any
-    // thread.
+    // for each as LOOP_ENDED, the calls of OnClosed coming before it returns, within calls of a
+    // sink too. One that is not open yet hears OnStop after OnOpen. GetCount on any thread.
     static size_t GetCount(INxReactor& reactor);
     static void StopAll(INxReactor& reactor);
     static void CloseAll(INxReactor& reactor);

@@ -14,10 +14,11 @@
 struct CNxConnectionOptions {
     CNxFraming framing;
 
-    // Bytes that wait to be sent: at more than `highWater` OnHighWater is called, then at no more
-    // than `lowWater` OnLowWater. Beyond `maxUnsent`, 0 for no bound, the connection is dropped.
-    // With TLS what is encrypted counts as it is on the wire. Ranges of files count nothing: they
-    // take no memory.
+    // Bytes that wait to be sent, after the socket has taken what it could: at more than
+    // `highWater` OnHighWater is called, then at no more than `lowWater` (or `highWater`, if that
+    // is less) OnLowWater. Both only while OPEN. Beyond `maxUnsent`, 0 for no bound, the connection
+    // is dropped. With TLS what is encrypted counts as it is on the wire. Ranges of files count
+    // nothing: they take no memory.
     size_t highWater = 1UL << 20;
     size_t lowWater = 256UL << 10;
     size_t maxUnsent = 64UL << 20;
@@ -28,16 +29,18 @@ struct CNxConnectionOptions {
     // more.
     size_t maxUnread = 1UL << 20;
 
-    // Bytes that are read in one turn of the loop before others have theirs.
+    // Bytes that are read, and of files sent, in one turn of the loop before others have theirs.
     size_t bytesPerTurn = 256UL << 10;
 
-    // Zero for none. Nothing came and nothing went; see ENxClosed.
+    // Zero for none. Nothing came and nothing went; see ENxClosed. Measured by the monotonic clock
+    // to some milliseconds; who is over its time is looked at once more for input that waits.
     CNxTimeValue idleTimeout;
     CNxTimeValue stallTimeout{30, 0};
     CNxTimeValue handshakeTimeout{10, 0};
 
     // After our side has ended: how long what still comes is thrown away until the peer ends its
-    // side too. Closing at once would make the system discard what is on its way to the peer.
+    // side too, zero for not at all. Closing at once would make the system discard what is on its
+    // way to the peer.
     CNxTimeValue lingerTimeout{2, 0};
 
     // TCP only (tcp(7), socket(7)): TCP_NODELAY, SO_KEEPALIVE.

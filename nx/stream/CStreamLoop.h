@@ -143,7 +143,8 @@ private:
     // After TellClosed and all calls under way: gives up its reference to itself.
     virtual void Release() = 0;
 
-    void TakeInbox_i() NX_REQUIRES(m_loop->m_mutex);
+    // With the loop's mutex held.
+    void TakeInbox_i();
 
     const CNxAutoPtr<CStreamLoop> m_loop;
     CStreamOutput m_inbox NX_GUARDED_BY(m_loop->m_mutex);

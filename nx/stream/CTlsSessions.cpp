@@ -12,8 +12,9 @@ constexpr size_t c_maxNames = 1000;
 void CTlsSessions::KeepSessionsOf(SSL_CTX* context) {
     SSL_CTX_set_session_cache_mode(context,
                                    SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL_STORE);
-    SSL_CTX_set_app_data(context, this);
-    SSL_CTX_sess_set_new_cb(context, &OnNewSession);
+    if (SSL_CTX_set_app_data(context, this) == 1) {
+        SSL_CTX_sess_set_new_cb(context, &OnNewSession);
+    }
 }
 
 bool CTlsSessions::Offer(SSL* ssl, const std::string& name) {

@@ -18,7 +18,8 @@ public:
     CTlsSessions(const CTlsSessions&) = delete;
     CTlsSessions& operator=(const CTlsSessions&) = delete;
 
-    // Keeps what the connections of the context get. Must live as long as they.
+    // Keeps what the connections of the context get; nothing when there is no memory for that. Must
+    // live as long as they.
     void KeepSessionsOf(SSL_CTX* context);
 
     // Offers the server the session that it has given last, and keeps what it gives from now on.

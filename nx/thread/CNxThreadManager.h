@@ -68,9 +68,9 @@ public:
     virtual ~CNxThreadManager() = default;
 
     // Makes the calling thread the main thread: blocks SIGRTMIN and SIGIO for it and the threads it
-    // starts, initialises tracing (nx/process/trace_setting.h), which prints a few lines unless told
-    // otherwise before (nx/foundation/CNxOwnLines.h), and registers a CNxThreadTask of
-    // type NX_THREAD_MAIN that has the caller's identity. Its loop is the caller's to run:
+    // starts, initialises tracing (nx/process/trace_setting.h), which prints a few lines unless
+    // told otherwise before (nx/foundation/CNxOwnLines.h), and registers a CNxThreadTask of type
+    // NX_THREAD_MAIN that has the caller's identity. Its loop is the caller's to run:
     // GetThread(NX_THREAD_MAIN)->OnThreadRun().
     // NX_OK, NX_ERROR_ALREADY_INITIALIZED when any thread is registered already, NX_ERROR_FAILURE
     // without memory, or the result of CNxThread::Create. The arguments are not used.

@@ -1,8 +1,6 @@
 // Two sides of TLS whose bytes are cut, spoilt, lost and joined by others' on their way: none
 // receives what the other has not sent, and both come to an end.
-#include <nx/stream/CTlsFilter.h>
 #include <tests/stream/TlsPair.h>
-#include <tests/support/TestCertificates.h>
 
 #include <algorithm>
 #include <array>
@@ -16,34 +14,15 @@ namespace {
 using EState = CStreamFilter::EState;
 using Setup = std::shared_ptr<CTlsSetup>;
 
-Setup MakeSetup(bool isServer, int version) {
-    static const CTestCertificates s_certificates;
-    CNxTlsOptions options;
-    options.caFile = s_certificates.Certificate("ca");
-    options.certificateFile = isServer ? s_certificates.Certificate("server") : "";
-    options.keyFile = isServer ? s_certificates.Key("server") : "";
-    options.protocols = {"one", "two"};
-    auto setup = std::make_shared<CTlsSetup>();
-    std::string error;
-    Require(setup->Init(isServer, options, error) == NX_OK);
-    SSL_CTX_set_max_proto_version(setup->GetContext(), version);
-    return setup;
-}
-
-std::unique_ptr<CStreamFilter> MakeFilter(const Setup& setup) {
-    auto filter = std::make_unique<CTlsFilter>(setup, setup->IsServer() ? "" : "example.test");
-    Require(filter->Init());
-    return filter;
-}
-
 TlsPair MakePair(bool isOld) {
     const int version = isOld ? TLS1_2_VERSION : TLS1_3_VERSION;
     static std::array<std::pair<Setup, Setup>, 2> s_setups;
     std::pair<Setup, Setup>& setups = s_setups[isOld ? 1 : 0];
     if (setups.first == nullptr) {
-        setups = {MakeSetup(false, version), MakeSetup(true, version)};
+        setups = {MakeTlsSetup(false, version, MakeTlsOptions("")),
+                  MakeTlsSetup(true, version, MakeTlsOptions("server"))};
     }
-    return {MakeFilter(setups.first), MakeFilter(setups.second)};
+    return {setups.first, setups.second};
 }
 
 // No two places in it look alike.

@@ -44,8 +44,8 @@ TEST(ProcessPath, FoldersAreThoseOfACallElseOfTheEnvironment) {
          "nxbase: cannot use NXBASE_LOG_DIR: File name too long\n"},
     };
     for (const auto& [command, config, logs, complaint] : cases) {
-        const std::string output =
-            OutputOf("cd '" + own + "'; " + command + " 2>&1 | grep -v 'name:\\|home1=' | LC_ALL=C sort");
+        const std::string output = OutputOf("cd '" + own + "'; " + command +
+                                            " 2>&1 | grep -v 'name:\\|home1=' | LC_ALL=C sort");
         const std::string prefix = "trace_setting_init, g_";
         EXPECT_EQ(output, complaint + "process srv\n" + prefix + "currentProcessName1=srv\n" +
                               prefix + "strConfigfile1=" + config + "\n" + prefix +

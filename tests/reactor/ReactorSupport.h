@@ -7,6 +7,7 @@
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/reactor/CNxReactorSelect.h>
 #include <nx/reactor/realtime/CNxReactorRealTimeSignal.h>
+#include <nx/timer/CNxTimedCall.h>
 #include <sys/socket.h>
 #include <unistd.h>
 

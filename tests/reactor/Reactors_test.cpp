@@ -117,24 +117,21 @@ TYPED_TEST(Reactors, ReadinessOfARemovedHandlerIsNotGivenToTheNextOfItsNumber) {
 TYPED_TEST(Reactors, WhatItsLoopLeavesIsClearedUpOnAnyThread) {
     auto& reactor = this->m_reactor;
     End end;
-    Timer timer([] {});
+    CNxTimedCall call;
     this->Watch(end, NX_MASK_READ);
-    ASSERT_EQ(reactor.ScheduleTimer(&timer, nullptr, CNxTimeValue(60, 0), 1), NX_OK);
-    const auto clearUp = [&](NxResult cancelled) {
-        std::thread other([&] {
-            EXPECT_EQ(reactor.CancelTimer(&timer), cancelled);
-            EXPECT_EQ(reactor.RemoveHandler(&end, NX_MASK_ALL_EVENTS), NX_OK);
-        });
-        other.join();
+    EXPECT_EQ(call.RunAfter(reactor, CNxTimeValue(60, 0), [] {}), NX_OK);
+    const auto removeElsewhere = [&] {
+        std::thread([&] { reactor.RemoveHandler(&end, NX_MASK_ALL_EVENTS); }).join();
     };
 #ifdef NXBASE_CHECK_THREADS
-    NxPostCall(reactor, [&] { EXPECT_DEATH(clearUp(NX_OK), "belongs to thread"); });
+    NxPostCall(reactor, [&] { EXPECT_DEATH(removeElsewhere(), "belongs to thread"); });
 #endif
     this->StopSoon();
     this->Run();
-    clearUp(NX_OK);
+    removeElsewhere();
+    std::thread([&] { call.Cancel(); }).join();
     reactor.Close();
-    clearUp(NX_ERROR_NOT_INITIALIZED);
+    removeElsewhere();
 }
 
 // Posts, sends, notifications and the stop against the end and the closing of the loop, on the same

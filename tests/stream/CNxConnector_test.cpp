@@ -5,13 +5,13 @@
 #include <nx/thread/CNxThreadManager.h>
 #include <nx/thread/CNxThreadReactor.h>
 #include <tests/resolve/DnsServer.h>
+#include <tests/support/Endpoints.h>
 #include <tests/support/FailingNew.h>
 #include <tests/support/TempFolder.h>
 #include <tests/support/TestCertificates.h>
 
 #include <deque>
 
-#include "Endpoints.h"
 #include "RunUntil.h"
 #include "StreamSupport.h"
 

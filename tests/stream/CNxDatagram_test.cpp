@@ -1,4 +1,5 @@
 #include <nx/stream/CNxDatagram.h>
+#include <tests/support/Endpoints.h>
 #include <tests/support/FailingNew.h>
 #include <tests/support/Must.h>
 #include <tests/support/TempFolder.h>
@@ -6,7 +7,6 @@
 #include <map>
 #include <thread>
 
-#include "Endpoints.h"
 #include "RunUntil.h"
 
 namespace {
@@ -69,7 +69,7 @@ TYPED_TEST_SUITE(Datagrams, AllReactors, ReactorNames);
 // sends them back; no more at a time than a receive buffer holds.
 TYPED_TEST(Datagrams, AllSizesArriveInOrderAndComeBack) {
     std::vector<std::string> sent;
-    for (const size_t size : {0, 1, 65507, 1400, 0, 30000, 30000, 700}) {
+    for (const size_t size : {0U, 1U, 65507U, 1400U, 0U, 30000U, 30000U, 700U}) {
         sent.insert(sent.end(), size < 2000 ? 70 : 2, std::string(size, 'x'));
         sent.push_back(std::string(size / 2, 'y'));
     }

@@ -1,13 +1,9 @@
 // TLS between two filters in memory: what is agreed on, what is refused, and how it ends.
 #include <gtest/gtest.h>
-#include <nx/stream/CTlsFilter.h>
 
-#include <functional>
-#include <iterator>
 #include <thread>
 
 #include "../support/FailingNew.h"
-#include "../support/TestCertificates.h"
 #include "TlsPair.h"
 
 namespace {
@@ -15,33 +11,14 @@ namespace {
 using EState = CStreamFilter::EState;
 using Context = CNxAutoPtr<CNxTlsContext>;
 
-const CTestCertificates& Certificates() {
-    static const CTestCertificates s_certificates;
-    return s_certificates;
-}
-
-CNxTlsOptions WithCertificate(const std::string& name) {
-    CNxTlsOptions options;
-    options.certificateFile = Certificates().Certificate(name);
-    options.keyFile = Certificates().Key(name);
-    options.caFile = Certificates().Certificate("ca");
-    return options;
-}
-
-CNxTlsOptions Trusting(const std::string& name) {
-    CNxTlsOptions options;
-    options.caFile = Certificates().Certificate(name);
-    return options;
-}
-
-Context MakeServer(const CNxTlsOptions& options = WithCertificate("server")) {
+Context MakeServer(const CNxTlsOptions& options = MakeTlsOptions("server")) {
     Context context;
     std::string error;
     EXPECT_EQ(CNxTlsContext::CreateServer(context, options, error), NX_OK) << error;
     return context;
 }
 
-Context MakeClient(const CNxTlsOptions& options = Trusting("ca")) {
+Context MakeClient(const CNxTlsOptions& options = MakeTlsOptions("")) {
     Context context;
     std::string error;
     EXPECT_EQ(CNxTlsContext::CreateClient(context, options, error), NX_OK) << error;
@@ -51,22 +28,15 @@ Context MakeClient(const CNxTlsOptions& options = Trusting("ca")) {
 // Both sides speak at most that version.
 class Versions : public testing::TestWithParam<int> {
 protected:
-    static std::shared_ptr<CTlsSetup> Setup(bool isServer, const CNxTlsOptions& options) {
-        auto setup = std::make_shared<CTlsSetup>();
-        std::string error;
-        EXPECT_EQ(setup->Init(isServer, options, error), NX_OK) << error;
-        SSL_CTX_set_max_proto_version(setup->GetContext(), GetParam());
-        return setup;
+    static std::shared_ptr<CTlsSetup> MakeServerSetup(bool isResuming = true) {
+        CNxTlsOptions options = MakeTlsOptions("server");
+        options.resume = isResuming;
+        return MakeTlsSetup(true, GetParam(), options);
     }
-    static std::unique_ptr<CStreamFilter> Filter(const std::shared_ptr<CTlsSetup>& setup) {
-        auto filter = std::make_unique<CTlsFilter>(setup, setup->IsServer() ? "" : "example.test");
-        EXPECT_TRUE(filter->Init()) << filter->GetError();
-        return filter;
-    }
-    TlsPair MakePair() { return {Filter(m_client), Filter(m_server)}; }
+    TlsPair MakePair() { return {m_client, m_server}; }
 
-    std::shared_ptr<CTlsSetup> m_client = Setup(false, Trusting("ca"));
-    std::shared_ptr<CTlsSetup> m_server = Setup(true, WithCertificate("server"));
+    std::shared_ptr<CTlsSetup> m_client = MakeTlsSetup(false, GetParam(), MakeTlsOptions(""));
+    std::shared_ptr<CTlsSetup> m_server = MakeServerSetup();
 };
 
 INSTANTIATE_TEST_SUITE_P(Tls, Versions, testing::Values(TLS1_2_VERSION, TLS1_3_VERSION));
@@ -74,74 +44,54 @@ INSTANTIATE_TEST_SUITE_P(Tls, Versions, testing::Values(TLS1_2_VERSION, TLS1_3_V
 }  // namespace
 
 TEST(CNxTlsContext, SidesAgreeOrSayWhyNot) {
-    struct Case {
+    using Names = std::vector<std::string>;
+    const struct {
         const char* name;
-        std::function<void(CNxTlsOptions&, CNxTlsOptions&)> change;  // client, server
         const char* clientError;
         const char* serverError;
-        const char* protocol;
-        const char* subjectOfClient;
+        const char* trusted;  // "": does not verify
+        const char* client;   // "none": is asked for a certificate and has none
+        Names offered;
+        Names accepted;
+        const char* agreed;
+    } cases[] = {
+        {"example.test", "", "", "ca", "", {}, {}, ""},
+        {"example.test.", "", "", "ca", "", {}, {}, ""},
+        {"127.0.0.1", "", "", "ca", "", {}, {}, ""},
+        {"::1%lo", "failed: IP address mismatch", "bad certificate", "ca", "", {}, {}, ""},
+        {"other", "failed: hostname mismatch", "bad certificate", "ca", "", {}, {}, ""},
+        {"example.test", "certificate verify failed: ", "unknown ca", "other", "", {}, {}, ""},
+        {"other", "", "", "", "", {}, {}, ""},
+        {"", "", "", "", "", {}, {}, ""},
+        {"example.test", "required", "not return a certificate", "ca", "none", {}, {}, ""},
+        {"example.test", "", "", "ca", "client", {}, {}, ""},
+        {"example.test", "", "", "ca", "", {"h1", "h2"}, {"h2", "h1"}, "h2"},
+        {"example.test", "no application", "no application", "ca", "", {"h3"}, {"h2", "h1"}, ""},
+        {"example.test", "", "", "ca", "", {"h1"}, {}, ""},
+        {"example.test", "", "", "ca", "", {}, {"h1"}, ""},
     };
-    const auto nothing = [](CNxTlsOptions&, CNxTlsOptions&) {};
-    const auto askClient = [](CNxTlsOptions&, CNxTlsOptions& s) {
-        s.requirePeerCertificate = true;
-    };
-    const char* const verifyFailed = "certificate verify failed: ";
-    const std::string a1("http/1.1");
-    const Case cases[] = {
-        {"example.test", nothing, "", "", "", ""},
-        {"example.test.", nothing, "", "", "", ""},
-        {"127.0.0.1", nothing, "", "", "", ""},
-        {"::1", nothing, "IP address mismatch", "bad certificate", "", ""},
-        {"other.test", nothing, "certificate verify failed: hostname mismatch", "bad certificate",
-         "", ""},
-        {"example.test", [](auto& c, auto&) { c = Trusting("other"); }, verifyFailed, "unknown ca",
-         "", ""},
-        {"other.test", [](auto& c, auto&) { c.verifyPeer = false; }, "", "", "", ""},
-        {"", [](auto& c, auto&) { c.verifyPeer = false; }, "", "", "", ""},
-        {"example.test", [](auto&, auto& s) { s.allowTls12 = false; }, "", "", "", ""},
-        {"example.test", askClient, "certificate required", "did not return a certificate", "", ""},
-        {"example.test",
-         [&](auto& c, auto& s) {
-             c = WithCertificate("client");
-             askClient(c, s);
-         },
-         "", "", "", "CN=client"},
-        {"example.test",
-         [&](auto& c, auto& s) {
-             c.protocols = {a1, "h2"};
-             s.protocols = {"h2", a1};
-         },
-         "", "", "h2", ""},
-        {"example.test",
-         [&](auto& c, auto& s) {
-             c.protocols = {"h3"};
-             s.protocols = {"h2", a1};
-         },
-         "no application protocol", "no application protocol", "", ""},
-        {"example.test", [&](auto& c, auto&) { c.protocols = {a1}; }, "", "", "", ""},
-        {"example.test", [&](auto&, auto& s) { s.protocols = {a1}; }, "", "", "", ""},
-    };
-    for (const Case& one : cases) {
-        SCOPED_TRACE(std::string(one.name) + " #" + std::to_string(&one - cases));
-        CNxTlsOptions client = Trusting("ca");
-        CNxTlsOptions server = WithCertificate("server");
-        one.change(client, server);
+    for (const auto& one : cases) {
+        SCOPED_TRACE("case " + std::to_string(&one - cases));
+        const std::string ours = one.client;
+        CNxTlsOptions client = MakeTlsOptions(ours == "none" ? "" : ours);
+        client.verifyPeer = *one.trusted != '\0';
+        client.caFile = client.verifyPeer ? Certificates().Certificate(one.trusted) : "";
+        client.protocols = one.offered;
+        CNxTlsOptions server = MakeTlsOptions("server");
+        server.requirePeerCertificate = !ours.empty();
+        server.protocols = one.accepted;
         TlsPair pair(*MakeClient(client), *MakeServer(server), one.name);
-        pair.Open();
-        EXPECT_NE(pair.client.filter->GetError().find(one.clientError), std::string::npos)
-            << pair.client.filter->GetError();
-        EXPECT_NE(pair.server.filter->GetError().find(one.serverError), std::string::npos)
-            << pair.server.filter->GetError();
-        ASSERT_EQ(pair.IsOpen(), *one.clientError == '\0');
+        ASSERT_EQ(pair.Open().IsOpen(), *one.clientError == '\0');
+        const std::string clientError = pair.client.filter->GetError();
+        EXPECT_NE(clientError.find(one.clientError), std::string::npos) << clientError;
+        const std::string serverError = pair.server.filter->GetError();
+        EXPECT_NE(serverError.find(one.serverError), std::string::npos) << serverError;
         if (pair.IsOpen()) {
             const CNxTlsInfo& info = *pair.server.filter->GetInfo();
-            EXPECT_EQ(info.version, "TLSv1.3");
-            EXPECT_EQ(info.protocol, one.protocol);
-            EXPECT_EQ(info.peerSubject, one.subjectOfClient);
-            const std::string sent = *one.name == '1' ? "" : std::string(one.name).substr(0, 12);
-            EXPECT_EQ(info.serverName, sent == "other.test" ? "other.test" : sent);
-            EXPECT_EQ(pair.client.filter->GetInfo()->peerSubject, "CN=server");
+            EXPECT_EQ(info.version + info.protocol, std::string("TLSv1.3") + one.agreed);
+            EXPECT_EQ(info.peerSubject, ours.empty() ? "" : "CN=client");
+            const bool isName = std::string(one.name).rfind("127", 0) != 0;
+            EXPECT_EQ(info.serverName, isName ? std::string(one.name).substr(0, 12) : "");
         }
     }
 }
@@ -173,7 +123,7 @@ TEST(CNxTlsContext, FilesThatDoNotFitAreNamedAndNothingIsReplaced) {
         {&CNxTlsOptions::caFolder, certificates.Key("ca"), NX_ERROR_FAILURE, "not a folder"},
     };
     for (const auto& one : cases) {
-        CNxTlsOptions options = WithCertificate("server");
+        CNxTlsOptions options = MakeTlsOptions("server");
         options.*one.file = one.path;
         Context context;
         std::string error;
@@ -183,7 +133,7 @@ TEST(CNxTlsContext, FilesThatDoNotFitAreNamedAndNothingIsReplaced) {
     }
     std::string error;
     Context client;
-    CNxTlsOptions options = Trusting("ca");
+    CNxTlsOptions options = MakeTlsOptions("");
     options.protocols = {std::string(256, 'p')};
     EXPECT_EQ(CNxTlsContext::CreateClient(client, options, error), NX_ERROR_INVALID_ARG);
     EXPECT_EQ(MakeClient()->MakeFilter("", error), nullptr);
@@ -192,16 +142,14 @@ TEST(CNxTlsContext, FilesThatDoNotFitAreNamedAndNothingIsReplaced) {
 
 TEST(CNxTlsContext, ReloadCountsForNewConnectionsAndAFailedOneForNone) {
     const CTestCertificates own;
-    CNxTlsOptions options = WithCertificate("server");
+    CNxTlsOptions options = MakeTlsOptions("server");
     options.certificateFile = own.Certificate("server");
     options.keyFile = own.Key("server");
     const Context server = MakeServer(options);
-    const Context client = MakeClient(Trusting("ca"));
-    const Context ownClient = [&] {
-        CNxTlsOptions trust;
-        trust.caFile = own.Certificate("ca");
-        return MakeClient(trust);
-    }();
+    const Context client = MakeClient(MakeTlsOptions(""));
+    options.certificateFile = options.keyFile = "";
+    options.caFile = own.Certificate("ca");
+    const Context ownClient = MakeClient(options);
     TlsPair before(*ownClient, *server);
     EXPECT_TRUE(before.Open().IsOpen());
 
@@ -252,7 +200,7 @@ TEST_P(Versions, BytesArriveInOrderHoweverTheyAreCut) {
         for (size_t size = 1; at < text.size(); at += size, size = size * 7 % 30011) {
             chain.Append(CNxMessageChain(std::string_view(text).substr(at, size)));
         }
-        EXPECT_EQ(pair.server.filter->Seal(std::move(chain), pair.server.toSocket), EState::OPEN);
+        EXPECT_EQ(pair.server.filter->Seal(chain, pair.server.toSocket), EState::OPEN);
         // No more than 24 records.
         EXPECT_LT(pair.server.toSocket.GetSize(), text.size() + 24 * 40);
         pair.client.Send("and back");
@@ -315,11 +263,9 @@ TEST_P(Versions, SessionsAreResumedByTheSameContextsAndUpTo1000Names) {
     EXPECT_FALSE(isResumed());
     EXPECT_TRUE(isResumed());
     EXPECT_TRUE(isResumed());
-    m_server = Setup(true, WithCertificate("server"));
+    m_server = MakeServerSetup();
     EXPECT_FALSE(isResumed()) << "its tickets are another server's";
     EXPECT_TRUE(isResumed());
-    const std::string first = "example.test";
-    // Each name takes a place.
     const CSslPtr session(SSL_new(m_client->GetContext()));
     for (int i = 0; i < 1000; ++i) {
         const std::string name = std::to_string(i);
@@ -328,9 +274,7 @@ TEST_P(Versions, SessionsAreResumedByTheSameContextsAndUpTo1000Names) {
         SSL_CTX_sess_get_new_cb(m_client->GetContext())(session.get(), given.get());
     }
     EXPECT_FALSE(isResumed()) << "1,000 names came after it";
-    CNxTlsOptions without = WithCertificate("server");
-    without.resume = false;
-    m_server = Setup(true, without);
+    m_server = MakeServerSetup(false);
     EXPECT_FALSE(isResumed());
     EXPECT_FALSE(isResumed());
 }

@@ -2,12 +2,40 @@
 #pragma once
 
 #include <nx/stream/CNxTlsContext.h>
-#include <nx/stream/CStreamFilter.h>
+#include <nx/stream/CTlsFilter.h>
 
-#include <algorithm>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <utility>
+
+#include "../support/TestCertificates.h"
+
+inline const CTestCertificates& Certificates() {
+    static const CTestCertificates s_certificates;
+    return s_certificates;
+}
+
+// Of a side that has the certificate of that name, "" for none, and trusts that authority.
+inline CNxTlsOptions MakeTlsOptions(const std::string& name, const std::string& trusted = "ca") {
+    CNxTlsOptions options;
+    options.certificateFile = name.empty() ? "" : Certificates().Certificate(name);
+    options.keyFile = name.empty() ? "" : Certificates().Key(name);
+    options.caFile = Certificates().Certificate(trusted);
+    return options;
+}
+
+// Speaks at most that version, as no option says.
+inline std::shared_ptr<CTlsSetup> MakeTlsSetup(bool isServer, int version,
+                                               const CNxTlsOptions& options) {
+    auto setup = std::make_shared<CTlsSetup>();
+    std::string error;
+    if (setup->Init(isServer, options, error) != NX_OK) {
+        std::abort();
+    }
+    SSL_CTX_set_max_proto_version(setup->GetContext(), version);
+    return setup;
+}
 
 struct TlsSide {
     using EState = CStreamFilter::EState;
@@ -15,9 +43,13 @@ struct TlsSide {
     std::unique_ptr<CStreamFilter> filter;
     CNxMessageChain received;
     CNxMessageChain toSocket;
+    CNxMessageChain held;
     EState state = EState::HANDSHAKING;
 
-    void Send(const std::string& text) { state = filter->Seal(CNxMessageChain(text), toSocket); }
+    void Send(const std::string& text) {
+        held.Append(text);
+        state = filter->Seal(held, toSocket);
+    }
     void End() { filter->End(toSocket); }
     std::string TakeReceived() { return std::exchange(received, {}).ToString(); }
 };
@@ -26,10 +58,10 @@ class TlsPair {
 public:
     using EState = CStreamFilter::EState;
 
-    TlsPair(std::unique_ptr<CStreamFilter> clientFilter,
-            std::unique_ptr<CStreamFilter> serverFilter) {
-        client.filter = std::move(clientFilter);
-        server.filter = std::move(serverFilter);
+    TlsPair(const std::shared_ptr<CTlsSetup>& clientSetup,
+            const std::shared_ptr<CTlsSetup>& serverSetup) {
+        client.filter = MakeFilter(clientSetup, "example.test");
+        server.filter = MakeFilter(serverSetup, "");
     }
     TlsPair(CNxTlsContext& clientContext, CNxTlsContext& serverContext,
             const std::string& name = "example.test") {
@@ -60,6 +92,12 @@ public:
     TlsSide server;
 
 private:
+    static std::unique_ptr<CStreamFilter> MakeFilter(const std::shared_ptr<CTlsSetup>& setup,
+                                                     const std::string& name) {
+        auto filter = std::make_unique<CTlsFilter>(setup, name);
+        return filter->Init() ? std::move(filter) : nullptr;
+    }
+
     static void Carry(TlsSide& from, TlsSide& to, size_t pieceSize) {
         while (!from.toSocket.IsEmpty()) {
             to.state = to.filter->Open(from.toSocket.Split(pieceSize), to.received, to.toSocket);

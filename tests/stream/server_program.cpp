@@ -55,7 +55,6 @@ int main(int argc, char** argv) {
     const std::string mode = argc > 1 ? argv[1] : "";
     if (mode == "no streams") {
         close(STDIN_FILENO);
-        close(STDERR_FILENO);
     }
     CNxServerOptions options;
     options.loops.loops = 2;
@@ -69,6 +68,8 @@ int main(int argc, char** argv) {
         server.Listen(server.GetGroup().GetEndpoint(0).GetText(), make);
     } else if (mode == "no endpoint") {
         server.Listen("localhost", make);
+    } else if (mode == "no certificate") {
+        static_cast<void>(server.MakeTls({}));
     } else if (mode == "loop ends") {
         CNxThread* thread = nullptr;
         static_cast<void>(CNxThreadManager::Instance()->CreateReactorThread(

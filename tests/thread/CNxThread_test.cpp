@@ -2,6 +2,7 @@
 #include <nx/foundation/INxObserver.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/thread/CNxThreadTask.h>
+#include <nx/timer/CNxTimedCall.h>
 
 #include <vector>
 
@@ -218,22 +219,16 @@ TEST(Thread, StopThatComesBeforeTheReactorIsOpenIsNotLost) {
 }
 
 TEST(Thread, TimersOfAJoinedOneAreCancelledOnAnyOther) {
-    struct Handler : INxTimerHandler {
-        void OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) override {}
-    };
-    Handler handler;
     CNxThread* const worker = StartWorker();
-    INxTimerQueue& timers = *worker->GetTimerQueue();
-    const auto schedule = [&] {
-        return timers.ScheduleTimer(&handler, nullptr, CNxTimeValue(60, 0), 1);
-    };
-    EXPECT_EQ(NxSendCall(*worker->GetEventQueue(), schedule), NX_OK);
+    CNxTimedCall call;
+    const auto run = [&] { return call.RunAfter(*worker->GetTimerQueue(), {60, 0}, [] {}); };
+    EXPECT_EQ(NxSendCall(*worker->GetEventQueue(), run), NX_OK);
 #ifdef NXBASE_CHECK_THREADS
-    EXPECT_DEATH(timers.CancelTimer(&handler), "belongs to thread");
+    EXPECT_DEATH(call.Cancel(), "belongs to thread");
 #endif
     worker->Stop(nullptr);
     EXPECT_EQ(worker->Join(), NX_OK);
-    EXPECT_EQ(timers.CancelTimer(&handler), NX_OK);
+    call.Cancel();
     worker->Destory(0);
 }
 
