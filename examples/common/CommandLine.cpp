@@ -95,6 +95,10 @@ std::string CommandLine::Parse(int argc, const char* const* argv) {
             help = true;
             return {};
         }
+        if (const FlagOption* const flag = Find(flags, argument)) {
+            *flag->value = true;
+            continue;
+        }
         const size_t equals = argument.find('=');
         const std::string name = argument.substr(0, equals);
         if (!IsKnown(name)) {

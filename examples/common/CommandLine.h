@@ -29,11 +29,18 @@ struct TextOption {
     std::string* value;
 };
 
+// One without a value, on the command line only.
+struct FlagOption {
+    const char* name;
+    bool* value;
+};
+
 // The options of a program. What is wrong is said in one line for people; "" when nothing is.
 struct CommandLine {
     const char* usage;  // the text of --help
     std::vector<NumberOption> numbers;
     std::vector<TextOption> texts;
+    std::vector<FlagOption> flags;
     // Looks at all values at the end of a reading.
     std::function<std::string()> check;
     // Whether --help, which ends the reading without a check, was there.

@@ -10,6 +10,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <exception>
 #include <optional>
 #include <string>
 
@@ -193,15 +194,8 @@ void OnStop(const Stats& stats) {
     alarm(c_stopSeconds);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    // Standard output is the program's own.
-    CNxOwnLines::Send(CNxOwnLines::TO_TRACE);
-    Options options;
-    if (const auto status = ReadOptions(options, argc, argv)) {
-        return *status;
-    }
+// From listening to the end that a signal brings.
+int Serve(const Options& options, int argc, char** argv) {
     CNxServer server(argc, argv, GetServerOptions(options));
     if (!options.sharedTrace.empty()) {
         examples::ShareTrace(options.sharedTrace);
@@ -219,4 +213,18 @@ int main(int argc, char** argv) {
     examples::Trace(examples::c_traceInfo, "stopped; clients accepted ", stats.accepted.load(),
                     ", refused ", stats.refused.load());
     return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // Standard output is the program's own.
+    CNxOwnLines::Send(CNxOwnLines::TO_TRACE);
+    try {
+        Options options;
+        const auto status = ReadOptions(options, argc, argv);
+        return status ? *status : Serve(options, argc, argv);
+    } catch (const std::exception& error) {
+        return examples::Fail(error.what());
+    }
 }

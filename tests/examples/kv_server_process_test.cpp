@@ -1,13 +1,10 @@
 // The whole kv_server over real sockets.
 #include <gtest/gtest.h>
-#include <nx/net/CNxEndpoint.h>
-#include <nx/net/CNxSocket.h>
 #include <sys/resource.h>
 #include <tests/examples/LocalKvServer.h>
 #include <tests/support/FaultFile.h>
 #include <tests/support/ServerProcess.h>
 #include <tests/support/TempFolder.h>
-#include <tests/support/TestCertificates.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -334,29 +331,6 @@ TEST(KvServerProgram, AfterAPauseInputComesBeforeIdleClientsAreDropped) {
         server.Signal(SIGCONT);
         ASSERT_EQ("+PONG\r\n", client.Receive(7));
     }
-}
-
-TEST(KvServerProgram, ServesTlsAndAUnixSocketBesideItsPort) {
-    const CTestCertificates certificates;
-    const CTempFolder folder;
-    const ServerProcess server(
-        KV_SERVER, {"--port=0", "--unix", folder.Path("socket"), "--tls-port=0", "--tls-cert",
-                    certificates.Certificate("server"), "--tls-key", certificates.Key("server")});
-    const TestClient client(server.GetPort());
-    client.Expect("SET a 1\r\n", "+OK\r\n");
-    CNxEndpoint endpoint;
-    ASSERT_EQ(NX_OK, endpoint.Set(("unix:" + folder.Path("socket")).c_str()));
-    CNxSocketBase local;
-    ASSERT_EQ(0, local.Open(AF_UNIX, SOCK_STREAM, 0, 0));
-    ASSERT_EQ(0, connect(local.GetHandle(), endpoint.GetAddress(), endpoint.GetSize()));
-    ASSERT_EQ(8, send(local.GetHandle(), "INCR a\r\n", 8, 0));
-    char reply[8];
-    EXPECT_EQ(4, recv(local.GetHandle(), reply, 4, MSG_WAITALL));
-    const std::string said =
-        OutputOf("printf 'GET a\r\nQUIT\r\n' | openssl s_client -quiet -CAfile " +
-                 certificates.Certificate("ca") + " -verify_return_error -connect " +
-                 server.ReadEndpoint(2) + " 2>/dev/null");
-    EXPECT_EQ("$1\r\n2\r\n+OK\r\n", said);
 }
 
 }  // namespace
