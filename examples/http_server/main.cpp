@@ -52,6 +52,7 @@ CNxListenOptions Configure(const Options& options, CNxServer& server) {
     CNxListenOptions listen;
     listen.connection.highWater = Session::c_highWater;
     listen.connection.lowWater = Session::c_highWater / 4;
+    listen.connection.bytesPerTurn = 2UL << 20;  // A file at a time, mostly.
     listen.connection.idleTimeout = CNxTimeValue(60, 0);
     if (!options.certificate.empty() || !options.key.empty()) {
         CNxTlsOptions tls;

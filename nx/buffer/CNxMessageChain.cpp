@@ -175,13 +175,15 @@ CNxMessageBlock* CNxMessageChain::Release() {
     return std::exchange(m_head, nullptr);
 }
 
+// Whoever is told that adopted memory is free may already use the chain again.
 void CNxMessageChain::Clear() noexcept {
-    if (m_head != nullptr) {
-        m_head->DestroyChained();
-    }
-    m_head = m_tail = nullptr;
+    CNxMessageBlock* const head = std::exchange(m_head, nullptr);
+    m_tail = nullptr;
     m_size = 0;
     m_isSpaceOurs = false;
+    if (head != nullptr) {
+        head->DestroyChained();
+    }
 }
 
 bool CNxMessageChain::IsInOrder() const {
@@ -342,12 +344,19 @@ void CNxMessageChain::Consume(size_t count) noexcept {
         Clear();
         return;
     }
-    if (count != 0) {
-        Skip(*m_head, count);
-        m_head = m_head->ReclaimGarbage();
-        m_size -= count;
+    m_size -= count;
+    // The blocks before it go at last: as in Clear.
+    CNxMessageBlock* const first = m_head;
+    CNxMessageBlock* last = nullptr;
+    while (count >= m_head->GetLength()) {
+        count -= m_head->GetLength();
+        last = std::exchange(m_head, m_head->GetNext());
     }
-    assert(IsInOrder());
+    Skip(*m_head, count);
+    if (last != nullptr) {
+        last->SetNext(nullptr);
+        first->DestroyChained();
+    }
 }
 
 CNxMessageChain CNxMessageChain::Split(size_t count) {

@@ -41,6 +41,8 @@ std::int64_t After(std::int64_t since, const CNxTimeValue& timeout) {
     return ms > 0 && ms < c_never - since ? since + ms : c_never;
 }
 
+constexpr const char* c_tooMuchUnsent = "more waits to be sent than may wait";
+
 bool WouldBlock(int error) {
     return error == EAGAIN || error == EWOULDBLOCK;
 }
@@ -230,7 +232,7 @@ void CConnectionImp::ServeAsked() {
             EndWhenSent();
             break;
         case EAsked::DROP:
-            End(ENxClosed::LIMIT, 0, "more waits to be sent than may wait");
+            End(ENxClosed::LIMIT, 0, c_tooMuchUnsent);
             break;
         case EAsked::END_NOW:
             End(ENxClosed::BY_US);
@@ -294,9 +296,9 @@ bool CConnectionImp::WantsInput() const {
     switch (GetState()) {
         case EState::HANDSHAKING:
         case EState::ENDING:
-            return IsHandshaking();
+            return IsHandshaking() || IsHeldBack();
         case EState::OPEN:
-            return !m_isPaused && GetRoom() != 0;
+            return IsHeldBack() || (!m_isPaused && GetRoom() != 0);
         case EState::LINGERING:
             return true;
         case EState::CLOSED:
@@ -386,6 +388,12 @@ void CConnectionImp::OnPeerEnded() {
 void CConnectionImp::OpenFilter(CNxMessageChain&& sealed) {
     CNxMessageChain toSocket;
     m_filtered->state = m_filtered->filter->Open(std::move(sealed), m_received, toSocket);
+    const size_t most = m_options->maxUnsent;
+    if (most != 0 && !toSocket.IsEmpty() && toSocket.GetSize() + m_output.GetSize() > most) {
+        // What the peer has the filter answer, and does not read.
+        End(ENxClosed::LIMIT, 0, c_tooMuchUnsent);
+        return;
+    }
     m_output.Append(std::move(toSocket));
     switch (m_filtered->state) {
         case CStreamFilter::EState::HANDSHAKING:
@@ -522,7 +530,7 @@ size_t CConnectionImp::GetUnsent() const {
 }
 
 void CConnectionImp::CountUnsent() {
-    const size_t plain = m_filtered ? m_filtered->plain.GetSize() : 0;
+    const size_t plain = m_filtered ? m_filtered->plain.GetSize() + m_filtered->held.GetSize() : 0;
     m_unsent.store(m_output.GetSize() + plain, std::memory_order_relaxed);
 }
 
@@ -682,17 +690,20 @@ void CConnectionImp::Seal() {
         return;
     }
     CStreamOutput& plain = m_filtered->plain;
-    while (!plain.IsEmpty() && m_output.GetSize() < c_pieceOfFile && !IsEnded()) {
-        CNxMessageChain piece;
-        if (!plain.Take(piece, c_pieceOfFile)) {
+    CNxMessageChain& held = m_filtered->held;
+    while (m_output.GetSize() < c_pieceOfFile && !IsEnded() && (IsHeldBack() || !plain.IsEmpty())) {
+        if (held.IsEmpty() && !plain.Take(held, c_pieceOfFile)) {
             SendFailed(errno);
             return;
         }
         CNxMessageChain toSocket;
-        const auto state = m_filtered->filter->Seal(std::move(piece), toSocket);
+        const auto state = m_filtered->filter->Seal(held, toSocket);
         m_output.Append(std::move(toSocket));
         if (state == CStreamFilter::EState::FAILED) {
             End(ENxClosed::TLS);
+        }
+        if (IsHeldBack()) {
+            return;
         }
     }
 }
@@ -757,7 +768,7 @@ void CConnectionImp::EndWithSending() {
 }
 
 bool CConnectionImp::IsAllSent() const {
-    return m_output.IsEmpty() && (!m_filtered || m_filtered->plain.IsEmpty());
+    return m_output.IsEmpty() && !IsHeldBack() && (!m_filtered || m_filtered->plain.IsEmpty());
 }
 
 void CConnectionImp::EndSending() {
@@ -849,7 +860,7 @@ void CConnectionImp::TellClosed() {
     try {
         reason.text = Describe();
     } catch (const std::bad_alloc&) {
-        // Then it is told without.
+        // The kind says enough.
     }
     CallOut("OnClosed", [&] {
         try {
@@ -909,7 +920,7 @@ void CConnectionImp::NoteSent(bool hasMoved) {
     if (hasMoved) {
         NoteActivity();
     }
-    const bool waits = !m_isWritable && !m_output.IsEmpty();
+    const bool waits = (!m_isWritable && !m_output.IsEmpty()) || IsHeldBack();
     if (waits && (hasMoved || !m_isWaiting)) {
         m_takenAt = NowMs();
     }

@@ -75,6 +75,7 @@ private:
         std::unique_ptr<CStreamFilter> filter;
         CStreamFilter::EState state = CStreamFilter::EState::HANDSHAKING;
         CStreamOutput plain;
+        CNxMessageChain held;  // before that: until the peer has said more
     };
 
     // When the time-outs are over, in milliseconds of the monotonic clock.
@@ -139,6 +140,7 @@ private:
     void SendWaiting(size_t& left);
     void SendFailed(int error);
     void Seal();
+    bool IsHeldBack() const { return m_filtered && !m_filtered->held.IsEmpty(); }
     bool TellWater();
     void CountUnsent();
     bool IsAllSent() const;

@@ -29,8 +29,9 @@ public:
     virtual EState Open(CNxMessageChain&& fromSocket, CNxMessageChain& received,
                         CNxMessageChain& toSocket) = 0;
 
-    // Takes all of `plain`. While OPEN, and also when the peer has ENDED its side.
-    virtual EState Seal(CNxMessageChain&& plain, CNxMessageChain& toSocket) = 0;
+    // Takes of `plain` what can be sealed; what is left has to wait until more has come from the
+    // socket. While OPEN, and also when the peer has ENDED its side.
+    virtual EState Seal(CNxMessageChain& plain, CNxMessageChain& toSocket) = 0;
 
     // Ends our side in the way of the filter (close_notify). Once.
     virtual void End(CNxMessageChain& toSocket) = 0;

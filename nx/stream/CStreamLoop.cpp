@@ -105,16 +105,18 @@ void CStreamLoop::PayTurn() {
     }
 }
 
+// Those that come again have the next one, which comes at once when there is no memory to post it.
 void CStreamLoop::RunTurn() {
-    m_isPosted.store(false);
-    TakeInboxes();
-    // Who comes again has the next one.
-    CTurn turn;
-    turn.TakeAll(m_turn);
     const bool wasInTurn = std::exchange(m_isInTurn, true);
-    while (CStreamMember* const member = turn.TakeFirst()) {
-        member->Proceed();
-    }
+    do {
+        m_isPosted.store(false);
+        TakeInboxes();
+        CTurn turn;
+        turn.TakeAll(m_turn);
+        while (CStreamMember* const member = turn.TakeFirst()) {
+            member->Proceed();
+        }
+    } while (std::exchange(m_isTurnOwed, false) && PostTurn() != NX_OK);
     m_isInTurn = wasInTurn;
 }
 
@@ -186,10 +188,18 @@ NxResult CStreamMember::Leave(CStreamOutput&& output, EAsked asked) {
 }
 
 void CStreamMember::CloseInbox(EAsked asked) {
-    CNxMutexGuardT<CNxMutexThread> guard(m_loop->m_mutex);
-    static_cast<CLinkT<CInInbox>*>(this)->Unlink();
-    TakeInbox_i();
-    m_asked = std::max(m_asked, asked);
+    // One that has ended drops it, and whose memory it was may be told: with no lock held.
+    CStreamOutput left;
+    EAsked leftAsked = EAsked::NOTHING;
+    {
+        CNxMutexGuardT<CNxMutexThread> guard(m_loop->m_mutex);
+        static_cast<CLinkT<CInInbox>*>(this)->Unlink();
+        left.Append(std::move(m_inbox));
+        m_leftSize.store(0, std::memory_order_relaxed);
+        leftAsked = m_asked;
+        m_asked = std::max(m_asked, asked);
+    }
+    OnLeft(std::move(left), leftAsked);
 }
 
 void CStreamMember::TakeInbox_i() {

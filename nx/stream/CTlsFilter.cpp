@@ -151,13 +151,14 @@ CTlsFilter::EState CTlsFilter::Open(CNxMessageChain&& fromSocket, CNxMessageChai
     return Finish();
 }
 
-CTlsFilter::EState CTlsFilter::Seal(CNxMessageChain&& plain, CNxMessageChain& toSocket) {
+CTlsFilter::EState CTlsFilter::Seal(CNxMessageChain& plain, CNxMessageChain& toSocket) {
     assert(m_state != EState::HANDSHAKING);
     const CScope scope(*this, toSocket);
-    while (m_state != EState::FAILED && !plain.IsEmpty()) {
-        SealRecord(plain);
+    while (m_state != EState::FAILED && !plain.IsEmpty() && SealRecord(plain)) {
     }
-    plain.Clear();
+    if (m_state == EState::FAILED) {
+        plain.Clear();
+    }
     return Finish();
 }
 
@@ -228,8 +229,9 @@ bool CTlsFilter::ReadRecord(CNxMessageChain& received) {
 }
 
 // Joining small blocks costs less than sending each as a record; a block of at least half a record
-// is not worth the copy.
-void CTlsFilter::SealRecord(CNxMessageChain& plain) {
+// is not worth the copy. False when it has failed, and while a message of the peer's handshake
+// layer has come in part (a ticket, an update of keys): OpenSSL wants the rest first.
+bool CTlsFilter::SealRecord(CNxMessageChain& plain) {
     char joined[c_maxRecord];
     std::string_view text = plain.GetFront().substr(0, c_maxRecord);
     if (text.size() < c_maxRecord / 2 && text.size() < plain.GetSize()) {
@@ -239,10 +241,11 @@ void CTlsFilter::SealRecord(CNxMessageChain& plain) {
     const int result = SSL_write_ex(m_ssl.get(), text.data(), text.size(), &written);
     if (result != 1) {
         NoteFailure(result);
-        return;
+        return false;
     }
     assert(written == text.size());
     plain.Consume(written);
+    return true;
 }
 
 // What an operation that has not succeeded means: the end, or nothing when it waits for the socket.

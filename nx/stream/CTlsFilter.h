@@ -23,7 +23,7 @@ public:
     EState Start(CNxMessageChain& toSocket) override;
     EState Open(CNxMessageChain&& fromSocket, CNxMessageChain& received,
                 CNxMessageChain& toSocket) override;
-    EState Seal(CNxMessageChain&& plain, CNxMessageChain& toSocket) override;
+    EState Seal(CNxMessageChain& plain, CNxMessageChain& toSocket) override;
     // Nothing during the handshake, which has no such end, and after FAILED.
     void End(CNxMessageChain& toSocket) override;
     bool MayEnd() const override { return m_state == EState::ENDED; }
@@ -39,7 +39,7 @@ private:
     void Handshake();
     void NoteOpen();
     bool ReadRecord(CNxMessageChain& received);
-    void SealRecord(CNxMessageChain& plain);
+    bool SealRecord(CNxMessageChain& plain);
     void NoteFailure(int result);
     void Fail(const char* why = nullptr);
 

@@ -166,6 +166,27 @@ TEST(MessageChain, WhoSharesSeesNeitherWhatIsAppendedNorPaysForIt) {
     EXPECT_STREQ(s_constant, "constant");
 }
 
+// Whose memory it was sends on from where he is told that it is free.
+TEST(MessageChain, MayBeUsedWhileItsMemoryIsReleased) {
+    struct Sender {
+        Chain chain;
+        int left = 2;
+        void Send() {
+            if (left-- > 0) {
+                chain.AppendAdopted("abcd", 4, &Sender::OnFree, this);
+            }
+            chain.Append("!");
+        }
+        static void OnFree(void* sender) { static_cast<Sender*>(sender)->Send(); }
+    };
+    Sender sender;
+    sender.Send();
+    sender.chain.Consume(4);
+    EXPECT_EQ(sender.chain.ToString(), "!abcd!");
+    sender.chain.Clear();
+    EXPECT_EQ(sender.chain.ToString(), "!");
+}
+
 TEST(MessageChain, SpaceThatWasNotNeededIsGivenBack) {
     Chain chain("a");
     static_cast<void>(chain.MakeSpace(1000));

@@ -65,7 +65,7 @@ TYPED_TEST(ConnectionTest, EchoesUntilThePeerEnds) {
         EXPECT_EQ(connection.Send(std::move(received)), NX_OK);
     };
     this->Connect(sink);
-    for (const size_t size : {1, 64, 5000, 100000}) {
+    for (const size_t size : {1UL, 64UL, 5000UL, 100000UL}) {
         const std::string bytes(size, static_cast<char>('a' + size % 26));
         this->SendToIt(bytes);
         EXPECT_EQ(this->ReceiveFromIt(size), bytes);
@@ -311,6 +311,7 @@ TEST_F(ConnectionEnds, ATurnIsOneCallAndLackOfBuffersIsWaitedFor) {
     });
     EXPECT_EQ(ReceiveFromIt(20), "one turn of the loop");
     EXPECT_EQ(calls.Count(FailingCalls::SEND), 2);
+    m_loop.Run([&] { CNxConnection::CloseAll(m_loop.GetReactor()); });
     m_loop.Stop();
 }
 
@@ -389,6 +390,66 @@ TEST_F(ConnectionEnds, NoMemoryEndsAConnectionAtMost) {
     }
     EXPECT_GT(refused, 0);
     EXPECT_GT(ended, 0);
+}
+
+// What comes in several turns, each of which has to be posted.
+TEST_F(ConnectionEnds, NoMemoryForATurnLosesNone) {
+    const std::string bytes(50000, 'x');
+    Options options;
+    options.bytesPerTurn = 1000;
+    for (long n = 0; n < 60; ++n) {
+        std::atomic<size_t> received{0};
+        Sink sink;
+        sink.m_onOpen = [](CNxConnection& connection) { connection.PauseReading(); };
+        sink.m_onReceive = [&](CNxConnection& /*connection*/, CNxMessageChain& chain) {
+            received += chain.GetSize();
+            chain.Clear();
+        };
+        Connect(sink, options);
+        SendToIt(bytes);
+        m_loop.WaitUntil([&] { return m_connection->GetState() == CNxConnection::EState::OPEN; });
+        m_loop.Run([&] {
+            m_connection->ResumeReading();
+            failing_new::Fail(n, 1);
+        });
+        while (received < bytes.size() &&
+               m_connection->GetState() != CNxConnection::EState::CLOSED) {
+            std::this_thread::yield();
+        }
+        failing_new::Stop();
+        m_loop.Run([&] { m_connection->CloseNow(); });
+    }
+}
+
+TEST_F(ConnectionEnds, OnClosedComesWithoutMemoryForItsText) {
+    Sink sink;
+    Connect(sink);
+    m_loop.Run([&] {
+        const FailingNew failing(0, FailingNew::ONWARDS);
+        CNxConnection::CloseAll(m_loop.GetReactor());
+    });
+    WaitUntilClosed(sink, ENxClosed::LOOP_ENDED);
+}
+
+// What another thread has left is dropped with no lock held: who is told may end other connections.
+TEST_F(ConnectionEnds, MemoryThatIsReleasedAtTheEndMayEndOthers) {
+    Sink one;
+    Sink other;
+    Connect(one);
+    const CNxAutoPtr<CNxConnection> first = m_connection;
+    const CNxSocketBase peerOfFirst = std::move(m_peer);
+    Connect(other);
+    m_loop.Run([&] {
+        std::thread([&, this] {
+            CNxMessageChain chain;
+            const auto end = [](void* ended) { static_cast<CNxConnection*>(ended)->CloseNow(); };
+            chain.AppendAdopted("x", 1, end, m_connection.Get());
+            EXPECT_EQ(first->Send(std::move(chain)), NX_OK);
+        }).join();
+        first->CloseNow();
+    });
+    WaitUntilClosed(other, ENxClosed::BY_US);
+    EXPECT_TRUE(one.m_isClosed);
 }
 
 }  // namespace

@@ -200,7 +200,7 @@ TEST_P(Versions, BytesArriveInOrderHoweverTheyAreCut) {
         for (size_t size = 1; at < text.size(); at += size, size = size * 7 % 30011) {
             chain.Append(CNxMessageChain(std::string_view(text).substr(at, size)));
         }
-        EXPECT_EQ(pair.server.filter->Seal(std::move(chain), pair.server.toSocket), EState::OPEN);
+        EXPECT_EQ(pair.server.filter->Seal(chain, pair.server.toSocket), EState::OPEN);
         // No more than 24 records.
         EXPECT_LT(pair.server.toSocket.GetSize(), text.size() + 24 * 40);
         pair.client.Send("and back");

@@ -43,9 +43,13 @@ struct TlsSide {
     std::unique_ptr<CStreamFilter> filter;
     CNxMessageChain received;
     CNxMessageChain toSocket;
+    CNxMessageChain held;
     EState state = EState::HANDSHAKING;
 
-    void Send(const std::string& text) { state = filter->Seal(CNxMessageChain(text), toSocket); }
+    void Send(const std::string& text) {
+        held.Append(text);
+        state = filter->Seal(held, toSocket);
+    }
     void End() { filter->End(toSocket); }
     std::string TakeReceived() { return std::exchange(received, {}).ToString(); }
 };

@@ -36,12 +36,13 @@ public:
         received.Append(plain);
         return m_state;
     }
-    EState Seal(CNxMessageChain&& plain, CNxMessageChain& toSocket) override {
+    EState Seal(CNxMessageChain& plain, CNxMessageChain& toSocket) override {
         std::string bytes = plain.ToString();
         for (char& byte : bytes) {
             byte = static_cast<char>(byte ^ c_key);
         }
         toSocket.Append(bytes);
+        plain.Clear();
         return m_state;
     }
     void End(CNxMessageChain& toSocket) override { toSocket.Append(std::string_view(&c_end, 1)); }

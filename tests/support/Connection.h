@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -16,19 +17,23 @@ class Connection {
 public:
     // No call waits longer for the peer than `limit`.
     Connection(unsigned short port, std::chrono::milliseconds limit, int receiveBuffer = 0)
-        : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        : Connection(AF_INET, limit) {
         if (receiveBuffer != 0) {
             setsockopt(m_socket, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof(receiveBuffer));
         }
-        const timeval time{limit.count() / 1000, limit.count() % 1000 * 1000};
-        setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &time, sizeof(time));
-        setsockopt(m_socket, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof(time));
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(port);
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        m_isConnected =
-            connect(m_socket, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+        Connect(address);
+    }
+    // To a unix socket.
+    Connection(const std::string& path, std::chrono::milliseconds limit)
+        : Connection(AF_UNIX, limit) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        Connect(address);
     }
     Connection(Connection&& other) noexcept
         : m_socket(std::exchange(other.m_socket, -1)), m_isConnected(other.m_isConnected) {}
@@ -60,6 +65,18 @@ public:
     }
 
 private:
+    Connection(int family, std::chrono::milliseconds limit)
+        : m_socket(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        const timeval time{limit.count() / 1000, limit.count() % 1000 * 1000};
+        setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &time, sizeof(time));
+        setsockopt(m_socket, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof(time));
+    }
+    template <class Address>
+    void Connect(const Address& address) {
+        const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+        m_isConnected = connect(m_socket, generic, sizeof(address)) == 0;
+    }
+
     int m_socket;
     bool m_isConnected = false;
 };

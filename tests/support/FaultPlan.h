@@ -13,7 +13,9 @@
 #define NX_FAULT_CALLS(CALL) \
     CALL(accept4, EAGAIN, ECONNABORTED, EINTR, EMFILE, ENFILE, ENOBUFS, ENOMEM, EPERM, EPROTO) \
     CALL(bind, EACCES, EADDRINUSE, ENOMEM) \
+    CALL(chmod, EIO, EROFS) \
     CALL(close, EINTR, EIO) \
+    CALL(connect, EAGAIN, ECONNREFUSED, EINTR, ENETUNREACH) \
     CALL(epoll_create1, EMFILE, ENFILE, ENOMEM) \
     CALL(epoll_ctl, ENOMEM, ENOSPC) \
     CALL(epoll_wait, EINTR) \
@@ -31,6 +33,7 @@
     CALL(getsockopt, ENOPROTOOPT) \
     CALL(ioctl, ENOTTY) \
     CALL(listen, EADDRINUSE) \
+    CALL(lstat, EACCES, ENOENT, ENOMEM) \
     CALL(mkdir, EACCES, EEXIST, EMLINK, ENOSPC, EROFS) \
     CALL(mmap, ENOMEM, EAGAIN, ENFILE) \
     CALL(nanosleep, EINTR) \
@@ -46,16 +49,19 @@
     CALL(recv, EAGAIN, ECONNRESET, EINTR, ENOBUFS, ENOMEM) \
     CALL(select, EINTR, ENOMEM) \
     CALL(send, EAGAIN, ECONNRESET, EINTR, ENOBUFS, ENOMEM, EPIPE) \
+    CALL(sendfile, EAGAIN, ECONNRESET, EINTR, EIO, ENOMEM, EPIPE) \
     CALL(sendmsg, EAGAIN, ECONNRESET, EINTR, ENOBUFS, ENOMEM, EPIPE) \
     CALL(sendto, EAGAIN, ECONNRESET, EINTR, ENOBUFS, ENOMEM, EPIPE) \
     CALL(setrlimit, EPERM) \
     CALL(setsockopt, ENOPROTOOPT, ENOMEM) \
     CALL(shutdown, ENOTCONN) \
+    CALL(signalfd, EMFILE, ENFILE, ENOMEM) \
     CALL(sigtimedwait, EAGAIN, EINTR) \
     CALL(sigwait, EINTR) \
     CALL(socket, EACCES, EMFILE, ENFILE, ENOBUFS, ENOMEM) \
     CALL(socketpair, EMFILE, ENFILE, EOPNOTSUPP) \
     CALL(stat, EACCES, ENOENT, ENOMEM) \
+    CALL(timerfd_create, EMFILE, ENFILE, ENOMEM) \
     CALL(write, EAGAIN, EINTR, EIO, ENOSPC, EPIPE) \
     CALL(writev, EAGAIN, EINTR, EIO, ENOSPC, EPIPE)
 // clang-format on

@@ -1,14 +1,20 @@
-// kv_server with every system call failing: fault_sweep KV_SERVER SHIM [--long]
+// A server with every system call failing: fault_sweep PROGRAM SHIM [--long] [MODE]
 //
-// REACTOR is epoll, select or rtsig; epoll without one.
+// kv_server without a MODE; echo_server with MODE tcp, unix or tls.
 //
 // In three parts: each call failing once while it starts and serves nobody yet; each failing once
 // under load; each failing for a time under load, then while it stops. After every fault it must
-// live and serve (or, at the start, end with a status that says why), and stop in time.
+// live and serve (or, at the start, end with a status that says why), and stop in time. echo_server
+// may then have no more descriptors than before, and while calls fail and nobody connects it
+// sleeps.
 #include <sys/wait.h>
 #include <tests/support/Connection.h>
 #include <tests/support/FaultFile.h>
 #include <tests/support/TempFolder.h>
+#include <tests/support/TestCertificates.h>
+#ifdef NX_SWEEP_TLS
+#include <openssl/ssl.h>
+#endif
 
 #include <algorithm>
 #include <cerrno>
@@ -54,17 +60,84 @@ bool WaitUntil(milliseconds limit, Condition condition) {
     return true;
 }
 
-// The server in a home of its own, in which it traces.
+// What is started, and where it says that it listens.
+struct Program {
+    std::vector<std::string> command;
+    std::string path;  // of a unix socket
+    bool hasTls = false;
+    bool isEcho = false;
+};
+
+// With TLS over the connection when the program has it.
+class Client {
+public:
+    Client(const Program& program, unsigned short port, milliseconds limit)
+        : m_connection(program.path.empty() ? Connection(port, limit)
+                                            : Connection(program.path, limit)) {
+#ifdef NX_SWEEP_TLS
+        if (program.hasTls) {
+            static SSL_CTX* const s_context = SSL_CTX_new(TLS_client_method());
+            m_ssl.reset(SSL_new(s_context));
+            SSL_set_fd(m_ssl.get(), m_connection.GetHandle());
+            // What fails here does so again.
+            static_cast<void>(SSL_connect(m_ssl.get()));
+        }
+#endif
+    }
+
+    void Send(std::string_view bytes) const {
+#ifdef NX_SWEEP_TLS
+        if (m_ssl) {
+            SSL_write(m_ssl.get(), bytes.data(), static_cast<int>(bytes.size()));
+            return;
+        }
+#endif
+        m_connection.TrySend(bytes);
+    }
+
+    // So many bytes, less when the server hangs up or is silent.
+    size_t Receive(size_t size) const {
+#ifdef NX_SWEEP_TLS
+        if (m_ssl) {
+            char bytes[16384];
+            size_t all = 0;
+            size_t got = 0;
+            while (all < size && SSL_read_ex(m_ssl.get(), bytes, sizeof(bytes), &got) == 1) {
+                all += got;
+            }
+            return all;
+        }
+#endif
+        return m_connection.Receive(size).size();
+    }
+
+private:
+    const Connection m_connection;
+#ifdef NX_SWEEP_TLS
+    struct CFree {
+        void operator()(SSL* ssl) const { SSL_free(ssl); }
+    };
+    std::unique_ptr<SSL, CFree> m_ssl;
+#endif
+};
+
+// The server in a home of its own, in which kv_server traces.
 class Server {
 public:
-    Server(const std::string& program, const CTempFolder& home) : m_output(home.Path("output")) {
+    Server(const Program& program, const CTempFolder& home)
+        : m_program(program), m_output(home.Path("output")) {
         std::filesystem::remove(m_output);
         m_pid = fork();
         if (m_pid == 0) {
             const int out = open(m_output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
             dup2(out, STDOUT_FILENO);
             dup2(out, STDERR_FILENO);
-            execl(program.c_str(), program.c_str(), "--port=0", nullptr);
+            std::vector<char*> arguments;
+            for (const std::string& argument : program.command) {
+                arguments.push_back(const_cast<char*>(argument.c_str()));
+            }
+            arguments.push_back(nullptr);
+            execv(arguments[0], arguments.data());
             _exit(127);
         }
         m_isStuck = !WaitUntil(c_recoverLimit, [&] { return HasEnded() || ReadPort(home); });
@@ -93,11 +166,31 @@ public:
 
     bool Serves() {
         const auto answers = [this] {
-            const Connection client(m_port, milliseconds(500));
-            client.TrySend("PING\r\n");
-            return HasEnded() || client.Receive(7).size() == 7;
+            const Client client(m_program, m_port, milliseconds(500));
+            client.Send(m_program.isEcho ? "PING\r\n." : "PING\r\n");
+            return HasEnded() || client.Receive(7) == 7;
         };
         return WaitUntil(c_recoverLimit, answers) && !HasEnded();
+    }
+
+    long CountDescriptors() const {
+        std::error_code error;
+        const std::filesystem::directory_iterator all(GetProc("fd"), error);
+        return std::distance(all, {});
+    }
+
+    // In clock ticks.
+    long GetCpuTime() const {
+        long user = 0;
+        long system = 0;
+        std::FILE* const file = std::fopen(GetProc("stat").c_str(), "r");
+        if (file != nullptr) {
+            constexpr const char* c_format =
+                "%*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %ld %ld";
+            static_cast<void>(std::fscanf(file, c_format, &user, &system));
+            std::fclose(file);
+        }
+        return user + system;
     }
 
     // Whether it ended well and in time.
@@ -107,8 +200,15 @@ public:
     }
 
 private:
+    std::string GetProc(const char* name) const {
+        return "/proc/" + std::to_string(m_pid) + "/" + name;
+    }
+
     bool ReadPort(const CTempFolder& home) {
         const std::string text = home.Get("output");
+        if (!m_program.path.empty()) {
+            return text.find("listening on unix:") != std::string::npos;
+        }
         const size_t at = text.find("listening on 127.0.0.1:");
         if (at != std::string::npos && text.find('\n', at) != std::string::npos) {
             m_port = static_cast<unsigned short>(std::atoi(text.c_str() + at + 23));
@@ -116,6 +216,7 @@ private:
         return m_port != 0;
     }
 
+    const Program& m_program;
     const std::string m_output;
     pid_t m_pid = 0;
     int m_status = 0;
@@ -125,11 +226,11 @@ private:
 
 class Sweep {
 public:
-    Sweep(const std::string& program, const char* shim, bool isLong)
-        : m_isLong(isLong), m_faults(m_home.Path("plan"), shim) {
+    Sweep(const std::string& program, const char* shim, const std::string& mode, bool isLong)
+        : m_isLong(isLong), m_program(MakeProgram(mode)), m_faults(m_home.Path("plan"), shim) {
         std::filesystem::create_directories(m_home.Path("bin"));
         std::filesystem::create_directories(m_home.Path("conf"));
-        std::filesystem::copy_file(program, m_program);
+        std::filesystem::copy_file(program, m_program.command[0]);
         m_home.Put("conf/kv_server.cfg",
                    "[Trace]\nEnable=TRUE\nkv_server.Info=TRUE\nkv_server.Warning=TRUE\n"
                    "kv_server.Error=TRUE\nkv_server=4096\n");
@@ -145,6 +246,25 @@ public:
     }
 
 private:
+    Program MakeProgram(const std::string& mode) const {
+        Program made;
+        made.isEcho = mode == "tcp" || mode == "unix" || mode == "tls";
+        if (!made.isEcho) {
+            made.command = {m_home.Path("bin/kv_server"), "--port=0"};
+            return made;
+        }
+        made.path = mode == "unix" ? m_home.Path("socket") : "";
+        made.hasTls = mode == "tls";
+        made.command = {m_home.Path("bin/echo_server"),
+                        made.path.empty() ? "127.0.0.1:0" : "unix:" + made.path};
+        if (made.hasTls) {
+            static const CTestCertificates s_certificates;
+            made.command.push_back(s_certificates.Certificate("server"));
+            made.command.push_back(s_certificates.Key("server"));
+        }
+        return made;
+    }
+
     // The step makes the runs for one call and error, each with the next number, until it says that
     // there is no more to do.
     template <class Step>
@@ -157,7 +277,8 @@ private:
                 m_fault = &fault;
                 m_error = error;
                 m_number = -1;
-                bool goesOn = true;
+                // Who relies on edges may be told that there is nothing only when there is nothing.
+                bool goesOn = !m_program.isEcho || error != EAGAIN || !IsOfInput(fault.call);
                 while (goesOn) {
                     ++m_runs;
                     ++m_number;
@@ -170,6 +291,10 @@ private:
         std::printf("%-7s %5ld runs, %8ld faults\n", part, m_runs - runsBefore,
                     m_injected - injectedBefore);
         std::fflush(stdout);
+    }
+
+    static bool IsOfInput(FaultPlan::ECall call) {
+        return call == FaultPlan::CALL_read || call == FaultPlan::CALL_recv;
     }
 
     void Check(bool isRight, const char* what) {
@@ -206,8 +331,10 @@ private:
             m_server = std::make_unique<Server>(m_program, m_home);
             // It says where it listens before its last thread is there.
             static_cast<void>(m_server->Serves());
-            const Connection writer(m_server->GetPort(), milliseconds(1000));
-            static_cast<void>(writer.TrySend(m_set) && writer.Receive(5).empty());
+            m_descriptors = m_server->CountDescriptors();
+            const Client writer(m_program, m_server->GetPort(), milliseconds(1000));
+            writer.Send(m_set);
+            static_cast<void>(writer.Receive(5));
         }
         return *m_server;
     }
@@ -215,12 +342,12 @@ private:
     // Several clients, requests in pieces, replies larger than a socket's buffer.
     void Load(milliseconds patience) {
         const unsigned short port = GetServer().GetPort();
-        const Connection writer(port, patience);
-        const Connection reader(port, patience);
-        const Connection other(port, patience);
-        writer.TrySend(m_set.substr(0, 100000));
-        other.TrySend("SET a 1 PX 1\r\nINCR n\r\nKEYS *\r\nnonsense\r\n*bad\r\n");
-        reader.TrySend("GET big\r\nGET big\r\n");
+        const Client writer(m_program, port, patience);
+        const Client reader(m_program, port, patience);
+        const Client other(m_program, port, patience);
+        writer.Send(std::string_view(m_set).substr(0, 100000));
+        other.Send("SET a 1 PX 1\r\nINCR n\r\nKEYS *\r\nnonsense\r\n*bad\r\n");
+        reader.Send(m_program.isEcho ? m_set : "GET big\r\nGET big\r\n");
         other.Receive(100);
         reader.Receive(2 << 20);
     }
@@ -230,6 +357,7 @@ private:
         m_faults.Fail(m_fault->call, m_error, m_number, 1);
         Load(milliseconds(20));
         Check(server.Serves(), "does not serve");
+        CheckDescriptors();
         return WasInjected() && m_number + 1 < (m_isLong ? 20 : 6);
     }
 
@@ -240,8 +368,12 @@ private:
         do {
             Load(milliseconds(10));
         } while (Clock::now() < end && !server.HasEnded());
+        CheckRest();
         m_faults.Clear();
-        Check(server.Serves(), "does not serve afterwards");
+        if (m_server != nullptr) {
+            Check(server.Serves(), "does not serve afterwards");
+            CheckDescriptors();
+        }
         if (m_isLong && m_server != nullptr) {
             m_injected += m_faults.GetFailed(m_fault->call);
             m_faults.FailAll(m_fault->call, m_error);
@@ -251,17 +383,37 @@ private:
         return false;
     }
 
+    void CheckDescriptors() {
+        if (m_program.isEcho && m_server != nullptr) {
+            const auto isBack = [this] { return m_server->CountDescriptors() <= m_descriptors; };
+            Check(WaitUntil(c_recoverLimit, isBack), "keeps descriptors");
+        }
+    }
+
+    // While a wait fails there is none.
+    void CheckRest() {
+        const std::string call = m_fault->name;
+        if (!m_program.isEcho || call == "epoll_wait" || call == "nanosleep") {
+            return;
+        }
+        std::this_thread::sleep_for(milliseconds(100));
+        const long before = m_server->GetCpuTime();
+        std::this_thread::sleep_for(milliseconds(200));
+        Check(m_server->GetCpuTime() - before < 10, "spins");
+    }
+
     const bool m_isLong;
     const std::string m_set =
         "*3\r\n$3\r\nSET\r\n$3\r\nbig\r\n$1048576\r\n" + std::string(1 << 20, 'v') + "\r\n";
     const CTempFolder m_home;
-    const std::string m_program = m_home.Path("bin/kv_server");
+    const Program m_program;
     const FaultFile m_faults;
     std::unique_ptr<Server> m_server;
     const char* m_part = "";
     const Fault* m_fault = nullptr;
     int m_error = 0;
     long m_number = 0;
+    long m_descriptors = 0;
     long m_runs = 0;
     long m_injected = 0;
     int m_wrong = 0;
@@ -271,11 +423,12 @@ private:
 
 int main(int argc, char** argv) {
     if (argc < 3) {
-        std::fprintf(stderr, "usage: fault_sweep KV_SERVER SHIM [--long]\n");
+        std::fprintf(stderr, "usage: fault_sweep PROGRAM SHIM [--long] [MODE]\n");
         return 2;
     }
     signal(SIGPIPE, SIG_IGN);
     const bool isLong = argc > 3 && std::strcmp(argv[3], "--long") == 0;
-    Sweep sweep(argv[1], argv[2], isLong);
+    const int at = isLong ? 4 : 3;
+    Sweep sweep(argv[1], argv[2], argc > at ? argv[at] : "", isLong);
     return sweep.Run() == 0 ? 0 : 1;
 }
