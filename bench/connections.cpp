@@ -6,6 +6,7 @@
 #include <sys/timerfd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <ctime>
 #include <fstream>
 #include <memory>
@@ -174,7 +175,7 @@ public:
 
     void StartTimers() {
         for (Connection* const each : m_all) {
-            constexpr std::uint64_t ms = c_idleSeconds * 1000;
+            constexpr std::uint64_t ms = std::uint64_t{c_idleSeconds} * 1000;
             Require(uv_timer_start(
                         &each->idle, [](uv_timer_t*) { Require(false, "too long"); }, ms, ms) == 0,
                     "uv_timer_start");
