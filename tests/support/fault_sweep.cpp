@@ -277,8 +277,8 @@ private:
                 m_fault = &fault;
                 m_error = error;
                 m_number = -1;
-                // Who relies on edges may be told that there is nothing only when there is nothing.
-                bool goesOn = !m_program.isEcho || error != EAGAIN || !IsOfInput(fault.call);
+                // Who relies on edges may be told to wait only where an edge follows.
+                bool goesOn = !m_program.isEcho || error != EAGAIN;
                 while (goesOn) {
                     ++m_runs;
                     ++m_number;
@@ -291,10 +291,6 @@ private:
         std::printf("%-7s %5ld runs, %8ld faults\n", part, m_runs - runsBefore,
                     m_injected - injectedBefore);
         std::fflush(stdout);
-    }
-
-    static bool IsOfInput(FaultPlan::ECall call) {
-        return call == FaultPlan::CALL_read || call == FaultPlan::CALL_recv;
     }
 
     void Check(bool isRight, const char* what) {
@@ -390,10 +386,9 @@ private:
         }
     }
 
-    // While a wait fails there is none.
+    // Calls that are interrupted are made again at once.
     void CheckRest() {
-        const std::string call = m_fault->name;
-        if (!m_program.isEcho || call == "epoll_wait" || call == "nanosleep") {
+        if (!m_program.isEcho || m_error == EINTR) {
             return;
         }
         std::this_thread::sleep_for(milliseconds(100));
