@@ -219,6 +219,7 @@ TEST_F(KvServerHome, ReadsItsConfigurationAgainOnHangUpAndTracesWhatHappens) {
         std::this_thread::yield();
     }
     misbehave("*worse\r\n");
+    server.ExpectDescriptors(before);
     server.Signal(SIGTERM);
     EXPECT_EQ(0, server.Wait());
     const std::string trace = ReadTrace("_info_") + ReadTrace("_warning_");
