@@ -254,8 +254,8 @@ double Serve(void (*run)(Ports), const char* command, int pipeline, bool isTls) 
     while (AskInfo(ports.plain).empty()) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    Load(ports, "SET", 16, Times(50000));  // so that most keys are there
-    const long requests = Times(pipeline == 1 ? 30000 : isTls ? 100000 : 200000);
+    Load({ports.plain, 0}, "SET", 16, Times(50000));  // so that most keys are there
+    const long requests = Times((pipeline == 1 ? 30000 : 200000) / (isTls ? 2 : 1));
     const long commandsBefore = CountCommands(ports.plain);
     const double before = CpuTimeInNs(server);
     Load(ports, command, pipeline, requests);

@@ -52,6 +52,8 @@ CNxListenOptions Configure(const Options& options, CNxServer& server) {
     CNxListenOptions listen;
     listen.connection.highWater = Session::c_highWater;
     listen.connection.lowWater = Session::c_highWater / 4;
+    // A file of 1 MiB by one call takes a quarter less of the processor than by four.
+    listen.connection.bytesPerTurn = 2UL << 20;
     listen.connection.idleTimeout = CNxTimeValue(60, 0);
     if (!options.certificate.empty() || !options.key.empty()) {
         CNxTlsOptions tls;

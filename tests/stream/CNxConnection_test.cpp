@@ -311,6 +311,7 @@ TEST_F(ConnectionEnds, ATurnIsOneCallAndLackOfBuffersIsWaitedFor) {
     });
     EXPECT_EQ(ReceiveFromIt(20), "one turn of the loop");
     EXPECT_EQ(calls.Count(FailingCalls::SEND), 2);
+    m_loop.Run([&] { CNxConnection::CloseAll(m_loop.GetReactor()); });
     m_loop.Stop();
 }
 
@@ -397,11 +398,25 @@ TEST_F(ConnectionEnds, NoMemoryForATurnLosesNone) {
     Options options;
     options.bytesPerTurn = 1000;
     for (long n = 0; n < 60; ++n) {
+        std::atomic<size_t> received{0};
         Sink sink;
+        sink.m_onOpen = [](CNxConnection& connection) { connection.PauseReading(); };
+        sink.m_onReceive = [&](CNxConnection& /*connection*/, CNxMessageChain& chain) {
+            received += chain.GetSize();
+            chain.Clear();
+        };
         Connect(sink, options);
-        const FailingNew failing(n, FailingNew::ONCE);
         SendToIt(bytes);
-        m_loop.WaitUntil([&] { return sink.m_isClosed || sink.m_received.size() == bytes.size(); });
+        m_loop.WaitUntil([&] { return m_connection->GetState() == CNxConnection::EState::OPEN; });
+        m_loop.Run([&] {
+            m_connection->ResumeReading();
+            failing_new::Fail(n, 1);
+        });
+        while (received < bytes.size() &&
+               m_connection->GetState() != CNxConnection::EState::CLOSED) {
+            std::this_thread::yield();
+        }
+        failing_new::Stop();
         m_loop.Run([&] { m_connection->CloseNow(); });
     }
 }
@@ -422,6 +437,7 @@ TEST_F(ConnectionEnds, MemoryThatIsReleasedAtTheEndMayEndOthers) {
     Sink other;
     Connect(one);
     const CNxAutoPtr<CNxConnection> first = m_connection;
+    const CNxSocketBase peerOfFirst = std::move(m_peer);
     Connect(other);
     m_loop.Run([&] {
         std::thread([&, this] {

@@ -330,8 +330,9 @@ public:
 private:
     CNxConnectionOptions MakeOptions(Random& random) const {
         CNxConnectionOptions options;
-        options.lingerTimeout = CNxTimeValue(60);
-        options.stallTimeout = CNxTimeValue(60);
+        // A side may take its time on a slow machine: many steps pass before it happens to close.
+        options.lingerTimeout = CNxTimeValue(3600);
+        options.stallTimeout = CNxTimeValue(3600);
         options.highWater = 100000;
         options.lowWater = 50000;
         options.bytesPerTurn = random.OneIn(2) ? 10000 : 1 << 18;

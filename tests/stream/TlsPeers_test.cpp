@@ -1,34 +1,22 @@
 // Connections with TLS whose peers do what no library does by itself.
 #include <nx/reactor/CNxReactorEpoll.h>
-#include <nx/stream/CTlsFilter.h>
-#include <unistd.h>
 
-#include "../support/TestCertificates.h"
 #include "StreamSupport.h"
 #include "TlsPair.h"
 
 namespace {
 
-CNxTlsOptions ServerOptions() {
-    static const CTestCertificates s_certificates;
-    CNxTlsOptions options;
-    options.certificateFile = s_certificates.Certificate("server");
-    options.keyFile = s_certificates.Key("server");
-    return options;
-}
+constexpr int c_version = TLS1_3_VERSION;
 
-std::shared_ptr<CTlsSetup> MakeSetup(bool isServer) {
-    CNxTlsOptions options = isServer ? ServerOptions() : CNxTlsOptions();
+CNxTlsOptions NotVerifying() {
+    CNxTlsOptions options;
     options.verifyPeer = false;
-    auto setup = std::make_shared<CTlsSetup>();
-    std::string error;
-    EXPECT_EQ(setup->Init(isServer, options, error), NX_OK) << error;
-    return setup;
+    return options;
 }
 
 // Whose tickets take several records.
 std::shared_ptr<CTlsSetup> MakeServerOfLongTickets() {
-    auto server = MakeSetup(true);
+    auto server = MakeTlsSetup(true, c_version, MakeTlsOptions("server"));
     SSL_CTX_set_max_send_fragment(server->GetContext(), 512);
     const auto lengthen = +[](SSL* ssl, void* /*unused*/) {
         const std::string data(2000, 't');
@@ -43,10 +31,9 @@ class TlsPeers : public testing::Test {
 protected:
     void Connect(CNxConnectionOptions options, bool isServer) {
         std::string error;
-        CNxTlsOptions client;
-        client.verifyPeer = false;
-        ASSERT_EQ(isServer ? CNxTlsContext::CreateServer(options.tls, ServerOptions(), error)
-                           : CNxTlsContext::CreateClient(options.tls, client, error),
+        ASSERT_EQ(isServer
+                      ? CNxTlsContext::CreateServer(options.tls, MakeTlsOptions("server"), error)
+                      : CNxTlsContext::CreateClient(options.tls, NotVerifying(), error),
                   NX_OK)
             << error;
         int ends[2];
@@ -121,7 +108,7 @@ TEST_F(TlsPeers, WhoAsksForUpdatesAndReadsNothingIsDropped) {
     CNxConnectionOptions options;
     options.maxUnsent = 10000;
     Connect(options, true);
-    const auto setup = MakeSetup(false);
+    const auto setup = MakeTlsSetup(false, c_version, NotVerifying());
     const CSslPtr ssl(SSL_new(setup->GetContext()));
     SSL_set_fd(ssl.get(), m_peer.GetHandle());
     ASSERT_EQ(SSL_connect(ssl.get()), 1);

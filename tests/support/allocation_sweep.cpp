@@ -5,9 +5,11 @@
 #include <nx/nx.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <tests/support/Connection.h>
 #include <tests/support/FailingNew.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <climits>
 #include <csignal>
 #include <cstdio>
@@ -27,7 +29,7 @@ constexpr unsigned c_hangSeconds = 5;
 // Exit statuses of a life.
 enum EEnd { WHOLE = 0, THROWN = 3, REFUSED = 4, PARTS_REFUSED = 5 };
 
-int s_refused = 0;
+std::atomic<int> s_refused{0};
 
 void Count(NxResult result) {
     s_refused += NxSucceeded(result) ? 0 : 1;
@@ -100,6 +102,30 @@ void UseConnections() {
     }
 }
 
+class EchoSink : public INxConnectionSink {
+    void OnReceive(CNxConnection& connection, CNxMessageChain& received) override {
+        Count(connection.Send(std::move(received)));
+    }
+};
+
+// From the loops' start over an accepted connection to their end.
+void UseGroup() {
+    EchoSink sink;
+    CNxReactorGroup group;
+    CNxEndpoint endpoint;
+    CNxReactorGroupOptions options;
+    options.loops = 2;
+    Count(endpoint.Set("127.0.0.1:0"));
+    Count(group.Start(options));
+    Count(group.Listen(endpoint, sink, {}));
+    for (int i = 0; i < 2 && group.GetEndpoint().GetPort() != 0; ++i) {
+        const Connection client(group.GetEndpoint().GetPort(), std::chrono::milliseconds(200));
+        const bool isEchoed = client.TrySend("x") && client.Receive(1) == "x";
+        s_refused += isEchoed ? 0 : 1;
+    }
+    Count(group.Stop({0, 100000}));
+}
+
 int Live(int argc, char** argv) {
     CNxThreadManager* const threads = CNxThreadManager::Instance();
     CNxThread* network = nullptr;
@@ -114,6 +140,11 @@ int Live(int argc, char** argv) {
         Ask(reactor, false, [](INxReactor&) {});
     }
     UseConnections();
+    try {
+        UseGroup();
+    } catch (const std::bad_alloc&) {
+        ++s_refused;
+    }
     Ask(reactor, true, Close);
     Count(threads->StopAllThreads(nullptr));
     Count(threads->JoinAllThreads());

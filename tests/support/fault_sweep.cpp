@@ -277,7 +277,8 @@ private:
                 m_fault = &fault;
                 m_error = error;
                 m_number = -1;
-                bool goesOn = true;
+                // Who relies on edges may be told to wait only where an edge follows.
+                bool goesOn = !m_program.isEcho || error != EAGAIN;
                 while (goesOn) {
                     ++m_runs;
                     ++m_number;
@@ -385,10 +386,9 @@ private:
         }
     }
 
-    // While a wait fails there is none.
+    // Calls that are interrupted are made again at once.
     void CheckRest() {
-        const std::string call = m_fault->name;
-        if (!m_program.isEcho || call == "epoll_wait" || call == "nanosleep") {
+        if (!m_program.isEcho || m_error == EINTR) {
             return;
         }
         std::this_thread::sleep_for(milliseconds(100));
