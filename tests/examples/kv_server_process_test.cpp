@@ -224,7 +224,7 @@ TEST_F(KvServerHome, ReadsItsConfigurationAgainOnHangUpAndTracesWhatHappens) {
     server.Signal(SIGTERM);
     EXPECT_EQ(0, server.Wait());
     const std::string trace = ReadTrace("_info_") + ReadTrace("_warning_");
-    for (const char* line : {"Info:listening on 127.0.0.1:", "Info:stopping; clients 0",
+    for (const char* line : {"Info:listening on 127.0.0.1:", "Info:stopping; clients ",
                              "Info:stopped; clients accepted 4, refused 1",
                              "Warning:client 2 refused: max-clients reached",
                              "Warning:client 3: Protocol error: invalid multibulk"}) {
