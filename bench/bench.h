@@ -19,7 +19,8 @@ struct Case {
     std::string name;             // what is done; "{}" stands for `x`
     std::string row;              // who does it: "raw", "nxbase" with or without more, or a peer
     long x;                       // how many, on a curve; 0 for a case that has no curve
-    std::function<double()> run;  // returns nanoseconds an operation, having proved the work
+    std::function<double()> run;  // returns the value of an operation, having proved the work
+    std::string unit = "ns";      // of the value: "ns" or "bytes"
 };
 
 // The families, each from its own file: they append their cases, the rows of one case in a row.
@@ -30,7 +31,9 @@ void AddTimers(std::vector<Case>& cases);
 void AddTrace(std::vector<Case>& cases);
 void AddEcho(std::vector<Case>& cases);
 void AddBlock(std::vector<Case>& cases);
+void AddConnections(std::vector<Case>& cases);
 void AddKv(std::vector<Case>& cases);
+void AddHttp(std::vector<Case>& cases);
 
 // How a type is handed to a generic function.
 template <class T>

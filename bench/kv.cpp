@@ -5,11 +5,10 @@
 
 #ifdef NXBENCH_REDIS
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
 #include <chrono>
@@ -18,23 +17,11 @@
 #include <thread>
 #include <unordered_map>
 
+#include "programs.h"
+
 namespace bench {
 
 namespace {
-
-using Arguments = std::vector<std::string>;
-
-[[noreturn]] void Exec(int cpu, Arguments arguments) {
-    PinTo(cpu);
-    std::vector<char*> pointers;
-    for (std::string& argument : arguments) {
-        pointers.push_back(argument.data());
-    }
-    pointers.push_back(nullptr);
-    Require(chdir(GetScratchFolder().c_str()) == 0 && execv(pointers[0], pointers.data()) == 0,
-            pointers[0]);
-    std::abort();
-}
 
 // The least: one thread, an epoll loop and a hash table, and as much of the protocol as is asked
 // for here. Who hangs up in the middle of a command, or takes no replies, is not expected.
@@ -165,60 +152,60 @@ private:
     long m_processed = 0;
 };
 
-sockaddr_in AddressOf(unsigned short port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    return address;
-}
+// Where a server listens: `tls` is 0 for one without.
+struct Ports {
+    unsigned short plain = 0;
+    unsigned short tls = 0;
+};
 
-// Bound to that port, any for 0, which then has its number.
-int Bind(unsigned short& port) {
-    sockaddr_in address = AddressOf(port);
-    socklen_t length = sizeof(address);
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    Require(bind(fd, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
-                getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0,
-            "bind");
-    port = ntohs(address.sin_port);
-    return fd;
+constexpr const char* c_certificate = "cert.pem";
+constexpr const char* c_key = "key.pem";
+
+// In the scratch folder, for all measurements.
+void MakeCertificate() {
+    const std::string folder = GetScratchFolder() + '/';
+    if (access((folder + c_certificate).c_str(), R_OK) != 0) {
+        ReadOutput(
+            "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes "
+            "-days 2 -subj /CN=localhost -keyout " +
+            folder + c_key + " -out " + folder + c_certificate + " 2>/dev/null");
+    }
 }
 
 // The servers, in a process of their own.
-void RunRaw(unsigned short port) {
-    const int listener = Bind(port);
+void RunRaw(Ports ports) {
+    const int listener = Bind(ports.plain);
     Require(listen(listener, SOMAXCONN) == 0, "listen");
     PinTo(0);
     RawKv(listener).Run();
 }
 
-void RunRedis(unsigned short port) {
-    Exec(0, {NXBENCH_REDIS, "--port", std::to_string(port), "--save", "", "--appendonly", "no",
-             "--bind", "127.0.0.1"});
+void RunRedis(Ports ports) {
+    Arguments arguments = {NXBENCH_REDIS, "--port", std::to_string(ports.plain),
+                           "--save",      "",       "--appendonly",
+                           "no",          "--bind", "127.0.0.1"};
+    if (ports.tls != 0) {
+        arguments.insert(arguments.end(),
+                         {"--tls-port", std::to_string(ports.tls), "--tls-cert-file", c_certificate,
+                          "--tls-key-file", c_key, "--tls-ca-cert-file", c_certificate,
+                          "--tls-auth-clients", "no"});
+    }
+    Exec(0, arguments);
 }
 
-void RunOurs(unsigned short port) {
-    Exec(0, {NXBENCH_KV_SERVER, "--port", std::to_string(port)});
+void RunOurs(Ports ports) {
+    Arguments arguments = {NXBENCH_KV_SERVER, "--port", std::to_string(ports.plain)};
+    if (ports.tls != 0) {
+        const std::string folder = GetScratchFolder() + '/';
+        arguments.insert(arguments.end(), {"--tls-port", std::to_string(ports.tls), "--tls-cert",
+                                           folder + c_certificate, "--tls-key", folder + c_key});
+    }
+    Exec(0, arguments);
 }
 
 // What the server tells about itself; empty while it does not listen.
 std::string AskInfo(unsigned short port) {
-    const sockaddr_in address = AddressOf(port);
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    std::string reply;
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
-        const std::string question = "INFO\r\nQUIT\r\n";
-        Require(send(fd, question.data(), question.size(), MSG_NOSIGNAL) ==
-                    static_cast<ssize_t>(question.size()),
-                "INFO");
-        std::array<char, 4096> buffer{};
-        for (ssize_t got = 0; (got = recv(fd, buffer.data(), buffer.size(), 0)) > 0;) {
-            reply.append(buffer.data(), static_cast<size_t>(got));
-        }
-    }
-    close(fd);
-    return reply;
+    return Ask(port, "INFO\r\nQUIT\r\n");
 }
 
 long CountCommands(unsigned short port) {
@@ -229,30 +216,51 @@ long CountCommands(unsigned short port) {
     return std::atol(info.c_str() + found + label.size());
 }
 
-void Load(unsigned short port, const char* command, int pipeline, long requests) {
+void Load(Ports ports, const char* command, int pipeline, long requests) {
     const pid_t client = StartProcess([&] {
-        Exec(1,
-             {NXBENCH_REDIS_LOAD, "-p", std::to_string(port), "-c", "50", "-r", "10000", "-d", "64",
-              "-q", "-t", command, "-P", std::to_string(pipeline), "-n", std::to_string(requests)});
+        const bool isTls = ports.tls != 0;
+        Arguments arguments = {NXBENCH_REDIS_LOAD,
+                               "-p",
+                               std::to_string(isTls ? ports.tls : ports.plain),
+                               "-c",
+                               "50",
+                               "-r",
+                               "10000",
+                               "-d",
+                               "64",
+                               "-q",
+                               "-t",
+                               command,
+                               "-P",
+                               std::to_string(pipeline),
+                               "-n",
+                               std::to_string(requests)};
+        if (isTls) {
+            arguments.insert(arguments.end(), {"--tls", "--insecure"});
+        }
+        Exec(1, arguments);
     });
     int status = 0;
     Require(waitpid(client, &status, 0) == client && status == 0, "redis-benchmark");
 }
 
-double Serve(void (*run)(unsigned short), const char* command, int pipeline) {
-    unsigned short port = 0;
-    close(Bind(port));  // a free one
-    const pid_t server = StartProcess([&] { run(port); });
-    while (AskInfo(port).empty()) {
+double Serve(void (*run)(Ports), const char* command, int pipeline, bool isTls) {
+    Ports ports{FindPort(), 0};
+    if (isTls) {
+        MakeCertificate();
+        ports.tls = FindPort();
+    }
+    const pid_t server = StartProcess([&] { run(ports); });
+    while (AskInfo(ports.plain).empty()) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    Load(port, "SET", 16, Times(50000));  // so that most keys are there
-    const long requests = Times(pipeline == 1 ? 30000 : 200000);
-    const long commandsBefore = CountCommands(port);
+    Load({ports.plain, 0}, "SET", 16, Times(50000));  // so that most keys are there
+    const long requests = Times((pipeline == 1 ? 30000 : 200000) / (isTls ? 2 : 1));
+    const long commandsBefore = CountCommands(ports.plain);
     const double before = CpuTimeInNs(server);
-    Load(port, command, pipeline, requests);
+    Load(ports, command, pipeline, requests);
     const double after = CpuTimeInNs(server);
-    Require(CountCommands(port) >= commandsBefore + requests, "requests are missing");
+    Require(CountCommands(ports.plain) >= commandsBefore + requests, "requests are missing");
     EndProcess(server);
     return (after - before) / static_cast<double>(requests);
 }
@@ -260,15 +268,27 @@ double Serve(void (*run)(unsigned short), const char* command, int pipeline) {
 }  // namespace
 
 void AddKv(std::vector<Case>& cases) {
-    for (const int pipeline : {1, 16}) {
-        for (const std::string command : {"SET", "GET"}) {
-            const auto add = [&](const char* row, void (*run)(unsigned short)) {
-                cases.push_back({"kv", command + ", pipeline of " + std::to_string(pipeline), row,
-                                 0, [=] { return Serve(run, command.c_str(), pipeline); }});
-            };
-            add("redis-server", RunRedis);
-            add("raw", RunRaw);
-            add("nxbase kv_server", RunOurs);
+    // Without TLS in the library our server has no such port.
+    const bool hasTls =
+        ReadOutput(NXBENCH_KV_SERVER " --help").find("--tls-port") != std::string::npos;
+    for (const bool isTls : {false, true}) {
+        for (const int pipeline : {1, 16}) {
+            for (const std::string command : {"SET", "GET"}) {
+                const std::string name =
+                    command + ", pipeline of " + std::to_string(pipeline) + (isTls ? ", TLS" : "");
+                const auto add = [&](const char* row, void (*run)(Ports)) {
+                    cases.push_back({"kv", name, row, 0,
+                                     [=] { return Serve(run, command.c_str(), pipeline, isTls); }});
+                };
+                if (!isTls) {
+                    add("redis-server", RunRedis);
+                    add("raw", RunRaw);
+                    add("nxbase kv_server", RunOurs);
+                } else if (hasTls) {
+                    add("redis-server", RunRedis);
+                    add("nxbase kv_server", RunOurs);
+                }
+            }
         }
     }
 }

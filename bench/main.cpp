@@ -62,7 +62,7 @@ double ToSeconds(const timeval& time) {
 }
 
 struct Measurement {
-    double ns = 0;  // 0 for a case that failed
+    double value = 0;  // 0 for a case that failed
     bool isDisturbed = false;
     double seconds = 0;
 };
@@ -76,8 +76,8 @@ Measurement Measure(const Case& one) {
         alarm(c_longest);
         // What libraries and servers have to say.
         Require(std::freopen("/dev/null", "w", stdout) != nullptr, "/dev/null");
-        const double ns = one.run();
-        Require(write(ends[1], &ns, sizeof(ns)) == sizeof(ns), "write the result");
+        const double value = one.run();
+        Require(write(ends[1], &value, sizeof(value)) == sizeof(value), "write the result");
     });
     close(ends[1]);
     rusage used{};
@@ -85,8 +85,8 @@ Measurement Measure(const Case& one) {
     Require(wait4(child, &status, 0, &used) == child, "wait4");
     Measurement result;
     result.seconds = (NowInNs() - start) / 1e9;
-    if (read(ends[0], &result.ns, sizeof(result.ns)) != sizeof(result.ns) || status != 0) {
-        result.ns = 0;
+    if (read(ends[0], &result.value, sizeof(result.value)) != sizeof(result.value) || status != 0) {
+        result.value = 0;
     }
     if (WIFSIGNALED(status)) {
         std::fprintf(stderr, "bench: ended by signal %d\n", WTERMSIG(status));
@@ -99,8 +99,8 @@ Measurement Measure(const Case& one) {
 }
 
 struct Result {
-    std::vector<double> ns;  // one a round
-    int disturbed = 0;       // rounds
+    std::vector<double> values;  // one a round
+    int disturbed = 0;           // rounds
 };
 
 class Run {
@@ -131,11 +131,12 @@ public:
         for (size_t i = 0; i < m_cases.size(); ++i) {
             const Case& one = m_cases[i];
             file << separator << R"({"family": ")" << one.family << R"(", "name": ")" << one.name
-                 << R"(", "row": ")" << one.row << R"(", "x": )" << one.x << R"(, "disturbed": )"
-                 << m_results[i].disturbed << R"(, "ns": [)";
+                 << R"(", "row": ")" << one.row << R"(", "x": )" << one.x << R"(, "unit": ")"
+                 << one.unit << R"(", "disturbed": )" << m_results[i].disturbed
+                 << R"(, "values": [)";
             const char* comma = "";
-            for (const double ns : m_results[i].ns) {
-                file << comma << ns;
+            for (const double value : m_results[i].values) {
+                file << comma << value;
                 comma = ", ";
             }
             file << "]}";
@@ -152,19 +153,19 @@ private:
     // Again, too, until all repetitions have taken `againAtMost` seconds.
     bool MeasureOne(size_t i, double againAtMost) {
         Measurement best = Measure(m_cases[i]);
-        for (int again = 0; again < 2 && best.ns > 0 && best.isDisturbed && !s_isSmoke &&
+        for (int again = 0; again < 2 && best.value > 0 && best.isDisturbed && !s_isSmoke &&
                             m_againSeconds < againAtMost;
              ++again) {
             best = Measure(m_cases[i]);
             m_againSeconds += best.seconds;
         }
-        if (!(best.ns > 0)) {
+        if (!(best.value > 0)) {
             const Case& one = m_cases[i];
             std::fprintf(stderr, "bench: %s, %s (%ld), %s: failed\n", one.family.c_str(),
                          one.name.c_str(), one.x, one.row.c_str());
             return false;
         }
-        m_results[i].ns.push_back(best.ns);
+        m_results[i].values.push_back(best.value);
         m_results[i].disturbed += best.isDisturbed ? 1 : 0;
         return true;
     }
@@ -218,8 +219,8 @@ bool Parse(int argc, char** argv, Options& options) {
 
 std::vector<Case> MakeCases(const std::string& only) {
     std::vector<Case> all;
-    for (const auto add :
-         {AddPost, AddCall, AddWake, AddTimers, AddTrace, AddEcho, AddBlock, AddKv}) {
+    for (const auto add : {AddPost, AddCall, AddWake, AddTimers, AddTrace, AddEcho, AddConnections,
+                           AddBlock, AddKv, AddHttp}) {
         add(all);
     }
     std::vector<Case> chosen;

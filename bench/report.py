@@ -13,7 +13,7 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 PACKAGES = ["libasio-dev", "libuv1-dev", "libevent-dev", "libev-dev", "libspdlog-dev",
-            "libgoogle-glog-dev", "liburing-dev", "redis-server"]
+            "libgoogle-glog-dev", "liburing-dev", "redis-server", "nginx-light"]
 FAMILIES = {
     "post":
         "Work handed to another thread as fast as it goes: time from the first post to the "
@@ -43,6 +43,15 @@ FAMILIES = {
         "epoll loop that receives until the call would block; `raw, one receive` stops at "
         "one that comes back short, the least there is, and so does nxbase's handler. "
         "Server and client have a processor each, a single connection has one for both.",
+    "memory":
+        "A server with 10,000 connections, each of which has got one message of 64 bytes back "
+        "and now waits for its next one, until a time-out: private memory of its process for "
+        "each more of them, in bytes, without what the kernel has. `raw` has an array of "
+        "times.",
+    "broadcast":
+        "One payload of 1 KiB sent to every connection: processor time of the server for each. "
+        "`raw` calls send(2) in a loop; nxbase shares a chain, Asio a buffer, libevent an "
+        "evbuffer, libuv has a request for each.",
     "block":
         "Bytes in memory. `raw` is std::string, and std::shared_ptr for sharing.",
     "kv":
@@ -50,6 +59,10 @@ FAMILIES = {
         "under redis-benchmark with 50 connections and values of 64 bytes: processor time "
         "of the server for a request. `raw` is one thread with an epoll loop and a hash "
         "table that knows these two commands. The ratios are to redis-server.",
+    "http":
+        "http_server of the examples beside nginx with one worker, sendfile and no log, both "
+        "serving the same file to wrk over 50 connections that stay: processor time of the "
+        "server for a request. The ratios are to nginx.",
 }
 RED, ORANGE, BLACK, GREY, SILVER = "#d62728", "#ff7f0e", "#000000", "#777777", "#aaaaaa"
 BLUE, GREEN, PURPLE, LILAC, CYAN = "#1f77b4", "#2ca02c", "#9467bd", "#c5b0d5", "#17becf"
@@ -57,22 +70,30 @@ COLORS = {
     "raw": BLACK, "raw, no allocation": GREY, "raw epoll": SILVER,
     "raw, one receive": GREY, "raw io_uring": SILVER,
     "nxbase": RED, "nxbase task": RED, "nxbase reactor": ORANGE, "nxbase heap": RED,
-    "nxbase calendar": ORANGE, "nxbase kv_server": RED,
+    "nxbase calendar": ORANGE, "nxbase kv_server": RED, "nxbase connection": ORANGE,
     "Asio": BLUE, "libuv": GREEN, "libevent": PURPLE, "libevent common": LILAC,
     "libevent buffered": LILAC, "libev": CYAN, "spdlog": BLUE, "glog": GREEN, "redis-server": GREEN,
+    "nginx": GREEN, "nxbase http_server": RED,
 }
 
 
 class Cell:
-    """A row of a case: the ratio to the case's first row within each round."""
+    """A row of a case: the ratio to the case's first row within each round; bytes stand for
+    themselves, as they are the same everywhere."""
 
-    def __init__(self, ns, base):
-        ratios = [a / b for a, b in zip(ns, base)]
-        self.ns = statistics.median(ns)
+    def __init__(self, values, base, unit):
+        ratios = [a / b for a, b in zip(values, base)] if unit == "ns" else values
+        self.unit = unit
+        self.value = statistics.median(values)
         self.ratio = statistics.median(ratios)
         self.low, self.high = min(ratios), max(ratios)
 
+    def short(self):
+        return f"{self.ratio:.2f}" if self.unit == "ns" else f"{self.ratio:,.0f}"
+
     def __str__(self):
+        if self.unit == "bytes":
+            return f"{self.value:,.0f} B"
         return f"{self.ratio:.2f} ({self.low:.2f}-{self.high:.2f})"
 
 
@@ -81,11 +102,12 @@ def group(results):
     families = {}
     for case in results["cases"]:
         rows = families.setdefault(case["family"], {}).setdefault((case["name"], case["x"]), {})
-        rows[case["row"]] = case["ns"]
+        rows[case["row"]] = case
     for cases in families.values():
         for rows in cases.values():
-            base = next(iter(rows.values()))
-            rows.update({row: Cell(ns, base) for row, ns in rows.items()})
+            base = next(iter(rows.values()))["values"]
+            rows.update({row: Cell(case["values"], base, case["unit"])
+                         for row, case in rows.items()})
     return families
 
 
@@ -93,8 +115,10 @@ def label(name, x):
     return name.replace("{}", f"{x:,}")
 
 
-def show_time(ns):
-    return f"{ns / 1000:.2f} us" if ns >= 1000 else f"{ns:.1f} ns"
+def show_first(cell):
+    if cell.unit == "bytes":
+        return str(cell)
+    return f"{cell.value / 1000:.2f} us" if cell.value >= 1000 else f"{cell.value:.1f} ns"
 
 
 def is_ours(row):
@@ -114,14 +138,14 @@ def table(cases):
     lines = ["| | " + " | ".join(f"**{row}**" if is_ours(row) else row for row in rows) + " |",
              "|---" * (len(rows) + 1) + "|"]
     for (name, x), cells in cases.items():
-        shown = [show_time(next(iter(cells.values())).ns)]
+        shown = [show_first(next(iter(cells.values())))]
         shown += [str(cells[row]) if row in cells else "" for row in rows[1:]]
         lines.append(f"| {label(name, x)} | " + " | ".join(shown) + " |")
     return "\n".join(lines)
 
 
 def peers_ahead(families):
-    """A line for each case and row of ours in which a peer is faster."""
+    """A line for each case and row of ours in which a peer takes less."""
     lines = []
     for family, cases in families.items():
         for (name, x), cells in cases.items():
@@ -165,7 +189,7 @@ def draw_bars(axes, cases):
                   [cell.high - cell.ratio for cell in cells]]
         bars = axes.bar(places, heights, width * 0.95, yerr=spread, label=row,
                         color=COLORS.get(row), error_kw={"elinewidth": 0.7, "ecolor": "#444444"})
-        axes.bar_label(bars, [f"{height:.2f}" for height in heights], fontsize=6, padding=2)
+        axes.bar_label(bars, [cell.short() for cell in cells], fontsize=6, padding=2)
     axes.set_xticks([n + 0.4 - width / 2 for n in range(len(cases))],
                     [label(*key).replace(", ", ",\n") for key in cases], fontsize=8)
 
@@ -189,7 +213,8 @@ def draw(family, cases, path):
     for one in axes[0]:
         one.axhline(1, color="black", linewidth=0.6, linestyle=":")
         one.spines[["top", "right"]].set_visible(False)
-    axes[0][0].set_ylabel("time, ratio to " + rows_of(cases)[0])
+    unit = next(iter(next(iter(cases.values())).values())).unit
+    axes[0][0].set_ylabel("time, ratio to " + rows_of(cases)[0] if unit == "ns" else unit)
     handles = {text: handle for one in axes[0]
                for handle, text in zip(*one.get_legend_handles_labels())}
     figure.legend(handles.values(), handles.keys(), loc="lower center", fontsize=8, frameon=False,
@@ -224,12 +249,12 @@ def page(results):
     families = group(results)
     about = results["machine"]
     disturbed = sum(case["disturbed"] for case in results["cases"])
-    measured = sum(len(case["ns"]) for case in results["cases"])
+    measured = sum(len(case["values"]) for case in results["cases"])
     parts = [
         "# Benchmarks",
         "nxbase beside what one would write by hand (`raw`) and beside other libraries. Times are "
         "ratios to the first column, the time of which is given; less is better, and below 1 is "
-        "faster than that. Each figure is the median of the ratios within "
+        "faster than that. Bytes are bytes. Each figure is the median of the ratios within "
         f"{results['rounds']} rounds, with the lowest and the highest of them in brackets. "
         "[bench/README.md](../bench/README.md) says how it is measured.",
         "    scripts/bench    # measures, and writes this page and its plots anew",
@@ -243,7 +268,7 @@ def page(results):
         "## Where a peer is ahead",
     ]
     ahead = peers_ahead(families)
-    heading = ("Medians; the number is how many times as fast the peer is.\n\n"
+    heading = ("Medians; the number is how many times as much as the peer nxbase takes.\n\n"
                "| family | case | of nxbase | peers ahead |\n|---|---|---|---|\n")
     parts.append(heading + "\n".join(ahead) if ahead else "Nowhere.")
     for family, cases in families.items():

@@ -31,11 +31,11 @@ need() {
     rm -f "$log"
 }
 
-build_packages=(g++ make cmake libc-ares-dev libiniparser-dev libssl-dev libxxhash-dev
+build_packages=(g++ make cmake libc-ares-dev libiniparser-dev libssl-dev libxxhash-dev node-llhttp
     zlib1g-dev)
 # shellcheck disable=SC2034 # for the scripts that source this
-test_packages=("${build_packages[@]}" libgtest-dev faketime openssl)
+test_packages=("${build_packages[@]}" libgtest-dev curl faketime openssl)
 # What the benchmarks measure beside the library.
 # shellcheck disable=SC2034
 bench_packages=("${build_packages[@]}" libasio-dev libuv1-dev libevent-dev libev-dev libspdlog-dev
-    libgoogle-glog-dev liburing-dev redis-server redis-tools)
+    libgoogle-glog-dev liburing-dev redis-server redis-tools nginx-light wrk openssl)

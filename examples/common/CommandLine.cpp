@@ -1,5 +1,4 @@
 #include <common/CommandLine.h>
-#include <common/Program.h>
 #include <nx/config/init_file.h>
 #include <nx/net/CNxInetAddr.h>
 #include <nx/process/trace_setting.h>
@@ -43,6 +42,11 @@ const Option* Find(const std::vector<Option>& options, const std::string& name) 
 }
 
 }  // namespace
+
+int Fail(const std::string& what, int status) {
+    std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, what.c_str());
+    return status;
+}
 
 bool CommandLine::IsKnown(const std::string& name) const {
     return Find(numbers, name) != nullptr || Find(texts, name) != nullptr;
@@ -90,6 +94,10 @@ std::string CommandLine::Parse(int argc, const char* const* argv) {
         if (argument == "--help") {
             help = true;
             return {};
+        }
+        if (const FlagOption* const flag = Find(flags, argument)) {
+            *flag->value = true;
+            continue;
         }
         const size_t equals = argument.find('=');
         const std::string name = argument.substr(0, equals);

@@ -1,4 +1,5 @@
-// Options of the form "--name value" and "--name=value", or from the configuration file.
+// Options of the form "--name value" and "--name=value", or from the configuration file, and the
+// way programs end that get none.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +9,12 @@
 #include <vector>
 
 namespace examples {
+
+constexpr int c_statusFailed = 1;
+constexpr int c_statusBadOptions = 2;
+
+// Says on standard error what is wrong, with the program's name before it. Returns the status.
+int Fail(const std::string& what, int status = c_statusFailed);
 
 // An option that takes digits, from `min` to `max`.
 struct NumberOption {
@@ -22,11 +29,18 @@ struct TextOption {
     std::string* value;
 };
 
+// One without a value, on the command line only.
+struct FlagOption {
+    const char* name;
+    bool* value;
+};
+
 // The options of a program. What is wrong is said in one line for people; "" when nothing is.
 struct CommandLine {
     const char* usage;  // the text of --help
     std::vector<NumberOption> numbers;
     std::vector<TextOption> texts;
+    std::vector<FlagOption> flags;
     // Looks at all values at the end of a reading.
     std::function<std::string()> check;
     // Whether --help, which ends the reading without a check, was there.

@@ -16,11 +16,6 @@
 
 namespace examples {
 
-int Fail(const std::string& what, int status) {
-    std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, what.c_str());
-    return status;
-}
-
 void Require(NxResult result, const char* what) {
     if (!NxSucceeded(result)) {
         std::exit(Fail(std::string("cannot ") + what + " (" + NxResultName(result) + ")"));

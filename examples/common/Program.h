@@ -1,6 +1,7 @@
 // What the programs have around their work: threads, signals, and the way they fail.
 #pragma once
 
+#include <common/CommandLine.h>
 #include <common/SignalThread.h>
 #include <nx/foundation/NxResult.h>
 #include <sys/resource.h>
@@ -15,12 +16,7 @@ class INxReactor;
 
 namespace examples {
 
-constexpr int c_statusFailed = 1;
-constexpr int c_statusBadOptions = 2;
 constexpr int c_statusSignal = 128;  // plus the signal's number
-
-// Says on standard error what is wrong, with the program's name before it. Returns the status.
-int Fail(const std::string& what, int status = c_statusFailed);
 
 // For what only a lack of memory or a mistake makes fail: unless the result is a success (NX_OK, or
 // NX_ERROR_FOUND for what was replaced) exits with a message, "cannot `what`". Any thread.

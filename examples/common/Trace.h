@@ -13,7 +13,7 @@ constexpr unsigned long c_traceWarning = 11;
 constexpr unsigned long c_traceInfo = 21;
 
 // Has every further line also written to a trace file that other processes write to as well. Before
-// the first thread is started, once.
+// any other thread traces, once.
 void ShareTrace(const std::string& file);
 
 // Whether lines of the level go anywhere.

@@ -1,5 +1,4 @@
 #include <common/Clock.h>
-#include <common/Program.h>
 #include <kv_load/LoadClient.h>
 #include <nx/foundation/CNxTimeValue.h>
 #include <unistd.h>
@@ -14,7 +13,7 @@ namespace kv_load {
 
 namespace {
 
-constexpr std::int64_t c_tickUsec = 200000;
+constexpr CNxTimeValue c_tick(0, 200000);
 // Below the usual backlog of a listening socket.
 constexpr std::size_t c_connectsAtOnce = 100;
 constexpr std::uint64_t c_failuresShown = 5;
@@ -37,17 +36,37 @@ std::size_t GetPipelineDepth(const Options& options) {
     return std::min(options.pipeline, share);
 }
 
+std::string GetTarget(const Options& options) {
+    const bool isV6 = options.host.find(':') != std::string::npos;
+    return (isV6 ? "[" + options.host + "]" : options.host) + ":" + std::to_string(options.port);
+}
+
+// Silence is watched for by the connections: the server may be silent until it is asked.
+CNxConnectorOptions GetConnectorOptions(const Options& options, CNxAutoPtr<CNxTlsContext> tls) {
+    CNxConnectionOptions connection;
+    connection.highWater = c_outputAim - 1;
+    connection.lowWater = c_outputAim / 4;
+    connection.stallTimeout = CNxTimeValue::s_tvZero();
+    connection.tls = std::move(tls);
+    CNxConnectorOptions connector;
+    connector.timeout = CNxTimeValue(static_cast<long>(options.connectTimeout));
+    connection.handshakeTimeout = connector.timeout;
+    connector.tries = 1;
+    connector.connection = std::make_shared<const CNxConnectionOptions>(connection);
+    return connector;
+}
+
 }  // namespace
 
-LoadClient::LoadClient(const Options& options, const CNxInetAddr& server, INxReactor& reactor,
+LoadClient::LoadClient(const Options& options, CNxAutoPtr<CNxTlsContext> tls, INxReactor& reactor,
                        std::function<void()> onEnd)
     : m_options(options),
       m_reactor(reactor),
       m_onEnd(std::move(onEnd)),
       m_printer(options.requests),
-      m_setup{server,
+      m_setup{GetTarget(options),
+              GetConnectorOptions(options, std::move(tls)),
               GetPipelineDepth(options),
-              static_cast<std::int64_t>(options.connectTimeout) * examples::c_nsPerSecond,
               static_cast<std::int64_t>(options.stallTimeout) * examples::c_nsPerSecond,
               reactor,
               m_progress,
@@ -63,15 +82,14 @@ LoadClient::LoadClient(const Options& options, const CNxInetAddr& server, INxRea
     }
 }
 
-void LoadClient::Start() {
-    examples::Require(m_reactor.ScheduleTimer(this, nullptr, CNxTimeValue(0, c_tickUsec), 0),
-                      "watch its connections");
+bool LoadClient::Start() {
     OpenMore();
+    return m_tick.RunEvery(m_reactor, c_tick, [this] { OnTick(); }) == NX_OK;
 }
 
 void LoadClient::Close() {
     m_printer.Clear();
-    m_reactor.CancelTimer(this);
+    m_tick.Cancel();
     for (const auto& connection : m_connections) {
         connection->Close();
     }
@@ -144,10 +162,10 @@ void LoadClient::EndIfNobodyIsLeft() {
     }
 }
 
-void LoadClient::OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) {
+void LoadClient::OnTick() {
     const std::int64_t now = examples::NowNs();
     for (const auto& connection : m_connections) {
-        connection->CheckTimeouts(now);
+        connection->CheckTimeout(now);
     }
     if (m_progress.endedAt != 0) {
         return;

@@ -1,13 +1,11 @@
 // kv_load: loads a key-value server and checks every reply. See --help.
 //
-// The main thread only waits. All sockets and timers are the network thread's; the main thread
-// prints the summary when it has ended.
+// The main thread only waits. All sockets and timers are the loop's; the main thread prints the
+// summary when it has ended.
 #include <common/Clock.h>
 #include <common/CommandLine.h>
-#include <common/HostLookup.h>
-#include <common/Program.h>
 #include <kv_load/LoadClient.h>
-#include <nx/thread/CNxThreadManager.h>
+#include <nx/nx.h>
 
 #include <cstdio>
 #include <new>
@@ -34,6 +32,8 @@ constexpr const char* c_usage =
     "  --connect-timeout SECONDS a connect may take this long (10)\n"
     "  --stall-timeout SECONDS   the server may be silent this long while it owes a\n"
     "                            reply (30)\n"
+    "  --tls                     speak TLS, and verify the server\n"
+    "  --tls-ca FILE             whom to trust, PEM (what the system trusts)\n"
     "  --help                    print this\n"
     "\n"
     "About half of the requests are SET, half GET; a few are INCR and PING. Values are\n"
@@ -48,7 +48,8 @@ CommandLine Describe(Options& options) {
     constexpr std::uint64_t c_day = 86400;
     CommandLine line{};
     line.usage = c_usage;
-    line.texts = {{"--host", &options.host}};
+    line.flags = {{"--tls", &options.isTls}};
+    line.texts = {{"--host", &options.host}, {"--tls-ca", &options.caFile}};
     line.numbers = {
         {"--port", &options.port, 1, 65535},
         {"--connections", &options.connections, 1, 60000},
@@ -84,7 +85,7 @@ int GetExitStatus(const Options& options, const LoadProgress& progress, int sign
     if (progress.latency.GetCount() == options.requests) {
         return 0;
     }
-    return signal != 0 ? c_statusSignal + signal : c_statusFailed;
+    return signal != 0 ? 128 + signal : c_statusFailed;
 }
 
 std::string GetVerdict(const Options& options, const LoadProgress& progress, int signal) {
@@ -122,48 +123,57 @@ void PrintSummary(const Options& options, const LoadProgress& progress, int sign
     std::printf("result      %s\n", GetVerdict(options, progress, signal).c_str());
 }
 
-// From the first connect to the last close. The main loop ends when the client has nothing left to
-// do or a signal comes.
-int RunLoad(const Options& options, Program& program) {
-    CNxInetAddr server;
-    const std::string unknown =
-        LookUpHost(options.host, static_cast<unsigned short>(options.port), server);
-    if (!unknown.empty()) {
-        return Fail(unknown);
+// Null without TLS, and when that cannot be had: the server then says why.
+CNxAutoPtr<CNxTlsContext> MakeTls(const Options& options, CNxServer& server) {
+    CNxAutoPtr<CNxTlsContext> tls;
+    CNxTlsOptions wanted;
+    wanted.caFile = options.caFile;
+    std::string error;
+    if (options.isTls && CNxTlsContext::CreateClient(tls, wanted, error) != NX_OK) {
+        server.Fail(error);
     }
-    LoadClient client(options, server, program.GetReactor(), StopMain);
-    NetworkWork work;
-    work.open = [&client] {
-        client.Start();
-        return std::string();
-    };
-    work.close = [&client] { client.Close(); };
-    const std::string error = program.Run(work);
-    if (!error.empty()) {
-        return Fail(error);
+    return tls;
+}
+
+// From the first connect to the last close. Ends when the client has nothing left to do or a signal
+// comes.
+int RunLoad(const Options& options, CNxServer& server) {
+    CNxAutoPtr<CNxTlsContext> tls = MakeTls(options, server);
+    if (server.HasFailed()) {
+        return server.Run();
     }
-    PrintSummary(options, client.GetProgress(), program.GetSignal());
-    return GetExitStatus(options, client.GetProgress(), program.GetSignal());
+    INxReactor& loop = *server.GetGroup().GetReactor(0);
+    LoadClient client(options, std::move(tls), loop, [&server] { server.Stop(); });
+    server.SetOnStop([&] { NxSendCall(loop, [&client] { client.Close(); }); });
+    const auto started = NxSendCall(loop, [&client] { return client.Start(); });
+    if (!started || !started.GetValue()) {
+        server.Fail("cannot watch its connections");
+    }
+    const int status = server.Run();
+    if (status != 0) {
+        return status;
+    }
+    PrintSummary(options, client.GetProgress(), server.GetSignal());
+    return GetExitStatus(options, client.GetProgress(), server.GetSignal());
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Standard output is the program's own.
+    CNxOwnLines::Send(CNxOwnLines::TO_TRACE);
     Options options;
     if (const auto status = Describe(options).Read(argc, argv)) {
         return *status;
     }
+    CNxServerOptions serverOptions;
     // The rest is for the library and the standard streams.
-    if (!AllowDescriptors(options.connections + 64)) {
-        return Fail("the limit of open files (ulimit -n) is too low for that many connections");
-    }
-    Program program;
-    if (!program.Init(argc, argv) ||
-        !program.StartNetwork(CNxThreadManager::CreateNetworkReactor())) {
-        return Fail("cannot start the network thread");
-    }
+    serverOptions.descriptors = static_cast<unsigned>(options.connections) + 64;
+    serverOptions.loops.name = "load";
+    serverOptions.stopLimit = CNxTimeValue::s_tvZero();
+    CNxServer server(argc, argv, serverOptions);
     try {
-        return RunLoad(options, program);
+        return RunLoad(options, server);
     } catch (const std::bad_alloc&) {
         return Fail("not enough memory for that many connections, keys or bytes of values");
     }

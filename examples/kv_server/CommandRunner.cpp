@@ -1,10 +1,9 @@
 #include <kv_server/CommandRunner.h>
-#include <strings.h>
 
 #include <algorithm>
-#include <cassert>
 #include <cctype>
 #include <ctime>
+#include <new>
 
 namespace kv_server {
 
@@ -47,8 +46,12 @@ constexpr CommandRunner::Command CommandRunner::s_commands[] = {
     {"QUIT", 1, c_maxArguments, &CommandRunner::Quit},
 };
 
+// The name is in capitals, whose fifth bit is all that small letters differ in.
 bool CommandRunner::EqualsNoCase(std::string_view text, std::string_view name) {
-    return text.size() == name.size() && strncasecmp(text.data(), name.data(), name.size()) == 0;
+    constexpr int c_toCapital = ~0x20;
+    return text.size() == name.size() &&
+           std::equal(text.begin(), text.end(), name.begin(),
+                      [](char c, char capital) { return (c & c_toCapital) == capital; });
 }
 
 // The busiest come first in the table, and their lengths differ from most others'.
@@ -60,51 +63,48 @@ const CommandRunner::Command* CommandRunner::FindCommand(std::string_view name) 
     return found != std::end(s_commands) ? found : nullptr;
 }
 
-bool CommandRunner::MayGoOn(const Batch& batch) const {
-    return batch.HasCommands() && !m_quit && !IsGivenUp() && m_visited < c_visitedAtOnce &&
-           batch.replies.GetSize() < c_maxWaiting;
-}
-
-void CommandRunner::Run(Batch& batch) {
+ERun CommandRunner::Run(RequestParser& parser, CNxMessageChain& input, std::size_t waiting,
+                        CNxMessageChain& replies) {
     m_quit = false;
     m_visited = 0;
+    const std::size_t most = c_maxWaiting - std::min(waiting, c_maxWaiting);
+    ERun end = ERun::QUIT;
     try {
-        while (MayGoOn(batch)) {
-            RunNext(batch);
-        }
-        if (!m_quit && !batch.HasCommands() && !batch.error.empty()) {
-            ReplyWriter(batch.replies).WriteError("ERR " + batch.error);
-            batch.error.clear();
-            m_quit = true;
+        end = RunAll(parser, input, most, replies);
+        if (!parser.GetError().empty()) {
+            ReplyWriter(replies).WriteError("ERR " + parser.GetError());
+            end = ERun::QUIT;
         }
     } catch (const std::bad_alloc&) {
-        m_quit = true;
+        // Not even an error reply.
     }
-    batch.quit = m_quit;
+    parser.Finish(input);
+    return end;
+}
+
+ERun CommandRunner::RunAll(RequestParser& parser, CNxMessageChain& input, std::size_t most,
+                           CNxMessageChain& replies) {
+    while (parser.Next(input, m_arguments)) {
+        RunNext(replies);
+        if (m_quit) {
+            return ERun::QUIT;
+        }
+        if (replies.GetSize() >= most || m_visited >= c_visitedAtOnce) {
+            return ERun::EARLY;
+        }
+    }
+    return ERun::ALL;
 }
 
 // With room for every short reply a command that has changed something can always say so.
-void CommandRunner::RunNext(Batch& batch) {
-    batch.replies.Reserve(c_shortReply);
-    ReplyWriter reply(batch.replies);
+void CommandRunner::RunNext(CNxMessageChain& replies) {
+    replies.MakeSpace(c_shortReply);
+    ReplyWriter reply(replies);
+    ++m_processed;
     try {
-        TakeArguments(batch);
-        ++batch.next;
-        ++m_processed;
         RunOne(reply);
     } catch (const std::bad_alloc&) {
         reply.WriteError("ERR out of memory");
-    }
-}
-
-void CommandRunner::TakeArguments(const Batch& batch) {
-    const CommandList& list = batch.commands;
-    assert(batch.bytes != nullptr && list.ends.back() == list.arguments.size());
-    m_arguments.clear();
-    for (std::size_t i = batch.next > 0 ? list.ends[batch.next - 1] : 0; i < list.ends[batch.next];
-         ++i) {
-        const CommandList::Slice& slice = list.arguments[i];
-        m_arguments.emplace_back(batch.bytes->GetReadPtr() + slice.offset, slice.size);
     }
 }
 
@@ -188,7 +188,7 @@ void CommandRunner::Config(ReplyWriter& reply) {
             return MatchesGlob(ToLower(p), name, steps);
         });
     };
-    examples::BlockChain found;
+    CNxMessageChain found;
     ReplyWriter writer(found);
     std::size_t count = 0;
     for (const auto& [name, value] : parameters) {

@@ -10,38 +10,42 @@
 #include <cstdint>
 #include <ctime>
 #include <string_view>
-#include <vector>
 
 namespace kv_server {
 
-// What INFO tells of the connections. Counted on the network thread, read on the store's.
+constexpr std::size_t c_maxWaiting = 4UL << 20;  // bytes of replies that wait for a client
+
+// What INFO tells of the connections.
 struct Stats {
     const std::time_t startedAt = std::time(nullptr);
     std::atomic<std::uint64_t> connected{0};
     std::atomic<std::uint64_t> accepted{0};
     std::atomic<std::uint64_t> refused{0};
-    unsigned short port = 0;  // set before there are clients
+    std::atomic<unsigned short> port{0};
 };
 
-// Belongs to the store's thread; the store and the numbers outlive it.
+// How a run has ended.
+enum class ERun {
+    ALL,    // every command that is complete was run
+    EARLY,  // others are to have their turn; then it goes on
+    QUIT,   // the client is to be let go after these replies
+};
+
+// Belongs to one thread at a time, as the store; that and the numbers outlive it.
 class CommandRunner {
 public:
     CommandRunner(KvStore& store, const Stats& stats) : m_store(store), m_stats(stats) {}
 
-    // Runs the commands of the batch in their order, writes a reply for each, and, after the last,
-    // the error of the input. Stops early when c_maxWaiting bytes of replies have come together, or
-    // when it took long: the batch then still has commands, to be run when the client has taken
-    // these and others had their turn.
+    // Runs the commands at the front of the input in their order, takes them off, and writes a
+    // reply for each, behind the last one what is wrong with the input. EARLY when c_maxWaiting
+    // bytes of replies wait, with `waiting` that do already, or when it took long.
     //
     // A command that finds no memory has changed nothing and gets an error reply; the client is let
     // go where there is none even for that.
-    void Run(Batch& batch);
-
-    // Any thread: from now on Run does as little as it can.
-    void GiveUp() { m_isGivenUp.store(true, std::memory_order_relaxed); }
+    ERun Run(RequestParser& parser, CNxMessageChain& input, std::size_t waiting,
+             CNxMessageChain& replies);
 
 private:
-    using Arguments = std::vector<std::string_view>;
     struct Command {
         std::string_view name;
         std::size_t minArguments;  // with the name
@@ -57,10 +61,9 @@ private:
 
     static const Command* FindCommand(std::string_view name);
     static bool EqualsNoCase(std::string_view text, std::string_view name);
-    bool MayGoOn(const Batch& batch) const;
-    bool IsGivenUp() const { return m_isGivenUp.load(std::memory_order_relaxed); }
-    void RunNext(Batch& batch);
-    void TakeArguments(const Batch& batch);
+    ERun RunAll(RequestParser& parser, CNxMessageChain& input, std::size_t most,
+                CNxMessageChain& replies);
+    void RunNext(CNxMessageChain& replies);
     void RunOne(ReplyWriter& reply);
 
     void Ping(ReplyWriter& reply);
@@ -87,11 +90,10 @@ private:
 
     KvStore& m_store;
     const Stats& m_stats;
-    Arguments m_arguments;  // of the current command, its name first
+    Arguments m_arguments;  // of the current command
     std::uint64_t m_processed = 0;
     std::size_t m_visited = 0;  // keys that this Run has walked over
     bool m_quit = false;
-    std::atomic<bool> m_isGivenUp{false};
 };
 
 }  // namespace kv_server

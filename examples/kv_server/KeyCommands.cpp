@@ -35,7 +35,7 @@ void CommandRunner::Set(ReplyWriter& reply) {
             return;
         }
     }
-    m_store.Set(key, Value(m_arguments[2]), options.expiresAt);
+    m_store.Set(key, m_arguments[2], options.expiresAt);
     reply.WriteStatus("OK");
 }
 
@@ -105,7 +105,7 @@ void CommandRunner::Add(long change, ReplyWriter& reply) {
         reply.WriteError("ERR increment or decrement would overflow");
         return;
     }
-    m_store.Set(m_arguments[1], Value(std::to_string(number)), KvStore::c_keepExpiry);
+    m_store.Set(m_arguments[1], std::to_string(number), KvStore::c_keepExpiry);
     reply.WriteNumber(number);
 }
 
@@ -137,7 +137,7 @@ void CommandRunner::Ttl(ReplyWriter& reply) {
 void CommandRunner::Keys(ReplyWriter& reply) {
     std::size_t count = 0;
     std::size_t steps = c_stepsBefore;
-    examples::BlockChain names;
+    CNxMessageChain names;
     ReplyWriter writer(names);
     m_store.ForEachKey([&](std::string_view key) {
         steps += c_stepsPerByte * (key.size() + 1);
@@ -146,14 +146,10 @@ void CommandRunner::Keys(ReplyWriter& reply) {
             ++count;
         }
         ++m_visited;
-        return steps > 0 && !IsGivenUp();
+        return steps > 0;
     });
     if (steps == 0) {
         reply.WriteError("ERR pattern takes too long to match");
-        return;
-    }
-    if (IsGivenUp()) {
-        reply.WriteError("ERR server is stopping");
         return;
     }
     reply.WriteArraySize(count);

@@ -1,8 +1,7 @@
 #include <kv_server/KeyHash.h>
-#include <sys/random.h>
 
-#include <chrono>
 #include <cstring>
+#include <random>
 
 namespace kv_server {
 
@@ -42,23 +41,6 @@ struct SipState {
     }
 };
 
-struct Seed {
-    std::uint64_t words[2] = {};
-
-    // The system may refuse for a moment (EINTR); after that the clock and where the program was
-    // loaded have to do.
-    Seed() {
-        for (int tries = 0; tries < 100; ++tries) {
-            if (getrandom(words, sizeof(words), 0) == static_cast<ssize_t>(sizeof(words))) {
-                return;
-            }
-        }
-        words[0] =
-            static_cast<std::uint64_t>(std::chrono::system_clock::now().time_since_epoch().count());
-        words[1] = reinterpret_cast<std::uintptr_t>(this);
-    }
-};
-
 }  // namespace
 
 std::uint64_t SipHash(std::uint64_t key0, std::uint64_t key1, std::string_view text, int wordRounds,
@@ -79,9 +61,15 @@ std::uint64_t SipHash(std::uint64_t key0, std::uint64_t key1, std::string_view t
     return state.a ^ state.b ^ state.c ^ state.d;
 }
 
+KeyHash::KeyHash() {
+    std::random_device device;
+    for (std::uint64_t& word : m_key) {
+        word = std::uint64_t{device()} << 32 | device();
+    }
+}
+
 std::size_t KeyHash::operator()(const std::string& key) const {
-    static const Seed s_seed;
-    return SipHash(s_seed.words[0], s_seed.words[1], key, c_wordRounds, c_lastRounds);
+    return SipHash(m_key[0], m_key[1], key, c_wordRounds, c_lastRounds);
 }
 
 }  // namespace kv_server

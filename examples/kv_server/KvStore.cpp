@@ -2,12 +2,16 @@
 
 #include <algorithm>
 #include <cassert>
-#include <cstddef>
-#include <utility>
+#include <new>
 
 namespace kv_server {
 
 namespace {
+
+constexpr std::size_t c_sharedFrom = 4096;
+
+// More that is not used is given back.
+constexpr std::size_t c_keptCapacity = 64;
 
 // Matches one byte against the pattern's element at `position`, which goes after that element.
 bool MatchSet(std::string_view pattern, std::size_t& position, char byte) {
@@ -45,6 +49,25 @@ bool MatchOne(std::string_view pattern, std::size_t& position, char byte) {
 
 }  // namespace
 
+void Value::Set(std::string_view bytes) {
+    if (bytes.size() >= c_sharedFrom) {
+        CNxDataBlock* block = nullptr;
+        if (CNxDataBlock::CreateInstance(block, bytes.size(), bytes.data()) != NX_OK) {
+            throw std::bad_alloc();
+        }
+        m_large = CNxAutoPtr<CNxDataBlock>::Adopt(block);
+        m_small = std::string();
+        return;
+    }
+    // Mostly it fits where the last one was.
+    if (m_small.capacity() <= 2 * bytes.size() + c_keptCapacity) {
+        m_small.assign(bytes);
+    } else {
+        m_small = std::string(bytes);
+    }
+    m_large = nullptr;
+}
+
 KvStore::Entries::iterator KvStore::FindLiving(std::string_view key) {
     m_key = key;
     const auto found = m_entries.find(m_key);
@@ -60,31 +83,27 @@ const Value* KvStore::Find(std::string_view key) {
     return found != m_entries.end() ? &found->second.value : nullptr;
 }
 
-void KvStore::Set(std::string_view key, Value value, std::int64_t expiry) {
-    const auto found = FindLiving(key);
-    if (found == m_entries.end()) {
-        Add(std::move(value), expiry);
+void KvStore::Set(std::string_view key, std::string_view value, std::int64_t expiry) {
+    auto found = FindLiving(key);
+    const bool isNew = found == m_entries.end();
+    if (!isNew && (expiry == c_keepExpiry || expiry == found->second.expiry)) {
+        found->second.value.Set(value);
         return;
     }
-    if (expiry > c_never) {
-        Expire(found, expiry);
-    } else if (expiry == c_never) {
-        DropExpiry(found->second);
+    Value made;
+    made.Set(value);
+    if (isNew) {
+        found = m_entries.emplace(m_key, Entry()).first;
     }
-    found->second.value = std::move(value);
-}
-
-// For m_key, which is not there.
-void KvStore::Add(Value value, std::int64_t expiry) {
-    const auto added = m_entries.emplace(m_key, Entry{std::move(value), std::nullopt}).first;
     try {
-        if (expiry > c_never) {
-            Expire(added, expiry);
-        }
+        Expire(found, std::max(expiry, c_never));
     } catch (const std::bad_alloc&) {
-        Erase(added);
+        if (isNew) {
+            m_entries.erase(found);
+        }
         throw;
     }
+    found->second.value = std::move(made);
 }
 
 bool KvStore::Delete(std::string_view key) {
@@ -105,49 +124,47 @@ bool KvStore::SetExpiry(std::string_view key, std::int64_t time) {
     return true;
 }
 
+// Or never.
 void KvStore::Expire(Entries::iterator found, std::int64_t time) {
-    const auto expiry = m_expiries.emplace(time, &found->first);
-    DropExpiry(found->second);
-    found->second.expiry = expiry;
+    std::int64_t& expiry = found->second.expiry;
+    if (time == expiry) {
+        return;
+    }
+    if (time != c_never) {
+        m_expiries.emplace(time, &found->first);
+    }
+    m_expiries.erase({expiry, &found->first});
+    expiry = time;
 }
 
 std::optional<std::int64_t> KvStore::GetExpiry(std::string_view key) {
     const auto found = FindLiving(key);
-    if (found == m_entries.end() || !found->second.expiry.has_value()) {
+    if (found == m_entries.end() || found->second.expiry == c_never) {
         return std::nullopt;
     }
-    return (*found->second.expiry)->first;
+    return found->second.expiry;
 }
 
 void KvStore::Clear() {
-    m_entries.clear();
     m_expiries.clear();
-}
-
-std::optional<std::int64_t> KvStore::GetNextExpiry() const {
-    return m_expiries.empty() ? std::nullopt : std::optional(m_expiries.begin()->first);
+    m_entries.clear();
 }
 
 std::size_t KvStore::RemoveExpired(std::size_t limit) {
     std::size_t removed = 0;
-    while (removed < limit && !m_expiries.empty() && m_expiries.begin()->first <= m_now) {
+    for (; removed < limit && !m_expiries.empty() && m_expiries.begin()->first <= m_now;
+         ++removed) {
         const auto found = m_entries.find(*m_expiries.begin()->second);
-        assert(found != m_entries.end() && found->second.expiry == m_expiries.begin());
+        assert(found != m_entries.end() && found->second.expiry == m_expiries.begin()->first);
         Erase(found);
-        ++removed;
     }
     return removed;
 }
 
-void KvStore::DropExpiry(Entry& entry) {
-    if (entry.expiry.has_value()) {
-        m_expiries.erase(*entry.expiry);
-        entry.expiry.reset();
-    }
-}
-
 void KvStore::Erase(Entries::iterator found) {
-    DropExpiry(found->second);
+    if (found->second.expiry != c_never) {
+        m_expiries.erase({found->second.expiry, &found->first});
+    }
     m_entries.erase(found);
     assert(m_expiries.size() <= m_entries.size());
 }

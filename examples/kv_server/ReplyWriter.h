@@ -14,29 +14,35 @@ namespace kv_server {
 class ReplyWriter {
 public:
     // Writes after what is in the chain, which outlives the writer.
-    explicit ReplyWriter(examples::BlockChain& out) : m_out(out) {}
+    explicit ReplyWriter(CNxMessageChain& out) : m_out(out) {}
 
     // The texts of both must not contain a line end; that of an error is the whole of it ("ERR
     // ...").
     void WriteStatus(std::string_view text) { WriteLine('+', text); }
     void WriteError(std::string_view text) { WriteLine('-', text); }
 
-    void WriteNumber(long number) { m_out.Write({NumberLine(':', number).Get()}); }
-    void WriteNil() { m_out.Write({"$-1\r\n"}); }
+    void WriteNumber(long number) { m_out.Append(NumberLine(':', number).Get()); }
+    void WriteNil() { m_out.Append("$-1\r\n"); }
     void WriteBulk(std::string_view bytes) {
         NumberLine line('$', bytes.size());
-        m_out.Write({line.Get(), bytes, "\r\n"});
+        m_out.Append({line.Get(), bytes, "\r\n"});
     }
     void WriteBulk(const Value& value) {
-        NumberLine line('$', value.GetBytes().size());
-        value.AppendTo(m_out, line.Get(), "\r\n");
+        if (!value.IsShared()) {
+            WriteBulk(value.GetBytes());
+            return;
+        }
+        CNxMessageChain whole(NumberLine('$', value.GetBytes().size()).Get());
+        value.ShareTo(whole);
+        whole.Append("\r\n");
+        m_out.Append(std::move(whole));
     }
 
     // To be followed by that many replies.
-    void WriteArraySize(std::size_t size) { m_out.Write({NumberLine('*', size).Get()}); }
+    void WriteArraySize(std::size_t size) { m_out.Append(NumberLine('*', size).Get()); }
 
     // Replies that were written elsewhere.
-    void WriteReplies(examples::BlockChain&& replies) { m_out.Append(std::move(replies)); }
+    void WriteReplies(CNxMessageChain&& replies) { m_out.Append(std::move(replies)); }
 
 private:
     class NumberLine {
@@ -57,10 +63,10 @@ private:
     };
 
     void WriteLine(char type, std::string_view text) {
-        m_out.Write({std::string_view(&type, 1), text, "\r\n"});
+        m_out.Append({std::string_view(&type, 1), text, "\r\n"});
     }
 
-    examples::BlockChain& m_out;
+    CNxMessageChain& m_out;
 };
 
 }  // namespace kv_server

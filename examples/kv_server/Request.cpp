@@ -9,15 +9,11 @@ namespace kv_server {
 
 namespace {
 
-// Longer than any number that can be meant.
-constexpr std::size_t c_maxHeader = 32;
+// Slices that are kept for the next command.
+constexpr std::size_t c_keptSlices = 64;
 
 bool IsBlank(char c) {
     return c == ' ' || c == '\t';
-}
-
-std::string_view GetBytes(const CNxMessageBlock& block) {
-    return {block.GetReadPtr(), block.GetLength()};
 }
 
 }  // namespace
@@ -34,224 +30,180 @@ std::string ToShown(std::string_view text) {
     return shown;
 }
 
-std::size_t RequestParser::Parse(std::string_view input, CommandList& out) {
-    std::size_t consumed = 0;
-    while (m_error.empty()) {
-        const EStep step = Step(input.substr(consumed));
-        if (step == EStep::SHORT) {
-            break;
-        }
-        if (step == EStep::COMPLETE) {
-            for (const CommandList::Slice& slice : m_arguments) {
-                const std::size_t offset = consumed + slice.offset;
-                out.arguments.push_back({static_cast<std::uint32_t>(offset), slice.size});
-            }
-            if (!m_arguments.empty()) {
-                out.ends.push_back(out.arguments.size());
-            }
-            consumed += m_position;
-            assert(consumed <= input.size());
-            m_arguments.clear();
-            m_state = EState::BEGIN;
-            m_position = m_scanned = m_needed = 0;
-        }
-    }
-    return consumed;
-}
+struct RequestParser::HeaderErrors {
+    const char* invalid;
+    const char* tooBig;
+};
 
-RequestParser::EStep RequestParser::Step(std::string_view command) {
-    switch (m_state) {
-        case EState::BEGIN:
-            return Begin(command);
-        case EState::INLINE:
-            return ReadInline(command);
-        case EState::COUNT:
-            return ReadCount(command);
-        case EState::BULK_SIZE:
-            return ReadBulkSize(command);
-        default:
-            return ReadBulk(command);
-    }
-}
+const RequestParser::HeaderErrors RequestParser::c_countErrors{"invalid multibulk length",
+                                                               "too big mbulk count string"};
+const RequestParser::HeaderErrors RequestParser::c_bulkErrors{"invalid bulk length",
+                                                              "too big bulk count string"};
 
-RequestParser::EStep RequestParser::Begin(std::string_view command) {
-    if (command.empty()) {
-        return EStep::SHORT;
+bool RequestParser::Next(CNxMessageChain& input, Arguments& out) {
+    EStep step = EStep::ON;
+    while (step == EStep::ON) {
+        step = m_left != 0 ? ReadBulk(input) : Begin(input);
     }
-    m_state = command[0] == '*' ? EState::COUNT : EState::INLINE;
-    return EStep::ON;
-}
-
-RequestParser::EStep RequestParser::ReadInline(std::string_view command) {
-    std::string_view line;
-    if (!TakeLine(command, c_maxInline, line)) {
-        return command.size() > c_maxInline ? Fail("too big inline request") : EStep::SHORT;
-    }
-    return SplitWords(line) ? EStep::COMPLETE : EStep::ON;
-}
-
-RequestParser::EStep RequestParser::ReadCount(std::string_view command) {
-    std::string_view line;
-    if (!TakeLine(command, c_maxHeader, line)) {
-        return command.size() > c_maxHeader ? Fail("too big mbulk count string") : EStep::SHORT;
-    }
-    long count = 0;
-    if (!ToNumber(line.substr(1), count) || count > static_cast<long>(c_maxArguments)) {
-        return Fail("invalid multibulk length");
-    }
-    if (count <= 0) {
-        return EStep::COMPLETE;
-    }
-    m_argumentsLeft = static_cast<std::size_t>(count);
-    m_state = EState::BULK_SIZE;
-    return EStep::ON;
-}
-
-RequestParser::EStep RequestParser::ReadBulkSize(std::string_view command) {
-    if (command.size() > m_position && command[m_position] != '$') {
-        return Fail("expected '$', got '" + ToShown(command.substr(m_position, 1)) + "'");
-    }
-    const std::size_t begin = m_position;
-    std::string_view line;
-    if (!TakeLine(command, c_maxHeader, line)) {
-        return command.size() - begin > c_maxHeader ? Fail("too big bulk count string")
-                                                    : EStep::SHORT;
-    }
-    long size = 0;
-    if (!ToNumber(line.substr(1), size) || size < 0 || size > static_cast<long>(c_maxBulk)) {
-        return Fail("invalid bulk length");
-    }
-    m_bulkSize = static_cast<std::size_t>(size);
-    m_needed = m_position + m_bulkSize + 2;
-    if (m_needed > c_maxCommand) {
-        return Fail("command too big");
-    }
-    m_state = EState::BULK;
-    return EStep::ON;
-}
-
-RequestParser::EStep RequestParser::ReadBulk(std::string_view command) {
-    if (command.size() < m_needed) {
-        return EStep::SHORT;
-    }
-    if (command.substr(m_needed - 2, 2) != "\r\n") {
-        return Fail("expected CRLF after bulk string");
-    }
-    assert(m_argumentsLeft > 0 && m_arguments.size() < c_maxArguments);
-    AddArgument(m_position, m_bulkSize);
-    m_position = m_scanned = m_needed;
-    m_state = EState::BULK_SIZE;
-    return --m_argumentsLeft == 0 ? EStep::COMPLETE : EStep::ON;
-}
-
-// The line at the current position, without its end, CR LF or a bare LF; the position goes after
-// it. False when it has not ended within `maxSize` bytes.
-bool RequestParser::TakeLine(std::string_view command, std::size_t maxSize,
-                             std::string_view& line) {
-    const std::size_t end = command.find('\n', std::max(m_scanned, m_position));
-    if (end == std::string_view::npos || end - m_position > maxSize) {
-        m_scanned = command.size();
+    if (step == EStep::SHORT) {
         return false;
     }
-    line = command.substr(m_position, end - m_position);
-    if (!line.empty() && line.back() == '\r') {
-        line.remove_suffix(1);
+    const std::string_view command = Gather(input, m_position);
+    out.clear();
+    for (const Slice& slice : m_slices) {
+        out.push_back(command.substr(slice.offset, slice.size));
     }
-    m_position = m_scanned = end + 1;
+    m_begin += std::exchange(m_position, 0);
     return true;
 }
 
+void RequestParser::Finish(CNxMessageChain& input) {
+    input.Consume(std::exchange(m_begin, 0));
+}
+
+// What is there from the position on in one piece: a header is seen as a whole.
+std::string_view RequestParser::Look(const CNxMessageChain& input, std::size_t position) {
+    const std::string_view front = input.GetFront();
+    const std::size_t at = m_begin + position;
+    if (at + sizeof(m_look) <= front.size() || front.size() == input.GetSize()) {
+        return front.substr(std::min(at, front.size()));
+    }
+    return {m_look, input.Copy(m_look, sizeof(m_look), at)};
+}
+
+// The first bytes of the command, all there, in one piece.
+std::string_view RequestParser::Gather(CNxMessageChain& input, std::size_t size) {
+    if (m_begin + size > input.GetFront().size()) {
+        Finish(input);
+        return input.Flatten(size);
+    }
+    return input.GetFront().substr(m_begin, size);
+}
+
+RequestParser::EStep RequestParser::Begin(CNxMessageChain& input) {
+    if (m_begin == input.GetSize()) {
+        return EStep::SHORT;
+    }
+    if (m_slices.capacity() > c_keptSlices) {
+        m_slices = {};
+    }
+    m_slices.clear();
+    if (Look(input, 0)[0] != '*') {
+        return ReadInline(input);
+    }
+    long count = 0;
+    const EStep step = ReadHeader(input, c_maxArguments, c_countErrors, count);
+    if (step == EStep::ON && count <= 0) {
+        m_begin += std::exchange(m_position, 0);
+    } else if (step == EStep::ON) {
+        m_left = static_cast<std::size_t>(count);
+    }
+    return step;
+}
+
+RequestParser::EStep RequestParser::ReadInline(CNxMessageChain& input) {
+    const std::size_t end = input.Find('\n', m_begin + m_scanned);
+    const bool isThere = end != CNxMessageChain::c_notFound;
+    const std::size_t size = (isThere ? end : input.GetSize()) - m_begin;
+    if (size > c_maxInline) {
+        return Fail("too big inline request");
+    }
+    m_scanned = isThere ? 0 : size;
+    if (!isThere) {
+        return EStep::SHORT;
+    }
+    m_position = size + 1;
+    std::string_view line = Gather(input, size);
+    if (!line.empty() && line.back() == '\r') {
+        line.remove_suffix(1);
+    }
+    const EStep step = SplitWords(line);
+    if (step == EStep::COMPLETE && m_slices.empty()) {
+        m_begin += std::exchange(m_position, 0);
+        return EStep::ON;
+    }
+    return step;
+}
+
 // Words are parted by blanks; one in single or double quotes may contain them.
-bool RequestParser::SplitWords(std::string_view line) {
-    std::size_t i = 0;
-    for (;;) {
+RequestParser::EStep RequestParser::SplitWords(std::string_view line) {
+    for (std::size_t i = 0;;) {
         while (i < line.size() && IsBlank(line[i])) {
             ++i;
         }
         if (i == line.size()) {
-            return true;
+            return EStep::COMPLETE;
         }
         const bool quoted = line[i] == '"' || line[i] == '\'';
         const std::size_t begin = quoted ? i + 1 : i;
         const std::size_t end = quoted ? line.find(line[i], begin) : line.find_first_of(" \t", i);
         if (quoted &&
             (end == std::string_view::npos || (end + 1 < line.size() && !IsBlank(line[end + 1])))) {
-            Fail("unbalanced quotes in request");
-            return false;
+            return Fail("unbalanced quotes in request");
+        }
+        if (m_slices.size() == c_maxArguments) {
+            return Fail("too many arguments");
         }
         const std::size_t size = line.substr(begin, end - begin).size();
-        if (!AddArgument(begin, size)) {
-            return false;
-        }
+        m_slices.push_back({static_cast<std::uint32_t>(begin), static_cast<std::uint32_t>(size)});
         i = begin + size + (quoted ? 1 : 0);
     }
 }
 
-bool RequestParser::AddArgument(std::size_t offset, std::size_t size) {
-    if (m_arguments.size() == c_maxArguments) {
-        Fail("too many arguments");
-        return false;
+// The number in the line at the position, behind its type; ends with CR LF or a bare LF.
+RequestParser::EStep RequestParser::ReadHeader(const CNxMessageChain& input, long most,
+                                               const HeaderErrors& errors, long& number) {
+    const std::string_view text = Look(input, m_position).substr(0, c_maxHeader + 1);
+    const std::size_t end = text.find('\n');
+    if (end == std::string_view::npos) {
+        return text.size() > c_maxHeader ? Fail(errors.tooBig) : EStep::SHORT;
     }
-    m_arguments.push_back({static_cast<std::uint32_t>(offset), static_cast<std::uint32_t>(size)});
-    return true;
-}
-
-RequestParser::EStep RequestParser::Fail(std::string error) {
-    m_error = "Protocol error: " + std::move(error);
+    const std::size_t size = end > 1 && text[end - 1] == '\r' ? end - 1 : end;
+    if (!ToNumber(text.substr(1, size - 1), number) || number > most) {
+        return Fail(errors.invalid);
+    }
+    m_position += end + 1;
     return EStep::ON;
 }
 
-void RequestReader::Take(std::string_view received, Batch& batch) {
-    if (!m_parser.GetError().empty()) {
-        return;
-    }
-    assert(!batch.HasCommands());
-    batch.Clear();
-    // Mostly nothing is left over from before, and the shared buffer is parsed where it stands.
-    if (m_partial != nullptr) {
-        Keep(received);
-    }
-    const std::string_view input = m_partial != nullptr ? GetBytes(*m_partial) : received;
-    const std::size_t consumed = m_parser.Parse(input, batch.commands);
-    batch.error = m_parser.GetError();
-    const std::string_view rest = batch.error.empty() ? input.substr(consumed) : "";
-    if (consumed == 0) {
-        if (m_partial == nullptr && !rest.empty()) {
-            Keep(rest);
+RequestParser::EStep RequestParser::ReadBulk(CNxMessageChain& input) {
+    const std::size_t there = input.GetSize() - m_begin;
+    if (m_bulkSize == c_noBulk) {
+        if (there == m_position) {
+            return EStep::SHORT;
         }
-        return;
+        const char type = Look(input, m_position)[0];
+        if (type != '$') {
+            return Fail("expected '$', got '" + ToShown({&type, 1}) + "'");
+        }
+        long size = 0;
+        const EStep step = ReadHeader(input, c_maxBulk, c_bulkErrors, size);
+        if (step != EStep::ON || size < 0) {
+            return step != EStep::ON ? step : Fail(c_bulkErrors.invalid);
+        }
+        m_bulkSize = static_cast<std::size_t>(size);
     }
-    examples::ChainPtr bytes = std::move(m_partial);
-    if (bytes == nullptr) {
-        bytes = examples::MakeBlock(consumed);
-        examples::Fill(*bytes, received.substr(0, consumed));
+    const std::size_t end = m_position + m_bulkSize;
+    if (end + 2 > c_maxCommand) {
+        return Fail("command too big");
     }
-    if (!rest.empty()) {
-        Keep(rest);
+    if (there < end + 2) {
+        return EStep::SHORT;
     }
-    batch.bytes = std::move(bytes);
+    if (Look(input, end).substr(0, 2) != "\r\n") {
+        return Fail("expected CRLF after bulk string");
+    }
+    m_slices.push_back(
+        {static_cast<std::uint32_t>(m_position), static_cast<std::uint32_t>(m_bulkSize)});
+    m_position = end + 2;
+    m_bulkSize = c_noBulk;
+    return --m_left == 0 ? EStep::COMPLETE : EStep::ON;
 }
 
-void RequestReader::Keep(std::string_view bytes) {
-    const std::size_t kept = m_partial != nullptr ? m_partial->GetLength() : 0;
-    if (m_partial == nullptr || m_partial->GetSpace() < bytes.size()) {
-        Grow(kept + bytes.size());
-    }
-    examples::Fill(*m_partial, bytes);
-}
-
-// Doubling keeps the copying linear; the size of the command, once known, ends the growth.
-void RequestReader::Grow(std::size_t size) {
-    const std::size_t needed = m_parser.GetNeeded();
-    std::size_t capacity = 2 * size;
-    if (needed >= size && needed < capacity) {
-        capacity = needed;
-    }
-    examples::ChainPtr grown = examples::MakeBlock(capacity);
-    if (m_partial != nullptr) {
-        examples::Fill(*grown, GetBytes(*m_partial));
-    }
-    m_partial = std::move(grown);
+// The place stays where it is: nothing more is parsed.
+RequestParser::EStep RequestParser::Fail(std::string error) {
+    m_error = "Protocol error: " + std::move(error);
+    return EStep::SHORT;
 }
 
 }  // namespace kv_server

@@ -1,16 +1,17 @@
 // kv_server: an in-memory key-value server. See --help.
 //
-// The network thread has the sockets, the store's thread has the keys; batches of commands and
-// replies travel between them as events. The main thread only waits for the end.
+// Each loop runs the commands of its connections; the keys are shared (Service). The main thread
+// takes the signals.
 #include <common/CommandLine.h>
-#include <common/Program.h>
 #include <common/Trace.h>
-#include <kv_server/Options.h>
-#include <kv_server/Server.h>
-#include <nx/event/NxCall.h>
+#include <kv_server/Service.h>
 #include <nx/nx.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
+#include <exception>
+#include <optional>
 #include <string>
 
 namespace {
@@ -25,20 +26,24 @@ constexpr const char* c_usage =
     "\n"
     "  --bind ADDR               IPv4 or IPv6 address to listen on (127.0.0.1)\n"
     "  --port P                  port to listen on; 0 takes a free one (6379)\n"
+    "  --tls-port P              port for TLS, too; needs the next two\n"
+    "  --tls-cert FILE           certificate, PEM, with its chain behind it\n"
+    "  --tls-key FILE            its key, PEM\n"
+    "  --unix PATH               unix socket to listen on, too\n"
+    "  --threads N               loops that serve the clients; 0 for one for each processor (1)\n"
     "  --idle-timeout SECONDS    hang up on a client that was silent this long; 0 for\n"
     "                            never (300)\n"
     "  --max-clients N           clients at the same time; more are told so and hung up\n"
     "                            on (10000)\n"
     "  --client-memory MIB       memory for the commands and replies of all clients; who holds\n"
     "                            most is hung up on first when it is not enough (256)\n"
-    "  --reactor NAME            epoll, select (at most 1024 descriptors) or rtsig (epoll)\n"
     "  --shared-trace FILE       trace to this file, too; other processes may do the same\n"
     "  --help                    print this\n"
     "\n"
     "The section Server of conf/kv_server.cfg, beside the folder of this program, may hold\n"
     "the same options, without the dashes; the command line wins. Its section Trace says "
     "what\n"
-    "is traced to logs/; SIGHUP has it read again.\n"
+    "is traced to logs/; SIGHUP has it read again, and the certificate.\n"
     "\n"
     "Commands: PING ECHO SET (EX PX NX XX) GET DEL EXISTS INCR DECR EXPIRE TTL KEYS DBSIZE\n"
     "FLUSHALL INFO COMMAND CONFIG-GET QUIT.\n"
@@ -48,125 +53,178 @@ constexpr const char* c_usage =
     "options.\n";
 
 // For the library, the standard streams, and clients that are being refused.
-constexpr rlim_t c_otherDescriptors = 128;
+constexpr unsigned c_otherDescriptors = 128;
+constexpr std::size_t c_refusedAtOnce = 64;
 
-// Seconds. The server itself takes less; this is for what cannot be interrupted, the store deep in
-// its work or freeing millions of keys.
-constexpr unsigned c_stopLimit = 5;
+// What is under way has a little less; the rest is for what cannot be interrupted: a command deep
+// in its work, millions of keys being freed.
+constexpr CNxTimeValue c_stopLimit(4, 500000);
+constexpr unsigned c_stopSeconds = 5;
 
-int Fail(const std::string& what, int status = examples::c_statusFailed) {
-    examples::Trace(examples::c_traceError, what.c_str());
-    return examples::Fail(what, status);
-}
+constexpr std::uint64_t c_noPort = 65536;
+
+struct Options {
+    std::string bind = "127.0.0.1";
+    std::uint64_t port = 6379;
+    std::uint64_t tlsPort = c_noPort;
+    CNxTlsOptions tls;
+    std::string unixPath;
+    std::uint64_t threads = 1;
+    std::uint64_t idleTimeout = 300;
+    std::uint64_t maxClients = 10000;
+    std::uint64_t clientMemory = 256;
+    std::string sharedTrace;
+};
 
 CommandLine Describe(Options& options) {
     CommandLine line{};
     line.usage = c_usage;
     line.texts = {
         {"--bind", &options.bind},
-        {"--reactor", &options.reactor},
+        {"--tls-cert", &options.tls.certificateFile},
+        {"--tls-key", &options.tls.keyFile},
+        {"--unix", &options.unixPath},
         {"--shared-trace", &options.sharedTrace},
     };
     line.numbers = {
         {"--port", &options.port, 0, 65535},
+        {"--tls-port", &options.tlsPort, 0, 65535},
+        {"--threads", &options.threads, 0, 1024},
         {"--idle-timeout", &options.idleTimeout, 0, 31536000},
         {"--max-clients", &options.maxClients, 1, 1000000},
         {"--client-memory", &options.clientMemory, 1, 1048576},
     };
-    line.check = [&options] {
-        const std::string& reactor = options.reactor;
-        std::string error = examples::CheckAddress("bind", options.bind);
-        if (error.empty() && reactor != "epoll" && reactor != "select" && reactor != "rtsig") {
-            error = "reactor takes epoll, select or rtsig, not '" + reactor + "'";
-        }
-        return error;
-    };
     return line;
 }
 
-// The caller owns it.
-INxReactor* MakeReactor(const std::string& name) {
-    if (name == "select") {
-        return new CNxReactorSelect;
+std::string Check(const Options& options) {
+    const bool hasTls = options.tlsPort != c_noPort;
+    if (hasTls && (options.tls.certificateFile.empty() || options.tls.keyFile.empty())) {
+        return "--tls-port needs --tls-cert and --tls-key";
     }
-    return name == "rtsig" ? new CNxReactorRealTimeSignal
-                           : CNxThreadManager::CreateNetworkReactor();
+    return examples::CheckAddress("bind", options.bind);
 }
 
-void ReadTraceSwitches() {
+// The configuration file comes first, and the arguments win. Returns the status to end with, or
+// nothing when the program is to go on.
+std::optional<int> ReadOptions(Options& options, int argc, char** argv) {
+    Options unused;
+    if (const auto status = Describe(unused).Read(argc, argv)) {
+        return status;
+    }
+    trace_setting_init();
+    CommandLine line = Describe(options);
+    std::string error = line.ReadSection("Server");
+    error = error.empty() ? line.Parse(argc, argv) : error;
+    error = error.empty() ? Check(options) : error;
+    if (!error.empty()) {
+        return examples::Fail(examples::WithHint(error), examples::c_statusBadOptions);
+    }
+    return std::nullopt;
+}
+
+CNxServerOptions GetServerOptions(const Options& options) {
+    CNxServerOptions server;
+    server.loops.loops = static_cast<unsigned>(options.threads);
+    server.loops.name = "kv";
+    server.descriptors = static_cast<unsigned>(options.maxClients) + c_otherDescriptors;
+    server.stopLimit = c_stopLimit;
+    return server;
+}
+
+CNxListenOptions GetListenOptions(const Options& options) {
+    CNxListenOptions listen;
+    listen.connection.idleTimeout = CNxTimeValue(static_cast<long>(options.idleTimeout));
+    listen.connection.stallTimeout = listen.connection.idleTimeout;
+    listen.connection.highWater = c_maxWaiting;
+    listen.connection.lowWater = c_maxWaiting / 4;
+    // Who holds most of the memory for clients is dropped instead.
+    listen.connection.maxUnsent = 0;
+    listen.connection.maxUnread = c_maxCommand + c_maxInline;
+    listen.acceptor.maxConnections = options.maxClients + c_refusedAtOnce;
+    return listen;
+}
+
+void Start(CNxServer& server, Service& service) {
+    INxReactor* const loop = server.GetGroup().GetReactor(0);
+    if (loop == nullptr) {
+        return;  // What has failed is known.
+    }
+    const auto started = NxSendCall(*loop, [&] { return service.Start(*loop); });
+    if (!started || !started.GetValue()) {
+        server.Fail("cannot start its timers");
+    }
+}
+
+void Listen(CNxServer& server, Service& service, const Options& options) {
+    const auto makeSink = [&service] { return service.MakeSink(); };
+    CNxListenOptions listen = GetListenOptions(options);
+    const bool isV6 = options.bind.find(':') != std::string::npos;
+    const std::string host = (isV6 ? "[" + options.bind + "]" : options.bind) + ":";
+    if (server.Listen(host + std::to_string(options.port), makeSink, listen) == NX_OK) {
+        service.GetStats().port = server.GetGroup().GetEndpoint().GetPort();
+    }
+    if (!options.unixPath.empty()) {
+        server.Listen("unix:" + options.unixPath, makeSink, listen);
+    }
+    if (options.tlsPort != c_noPort) {
+        listen.connection.tls = server.MakeTls(options.tls);
+        server.Listen(host + std::to_string(options.tlsPort), makeSink, listen);
+    }
+}
+
+void Announce(const CNxReactorGroup& group) {
+    for (size_t i = 0; i < group.GetListeners(); ++i) {
+        const std::string endpoint = group.GetEndpoint(i).GetText();
+        std::printf("kv_server: listening on %s\n", endpoint.c_str());
+        examples::Trace(examples::c_traceInfo, "listening on ", endpoint.c_str());
+    }
+    std::fflush(stdout);
+}
+
+void OnReload() {
     refresh_trace_config();
     examples::Trace(examples::c_traceInfo, "trace switches read again");
 }
 
-std::string Listen(Server& server, const Options& options) {
-    std::string error = server.Open();
-    if (error.empty()) {
-        const std::string address = server.GetAddressText();
-        std::printf("kv_server: listening on %s\n", address.c_str());
-        examples::Trace(examples::c_traceInfo, "listening on ", address.c_str(), ", reactor ",
-                        options.reactor.c_str());
-        std::fflush(stdout);
-    }
-    return error;
+void OnStop(const Stats& stats) {
+    examples::Trace(examples::c_traceInfo, "stopping; clients ", stats.connected.load());
+    // No clean-up: it would wait for what has taken too long.
+    std::signal(SIGALRM, [](int) { _exit(0); });
+    alarm(c_stopSeconds);
 }
 
 // From listening to the end that a signal brings.
-int Serve(const Options& options, examples::Program& program, CNxThread& store) {
-    INxEventQueue& storeQueue = *store.GetEventQueue();
-    Stats stats;
-    StoreService service(*store.GetTimerQueue(), stats);
-    Server server(options, program.GetReactor(), storeQueue, service, stats,
-                  [] { CNxSignalStop::Instance()->Launch(SIGTERM); });
-    examples::NetworkWork work;
-    work.open = [&] { return Listen(server, options); };
-    work.close = [&] {
-        server.Close();
-        NxSendCall(storeQueue, [&service] { service.Close(); });
-    };
-    work.onStop = [&server] { server.Stop(); };
-    work.onHangUp = ReadTraceSwitches;
-    work.stopLimit = c_stopLimit;
-    const std::string error = program.Run(work);
+int Serve(const Options& options, int argc, char** argv) {
+    CNxServer server(argc, argv, GetServerOptions(options));
+    if (!options.sharedTrace.empty()) {
+        examples::ShareTrace(options.sharedTrace);
+    }
+    Service service(options.maxClients, options.clientMemory << 20);
+    Start(server, service);
+    Listen(server, service, options);
+    if (!server.HasFailed()) {
+        Announce(server.GetGroup());
+    }
+    server.SetOnReload(OnReload);
+    const Stats& stats = service.GetStats();
+    server.SetOnStop([&stats] { OnStop(stats); });
+    const int status = server.Run();
     examples::Trace(examples::c_traceInfo, "stopped; clients accepted ", stats.accepted.load(),
                     ", refused ", stats.refused.load());
-    return error.empty() ? 0 : Fail(error);
+    return status;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    examples::Program program({SIGINT, SIGTERM, SIGHUP});
-    Options options;
-    CommandLine line = Describe(options);
-    std::string error = line.Parse(argc, argv);
-    if (line.help) {
-        std::fputs(line.usage, stdout);
-        return 0;
+    // Standard output is the program's own.
+    CNxOwnLines::Send(CNxOwnLines::TO_TRACE);
+    try {
+        Options options;
+        const auto status = ReadOptions(options, argc, argv);
+        return status ? *status : Serve(options, argc, argv);
+    } catch (const std::exception& error) {
+        return examples::Fail(error.what());
     }
-    if (error.empty() && !program.Init(argc, argv)) {
-        return Fail("cannot start");
-    }
-    if (error.empty()) {
-        // Now that the configuration file is known: it comes first, and the arguments win.
-        options = Options();
-        error = line.ReadSection("Server");
-        error = error.empty() ? line.Parse(argc, argv) : error;
-    }
-    if (!error.empty()) {
-        return Fail(examples::WithHint(error), examples::c_statusBadOptions);
-    }
-    if (!options.sharedTrace.empty()) {
-        examples::ShareTrace(options.sharedTrace);
-    }
-    if (!examples::AllowDescriptors(options.maxClients + c_otherDescriptors)) {
-        return Fail("the limit of open files (ulimit -n) is too low for max-clients " +
-                    std::to_string(options.maxClients));
-    }
-    CNxThread* store = nullptr;
-    if (!program.StartNetwork(MakeReactor(options.reactor)) ||
-        CNxThreadManager::Instance()->CreateUserTaskThread(store, CNxThreadManager::FLAG_JOINABLE,
-                                                           1) != NX_OK) {
-        return Fail("cannot start its threads");
-    }
-    return Serve(options, program, *store);
 }

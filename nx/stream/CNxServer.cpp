@@ -135,7 +135,11 @@ private:
         signalfd_siginfo info{};
         ssize_t got = 0;
         while ((got = read(m_signals.GetHandle(), &info, sizeof(info))) == sizeof(info)) {
-            m_server.OnSignal(static_cast<int>(info.ssi_signo));
+            const int signo = static_cast<int>(info.ssi_signo);
+            if (m_server.m_signal == 0 && signo != SIGHUP) {
+                m_server.m_signal = signo;
+            }
+            m_server.OnSignal(signo);
         }
         return got == -1 && errno == EAGAIN;
     }

@@ -88,6 +88,9 @@ public:
     // ended: Run says so, and ends the process with status 1 by _exit(2).
     [[nodiscard]] int Run();
 
+    // The first SIGTERM or SIGINT that came; 0 for none. After Run.
+    int GetSignal() const { return m_signal; }
+
     // As a SIGTERM. Any thread. NX_OK; NX_ERROR_NOT_INITIALIZED when the server ends, or has not
     // started; NX_ERROR_FAILURE without memory.
     NxResult Stop();
@@ -114,6 +117,7 @@ private:
     std::unique_ptr<CSignals> m_signals;
     const CNxTimeValue m_stopLimit;
     CNxTimeValue m_stopStart;
+    int m_signal = 0;
     bool m_isStopping = false;
     bool m_isToEndNow = false;  // another signal came
     std::string m_error;

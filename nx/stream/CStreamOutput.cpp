@@ -16,6 +16,8 @@ constexpr size_t c_iovs = 64;
 // Up to here a range is read and goes out together with the bytes around it.
 constexpr size_t c_smallFile = 16384;
 
+constexpr size_t c_joinedFile = 65536;
+
 constexpr int c_flags = MSG_NOSIGNAL | MSG_DONTWAIT;
 
 }  // namespace
@@ -76,8 +78,10 @@ long CStreamOutput::SendBytes(int socket, bool& isFull) {
     msghdr message{};
     message.msg_iov = pieces;
     message.msg_iovlen = m_bytes.FillIov(pieces, c_iovs);
-    // What comes from a file goes into the same segment.
-    const int flags = c_flags | (m_files ? MSG_MORE : 0);
+    // What comes of a file goes into the same segment, unless there is so much of it that one
+    // segment more is nothing, and pages that are packed by themselves are cheaper.
+    const bool joins = m_files && m_files->list.front().size <= c_joinedFile;
+    const int flags = c_flags | (joins ? MSG_MORE : 0);
     const ssize_t sent = message.msg_iovlen == 1
                              ? send(socket, pieces[0].iov_base, pieces[0].iov_len, flags)
                              : sendmsg(socket, &message, flags);

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <kv_server/CommandRunner.h>
-#include <tests/examples/TakeText.h>
 
 #include <string>
 #include <string_view>
@@ -25,19 +24,23 @@ inline std::string ToRequest(const Words& words) {
 struct LocalKvServer {
     // Has the input run as far as it goes, and gives the replies.
     std::string Answer(std::string_view input) {
-        kv_server::Batch batch;
-        m_reader.Take(input, batch);
-        m_runner.Run(batch);
-        m_isOver = batch.quit;
-        return TakeText(batch.replies);
+        CNxMessageChain replies;
+        m_input.Append(input);
+        m_end = m_runner.Run(m_parser, m_input, 0, replies);
+        return replies.ToString();
     }
 
     // The same for input that comes in pieces of that size, until it is let go.
     std::string Answer(std::string_view input, size_t pieceSize) {
         std::string replies;
-        m_isOver = false;
-        for (size_t at = 0; at < input.size() && !m_isOver; at += pieceSize) {
-            replies += Answer(input.substr(at, pieceSize));
+        for (size_t at = 0; at < input.size() && m_end != kv_server::ERun::QUIT; at += pieceSize) {
+            const std::string_view piece = input.substr(at, pieceSize);
+            if (pieceSize % 2 == 0) {
+                m_input.Append(piece);
+            } else {  // In a block of its own.
+                m_input.Append(CNxMessageChain(piece));
+            }
+            replies += Answer("");
         }
         return replies;
     }
@@ -45,6 +48,7 @@ struct LocalKvServer {
     kv_server::KvStore m_store;
     kv_server::Stats m_stats;
     kv_server::CommandRunner m_runner{m_store, m_stats};
-    kv_server::RequestReader m_reader;
-    bool m_isOver = false;
+    kv_server::RequestParser m_parser;
+    CNxMessageChain m_input;
+    kv_server::ERun m_end = kv_server::ERun::ALL;
 };

@@ -14,13 +14,13 @@
 
 namespace {
 
-// On each reactor.
+// With one loop and with three.
 class KvServer : public testing::TestWithParam<const char*> {
 protected:
     explicit KvServer(std::vector<std::string> options = {}) : m_server(KV_SERVER, With(options)) {}
 
     static std::vector<std::string> With(std::vector<std::string> options) {
-        options.insert(options.end(), {"--port", "0", "--reactor", GetParam()});
+        options.insert(options.end(), {"--port", "0", "--threads", GetParam()});
         return options;
     }
 
@@ -141,27 +141,6 @@ TEST_P(KvServer, SigtermAnswersWhatHasArrived) {
     EXPECT_EQ(0, m_server.Wait());
 }
 
-TEST_P(KvServer, RunsOutOfDescriptorsAndRecovers) {
-    const TestClient first = Connect();
-    first.Expect("PING\r\n", "+PONG\r\n");
-    const auto open = static_cast<rlim_t>(m_server.CountDescriptors());
-    const rlimit tight{open + 5, open + 5};
-    ASSERT_EQ(0, prlimit(m_server.GetPid(), RLIMIT_NOFILE, &tight, nullptr));
-    std::vector<TestClient> clients;
-    int served = 0;
-    for (int i = 0; i < 20; ++i) {
-        clients.push_back(Connect());
-        send(clients.back().GetHandle(), "PING\r\n", 6, MSG_NOSIGNAL);
-        served += clients.back().Receive(7) == "+PONG\r\n" ? 1 : 0;
-    }
-    EXPECT_TRUE(served >= 4 && served <= 6) << served;
-    clients.clear();
-    m_server.ExpectDescriptors(static_cast<long>(open));
-    Connect().Expect("PING\r\n", "+PONG\r\n");
-    first.Expect("PING\r\n", "+PONG\r\n");
-    ExpectCleanStop();
-}
-
 class KvServerForTwo : public KvServer {
 protected:
     KvServerForTwo() : KvServer({"--max-clients", "2", "--idle-timeout=1"}) {}
@@ -191,10 +170,9 @@ TEST_P(KvServerForTwo, TheThirdIsToldAndOnlyASilentClientIsHungUpOn) {
     ExpectCleanStop();
 }
 
-constexpr const char* c_reactors[] = {"epoll", "select", "rtsig"};
-const auto c_toName = [](const auto& info) { return std::string(info.param); };
-INSTANTIATE_TEST_SUITE_P(Reactors, KvServer, testing::ValuesIn(c_reactors), c_toName);
-INSTANTIATE_TEST_SUITE_P(Reactors, KvServerForTwo, testing::ValuesIn(c_reactors), c_toName);
+constexpr const char* c_threads[] = {"1", "3"};
+INSTANTIATE_TEST_SUITE_P(Threads, KvServer, testing::ValuesIn(c_threads));
+INSTANTIATE_TEST_SUITE_P(Threads, KvServerForTwo, testing::ValuesIn(c_threads));
 
 // The program installed in a home of its own.
 class KvServerHome : public testing::Test {
@@ -289,8 +267,8 @@ TEST(KvServerProgram, NoClientBecomesAStandardStream) {
     EXPECT_EQ(std::filesystem::read_symlink(stream), "/dev/null");
 }
 
-// A store that has minutes of work to do.
-TEST(KvServerProgram, SigtermEndsItInFiveSecondsWhateverTheStoreDoes) {
+// One that has minutes of work to do.
+TEST(KvServerProgram, SigtermEndsItInFiveSecondsWhateverItDoes) {
     ServerProcess server(KV_SERVER, {"--port=0"});
     const TestClient client(server.GetPort());
     std::string sets;
@@ -311,7 +289,6 @@ TEST(KvServerProgram, SigtermEndsItInFiveSecondsWhateverTheStoreDoes) {
     other.Expect("PING\r\n", "+PONG\r\n");
     server.Signal(SIGTERM);
     EXPECT_EQ(0, server.Wait());
-    // It gave up by itself.
     EXPECT_LT(client.ReceiveAll().size(), 4U * (5000 - 1));
 }
 
@@ -354,23 +331,6 @@ TEST(KvServerProgram, AfterAPauseInputComesBeforeIdleClientsAreDropped) {
         server.Signal(SIGCONT);
         ASSERT_EQ("+PONG\r\n", client.Receive(7));
     }
-}
-
-TEST(KvServerProgram, EndsWithStatusOneWhenItsLoopCannotWaitAnyMore) {
-    if (!FaultFile::IsUsable()) {
-        GTEST_SKIP() << "needs a preloaded library";
-    }
-    const CTempFolder folder;
-    const FaultFile faults(folder.Path("plan"), FAULT_SHIM);
-    ServerProcess server(KV_SERVER, {"--port=0", "--reactor=select"});
-    const TestClient client(server.GetPort());
-    client.Expect("PING\r\n", "+PONG\r\n");
-    // For a moment only.
-    faults.Fail(FaultPlan::CALL_select, ENOMEM, 0, 3);
-    client.Expect("PING\r\n", "+PONG\r\n");
-    faults.FailAll(FaultPlan::CALL_select, EBADF);
-    client.Send("PING\r\n");
-    EXPECT_EQ(1, server.Wait());
 }
 
 }  // namespace

@@ -14,7 +14,7 @@ namespace {
 
 using namespace kv_server;
 
-TEST(KvRequestReader, CommandsSurviveEveryCut) {
+TEST(KvRequestParser, CommandsSurviveEveryCut) {
     const std::string bytes("\0\r\n$5\r\n*1\xFF", 11);
     const std::string large(9000, 'v');
     const std::string input = ToRequest({"PING"}) + "*0\r\n\r\n" +
@@ -29,7 +29,7 @@ TEST(KvRequestReader, CommandsSurviveEveryCut) {
     EXPECT_EQ(replies, LocalKvServer().Answer(input));
 }
 
-TEST(KvRequestReader, MalformedInputIsNamedBehindWhatWasRight) {
+TEST(KvRequestParser, MalformedInputIsNamedBehindWhatWasRight) {
     const std::string good = ToRequest({"PING"});
     const std::pair<std::string, std::string> cases[] = {
         {"*x\r\n", "invalid multibulk length"},
@@ -45,7 +45,7 @@ TEST(KvRequestReader, MalformedInputIsNamedBehindWhatWasRight) {
         {std::string(c_maxInline + 2, 'a'), "too big inline request"},
     };
     for (const auto& [input, error] : cases) {
-        for (const size_t size : {size_t{1}, size_t{7}, input.size() + 2 * good.size()}) {
+        for (const size_t size : {size_t{2}, size_t{7}, input.size() + 2 * good.size()}) {
             EXPECT_EQ("+PONG\r\n-ERR Protocol error: " + error + "\r\n",
                       LocalKvServer().Answer(good + input + good, size));
         }
@@ -82,7 +82,7 @@ TEST(KvStoreModel, KeysExpireAndOnlyThose) {
             case 0: {
                 const bool keep = random() % 2 == 0;
                 const std::string value(random() % 3 == 0 ? 5000 : 5, 'v');
-                store.Set(key, Value(value), keep ? KvStore::c_keepExpiry : KvStore::c_never);
+                store.Set(key, value, keep ? KvStore::c_keepExpiry : KvStore::c_never);
                 model[key] = {value, keep && isAlive ? alive->second.dies : c_never};
                 break;
             }
@@ -171,8 +171,8 @@ TEST_F(KvCommands, AnswerAsTheyShould) {
 
 // 4,000 bytes between stars against a key of a million that matches all but the last of them.
 TEST_F(KvCommands, APatternMadeToBeSlowIsAnError) {
-    m_store.Set(std::string(1000000, 'a'), Value("1"));
-    m_store.Set("ab", Value("1"));
+    m_store.Set(std::string(1000000, 'a'), "1");
+    m_store.Set("ab", "1");
     const auto keys = [](const std::string& pattern) { return ToRequest({"KEYS", pattern}); };
     EXPECT_EQ("-ERR pattern takes too long to match\r\n",
               Answer(keys("*" + std::string(4000, 'a') + "b*")));
@@ -182,18 +182,19 @@ TEST_F(KvCommands, APatternMadeToBeSlowIsAnError) {
     EXPECT_EQ("*1\r\n$2\r\nab\r\n", Answer(keys("*[b-z]")));
 }
 
-TEST_F(KvCommands, ThatWalkOverManyKeysTakeTurnsAndEndEarlyWhenGivenUp) {
+TEST_F(KvCommands, ThatTakeLongOrReplyMuchTakeTurns) {
     for (int i = 0; i < 300000; ++i) {
-        m_store.Set(std::to_string(i), Value(""));
+        m_store.Set(std::to_string(i), "");
     }
-    Batch batch;
-    m_reader.Take("KEYS x\r\nKEYS x\r\nKEYS x\r\nKEYS x\r\nKEYS x\r\nKEYS x\r\n", batch);
-    m_runner.Run(batch);
-    EXPECT_EQ("*0\r\n*0\r\n*0\r\n*0\r\n", TakeText(batch.replies));
-    EXPECT_TRUE(batch.HasCommands());
-    m_runner.GiveUp();
-    m_runner.Run(batch);
-    EXPECT_TRUE(batch.replies.IsEmpty());
+    EXPECT_EQ("*0\r\n*0\r\n*0\r\n*0\r\n",
+              Answer("KEYS x\r\nKEYS x\r\nKEYS x\r\nKEYS x\r\nKEYS x\r\nECHO y\r\nECHO z\r\n"));
+    EXPECT_EQ(ERun::EARLY, m_end);
+    // What waits counts, too.
+    CNxMessageChain replies;
+    EXPECT_EQ(ERun::EARLY, m_runner.Run(m_parser, m_input, c_maxWaiting - 10, replies));
+    EXPECT_EQ("*0\r\n$1\r\ny\r\n", replies.ToString());
+    EXPECT_EQ("$1\r\nz\r\n", Answer(""));
+    EXPECT_EQ(ERun::ALL, m_end);
 }
 
 // Every allocation of a dialogue fails once: the command is refused and has changed nothing, or it
@@ -218,13 +219,14 @@ TEST_F(KvCommands, AreRefusedAsAWholeWhenMemoryRunsOut) {
         for (long skip = 0; !isDone; ++skip) {
             Answer("FLUSHALL\r\n" + before);
             const std::string stateBefore = Answer(state);
-            Batch batch;
-            m_reader.Take(ToRequest(command), batch);
+            CNxMessageChain replies;
+            CNxMessageChain input(ToRequest(command));
             failing_new::Fail(skip, 1);
-            m_runner.Run(batch);
+            m_end = m_runner.Run(m_parser, input, 0, replies);
             isDone = failing_new::Stop() <= skip;
-            const std::string reply = TakeText(batch.replies);
-            ASSERT_TRUE(batch.quit || !reply.empty());
+            const std::string reply = replies.ToString();
+            ASSERT_TRUE(m_end == ERun::QUIT || !reply.empty());
+            m_parser = RequestParser();
             if (reply.empty() || reply == "-ERR out of memory\r\n") {
                 ++refused;
                 ASSERT_EQ(stateBefore, Answer(state)) << command[0] << skip;

@@ -1,7 +1,6 @@
 // kv_server's requests: however the input is cut, the same commands are read and the same replies
 // written, each a well-formed one; nothing that they do to the store breaks it.
 #include <kv_server/CommandRunner.h>
-#include <tests/examples/TakeText.h>
 
 #include <algorithm>
 #include <string>
@@ -44,15 +43,18 @@ std::string Answer(std::string_view input, size_t pieceSize) {
     store.SetTime(1000);
     const Stats stats;
     CommandRunner runner(store, stats);
-    RequestReader reader;
-    Batch batch;
+    RequestParser parser;
+    CNxMessageChain unread;
+    ERun end = ERun::ALL;
     std::string all;
-    for (size_t at = 0; at < input.size() && !batch.quit; at += pieceSize) {
-        reader.Take(input.substr(at, pieceSize), batch);
-        for (int i = 0; batch.HasWork() && !batch.quit; ++i) {
+    for (size_t at = 0; at < input.size() && end != ERun::QUIT; at += pieceSize) {
+        unread.Append(CNxMessageChain(input.substr(at, pieceSize)));
+        end = ERun::EARLY;
+        for (int i = 0; end == ERun::EARLY; ++i) {
             Require(i < c_maxRuns);
-            runner.Run(batch);
-            all += TakeText(batch.replies);
+            CNxMessageChain replies;
+            end = runner.Run(parser, unread, 0, replies);
+            all += replies.ToString();
         }
         store.RemoveExpired(1);
     }

@@ -65,7 +65,7 @@ TYPED_TEST(ConnectionTest, EchoesUntilThePeerEnds) {
         EXPECT_EQ(connection.Send(std::move(received)), NX_OK);
     };
     this->Connect(sink);
-    for (const size_t size : {1, 64, 5000, 100000}) {
+    for (const size_t size : {1UL, 64UL, 5000UL, 100000UL}) {
         const std::string bytes(size, static_cast<char>('a' + size % 26));
         this->SendToIt(bytes);
         EXPECT_EQ(this->ReceiveFromIt(size), bytes);

@@ -59,10 +59,11 @@ public:
     // Until it is so, as the loop's thread sees it.
     template <class Condition>
     void WaitUntil(const Condition& condition) {
-        for (bool is = false; !is;) {
+        bool is = false;
+        do {
             Run([&] { is = condition(); });
             std::this_thread::yield();
-        }
+        } while (!is);
     }
 
     Reactor& GetReactor() { return m_reactor; }

@@ -78,6 +78,15 @@ public:
         EXPECT_EQ(expected, CountDescriptors());
     }
 
+    // Where it says next that it listens, `more` lines further on.
+    std::string ReadEndpoint(int more) const {
+        std::string line;
+        for (; more > 0; --more) {
+            line = ReadLine();
+        }
+        return line.substr(line.rfind(' ') + 1);
+    }
+
     void Signal(int signo) const { kill(m_pid, signo); }
 
     // The exit status, -1 for another end.

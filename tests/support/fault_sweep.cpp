@@ -1,7 +1,6 @@
 // A server with every system call failing: fault_sweep PROGRAM SHIM [--long] [MODE]
 //
-// kv_server with MODE epoll, select or rtsig; epoll without one. echo_server with MODE tcp, unix or
-// tls.
+// MODE is kv, for kv_server, without one; echo_server has tcp, unix and tls.
 //
 // In three parts: each call failing once while it starts and serves nobody yet; each failing once
 // under load; each failing for a time under load, then while it stops. After every fault it must
@@ -251,7 +250,7 @@ private:
         Program made;
         made.isEcho = mode == "tcp" || mode == "unix" || mode == "tls";
         if (!made.isEcho) {
-            made.command = {m_home.Path("bin/kv_server"), "--port=0", "--reactor", mode};
+            made.command = {m_home.Path("bin/kv_server"), "--port=0"};
             return made;
         }
         made.path = mode == "unix" ? m_home.Path("socket") : "";
@@ -425,6 +424,6 @@ int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
     const bool isLong = argc > 3 && std::strcmp(argv[3], "--long") == 0;
     const int at = isLong ? 4 : 3;
-    Sweep sweep(argv[1], argv[2], argc > at ? argv[at] : "epoll", isLong);
+    Sweep sweep(argv[1], argv[2], argc > at ? argv[at] : "kv", isLong);
     return sweep.Run() == 0 ? 0 : 1;
 }

@@ -1,0 +1,262 @@
+// reliable_sender: requests over UDP that are sent until they are answered. See --help.
+#include <common/CommandLine.h>
+#include <nx/nx.h>
+
+#include <charconv>
+#include <cstdint>
+#include <cstdio>
+#include <future>
+#include <map>
+#include <random>
+#include <string>
+#include <string_view>
+
+namespace {
+
+constexpr const char* c_usage =
+    "usage: reliable_sender --port P [options]\n"
+    "       reliable_sender --listen P [options]\n"
+    "\n"
+    "Sends requests over UDP, each again until the peer has answered it. With --listen it is\n"
+    "the peer.\n"
+    "\n"
+    "  --host HOST        name or address of the peer, or the address to listen on (127.0.0.1)\n"
+    "  --port P           the peer's port\n"
+    "  --requests N       requests to send (10)\n"
+    "  --interval MS      a new one every so many milliseconds (100)\n"
+    "  --again MS         one that is not answered by then is sent again (2000)\n"
+    "  --size B           bytes that each carries (32)\n"
+    "  --timeout SECONDS  give up what is unanswered then (never)\n"
+    "  --listen P         answer requests on this port until a signal comes\n"
+    "  --lose PERCENT     as if so many of them had been lost on the way (0)\n"
+    "  --help             print this\n"
+    "\n"
+    "A request is a datagram \"REQ number bytes\", its answer \"ACK number\"; so netcat can\n"
+    "be the peer as well. Exit status of the sender: 0 when every request was answered, 1\n"
+    "when not, 2 for bad options.\n";
+
+struct Options {
+    std::string host = "127.0.0.1";
+    std::uint64_t port = 0;
+    std::uint64_t requests = 10;
+    std::uint64_t interval = 100;
+    std::uint64_t again = 2000;
+    std::uint64_t size = 32;
+    std::uint64_t timeout = 0;
+    std::uint64_t listen = 0;
+    std::uint64_t lose = 0;
+};
+
+examples::CommandLine Describe(Options& options) {
+    constexpr std::uint64_t c_maxSize = 60000;  // fits a datagram
+    examples::CommandLine line{};
+    line.usage = c_usage;
+    line.texts = {{"--host", &options.host}};
+    line.numbers = {
+        {"--port", &options.port, 1, 65535},         {"--requests", &options.requests, 1, 10000},
+        {"--interval", &options.interval, 1, 60000}, {"--again", &options.again, 1, 60000},
+        {"--size", &options.size, 0, c_maxSize},     {"--timeout", &options.timeout, 1, 1000000},
+        {"--listen", &options.listen, 1, 65535},     {"--lose", &options.lose, 0, 100},
+    };
+    line.check = [&options]() -> std::string {
+        const bool isOne = (options.port == 0) != (options.listen == 0);
+        return isOne ? "" : "one of --port and --listen is needed";
+    };
+    return line;
+}
+
+// The number behind `verb`, 0 for another datagram.
+unsigned ReadNumber(std::string_view datagram, std::string_view verb) {
+    unsigned number = 0;
+    if (datagram.substr(0, verb.size()) == verb) {
+        std::from_chars(datagram.data() + verb.size(), datagram.data() + datagram.size(), number);
+    }
+    return number;
+}
+
+CNxTimeValue FromMs(std::uint64_t ms) {
+    return CNxTimeValue(static_cast<long>(ms / 1000), static_cast<long>(ms % 1000 * 1000));
+}
+
+// Answers requests, except those that it plays deaf to. On its loop's thread.
+class Peer {
+public:
+    Peer(INxReactor& loop, std::uint64_t lose)
+        : m_lose(lose),
+          m_socket(loop, [this](const CNxReceivedDatagram& received) { Answer(received); }) {}
+
+    [[nodiscard]] NxResult Open(const CNxEndpoint& endpoint) {
+        const NxResult opened = m_socket.Open(endpoint, {});
+        if (opened == NX_OK) {
+            std::printf("listening on %s\n", m_socket.GetEndpoint().GetText().c_str());
+            std::fflush(stdout);
+        }
+        return opened;
+    }
+
+    // Once the loop has ended, any thread.
+    [[nodiscard]] bool Report() const {
+        std::printf("%u requests, %llu answered\n", m_received,
+                    static_cast<unsigned long long>(m_socket.GetCounts().sent));
+        return true;
+    }
+
+private:
+    void Answer(const CNxReceivedDatagram& received) {
+        const unsigned number = ReadNumber(received.bytes, "REQ ");
+        m_received += number != 0 ? 1 : 0;
+        if (number != 0 && m_random() % 100 >= m_lose) {
+            m_socket.Send(received.from, "ACK " + std::to_string(number));
+        }
+    }
+
+    const std::uint64_t m_lose;
+    std::mt19937 m_random{std::random_device()()};
+    unsigned m_received = 0;
+    CNxDatagram m_socket;
+};
+
+// Sends the requests, each until it is answered. On its loop's thread.
+class Sender {
+public:
+    // Stops the server when every request is answered or the time is over.
+    Sender(INxReactor& loop, const Options& options, CNxServer& server)
+        : m_loop(loop),
+          m_options(options),
+          m_server(server),
+          m_socket(loop, [this](const CNxReceivedDatagram& received) { TakeAnswer(received); }) {}
+
+    [[nodiscard]] NxResult Open(const CNxEndpoint& peer) {
+        CNxDatagramOptions connected;
+        connected.peer = peer;
+        NxResult result = m_socket.Open(CNxEndpoint(CNxInetAddr(peer.GetFamily())), connected);
+        if (result == NX_OK && m_options.timeout != 0) {
+            result = m_deadline.RunAfter(m_loop, FromMs(m_options.timeout * 1000),
+                                         [this] { m_server.Stop(); });
+        }
+        const auto begin = [this] { Begin(); };
+        return result == NX_OK ? m_pace.RunEvery(m_loop, FromMs(m_options.interval), begin)
+                               : result;
+    }
+
+    // Once the loop has ended, any thread. Whether every request was answered.
+    [[nodiscard]] bool Report() const {
+        std::printf("requests   %u of %llu answered, the slowest after %ld ms\n", m_answered,
+                    static_cast<unsigned long long>(m_options.requests),
+                    m_longest.GetTotalInMsec());
+        std::printf("datagrams  %u sent, %u of them again\n", m_sent, m_sent - m_begun);
+        return m_answered == m_options.requests;
+    }
+
+private:
+    // One that is not answered yet.
+    struct Request {
+        CNxTimeValue begunAt = CNxTimeValue::GetMonotonicTime();
+        CNxTimedCall again;
+    };
+
+    void Begin() {
+        const unsigned number = ++m_begun;
+        if (m_begun == m_options.requests) {
+            m_pace.Cancel();
+        }
+        Send(number);
+        const auto again = [this, number] { Send(number); };
+        if (m_open[number].again.RunEvery(m_loop, FromMs(m_options.again), again) != NX_OK) {
+            m_server.Stop();
+        }
+    }
+
+    void Send(unsigned number) {
+        ++m_sent;
+        const std::string bytes(static_cast<size_t>(m_options.size), 'x');
+        m_socket.Send({}, "REQ " + std::to_string(number) + " " + bytes);
+    }
+
+    // The answer to a request that was sent again comes again.
+    void TakeAnswer(const CNxReceivedDatagram& received) {
+        const auto found = m_open.find(ReadNumber(received.bytes, "ACK "));
+        if (found == m_open.end()) {
+            return;
+        }
+        const CNxTimeValue took = CNxTimeValue::GetMonotonicTime() - found->second.begunAt;
+        m_longest = took > m_longest ? took : m_longest;
+        m_open.erase(found);
+        if (++m_answered == m_options.requests) {
+            m_server.Stop();
+        }
+    }
+
+    INxReactor& m_loop;
+    const Options m_options;
+    CNxServer& m_server;
+    std::map<unsigned, Request> m_open;
+    CNxTimedCall m_pace;
+    CNxTimedCall m_deadline;
+    unsigned m_begun = 0;
+    unsigned m_answered = 0;
+    unsigned m_sent = 0;
+    CNxTimeValue m_longest;
+    CNxDatagram m_socket;
+};
+
+struct Answer : INxObserver {
+    void OnObserve(const char* /*topic*/, void* data) override {
+        record.set_value(CNxAutoPtr<CNxDnsRecord>(static_cast<CNxDnsRecord*>(data)));
+    }
+    std::promise<CNxAutoPtr<CNxDnsRecord>> record;
+};
+
+// The first address of the host. Waits for the look-up. Of no family when there is none,
+// which the server then says.
+CNxEndpoint LookUp(CNxServer& server, INxReactor& loop, const std::string& host,
+                   std::uint64_t port) {
+    Answer answer;
+    CNxDnsRecord* found = nullptr;
+    NxResult result = NxSendCall(loop, [&] {
+        return CNxDnsManager::Instance()->AsyncResolve(found, host.c_str(), &answer, 0, nullptr);
+    });
+    auto record = CNxAutoPtr<CNxDnsRecord>::Adopt(found);
+    if (result == NX_ERROR_WOULD_BLOCK) {
+        record = answer.record.get_future().get();
+        result = record->GetResult();
+    }
+    if (result != NX_OK) {
+        server.Fail("cannot find the address of '" + host + "': " + NxResultName(result));
+        return {};
+    }
+    CNxEndpoint endpoint(record->GetAddresses().front());
+    endpoint.SetPort(static_cast<unsigned short>(port));
+    return endpoint;
+}
+
+// Runs a Peer or a Sender until it ends, or a signal comes. Returns the exit status.
+template <class Work>
+int Run(CNxServer& server, INxReactor& loop, Work& work, const CNxEndpoint& endpoint) {
+    const NxResult opened = NxSendCall(loop, [&] { return work.Open(endpoint); });
+    if (opened != NX_OK) {
+        server.Fail("cannot open " + endpoint.GetText() + ": " + NxResultName(opened));
+    }
+    return server.Run() == 0 && work.Report() ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    if (const auto status = Describe(options).Read(argc, argv)) {
+        return *status;
+    }
+    CNxOwnLines::Send(CNxOwnLines::NOWHERE);
+    CNxServer server(argc, argv);
+    if (server.HasFailed()) {
+        return server.Run();
+    }
+    INxReactor& loop = *server.GetGroup().GetReactor(0);
+    if (options.listen != 0) {
+        Peer peer(loop, options.lose);
+        return Run(server, loop, peer, LookUp(server, loop, options.host, options.listen));
+    }
+    Sender sender(loop, options, server);
+    return Run(server, loop, sender, LookUp(server, loop, options.host, options.port));
+}

@@ -1,0 +1,68 @@
+#include <gtest/gtest.h>
+#include <tests/support/ServerProcess.h>
+#include <tests/support/TempFolder.h>
+
+#include <string>
+#include <thread>
+
+namespace {
+
+TEST(ChatServer, TellsARoomWhatItsGuestsSayAndDropsWhoDoesNotRead) {
+    ServerProcess server(CHAT_SERVER, {"127.0.0.1:0", "3"});
+    const long before = server.CountDescriptors();
+    {
+        const TestClient anna(server.GetPort());
+        anna.Expect("", "* guest-1 is here\n");
+        anna.Expect("/nick anna\r\n", "* guest-1 is now anna\n");
+        const TestClient bob(server.GetPort());
+        bob.Expect("", "* guest-2 is here\n");
+        anna.Expect("", "* guest-2 is here\n");
+        bob.Expect("/nick anna\n", "* there is a anna in lobby\n");
+        bob.Expect("/nick a b\n", "* names have up to 20 letters, digits, - and _\n");
+        bob.Expect("hello\x1b[2J\n", "guest-2: hello [2J\n");
+        anna.Expect("", "guest-2: hello [2J\n");
+        bob.Expect("/join den\n", "* guest-2 is here\n");
+        bob.Expect("alone\n", "guest-2: alone\n");
+        anna.Expect("", "* guest-2 has left\n");
+        // Whoever speaks on reads it all; who does not is gone before the room is told so.
+        const TestClient deaf(server.GetPort(), 4096);
+        deaf.Expect("", "* guest-3 is here\n");
+        anna.Expect("", "* guest-3 is here\n");
+        std::string line = "anna: " + std::string(900, 'x') + "\n";
+        std::string heard;
+        while (heard.find("* guest-3 has left\n") == std::string::npos && !HasFailure()) {
+            anna.Send(line.substr(6));
+            heard = anna.Receive(line.size());
+        }
+    }
+    server.ExpectDescriptors(before);
+    const TestClient last(server.GetPort());
+    last.Expect("", "* guest-4 is here\n");
+    server.Signal(SIGTERM);
+    EXPECT_EQ("* the server stops\n", last.ReceiveAll());
+    last.EndSending();
+    EXPECT_EQ(0, server.Wait());
+}
+
+TEST(LineClient, KeepsItsLinesUntilThereIsAServerAndHearsItsAnswers) {
+    const CTempFolder folder;
+    std::string endpoint = "127.0.0.1:";
+    {
+        const ServerProcess first(CHAT_SERVER);
+        endpoint += std::to_string(first.GetPort());
+    }
+    std::string output;
+    std::thread client([&] {
+        output = OutputOf("printf 'one\\ntwo\\n' | " LINE_CLIENT " " + endpoint + " 2>" +
+                          folder.Path("errors"));
+    });
+    while (folder.Get("errors").find("refused; again in") == std::string::npos) {
+        std::this_thread::yield();
+    }
+    const ServerProcess server(CHAT_SERVER, {endpoint});
+    client.join();
+    EXPECT_EQ("* guest-1 is here\nguest-1: one\nguest-1: two\n", output);
+    EXPECT_NE(std::string::npos, folder.Get("errors").find("connected to " + endpoint));
+}
+
+}  // namespace
