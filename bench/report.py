@@ -47,7 +47,8 @@ FAMILIES = {
         "A server with 10,000 connections, each of which has got one message of 64 bytes back "
         "and now waits for its next one, until a time-out: private memory of its process for "
         "each more of them, in bytes, without what the kernel has. `raw` has an array of "
-        "times.",
+        "times; libuv's connections share one buffer, Asio's have 1 KiB each, as in its "
+        "examples.",
     "broadcast":
         "One payload of 1 KiB sent to every connection: processor time of the server for each. "
         "`raw` calls send(2) in a loop; nxbase shares a chain, Asio a buffer, libevent an "

@@ -8,6 +8,7 @@
 #include <nx/nx.h>
 
 #include <cstdio>
+#include <exception>
 #include <new>
 #include <string>
 
@@ -137,7 +138,13 @@ CNxAutoPtr<CNxTlsContext> MakeTls(const Options& options, CNxServer& server) {
 
 // From the first connect to the last close. Ends when the client has nothing left to do or a signal
 // comes.
-int RunLoad(const Options& options, CNxServer& server) {
+int RunLoad(const Options& options, int argc, char** argv) {
+    CNxServerOptions serverOptions;
+    // The rest is for the library and the standard streams.
+    serverOptions.descriptors = static_cast<unsigned>(options.connections) + 64;
+    serverOptions.loops.name = "load";
+    serverOptions.stopLimit = CNxTimeValue::s_tvZero();
+    CNxServer server(argc, argv, serverOptions);
     CNxAutoPtr<CNxTlsContext> tls = MakeTls(options, server);
     if (server.HasFailed()) {
         return server.Run();
@@ -162,19 +169,13 @@ int RunLoad(const Options& options, CNxServer& server) {
 int main(int argc, char** argv) {
     // Standard output is the program's own.
     CNxOwnLines::Send(CNxOwnLines::TO_TRACE);
-    Options options;
-    if (const auto status = Describe(options).Read(argc, argv)) {
-        return *status;
-    }
-    CNxServerOptions serverOptions;
-    // The rest is for the library and the standard streams.
-    serverOptions.descriptors = static_cast<unsigned>(options.connections) + 64;
-    serverOptions.loops.name = "load";
-    serverOptions.stopLimit = CNxTimeValue::s_tvZero();
-    CNxServer server(argc, argv, serverOptions);
     try {
-        return RunLoad(options, server);
+        Options options;
+        const auto status = Describe(options).Read(argc, argv);
+        return status ? *status : RunLoad(options, argc, argv);
     } catch (const std::bad_alloc&) {
         return Fail("not enough memory for that many connections, keys or bytes of values");
+    } catch (const std::exception& error) {
+        return Fail(error.what());
     }
 }

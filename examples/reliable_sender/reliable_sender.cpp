@@ -32,8 +32,8 @@ constexpr const char* c_usage =
     "  --help             print this\n"
     "\n"
     "A request is a datagram \"REQ number bytes\", its answer \"ACK number\"; so netcat can\n"
-    "be the peer as well. Exit status of the sender: 0 when every request was answered, 1\n"
-    "when not, 2 for bad options.\n";
+    "be the peer as well. Exit status: 0 when every request was answered, 1 when not, 2 for\n"
+    "bad options, 130 and 143 when ended by SIGINT and SIGTERM.\n";
 
 struct Options {
     std::string host = "127.0.0.1";
@@ -94,11 +94,11 @@ public:
         return opened;
     }
 
-    // Once the loop has ended, any thread.
+    // Once the loop has ended, any thread. A peer is never done.
     [[nodiscard]] bool Report() const {
         std::printf("%u requests, %llu answered\n", m_received,
                     static_cast<unsigned long long>(m_socket.GetCounts().sent));
-        return true;
+        return false;
     }
 
 private:
@@ -237,7 +237,11 @@ int Run(CNxServer& server, INxReactor& loop, Work& work, const CNxEndpoint& endp
     if (opened != NX_OK) {
         server.Fail("cannot open " + endpoint.GetText() + ": " + NxResultName(opened));
     }
-    return server.Run() == 0 && work.Report() ? 0 : 1;
+    if (server.Run() != 0) {
+        return examples::c_statusFailed;
+    }
+    const int signo = server.GetSignal();
+    return work.Report() ? 0 : signo != 0 ? 128 + signo : examples::c_statusFailed;
 }
 
 }  // namespace

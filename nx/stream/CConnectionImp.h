@@ -6,8 +6,10 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <new>
 #include <string>
 
+#include <nx/foundation/CCallOut.h>
 #include <nx/reactor/INxEventHandler.h>
 #include <nx/stream/CNxConnection.h>
 #include <nx/stream/CStoredEndpoint.h>
@@ -60,6 +62,8 @@ public:
     void SetCookie(void* cookie) override { m_cookie = cookie; }
 
 private:
+    static constexpr const char* c_tooMuchUnsent = "more waits to be sent than may wait";
+
     // Of our side, beside the state.
     enum class ESending {
         OPEN,
@@ -121,6 +125,7 @@ private:
     void ReceiveOnce(size_t& left);
     long ReceiveInto(CNxMessageChain& chain, size_t size);
     void ReceivedNothing(long result);
+    void CallFailed(int error, bool& isReady);
     void OnReceived(size_t size, size_t asked);
     void OpenFilter(CNxMessageChain&& sealed);
     void EndFiltered();
@@ -138,7 +143,6 @@ private:
     void OnSendAsked();
     void Flush();
     void SendWaiting(size_t& left);
-    void SendFailed(int error);
     void Seal();
     bool IsHeldBack() const { return m_filtered && !m_filtered->held.IsEmpty(); }
     bool TellWater();
@@ -153,6 +157,7 @@ private:
     void Fail(int error) { End(ENxClosed::FAILED, error); }
     std::string Describe() const;
 
+    static std::int64_t NowMs();
     void NoteActivity();
     void NoteSent(bool hasMoved);
     CDues GetDues() const;
@@ -217,3 +222,17 @@ private:
     bool m_isRegistered = false;
     long m_watched = 0;
 };
+
+template <class Call>
+void CConnectionImp::CallSink(const char* name, const Call& call) {
+    if (m_sink == nullptr || IsEnded()) {
+        return;
+    }
+    CallOut(name, [&] {
+        try {
+            call(*m_sink);
+        } catch (const std::bad_alloc&) {
+            End(ENxClosed::OUT_OF_MEMORY);
+        }
+    });
+}

@@ -123,7 +123,7 @@ TEST_P(KvServer, KeysExpireUnasked) {
 TEST_P(KvServer, SigtermAnswersWhatHasArrived) {
     std::vector<TestClient> clients;
     std::string requests;
-    while (requests.size() < 5000 * 8) {
+    while (requests.size() < 1000 * 8) {
         requests += "INCR n\r\n";
     }
     for (int i = 0; i < 50; ++i) {
@@ -134,9 +134,11 @@ TEST_P(KvServer, SigtermAnswersWhatHasArrived) {
         client.Send(requests);
     }
     m_server.Signal(SIGTERM);
-    for (const TestClient& client : clients) {
+    for (TestClient& each : clients) {
+        // Hung up on when it has all: else the server would wait for that.
+        const TestClient client(std::move(each));
         const std::string all = client.ReceiveAll();
-        EXPECT_EQ(5000, std::count(all.begin(), all.end(), '\n'));
+        EXPECT_EQ(1000, std::count(all.begin(), all.end(), '\n'));
     }
     EXPECT_EQ(0, m_server.Wait());
 }
@@ -219,10 +221,11 @@ TEST_F(KvServerHome, ReadsItsConfigurationAgainOnHangUpAndTracesWhatHappens) {
         std::this_thread::yield();
     }
     misbehave("*worse\r\n");
+    server.ExpectDescriptors(before);
     server.Signal(SIGTERM);
     EXPECT_EQ(0, server.Wait());
     const std::string trace = ReadTrace("_info_") + ReadTrace("_warning_");
-    for (const char* line : {"Info:listening on 127.0.0.1:", "Info:stopping; clients 0",
+    for (const char* line : {"Info:listening on 127.0.0.1:", "Info:stopping; clients ",
                              "Info:stopped; clients accepted 4, refused 1",
                              "Warning:client 2 refused: max-clients reached",
                              "Warning:client 3: Protocol error: invalid multibulk"}) {
