@@ -278,7 +278,8 @@ private:
                 m_error = error;
                 m_number = -1;
                 // Who relies on edges may be told to wait only where an edge follows.
-                bool goesOn = !m_program.isEcho || error != EAGAIN;
+                bool goesOn =
+                    error != EAGAIN || (!m_program.isEcho && fault.call != FaultPlan::CALL_read);
                 while (goesOn) {
                     ++m_runs;
                     ++m_number;
