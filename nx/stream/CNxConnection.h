@@ -90,7 +90,8 @@ public:
     virtual NxResult SendFrame(CNxMessageChain&& payload) = 0;
     virtual NxResult SendFrame(std::string_view payload) = 0;
 
-    // Sends `size` bytes of a file from `offset` on, by sendfile(2) where there is no TLS. The
+    // Sends `size` bytes of a file from `offset` on, by sendfile(2) where there is no TLS; a short
+    // range is read, and goes out with the bytes around it. The
     // descriptor is taken over in all cases. A file that has become shorter ends the connection as
     // FAILED with ENODATA. NX_OK, NX_ERROR_INVALID_ARG without a descriptor, else as Send.
     virtual NxResult SendFile(CNxSocketBase file, std::uint64_t offset, std::uint64_t size) = 0;

@@ -239,7 +239,8 @@ int CNxConnector::CAttempt::OnOutput(int fd) {
 int CNxConnector::CAttempt::OnClose(int /*fd*/, long /*mask*/) {
     m_isWatched = false;
     const int reason = m_owner.m_reactor.GetCloseReason();
-    m_owner.OnAttemptEnded(*this, reason != 0 ? reason : EIO);
+    // Without one it was connected, and hung up on at once.
+    m_owner.OnAttemptEnded(*this, reason != 0 ? reason : ECONNRESET);
     return 0;
 }
 

@@ -1,12 +1,14 @@
 // Makes an outgoing connection, whatever that takes: names, both families, time-outs, more tries.
 //
-//     class Client : public INxConnectionSink {
+//     struct Client : INxConnectionSink {
 //         explicit Client(INxReactor& reactor) : m_connector(reactor) {}
 //         NxResult Start() { return m_connector.Connect("db.example.org:5432", {}, *this); }
 //         void OnOpen(CNxConnection& connection) override { connection.Send("hello\n"); }
-//         void OnReceive(CNxConnection&, CNxMessageChain& received) override;
-//         void OnClosed(CNxConnection&, const CNxCloseReason&) override { m_connector.Reconnect();
-//         } CNxConnector m_connector;
+//         void OnReceive(CNxConnection&, CNxMessageChain& received) override { ... }
+//         void OnClosed(CNxConnection&, const CNxCloseReason&) override {
+//             m_connector.Reconnect();
+//         }
+//         CNxConnector m_connector;
 //     };
 #pragma once
 

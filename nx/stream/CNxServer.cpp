@@ -5,9 +5,11 @@
 #include <nx/process/CDescriptor.h>
 #include <nx/reactor/CNxEventHandlerRepository.h>
 #include <nx/reactor/INxReactor.h>
+#include <nx/stream/CNxConnection.h>
 #include <nx/stream/CNxServer.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadManager.h>
+#include <nx/trace/CNxTraceManager.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/timerfd.h>
@@ -25,6 +27,7 @@
 namespace {
 
 constexpr rlim_t c_mostDescriptors = 1UL << 20;
+constexpr unsigned long c_traceError = 1;
 constexpr long c_turnNsec = 10000000;
 
 sigset_t GetSignals(std::initializer_list<int> signals) {
@@ -286,11 +289,17 @@ void CNxServer::BeginStop() {
     if (m_onStop) {
         m_onStop();
     }
+    CNxConnection::StopAll(*GetReactor());
     m_group.BeginStop();
 }
 
+INxReactor* CNxServer::GetReactor() const {
+    return m_main != nullptr ? m_main->GetReactor() : nullptr;
+}
+
 bool CNxServer::IsStopOver() const {
-    return m_isToEndNow || m_group.GetConnections() == 0 ||
+    const size_t connections = m_group.GetConnections() + CNxConnection::GetCount(*GetReactor());
+    return m_isToEndNow || connections == 0 ||
            CNxTimeValue::GetMonotonicTime() - m_stopStart >= m_stopLimit;
 }
 
@@ -325,6 +334,7 @@ int CNxServer::End() {
     pthread_sigmask(SIG_UNBLOCK, &unblocked, nullptr);
     if (HasFailed()) {
         Say(m_error);
+        INxTraceManager::Instance()->TraceString(c_traceError, m_error.c_str());
     }
     if (m_group.Stop(CNxTimeValue::s_tvZero()) != NX_OK) {
         Say("one of its loops is blocked in a callback");

@@ -33,7 +33,8 @@ struct CNxServerOptions {
 //
 // - SIGTERM, SIGINT and SIGHUP are blocked, for the threads started later, too, and programs that
 //   they execute; they are taken on the main thread's loop, in Run. None that comes from here on is
-//   lost; one that comes again before it was taken counts once. SIGPIPE is ignored.
+//   lost; one that comes again before it was taken counts once. raise(3) on another thread is for
+//   that thread, and is never taken: use Stop, or kill(2). SIGPIPE is ignored.
 // - A standard stream that the process was started without leads nowhere from here on: else the
 //   next connection would be it.
 // - The caller becomes the main thread (CNxThreadManager::InitMainThread), with a reactor as its
@@ -67,6 +68,12 @@ public:
     // The loops. Empty when the start has failed.
     CNxReactorGroup& GetGroup() { return m_group; }
 
+    // The loop of the main thread, which runs in Run and serves none of the listeners: for the
+    // process's own timers, connectors and datagrams, which can be made before Run without a call
+    // on another thread. Its connections are told of a stop like all others. Null when the start
+    // has failed.
+    INxReactor* GetReactor() const;
+
     // Something that the program needs has failed: Run says it and returns 1 without having served.
     // The first one counts.
     void Fail(const std::string& what);
@@ -82,8 +89,9 @@ public:
     // the main thread's loop goes on meanwhile. A second SIGTERM or SIGINT ends that at once. At
     // last all threads of the thread manager are stopped and joined, the user's too; a signal that
     // comes then ends the process by its default action. To be called once.
-    // 0 after a stop. 1 when something has failed, with a line "PROGRAM: WHAT" on standard error: a
-    // start, a Listen, or one of the loops, which has ended by itself.
+    // 0 after a stop. 1 when something has failed, with a line "PROGRAM: WHAT" on standard error,
+    // and a record of level 1 (Error) for a daemon, which has none: a start, a Listen, or one of
+    // the loops, which has ended by itself.
     // A LOOP THAT IS BLOCKED IN A CALLBACK and stays so (CNxReactorGroup::c_blockedLimit) cannot be
     // ended: Run says so, and ends the process with status 1 by _exit(2).
     [[nodiscard]] int Run();

@@ -148,9 +148,10 @@ TYPED_TEST(Connectors, PeersThatDoNotAnswerAreGivenUpOrWaitedFor) {
     this->m_sink.m_onOpen = [&](CNxConnection& /*connection*/) { isOpen = true; };
     Must(connectors.emplace_back(this->m_reactor)
              .Connect(full.m_where.GetText().c_str(), Quick(1), this->m_sink, this->m_keepReason));
+    std::deque<CNxSocketBase> accepted;
     this->RunUntil([&] {
-        CNxSocketBase accepted;
-        return this->m_reasons.size() == 2 && (full.Accept(accepted) || isOpen) && isOpen;
+        return this->m_reasons.size() == 2 && (full.Accept(accepted.emplace_back()) || isOpen) &&
+               isOpen;
     });
     EXPECT_EQ(this->m_reasons.size(), 2U);
     EXPECT_EQ(this->m_reasons[0].error + this->m_reasons[1].error, 2 * ETIMEDOUT);

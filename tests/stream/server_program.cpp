@@ -3,6 +3,7 @@
 #include <nx/stream/CNxConnection.h>
 #include <nx/stream/CNxServer.h>
 #include <nx/thread/CNxThreadManager.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -44,6 +45,29 @@ private:
     bool m_isBusy = false;
 };
 
+// Of the main thread's loop, which is told of the stop like the others: its peer hears of it.
+class OwnConnection {
+public:
+    explicit OwnConnection(CNxServer& server) {
+        CNxConnectionOptions options;
+        options.lingerTimeout = CNxTimeValue::s_tvZero();
+        CNxConnectedSocket socket;
+        socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_ends);
+        socket.socket.SetHandle(m_ends[0]);
+        CNxAutoPtr<CNxConnection> connection;
+        static_cast<void>(CNxConnection::Create(connection, *server.GetReactor(), std::move(socket),
+                                                std::make_unique<Sink>(server),
+                                                std::make_shared<CNxConnectionOptions>(options)));
+    }
+    bool HasHeard() const {
+        char bytes[5] = {};
+        return recv(m_ends[1], bytes, 4, MSG_WAITALL) == 4 && bytes == std::string("stop");
+    }
+
+private:
+    int m_ends[2] = {-1, -1};
+};
+
 class ReactorWhoseWaitingFails : public CNxReactorEpoll {
 public:
     NxResult RunEventLoop() override { return NX_ERROR_FAILURE; }
@@ -75,5 +99,7 @@ int main(int argc, char** argv) {
         static_cast<void>(CNxThreadManager::Instance()->CreateReactorThread(
             2, new ReactorWhoseWaitingFails, thread));
     }
-    return server.Run();
+    const OwnConnection own(server);
+    const int status = server.Run();
+    return status == 0 && mode != "limit" && !own.HasHeard() ? 3 : status;
 }
