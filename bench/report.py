@@ -205,7 +205,8 @@ def draw(family, cases, path):
     points = {key: cells for key, cells in cases.items() if key[1] == 0}
     curves = list(dict.fromkeys(name for name, x in cases if x != 0))
     panels = len(curves) + (1 if points else 0)
-    figure, axes = pyplot.subplots(1, panels, figsize=(max(7, 5 * panels), 4.2), squeeze=False)
+    width = max(7, 5 * panels, 1.3 * len(points))
+    figure, axes = pyplot.subplots(1, panels, figsize=(width, 4.2), squeeze=False)
     for place, name in enumerate(curves):
         draw_curve(axes[0][place], name, cases)
         axes[0][place].yaxis.set_major_formatter(FuncFormatter(lambda value, _: f"{value:g}"))
