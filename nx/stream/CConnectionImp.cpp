@@ -118,7 +118,7 @@ NxResult CConnectionImp::Register() {
     }
     const long mask = isState ? NX_MASK_WRITE : NX_MASK_READ | NX_MASK_WRITE;
     const NxResult result = reactor.RegisterHandler(this, mask);
-    if (result == NX_OK || result == NX_ERROR_FOUND) {
+    if (NxSucceeded(result)) {
         m_isRegistered = true;
         m_watched = mask;
         return NX_OK;
@@ -386,8 +386,7 @@ void CConnectionImp::Watch() {
         GetReactor().RemoveHandler(this, NX_MASK_ALL_EVENTS);
         return;
     }
-    const NxResult result = GetReactor().RegisterHandler(this, wanted);
-    m_isRegistered = result == NX_OK || result == NX_ERROR_FOUND;
+    m_isRegistered = NxSucceeded(GetReactor().RegisterHandler(this, wanted));
     if (!m_isRegistered) {
         Fail(ENOMEM);
     }

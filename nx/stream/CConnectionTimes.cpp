@@ -82,8 +82,7 @@ void CConnectionImp::ArmTimer() {
     }
     CNxTimeValue interval;
     interval.SetByTotalMsec(std::max<std::int64_t>(due - NowMs(), 0) + c_clockStepMs);
-    const NxResult armed = GetReactor().ScheduleTimer(this, nullptr, interval, 1);
-    if (armed == NX_OK || armed == NX_ERROR_FOUND) {
+    if (NxSucceeded(GetReactor().ScheduleTimer(this, nullptr, interval, 1))) {
         m_timerAt = due;
     } else {
         End(ENxClosed::OUT_OF_MEMORY);

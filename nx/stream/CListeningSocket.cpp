@@ -1,5 +1,7 @@
 #include <netinet/tcp.h>
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/stream/CListeningSocket.h>
+#include <nx/stream/dual_endpoint.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -7,24 +9,10 @@
 #include <cerrno>
 #include <climits>
 
-namespace {
-
-// On every interface by IPv4.
-CNxEndpoint MakeV4(const CNxEndpoint& dual) {
-    CNxEndpoint v4{CNxInetAddr(AF_INET)};
-    v4.SetPort(dual.GetPort());
-    return v4;
-}
-
-}  // namespace
-
 NxResult CListeningSocket::Open(const CNxEndpoint& endpoint, const CNxAcceptorOptions& options) {
     assert(GetHandle() == -1);
-    bool isOpen = OpenAt(endpoint, options);
-    if (!isOpen && endpoint.IsDual() && (errno == EAFNOSUPPORT || errno == EADDRNOTAVAIL)) {
-        isOpen = OpenAt(MakeV4(endpoint), options);
-    }
-    return isOpen ? NX_OK : NX_ERROR_FAILURE;
+    const auto openAt = [&](const CNxEndpoint& at) { return OpenAt(at, options); };
+    return OpenAtEither(endpoint, openAt) ? NX_OK : NX_ERROR_FAILURE;
 }
 
 void CListeningSocket::Close() {
@@ -37,12 +25,12 @@ bool CListeningSocket::OpenAt(const CNxEndpoint& endpoint, const CNxAcceptorOpti
     if (m_socket.Open(endpoint.GetFamily(), SOCK_STREAM | SOCK_NONBLOCK, 0, 1) != 0) {
         return false;
     }
-    if (SetOptions(endpoint, options) && Bind(endpoint, options) && NoteEndpoint(endpoint)) {
+    if (SetOptions(endpoint, options) && Bind(endpoint, options) &&
+        FindBound(GetHandle(), endpoint, m_endpoint)) {
         return true;
     }
-    const int savedErrno = errno;
+    const CKeptErrno keptErrno;
     Close();
-    errno = savedErrno;
     return false;
 }
 
@@ -68,15 +56,4 @@ bool CListeningSocket::Bind(const CNxEndpoint& endpoint, const CNxAcceptorOption
     }
     return bind(GetHandle(), endpoint.GetAddress(), endpoint.GetSize()) == 0 &&
            listen(GetHandle(), backlog) == 0;
-}
-
-bool CListeningSocket::NoteEndpoint(const CNxEndpoint& endpoint) {
-    CNxEndpoint local;
-    if (local.SetLocalOf(GetHandle()) != NX_OK) {
-        return false;
-    }
-    // The system does not say that it serves IPv4 as well.
-    m_endpoint = endpoint.IsDual() ? endpoint : local;
-    m_endpoint.SetPort(local.GetPort());
-    return true;
 }

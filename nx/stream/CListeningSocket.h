@@ -31,7 +31,6 @@ private:
     [[nodiscard]] bool Bind(const CNxEndpoint& endpoint, const CNxAcceptorOptions& options);
     [[nodiscard]] bool SetOptions(const CNxEndpoint& endpoint, const CNxAcceptorOptions& options);
     [[nodiscard]] bool SetOption(int level, int option, int value);
-    [[nodiscard]] bool NoteEndpoint(const CNxEndpoint& endpoint);
 
     CNxSocketBase m_socket;
     CUnixPath m_path;

@@ -1,3 +1,4 @@
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/high_descriptor.h>
 #include <nx/stream/CListeningSocket.h>
 #include <nx/stream/CNxAcceptor.h>
@@ -55,10 +56,10 @@ NxResult CNxAcceptor::Open(const CNxEndpoint& endpoint, const CNxAcceptorOptions
         return opened;
     }
     const NxResult registered = m_reactor.RegisterHandler(this, NX_MASK_ACCEPT);
-    if (registered != NX_OK && registered != NX_ERROR_FOUND) {
-        const int savedErrno = registered == NX_ERROR_FAILURE ? errno : EINVAL;
+    if (!NxSucceeded(registered)) {
+        errno = registered == NX_ERROR_FAILURE ? errno : EINVAL;
+        const CKeptErrno keptErrno;
         m_socket->Close();
-        errno = savedErrno;
         return NX_ERROR_FAILURE;
     }
     m_state = EState::LISTENING;
@@ -152,8 +153,7 @@ void CNxAcceptor::ListenLater() {
     assert(GetHandle() != -1);
     m_reactor.RemoveHandler(this, NX_MASK_ALL_EVENTS);
     m_state = EState::WAITING;
-    const NxResult scheduled = m_reactor.ScheduleTimer(this, nullptr, RetryAfter(), 1);
-    if (scheduled != NX_OK && scheduled != NX_ERROR_FOUND &&
+    if (!NxSucceeded(m_reactor.ScheduleTimer(this, nullptr, RetryAfter(), 1)) &&
         m_reactor.RegisterHandler(this, NX_MASK_ACCEPT) == NX_OK) {
         // Without memory for a timer it tries in every turn: busy is better than deaf.
         m_state = EState::LISTENING;

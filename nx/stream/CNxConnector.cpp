@@ -203,7 +203,7 @@ int CNxConnector::CAttempt::Begin(const CNxEndpoint& endpoint) {
         return errno;
     }
     const NxResult watched = m_owner.m_reactor.RegisterHandler(this, NX_MASK_CONNECT);
-    m_isWatched = watched == NX_OK || watched == NX_ERROR_FOUND;
+    m_isWatched = NxSucceeded(watched);
     if (!m_isWatched) {
         return watched == NX_ERROR_INVALID_ARG ? EMFILE : ENOMEM;
     }

@@ -1,10 +1,12 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <nx/foundation/CCallOut.h>
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/CNxMutexThread.h>
 #include <nx/stream/CDatagramQueue.h>
 #include <nx/stream/CNxDatagram.h>
 #include <nx/stream/CUnixPath.h>
+#include <nx/stream/dual_endpoint.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -104,13 +106,6 @@ bool IsGroup(const CNxEndpoint& endpoint) {
     }
     return endpoint.GetFamily() == AF_INET6 &&
            IN6_IS_ADDR_MULTICAST(&reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr);
-}
-
-// On every interface by IPv4.
-CNxEndpoint MakeV4(const CNxEndpoint& dual) {
-    CNxEndpoint v4{CNxInetAddr(AF_INET)};
-    v4.SetPort(dual.GetPort());
-    return v4;
 }
 
 }  // namespace
@@ -284,9 +279,8 @@ NxResult CNxDatagram::Open(const CNxEndpoint& endpoint, const CNxDatagramOptions
         return NX_ERROR_INVALID_ARG;
     }
     if (!OpenSocket(endpoint, options, interface) || !Watch(NX_MASK_READ)) {
-        const int failure = errno;
+        const CKeptErrno keptErrno;
         CloseSocket();
-        errno = failure;
         return NX_ERROR_FAILURE;
     }
     m_thread.store(pthread_self(), std::memory_order_relaxed);
@@ -312,11 +306,8 @@ bool CNxDatagram::OpenSocket(const CNxEndpoint& endpoint, const CNxDatagramOptio
         errno = ENOMEM;
         return false;
     }
-    bool isOpen = OpenAt(endpoint, options, interface);
-    if (!isOpen && endpoint.IsDual() && (errno == EAFNOSUPPORT || errno == EADDRNOTAVAIL)) {
-        isOpen = OpenAt(MakeV4(endpoint), options, interface);
-    }
-    return isOpen;
+    return OpenAtEither(endpoint,
+                        [&](const CNxEndpoint& at) { return OpenAt(at, options, interface); });
 }
 
 bool CNxDatagram::OpenAt(const CNxEndpoint& endpoint, const CNxDatagramOptions& options,
@@ -326,15 +317,11 @@ bool CNxDatagram::OpenAt(const CNxEndpoint& endpoint, const CNxDatagramOptions& 
         return false;
     }
     const CNxEndpoint& peer = options.peer;
-    CNxEndpoint local;
     if ((peer.GetFamily() != AF_UNSPEC &&
          connect(GetHandle(), peer.GetAddress(), peer.GetSize()) != 0) ||
-        local.SetLocalOf(GetHandle()) != NX_OK) {
+        !FindBound(GetHandle(), endpoint, m_endpoint)) {
         return false;
     }
-    // The system does not say that it serves IPv4 as well.
-    m_endpoint = endpoint.IsDual() ? endpoint : local;
-    m_endpoint.SetPort(local.GetPort());
     m_unsent->UseSegments(options.segment && CDatagramQueue::CanSegment(GetHandle()));
     return true;
 }
@@ -375,8 +362,7 @@ void CNxDatagram::CloseSocket() {
 }
 
 bool CNxDatagram::Watch(long mask) {
-    const NxResult watched = m_reactor.RegisterHandler(this, mask);
-    m_isWatched = watched == NX_OK || watched == NX_ERROR_FOUND;
+    m_isWatched = NxSucceeded(m_reactor.RegisterHandler(this, mask));
     return m_isWatched;
 }
 
@@ -488,8 +474,7 @@ void CNxDatagram::TryLater() {
     CNxTimeValue delay;
     delay.SetByTotalMsec(m_retryMs);
     m_retryMs = std::min(2 * m_retryMs, c_lastRetryMs);
-    const NxResult scheduled = m_reactor.ScheduleTimer(this, nullptr, delay, 1);
-    if (scheduled != NX_OK && scheduled != NX_ERROR_FOUND) {
+    if (!NxSucceeded(m_reactor.ScheduleTimer(this, nullptr, delay, 1))) {
         // Nobody will call: the next send tries.
         m_sending = ESending::FREE;
     }

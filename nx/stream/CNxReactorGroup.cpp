@@ -1,4 +1,5 @@
 #include <nx/event/NxCall.h>
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/CNxTimeUtils.h>
 #include <nx/process/CatchBadAlloc.h>
 #include <nx/stream/CNxAcceptor.h>
@@ -109,11 +110,10 @@ NxResult CNxReactorGroup::CListener::Open(const CNxEndpoint& endpoint, size_t fi
         opened = OpenOn((first + i) % count, bound);
     }
     if (opened != NX_OK) {
-        const int error = errno;
+        const CKeptErrno keptErrno;
         m_endpoint = CNxEndpoint();
         // What a loop that has ended does not close any more goes with the group.
         static_cast<void>(m_group.RunOnEach([this](size_t loop) { Close(loop); }));
-        errno = error;
     }
     return opened;
 }
@@ -227,12 +227,11 @@ NxResult CNxReactorGroup::Start(const CNxReactorGroupOptions& options) {
         return result;
     });
     if (started != NX_OK) {
-        const int error = errno;
+        const CKeptErrno keptErrno;
         StopLoops();
         // Nothing runs on them yet that could block.
         static_cast<void>(JoinUntil(CNxTimeValue::s_tvMax()));
         m_loops.clear();
-        errno = error;
     }
     return started;
 }

@@ -142,24 +142,24 @@ void CStreamLoop::ReleaseGone() {
     }
 }
 
-void CStreamLoop::StopAll() {
-    const CEntry entry(*this);
+// Those that there are now; one that ends meanwhile leaves the list by itself.
+void CStreamLoop::CallEach(void (CStreamMember::*call)()) {
     CLife all;
     all.TakeAll(m_live);
     while (CStreamMember* const member = all.TakeFirst()) {
         m_live.Add(*member);
-        member->TellStop();
+        (member->*call)();
     }
+}
+
+void CStreamLoop::StopAll() {
+    const CEntry entry(*this);
+    CallEach(&CStreamMember::TellStop);
 }
 
 void CStreamLoop::EndAll() {
     const CEntry entry(*this);
-    CLife all;
-    all.TakeAll(m_live);
-    while (CStreamMember* const member = all.TakeFirst()) {
-        m_live.Add(*member);
-        member->EndWithLoop();
-    }
+    CallEach(&CStreamMember::EndWithLoop);
     TellEnded();
 }
 

@@ -83,6 +83,7 @@ private:
     void PayTurn();
     void RunTurn();
     void TakeInboxes();
+    void CallEach(void (CStreamMember::*call)());
     void TellEnded();
     void ReleaseGone();
 

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/CNxTimeUtils.h>
 #include <nx/process/CDescriptor.h>
@@ -35,9 +36,8 @@ public:
         : m_folder(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {}
     // Not by the close alone: a child that was forked meanwhile would still hold it.
     ~CFolderLock() {
-        const int savedErrno = errno;
+        const CKeptErrno keptErrno;
         flock(m_folder.Get(), LOCK_UN);
-        errno = savedErrno;
     }
     CFolderLock(const CFolderLock&) = delete;
     CFolderLock& operator=(const CFolderLock&) = delete;
@@ -51,9 +51,8 @@ public:
             if (errno != EWOULDBLOCK && errno != EINTR) {
                 return false;
             }
-            const int savedErrno = errno;
+            const CKeptErrno keptErrno;
             cnx_sleep_ms(c_lockTryMs);
-            errno = savedErrno;
         }
         return false;
     }
@@ -124,9 +123,8 @@ bool CUnixPath::BindTo(const std::string& path, int socket, const CNxEndpoint& e
         (backlog == c_datagram || listen(socket, backlog) == 0)) {
         return true;
     }
-    const int savedErrno = errno;
+    const CKeptErrno keptErrno;
     unlink(path.c_str());
-    errno = savedErrno;
     return false;
 }
 

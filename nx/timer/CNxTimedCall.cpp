@@ -50,7 +50,7 @@ NxResult CNxTimedCall::Schedule(INxTimerQueue& timers, const CNxTimeValue& inter
         return NX_ERROR_INVALID_ARG;
     }
     const NxResult scheduled = timers.ScheduleTimer(this, nullptr, interval, count);
-    if (scheduled != NX_OK && scheduled != NX_ERROR_FOUND) {
+    if (!NxSucceeded(scheduled)) {
         return scheduled;
     }
     if (m_timers == &timers) {
