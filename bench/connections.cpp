@@ -14,19 +14,8 @@
 #include <vector>
 
 #include "bench.h"
+#include "peers.h"
 #include "sockets.h"
-
-#ifdef NXBENCH_HAS_ASIO
-#include <asio.hpp>
-#endif
-#ifdef NXBENCH_HAS_LIBEVENT
-#include <event2/buffer.h>
-#include <event2/bufferevent.h>
-#include <event2/event.h>
-#endif
-#ifdef NXBENCH_HAS_LIBUV
-#include <uv.h>
-#endif
 
 namespace bench {
 
@@ -248,24 +237,12 @@ void BroadcastLibuv(const Sockets& sockets) {
 #endif
 
 #ifdef NXBENCH_HAS_LIBEVENT
-bufferevent* AddBufferevent(event_base* base, int fd, bufferevent_data_cb onRead, void* argument) {
-    bufferevent* const connection = bufferevent_socket_new(base, fd, 0);
-    bufferevent_setcb(connection, onRead, nullptr, nullptr, argument);
-    Require(bufferevent_enable(connection, EV_READ | EV_WRITE) == 0, "bufferevent_enable");
-    return connection;
-}
-
 void IdleBufferevent(const Sockets& sockets) {
     event_base* const base = event_base_new();
-    const auto echo = [](bufferevent* connection, void*) {
-        Require(evbuffer_add_buffer(bufferevent_get_output(connection),
-                                    bufferevent_get_input(connection)) == 0,
-                "evbuffer_add_buffer");
-    };
     const timeval idle{c_idleSeconds, 0};
     const timeval* const common = event_base_init_common_timeout(base, &idle);
     for (const int fd : sockets) {
-        bufferevent* const added = AddBufferevent(base, fd, echo, nullptr);
+        bufferevent* const added = AddBufferevent(base, fd, EchoBuffered);
         Require(bufferevent_set_timeouts(added, common, nullptr) == 0, "bufferevent_set_timeouts");
     }
     event_base_dispatch(base);

@@ -11,21 +11,11 @@
 #include <vector>
 
 #include "bench.h"
+#include "peers.h"
 #include "sockets.h"
 
-#ifdef NXBENCH_HAS_ASIO
-#include <asio.hpp>
-#endif
-#ifdef NXBENCH_HAS_LIBEVENT
-#include <event2/buffer.h>
-#include <event2/bufferevent.h>
-#include <event2/event.h>
-#endif
 #ifdef NXBENCH_HAS_LIBURING
 #include <liburing.h>
-#endif
-#ifdef NXBENCH_HAS_LIBUV
-#include <uv.h>
 #endif
 
 namespace bench {
@@ -163,15 +153,8 @@ void ServeLibevent(const Sockets& sockets) {
 
 void ServeBufferevent(const Sockets& sockets) {
     event_base* const base = event_base_new();
-    const auto echo = [](bufferevent* connection, void*) {
-        Require(evbuffer_add_buffer(bufferevent_get_output(connection),
-                                    bufferevent_get_input(connection)) == 0,
-                "evbuffer_add_buffer");
-    };
     for (const int fd : sockets) {
-        bufferevent* const connection = bufferevent_socket_new(base, fd, 0);
-        bufferevent_setcb(connection, echo, nullptr, nullptr, nullptr);
-        Require(bufferevent_enable(connection, EV_READ | EV_WRITE) == 0, "bufferevent_enable");
+        AddBufferevent(base, fd, EchoBuffered);
     }
     event_base_dispatch(base);
 }

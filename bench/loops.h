@@ -14,17 +14,7 @@
 #include <vector>
 
 #include "bench.h"
-
-#ifdef NXBENCH_HAS_ASIO
-#include <asio.hpp>
-#endif
-#ifdef NXBENCH_HAS_LIBEVENT
-#include <event2/event.h>
-#include <event2/thread.h>
-#endif
-#ifdef NXBENCH_HAS_LIBUV
-#include <uv.h>
-#endif
+#include "peers.h"
 
 namespace bench {
 
