@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <new>
 #include <optional>
 #include <string>
 
@@ -201,10 +202,15 @@ int Serve(const Options& options, int argc, char** argv) {
         examples::ShareTrace(options.sharedTrace);
     }
     Service service(options.maxClients, options.clientMemory << 20);
-    Start(server, service);
-    Listen(server, service, options);
-    if (!server.HasFailed()) {
-        Announce(server.GetGroup());
+    try {
+        Start(server, service);
+        Listen(server, service, options);
+        if (!server.HasFailed()) {
+            Announce(server.GetGroup());
+        }
+    } catch (const std::bad_alloc&) {
+        // Clients may be served already: the loops must end before the service.
+        server.Fail("out of memory");
     }
     server.SetOnReload(OnReload);
     const Stats& stats = service.GetStats();
