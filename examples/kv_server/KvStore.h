@@ -47,8 +47,6 @@ public:
     static constexpr std::int64_t c_never = 0;
     static constexpr std::int64_t c_keepExpiry = -1;
 
-    KvStore() { m_entries.max_load_factor(c_loadFactor); }
-
     void SetTime(std::int64_t now) { m_now = now; }
     std::int64_t GetTime() const { return m_now; }
 
@@ -92,8 +90,6 @@ private:
     };
     // Clients choose the keys: how these spread must not be known to them.
     using Entries = std::unordered_map<std::string, Entry, KeyHash>;
-    // Each further entry of a bucket is one more that is not in the processor's cache.
-    static constexpr float c_loadFactor = 0.25F;
 
     bool IsExpired(const Entry& entry) const {
         return entry.expiry != c_never && entry.expiry <= m_now;
