@@ -2,7 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <nx/event/INxEventQueue.h>
+#include <nx/event/NxCall.h>
 #include <nx/stream/CNxConnection.h>
 #include <sys/socket.h>
 #include <tests/support/Must.h>
@@ -42,18 +42,7 @@ public:
 
     // On the loop's thread; returns when it has run.
     void Run(const std::function<void()>& action) {
-        class Event : public INxEvent {
-        public:
-            explicit Event(const std::function<void()>& action) : m_action(action) {}
-            NxResult OnEventFire() override {
-                m_action();
-                return NX_OK;
-            }
-
-        private:
-            const std::function<void()>& m_action;
-        };
-        ASSERT_EQ(m_reactor.SendEvent(new Event(action)), NX_OK);
+        ASSERT_EQ(NxSendCall(m_reactor, action), NX_OK);
     }
 
     // Until it is so, as the loop's thread sees it.
