@@ -51,6 +51,7 @@ struct TlsSide {
         state = filter->Seal(held, toSocket);
     }
     void End() { filter->End(toSocket); }
+    std::string TakeToSocket() { return std::exchange(toSocket, {}).ToString(); }
     std::string TakeReceived() { return std::exchange(received, {}).ToString(); }
 };
 
