@@ -6,6 +6,7 @@
 #include <nx/stream/CNxConnection.h>
 #include <sys/mman.h>
 #include <tests/reactor/ReactorSupport.h>
+#include <tests/support/TestCertificates.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -285,6 +286,27 @@ void ConnectSockets(bool isTcp, int (&ends)[2]) {
     ends[1] = accept4(listening.GetHandle(), nullptr, nullptr, SOCK_CLOEXEC);
 }
 
+// Null where there is no TLS.
+CNxAutoPtr<CNxTlsContext> MakeTls(bool isServer) {
+    static const CTestCertificates s_certificates;
+    static CNxAutoPtr<CNxTlsContext> s_contexts[2];
+    CNxAutoPtr<CNxTlsContext>& context = s_contexts[isServer ? 1 : 0];
+    std::string error;
+    CNxTlsOptions options;
+    if (context) {
+        return context;
+    }
+    if (isServer) {
+        options.certificateFile = s_certificates.Certificate("server");
+        options.keyFile = s_certificates.Key("server");
+        static_cast<void>(CNxTlsContext::CreateServer(context, options, error));
+    } else {
+        options.verifyPeer = false;
+        static_cast<void>(CNxTlsContext::CreateClient(context, options, error));
+    }
+    return context;
+}
+
 class Pair {
 public:
     explicit Pair(Random& random) : m_sides{{{m_state, random}, {m_state, random}}} {
@@ -300,12 +322,15 @@ public:
     void Connect(INxReactor& reactor, Random& random) {
         int ends[2];
         ConnectSockets(random.OneIn(2), ends);
-        const auto options = std::make_shared<const CNxConnectionOptions>(MakeOptions(random));
+        CNxConnectionOptions options = MakeOptions(random);
+        const bool hasTls = random.OneIn(2);
         for (size_t i : {0U, 1U}) {
             CNxConnectedSocket socket;
             socket.socket.SetHandle(m_sides[i].m_socket = ends[i]);
+            options.tls = hasTls ? MakeTls(i == 0) : nullptr;
             Must(CNxConnection::Create(m_sides[i].m_connection, reactor, std::move(socket),
-                                       m_sides[i], options));
+                                       m_sides[i],
+                                       std::make_shared<const CNxConnectionOptions>(options)));
         }
     }
 
@@ -331,8 +356,8 @@ private:
     CNxConnectionOptions MakeOptions(Random& random) const {
         CNxConnectionOptions options;
         // A side may take its time on a slow machine: many steps pass before it happens to close.
-        options.lingerTimeout = CNxTimeValue(3600);
-        options.stallTimeout = CNxTimeValue(3600);
+        options.handshakeTimeout = options.lingerTimeout = options.stallTimeout =
+            CNxTimeValue(3600);
         options.highWater = 100000;
         options.lowWater = 50000;
         options.bytesPerTurn = random.OneIn(2) ? 10000 : 1 << 18;
@@ -345,10 +370,6 @@ private:
         }
         if (m_state.m_isHard && random.OneIn(2)) {
             options.idleTimeout = options.stallTimeout = options.lingerTimeout = {0, 50000};
-        }
-        if (m_state.m_kind != EKind::PREFIXED && random.OneIn(2)) {
-            std::string error;
-            Must(CNxTlsContext::CreateClient(options.tls, {}, error));
         }
         return options;
     }

@@ -1,6 +1,7 @@
 // What the tests of connections have in common.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <nx/event/NxCall.h>
 #include <nx/stream/CNxConnection.h>
@@ -119,6 +120,12 @@ struct Sink : INxConnectionSink {
     bool m_isClosed = false;
     CNxCloseReason m_reason;
 };
+
+inline CNxSocketBase OpenFile(const std::string& path) {
+    CNxSocketBase file;
+    file.SetHandle(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return file;
+}
 
 // A connection on a loop with the sink, the peer being a blocking socket.
 template <class Reactor>

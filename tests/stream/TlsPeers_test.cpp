@@ -1,6 +1,7 @@
 // Connections with TLS whose peers do what no library does by itself.
 #include <nx/foundation/CNoSigPipe.h>
 #include <nx/reactor/CNxReactorEpoll.h>
+#include <tests/support/TempFolder.h>
 
 #include "StreamSupport.h"
 #include "TlsPair.h"
@@ -9,15 +10,13 @@ namespace {
 
 constexpr int c_version = TLS1_3_VERSION;
 
-CNxTlsOptions NotVerifying() {
-    CNxTlsOptions options;
-    options.verifyPeer = false;
-    return options;
+std::shared_ptr<CTlsSetup> MakeServerSetup() {
+    return MakeTlsSetup(true, c_version, MakeTlsOptions("server"));
 }
 
 // Whose tickets take several records.
 std::shared_ptr<CTlsSetup> MakeServerOfLongTickets() {
-    auto server = MakeTlsSetup(true, c_version, MakeTlsOptions("server"));
+    auto server = MakeServerSetup();
     SSL_CTX_set_max_send_fragment(server->GetContext(), 512);
     const auto lengthen = +[](SSL* ssl, void* /*unused*/) {
         const std::string data(2000, 't');
@@ -29,36 +28,81 @@ std::shared_ptr<CTlsSetup> MakeServerOfLongTickets() {
 
 class TlsPeers : public ConnectionTest<CNxReactorEpoll> {
 protected:
-    void ReceiveBy(TlsSide& side) {
+    // The connection is a client, with a new sink.
+    void ConnectClient(CNxTimeValue handshakeTimeout = {10, 0}) {
+        CNxTlsOptions notVerifying;
+        notVerifying.verifyPeer = false;
+        CNxConnectionOptions options;
+        options.handshakeTimeout = handshakeTimeout;
+        std::string error;
+        Must(CNxTlsContext::CreateClient(options.tls, notVerifying, error));
+        m_sink = {};
+        Connect(m_sink, options);
+    }
+    // Up to its tickets, which are still to be sent.
+    void Handshake(const std::shared_ptr<CTlsSetup>& setup) {
+        m_server = {};
+        m_server.filter = TlsPair::MakeFilter(setup, "");
+        m_server.state = m_server.filter->Start(m_server.toSocket);
+        while (m_server.state == CStreamFilter::EState::HANDSHAKING) {
+            SendToIt(m_server.TakeToSocket());
+            Receive();
+        }
+    }
+    void Receive() {
         const std::string bytes = ReceiveFromIt(16384, 0);
         ASSERT_FALSE(bytes.empty());
-        side.state = side.filter->Open(CNxMessageChain(bytes), side.received, side.toSocket);
+        m_server.state =
+            m_server.filter->Open(CNxMessageChain(bytes), m_server.received, m_server.toSocket);
     }
 
     Sink m_sink;
+    TlsSide m_server;
 };
+
+TEST_F(TlsPeers, HowAConnectionWasCutOffIsTold) {
+    ConnectClient({0, 30000});
+    WaitUntilClosed(m_sink, ENxClosed::HANDSHAKE);
+    ConnectClient();
+    shutdown(m_peer.GetHandle(), SHUT_WR);
+    WaitUntilClosed(m_sink, ENxClosed::TLS);
+    EXPECT_EQ(m_sink.m_reason.text, "the peer ended during the TLS handshake");
+    ConnectClient();
+    Handshake(MakeServerSetup());
+    shutdown(m_peer.GetHandle(), SHUT_WR);
+    WaitUntilClosed(m_sink, ENxClosed::TLS);
+    EXPECT_EQ(m_sink.m_reason.text, "the peer ended without close_notify");
+    ConnectClient();
+    Handshake(MakeServerSetup());
+    m_server.Send("spoilt");
+    std::string bytes = m_server.TakeToSocket();
+    bytes.back() = static_cast<char>(bytes.back() ^ 1);
+    SendToIt(bytes);
+    WaitUntilClosed(m_sink, ENxClosed::TLS);
+    EXPECT_EQ(m_sink.m_reason.text, "decryption failed or bad record mac");
+    Receive();
+    EXPECT_NE(m_server.filter->GetError().find("bad record mac"), std::string::npos);
+    EXPECT_EQ(m_sink.m_received, "");
+}
+
+TEST_F(TlsPeers, AFileThatIsShorterThanItsRangeEndsTheConnection) {
+    const CTempFolder folder;
+    ConnectClient();
+    Handshake(MakeServerSetup());
+    m_loop.Run([&] {
+        EXPECT_EQ(m_connection->SendFile(OpenFile(folder.Put("file", "ab")), 1, 20000), NX_OK);
+    });
+    WaitUntilClosed(m_sink, ENxClosed::FAILED);
+    EXPECT_EQ(m_sink.m_reason.error, ENODATA);
+}
 
 // OpenSSL takes nothing to be sent while a message of its own has come in part.
 TEST_F(TlsPeers, ATicketThatHasBegunHoldsBackWhatIsSent) {
-    const auto setup = MakeServerOfLongTickets();
-    auto filter = std::make_unique<CTlsFilter>(setup, "");
-    ASSERT_TRUE(filter->Init());
-    TlsSide server;
-    server.filter = std::move(filter);
-    server.state = server.filter->Start(server.toSocket);
-    CNxConnectionOptions options;
-    std::string error;
-    Must(CNxTlsContext::CreateClient(options.tls, NotVerifying(), error));
-    Connect(m_sink, options);
-    while (server.state == CStreamFilter::EState::HANDSHAKING) {
-        ReceiveBy(server);
-        if (server.state == CStreamFilter::EState::HANDSHAKING) {
-            SendToIt(server.TakeToSocket());
-        }
-    }
-    ASSERT_GT(server.toSocket.GetSize(), 2000U);
+    ConnectClient();
+    Handshake(MakeServerOfLongTickets());
+    ASSERT_GT(m_server.toSocket.GetSize(), 2000U);
     const std::uint64_t before = m_connection->GetBytesReceived();
-    SendToIt(server.toSocket.Split(600).ToString());
+    SendToIt(m_server.toSocket.Split(600).ToString());
     m_loop.WaitUntil([&] { return m_connection->GetBytesReceived() == before + 600; });
     m_loop.Run([&] {
         EXPECT_EQ(m_connection->Send("hello"), NX_OK);
@@ -66,11 +110,11 @@ TEST_F(TlsPeers, ATicketThatHasBegunHoldsBackWhatIsSent) {
     });
     m_loop.WaitUntil([&] { return m_connection->GetState() == CNxConnection::EState::ENDING; });
     EXPECT_EQ(m_connection->GetUnsent(), 5U);
-    SendToIt(server.TakeToSocket());
-    while (server.state != CStreamFilter::EState::ENDED) {
-        ReceiveBy(server);
+    SendToIt(m_server.TakeToSocket());
+    while (m_server.state != CStreamFilter::EState::ENDED) {
+        Receive();
     }
-    EXPECT_EQ(server.TakeReceived(), "hello");
+    EXPECT_EQ(m_server.TakeReceived(), "hello");
     m_peer.Close();
     WaitUntilClosed(m_sink, ENxClosed::BY_US);
 }
@@ -82,7 +126,7 @@ TEST_F(TlsPeers, WhoAsksForUpdatesAndReadsNothingIsDropped) {
     std::string error;
     Must(CNxTlsContext::CreateServer(options.tls, MakeTlsOptions("server"), error));
     Connect(m_sink, options);
-    const auto setup = MakeTlsSetup(false, c_version, NotVerifying());
+    const auto setup = MakeTlsSetup(false, c_version, MakeTlsOptions(""));
     const CSslPtr ssl(SSL_new(setup->GetContext()));
     SSL_set_fd(ssl.get(), m_peer.GetHandle());
     ASSERT_EQ(SSL_connect(ssl.get()), 1);
