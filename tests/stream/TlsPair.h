@@ -51,6 +51,7 @@ struct TlsSide {
         state = filter->Seal(held, toSocket);
     }
     void End() { filter->End(toSocket); }
+    std::string TakeToSocket() { return std::exchange(toSocket, {}).ToString(); }
     std::string TakeReceived() { return std::exchange(received, {}).ToString(); }
 };
 
@@ -88,16 +89,16 @@ public:
 
     bool IsOpen() const { return client.state == EState::OPEN && server.state == EState::OPEN; }
 
-    TlsSide client;
-    TlsSide server;
-
-private:
     static std::unique_ptr<CStreamFilter> MakeFilter(const std::shared_ptr<CTlsSetup>& setup,
                                                      const std::string& name) {
         auto filter = std::make_unique<CTlsFilter>(setup, name);
         return filter->Init() ? std::move(filter) : nullptr;
     }
 
+    TlsSide client;
+    TlsSide server;
+
+private:
     static void Carry(TlsSide& from, TlsSide& to, size_t pieceSize) {
         while (!from.toSocket.IsEmpty()) {
             to.state = to.filter->Open(from.toSocket.Split(pieceSize), to.received, to.toSocket);

@@ -1,6 +1,7 @@
 // Connections with TLS whose peers do what no library does by itself.
 #include <nx/foundation/CNoSigPipe.h>
 #include <nx/reactor/CNxReactorEpoll.h>
+#include <tests/support/TempFolder.h>
 
 #include "StreamSupport.h"
 #include "TlsPair.h"
@@ -9,15 +10,13 @@ namespace {
 
 constexpr int c_version = TLS1_3_VERSION;
 
-CNxTlsOptions NotVerifying() {
-    CNxTlsOptions options;
-    options.verifyPeer = false;
-    return options;
+std::shared_ptr<CTlsSetup> MakeServerSetup() {
+    return MakeTlsSetup(true, c_version, MakeTlsOptions("server"));
 }
 
 // Whose tickets take several records.
 std::shared_ptr<CTlsSetup> MakeServerOfLongTickets() {
-    auto server = MakeTlsSetup(true, c_version, MakeTlsOptions("server"));
+    auto server = MakeServerSetup();
     SSL_CTX_set_max_send_fragment(server->GetContext(), 512);
     const auto lengthen = +[](SSL* ssl, void* /*unused*/) {
         const std::string data(2000, 't');
@@ -27,67 +26,83 @@ std::shared_ptr<CTlsSetup> MakeServerOfLongTickets() {
     return server;
 }
 
-// A connection on a loop, the peer being a blocking socket.
-class TlsPeers : public testing::Test {
+class TlsPeers : public ConnectionTest<CNxReactorEpoll> {
 protected:
-    void Connect(CNxConnectionOptions options, bool isServer) {
+    // The connection is a client, with a new sink.
+    void ConnectClient(CNxTimeValue handshakeTimeout = {10, 0}) {
+        CNxTlsOptions notVerifying;
+        notVerifying.verifyPeer = false;
+        CNxConnectionOptions options;
+        options.handshakeTimeout = handshakeTimeout;
         std::string error;
-        ASSERT_EQ(isServer
-                      ? CNxTlsContext::CreateServer(options.tls, MakeTlsOptions("server"), error)
-                      : CNxTlsContext::CreateClient(options.tls, NotVerifying(), error),
-                  NX_OK)
-            << error;
-        int ends[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-        m_peer.SetHandle(ends[1]);
-        m_loop.Run([&] {
-            CNxConnectedSocket socket;
-            socket.socket.SetHandle(ends[0]);
-            Must(CNxConnection::Create(m_connection, m_loop.GetReactor(), std::move(socket), m_sink,
-                                       std::make_shared<const CNxConnectionOptions>(options)));
-        });
+        Must(CNxTlsContext::CreateClient(options.tls, notVerifying, error));
+        m_sink = {};
+        Connect(m_sink, options);
     }
-    void WaitUntilClosed(ENxClosed kind) {
-        m_loop.WaitUntil([&] { return m_sink.m_isClosed; });
-        EXPECT_EQ(m_sink.m_reason.kind, kind) << m_sink.m_reason.text;
+    // Up to its tickets, which are still to be sent.
+    void Handshake(const std::shared_ptr<CTlsSetup>& setup) {
+        m_server = {};
+        m_server.filter = TlsPair::MakeFilter(setup, "");
+        m_server.state = m_server.filter->Start(m_server.toSocket);
+        while (m_server.state == CStreamFilter::EState::HANDSHAKING) {
+            SendToIt(m_server.TakeToSocket());
+            Receive();
+        }
     }
-    void SendTo(CNxMessageChain bytes) {
-        const std::string text = bytes.ToString();
-        ASSERT_EQ(send(m_peer.GetHandle(), text.data(), text.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(text.size()));
-    }
-    void ReceiveBy(TlsSide& side) {
-        char bytes[16384];
-        const ssize_t got = recv(m_peer.GetHandle(), bytes, sizeof(bytes), 0);
-        ASSERT_GT(got, 0);
-        CNxMessageChain sealed(std::string_view(bytes, static_cast<size_t>(got)));
-        side.state = side.filter->Open(std::move(sealed), side.received, side.toSocket);
+    void Receive() {
+        const std::string bytes = ReceiveFromIt(16384, 0);
+        ASSERT_FALSE(bytes.empty());
+        m_server.state =
+            m_server.filter->Open(CNxMessageChain(bytes), m_server.received, m_server.toSocket);
     }
 
-    LoopThread<CNxReactorEpoll> m_loop;
-    CNxSocketBase m_peer;
     Sink m_sink;
-    CNxAutoPtr<CNxConnection> m_connection;
+    TlsSide m_server;
 };
+
+TEST_F(TlsPeers, HowAConnectionWasCutOffIsTold) {
+    ConnectClient({0, 30000});
+    WaitUntilClosed(m_sink, ENxClosed::HANDSHAKE);
+    ConnectClient();
+    shutdown(m_peer.GetHandle(), SHUT_WR);
+    WaitUntilClosed(m_sink, ENxClosed::TLS);
+    EXPECT_EQ(m_sink.m_reason.text, "the peer ended during the TLS handshake");
+    ConnectClient();
+    Handshake(MakeServerSetup());
+    shutdown(m_peer.GetHandle(), SHUT_WR);
+    WaitUntilClosed(m_sink, ENxClosed::TLS);
+    EXPECT_EQ(m_sink.m_reason.text, "the peer ended without close_notify");
+    ConnectClient();
+    Handshake(MakeServerSetup());
+    m_server.Send("spoilt");
+    std::string bytes = m_server.TakeToSocket();
+    bytes.back() = static_cast<char>(bytes.back() ^ 1);
+    SendToIt(bytes);
+    WaitUntilClosed(m_sink, ENxClosed::TLS);
+    EXPECT_EQ(m_sink.m_reason.text, "decryption failed or bad record mac");
+    Receive();
+    EXPECT_NE(m_server.filter->GetError().find("bad record mac"), std::string::npos);
+    EXPECT_EQ(m_sink.m_received, "");
+}
+
+TEST_F(TlsPeers, AFileThatIsShorterThanItsRangeEndsTheConnection) {
+    const CTempFolder folder;
+    ConnectClient();
+    Handshake(MakeServerSetup());
+    m_loop.Run([&] {
+        EXPECT_EQ(m_connection->SendFile(OpenFile(folder.Put("file", "ab")), 1, 20000), NX_OK);
+    });
+    WaitUntilClosed(m_sink, ENxClosed::FAILED);
+    EXPECT_EQ(m_sink.m_reason.error, ENODATA);
+}
 
 // OpenSSL takes nothing to be sent while a message of its own has come in part.
 TEST_F(TlsPeers, ATicketThatHasBegunHoldsBackWhatIsSent) {
-    const auto setup = MakeServerOfLongTickets();
-    auto filter = std::make_unique<CTlsFilter>(setup, "");
-    ASSERT_TRUE(filter->Init());
-    TlsSide server;
-    server.filter = std::move(filter);
-    server.state = server.filter->Start(server.toSocket);
-    Connect({}, false);
-    while (server.state == CStreamFilter::EState::HANDSHAKING) {
-        ReceiveBy(server);
-        if (server.state == CStreamFilter::EState::HANDSHAKING) {
-            SendTo(std::move(server.toSocket));
-        }
-    }
-    ASSERT_GT(server.toSocket.GetSize(), 2000U);
+    ConnectClient();
+    Handshake(MakeServerOfLongTickets());
+    ASSERT_GT(m_server.toSocket.GetSize(), 2000U);
     const std::uint64_t before = m_connection->GetBytesReceived();
-    SendTo(server.toSocket.Split(600));
+    SendToIt(m_server.toSocket.Split(600).ToString());
     m_loop.WaitUntil([&] { return m_connection->GetBytesReceived() == before + 600; });
     m_loop.Run([&] {
         EXPECT_EQ(m_connection->Send("hello"), NX_OK);
@@ -95,21 +110,23 @@ TEST_F(TlsPeers, ATicketThatHasBegunHoldsBackWhatIsSent) {
     });
     m_loop.WaitUntil([&] { return m_connection->GetState() == CNxConnection::EState::ENDING; });
     EXPECT_EQ(m_connection->GetUnsent(), 5U);
-    SendTo(std::move(server.toSocket));
-    while (server.state != CStreamFilter::EState::ENDED) {
-        ReceiveBy(server);
+    SendToIt(m_server.TakeToSocket());
+    while (m_server.state != CStreamFilter::EState::ENDED) {
+        Receive();
     }
-    EXPECT_EQ(server.TakeReceived(), "hello");
+    EXPECT_EQ(m_server.TakeReceived(), "hello");
     m_peer.Close();
-    WaitUntilClosed(ENxClosed::BY_US);
+    WaitUntilClosed(m_sink, ENxClosed::BY_US);
 }
 
 // Each update of the keys that a peer asks for is answered: the answers are bounded as well.
 TEST_F(TlsPeers, WhoAsksForUpdatesAndReadsNothingIsDropped) {
     CNxConnectionOptions options;
     options.maxUnsent = 10000;
-    Connect(options, true);
-    const auto setup = MakeTlsSetup(false, c_version, NotVerifying());
+    std::string error;
+    Must(CNxTlsContext::CreateServer(options.tls, MakeTlsOptions("server"), error));
+    Connect(m_sink, options);
+    const auto setup = MakeTlsSetup(false, c_version, MakeTlsOptions(""));
     const CSslPtr ssl(SSL_new(setup->GetContext()));
     SSL_set_fd(ssl.get(), m_peer.GetHandle());
     ASSERT_EQ(SSL_connect(ssl.get()), 1);
@@ -117,7 +134,7 @@ TEST_F(TlsPeers, WhoAsksForUpdatesAndReadsNothingIsDropped) {
     while (SSL_key_update(ssl.get(), SSL_KEY_UPDATE_REQUESTED) == 1 &&
            SSL_do_handshake(ssl.get()) == 1) {
     }
-    WaitUntilClosed(ENxClosed::LIMIT);
+    WaitUntilClosed(m_sink, ENxClosed::LIMIT);
 }
 
 }  // namespace
