@@ -52,34 +52,22 @@ TEST(TimerQueue, FiresByExpiryLastScheduledFirstAndDoesNotCatchUp) {
     EXPECT_EQ(queue.CancelTimer(&b), NX_OK);
 }
 
-// A container of an application's own, with one node and the results that it is told.
-class ObstinateQueue : public CNxTimerQueueBase {
+// A container of an application's own.
+class ObstinateQueue : public CNxTimerQueueOrderedList {
 public:
-    ObstinateQueue() : CNxTimerQueueBase(nullptr) {}
-
-    NxResult m_result = NX_OK;
+    using CNxTimerQueueOrderedList::CNxTimerQueueOrderedList;
 
 protected:
     NxResult PushNode_l(const CNode& node) override {
-        m_node = node;
-        return m_result;
+        return CNxTimerQueueOrderedList::PushNode_l(node) + 77;
     }
-    NxResult EraseNode_l(INxTimerHandler* /*handler*/) override { return m_result; }
-    NxResult RePushNode_l(const CNode& /*node*/) override { return m_result; }
-    NxResult PopFirstNode_l(CNode& /*node*/) override { return m_result; }
-    NxResult GetEarliestTime_l(CNxTimeValue& time) const override {
-        time = m_node.m_expiry;
-        return NX_OK;
-    }
-
-private:
-    CNode m_node{};
+    NxResult EraseNode_l(INxTimerHandler* /*handler*/) override { return 77; }
+    NxResult PopFirstNode_l(CNode& /*node*/) override { return 77; }
 };
 
 TEST(TimerQueue, WhatAContainerRefusesIsAFailureAndNoMore) {
-    ObstinateQueue queue;
+    ObstinateQueue queue(nullptr);
     Handler never([] { FAIL(); });
-    queue.m_result = 77;
     EXPECT_EQ(queue.ScheduleTimer(&never, nullptr, CNxTimeValue(0, 0), 1), NX_ERROR_FAILURE);
     EXPECT_EQ(queue.CancelTimer(&never), NX_ERROR_FAILURE);
     CNxTimeValue remaining;
