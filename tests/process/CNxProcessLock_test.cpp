@@ -2,10 +2,7 @@
 #include <nx/process/CNxProcessLock.h>
 #include <sys/stat.h>
 
-#include <atomic>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "../support/TempFolder.h"
 #include "Children.h"
@@ -83,40 +80,6 @@ TEST_F(CNxProcessLockTest, AForkedChildGivesNothingUpForItsParent) {
     EXPECT_TRUE(m_lock.IsHeld());
     EXPECT_EQ(NX_ERROR_NOT_AVAILABLE, m_other.Lock(m_path));
     EXPECT_NE("", m_folder.Get("lock"));
-}
-
-TEST_F(CNxProcessLockTest, EndsWithItsHolder) {
-    Child child([&] {
-        static_cast<void>(m_lock.Lock(m_path));
-        return raise(SIGSTOP);
-    });
-    ASSERT_EQ(child.GetPid(), waitpid(child.GetPid(), nullptr, WUNTRACED));
-    EXPECT_EQ(NX_ERROR_NOT_AVAILABLE, m_lock.Lock(m_path));
-    EXPECT_EQ(NX_OK, CNxProcessLock::GetHolder(m_path, m_holder));
-    EXPECT_EQ(child.GetPid(), m_holder);
-    child.Kill();
-    EXPECT_EQ(NX_OK, m_lock.Lock(m_path));
-}
-
-TEST_F(CNxProcessLockTest, FoughtOverThereIsNeverASecondHolder) {
-    std::atomic<int> holders{0};
-    std::vector<std::thread> fighters;
-    for (int number = 0; number < 6; ++number) {
-        fighters.emplace_back([&] {
-            for (int taken = 0; taken < ShortOr(100, 10000);) {
-                CNxProcessLock lock;
-                if (lock.Lock(m_path) == NX_OK) {
-                    EXPECT_EQ(1, ++holders);
-                    sched_yield();
-                    --holders;
-                    ++taken;
-                }
-            }
-        });
-    }
-    for (std::thread& fighter : fighters) {
-        fighter.join();
-    }
 }
 
 }  // namespace

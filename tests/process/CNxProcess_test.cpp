@@ -5,7 +5,6 @@
 
 #include <filesystem>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "../support/TempFolder.h"
@@ -172,14 +171,6 @@ TEST_F(CNxProcessTest, DoesNotOutliveItsObjectUnlessThatIsACopyInAForkedChild) {
     EXPECT_EQ(NX_OK, CNxProcess().Start(start));
 }
 
-TEST_F(CNxProcessTest, AnEndThatSomebodyElseTookIsNotMadeUp) {
-    ASSERT_EQ(NX_OK, m_process.Start(Shell("exit 3")));
-    ASSERT_EQ(m_process.GetPid(), waitpid(m_process.GetPid(), nullptr, 0));
-    EXPECT_EQ(NX_OK, m_process.Signal(SIGTERM));
-    EXPECT_EQ(NX_ERROR_NOT_AVAILABLE, m_process.Wait(m_end));
-    EXPECT_EQ(NX_ERROR_NOT_AVAILABLE, m_process.Wait(m_end));
-}
-
 // The system takes the end away, of some before they are looked for.
 TEST_F(CNxProcessTest, IsStartedAlsoWhereSigchldIsIgnored) {
     Child child([] {
@@ -195,23 +186,6 @@ TEST_F(CNxProcessTest, IsStartedAlsoWhereSigchldIsIgnored) {
         return isRight ? 0 : 1;
     });
     EXPECT_EQ(0, child.Wait());
-}
-
-TEST_F(CNxProcessTest, ManyFromManyThreadsAllEndAsTheyShould) {
-    std::vector<std::thread> threads;
-    for (int number = 0; number < 8; ++number) {
-        threads.emplace_back([number] {
-            for (int i = ShortOr(25, 250); i > 0; --i) {
-                const int status = (number * 31 + i) % 256;
-                CNxProcess process;
-                EXPECT_EQ(NX_OK, process.Start(Shell("exit " + std::to_string(status))));
-                EXPECT_EQ(status, Await(process));
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
 }
 
 }  // namespace

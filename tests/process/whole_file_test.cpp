@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <random>
 #include <string>
 
 #include "../support/TempFolder.h"
@@ -127,24 +126,6 @@ TEST_F(WholeFile, AWriteThatFailsLeavesTheOldContentAndNothingElse) {
     EXPECT_EQ(0, child.Wait());
     EXPECT_EQ("old", m_folder.Get("file"));
     EXPECT_EQ(1, CountFiles());
-}
-
-TEST_F(WholeFile, AWriterThatIsKilledLeavesOneContentOrTheOtherWhole) {
-    const std::string texts[] = {std::string(300000, 'a'), std::string(200000, 'b')};
-    m_folder.Put("file", texts[0]);
-    std::mt19937 random(1);
-    for (int round = ShortOr(20, 200); round > 0; --round) {
-        Child child([&] {
-            int i = 0;
-            while (Write(m_path, texts[++i % 2]) == NX_OK) {
-            }
-            return 1;
-        });
-        usleep(static_cast<useconds_t>(random() % 5000));
-        child.Kill();
-        const std::string found = m_folder.Get("file");
-        ASSERT_TRUE(found == texts[0] || found == texts[1]) << found.size();
-    }
 }
 
 }  // namespace
