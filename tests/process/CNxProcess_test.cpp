@@ -83,18 +83,6 @@ TEST_F(CNxProcessTest, HasTheDescriptorsThatItWasGivenAndNoOther) {
     }
 }
 
-TEST_F(CNxProcessTest, ItsExitIsToldAsOftenAsAsked) {
-    EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, m_process.Wait(m_end));
-    EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, m_process.Signal(SIGTERM));
-    ASSERT_EQ(NX_OK, m_process.Start(Shell("exit 9")));
-    pollfd handle{m_process.GetHandle(), POLLIN, 0};
-    EXPECT_EQ(1, poll(&handle, 1, -1));
-    const CNxTimeValue none;
-    EXPECT_EQ(NX_OK, m_process.Wait(m_end, &none));
-    EXPECT_EQ(9, Await(m_process));
-    EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, m_process.Signal(SIGTERM));
-}
-
 TEST_F(CNxProcessTest, SignalsAreAtTheirDefaultsAndUnblocked) {
     sigset_t terminate;
     sigset_t before;
@@ -111,23 +99,16 @@ TEST_F(CNxProcessTest, SignalsAreAtTheirDefaultsAndUnblocked) {
 }
 
 TEST_F(CNxProcessTest, WhatCannotBeStartedIsToldAndLeavesNothing) {
-    const CNxString text = m_folder.Put("no_program", "text").c_str();
-    const CNxString program = m_folder.Put("program", "text").c_str();
-    ASSERT_EQ(0, chmod(program.c_str(), 0700));
-    const CNxRedirection null{1, CNxRedirection::NULL_DEVICE};
+    const CNxString text = m_folder.Put("text", "text").c_str();
     const struct {
         CNxString m_program;
         CNxRedirection m_descriptor;
         NxResult m_result;
         int m_error;
     } cases[] = {
-        {"/no/such/program", {2, 1}, NX_ERROR_NOT_FOUND, ENOENT},
         {"no_such_program_in_path", {2, 1}, NX_ERROR_NOT_FOUND, ENOENT},
         {text, {2, 1}, NX_ERROR_FAILURE, EACCES},
-        {program, {2, 1}, NX_ERROR_FAILURE, ENOEXEC},
-        {"", {2, 1}, NX_ERROR_INVALID_ARG, 0},
         {CNxString("/bin/sh\0", 8), {2, 1}, NX_ERROR_INVALID_ARG, 0},
-        {"/bin/sh", {-1, 0}, NX_ERROR_INVALID_ARG, 0},
         {"/bin/sh", {256, 0}, NX_ERROR_INVALID_ARG, 0},
         {"/bin/sh", {1, 0}, NX_ERROR_INVALID_ARG, 0},
         {"/bin/sh", {2, -1}, NX_ERROR_FAILURE, EBADF},
@@ -135,15 +116,13 @@ TEST_F(CNxProcessTest, WhatCannotBeStartedIsToldAndLeavesNothing) {
     for (const auto& one : cases) {
         CNxProcessStart start = Shell("exit 0");
         start.m_program = one.m_program;
-        start.m_descriptors = {null, one.m_descriptor};
+        start.m_descriptors = {{1, CNxRedirection::NULL_DEVICE}, one.m_descriptor};
         errno = 0;
         EXPECT_EQ(one.m_result, m_process.Start(start)) << one.m_program;
         EXPECT_EQ(one.m_error, errno) << one.m_program;
     }
-    CNxProcessStart start = Shell("exit 0");
-    start.m_workingFolder = "/no/such/folder";
-    EXPECT_EQ(NX_ERROR_NOT_FOUND, m_process.Start(start));
     EXPECT_EQ(0, m_process.GetPid());
+    EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, m_process.Wait(m_end));
 }
 
 TEST_F(CNxProcessTest, WaitingHasALimitAndStoppingEndsInSigkill) {
@@ -152,10 +131,9 @@ TEST_F(CNxProcessTest, WaitingHasALimitAndStoppingEndsInSigkill) {
     ASSERT_EQ(m_process.GetPid(), waitpid(m_process.GetPid(), nullptr, WUNTRACED));
     EXPECT_EQ(NX_ERROR_ALREADY_INITIALIZED, m_process.Start(start));
     EXPECT_EQ(NX_ERROR_TIMEOUT, m_process.Wait(m_end, &m_moment));
-    EXPECT_LT(2, m_process.GetHandle());
     EXPECT_EQ(NX_OK, m_process.Stop(m_moment, m_end));
     EXPECT_EQ(-SIGKILL, Await(m_process));
-    EXPECT_EQ(-1, m_process.GetHandle());
+    EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, m_process.Signal(SIGTERM));
 }
 
 TEST_F(CNxProcessTest, DoesNotOutliveItsObjectUnlessThatIsACopyInAForkedChild) {

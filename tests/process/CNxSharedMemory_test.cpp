@@ -19,28 +19,24 @@ protected:
     const key_t m_key = 0x4E580000 ^ getpid();
     const CNxTimeValue m_short{0, 20000};
     CNxSharedMemory m_memory;
+    CNxSharedMemory m_other;
 };
 
 TEST_F(CNxSharedMemoryTest, IsMadeZeroOnceAndFoundWithItsSizeOnly) {
     EXPECT_EQ(NX_ERROR_NOT_FOUND, m_memory.Attach(m_key, 100));
     EXPECT_EQ(NX_ERROR_INVALID_ARG, m_memory.Open(m_key, 0));
     EXPECT_EQ(NX_ERROR_INVALID_ARG, m_memory.Open(IPC_PRIVATE, 100));
-    EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, m_memory.Lock());
     ASSERT_EQ(NX_OK, m_memory.Open(m_key, 100));
     EXPECT_EQ(NX_ERROR_ALREADY_INITIALIZED, m_memory.Open(m_key, 100));
-    EXPECT_EQ(0, At(m_memory));
-    At(m_memory) = 7;
-    CNxSharedMemory other;
-    EXPECT_EQ(NX_ERROR_UNEXPECTED, other.Open(m_key, 101));
-    EXPECT_EQ(NX_ERROR_UNEXPECTED, other.Attach(m_key, 99));
-    EXPECT_EQ(100u, other.GetSize());
-    EXPECT_EQ(nullptr, other.GetData());
-    ASSERT_EQ(NX_OK, other.Attach(m_key, 100));
-    EXPECT_EQ(7, At(other));
+    EXPECT_EQ(0, At(m_memory)++);
+    EXPECT_EQ(NX_ERROR_UNEXPECTED, m_other.Open(m_key, 101));
+    EXPECT_EQ(100u, m_other.GetSize());
+    EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, m_other.Lock());
+    ASSERT_EQ(NX_OK, m_other.Attach(m_key, 100));
     EXPECT_EQ(NX_OK, CNxSharedMemory::Remove(m_key));
     EXPECT_EQ(NX_ERROR_NOT_FOUND, CNxSharedMemory::Remove(m_key));
-    EXPECT_EQ(7, At(other));
-    EXPECT_EQ(NX_ERROR_NOT_FOUND, other.Lock());
+    EXPECT_EQ(1, At(m_other));
+    EXPECT_EQ(NX_ERROR_NOT_FOUND, m_other.Lock());
 }
 
 TEST_F(CNxSharedMemoryTest, WithoutItsSemaphoresNoSegmentIsLeft) {
@@ -55,30 +51,26 @@ TEST_F(CNxSharedMemoryTest, WithoutItsSemaphoresNoSegmentIsLeft) {
 
 TEST_F(CNxSharedMemoryTest, TheLockExcludesAndEndsWithItsHolder) {
     ASSERT_EQ(NX_OK, m_memory.Open(m_key, 100));
-    {
-        CNxSharedMemory other;
-        ASSERT_EQ(NX_OK, other.Open(m_key, 100));
-        ASSERT_EQ(NX_OK, m_memory.Lock());
-        for (const CNxTimeValue& limit : {m_short, CNxTimeValue(-1, 0)}) {
-            EXPECT_EQ(NX_ERROR_TIMEOUT, other.Lock(&limit));
-        }
-        EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, other.UnLock());
-        Child child([&] { return m_memory.UnLock() == NX_ERROR_NOT_INITIALIZED ? 0 : 1; });
-        EXPECT_EQ(0, child.Wait());
-        EXPECT_EQ(NX_OK, m_memory.UnLock());
-        EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, m_memory.UnLock());
-        EXPECT_EQ(NX_OK, other.Lock(&m_short));
+    ASSERT_EQ(NX_OK, m_other.Open(m_key, 100));
+    ASSERT_EQ(NX_OK, m_memory.Lock());
+    for (const CNxTimeValue& limit : {m_short, CNxTimeValue(-1, 0)}) {
+        EXPECT_EQ(NX_ERROR_TIMEOUT, m_other.Lock(&limit));
     }
-    EXPECT_EQ(NX_OK, m_memory.Lock(&m_short));
+    EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, m_other.UnLock());
+    Child child([&] { return m_memory.UnLock() == NX_ERROR_NOT_INITIALIZED ? 0 : 1; });
+    EXPECT_EQ(0, child.Wait());
+    m_memory.Close();
+    EXPECT_EQ(NX_OK, m_other.Lock(&m_short));
+    EXPECT_EQ(NX_OK, m_other.UnLock());
+    EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, m_other.UnLock());
 }
 
 TEST_F(CNxSharedMemoryTest, RemovalWakesWhoWaits) {
     ASSERT_EQ(NX_OK, m_memory.Open(m_key, 100));
     ASSERT_EQ(NX_OK, m_memory.Lock());
     std::thread waiter([&] {
-        CNxSharedMemory other;
-        EXPECT_EQ(NX_OK, other.Open(m_key, 100));
-        EXPECT_EQ(NX_ERROR_NOT_FOUND, other.Lock());
+        EXPECT_EQ(NX_OK, m_other.Open(m_key, 100));
+        EXPECT_EQ(NX_ERROR_NOT_FOUND, m_other.Lock());
     });
     shmid_ds status{};
     do {

@@ -83,34 +83,30 @@ TEST_F(WholeFile, FilesThatCallThemselvesEmptyAreReadWhole) {
 TEST_F(WholeFile, WhatIsTooLargeOrNoFileIsNotRead) {
     m_folder.Put("file", "12345");
     EXPECT_EQ(NX_OK, Read(m_path, 5));
-    EXPECT_EQ(NX_ERROR_FAILURE, Read(m_path, 4));
-    EXPECT_EQ(EFBIG, errno);
-    EXPECT_EQ(NX_ERROR_FAILURE, Read("/proc/self/smaps", 10));
-    EXPECT_EQ(EFBIG, errno);
+    for (const std::string& path : {m_path, std::string("/proc/self/smaps")}) {
+        EXPECT_EQ(NX_ERROR_FAILURE, Read(path, 4));
+        EXPECT_EQ(EFBIG, errno);
+    }
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they end the process
     // Larger than any memory, but not than what was asked for.
     ASSERT_EQ(0, truncate(m_path.c_str(), 1L << 43));
     EXPECT_EQ(NX_ERROR_FAILURE, Read(m_path, ~0UL));
     EXPECT_EQ(ENOMEM, errno);
 #endif
-    ASSERT_EQ(0, mkfifo(m_folder.Path("pipe").c_str(), 0600));
-    for (const std::string& other :
-         {m_folder.Path(), m_folder.Path("pipe"), std::string("/dev/zero"), std::string()}) {
-        EXPECT_EQ(NX_ERROR_INVALID_ARG, Read(other)) << other;
-    }
     EXPECT_EQ(NX_ERROR_NOT_FOUND, Read(m_folder.Path("none")));
 }
 
-TEST_F(WholeFile, WhatIsNoRegularFileIsNotReplaced) {
+TEST_F(WholeFile, WhatIsNoRegularFileIsNeitherReadNorReplaced) {
     m_folder.Put("file", "old");
-    ASSERT_EQ(0, symlink(m_path.c_str(), m_folder.Path("link").c_str()));
     ASSERT_EQ(0, mkfifo(m_folder.Path("pipe").c_str(), 0600));
-    for (const std::string& path : {m_folder.Path("link"), m_folder.Path("pipe"),
-                                    m_folder.Path("."), m_folder.Path("x/"), std::string()}) {
+    for (const std::string& path : {m_folder.Path(), m_folder.Path("pipe"), std::string()}) {
+        EXPECT_EQ(NX_ERROR_INVALID_ARG, Read(path)) << path;
         EXPECT_EQ(NX_ERROR_INVALID_ARG, Write(path, "new")) << path;
     }
-    EXPECT_EQ(NX_ERROR_NOT_FOUND, Write(m_folder.Path("none/file"), "new"));
+    ASSERT_EQ(0, symlink(m_path.c_str(), m_folder.Path("link").c_str()));
+    EXPECT_EQ(NX_ERROR_INVALID_ARG, Write(m_folder.Path("link"), "new"));
     EXPECT_EQ("old", m_folder.Get("file"));
+    EXPECT_EQ(NX_ERROR_NOT_FOUND, Write(m_folder.Path("none/file"), "new"));
     EXPECT_EQ(3, CountFiles());
 }
 
