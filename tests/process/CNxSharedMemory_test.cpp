@@ -4,8 +4,6 @@
 #include <sys/sem.h>
 #include <sys/shm.h>
 
-#include <thread>
-
 #include "Children.h"
 
 namespace {
@@ -63,22 +61,6 @@ TEST_F(CNxSharedMemoryTest, TheLockExcludesAndEndsWithItsHolder) {
     EXPECT_EQ(NX_OK, m_other.Lock(&m_short));
     EXPECT_EQ(NX_OK, m_other.UnLock());
     EXPECT_EQ(NX_ERROR_NOT_INITIALIZED, m_other.UnLock());
-}
-
-TEST_F(CNxSharedMemoryTest, RemovalWakesWhoWaits) {
-    ASSERT_EQ(NX_OK, m_memory.Open(m_key, 100));
-    ASSERT_EQ(NX_OK, m_memory.Lock());
-    std::thread waiter([&] {
-        EXPECT_EQ(NX_OK, m_other.Open(m_key, 100));
-        EXPECT_EQ(NX_ERROR_NOT_FOUND, m_other.Lock());
-    });
-    shmid_ds status{};
-    do {
-        ASSERT_EQ(0, shmctl(shmget(m_key, 0, 0), IPC_STAT, &status));
-    } while (status.shm_nattch < 2);
-    EXPECT_EQ(NX_OK, CNxSharedMemory::Remove(m_key));
-    waiter.join();
-    EXPECT_EQ(NX_ERROR_NOT_FOUND, m_memory.UnLock());
 }
 
 TEST_F(CNxSharedMemoryTest, AfterAHolderWasKilledTheOtherGoesOnAndIsToldOnce) {
