@@ -6,7 +6,6 @@
 #include <tests/support/ServerProcess.h>
 #include <tests/support/TempFolder.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -14,48 +13,39 @@
 
 namespace {
 
-class KvServer : public testing::Test {
-protected:
-    TestClient Connect(int receiveBuffer = 0) const {
-        return TestClient(m_server.GetPort(), receiveBuffer);
-    }
-
-    // All until the server hangs up.
-    std::string AnswerTo(const std::string& requests) const {
-        const TestClient client = Connect();
-        client.Send(requests);
-        return client.ReceiveAll();
-    }
-
+struct KvServer : testing::Test {
     ServerProcess m_server{KV_SERVER, {"--port=0", "--threads=3"}};
+    const TestClient m_client{m_server.GetPort()};
 };
 
 TEST_F(KvServer, ErrorsOfTheProtocolComeBehindTheRepliesAndEndTheConnection) {
+    m_client.Expect("PING\r\n", "+PONG\r\n");
     const long before = m_server.CountDescriptors();
     // What comes behind the error is in nobody's way, much as it may be.
-    EXPECT_EQ("+PONG\r\n-ERR Protocol error: invalid multibulk length\r\n",
-              AnswerTo("PING\r\n*2000\r\n" + std::string(200000, 'z')));
-    EXPECT_EQ("+OK\r\n", AnswerTo("QUIT\r\nPING\r\n"));
-    const TestClient halfClosed = Connect();
-    halfClosed.Send("PING\r\nPING\r\nPIN");
-    halfClosed.EndSending();
-    EXPECT_EQ("+PONG\r\n+PONG\r\n", halfClosed.ReceiveAll());
-    m_server.ExpectDescriptors(before);
+    for (const auto& [requests, answers] :
+         {std::pair("PING\r\n*2000\r\n" + std::string(200000, 'z'),
+                    "+PONG\r\n-ERR Protocol error: invalid multibulk length\r\n"),
+          {"QUIT\r\nPING\r\n", "+OK\r\n"}}) {
+        const TestClient client(m_server.GetPort());
+        client.Send(requests);
+        EXPECT_EQ(answers, client.ReceiveAll());
+    }
+    m_client.Send("PING\r\nPING\r\nPIN");
+    m_client.EndSending();
+    EXPECT_EQ("+PONG\r\n+PONG\r\n", m_client.ReceiveAll());
+    m_server.ExpectDescriptors(before - 1);
 }
 
 TEST_F(KvServer, AClientThatDoesNotReadIsNotReadFromAndDisturbsNobody) {
     const std::string value(1 << 20, 'v');
-    const TestClient other = Connect();
-    other.Expect(ToRequest({"SET", "big", value}), "+OK\r\n");
-    const TestClient lazy = Connect(65536);
+    m_client.Expect(ToRequest({"SET", "big", value}), "+OK\r\n");
+    const TestClient lazy(m_server.GetPort(), 65536);
     // Until the server takes no more: it must not go on for ever.
     pollfd room{lazy.GetHandle(), POLLOUT, 0};
     while (poll(&room, 1, 500) == 1) {
         send(lazy.GetHandle(), "GET big\r\n", 9, MSG_DONTWAIT | MSG_NOSIGNAL);
     }
-    for (int i = 0; i < 1000; ++i) {
-        other.Expect("PING\r\n", "+PONG\r\n");
-    }
+    m_client.Expect("PING\r\n", "+PONG\r\n");
     const std::string answer = ToBulk(value);
     for (int i = 0; i < 100; ++i) {
         ASSERT_EQ(answer, lazy.Receive(answer.size())) << i;
@@ -63,34 +53,34 @@ TEST_F(KvServer, AClientThatDoesNotReadIsNotReadFromAndDisturbsNobody) {
 }
 
 TEST_F(KvServer, KeysExpireUnasked) {
-    const TestClient client = Connect();
-    client.Expect("SET a 1 PX 30\r\nSET c 1 EX 100\r\n", "+OK\r\n+OK\r\n");
+    m_client.Expect("SET a 1 PX 30\r\nSET c 1 EX 100\r\n", "+OK\r\n+OK\r\n");
     // DBSIZE removes nothing by itself.
     do {
-        client.Send("DBSIZE\r\n");
-    } while (client.Receive(4) == ":2\r\n");
-    client.Expect("GET a\r\nTTL c\r\nDBSIZE\r\n", "$-1\r\n:100\r\n:1\r\n");
+        m_client.Send("DBSIZE\r\n");
+    } while (m_client.Receive(4) == ":2\r\n");
+    m_client.Expect("GET a\r\nTTL c\r\nDBSIZE\r\n", "$-1\r\n:100\r\n:1\r\n");
 }
 
 TEST_F(KvServer, SigtermAnswersWhatHasArrived) {
-    std::vector<TestClient> clients;
     std::string requests;
     while (requests.size() < 1000 * 8) {
         requests += "INCR n\r\n";
     }
+    std::vector<TestClient> clients;
     for (int i = 0; i < 50; ++i) {
-        clients.push_back(Connect());
+        clients.emplace_back(m_server.GetPort());
         clients.back().Expect("PING\r\n", "+PONG\r\n");
     }
     for (const TestClient& client : clients) {
         client.Send(requests);
     }
     m_server.Signal(SIGTERM);
-    for (TestClient& each : clients) {
-        // Hung up on when it has all: else the server would wait for that.
-        const TestClient client(std::move(each));
+    m_client.EndSending();
+    for (const TestClient& client : clients) {
         const std::string all = client.ReceiveAll();
         EXPECT_EQ(1000, std::count(all.begin(), all.end(), '\n'));
+        // Else the server would wait for that.
+        client.EndSending();
     }
     EXPECT_EQ(0, m_server.Wait());
 }

@@ -1,7 +1,5 @@
 // kv_server and kv_load over TLS.
 #include <gtest/gtest.h>
-#include <nx/net/CNxEndpoint.h>
-#include <nx/net/CNxSocket.h>
 #include <tests/support/ServerProcess.h>
 #include <tests/support/TempFolder.h>
 #include <tests/support/TestCertificates.h>
@@ -24,14 +22,9 @@ struct KvTls : testing::Test {
 TEST_F(KvTls, ServesTlsAndAUnixSocketBesideItsPort) {
     const TestClient client(m_server.GetPort());
     client.Expect("SET a 1\r\n", "+OK\r\n");
-    CNxEndpoint endpoint;
-    ASSERT_EQ(NX_OK, endpoint.Set(("unix:" + m_folder.Path("socket")).c_str()));
-    CNxSocketBase local;
-    ASSERT_EQ(0, local.Open(AF_UNIX, SOCK_STREAM, 0, 0));
-    ASSERT_EQ(0, connect(local.GetHandle(), endpoint.GetAddress(), endpoint.GetSize()));
-    ASSERT_EQ(8, send(local.GetHandle(), "INCR a\r\n", 8, 0));
-    char reply[8];
-    EXPECT_EQ(4, recv(local.GetHandle(), reply, 4, MSG_WAITALL));
+    const Connection local(m_folder.Path("socket"), std::chrono::minutes(1));
+    EXPECT_TRUE(local.TrySend("INCR a\r\n"));
+    EXPECT_EQ(":2\r\n", local.Receive(4));
     const std::string said =
         OutputOf("printf 'GET a\r\nQUIT\r\n' | openssl s_client -quiet -CAfile " +
                  m_certificates.Certificate("ca") + " -verify_return_error -connect " + m_endpoint +
