@@ -30,21 +30,6 @@ struct LocalKvServer {
         return replies.ToString();
     }
 
-    // The same for input that comes in pieces of that size, until it is let go.
-    std::string Answer(std::string_view input, size_t pieceSize) {
-        std::string replies;
-        for (size_t at = 0; at < input.size() && m_end != kv_server::ERun::QUIT; at += pieceSize) {
-            const std::string_view piece = input.substr(at, pieceSize);
-            if (pieceSize % 2 == 0) {
-                m_input.Append(piece);
-            } else {  // In a block of its own.
-                m_input.Append(CNxMessageChain(piece));
-            }
-            replies += Answer("");
-        }
-        return replies;
-    }
-
     kv_server::KvStore m_store;
     kv_server::Stats m_stats;
     kv_server::CommandRunner m_runner{m_store, m_stats};

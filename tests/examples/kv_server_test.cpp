@@ -14,53 +14,22 @@ namespace {
 
 using namespace kv_server;
 
-TEST(KvRequestParser, CommandsSurviveEveryCut) {
-    const std::string bytes("\0\r\n$5\r\n*1\xFF", 11);
-    const std::string large(9000, 'v');
-    const std::string input = ToRequest({"PING"}) + "*0\r\n\r\n" +
-                              ToRequest({"SET", "a b", bytes}) + "*-1\r\n" +
-                              ToRequest({"ECHO", ""}) + "  dbsize \nget 'a b'\r\n" +
-                              "set\te\" '' \r\nGET e\"\r\n" + ToRequest({"ECHO", large});
-    const std::string replies = "+PONG\r\n+OK\r\n" + ToBulk("") + ":1\r\n" + ToBulk(bytes) +
-                                "+OK\r\n" + ToBulk("") + ToBulk(large);
-    for (size_t size = 1; size < 300; ++size) {
-        ASSERT_EQ(replies, LocalKvServer().Answer(input, size)) << size;
-    }
-    EXPECT_EQ(replies, LocalKvServer().Answer(input));
-}
-
+// That they do so however they are cut is fuzzed.
 TEST(KvRequestParser, MalformedInputIsNamedBehindWhatWasRight) {
     const std::string good = ToRequest({"PING"});
     const std::pair<std::string, std::string> cases[] = {
-        {"*x\r\n", "invalid multibulk length"},
         {"*1025\r\n", "invalid multibulk length"},
         {"*" + std::string(64, '1'), "too big mbulk count string"},
-        {"*1\r\n:1\r\n", "expected '$', got ':'"},
         {"*1\r\n\x1B[2J\r\n", "expected '$', got '?'"},
-        {"*1\r\n$-1\r\n", "invalid bulk length"},
         {"*1\r\n$16777217\r\n", "invalid bulk length"},
-        {"*1\r\n$" + std::string(64, '1'), "too big bulk count string"},
         {"*1\r\n$4\r\nPINGPING\r\n", "expected CRLF after bulk string"},
         {"'a'b\r\n", "unbalanced quotes in request"},
         {std::string(c_maxInline + 2, 'a'), "too big inline request"},
     };
     for (const auto& [input, error] : cases) {
-        for (const size_t size : {size_t{2}, size_t{7}, input.size() + 2 * good.size()}) {
-            EXPECT_EQ("+PONG\r\n-ERR Protocol error: " + error + "\r\n",
-                      LocalKvServer().Answer(good + input + good, size));
-        }
+        EXPECT_EQ("+PONG\r\n-ERR Protocol error: " + error + "\r\n",
+                  LocalKvServer().Answer(good + input + good));
     }
-}
-
-// The published values for the key 00 01 .. 0f and the texts 00 01 .. of that length.
-TEST(KvKeyHash, IsSipHash) {
-    const std::string text("\0\1\2\3\4\5\6\7\10\11\12\13\14\15\16", 15);
-    const auto hash = [&](size_t size) {
-        return SipHash(0x0706050403020100, 0x0f0e0d0c0b0a0908, text.substr(0, size), 2, 4);
-    };
-    EXPECT_EQ(0x726fdb47dd0e0e31, hash(0));
-    EXPECT_EQ(0x74f839c593dc67fd, hash(1));
-    EXPECT_EQ(0xa129ca6149be45e5, hash(15));
 }
 
 // Random operations against a map that knows when each key dies.
@@ -78,43 +47,34 @@ TEST(KvStoreModel, KeysExpireAndOnlyThose) {
         const std::string key = "k" + std::to_string(random() % 50);
         const auto alive = model.find(key);
         const bool isAlive = alive != model.end();
-        switch (random() % 6) {
-            case 0: {
-                const bool keep = random() % 2 == 0;
-                const std::string value(random() % 3 == 0 ? 5000 : 5, 'v');
-                store.Set(key, value, keep ? KvStore::c_keepExpiry : KvStore::c_never);
-                model[key] = {value, keep && isAlive ? alive->second.dies : c_never};
-                break;
+        const auto what = random() % 5;
+        if (what == 0) {
+            const bool keep = random() % 2 == 0;
+            const std::string value(random() % 3 == 0 ? 5000 : 5, 'v');
+            store.Set(key, value, keep ? KvStore::c_keepExpiry : KvStore::c_never);
+            model[key] = {value, keep && isAlive ? alive->second.dies : c_never};
+        } else if (what == 1) {
+            const std::int64_t dies = now + 1 + static_cast<std::int64_t>(random() % 20);
+            ASSERT_EQ(isAlive, store.SetExpiry(key, dies));
+            if (isAlive) {
+                alive->second.dies = dies;
             }
-            case 1: {
-                const std::int64_t dies = now + 1 + static_cast<std::int64_t>(random() % 20);
-                ASSERT_EQ(isAlive, store.SetExpiry(key, dies));
-                if (isAlive) {
-                    alive->second.dies = dies;
-                }
-                break;
+        } else if (what == 2) {
+            store.RemoveExpired(random() % 5);
+            now += random() % 3;
+            store.SetTime(now);
+            for (auto at = model.begin(); at != model.end();) {
+                at = at->second.dies <= now ? model.erase(at) : std::next(at);
             }
-            case 2:
-                now += random() % 3;
-                store.SetTime(now);
-                for (auto at = model.begin(); at != model.end();) {
-                    at = at->second.dies <= now ? model.erase(at) : std::next(at);
-                }
-                break;
-            case 3:
-                store.RemoveExpired(random() % 5);
-                break;
-            case 4:
-                ASSERT_EQ(isAlive, store.Delete(key));
-                model.erase(key);
-                break;
-            default: {
-                const Value* const found = store.Find(key);
-                ASSERT_EQ(isAlive, found != nullptr);
-                if (isAlive) {
-                    ASSERT_EQ(alive->second.value, found->GetBytes());
-                    ASSERT_EQ(alive->second.dies, store.GetExpiry(key).value_or(c_never));
-                }
+        } else if (what == 3) {
+            ASSERT_EQ(isAlive, store.Delete(key));
+            model.erase(key);
+        } else {
+            const Value* const found = store.Find(key);
+            ASSERT_EQ(isAlive, found != nullptr);
+            if (isAlive) {
+                ASSERT_EQ(alive->second.value, found->GetBytes());
+                ASSERT_EQ(alive->second.dies, store.GetExpiry(key).value_or(c_never));
             }
         }
     }
@@ -128,41 +88,33 @@ TEST(KvStoreModel, KeysExpireAndOnlyThose) {
 struct KvCommands : testing::Test, LocalKvServer {};
 
 TEST_F(KvCommands, AnswerAsTheyShould) {
+    const std::string bytes("\0\r\n$5\r\n*1\xFF", 11);
+    const std::string large(9000, 'v');
     const std::string notANumber = "-ERR value is not an integer or out of range\r\n";
+    const std::string badTime = "-ERR invalid expire time in 'expire' command\r\n";
     const std::pair<std::string, std::string> dialogue[] = {
-        {"ping\r\n", "+PONG\r\n"},
+        {"*0\r\n\r\n*-1\r\n" + ToRequest({"ECHO", large}), ToBulk(large)},
+        {ToRequest({"SET", "a b", bytes}) + "  dbsize \nget 'a b'\r\n",
+         "+OK\r\n:1\r\n" + ToBulk(bytes)},
+        {"set\ta\" '' \r\nGET a\"\r\nflushall\r\n", "+OK\r\n$0\r\n\r\n+OK\r\n"},
         {"PING hello\r\n", "$5\r\nhello\r\n"},
-        {"PING a b\r\n", "-ERR wrong number of arguments for 'ping' command\r\n"},
-        {"GET k\r\n", "$-1\r\n"},
         {"SET k v\r\nGET k\r\n", "+OK\r\n$1\r\nv\r\n"},
         {"SET k w NX\r\nGET k\r\n", "$-1\r\n$1\r\nv\r\n"},
         {"SET n 1 XX\r\nEXISTS n\r\n", "$-1\r\n:0\r\n"},
-        {"SET n 1 nx ex 10\r\nTTL n\r\n", "+OK\r\n:10\r\n"},
-        {"INCR n\r\nTTL n\r\n", ":2\r\n:10\r\n"},
-        {"SET n 5\r\nTTL n\r\n", "+OK\r\n:-1\r\n"},
+        {"SET n 1 nx ex 10\r\nINCR n\r\nTTL n\r\n", "+OK\r\n:2\r\n:10\r\n"},
         {"SET n 1 NX XX\r\n", "-ERR syntax error\r\n"},
-        {"SET n 1 EX\r\n", "-ERR syntax error\r\n"},
-        {"SET n 1 EX x\r\n", notANumber},
-        {"SET n 1 PX 0\r\n", "-ERR invalid expire time in 'set' command\r\n"},
         {"SET n 1 EX 9223372036854775807\r\n", "-ERR invalid expire time in 'set' command\r\n"},
-        {"INCR k\r\n", notANumber},
+        {"INCR k\r\nSET n 1 EX x\r\n", notANumber + notANumber},
         {"INCR new\r\nDECR new\r\nDECR new\r\n", ":1\r\n:0\r\n:-1\r\n"},
         {"SET m 9223372036854775807\r\nINCR m\r\n",
          "+OK\r\n-ERR increment or decrement would overflow\r\n"},
-        {"EXISTS k n k zz\r\n", ":3\r\n"},
-        {"EXPIRE k 100\r\nTTL k\r\nEXPIRE zz 1\r\n", ":1\r\n:100\r\n:0\r\n"},
-        {"EXPIRE k 9223372036854775807\r\n", "-ERR invalid expire time in 'expire' command\r\n"},
-        {"EXPIRE k -1\r\nTTL k\r\n", ":1\r\n:-2\r\n"},
-        {"DBSIZE\r\n", ":3\r\n"},
+        {"EXPIRE k 9223372036854775807\r\n", badTime},
+        {"EXPIRE k -1\r\nTTL k\r\nEXPIRE zz 1\r\n", ":1\r\n:-2\r\n:0\r\n"},
         {"KEYS [m-o]?*w\r\nKEYS [^n]??\r\n", "*1\r\n$3\r\nnew\r\n*0\r\n"},
         {"DEL n new m zz\r\nKEYS *\r\n", ":3\r\n*0\r\n"},
         {"COMMAND\r\nCOMMAND COUNT\r\n", "*0\r\n:17\r\n"},
         {"CONFIG GET SAVE x\r\n", "*2\r\n$4\r\nsave\r\n$0\r\n\r\n"},
-        {"CONFIG SET save x\r\n", "-ERR unknown subcommand 'SET'\r\n"},
-        {"SET a 1\r\nFLUSHALL\r\nDBSIZE\r\n", "+OK\r\n+OK\r\n:0\r\n"},
-        {"*1\r\n$4\r\nA\n\x9B"
-         "B\r\n",
-         "-ERR unknown command 'A??B'\r\n"},
+        {"*1\r\n$3\r\n\n\x9BZ\r\n", "-ERR unknown command '??Z'\r\n"},
     };
     for (const auto& [request, answer] : dialogue) {
         EXPECT_EQ(answer, Answer(request)) << request;
@@ -182,21 +134,6 @@ TEST_F(KvCommands, APatternMadeToBeSlowIsAnError) {
     EXPECT_EQ("*1\r\n$2\r\nab\r\n", Answer(keys("*[b-z]")));
 }
 
-TEST_F(KvCommands, ThatTakeLongOrReplyMuchTakeTurns) {
-    for (int i = 0; i < 300000; ++i) {
-        m_store.Set(std::to_string(i), "");
-    }
-    EXPECT_EQ("*0\r\n*0\r\n*0\r\n*0\r\n",
-              Answer("KEYS x\r\nKEYS x\r\nKEYS x\r\nKEYS x\r\nKEYS x\r\nECHO y\r\nECHO z\r\n"));
-    EXPECT_EQ(ERun::EARLY, m_end);
-    // What waits counts, too.
-    CNxMessageChain replies;
-    EXPECT_EQ(ERun::EARLY, m_runner.Run(m_parser, m_input, c_maxWaiting - 10, replies));
-    EXPECT_EQ("*0\r\n$1\r\ny\r\n", replies.ToString());
-    EXPECT_EQ("$1\r\nz\r\n", Answer(""));
-    EXPECT_EQ(ERun::ALL, m_end);
-}
-
 // Every allocation of a dialogue fails once: the command is refused and has changed nothing, or it
 // has done all.
 TEST_F(KvCommands, AreRefusedAsAWholeWhenMemoryRunsOut) {
@@ -211,10 +148,7 @@ TEST_F(KvCommands, AreRefusedAsAWholeWhenMemoryRunsOut) {
                                                    {"INCR", "n"},
                                                    {"EXPIRE", "n", "50"},
                                                    {"KEYS", "*"},
-                                                   {"GET", "old"},
-                                                   {"CONFIG", "GET", "save"},
-                                                   {"INFO"},
-                                                   {"nonsense", "1"}}) {
+                                                   {"INFO"}}) {
         bool isDone = false;
         for (long skip = 0; !isDone; ++skip) {
             Answer("FLUSHALL\r\n" + before);

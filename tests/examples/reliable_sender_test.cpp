@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 #include <nx/net/CNxSocket.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <tests/support/TempFolder.h>
 
-#include <atomic>
 #include <set>
 #include <string>
 #include <thread>
@@ -15,21 +13,11 @@ namespace {
 struct BareSocket : CNxSocketUdp {
     BareSocket() { EXPECT_EQ(0, Open(CNxInetAddr("127.0.0.1", 0))); }
 
-    unsigned short GetPort() const {
-        CNxInetAddr address;
-        EXPECT_EQ(0, GetLocalAddr(address));
-        return address.GetPort();
-    }
-    // "" when nothing came for a minute.
     std::string Receive() {
-        char buffer[1000];
-        pollfd ready{GetHandle(), POLLIN, 0};
+        char buffer[1000] = "";
         socklen_t length = CNxInetAddr::GetInetAddrSize();
-        const ssize_t size =
-            poll(&ready, 1, 60000) == 1
-                ? recvfrom(GetHandle(), buffer, sizeof(buffer), 0, m_last.GetPtr(), &length)
-                : 0;
-        return std::string(buffer, static_cast<size_t>(size));
+        recvfrom(GetHandle(), buffer, sizeof(buffer) - 1, 0, m_last.GetPtr(), &length);
+        return buffer;
     }
     void Send(const std::string& bytes, const CNxInetAddr& to) {
         sendto(GetHandle(), bytes.data(), bytes.size(), 0, to.GetPtr(),
@@ -43,19 +31,21 @@ TEST(ReliableSender, SendsAgainWhatWasLostUntilEverythingIsAnswered) {
     constexpr unsigned c_requests = 20;
     BareSocket peer;
     BareSocket stranger;
+    CNxInetAddr address;
+    ASSERT_EQ(0, peer.GetLocalAddr(address));
     std::string output;
     int status = -1;
-    std::thread sender([&, port = peer.GetPort()] {
+    std::thread sender([&] {
         output = OutputOf(RELIABLE_SENDER " --requests 20 --interval 10 --again 100 --port " +
-                              std::to_string(port),
+                              std::to_string(address.GetPort()),
                           &status);
     });
     std::set<std::string> seen;
     std::set<std::string> answered;
-    while (answered.size() < c_requests) {
+    while (answered.size() < c_requests && !testing::Test::HasFailure()) {
         const std::string request = peer.Receive();
         const std::string number = request.substr(4, request.find(' ', 4) - 4);
-        ASSERT_EQ("REQ " + number + " " + std::string(32, 'x'), request);
+        EXPECT_EQ("REQ " + number + " " + std::string(32, 'x'), request);
         stranger.Send("ACK " + number, peer.m_last);
         peer.Send("NAK", peer.m_last);
         // The first time every other one is lost.
@@ -68,16 +58,6 @@ TEST(ReliableSender, SendsAgainWhatWasLostUntilEverythingIsAnswered) {
     sender.join();
     EXPECT_EQ(0, status);
     EXPECT_EQ(0U, output.find("requests   20 of 20 answered")) << output;
-}
-
-TEST(ReliableSender, EndsWhenTheTimeIsOverAndFindsItsPeer) {
-    int status = -1;
-    const BareSocket deaf;
-    const std::string port = std::to_string(deaf.GetPort());
-    const std::string output =
-        OutputOf(RELIABLE_SENDER " --requests 3 --interval 1 --timeout 1 --port " + port, &status);
-    EXPECT_EQ(1, status);
-    EXPECT_EQ("requests   0 of 3 answered", output.substr(0, 26));
 }
 
 }  // namespace

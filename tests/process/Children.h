@@ -1,4 +1,4 @@
-// Children of a test made by fork, and how long its long forms are.
+// Children of a test made by fork.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,13 +7,7 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <utility>
-
-// NXBASE_TEST_FULL runs the long forms.
-inline int ShortOr(int shortForm, int longForm) {
-    return std::getenv("NXBASE_TEST_FULL") != nullptr ? longForm : shortForm;
-}
 
 // A forked child that runs `body` and exits with its result.
 class Child {
