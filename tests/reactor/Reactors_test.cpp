@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <future>
 #include <memory>
+#include <optional>
 
 #include "../support/FailingCalls.h"
 #include "ReactorSupport.h"
@@ -52,42 +53,25 @@ TYPED_TEST(Reactors, ReopeningLeaksNothingAndForgetsOldRegistrations) {
 // Two handlers ready in one batch; the first closes the second's descriptor and another handler
 // gets its number.
 TYPED_TEST(Reactors, ReadinessOfARemovedHandlerIsNotGivenToTheNextOfItsNumber) {
-    std::unique_ptr<End> ends[2];
-    std::unique_ptr<End> newcomer;
+    std::optional<End> ends[2];
+    std::optional<End> newcomer;
     const auto replaceOther = [&](End& self) {
         self.Drain();
-        std::unique_ptr<End>& other = ends[&self == ends[0].get() ? 1 : 0];
+        std::optional<End>& other = ends[&self == &*ends[0] ? 1 : 0];
         const int number = other->m_fd;
-        this->m_reactor.RemoveHandler(other.get(), NX_MASK_ALL_EVENTS);
+        this->m_reactor.RemoveHandler(&*other, NX_MASK_ALL_EVENTS);
         other.reset();
-        newcomer = std::make_unique<End>();
-        EXPECT_EQ(newcomer->m_fd, number);
+        EXPECT_EQ(newcomer.emplace().m_fd, number);
         this->Watch(*newcomer, NX_MASK_READ);
         this->StopSoon();
         return 0;
     };
     for (auto& end : ends) {
-        end = std::make_unique<End>(replaceOther);
-        end->Send();
+        end.emplace(replaceOther).Send();
         this->Watch(*end, NX_MASK_READ);
     }
     this->Run();
-    ASSERT_NE(newcomer, nullptr);
-    EXPECT_EQ(newcomer->m_inputs, 0);
-}
-
-TYPED_TEST(Reactors, WhatItsLoopLeavesIsClearedUpOnAnyThread) {
-    auto& reactor = this->m_reactor;
-    End end;
-    CNxTimedCall call;
-    this->Watch(end, NX_MASK_READ);
-    EXPECT_EQ(call.RunAfter(reactor, CNxTimeValue(60, 0), [] {}), NX_OK);
-    this->StopSoon();
-    this->Run();
-    std::thread([&] {
-        reactor.RemoveHandler(&end, NX_MASK_ALL_EVENTS);
-        call.Cancel();
-    }).join();
+    EXPECT_EQ(newcomer.value().m_inputs, 0);
 }
 
 // Posts, sends, notifications and the stop against the end and the closing of the loop, on the same
@@ -147,13 +131,14 @@ TYPED_TEST(Reactors, FloodOfPostedEventsDoesNotStarveInput) {
 using ReactorSelect = OpenReactor<CNxReactorSelect>;
 
 TEST_F(ReactorSelect, DescriptorThatNoSetHoldsIsRefused) {
+    End end;
     CNxSocketBase last;
     CNxSocketBase tooLarge;
-    last.SetHandle(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, FD_SETSIZE - 1));
-    tooLarge.SetHandle(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, FD_SETSIZE));
+    last.SetHandle(fcntl(end.m_fd, F_DUPFD_CLOEXEC, FD_SETSIZE - 1));
+    tooLarge.SetHandle(fcntl(end.m_fd, F_DUPFD_CLOEXEC, FD_SETSIZE));
     Handler handler(last.GetHandle());
     Handler refused(tooLarge.GetHandle());
-    Watch(handler, NX_MASK_CONNECT);
+    Watch(handler, NX_MASK_READ);
     EXPECT_EQ(m_reactor.RegisterHandler(&refused, NX_MASK_READ), NX_ERROR_INVALID_ARG);
     StopSoon();
     Run();
@@ -307,7 +292,7 @@ TYPED_TEST(Reactors, RoomIsToldWhenTheSendThatFailedCameBeforeTheRegistration) {
 }
 
 TYPED_TEST(Reactors, NumberThatWasClosedWithoutARemovalIsWatchedForItsNextHandler) {
-    auto stale = std::make_unique<End>();
+    std::optional<End> stale(std::in_place);
     this->Watch(*stale, NX_MASK_READ);
     const int number = stale->m_fd;
     stale.reset();
@@ -389,7 +374,7 @@ void OpenAndExit(rlim_t hard) {
     // What it prints must not go into a pipe of the library.
     close_range(STDIN_FILENO, STDERR_FILENO, 0);
     rlimit limit{1024, hard};
-    bool ok = setrlimit(RLIMIT_NOFILE, &limit) == 0 && seteuid(65534) == 0;
+    bool ok = setrlimit(RLIMIT_NOFILE, &limit) == 0 && (geteuid() != 0 || seteuid(65534) == 0);
     Reactor reactor;
     ok = ok && reactor.Open() == NX_OK && getrlimit(RLIMIT_NOFILE, &limit) == 0 &&
          limit.rlim_cur == std::min<rlim_t>(hard, 8192) && limit.rlim_max == hard;
@@ -402,8 +387,8 @@ void OpenAndExit(rlim_t hard) {
 TYPED_TEST(Reactors, OpenLowersNoLimitAndTakesNoStandardStream) {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
-    if (geteuid() != 0 || limit.rlim_max < 10000) {
-        GTEST_SKIP() << "may not change the limits as it wants";
+    if (limit.rlim_max < 10000) {
+        GTEST_SKIP() << "the limit of open descriptors is too low";
     }
     EXPECT_EXIT(OpenAndExit<TypeParam>(10000), testing::ExitedWithCode(0), "");
     EXPECT_EXIT(OpenAndExit<TypeParam>(3000), testing::ExitedWithCode(0), "");
@@ -413,9 +398,8 @@ TYPED_TEST(Reactors, OpenLowersNoLimitAndTakesNoStandardStream) {
 TYPED_TEST(Reactors, ForkedChildTakesNothingFromItsParent) {
     auto& reactor = this->m_reactor;
     End end([&](End& self) {
-        EXPECT_EQ(self.Drain(), 1);
         this->StopSoon();
-        return 0;
+        return self.Drain() == 1 ? 0 : -1;
     });
     this->Watch(end, NX_MASK_READ);
     const pid_t child = fork();
@@ -449,8 +433,8 @@ TEST(ReactorErrno, IsThatOfTheCallThatFailed) {
         calls.Fail(call, error, 1);
         calls.Fail(FailingCalls::CLOSE, EIO, 100);
         CNxThread* thread = nullptr;
-        CNxThreadManager* const threads = CNxThreadManager::Instance();
-        EXPECT_NE(threads->CreateNetworkThread(2, new CNxReactorEpoll, thread), NX_OK);
+        auto* const reactor = new CNxReactorEpoll;
+        EXPECT_NE(CNxThreadManager::Instance()->CreateNetworkThread(2, reactor, thread), NX_OK);
         EXPECT_EQ(errno, error);
     }
 }
