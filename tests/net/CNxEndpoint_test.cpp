@@ -1,7 +1,6 @@
 #include <nx/net/CNxEndpoint.h>
 #include <tests/support/Endpoints.h>
 
-#include <cerrno>
 #include <cstddef>
 #include <string>
 
@@ -26,23 +25,20 @@ TEST(CNxEndpoint, TextGoesThereAndBack) {
         std::string text, host;
         int family;
         unsigned short port;
-        size_t size;
-    } rows[] = {{"10.0.0.1:80", "10.0.0.1", AF_INET, 80, 16},
-                {"[fe80::1%1]:65535", "fe80::1%1", AF_INET6, 65535, 28},
-                {"[::]:0", "::", AF_INET6, 0, 28},
-                {"*:80", "*", AF_INET6, 80, 28},
-                {"unix:/run/a:b", "/run/a:b", AF_UNIX, 0, 2 + 8 + 1},
-                {"unix:@a", "@a", AF_UNIX, 0, 2 + 2},
-                {"unix:", "", AF_UNIX, 0, 2},
-                {"unix:" + c_longName, c_longName, AF_UNIX, 0, 110}};
+    } rows[] = {{"10.0.0.1:80", "10.0.0.1", AF_INET, 80},
+                {"[fe80::1%1]:65535", "fe80::1%1", AF_INET6, 65535},
+                {"[::]:0", "::", AF_INET6, 0},
+                {"*:80", "*", AF_INET6, 80},
+                {"unix:/run/a:b", "/run/a:b", AF_UNIX, 0},
+                {"unix:@a", "@a", AF_UNIX, 0},
+                {"unix:", "", AF_UNIX, 0},
+                {"unix:" + c_longName, c_longName, AF_UNIX, 0}};
     for (const auto& row : rows) {
         const CNxEndpoint endpoint = Parse(row.text);
         EXPECT_EQ(endpoint.GetText(), row.text);
         EXPECT_EQ(endpoint.GetHost(), row.host);
-        EXPECT_EQ(endpoint.GetUnixName(), row.family == AF_UNIX ? row.host : "");
         EXPECT_EQ(endpoint.GetFamily(), row.family) << row.text;
         EXPECT_EQ(endpoint.GetPort(), row.port) << row.text;
-        EXPECT_EQ(endpoint.GetSize(), row.size) << row.text;
         CNxEndpoint copy;
         EXPECT_EQ(copy.SetAddress(endpoint.GetAddress(), endpoint.GetSize()), NX_OK);
         EXPECT_EQ(copy == endpoint, !endpoint.IsDual()) << row.text;
@@ -53,44 +49,25 @@ TEST(CNxEndpoint, TextGoesThereAndBack) {
 
 TEST(CNxEndpoint, OtherTextChangesNothing) {
     CNxEndpoint endpoint = Parse("10.0.0.1:80");
-    const std::string tooLong[] = {"unix:x" + c_longName, "unix:@x" + c_longName};
-    for (const char* text : {"",
-                             "10.0.0.1",
-                             "10.0.0.1:",
-                             ":80",
-                             "10.0.0.1:65536",
-                             "::1",
-                             "::1:80",
-                             "[::1]",
-                             "[::1]:",
-                             "[10.0.0.1]:80",
-                             "[::1:80",
-                             "*",
-                             "*80",
-                             "*:",
-                             "*:x",
-                             "localhost:80",
-                             "unix",
-                             tooLong[0].c_str(),
-                             tooLong[1].c_str(),
-                             static_cast<const char*>(nullptr)}) {
-        EXPECT_EQ(endpoint.Set(text), NX_ERROR_INVALID_ARG) << (text == nullptr ? "null" : text);
+    for (const char* text :
+         {"", "10.0.0.1", "10.0.0.1:", ":80", "10.0.0.1:65536", "10.0.0.1:-1", "10.0.0.1%lo:1",
+          "::1:80", "[::1]", "[::1]80", "[10.0.0.1]:80", "[::1:80", "[", "*80", "localhost:80",
+          "[fe80::1%]:1", "[fe80::1%none-such]:1", "[fe80::1%0]:1"}) {
+        EXPECT_EQ(endpoint.Set(text), NX_ERROR_INVALID_ARG) << text;
     }
+    EXPECT_EQ(endpoint.Set(("unix:x" + c_longName).c_str()), NX_ERROR_INVALID_ARG);
+    EXPECT_EQ(endpoint.Set(nullptr), NX_ERROR_INVALID_ARG);
     EXPECT_EQ(endpoint, CNxEndpoint(CNxInetAddr("10.0.0.1", 80)));
     EXPECT_EQ(CNxEndpoint(CNxInetAddr("name.invalid", 80)), CNxEndpoint());
-    EXPECT_EQ(CNxEndpoint().GetText(), "");
 }
 
 TEST(CNxEndpoint, TakesWhatTheSystemGivesAndNothingElse) {
     CNxEndpoint endpoint;
     // Zero bytes after a path are not part of it; every byte of an abstract name is.
-    for (const std::string& path : {std::string("/a\0\0x", 5), std::string("/a")}) {
-        ASSERT_EQ(SetUnix(endpoint, path), NX_OK);
-        EXPECT_EQ(endpoint, Parse("unix:/a"));
-    }
+    ASSERT_EQ(SetUnix(endpoint, std::string("/a\0\0x", 5)), NX_OK);
+    EXPECT_EQ(endpoint, Parse("unix:/a"));
     ASSERT_EQ(SetUnix(endpoint, std::string("\0a\0", 3)), NX_OK);
     EXPECT_EQ(endpoint.GetText(), std::string("unix:@a\0", 8));
-    EXPECT_NE(endpoint, Parse("unix:@a"));
     ASSERT_EQ(SetUnix(endpoint, "@a"), NX_OK);
     EXPECT_EQ(endpoint.GetText(), "unix:./@a");
     // A path without room for its zero byte, which is counted all the same.
@@ -100,11 +77,9 @@ TEST(CNxEndpoint, TakesWhatTheSystemGivesAndNothingElse) {
 
     EXPECT_EQ(SetUnix(endpoint, longest, 2), NX_ERROR_INVALID_ARG);
     const CNxEndpoint v6 = Parse("[::1]:80");
-    EXPECT_EQ(endpoint.SetAddress(v6.GetAddress(), 27), NX_ERROR_INVALID_ARG);
-    EXPECT_EQ(endpoint.SetAddress(v6.GetAddress(), 0), NX_ERROR_INVALID_ARG);
-    EXPECT_EQ(endpoint.SetAddress(nullptr, 16), NX_ERROR_INVALID_ARG);
+    for (const socklen_t size : {27, 0}) {
+        EXPECT_EQ(endpoint.SetAddress(v6.GetAddress(), size), NX_ERROR_INVALID_ARG);
+    }
     EXPECT_EQ(endpoint.SetAddress(CNxEndpoint().GetAddress(), 16), NX_ERROR_INVALID_ARG);
-    EXPECT_EQ(endpoint.SetPeerOf(-1), NX_ERROR_FAILURE);
-    EXPECT_EQ(errno, EBADF);
     EXPECT_EQ(endpoint.GetUnixName(), longest);
 }

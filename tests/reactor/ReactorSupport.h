@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <functional>
-#include <memory>
 #include <string>
 #include <thread>
 #include <utility>
@@ -135,59 +134,6 @@ protected:
         EXPECT_EQ(m_reactor.RunEventLoop(), NX_OK);
     }
 
-    // Returns the reason of the close.
-    int RunUntilClosed(Handler& handler, long mask) {
-        int reason = -1;
-        handler.m_onClose = [&] {
-            reason = m_reactor.GetCloseReason();
-            return Stop();
-        };
-        Watch(handler, mask);
-        Run();
-        return reason;
-    }
-
-    void EchoClients(int count, int rounds);
-
     EventCounts m_counts;
     Reactor m_reactor;
 };
-
-// Serves `count` clients on the reactor while another thread sends each a byte and waits for its
-// answer, `rounds` times; all bytes of a round are under way together.
-template <class Reactor>
-void OpenReactor<Reactor>::EchoClients(int count, int rounds) {
-    const auto echo = [](End& self) {
-        for (int left = self.Drain(); left > 0; --left) {
-            EXPECT_EQ(send(self.m_fd, "y", 1, MSG_NOSIGNAL), 1);
-        }
-        return 0;
-    };
-    const timeval patience{20, 0};
-    std::vector<std::unique_ptr<End>> ends;
-    for (int i = 0; i < count; ++i) {
-        ends.push_back(std::make_unique<End>(echo));
-        Watch(*ends.back(), NX_MASK_READ);
-        setsockopt(ends.back()->Peer(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
-    }
-    int answers = 0;
-    std::thread clients([&] {
-        for (int round = 0; round < rounds && answers == round * count; ++round) {
-            for (const auto& end : ends) {
-                end->Send();
-            }
-            for (const auto& end : ends) {
-                char byte = 0;
-                answers += recv(end->Peer(), &byte, 1, 0) == 1 ? 1 : 0;
-            }
-        }
-        StopSoon();
-    });
-    Run();
-    clients.join();
-    EXPECT_EQ(answers, count * rounds);
-    for (const auto& end : ends) {
-        EXPECT_TRUE(end->m_closedWith.empty());
-        m_reactor.RemoveHandler(end.get(), NX_MASK_ALL_EVENTS);
-    }
-}

@@ -6,30 +6,23 @@
 #include <nx/net/CNxInetAddr.h>
 #include <nx/net/CNxSocket.h>
 #include <poll.h>
+#include <resolv.h>
 #include <sys/socket.h>
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <new>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 struct DnsAnswer {
     // The response code, or more than there are: cut off over UDP; of a name that is an alias, for
     // half a minute, of the one that has the addresses.
-    enum EKind {
-        GOOD = 0,
-        SERVER_FAILS = 2,
-        NO_NAME = 3,
-        GARBAGE = 16,
-        SILENCE = 32,
-        CUT_OFF = 48,
-        ALIAS = 64
-    };
+    enum EKind { GOOD, SERVER_FAILS = 2, NO_NAME = 3, SILENCE = 32, CUT_OFF = 48, ALIAS = 64 };
 
     std::vector<std::string> addresses;
     std::uint32_t ttl = 60;
@@ -61,8 +54,8 @@ public:
         m_answers.insert_or_assign(name, answer);
     }
 
-    // How many queries for IPv4 addresses of the name have come; of any name for "".
-    int CountQueries(const std::string& name = "") {
+    // How many queries for IPv4 addresses of the name have come.
+    int CountQueries(const std::string& name) {
         const std::lock_guard<std::mutex> lock(m_mutex);
         return m_queries[name];
     }
@@ -118,64 +111,51 @@ private:
 
     // "" for silence.
     std::string Reply(const std::string& query, bool isDatagram) {
-        std::string name;
-        size_t at = 12;
-        while (query[at] != 0) {
-            const auto length = static_cast<size_t>(query[at]);
-            name += (name.empty() ? "" : ".") + query.substr(at + 1, length);
-            at += length + 1;
-        }
-        const int type = query[at + 2];
+        char name[256];
+        const auto* const bytes = reinterpret_cast<const unsigned char*>(query.data());
+        const int nameSize = dn_expand(bytes, bytes + query.size(), bytes + 12, name, sizeof(name));
+        const std::string question = query.substr(0, 12 + static_cast<size_t>(nameSize) + 4);
+        const int type = question[question.size() - 3];
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (type == c_typeA) {
             ++m_queries[name];
-            ++m_queries[""];
         }
-        DnsAnswer answer{{}, 0, DnsAnswer::NO_NAME};
-        if (const auto found = m_answers.find(name); found != m_answers.end()) {
-            answer = found->second;
-        } else if (name.size() > 5 && name.substr(name.size() - 5) == ".test") {
-            answer = {{"10.0.0.1"}};
-        }
+        const auto found = m_answers.find(name);
+        const bool isTest =
+            nameSize > 6 && std::string(name).substr(std::strlen(name) - 5) == ".test";
+        const DnsAnswer answer = found != m_answers.end() ? found->second
+                                 : isTest                 ? DnsAnswer{{"10.0.0.1"}}
+                                                          : DnsAnswer{{}, 0, DnsAnswer::NO_NAME};
         const bool isCutOff = isDatagram && answer.kind == DnsAnswer::CUT_OFF;
-        return answer.kind == DnsAnswer::SILENCE
-                   ? ""
-                   : Compose(query.substr(0, at + 5), type, answer, isCutOff);
+        return answer.kind == DnsAnswer::SILENCE ? "" : Compose(question, type, answer, isCutOff);
     }
 
     // The header, the question, the answers.
     static std::string Compose(const std::string& question, int type, const DnsAnswer& answer,
                                bool isCutOff) {
         // A name is a pointer to that of the question, the other one has a label before it.
-        const std::string asked("\xC0\x0C");
-        const std::string owner = (answer.kind == DnsAnswer::ALIAS ? "\4real" : "") + asked;
+        std::string owner("\xC0\x0C");
         std::string answers;
         int count = 0;
-        if (answer.kind == DnsAnswer::ALIAS) {
-            answers = Resource(asked, c_typeAlias, 30, owner);
+        const auto add = [&](int ofType, std::uint32_t ttl, const std::string& data) {
+            answers += owner + Number(ofType, 2) + Number(1, 2) + Number(ttl, 4) +
+                       Number(data.size(), 2) + data;
             ++count;
+        };
+        if (answer.kind == DnsAnswer::ALIAS) {
+            add(c_typeAlias, 30, "\4real" + owner);
+            owner = "\4real" + owner;
         }
         for (const std::string& text : answer.addresses) {
             std::string bytes(type == c_typeA ? 4 : 16, '\0');
             const int family = type == c_typeA ? AF_INET : AF_INET6;
             if (!isCutOff && inet_pton(family, text.c_str(), bytes.data()) == 1) {
-                answers += Resource(owner, type, answer.ttl, bytes);
-                ++count;
+                add(type, answer.ttl, bytes);
             }
-        }
-        if (answer.kind == DnsAnswer::GARBAGE) {
-            answers.assign(40, '\xc7');
-            count = 3;
         }
         const int flags = 0x8180 | (isCutOff ? 0x0200 : 0) | answer.kind % 16;
         return question.substr(0, 2) + Number(flags, 2) + Number(1, 2) + Number(count, 2) +
                Number(0, 4) + question.substr(12) + answers;
-    }
-
-    static std::string Resource(const std::string& name, int type, std::uint32_t ttl,
-                                const std::string& data) {
-        return name + Number(type, 2) + Number(1, 2) + Number(ttl, 4) + Number(data.size(), 2) +
-               data;
     }
 
     template <class Integer>
