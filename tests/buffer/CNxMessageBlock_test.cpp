@@ -167,11 +167,11 @@ TEST(CNxMessageBlock, ReclaimingLeavesNoWayToADestroyedBlock) {
         world.head = world.head->ReclaimGarbage();
         EXPECT_EQ(Flatten(world.head), all.substr(std::min(count, all.size())));
         EXPECT_TRUE(world.head == nullptr || world.head->GetLength() != 0);
-        size_t start = 0;
-        for (size_t i = 0; i < 3; start += world.unread[i++].size()) {
-            if (const Block* const block = world.kept[i].get()) {
-                EXPECT_EQ(Flatten(block), all.substr(std::min(std::max(start, count), all.size())));
-            }
+        size_t alive = 0;
+        for (size_t i = 3; i-- > 0;) {
+            const Block* const kept = world.kept[i].get();
+            alive += kept != nullptr || i >= 3 - Count(world.head) ? 1 : 0;
+            EXPECT_EQ(Count(kept), kept != nullptr ? alive : 0);
         }
     });
 }
