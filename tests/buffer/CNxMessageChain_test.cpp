@@ -1,6 +1,5 @@
 // Random operations against a model: tests/fuzz/message_chain_fuzz.cpp.
 #include <atomic>
-#include <cstdint>
 #include <functional>
 #include <limits>
 #include <string>
@@ -150,22 +149,6 @@ TEST(MessageChain, SpaceThatWasNotNeededIsGivenBack) {
     chain.Commit(std::numeric_limits<size_t>::max());
     EXPECT_EQ(chain.GetSize(), 512u);
     EXPECT_THROW(chain.MakeSpace(std::numeric_limits<size_t>::max()), std::bad_alloc);
-}
-
-TEST(MessageChain, IntegersHaveSignsWidthsAndBothOrders) {
-    Chain chain;
-    chain.AppendIntegerOf(3, 0x01020304);
-    chain.AppendIntegerOf(9, 1);
-    chain.AppendInteger(std::int32_t{-2}, ENxByteOrder::LITTLE);
-    EXPECT_EQ(chain.ToString(), "\2\3\4\xFE\xFF\xFF\xFF");
-    std::int32_t number = 0;
-    EXPECT_TRUE(chain.Peek(number, 3, ENxByteOrder::LITTLE));
-    EXPECT_EQ(number, -2);
-    EXPECT_FALSE(chain.Peek(number, 4));
-    std::uint64_t wide = 0;
-    EXPECT_TRUE(chain.PeekIntegerOf(3, wide));
-    EXPECT_EQ(wide, 0x020304u);
-    EXPECT_FALSE(chain.PeekIntegerOf(9, wide));
 }
 
 TEST(MessageChain, AnyNumberOfBlocksIsSearchedTakenAndEnded) {
