@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <nx/trace/CNxT120TraceFile.h>
-#include <nx/trace/CNxT120TraceFileMgr.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -8,11 +7,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <memory>
-#include <thread>
+#include <utility>
 
 #include "TraceFiles.h"
 
@@ -69,7 +66,7 @@ protected:
 TEST_F(CNxT120TraceFileTest, HoldsExactlyItsBytesAtEverySizeLimitAroundTheWrapAndWithoutALimit) {
     CNxT120TraceFile(m_path.c_str(), 0, 0, 1).write(nullptr, nullptr, "");
     const std::string probe = ReadWhole(m_path);
-    ASSERT_EQ(TextsOf(probe), Texts{""});
+    ASSERT_EQ(TextsIn(m_path), Texts{""});
     const std::string stamp =
         probe.substr(HEADER_SIZE, probe.find('\n', HEADER_SIZE) - HEADER_SIZE);
     const size_t wrap = HEADER_SIZE + 3 * (stamp.size() + 7);
@@ -168,42 +165,32 @@ TEST_F(CNxT120TraceFileTest, RefusesWhatAnotherUserMayHavePlanted) {
 
 TEST_F(CNxT120TraceFileTest, SetsTheModeOfFilesThatItMakesAndOfNoOthers) {
     const mode_t umaskBefore = umask(077);
-    const auto modeOfNew = [&](unsigned char shared) {
-        std::filesystem::remove(m_path);
-        CNxT120TraceFile(m_path.c_str(), 0, shared, 1).write("Log", "Info", "x");
-        return ModeOf(m_path);
-    };
-    EXPECT_EQ(modeOfNew(0), 0600);
-    EXPECT_EQ(modeOfNew(1), 0666);
-    CNxT120TraceFile::SetMode(0640);
-    EXPECT_EQ(modeOfNew(0), 0640);
-    EXPECT_EQ(modeOfNew(1), 0640);
-    CNxT120TraceFile::SetMode(-1);
-    CNxT120TraceFile(m_path.c_str(), 0, 1, 1).write("Log", "Info", "x");
-    EXPECT_EQ(ModeOf(m_path), 0640);
+    for (const auto& [mode, expected] : {std::pair(-1, 0666), {0640, 0640}, {-1, 0640}}) {
+        CNxT120TraceFile::SetMode(mode);
+        if (mode == 0640) {
+            std::filesystem::remove(m_path);
+        }
+        CNxT120TraceFile(m_path.c_str(), 0, 1, 1).write("Log", "Info", "x");
+        EXPECT_EQ(ModeOf(m_path), expected);
+    }
+    const std::string own = m_folder.Path("own");
+    CNxT120TraceFile(own.c_str(), 0, 0, 1).write("Log", "Info", "x");
+    EXPECT_EQ(ModeOf(own), 0600);
     umask(umaskBefore);
 }
 
-// Also in one that no manager owns.
+// In one that no manager owns, and that nothing flushes before the fork.
 TEST_F(CNxT120TraceFileTest, AParentAndItsChildMayTakeTurnsInAPrivateFile) {
-    CNxT120TraceFile own(m_folder.Path("own").c_str(), 0, 0, 1);
-    void* const file = T120_Open_Trace_Dev(m_path.c_str(), 0, 0, 1);
-    const auto write = [&](const char* text) {
-        g_trace_mgr.write(file, "Log", "Info", text);
-        own.write("Log", "Info", text);
-    };
-    write("parent");
+    CNxT120TraceFile file(m_path.c_str(), 0, 0, 1);
+    file.write("Log", "Info", "parent");
     const pid_t child = fork();
     if (child == 0) {
-        write("child");
+        file.write("Log", "Info", "child");
         _exit(0);
     }
     waitpid(child, nullptr, 0);
-    write("parent again");
-    T120_Close_Trace_Dev(file);
-    const Texts texts{"Info:parent", "Info:child", "Info:parent again"};
-    EXPECT_EQ(TextsIn(m_path), texts);
-    EXPECT_EQ(TextsIn(m_folder.Path("own")), texts);
+    file.write("Log", "Info", "parent again");
+    EXPECT_EQ(TextsIn(m_path), (Texts{"Info:parent", "Info:child", "Info:parent again"}));
 }
 
 // A process that holds the lock of a file.
@@ -224,10 +211,7 @@ public:
         close(ready[0]);
         close(ready[1]);
     }
-    ~CLockHolder() {
-        kill(m_pid, SIGKILL);
-        waitpid(m_pid, nullptr, 0);
-    }
+    ~CLockHolder() { KillAndWait(m_pid); }
     CLockHolder(const CLockHolder&) = delete;
     CLockHolder& operator=(const CLockHolder&) = delete;
 
@@ -248,27 +232,6 @@ TEST_F(CNxT120TraceFileTest, OnlyTheFirstRecordWaitsForALockThatIsKept) {
     }
     file.write("Log", "Info", "0");
     EXPECT_EQ(TextsIn(m_path), (Texts{"Warning:1000 records lost", "Info:0"}));
-}
-
-TEST_F(CNxT120TraceFileTest, ALossIsToldOnceByThreadsThatWaitForTheLockTogether) {
-    CNxT120TraceFile file(m_path.c_str(), 0, 1, 1);
-    file.AddLost(5);
-    const auto writeOne = [&file] { file.write("Log", "Info", "0"); };
-    auto holder = std::make_unique<CLockHolder>(m_path);
-    std::thread one(writeOne);
-    std::thread two(writeOne);
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    holder.reset();
-    one.join();
-    two.join();
-    writeOne();
-    unsigned long count = 0;
-    for (const std::string& text : TextsIn(m_path)) {
-        const bool isRecord = text == "Info:0";
-        count += isRecord ? 1 : std::strtoul(text.c_str() + sizeof("Warning"), nullptr, 10);
-        EXPECT_LE(count, 5U + 3U) << text;
-    }
-    EXPECT_EQ(count, 5U + 3U);
 }
 
 }  // namespace
