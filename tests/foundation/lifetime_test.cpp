@@ -38,25 +38,6 @@ TEST(CNxReferenceControlT, ManyThreadsAgreeOnTheLastRelease) {
     EXPECT_EQ(deleted, 1);
 }
 
-TEST(CNxAutoPtr, HoldsExactlyOneReferenceThroughCopyMoveAndReset) {
-    std::atomic<int> deleted{0};
-    auto* raw = new Counted(deleted);
-    raw->AddReference();
-    auto first = CNxAutoPtr<Counted>::Adopt(raw);
-    CNxAutoPtr<Counted> second = first;
-    CNxAutoPtr<Counted> third = std::move(first);
-    EXPECT_FALSE(first);  // NOLINT(bugprone-use-after-move): the moved-from state is what is tested
-    EXPECT_EQ(second.Get(), raw);
-    EXPECT_EQ(&*third, second.operator->());
-    auto& self = second;
-    second = self;
-    EXPECT_EQ(second.Get(), raw);
-    third.Reset();
-    EXPECT_EQ(deleted, 0);
-    second = nullptr;
-    EXPECT_EQ(deleted, 1);
-}
-
 std::string g_order;
 
 class Kept : public CNxCleanUpBase {
