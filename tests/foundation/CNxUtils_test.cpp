@@ -16,9 +16,6 @@ TEST(CNxUtils, ConvertsNumbersOfEveryBaseAndSize) {
     long i64 = 0;
     EXPECT_EQ(StrTo64(" -9223372036854775808", i64), NX_OK);
     EXPECT_EQ(i64, std::numeric_limits<long>::min());
-    unsigned int u32 = 0;
-    EXPECT_EQ(StrToU32("0x10", u32), NX_OK);
-    EXPECT_EQ(u32, 16U);
 }
 
 TEST(CNxUtils, SplitsWithItsSurprises) {

@@ -14,28 +14,23 @@ namespace {
 
 class Counted : public CNxReferenceControlT<CNxMutexThread> {
 public:
-    explicit Counted(std::atomic<int>& deleted) : m_deleted(deleted) {}
-    ~Counted() override { ++m_deleted; }
-
-private:
-    std::atomic<int>& m_deleted;
+    ~Counted() override { ++s_deleted; }
+    inline static std::atomic<int> s_deleted{0};
 };
 
 TEST(CNxReferenceControlT, ManyThreadsAgreeOnTheLastRelease) {
-    std::atomic<int> deleted{0};
-    CNxAutoPtr<Counted> shared(new Counted(deleted));
+    CNxAutoPtr<Counted> shared(new Counted);
     std::vector<std::future<void>> threads;
     for (int i = 0; i < 4; ++i) {
-        threads.push_back(std::async(std::launch::async, [copy = shared]() mutable {
+        threads.push_back(std::async(std::launch::async, [copy = shared] {
             for (int round = 0; round < 2000; ++round) {
-                CNxAutoPtr<Counted> another(copy);
+                const CNxAutoPtr<Counted> another(copy);
             }
-            copy.Reset();
         }));
     }
     shared.Reset();
     threads.clear();
-    EXPECT_EQ(deleted, 1);
+    EXPECT_EQ(Counted::s_deleted, 1);
 }
 
 std::string g_order;
