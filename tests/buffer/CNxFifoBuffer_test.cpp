@@ -1,125 +1,115 @@
+// A ring of five bytes in every state beside the string of its bytes, with all lengths and offsets.
 #include <gtest/gtest.h>
 #include <nx/buffer/CNxFifoBuffer.h>
 
 #include <algorithm>
 #include <limits>
 #include <new>
-#include <random>
 #include <string>
 
 namespace {
 
 constexpr unsigned long c_top = std::numeric_limits<unsigned long>::max();
+constexpr unsigned long c_capacity = 5;
+constexpr unsigned long c_numbers[] = {0, 1, 2, 3, 4, 5, 6, c_top - 1, c_top};
 
-// A buffer beside its model: the string of the buffered bytes, and the place in the ring where it
-// begins. Lengths and offsets may be larger than any buffer.
-struct CWorld {
-    unsigned long Room() const { return m_capacity - m_model.size(); }
+struct CRing {
+    // The bytes lie from `place` on.
+    CRing(unsigned long place, unsigned long count, bool isClosed)
+        : all(std::string("abcde").substr(0, count)),
+          room(isClosed ? 0 : c_capacity - count),
+          otherwise(isClosed ? CNxFifoBuffer::TRANSFER_CLOSED : CNxFifoBuffer::TRANSFER_BLOCKED) {
+        static_cast<void>(fifo.Write("?????", place, nullptr, nullptr));
+        fifo.ConsumeReadData(place);
+        static_cast<void>(fifo.Write(all.data(), count, nullptr, nullptr));
+        if (isClosed) {
+            fifo.Close();
+        }
+    }
 
     int Result(bool isPossible) const {
-        const int otherwise =
-            m_isClosed ? CNxFifoBuffer::TRANSFER_CLOSED : CNxFifoBuffer::TRANSFER_BLOCKED;
         return isPossible ? CNxFifoBuffer::TRANSFER_DONE : otherwise;
     }
 
-    void Read(unsigned long length, unsigned long offset) {
-        char bytes[32];
-        const unsigned long from = std::min(offset, m_model.size());
-        ASSERT_EQ(m_fifo.ReadOffset(bytes, length, offset, &m_n), Result(from < m_model.size()));
-        ASSERT_EQ(std::string(bytes, m_n), m_model.substr(from, length));
-        ASSERT_EQ(m_fifo.Read(bytes, length, &m_n, nullptr), Result(!m_model.empty()));
-        ASSERT_EQ(std::string(bytes, m_n), m_model.substr(0, length));
-        Take(m_n);
-    }
-
-    void ReadRun(unsigned long length) {
-        const auto* const run = static_cast<const char*>(m_fifo.GetReadData(&m_n));
-        ASSERT_EQ(std::string(run, m_n), m_model.substr(0, m_capacity - m_place));
-        m_fifo.ConsumeReadData(length);
-        Take(std::min(length, m_model.size()));
-    }
-
-    void Take(unsigned long count) {
-        m_model.erase(0, count);
-        m_place = (m_place + count) % m_capacity;
-    }
-
-    // At the offset, and then before it.
-    void Write(const std::string& bytes, unsigned long length, unsigned long offset) {
-        const unsigned long room = m_isClosed ? 0 : Room();
-        const unsigned long gap = std::min(offset, room);
-        ASSERT_EQ(m_fifo.WriteOffset(bytes.data(), length, offset, &m_n), Result(offset < room));
-        ASSERT_EQ(m_n, std::min(length, room - gap));
-        const unsigned long buffered = m_n;
-        ASSERT_EQ(m_fifo.Write(bytes.data(), gap, &m_n, nullptr), Result(room != 0));
-        ASSERT_EQ(m_n, gap);
-        m_fifo.ConsumeWriteBuffer(buffered);
-        m_model += bytes.substr(0, gap) + bytes.substr(0, buffered);
-    }
-
-    // Consuming more than there is room for fills the buffer.
-    void WriteRun(const std::string& bytes, unsigned long length) {
-        char* const run = static_cast<char*>(m_fifo.GetWriteBuffer(&m_n));
-        m_place = m_model.empty() && !m_isClosed ? 0 : m_place;
-        const unsigned long end = m_capacity - (m_place + m_model.size()) % m_capacity;
-        ASSERT_EQ(run == nullptr, m_isClosed);
-        ASSERT_EQ(m_n, m_isClosed ? 0 : std::min(Room(), end));
-        if (!m_isClosed) {
-            const unsigned long written = bytes.copy(run, std::min(m_n, length));
-            m_fifo.ConsumeWriteBuffer(m_n == Room() ? length : written);
-            m_model += bytes.substr(0, written);
+    // Reads all in place.
+    std::string Drain() {
+        std::string bytes;
+        for (unsigned long n = 1; n != 0; fifo.ConsumeReadData(n)) {
+            const auto* const run = static_cast<const char*>(fifo.GetReadData(&n));
+            bytes.append(run, n);
         }
+        return bytes;
     }
 
-    void Resize(unsigned long size) {
-        const bool isPossible = m_model.size() <= size && size <= c_top / 2;
-        ASSERT_EQ(m_fifo.SetCapacity(size), isPossible ? 1 : 0);
-        m_place = isPossible && size != m_capacity ? 0 : m_place;
-        m_capacity = isPossible ? size : m_capacity;
-    }
-
-    CNxFifoBuffer m_fifo{10};
-    std::string m_model;
-    unsigned long m_capacity = 10;
-    unsigned long m_place = 0;
-    bool m_isClosed = false;
-    unsigned long m_n = 0;
+    CNxFifoBuffer fifo{c_capacity};
+    const std::string all;
+    const unsigned long room;
+    const int otherwise;
 };
 
-TEST(CNxFifoBuffer, TransfersWhatAStringWouldUntilItIsClosedAndDrained) {
-    EXPECT_THROW(CNxFifoBuffer fifo(c_top), std::bad_alloc);
-    std::mt19937 random(2);
-    for (int life = 0; life < 100; ++life) {
-        CWorld world;
-        for (int step = 0; step < 500 && !HasFailure(); ++step) {
-            std::string bytes(16, ' ');
-            std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random()); });
-            const unsigned long length = random() % 20 == 0 ? c_top - random() % 2 : random() % 14;
-            const unsigned long offset = random() % 20 == 0 ? c_top - random() % 2 : random() % 6;
-            switch (random() % 6) {
-                case 0:
-                    world.Read(length, offset);
-                    break;
-                case 1:
-                    world.ReadRun(length);
-                    break;
-                case 2:
-                    world.Write(bytes, length, offset);
-                    break;
-                case 3:
-                    world.WriteRun(bytes, length);
-                    break;
-                default:
-                    if (random() % 10 == 0) {
-                        world.Resize(std::max(length, 1UL));
-                    }
-            }
-            if (step == 450) {
-                world.m_fifo.Close();
-                world.m_isClosed = true;
+template <class Check>
+void ForEachRing(Check check) {
+    for (unsigned state = 0; state < 2 * 6 * c_capacity; ++state) {
+        for (const unsigned long length : c_numbers) {
+            for (const unsigned long offset : c_numbers) {
+                SCOPED_TRACE(testing::Message() << state << " " << length << " " << offset);
+                CRing ring(state % c_capacity, state / c_capacity % 6, state >= 6 * c_capacity);
+                check(ring, length, offset);
             }
         }
     }
+}
+
+TEST(CNxFifoBuffer, ReadsWhatIsThereAndFromAnOffset) {
+    ForEachRing([](CRing& ring, unsigned long length, unsigned long offset) {
+        char bytes[c_capacity];
+        unsigned long n = 99;
+        const unsigned long from = std::min(offset, ring.all.size());
+        EXPECT_EQ(ring.fifo.ReadOffset(bytes, length, offset, &n),
+                  ring.Result(from < ring.all.size()));
+        EXPECT_EQ(std::string(bytes, n), ring.all.substr(from, length));
+        EXPECT_EQ(ring.fifo.Read(bytes, length, &n, nullptr), ring.Result(!ring.all.empty()));
+        EXPECT_EQ(std::string(bytes, n), ring.all.substr(0, length));
+        EXPECT_EQ(ring.Drain(), ring.all.substr(n));
+    });
+}
+
+TEST(CNxFifoBuffer, WritesAtAnOffsetAndThenBeforeIt) {
+    ForEachRing([](CRing& ring, unsigned long length, unsigned long offset) {
+        const std::string bytes = "123456";
+        unsigned long later = 99;
+        unsigned long n = 99;
+        const unsigned long gap = std::min(offset, ring.room);
+        EXPECT_EQ(ring.fifo.WriteOffset(bytes.data(), length, offset, &later),
+                  ring.Result(offset < ring.room));
+        EXPECT_EQ(later, std::min(length, ring.room - gap));
+        EXPECT_EQ(ring.fifo.Write("xyzuv", gap, &n, nullptr), ring.Result(ring.room != 0));
+        EXPECT_EQ(n, gap);
+        ring.fifo.ConsumeWriteBuffer(later);
+        EXPECT_EQ(ring.Drain(), ring.all + std::string("xyzuv", gap) + bytes.substr(0, later));
+    });
+}
+
+// A run ends where the ring does, or at what is buffered.
+TEST(CNxFifoBuffer, IsFilledInPlaceAndResized) {
+    ForEachRing([](CRing& ring, unsigned long length, unsigned long size) {
+        std::string expected = ring.all;
+        unsigned long n = 99;
+        for (unsigned long room = ring.room, runs = 0; room != 0 && runs < 2; ++runs) {
+            char* const run = static_cast<char*>(ring.fifo.GetWriteBuffer(&n));
+            std::fill_n(run, n, 'w');
+            ring.fifo.ConsumeWriteBuffer(n == room ? std::max(n, length) : n);
+            expected.append(n, 'w');
+            room -= n;
+        }
+        EXPECT_EQ(ring.fifo.GetWriteBuffer(&n) == nullptr,
+                  ring.otherwise == CNxFifoBuffer::TRANSFER_CLOSED);
+        EXPECT_EQ(n, 0u);
+        EXPECT_EQ(expected.size(), ring.all.size() + ring.room);
+        EXPECT_EQ(ring.fifo.SetCapacity(size), expected.size() <= size && size < c_top / 2 ? 1 : 0);
+        EXPECT_EQ(ring.Drain(), expected);
+    });
+    EXPECT_THROW(CNxFifoBuffer fifo(c_top), std::bad_alloc);
 }
 
 }  // namespace

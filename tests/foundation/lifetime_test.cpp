@@ -14,47 +14,23 @@ namespace {
 
 class Counted : public CNxReferenceControlT<CNxMutexThread> {
 public:
-    explicit Counted(std::atomic<int>& deleted) : m_deleted(deleted) {}
-    ~Counted() override { ++m_deleted; }
-
-private:
-    std::atomic<int>& m_deleted;
+    ~Counted() override { ++s_deleted; }
+    inline static std::atomic<int> s_deleted{0};
 };
 
 TEST(CNxReferenceControlT, ManyThreadsAgreeOnTheLastRelease) {
-    std::atomic<int> deleted{0};
-    CNxAutoPtr<Counted> shared(new Counted(deleted));
+    CNxAutoPtr<Counted> shared(new Counted);
     std::vector<std::future<void>> threads;
     for (int i = 0; i < 4; ++i) {
-        threads.push_back(std::async(std::launch::async, [copy = shared]() mutable {
+        threads.push_back(std::async(std::launch::async, [copy = shared] {
             for (int round = 0; round < 2000; ++round) {
-                CNxAutoPtr<Counted> another(copy);
+                const CNxAutoPtr<Counted> another(copy);
             }
-            copy.Reset();
         }));
     }
     shared.Reset();
     threads.clear();
-    EXPECT_EQ(deleted, 1);
-}
-
-TEST(CNxAutoPtr, HoldsExactlyOneReferenceThroughCopyMoveAndReset) {
-    std::atomic<int> deleted{0};
-    auto* raw = new Counted(deleted);
-    raw->AddReference();
-    auto first = CNxAutoPtr<Counted>::Adopt(raw);
-    CNxAutoPtr<Counted> second = first;
-    CNxAutoPtr<Counted> third = std::move(first);
-    EXPECT_FALSE(first);  // NOLINT(bugprone-use-after-move): the moved-from state is what is tested
-    EXPECT_EQ(second.Get(), raw);
-    EXPECT_EQ(&*third, second.operator->());
-    auto& self = second;
-    second = self;
-    EXPECT_EQ(second.Get(), raw);
-    third.Reset();
-    EXPECT_EQ(deleted, 0);
-    second = nullptr;
-    EXPECT_EQ(deleted, 1);
+    EXPECT_EQ(Counted::s_deleted, 1);
 }
 
 std::string g_order;

@@ -40,16 +40,11 @@ inline std::string Masked(std::string text) {
     return text;
 }
 
+// The texts of the records up to the marker; a failure for a file that is not whole. A record is
 // "[MM/DD/YYYY hh:mm:ss.mmm pid=P tid=T] " and any text.
-inline bool IsRecord(const std::string& line) {
-    const std::string form = "[99/99/9999 99:99:99.999 pid=";
-    int end = 0;
-    return Masked(line.substr(0, form.size())) == form &&
-           std::sscanf(line.c_str() + form.size(), "%*d tid=%*d] %n", &end) == 0 && end > 0;
-}
-
-// The texts of the records up to the marker; a failure for a file that is not whole.
-inline Texts TextsOf(const std::string& bytes) {
+inline Texts TextsIn(const std::string& path) {
+    SCOPED_TRACE(path);
+    const std::string bytes = ReadWhole(path);
     const size_t offset = std::strtoul(bytes.c_str(), nullptr, 10);
     EXPECT_EQ(bytes.substr(0, HEADER_SIZE), HeaderOf(offset));
     Texts texts;
@@ -61,17 +56,16 @@ inline Texts TextsOf(const std::string& bytes) {
         EXPECT_EQ(bytes.substr(offset, MARKER.size()), MARKER);
         EXPECT_EQ(bytes[offset - 1], '\n');
     }
+    const std::string form = "[99/99/9999 99:99:99.999 pid=";
     std::istringstream lines(bytes.substr(HEADER_SIZE, offset - HEADER_SIZE));
     for (std::string line; std::getline(lines, line);) {
-        EXPECT_TRUE(IsRecord(line)) << line;
+        int end = 0;
+        EXPECT_EQ(Masked(line.substr(0, form.size())), form);
+        EXPECT_EQ(std::sscanf(line.c_str() + form.size(), "%*d tid=%*d] %n", &end), 0) << line;
+        EXPECT_GT(end, 0) << line;
         texts.push_back(line.substr(line.find("] ") + 2));
     }
     return texts;
-}
-
-inline Texts TextsIn(const std::string& path) {
-    SCOPED_TRACE(path);
-    return TextsOf(ReadWhole(path));
 }
 
 inline void KillAndWait(pid_t pid) {
