@@ -38,14 +38,11 @@ int Inject(FaultPlan::ECall which) {
 
 // What a call that fails returns.
 long Fail(FaultPlan::ECall which, int error) {
-    switch (which) {
-        case FaultPlan::CALL_pthread_create:
-        case FaultPlan::CALL_pthread_sigqueue:
-            return error;
-        default:
-            errno = error;
-            return which == FaultPlan::CALL_fopen ? 0 : -1;
+    if (which == FaultPlan::CALL_pthread_create || which == FaultPlan::CALL_pthread_sigqueue) {
+        return error;
     }
+    errno = error;
+    return -1;
 }
 
 }  // namespace
