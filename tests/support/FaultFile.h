@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <string>
 
-// Programs started while it lives are under the plan, which at first has no call fail.
+// All programs started from here on are under the plan, which at first has no call fail.
 class FaultFile {
 public:
     FaultFile(const std::string& path, const char* shim) {
@@ -29,13 +29,6 @@ public:
         setenv("NX_FAULT_PLAN", path.c_str(), 1);
         setenv("LD_PRELOAD", shim, 1);
     }
-    ~FaultFile() {
-        unsetenv("LD_PRELOAD");
-        unsetenv("NX_FAULT_PLAN");
-        munmap(m_plan, sizeof(FaultPlan));
-    }
-    FaultFile(const FaultFile&) = delete;
-    FaultFile& operator=(const FaultFile&) = delete;
 
     // A sanitizer's own library has to come first.
     static bool IsUsable() {
