@@ -232,8 +232,9 @@ CNxMessageBlock* CNxMessageBlock::DuplicateTopLevel() const {
     if (copy != nullptr) {
         copy->m_read = copy->m_begin + (m_read - m_begin);
         copy->m_write = copy->m_begin + (m_write - m_begin);
+        copy->m_end = copy->m_begin + (m_end - m_begin);
         copy->m_flags |= DUPLICATED;
-        assert(copy->GetCapacity() == GetCapacity());
+        assert(copy->IsInOrder() && copy->GetCapacity() == GetCapacity());
     }
     return copy;
 }

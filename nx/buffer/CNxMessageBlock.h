@@ -101,6 +101,10 @@ public:
         return NX_OK;
     }
 
+    // This block ends where its bytes do: nothing can be written behind them, nor in its
+    // duplicates.
+    void DropSpace() { m_end = m_write; }
+
     unsigned long GetChainedLength() const;
     unsigned long GetChainedSpace() const;
     // The same as GetChainedSpace(), not the sum of the capacities.

@@ -69,6 +69,7 @@ BlockPtr MakeView(const CNxMessageBlock& block, size_t offset, size_t count) {
     const size_t begin = static_cast<size_t>(block.GetReadPtr() - data->GetData()) + offset;
     Write(*view, nullptr, begin + count);
     Skip(*view, begin);
+    view->DropSpace();
     return view;
 }
 
@@ -158,6 +159,7 @@ CNxMessageChain CNxMessageChain::Adopt(CNxMessageBlock* head) {
     CNxMessageChain chain;
     chain.m_head = head != nullptr ? head->ReclaimGarbage() : nullptr;
     for (CNxMessageBlock* block = chain.m_head; block != nullptr; block = block->GetNext()) {
+        block->DropSpace();
         chain.m_size += block->GetLength();
         chain.m_tail = block;
     }
@@ -171,7 +173,6 @@ CNxMessageBlock* CNxMessageChain::Release() {
     }
     m_tail = nullptr;
     m_size = 0;
-    m_isSpaceOurs = false;
     return std::exchange(m_head, nullptr);
 }
 
@@ -180,7 +181,6 @@ void CNxMessageChain::Clear() noexcept {
     CNxMessageBlock* const head = std::exchange(m_head, nullptr);
     m_tail = nullptr;
     m_size = 0;
-    m_isSpaceOurs = false;
     if (head != nullptr) {
         head->DestroyChained();
     }
@@ -192,8 +192,7 @@ bool CNxMessageChain::IsInOrder() const {
            (m_size == 0 ? m_head == m_tail : m_head->GetLength() != 0);
 }
 
-void CNxMessageChain::Link(CNxMessageBlock* head, CNxMessageBlock* tail,
-                           bool isSpaceOurs) noexcept {
+void CNxMessageChain::Link(CNxMessageBlock* head, CNxMessageBlock* tail) noexcept {
     assert(head != nullptr && tail != nullptr && tail->GetNext() == nullptr);
     if (m_tail != nullptr) {
         m_tail->SetNext(head);
@@ -201,7 +200,6 @@ void CNxMessageChain::Link(CNxMessageBlock* head, CNxMessageBlock* tail,
         m_head = head;
     }
     m_tail = tail;
-    m_isSpaceOurs = isSpaceOurs;
 }
 
 // Links empty blocks for so many bytes; `held` are those before them.
@@ -209,7 +207,7 @@ void CNxMessageChain::AddSpace(size_t size, size_t held) {
     while (size != 0) {
         const size_t blockSize = std::max(GetGrowth(held), std::min(RoundUp(size), c_growthEnd));
         CNxMessageBlock* const block = MakeBlock(blockSize).release();
-        Link(block, block, true);
+        Link(block, block);
         const size_t used = std::min(size, blockSize);
         size -= used;
         held += used;
@@ -236,7 +234,7 @@ void CNxMessageChain::Append(std::initializer_list<std::string_view> parts) {
         CNxMessageChain more;
         more.AddSpace(size - space, m_size + space);
         into = into != nullptr ? into : more.m_head;
-        Link(std::exchange(more.m_head, nullptr), std::exchange(more.m_tail, nullptr), true);
+        Link(std::exchange(more.m_head, nullptr), std::exchange(more.m_tail, nullptr));
     }
     for (std::string_view part : parts) {
         while (!part.empty()) {
@@ -260,8 +258,7 @@ void CNxMessageChain::Append(CNxMessageChain&& other) noexcept {
     }
     DropUnusedSpace();
     m_size += std::exchange(other.m_size, 0);
-    Link(std::exchange(other.m_head, nullptr), std::exchange(other.m_tail, nullptr),
-         std::exchange(other.m_isSpaceOurs, false));
+    Link(std::exchange(other.m_head, nullptr), std::exchange(other.m_tail, nullptr));
     assert(IsInOrder());
 }
 
@@ -305,7 +302,7 @@ char* CNxMessageChain::MakeSpace(size_t size) {
         CNxMessageBlock* const block =
             MakeBlock(std::max(GetGrowth(m_size), RoundUp(size))).release();
         DropUnusedSpace();
-        Link(block, block, true);
+        Link(block, block);
     }
     return m_tail->GetWritePtr();
 }
@@ -336,7 +333,6 @@ void CNxMessageChain::DropUnusedSpace() noexcept {
     }
     delete std::exchange(m_tail, last);
     m_tail->SetNext(nullptr);
-    m_isSpaceOurs = false;
 }
 
 void CNxMessageChain::Consume(size_t count) noexcept {
@@ -375,7 +371,7 @@ CNxMessageChain CNxMessageChain::Split(size_t count) {
     if (rest != 0) {
         CNxMessageBlock* const part = MakeView(*cut, 0, rest).release();
         Skip(*cut, rest);
-        front.Link(part, part, false);
+        front.Link(part, part);
     }
     if (last != nullptr) {
         last->SetNext(front.m_head);
@@ -397,7 +393,7 @@ CNxMessageChain CNxMessageChain::Share(size_t offset, size_t count) const {
         const size_t n = std::min(block->GetLength() - offset, count - shared.m_size);
         if (n != 0) {
             CNxMessageBlock* const view = MakeView(*block, offset, n).release();
-            shared.Link(view, view, false);
+            shared.Link(view, view);
             shared.m_size += n;
         }
     }
@@ -470,7 +466,7 @@ std::string_view CNxMessageChain::Flatten(size_t count) {
         Write(*flat, nullptr, count);
         Consume(count);
         CNxMessageChain rest(std::move(*this));
-        Link(flat, flat, true);
+        Link(flat, flat);
         m_size = count;
         Append(std::move(rest));
     }

@@ -49,8 +49,8 @@ public:
     CNxMessageChain(const CNxMessageChain&) = delete;
     CNxMessageChain& operator=(const CNxMessageChain&) = delete;
 
-    // Takes over a chain in which every block has DUPLICATED; may be null. What space its blocks
-    // have is not written to.
+    // Takes over a chain in which every block has DUPLICATED; may be null. The blocks lose their
+    // space.
     static CNxMessageChain Adopt(CNxMessageBlock* head);
     // Gives the blocks away, null if there are none: the caller ends them with DestroyChained.
     [[nodiscard]] CNxMessageBlock* Release();
@@ -92,7 +92,7 @@ public:
     // than there is; Commit(0) gives space back that was not needed. Space stays good until the
     // chain is changed in another way.
     char* MakeSpace(size_t size);
-    size_t GetSpaceSize() const { return m_isSpaceOurs ? m_tail->GetSpace() : 0; }
+    size_t GetSpaceSize() const { return m_tail != nullptr ? m_tail->GetSpace() : 0; }
     void Commit(size_t size);
 
     // Drops so many bytes from the front; all, if there are no more.
@@ -148,16 +148,15 @@ public:
     size_t FillIov(iovec* iov, size_t maxCount) const;
 
 private:
-    void Link(CNxMessageBlock* head, CNxMessageBlock* tail, bool isSpaceOurs) noexcept;
+    void Link(CNxMessageBlock* head, CNxMessageBlock* tail) noexcept;
     void AddSpace(size_t size, size_t held);
     void DropUnusedSpace() noexcept;
     bool IsInOrder() const;
 
     // The first block has bytes unless there are none; then there is at most one block, for space.
+    // Blocks have space only where they were made here, or in a chain that they came from: others
+    // that see the same storage see nothing behind its bytes.
     CNxMessageBlock* m_head = nullptr;
     CNxMessageBlock* m_tail = nullptr;
     size_t m_size = 0;
-    // The last block was made here, or came from a chain that made it: others that see its storage
-    // see nothing behind its bytes.
-    bool m_isSpaceOurs = false;
 };

@@ -8,8 +8,6 @@
 #include <cassert>
 #include <cerrno>
 #include <cstdio>
-#include <ctime>
-#include <limits>
 #include <new>
 #include <system_error>
 #include <utility>
@@ -28,6 +26,9 @@ std::string Within(const char* what, const CNxTimeValue& time) {
     return text;
 }
 
+// What an idle one costs: with its place in the system's memory a multiple of 16 after 8.
+static_assert(sizeof(CConnectionImp) <= 360);
+
 }  // namespace
 
 CConnectionImp::CConnectionImp(CStreamLoop& loop, CNxConnectedSocket socket,
@@ -36,14 +37,15 @@ CConnectionImp::CConnectionImp(CStreamLoop& loop, CNxConnectedSocket socket,
     : CStreamMember(loop),
       m_options(std::move(options)),
       m_sink(&sink),
-      m_ownedSink(std::move(ownedSink)),
-      m_socket(std::move(socket.socket)),
       m_attached(std::move(socket.attached)),
       m_createdAt(NowMs()),
-      m_activeAt(m_createdAt) {}
+      m_activeAt(m_createdAt),
+      m_socket(std::move(socket.socket)),
+      m_ownsSink(ownedSink.release() != nullptr) {}
 
 CConnectionImp::~CConnectionImp() {
-    assert(!m_isRegistered && m_timerAt == 0);
+    assert(!m_isRegistered);
+    LetGoOfSink();
 }
 
 NxResult CConnectionImp::Open() {
@@ -67,7 +69,6 @@ void CConnectionImp::StoreEndpoints() {
     CNxEndpoint endpoint;
     if (endpoint.SetLocalOf(GetHandle()) == NX_OK) {
         m_local.Set(endpoint);
-        m_isUnix = endpoint.GetFamily() == AF_UNIX;
     }
     if (endpoint.SetPeerOf(GetHandle()) == NX_OK) {
         m_peer.Set(endpoint);
@@ -77,7 +78,7 @@ void CConnectionImp::StoreEndpoints() {
 // Without one of them a connection is slower, not wrong.
 void CConnectionImp::SetSocketOptions() {
     const int on = 1;
-    if (m_isUnix) {
+    if (IsUnix()) {
         return;
     }
     if (m_options->noDelay) {
@@ -120,7 +121,6 @@ NxResult CConnectionImp::Register() {
     const NxResult result = reactor.RegisterHandler(this, mask);
     if (NxSucceeded(result)) {
         m_isRegistered = true;
-        m_watched = mask;
         return NX_OK;
     }
     return reactor.NotifyHandler(this, 0) == NX_ERROR_NOT_INITIALIZED ? NX_ERROR_NOT_INITIALIZED
@@ -130,7 +130,7 @@ NxResult CConnectionImp::Register() {
 int CConnectionImp::OnInput(int /*fd*/) {
     m_isReadable = true;
     // Descriptors that come through a unix socket make reads short.
-    m_mayHaveEnded = m_isUnix || GetReactor().MayHaveEnded();
+    m_mayHaveEnded = IsUnix() || GetReactor().MayHaveEnded();
     Proceed();
     return 0;
 }
@@ -184,7 +184,7 @@ void CConnectionImp::Advance() {
         Discard();
     }
     Watch();
-    ArmTimer();
+    AskForCall();
 }
 
 void CConnectionImp::ServeAsked() {
@@ -196,7 +196,7 @@ void CConnectionImp::ServeAsked() {
             EndWhenSent();
             break;
         case EAsked::DROP:
-            End(ENxClosed::LIMIT, 0, c_tooMuchUnsent);
+            End(ENxClosed::LIMIT, EText::TOO_MUCH_UNSENT);
             break;
         case EAsked::END_NOW:
             End(ENxClosed::BY_US);
@@ -276,12 +276,19 @@ void CConnectionImp::CloseNow() {
 }
 
 void CConnectionImp::Abandon() {
-    if (IsEnded() && m_sink == nullptr) {
+    if (IsEnded() && m_isSilent) {
         return;
     }
     const CStreamLoop::CEntry entry(GetLoop());
-    m_sink = nullptr;
+    m_isSilent = true;
     End(ENxClosed::BY_US);
+}
+
+void CConnectionImp::Fail(int error) {
+    if (!IsEnded()) {
+        m_error = error;
+        End(ENxClosed::FAILED);
+    }
 }
 
 void CConnectionImp::EndWithLoop() {
@@ -289,21 +296,17 @@ void CConnectionImp::EndWithLoop() {
 }
 
 // What the sink may be looking at stays until its calls have returned.
-void CConnectionImp::End(ENxClosed kind, int error, const char* text) {
+void CConnectionImp::End(ENxClosed kind, EText text) {
     if (IsEnded()) {
         return;
     }
     m_closed = kind;
-    m_error = error;
     m_text = text;
     SetState(EState::CLOSED);
     GetLoop().Remove(*this);
     CloseInbox(EAsked::END_NOW);
     if (std::exchange(m_isRegistered, false)) {
         GetReactor().RemoveHandler(this, NX_MASK_ALL_EVENTS);
-    }
-    if (std::exchange(m_timerAt, 0) != 0) {
-        GetReactor().CancelTimer(this);
     }
     m_socket.Close();
     m_attached.reset();
@@ -312,8 +315,7 @@ void CConnectionImp::End(ENxClosed kind, int error, const char* text) {
 }
 
 void CConnectionImp::TellClosed() {
-    INxConnectionSink* const sink = std::exchange(m_sink, nullptr);
-    if (sink == nullptr) {
+    if (std::exchange(m_isSilent, true)) {
         return;
     }
     CNxCloseReason reason{m_closed, m_error, {}};
@@ -324,7 +326,7 @@ void CConnectionImp::TellClosed() {
     }
     CallOut("OnClosed", [&] {
         try {
-            sink->OnClosed(*this, reason);
+            m_sink->OnClosed(*this, reason);
         } catch (const std::bad_alloc&) {
             // It has ended already.
         }
@@ -335,14 +337,36 @@ void CConnectionImp::Release() {
     m_received.Clear();
     m_filtered.reset();
     m_framing.reset();
-    m_ownedSink.reset();
+    LetGoOfSink();
     ReleaseReference();
 }
 
-std::string CConnectionImp::Describe() const {
-    if (m_text != nullptr) {
-        return m_text;
+void CConnectionImp::LetGoOfSink() {
+    if (!m_ownsSink) {
+        static_cast<void>(m_sink.release());
     }
+    m_sink.reset();
+}
+
+std::string CConnectionImp::Describe() const {
+    switch (m_text) {
+        case EText::NONE:
+            return DescribeKind();
+        case EText::TOO_MUCH_UNSENT:
+            return "more waits to be sent than may wait";
+        case EText::TOO_MUCH_UNREAD:
+            return "more waits to be read than may wait";
+        case EText::LONG_FRAME:
+            return "a frame is longer than it may be";
+        case EText::CUT_HANDSHAKE:
+            return "the peer ended during the TLS handshake";
+        case EText::CUT_STREAM:
+            return "the peer ended without close_notify";
+    }
+    return {};
+}
+
+std::string CConnectionImp::DescribeKind() const {
     switch (m_closed) {
         case ENxClosed::BY_US:
             return "closed by us";
@@ -375,12 +399,14 @@ void CConnectionImp::Watch() {
     if (IsEnded() || !GetLoop().ReportsStates()) {
         return;
     }
+    const bool wantsInput = WantsInput();
     const bool wantsRoom = !m_isWritable && !m_isStarved && !m_output.IsEmpty();
-    const long wanted = (WantsInput() ? NX_MASK_READ : 0) | (wantsRoom ? NX_MASK_WRITE : 0);
-    if (wanted == m_watched) {
+    if (wantsInput == m_watchesInput && wantsRoom == m_watchesRoom) {
         return;
     }
-    m_watched = wanted;
+    m_watchesInput = wantsInput;
+    m_watchesRoom = wantsRoom;
+    const long wanted = (wantsInput ? NX_MASK_READ : 0) | (wantsRoom ? NX_MASK_WRITE : 0);
     if (wanted == 0) {
         m_isRegistered = false;
         GetReactor().RemoveHandler(this, NX_MASK_ALL_EVENTS);

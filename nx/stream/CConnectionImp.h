@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <limits>
 #include <memory>
 #include <new>
 #include <string>
@@ -16,18 +15,16 @@
 #include <nx/stream/CStreamFilter.h>
 #include <nx/stream/CStreamLoop.h>
 #include <nx/stream/CStreamOutput.h>
-#include <nx/timer/INxTimerQueue.h>
 
 // Since a reactor may report changes only, it remembers what can be done, and Proceed does all of
 // it that can be done now: receive and offer, send, end. What the sink sends meanwhile goes out
 // when its calls have returned.
 //
-// One timer looks when the earliest of its time-outs could be over, and goes on for the rest:
-// traffic only notes the time.
-class CConnectionImp final : public CNxConnection,
-                             public CStreamMember,
-                             private INxEventHandler,
-                             private INxTimerHandler {
+// The loop calls when the earliest of its time-outs could be over, and again for the rest: traffic
+// only notes the time.
+//
+// There may be 10,000 of them that wait: small things are kept together.
+class CConnectionImp final : public CStreamMember, private INxEventHandler {
 public:
     // As CNxConnection::Create.
     [[nodiscard]] static NxResult Make(CNxAutoPtr<CNxConnection>& out, INxReactor& reactor,
@@ -62,17 +59,25 @@ public:
     void SetCookie(void* cookie) override { m_cookie = cookie; }
 
 private:
-    static constexpr const char* c_tooMuchUnsent = "more waits to be sent than may wait";
-
     // Of our side, beside the state.
-    enum class ESending {
+    enum class ESending : unsigned char {
         OPEN,
         ENDING,  // no more is taken; what waits is sent
         SEALED,  // and the filter has said its last word
         ENDED,   // the socket's side is shut down
     };
 
-    enum class EStop { NOT_ASKED, DUE, TOLD };  // due: when it is open
+    // What says more than the kind of the end.
+    enum class EText : unsigned char {
+        NONE,
+        TOO_MUCH_UNSENT,
+        TOO_MUCH_UNREAD,
+        LONG_FRAME,
+        CUT_HANDSHAKE,
+        CUT_STREAM,
+    };
+
+    enum class EStop : unsigned char { NOT_ASKED, DUE, TOLD };  // due: when it is open
 
     // What stands between, and what has still to pass it.
     struct CFiltered {
@@ -84,11 +89,10 @@ private:
 
     // When the time-outs are over, in milliseconds of the monotonic clock.
     struct CDues {
-        static constexpr std::int64_t c_never = std::numeric_limits<std::int64_t>::max();
-        std::int64_t handshake = c_never;
-        std::int64_t lingering = c_never;
-        std::int64_t stall = c_never;
-        std::int64_t idle = c_never;
+        std::int64_t handshake = CDueMember::c_never;
+        std::int64_t lingering = CDueMember::c_never;
+        std::int64_t stall = CDueMember::c_never;
+        std::int64_t idle = CDueMember::c_never;
     };
 
     CConnectionImp(CStreamLoop& loop, CNxConnectedSocket socket, INxConnectionSink& sink,
@@ -99,9 +103,9 @@ private:
     int OnInput(int fd) override;
     int OnOutput(int fd) override;
     int OnClose(int fd, long mask) override;
-    void OnTimeout(const CNxTimeValue& curTime, void* token) override;
 
     void Proceed() override;
+    void OnDue() override;
     void OnLeft(CStreamOutput&& output, EAsked asked) noexcept override;
     void TellStop() override;
     void EndWithLoop() override;
@@ -151,31 +155,32 @@ private:
     void EndSendingSide();
     void EndWithSending();
 
+    void LetGoOfSink();
     void SetState(EState next);
     void EndWhenSent();
-    void End(ENxClosed kind, int error = 0, const char* text = nullptr);
-    void Fail(int error) { End(ENxClosed::FAILED, error); }
+    void End(ENxClosed kind, EText text = EText::NONE);
+    void Fail(int error);
     std::string Describe() const;
+    std::string DescribeKind() const;
 
-    static std::int64_t NowMs();
+    static std::int64_t NowMs() { return CStreamLoop::NowMs(); }
     void NoteActivity();
     void NoteSent(bool hasMoved);
     CDues GetDues() const;
-    void ArmTimer();
+    void AskForCall();
     void EndIfExpired();
     void Watch();
 
     size_t GetTurnSize() const { return std::max<size_t>(m_options->bytesPerTurn, 1); }
+    bool IsUnix() const { return m_local.GetFamily() == AF_UNIX; }
     bool IsEnded() const { return m_state.load(std::memory_order_relaxed) == EState::CLOSED; }
     bool IsHandshaking() const {
         return m_filtered && m_filtered->state == CStreamFilter::EState::HANDSHAKING;
     }
 
     const Options m_options;
-    std::unique_ptr<CNxFraming> m_framing;  // other than that of the options
-    INxConnectionSink* m_sink;              // null when nothing more is called
-    std::unique_ptr<INxConnectionSink> m_ownedSink;
-    CNxSocketBase m_socket;
+    std::unique_ptr<CNxFraming> m_framing;      // other than that of the options
+    std::unique_ptr<INxConnectionSink> m_sink;  // perhaps not owned: see LetGoOfSink
     std::unique_ptr<CNxReleasedWithSocket> m_attached;
     CStoredEndpoint m_local;
     CStoredEndpoint m_peer;
@@ -189,43 +194,47 @@ private:
     std::uint64_t m_bytesSent = 0;
     std::atomic<size_t> m_unsent{0};
 
-    // Milliseconds of the monotonic clock.
+    // See CStreamLoop::NowMs.
     const std::int64_t m_createdAt;
     std::int64_t m_activeAt;     // something came or went, or LINGERING began
     std::int64_t m_takenAt = 0;  // while bytes wait: the socket last took some
-    std::int64_t m_timerAt = 0;  // when the timer fires; 0 without one
+
+    int m_error = 0;
+    CNxSocketBase m_socket;
 
     std::atomic<EState> m_state{EState::HANDSHAKING};
     ESending m_sending = ESending::OPEN;
     EAsked m_asked = EAsked::NOTHING;
     ENxClosed m_closed = ENxClosed::BY_US;
-    int m_error = 0;
-    const char* m_text = nullptr;
-
+    EText m_text = EText::NONE;
     EStop m_stop = EStop::NOT_ASKED;
+
+    bool m_ownsSink;
+    bool m_isSilent = false;  // the sink is not called any more
 
     // What can be done, and what has been.
     bool m_isReadable = false;
     bool m_isWritable = true;
-    bool m_isStarved = false;  // the system lacks buffers: again by the timer
+    bool m_isStarved = false;  // the system lacks buffers: again after a while
     bool m_isBulk = false;     // the last receive was large
     bool m_isPaused = false;
     bool m_isFresh = false;  // there is something to offer
     bool m_isProceeding = false;
-    bool m_isWaiting = false;  // bytes wait for room in the socket
-    bool m_isHigh = false;     // OnHighWater was called last
-    bool m_isUnix = false;
+    bool m_isWaiting = false;    // bytes wait for room in the socket
+    bool m_isHigh = false;       // OnHighWater was called last
     bool m_mayHaveEnded = true;  // the peer may, after what is read now
     bool m_hasPeerEnded = false;
     bool m_isEndTold = false;
     bool m_isByPeer = false;  // the sink knew of the peer's end when ours began
     bool m_isRegistered = false;
-    long m_watched = 0;
+    // Where states are reported.
+    bool m_watchesInput = false;
+    bool m_watchesRoom = true;
 };
 
 template <class Call>
 void CConnectionImp::CallSink(const char* name, const Call& call) {
-    if (m_sink == nullptr || IsEnded()) {
+    if (m_isSilent || IsEnded()) {
         return;
     }
     CallOut(name, [&] {

@@ -113,9 +113,7 @@ void CConnectionImp::OnPeerEnded() {
     if (!m_filtered || m_filtered->filter->MayEnd()) {
         m_hasPeerEnded = true;
     } else {
-        End(ENxClosed::TLS, 0,
-            IsHandshaking() ? "the peer ended during the TLS handshake"
-                            : "the peer ended without close_notify");
+        End(ENxClosed::TLS, IsHandshaking() ? EText::CUT_HANDSHAKE : EText::CUT_STREAM);
     }
 }
 
@@ -125,7 +123,7 @@ void CConnectionImp::OpenFilter(CNxMessageChain&& sealed) {
     const size_t most = m_options->maxUnsent;
     if (most != 0 && !toSocket.IsEmpty() && toSocket.GetSize() + m_output.GetSize() > most) {
         // What the peer has the filter answer, and does not read.
-        End(ENxClosed::LIMIT, 0, c_tooMuchUnsent);
+        End(ENxClosed::LIMIT, EText::TOO_MUCH_UNSENT);
         return;
     }
     m_output.Append(std::move(toSocket));
@@ -179,7 +177,7 @@ void CConnectionImp::OfferAll() {
     // Nothing more comes before it has taken some: as long as it does it is offered the rest.
     m_isFresh = true;
     if (m_received.GetSize() >= size) {
-        End(ENxClosed::LIMIT, 0, "more waits to be read than may wait");
+        End(ENxClosed::LIMIT, EText::TOO_MUCH_UNREAD);
     }
 }
 
@@ -191,7 +189,7 @@ void CConnectionImp::OfferFrame() {
             CallSink("OnReceive", [&](INxConnectionSink& sink) { sink.OnReceive(*this, frame); });
             break;
         case CNxFraming::EResult::TOO_LONG:
-            End(ENxClosed::LIMIT, 0, "a frame is longer than it may be");
+            End(ENxClosed::LIMIT, EText::LONG_FRAME);
             break;
         case CNxFraming::EResult::PARTIAL:
         case CNxFraming::EResult::NONE:

@@ -1,33 +1,21 @@
 // The time-outs of CConnectionImp.
-#include <nx/reactor/INxReactor.h>
 #include <nx/stream/CConnectionImp.h>
 
 #include <algorithm>
-#include <ctime>
-#include <limits>
 
 namespace {
 
 // After so long the system may have buffers again.
 constexpr std::int64_t c_starvedMs = 100;
 
-// The coarse clock's step at most: a timer is that much late, and finds the time over.
-constexpr std::int64_t c_clockStepMs = 10;
-
 // Never, without a time-out.
 std::int64_t After(std::int64_t since, const CNxTimeValue& timeout) {
     const long ms = timeout.GetTotalInMsec();
-    constexpr std::int64_t c_never = std::numeric_limits<std::int64_t>::max();
-    return ms > 0 && ms < c_never - since ? since + ms : c_never;
+    constexpr std::int64_t never = CDueMember::c_never;
+    return ms > 0 && ms < never - since ? since + ms : never;
 }
 
 }  // namespace
-
-std::int64_t CConnectionImp::NowMs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
 
 void CConnectionImp::NoteActivity() {
     if (m_options->idleTimeout > CNxTimeValue::s_tvZero()) {
@@ -65,35 +53,24 @@ CConnectionImp::CDues CConnectionImp::GetDues() const {
     return dues;
 }
 
-void CConnectionImp::ArmTimer() {
+void CConnectionImp::AskForCall() {
     if (IsEnded()) {
         return;
     }
     const CDues dues = GetDues();
     std::int64_t due = std::min({dues.handshake, dues.lingering, dues.stall, dues.idle});
-    if (due == CDues::c_never && !m_isStarved) {
-        return;
-    }
     if (m_isStarved) {
         due = std::min(due, NowMs() + c_starvedMs);
     }
-    if (m_timerAt != 0 && m_timerAt <= due) {
-        return;
-    }
-    CNxTimeValue interval;
-    interval.SetByTotalMsec(std::max<std::int64_t>(due - NowMs(), 0) + c_clockStepMs);
-    if (NxSucceeded(GetReactor().ScheduleTimer(this, nullptr, interval, 1))) {
-        m_timerAt = due;
-    } else {
+    if (due != c_never && GetLoop().CallBy(*this, due) != NX_OK) {
         End(ENxClosed::OUT_OF_MEMORY);
     }
 }
 
 // A process that was paused finds all time-outs over, and much to read: who is to be dropped for
 // silence is looked at once more.
-void CConnectionImp::OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) {
+void CConnectionImp::OnDue() {
     const CStreamLoop::CEntry entry(GetLoop());
-    m_timerAt = 0;
     m_isStarved = false;
     m_isReadable = m_isWritable = true;
     Proceed();

@@ -52,7 +52,7 @@ struct CNxTlsInfo;
 // and what comes behind it may wait until more comes.
 class CNxConnection : public CNxReferenceControlT<CNxMutexThread> {
 public:
-    enum class EState { HANDSHAKING, OPEN, ENDING, LINGERING, CLOSED };
+    enum class EState : unsigned char { HANDSHAKING, OPEN, ENDING, LINGERING, CLOSED };
     using Options = std::shared_ptr<const CNxConnectionOptions>;
 
     // Makes a connection of a connected socket on the reactor's thread. Takes the socket over also

@@ -4,8 +4,19 @@
 
 #include <algorithm>
 #include <cassert>
+#include <ctime>
 #include <new>
 #include <utility>
+
+namespace {
+
+// The coarse clock's step at most: a timer is that much late, and finds the time over.
+constexpr std::int64_t c_clockStepMs = 10;
+
+// Of the timer while it fires: there is no need for another.
+constexpr std::int64_t c_now = 0;
+
+}  // namespace
 
 // Not fired, it is made up for by the next one.
 class CStreamLoop::CTurnEvent : public INxEvent {
@@ -72,6 +83,7 @@ void CStreamLoop::Add(CStreamMember& member) {
 void CStreamLoop::Remove(CStreamMember& member) {
     assert(m_depth > 0);
     static_cast<CLinkT<CInTurn>&>(member).Unlink();
+    m_dues.Remove(member);
     m_ended.Add(member);
     m_count.fetch_sub(1, std::memory_order_relaxed);
 }
@@ -166,13 +178,66 @@ void CStreamLoop::EndAll() {
 void CStreamLoop::OnReactorClosing() {
     const bool wasClosing = std::exchange(m_isClosing, true);
     EndAll();
+    m_reactor.CancelTimer(this);
+    m_wakeAt = CDueMember::c_never;
     m_isClosing = wasClosing;
+}
+
+std::int64_t CStreamLoop::NowMs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+NxResult CStreamLoop::CallBy(CStreamMember& member, std::int64_t due) {
+    try {
+        if (due < member.GetDue()) {
+            m_dues.Set(member, due);
+        }
+    } catch (const std::bad_alloc&) {
+        return NX_ERROR_FAILURE;
+    }
+    return WakeAtFirst();
+}
+
+NxResult CStreamLoop::WakeAtFirst() {
+    const CDueMember* const first = m_dues.GetFirst();
+    if (first == nullptr || m_wakeAt <= first->GetDue()) {
+        return NX_OK;
+    }
+    CNxTimeValue interval;
+    interval.SetByTotalMsec(std::max<std::int64_t>(first->GetDue() - NowMs(), 0) + c_clockStepMs);
+    if (!NxSucceeded(m_reactor.ScheduleTimer(this, nullptr, interval, 1))) {
+        return NX_ERROR_FAILURE;
+    }
+    m_wakeAt = first->GetDue();
+    return NX_OK;
+}
+
+void CStreamLoop::OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) {
+    const CEntry entry(*this);
+    m_wakeAt = c_now;
+    const std::int64_t now = NowMs();
+    for (CDueMember* first = m_dues.GetFirst(); first != nullptr && first->GetDue() <= now;
+         first = m_dues.GetFirst()) {
+        m_dues.Remove(*first);
+        static_cast<CStreamMember*>(first)->OnDue();
+    }
+    m_wakeAt = CDueMember::c_never;
+    // Without memory for the timer it is the next CallBy that has it.
+    static_cast<void>(WakeAtFirst());
 }
 
 NxResult CStreamMember::Leave(CStreamOutput&& output, EAsked asked) {
     CNxMutexGuardT<CNxMutexThread> guard(m_loop->m_mutex);
     if (m_asked != EAsked::NOTHING && asked <= m_asked) {
         return NX_ERROR_NOT_INITIALIZED;
+    }
+    if (!output.IsEmpty() && m_inbox == nullptr) {
+        m_inbox.reset(new (std::nothrow) CStreamOutput);
+        if (m_inbox == nullptr) {
+            return NX_ERROR_FAILURE;
+        }
     }
     const NxResult posted = m_loop->PostTurn();
     if (posted != NX_OK && asked == EAsked::NOTHING) {
@@ -182,8 +247,10 @@ NxResult CStreamMember::Leave(CStreamOutput&& output, EAsked asked) {
     if (asked != EAsked::NOTHING) {
         m_asked = asked;
     }
-    m_leftSize.fetch_add(output.GetSize(), std::memory_order_relaxed);
-    m_inbox.Append(std::move(output));
+    if (m_inbox != nullptr) {
+        m_leftSize.fetch_add(output.GetSize(), std::memory_order_relaxed);
+        m_inbox->Append(std::move(output));
+    }
     return NX_OK;
 }
 
@@ -194,8 +261,7 @@ void CStreamMember::CloseInbox(EAsked asked) {
     {
         CNxMutexGuardT<CNxMutexThread> guard(m_loop->m_mutex);
         static_cast<CLinkT<CInInbox>*>(this)->Unlink();
-        left.Append(std::move(m_inbox));
-        m_leftSize.store(0, std::memory_order_relaxed);
+        left = TakeLeft_i();
         leftAsked = m_asked;
         m_asked = std::max(m_asked, asked);
     }
@@ -204,7 +270,11 @@ void CStreamMember::CloseInbox(EAsked asked) {
 
 void CStreamMember::TakeInbox_i() {
     m_loop->m_mutex.AssertHeld();
-    OnLeft(std::move(m_inbox), m_asked);
-    m_inbox.Clear();
+    OnLeft(TakeLeft_i(), m_asked);
+}
+
+CStreamOutput CStreamMember::TakeLeft_i() {
+    m_loop->m_mutex.AssertHeld();
     m_leftSize.store(0, std::memory_order_relaxed);
+    return m_inbox != nullptr ? std::move(*m_inbox) : CStreamOutput();
 }

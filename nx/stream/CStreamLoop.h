@@ -6,16 +6,20 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
+#include <memory>
 
 #include <nx/foundation/CNxAutoPtr.h>
 #include <nx/foundation/CNxMutexThread.h>
 #include <nx/foundation/NxResult.h>
 #include <nx/reactor/CReactorCompanion.h>
+#include <nx/stream/CDueHeap.h>
 #include <nx/stream/CListT.h>
+#include <nx/stream/CNxConnection.h>
 #include <nx/stream/CStreamOutput.h>
+#include <nx/timer/INxTimerQueue.h>
 
 class CStreamMember;
-class INxReactor;
 
 // Which list a member is in. The first and the last of a life follow each other.
 struct CInLife;   // live, ended, gone
@@ -25,7 +29,7 @@ struct CInInbox;  // another thread has left something for it
 // Made with the first connection of a reactor, whose companion it is. What lives is in its list,
 // which has a reference to it. Any thread may ask for the count and post a turn; everything else
 // belongs to the reactor's thread, or to whoever has the reactor when its loop has ended.
-class CStreamLoop final : public CReactorCompanion {
+class CStreamLoop final : public CReactorCompanion, private INxTimerHandler {
 public:
     // From here to the end of the scope connections may end: calls of OnClosed come at the end of
     // the outermost scope, and only after it an object may be gone. So every way into a connection
@@ -65,6 +69,13 @@ public:
     // Has the member proceed at the end of this turn.
     void Enlist(CStreamMember& member);
 
+    // Milliseconds of the monotonic clock, which may be some behind.
+    static std::int64_t NowMs();
+
+    // Calls OnDue once when the time is over, or soon after; if that was asked for an earlier time
+    // already, then. NX_OK; NX_ERROR_FAILURE without memory.
+    [[nodiscard]] NxResult CallBy(CStreamMember& member, std::int64_t due);
+
     void StopAll();
     void EndAll();
 
@@ -86,6 +97,8 @@ private:
     void CallEach(void (CStreamMember::*call)());
     void TellEnded();
     void ReleaseGone();
+    [[nodiscard]] NxResult WakeAtFirst();
+    void OnTimeout(const CNxTimeValue& curTime, void* token) override;
 
     INxReactor& m_reactor;
     const bool m_reportsStates;
@@ -101,23 +114,27 @@ private:
     bool m_isTurnOwed = false;  // there was no memory to post it
     bool m_isInTurn = false;
 
+    CDueHeap m_dues;
+    // When the timer fires; c_never without one.
+    std::int64_t m_wakeAt = CDueMember::c_never;
+
     std::atomic<bool> m_isPosted{false};
     CNxMutexThread m_mutex;
     CListT<CStreamMember, CInInbox> m_inboxes NX_GUARDED_BY(m_mutex);
 };
 
 // A connection as its loop sees it. Made on the loop's thread.
-class CStreamMember : public CLinkT<CInLife>, public CLinkT<CInTurn>, public CLinkT<CInInbox> {
+class CStreamMember : public CNxConnection,
+                      public CLinkT<CInLife>,
+                      public CLinkT<CInTurn>,
+                      public CLinkT<CInInbox>,
+                      public CDueMember {
 public:
     // What is left beside bytes, in the order of weight.
-    enum class EAsked { NOTHING, NO_MORE, END_WHEN_SENT, DROP, END_NOW };
-
-    CStreamMember(const CStreamMember&) = delete;
-    CStreamMember& operator=(const CStreamMember&) = delete;
+    enum class EAsked : unsigned char { NOTHING, NO_MORE, END_WHEN_SENT, DROP, END_NOW };
 
 protected:
     explicit CStreamMember(CStreamLoop& loop) : m_loop(&loop) {}
-    virtual ~CStreamMember() = default;
 
     CStreamLoop& GetLoop() const { return *m_loop; }
 
@@ -137,6 +154,7 @@ private:
 
     // What there is to do now.
     virtual void Proceed() = 0;
+    virtual void OnDue() = 0;
     virtual void OnLeft(CStreamOutput&& output, EAsked asked) noexcept = 0;
     virtual void TellStop() = 0;
     virtual void EndWithLoop() = 0;
@@ -146,9 +164,11 @@ private:
 
     // With the loop's mutex held.
     void TakeInbox_i();
+    CStreamOutput TakeLeft_i();
 
-    const CNxAutoPtr<CStreamLoop> m_loop;
-    CStreamOutput m_inbox NX_GUARDED_BY(m_loop->m_mutex);
     EAsked m_asked NX_GUARDED_BY(m_loop->m_mutex) = EAsked::NOTHING;
+    const CNxAutoPtr<CStreamLoop> m_loop;
+    // Made when another thread leaves something for the first time.
+    std::unique_ptr<CStreamOutput> m_inbox NX_GUARDED_BY(m_loop->m_mutex);
     std::atomic<size_t> m_leftSize{0};
 };

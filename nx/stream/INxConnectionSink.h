@@ -8,7 +8,7 @@
 class CNxConnection;
 
 // Why a connection has ended.
-enum class ENxClosed {
+enum class ENxClosed : unsigned char {
     BY_US,      // CloseWhenSent or CloseNow, and what was sent has left
     BY_PEER,    // the peer ended its sending, and everything for it was sent
     IDLE,       // nothing came or went for the idle time-out
