@@ -177,13 +177,11 @@ CNxMessageBlock* CNxMessageChain::Release() {
 }
 
 // Whoever is told that adopted memory is free may already use the chain again.
-void CNxMessageChain::Clear() noexcept {
+void CNxMessageChain::DropBlocks() noexcept {
     CNxMessageBlock* const head = std::exchange(m_head, nullptr);
     m_tail = nullptr;
     m_size = 0;
-    if (head != nullptr) {
-        head->DestroyChained();
-    }
+    head->DestroyChained();
 }
 
 bool CNxMessageChain::IsInOrder() const {
@@ -215,9 +213,13 @@ void CNxMessageChain::AddSpace(size_t size, size_t held) {
 }
 
 void CNxMessageChain::Append(std::string_view bytes) {
-    if (bytes.size() > GetSpaceSize()) {
+    const size_t space = GetSpaceSize();
+    if (bytes.size() > space && (space != 0 || bytes.size() > c_growthEnd)) {
         Append({bytes});
     } else if (!bytes.empty()) {
+        if (space == 0) {
+            AddSpace(bytes.size(), m_size);
+        }
         Write(*m_tail, bytes.data(), bytes.size());
         m_size += bytes.size();
     }

@@ -58,7 +58,11 @@ public:
     // Bytes.
     size_t GetSize() const { return m_size; }
     bool IsEmpty() const { return m_size == 0; }
-    void Clear() noexcept;
+    void Clear() noexcept {
+        if (m_head != nullptr) {
+            DropBlocks();
+        }
+    }
 
     // Copies the bytes after what is there; they may be the chain's own. Into blocks of 512 B at
     // first, of 4 and 16 KiB as the chain grows.
@@ -150,6 +154,7 @@ public:
 private:
     void Link(CNxMessageBlock* head, CNxMessageBlock* tail) noexcept;
     void AddSpace(size_t size, size_t held);
+    void DropBlocks() noexcept;
     void DropUnusedSpace() noexcept;
     bool IsInOrder() const;
 

@@ -126,6 +126,7 @@ private:
     void Receive();
     bool WantsInput() const;
     size_t GetRoom() const;
+    bool HasRoom() const { return m_received.IsEmpty() || GetRoom() != 0; }
     void ReceiveOnce(size_t& left);
     long ReceiveInto(CNxMessageChain& chain, size_t size);
     void ReceivedNothing(long result);
@@ -142,12 +143,18 @@ private:
     const CNxFraming& GetFraming() const;
 
     NxResult CheckSend(size_t size);
-    NxResult SendOutput(CStreamOutput&& output);
+    template <class Bytes>
+    NxResult SendAny(size_t size, Bytes&& bytes);
     CStreamOutput& GetPlain() { return m_filtered ? m_filtered->plain : m_output; }
     void OnSendAsked();
     void Flush();
     void SendWaiting(size_t& left);
-    void Seal();
+    void Seal() {
+        if (m_filtered) {
+            SealWaiting();
+        }
+    }
+    void SealWaiting();
     bool IsHeldBack() const { return m_filtered && !m_filtered->held.IsEmpty(); }
     bool TellWater();
     void CountUnsent();
@@ -166,6 +173,7 @@ private:
     static std::int64_t NowMs() { return CStreamLoop::NowMs(); }
     void NoteActivity();
     void NoteSent(bool hasMoved);
+    bool IsTimed() const;
     CDues GetDues() const;
     void AskForCall();
     void EndIfExpired();

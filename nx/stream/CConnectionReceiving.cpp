@@ -19,7 +19,7 @@ const CNxFraming& CConnectionImp::GetFraming() const {
     return m_framing ? *m_framing : m_options->framing;
 }
 
-// Bytes that may still be received while the sink takes none.
+// Bytes that may still be received while the sink takes none; some, when none wait.
 size_t CConnectionImp::GetRoom() const {
     const CNxFraming& framing = GetFraming();
     const size_t frame = framing.HasFrames() ? framing.GetMaxSize() : 1;
@@ -36,7 +36,7 @@ bool CConnectionImp::WantsInput() const {
         case EState::ENDING:
             return IsHandshaking() || IsHeldBack();
         case EState::OPEN:
-            return IsHeldBack() || (!m_isPaused && GetRoom() != 0);
+            return IsHeldBack() || (!m_isPaused && HasRoom());
         case EState::LINGERING:
             return true;
         case EState::CLOSED:
@@ -171,7 +171,7 @@ void CConnectionImp::OfferAll() {
         return;
     }
     CallSink("OnReceive", [this](INxConnectionSink& sink) { sink.OnReceive(*this, m_received); });
-    if (IsEnded() || m_isPaused || GetRoom() != 0) {
+    if (IsEnded() || m_isPaused || HasRoom()) {
         return;
     }
     // Nothing more comes before it has taken some: as long as it does it is offered the rest.

@@ -39,15 +39,19 @@ NxResult CConnectionImp::CheckSend(size_t size) {
     return NX_ERROR_NOT_AVAILABLE;
 }
 
-NxResult CConnectionImp::SendOutput(CStreamOutput&& output) {
-    const NxResult checked = CheckSend(output.GetSize());
+// What CStreamOutput takes.
+template <class Bytes>
+NxResult CConnectionImp::SendAny(size_t size, Bytes&& bytes) {
+    const NxResult checked = CheckSend(size);
     if (checked != NX_OK) {
         return checked;
     }
     if (!GetLoop().IsOnThread()) {
+        CStreamOutput output;
+        output.Append(std::forward<Bytes>(bytes));
         return Leave(std::move(output), EAsked::NOTHING);
     }
-    GetPlain().Append(std::move(output));
+    GetPlain().Append(std::forward<Bytes>(bytes));
     OnSendAsked();
     return NX_OK;
 }
@@ -61,22 +65,13 @@ void CConnectionImp::OnSendAsked() {
 }
 
 NxResult CConnectionImp::Send(CNxMessageChain&& chain) {
-    CStreamOutput output;
-    output.Append(std::move(chain));
-    return SendOutput(std::move(output));
+    CNxMessageChain taken(std::move(chain));
+    return SendAny(taken.GetSize(), std::move(taken));
 }
 
 NxResult CConnectionImp::Send(std::string_view bytes) {
     try {
-        if (!GetLoop().IsOnThread()) {
-            return Send(CNxMessageChain(bytes));
-        }
-        const NxResult checked = CheckSend(bytes.size());
-        if (checked == NX_OK) {
-            GetPlain().Append(bytes);
-            OnSendAsked();
-        }
-        return checked;
+        return SendAny(bytes.size(), bytes);
     } catch (const std::bad_alloc&) {
         return NX_ERROR_FAILURE;
     }
@@ -116,7 +111,7 @@ NxResult CConnectionImp::SendFile(CNxSocketBase file, std::uint64_t offset, std:
     try {
         CStreamOutput output;
         output.AppendFile(std::move(file), offset, size);
-        return SendOutput(std::move(output));
+        return SendAny(output.GetSize(), std::move(output));
     } catch (const std::bad_alloc&) {
         return NX_ERROR_FAILURE;
     }
@@ -165,8 +160,8 @@ void CConnectionImp::SendWaiting(size_t& left) {
 }
 
 // All bytes in memory at once; of files no more than the socket takes soon.
-void CConnectionImp::Seal() {
-    if (!m_filtered || IsHandshaking() || !m_isWritable) {
+void CConnectionImp::SealWaiting() {
+    if (IsHandshaking() || !m_isWritable) {
         return;
     }
     CStreamOutput& plain = m_filtered->plain;

@@ -34,6 +34,11 @@ void CConnectionImp::NoteSent(bool hasMoved) {
     m_isWaiting = waits;
 }
 
+bool CConnectionImp::IsTimed() const {
+    return m_isWaiting || m_isStarved || GetState() != EState::OPEN ||
+           m_options->idleTimeout > CNxTimeValue::s_tvZero();
+}
+
 // Those that run, c_never for the others.
 CConnectionImp::CDues CConnectionImp::GetDues() const {
     const EState state = GetState();
@@ -54,7 +59,7 @@ CConnectionImp::CDues CConnectionImp::GetDues() const {
 }
 
 void CConnectionImp::AskForCall() {
-    if (IsEnded()) {
+    if (IsEnded() || !IsTimed()) {
         return;
     }
     const CDues dues = GetDues();
