@@ -9,6 +9,7 @@
 #include <nx/stream/CNxServer.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadManager.h>
+#include <nx/trace/CNxT120Trace.h>
 #include <nx/trace/CNxTraceManager.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
@@ -304,6 +305,7 @@ bool CNxServer::IsStopOver() const {
 }
 
 void CNxServer::Reload() {
+    refresh_trace_config();
     std::string error;
     if (m_group.ReloadTls(error) != NX_OK) {
         Say("goes on with the certificates that it has: " + error);

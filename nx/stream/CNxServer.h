@@ -79,9 +79,10 @@ public:
     void Fail(const std::string& what);
     bool HasFailed() const { return !m_error.empty(); }
 
-    // Called on the main thread, in Run: at each SIGHUP, after the certificates of all listeners
-    // were read anew (what fails of that is said on standard error); and once when the server is
-    // about to stop, before the connections are told. To be set before Run.
+    // Called on the main thread, in Run: at each SIGHUP, after the trace switches
+    // (refresh_trace_config) and the certificates of all listeners were read anew (what fails of
+    // the latter is said on standard error); and once when the server is about to stop, before the
+    // connections are told. To be set before Run.
     void SetOnReload(std::function<void()> onReload) { m_onReload = std::move(onReload); }
     void SetOnStop(std::function<void()> onStop) { m_onStop = std::move(onStop); }
 

@@ -2,6 +2,7 @@
 // examples, servers that use all of it.
 #include <gtest/gtest.h>
 #include <tests/support/ServerProcess.h>
+#include <tests/support/TempFolder.h>
 
 #include <string>
 
@@ -30,6 +31,23 @@ TEST(Server, ALoopThatEndsOrIsBlockedIsStatusOne) {
     ServerProcess server(SERVER_PROGRAM);
     TestClient(server.GetPort()).Send("p");
     EXPECT_EQ(1, server.Wait());
+}
+
+// Waits, without a limit of its own, for the file that it makes.
+TEST(Server, TracesFromTheReloadOnThatFindsItSwitchedOn) {
+    const CTempFolder folder;
+    setenv("NXBASE_CONF_DIR", folder.Path("").c_str(), 1);
+    setenv("NXBASE_LOG_DIR", folder.Path("logs").c_str(), 1);
+    folder.Put("server_program.cfg", "[Trace]\n");
+    const ServerProcess server(SERVER_PROGRAM);
+    folder.Put("server_program.cfg", "[Trace]\nEnable=TRUE\nserver_program.Info=TRUE\n");
+    server.Signal(SIGHUP);
+    while (!std::filesystem::exists(folder.Path("logs")) ||
+           std::filesystem::is_empty(folder.Path("logs"))) {
+        std::this_thread::yield();
+    }
+    unsetenv("NXBASE_CONF_DIR");
+    unsetenv("NXBASE_LOG_DIR");
 }
 
 }  // namespace
