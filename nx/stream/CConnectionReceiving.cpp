@@ -191,7 +191,10 @@ void CConnectionImp::OfferFrame() {
             CallSink("OnReceive", [&](INxConnectionSink& sink) { sink.OnReceive(*this, frame); });
             break;
         case CNxFraming::EResult::TOO_LONG:
-            End(ENxClosed::LIMIT, 0, "a frame is longer than it may be");
+            CallSink("OnTooLong", [this](INxConnectionSink& sink) { sink.OnTooLong(*this); });
+            if (GetState() == EState::OPEN) {
+                End(ENxClosed::LIMIT, 0, "a frame is longer than its framing allows");
+            }
             break;
         case CNxFraming::EResult::PARTIAL:
         case CNxFraming::EResult::NONE:
