@@ -292,6 +292,11 @@ NxResult CNxConnector::Reconnect() {
     return WaitForTry(NextDelay());
 }
 
+CNxTimeValue CNxConnector::GetDelay() const {
+    const CNxTimeValue now = Now();
+    return m_state == EState::WAITING && m_due > now ? m_due - now : CNxTimeValue();
+}
+
 void CNxConnector::Cancel() {
     Stop();
 }

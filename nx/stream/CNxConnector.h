@@ -53,7 +53,8 @@ struct CNxConnectorOptions {
     // 2015).
     double jitter = 0.5;
 
-    // For logs: a try has failed, and the next begins after `delay`. May call anything.
+    // For logs: a try has failed, and the next begins after `delay`. May call anything. Not called
+    // by Reconnect: no try has failed; GetDelay says what it waits for.
     std::function<void(const CNxCloseReason& reason, const CNxTimeValue& delay)> onRetry;
 };
 
@@ -103,6 +104,9 @@ public:
     // NX_OK; with the connector idle: NX_ERROR_NOT_INITIALIZED when there was no Connect, and when
     // the reactor is not open; NX_ERROR_FAILURE without memory.
     NxResult Reconnect();
+
+    // Until the next try begins, after Reconnect or a try that has failed; zero when none waits.
+    CNxTimeValue GetDelay() const;
 
     // Gives up all that is under way. Reconnect is possible afterwards.
     void Cancel();
