@@ -3,6 +3,7 @@
 #include <nx/foundation/INxObserver.h>
 #include <nx/foundation/standard_streams.h>
 #include <nx/process/CDescriptor.h>
+#include <nx/process/daemon.h>
 #include <nx/reactor/CNxEventHandlerRepository.h>
 #include <nx/reactor/INxReactor.h>
 #include <nx/stream/CNxConnection.h>
@@ -268,6 +269,7 @@ void CNxServer::Fail(const std::string& what) {
 
 int CNxServer::Run() {
     if (!HasFailed()) {
+        cnx_daemon_ready();
         m_main->OnThreadRun();
     }
     return End();

@@ -41,6 +41,9 @@ struct CNxServerOptions {
 //   loop (NX_THREAD_MAIN). The group's loops are threads of their own and run from here on.
 // - The thread manager's end observer (SetThreadEndObserver) is the server.
 //
+// A daemon calls cnx_daemonise_until_ready (nx/process/daemon.h) before: whoever starts it then
+// reads what fails, and gets Run's status, 0 as soon as it serves.
+//
 // What fails, here or in Listen, is kept: Run says it and returns 1.
 class CNxServer {
 public:
@@ -86,10 +89,11 @@ public:
     void SetOnReload(std::function<void()> onReload) { m_onReload = std::move(onReload); }
     void SetOnStop(std::function<void()> onStop) { m_onStop = std::move(onStop); }
 
-    // Serves until SIGTERM, SIGINT or Stop. Then stops the group gracefully, within the stop limit;
-    // the main thread's loop goes on meanwhile. A second SIGTERM or SIGINT ends that at once. At
-    // last all threads of the thread manager are stopped and joined, the user's too; a signal that
-    // comes then ends the process by its default action. To be called once.
+    // Serves until SIGTERM, SIGINT or Stop; calls cnx_daemon_ready when it begins. Then stops the
+    // group gracefully, within the stop limit; the main thread's loop goes on meanwhile. A second
+    // SIGTERM or SIGINT ends that at once. At last all threads of the thread manager are stopped
+    // and joined, the user's too; a signal that comes then ends the process by its default action.
+    // To be called once.
     // 0 after a stop. 1 when something has failed, with a line "PROGRAM: WHAT" on standard error,
     // and a record of level 1 (Error) for a daemon, which has none: a start, a Listen, or one of
     // the loops, which has ended by itself.

@@ -33,6 +33,16 @@ TEST(Server, ALoopThatEndsOrIsBlockedIsStatusOne) {
     EXPECT_EQ(1, server.Wait());
 }
 
+TEST(Server, AsADaemonIsWaitedForUntilItServesOrHasFailed) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "it has a thread of its own";
+#endif
+    EXPECT_EQ(1, ServerProcess(SERVER_PROGRAM, {"no daemon"}).Wait());
+    ServerProcess starter(SERVER_PROGRAM, {"daemon"});
+    EXPECT_EQ(0, starter.Wait());
+    TestClient(starter.GetPort()).Expect("s", "+stop");
+}
+
 // Waits, without a limit of its own, for the file that it makes.
 TEST(Server, TracesFromTheReloadOnThatFindsItSwitchedOn) {
     const CTempFolder folder;

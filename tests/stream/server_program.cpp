@@ -1,4 +1,5 @@
 // A server that does what its clients say: CNxServer_test.cpp. server_program MODE
+#include <nx/process/daemon.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/stream/CNxConnection.h>
 #include <nx/stream/CNxServer.h>
@@ -74,12 +75,19 @@ public:
 
 int main(int argc, char** argv) {
     const std::string mode = argc > 1 ? argv[1] : "";
+    const bool isDaemon = mode == "daemon" || mode == "no daemon";
+    if (isDaemon && cnx_daemonise_until_ready() != NX_OK) {
+        return 4;
+    }
     CNxServerOptions options;
     options.loops.loops = 2;
     options.stopLimit = mode == "limit" ? CNxTimeValue(0, 100000) : CNxTimeValue(600);
     CNxServer server(argc, argv, options);
     server.Listen("127.0.0.1:0", [&server] { return std::make_unique<Sink>(server); });
     server.Announce();
+    if (mode == "no daemon") {
+        server.Fail("not what was asked for");
+    }
     if (mode == "loop ends") {
         CNxThread* thread = nullptr;
         static_cast<void>(CNxThreadManager::Instance()->CreateReactorThread(
