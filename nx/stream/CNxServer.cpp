@@ -225,6 +225,18 @@ NxResult CNxServer::StartMainThread(int argc, char** argv) {
 
 NxResult CNxServer::Listen(const std::string& endpoint, CNxSinkSource sinks,
                            const CNxListenOptions& options) {
+    return OpenWith(endpoint, [&](const CNxEndpoint& at) {
+        return m_group.Listen(at, std::move(sinks), options);
+    });
+}
+
+NxResult CNxServer::Open(CNxDatagram& socket, const std::string& endpoint,
+                         const CNxDatagramOptions& options) {
+    return OpenWith(endpoint, [&](const CNxEndpoint& at) { return socket.Open(at, options); });
+}
+
+template <class OpenAt>
+NxResult CNxServer::OpenWith(const std::string& endpoint, const OpenAt& openAt) {
     if (HasFailed()) {
         // Such as the certificate: nobody is to be served without it.
         return NX_ERROR_NOT_INITIALIZED;
@@ -235,7 +247,7 @@ NxResult CNxServer::Listen(const std::string& endpoint, CNxSinkSource sinks,
         return NX_ERROR_INVALID_ARG;
     }
     errno = 0;
-    const NxResult result = m_group.Listen(parsed, std::move(sinks), options);
+    const NxResult result = openAt(parsed);
     if (result != NX_OK) {
         Fail(Explain("cannot listen on " + endpoint, result));
     }

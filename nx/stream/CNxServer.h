@@ -15,6 +15,7 @@
 
 #include <nx/foundation/CNxTimeValue.h>
 #include <nx/foundation/NxResult.h>
+#include <nx/stream/CNxDatagram.h>
 #include <nx/stream/CNxReactorGroup.h>
 
 struct CNxServerOptions {
@@ -60,12 +61,23 @@ public:
     NxResult Listen(const std::string& endpoint, CNxSinkSource sinks,
                     const CNxListenOptions& options = {});
 
+    // CNxDatagram::Open on an endpoint in text, for a socket on the main thread's loop:
+    //
+    //     CNxDatagram echo(*server.GetReactor(), [&](const CNxReceivedDatagram& received) {
+    //         echo.Send(received.from, received.bytes);
+    //     });
+    //     server.Open(echo, "*:7007");
+    //
+    // The result need not be looked at: Run does. As Listen, else that of CNxDatagram::Open.
+    NxResult Open(CNxDatagram& socket, const std::string& endpoint,
+                  const CNxDatagramOptions& options = {});
+
     // A TLS context of a server, for the options of connections; null when it cannot be made, and
     // then Run says why.
     [[nodiscard]] CNxAutoPtr<CNxTlsContext> MakeTls(const CNxTlsOptions& options);
 
-    // Prints "listening on ENDPOINT" on standard output for each Listen that has succeeded, with
-    // the port that the system has chosen for 0.
+    // Prints "listening on ENDPOINT" on standard output for each Listen (not Open) that has
+    // succeeded, with the port that the system has chosen for 0.
     void Announce() const;
 
     // The loops. Empty when the start has failed.
@@ -117,6 +129,8 @@ private:
 
     [[nodiscard]] std::string Start(int argc, char** argv, const CNxServerOptions& options);
     [[nodiscard]] NxResult StartMainThread(int argc, char** argv);
+    template <class OpenAt>
+    NxResult OpenWith(const std::string& endpoint, const OpenAt& openAt);
     void OnSignal(int signo);
     void BeginStop();
     bool IsStopOver() const;

@@ -1,6 +1,8 @@
 // The first signal, reloads, standard streams and addresses that fail are in the tests of the
 // examples, servers that use all of it.
 #include <gtest/gtest.h>
+#include <nx/net/CNxSocket.h>
+#include <tests/support/Endpoints.h>
 #include <tests/support/ServerProcess.h>
 #include <tests/support/TempFolder.h>
 
@@ -31,6 +33,17 @@ TEST(Server, ALoopThatEndsOrIsBlockedIsStatusOne) {
     ServerProcess server(SERVER_PROGRAM);
     TestClient(server.GetPort()).Send("p");
     EXPECT_EQ(1, server.Wait());
+}
+
+TEST(Server, OpensASocketForDatagramsOnItsMainThread) {
+    ServerProcess server(SERVER_PROGRAM);
+    const CNxEndpoint endpoint = Parse(server.ReadEndpoint(1));
+    CNxSocketBase client;
+    ASSERT_EQ(0, client.Open(AF_INET, SOCK_DGRAM, 0, 0));
+    ASSERT_EQ(0, connect(client.GetHandle(), endpoint.GetAddress(), endpoint.GetSize()));
+    char answer[8] = "hello";
+    EXPECT_EQ(5, send(client.GetHandle(), answer, 5, 0));
+    EXPECT_EQ(5, recv(client.GetHandle(), answer, sizeof(answer), 0));
 }
 
 TEST(Server, AsADaemonIsWaitedForUntilItServesOrHasFailed) {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <string>
 
 namespace {
@@ -85,9 +86,12 @@ int main(int argc, char** argv) {
     CNxServer server(argc, argv, options);
     server.Listen("127.0.0.1:0", [&server] { return std::make_unique<Sink>(server); });
     server.Announce();
-    if (mode == "no daemon") {
-        server.Fail("not what was asked for");
-    }
+    CNxDatagram echo(*server.GetReactor(), [&echo](const CNxReceivedDatagram& received) {
+        echo.Send(received.from, received.bytes);
+    });
+    server.Open(echo, mode == "no daemon" ? "127.0.0.1:no port" : "127.0.0.1:0");
+    std::printf("%s\n", echo.GetEndpoint().GetText().c_str());
+    std::fflush(stdout);
     if (mode == "loop ends") {
         CNxThread* thread = nullptr;
         static_cast<void>(CNxThreadManager::Instance()->CreateReactorThread(
