@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <nx/event/NxCall.h>
+#include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/INxObserver.h>
 #include <nx/foundation/standard_streams.h>
 #include <nx/process/CDescriptor.h>
@@ -282,7 +283,12 @@ void CNxServer::Fail(const std::string& what) {
 int CNxServer::Run() {
     if (!HasFailed()) {
         cnx_daemon_ready();
+        const unsigned forks = CNxProcessWide::CountForks();
         m_main->OnThreadRun();
+        if (forks != CNxProcessWide::CountForks()) {
+            Say("a forked child has come back from a callback");
+            _exit(1);
+        }
     }
     return End();
 }

@@ -110,7 +110,9 @@ public:
     // and a record of level 1 (Error) for a daemon, which has none: a start, a Listen, or one of
     // the loops, which has ended by itself.
     // A LOOP THAT IS BLOCKED IN A CALLBACK and stays so (CNxReactorGroup::c_blockedLimit) cannot be
-    // ended: Run says so, and ends the process with status 1 by _exit(2).
+    // ended: Run says so, and ends the process with status 1 by _exit(2). A child process that a
+    // callback here has forked, and that comes back from it, ends in the same way: it has none of
+    // the loops. It should call execve(2) or _exit(2) itself.
     [[nodiscard]] int Run();
 
     // The first SIGTERM or SIGINT that came; 0 for none. After Run.

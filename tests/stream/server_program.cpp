@@ -5,6 +5,7 @@
 #include <nx/stream/CNxServer.h>
 #include <nx/thread/CNxThreadManager.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -72,6 +73,14 @@ public:
     NxResult RunEventLoop() override { return NX_ERROR_FAILURE; }
 };
 
+void ForkAndComeBack() {
+    int status = 0;
+    if (fork() != 0 && wait(&status) > 0) {
+        std::printf("its child ended with %d\n", WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+        std::fflush(stdout);
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -97,6 +106,7 @@ int main(int argc, char** argv) {
         static_cast<void>(CNxThreadManager::Instance()->CreateReactorThread(
             2, new ReactorWhoseWaitingFails, thread));
     }
+    server.SetOnReload(ForkAndComeBack);
     const OwnConnection own(server);
     const int status = server.Run();
     return status == 0 && mode != "limit" && !own.HasHeard() ? 3 : status;
