@@ -107,5 +107,6 @@
 #include <nx/trace/CNxT120TraceFile.h>
 #include <nx/trace/CNxT120TraceFileMgr.h>
 #include <nx/trace/CNxTraceManager.h>
+#include <nx/trace/NxTrace.h>
 #include <nx/trace/Text_Formator.h>
 #include <nx/trace/trace_utils.h>

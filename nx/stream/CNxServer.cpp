@@ -30,7 +30,6 @@
 namespace {
 
 constexpr rlim_t c_mostDescriptors = 1UL << 20;
-constexpr unsigned long c_traceError = 1;
 constexpr long c_turnNsec = 10000000;
 
 sigset_t GetSignals(std::initializer_list<int> signals) {
@@ -356,7 +355,7 @@ int CNxServer::End() {
     pthread_sigmask(SIG_UNBLOCK, &unblocked, nullptr);
     if (HasFailed()) {
         Say(m_error);
-        INxTraceManager::Instance()->TraceString(c_traceError, m_error.c_str());
+        INxTraceManager::Instance()->TraceString(NX_TRACE_ERROR, m_error.c_str());
     }
     if (m_group.Stop(CNxTimeValue::s_tvZero()) != NX_OK) {
         Say("one of its loops is blocked in a callback");
