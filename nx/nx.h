@@ -77,6 +77,7 @@
 #include <nx/stream/CNxConnectionOptions.h>
 #include <nx/stream/CNxConnector.h>
 #include <nx/stream/CNxDatagram.h>
+#include <nx/stream/CNxDatagramOptions.h>
 #include <nx/stream/CNxFraming.h>
 #include <nx/stream/CNxReactorGroup.h>
 #include <nx/stream/CNxReleasedWithSocket.h>
