@@ -76,6 +76,7 @@
 #include <nx/stream/CNxConnection.h>
 #include <nx/stream/CNxConnectionOptions.h>
 #include <nx/stream/CNxConnector.h>
+#include <nx/stream/CNxConnectorOptions.h>
 #include <nx/stream/CNxDatagram.h>
 #include <nx/stream/CNxDatagramOptions.h>
 #include <nx/stream/CNxFraming.h>
