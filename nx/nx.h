@@ -76,7 +76,9 @@
 #include <nx/stream/CNxConnection.h>
 #include <nx/stream/CNxConnectionOptions.h>
 #include <nx/stream/CNxConnector.h>
+#include <nx/stream/CNxConnectorOptions.h>
 #include <nx/stream/CNxDatagram.h>
+#include <nx/stream/CNxDatagramOptions.h>
 #include <nx/stream/CNxFraming.h>
 #include <nx/stream/CNxReactorGroup.h>
 #include <nx/stream/CNxReleasedWithSocket.h>
@@ -107,5 +109,6 @@
 #include <nx/trace/CNxT120TraceFile.h>
 #include <nx/trace/CNxT120TraceFileMgr.h>
 #include <nx/trace/CNxTraceManager.h>
+#include <nx/trace/NxTrace.h>
 #include <nx/trace/Text_Formator.h>
 #include <nx/trace/trace_utils.h>

@@ -84,6 +84,11 @@ public:
         }
     }
 
+    void OnTooLong(CNxConnection& connection) override {
+        connection.SendFrame("* lines have up to 1000 bytes");
+        connection.CloseWhenSent();
+    }
+
     void OnStop(CNxConnection& connection) override {
         m_isStopping = true;
         connection.SendFrame("* the server stops");

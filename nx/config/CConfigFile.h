@@ -1,4 +1,5 @@
-// The process's read-write ini file: load it, read and change values, save it.
+// A read-write ini file: load it, read and change values, save it. For the settings of NAME.cfg,
+// whose syntax is another one, see CNxConfigInitFile; docs/guide.md has both side by side.
 //
 // What it DOES NOT KEEP from loading to saving:
 // - comments, empty lines, and the order and letter case of sections and keys (all lower case);

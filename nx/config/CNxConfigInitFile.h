@@ -1,5 +1,5 @@
-// The process's configuration file with defaults: get_string_param (nx/config/init_file.h) with
-// CNxString arguments.
+// How a program reads its settings: the process's configuration file with defaults. The syntax is
+// that of nx/config/init_file.h, NOT that of CConfigFile; docs/guide.md has them side by side.
 #pragma once
 
 #include <nx/foundation/CNxString.h>

@@ -10,6 +10,7 @@
 #include <functional>
 #include <iosfwd>
 #include <string>
+#include <string_view>
 #include <utility>
 
 // Copying copies the characters; nothing is shared, so each object follows the rules of any plain
@@ -25,9 +26,12 @@ public:
     CNxString(size_t n, char c) : m_data(n, c) {}
     explicit CNxString(std::string s) noexcept : m_data(std::move(s)) {}
 
-    // The string inside, for code of the standard library.
+    // The string inside.
     const std::string& GetRawData() const noexcept { return m_data; }
     std::string& GetRawData() noexcept { return m_data; }
+
+    // For whatever takes a std::string_view, and for std::string(s).
+    operator std::string_view() const noexcept { return m_data; }
 
     // Converts every byte in place with tolower(3): in the "C" locale A to Z, nothing else.
     void Tolower();

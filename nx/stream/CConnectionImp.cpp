@@ -357,7 +357,7 @@ std::string CConnectionImp::Describe() const {
         case EText::TOO_MUCH_UNREAD:
             return "more waits to be read than may wait";
         case EText::LONG_FRAME:
-            return "a frame is longer than it may be";
+            return "a frame is longer than " + std::to_string(GetFraming().GetMaxSize()) + " bytes";
         case EText::CUT_HANDSHAKE:
             return "the peer ended during the TLS handshake";
         case EText::CUT_STREAM:

@@ -189,7 +189,10 @@ void CConnectionImp::OfferFrame() {
             CallSink("OnReceive", [&](INxConnectionSink& sink) { sink.OnReceive(*this, frame); });
             break;
         case CNxFraming::EResult::TOO_LONG:
-            End(ENxClosed::LIMIT, EText::LONG_FRAME);
+            CallSink("OnTooLong", [this](INxConnectionSink& sink) { sink.OnTooLong(*this); });
+            if (GetState() == EState::OPEN) {
+                End(ENxClosed::LIMIT, EText::LONG_FRAME);
+            }
             break;
         case CNxFraming::EResult::PARTIAL:
         case CNxFraming::EResult::NONE:

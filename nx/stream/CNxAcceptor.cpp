@@ -88,8 +88,7 @@ void CNxAcceptor::Pause() {
 }
 
 void CNxAcceptor::Resume() {
-    if (m_state != EState::CLOSED) {
-        m_reactor.CancelTimer(this);
+    if (m_state == EState::PAUSED || m_state == EState::WAITING) {
         Listen();
     }
 }
@@ -120,9 +119,8 @@ int CNxAcceptor::OnInput(int /*fd*/) {
         }
         isAnyTaken = isAnyTaken || outcome == EOutcome::TAKEN;
     }
-    if (isAnyTaken) {
-        Listen();
-    } else {
+    // Others have their turn.
+    if (!isAnyTaken || m_reactor.NotifyHandler(this, NX_MASK_ACCEPT) != NX_OK) {
         ListenLater();
     }
     return 0;
@@ -130,6 +128,7 @@ int CNxAcceptor::OnInput(int /*fd*/) {
 
 int CNxAcceptor::OnClose(int /*fd*/, long /*mask*/) {
     // The reactor has dropped it, but it listens still.
+    m_state = EState::PAUSED;
     ListenLater();
     return 0;
 }
@@ -141,22 +140,25 @@ void CNxAcceptor::OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) {
 
 // Registered anew, the reactor reports what waits already, edge-triggered or not.
 void CNxAcceptor::Listen() {
-    assert(GetHandle() != -1);
-    m_reactor.RemoveHandler(this, NX_MASK_ALL_EVENTS);
-    m_state = EState::LISTENING;
-    if (m_reactor.RegisterHandler(this, NX_MASK_ACCEPT) != NX_OK) {
+    assert(GetHandle() != -1 && m_state != EState::LISTENING);
+    if (m_reactor.RegisterHandler(this, NX_MASK_ACCEPT) == NX_OK) {
+        m_reactor.CancelTimer(this);
+        m_state = EState::LISTENING;
+    } else {
         ListenLater();
     }
 }
 
+// The timer comes again and again until it has a registration. Without memory for one a
+// registration stays, and is tried in every turn: busy is better than deaf.
 void CNxAcceptor::ListenLater() {
     assert(GetHandle() != -1);
-    m_reactor.RemoveHandler(this, NX_MASK_ALL_EVENTS);
-    m_state = EState::WAITING;
-    if (!NxSucceeded(m_reactor.ScheduleTimer(this, nullptr, RetryAfter(), 1)) &&
-        m_reactor.RegisterHandler(this, NX_MASK_ACCEPT) == NX_OK) {
-        // Without memory for a timer it tries in every turn: busy is better than deaf.
-        m_state = EState::LISTENING;
+    if (NxSucceeded(m_reactor.ScheduleTimer(this, nullptr, RetryAfter(), 0))) {
+        m_reactor.RemoveHandler(this, NX_MASK_ALL_EVENTS);
+        m_state = EState::WAITING;
+    } else if (m_state == EState::LISTENING) {
+        // Without memory for this either, the next connection has the reactor call.
+        static_cast<void>(m_reactor.NotifyHandler(this, NX_MASK_ACCEPT));
     }
 }
 

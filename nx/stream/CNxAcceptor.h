@@ -57,7 +57,8 @@ public:
     // still count among those that there may be.
     void Close();
 
-    // Connections wait in the backlog until Resume. Nothing happens when closed.
+    // Connections wait in the backlog until Resume. Nothing happens when closed. Without memory for
+    // a registration and for a timer that tries it later, it stays paused.
     void Pause();
     void Resume();
 
@@ -75,7 +76,7 @@ private:
         CLOSED,
         LISTENING,  // registered
         PAUSED,
-        WAITING  // for the timer, to be registered again
+        WAITING  // not registered, until the timer finds that it can be
     };
     enum class EOutcome { TAKEN, GONE, NONE_WAITS, SYSTEM_REFUSED };
 

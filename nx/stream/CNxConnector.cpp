@@ -1,16 +1,16 @@
 #include <nx/foundation/CCallOut.h>
 #include <nx/resolve/CNxDnsManager.h>
+#include <nx/stream/CConnectPlan.h>
 #include <nx/stream/CNxConnector.h>
+#include <nx/stream/interleave.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
-#include <charconv>
 #include <cmath>
 #include <new>
-#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -45,55 +45,6 @@ unsigned Seed(const void* object) {
     return static_cast<unsigned>(mixed ^ mixed >> 32);
 }
 
-bool AreInRange(const CNxConnectorOptions& options) {
-    const CNxTimeValue zero;
-    return options.timeout >= zero && options.timeout <= CNxConnectorOptions::LongestTime() &&
-           options.firstDelay > zero && options.maxDelay >= options.firstDelay &&
-           options.maxDelay <= CNxConnectorOptions::LongestTime() && options.jitter >= 0 &&
-           options.jitter <= 1;
-}
-
-// "host:port"; the resolver looks closer at the host.
-bool SplitTarget(std::string_view target, std::string_view& host, unsigned short& port) {
-    const size_t colon = target.rfind(':');
-    if (colon == std::string_view::npos || colon == 0) {
-        return false;
-    }
-    host = target.substr(0, colon);
-    const char* const end = target.data() + target.size();
-    const auto parsed = std::from_chars(target.data() + colon + 1, end, port);
-    return parsed.ec == std::errc() && parsed.ptr == end && port != 0 &&
-           host.find_first_of(":[]/%*") == std::string_view::npos;
-}
-
-bool CanConnectTo(const CNxEndpoint& endpoint) {
-    return endpoint.GetFamily() == AF_UNIX ? !endpoint.GetUnixName().empty()
-                                           : endpoint.GetPort() != 0 && !endpoint.IsDual();
-}
-
-// The families take turns, the first address stays the first (RFC 8305 section 4).
-std::vector<CNxEndpoint> Interleave(const std::vector<CNxInetAddr>& addresses,
-                                    unsigned short port) {
-    std::vector<CNxEndpoint> endpoints;
-    endpoints.reserve(addresses.size());
-    const int firstFamily = addresses.front().GetType();
-    auto first = addresses.begin();
-    auto other = addresses.begin();
-    const auto takeNext = [&](auto& at, bool isFirst) {
-        at = std::find_if(at, addresses.end(), [&](const CNxInetAddr& address) {
-            return (address.GetType() == firstFamily) == isFirst;
-        });
-        if (at != addresses.end()) {
-            endpoints.emplace_back(*at++).SetPort(port);
-        }
-    };
-    while (endpoints.size() < addresses.size()) {
-        takeNext(first, true);
-        takeNext(other, false);
-    }
-    return endpoints;
-}
-
 int ToErrno(NxResult lookUp) {
     switch (lookUp) {
         case NX_ERROR_NOT_AVAILABLE:
@@ -121,49 +72,6 @@ const char* Describe(NxResult lookUp) {
 }
 
 }  // namespace
-
-// What is to be done; not changed any more.
-struct CNxConnector::CPlan {
-    CPlan(const char* to, const CNxConnectorOptions& how, INxConnectionSink& forWhom)
-        : target(to), options(how), sink(forWhom) {}
-
-    const std::string target;
-    CNxConnectorOptions options;
-    INxConnectionSink& sink;
-    OnFailed onFailed;
-
-    // An endpoint, or the name of a host and a port.
-    CNxEndpoint endpoint;
-    CNxString host;
-    unsigned short port = 0;
-
-    [[nodiscard]] bool ParseTarget();
-    void CompleteOptions();
-};
-
-bool CNxConnector::CPlan::ParseTarget() {
-    if (endpoint.Set(target.c_str()) == NX_OK) {
-        return CanConnectTo(endpoint);
-    }
-    std::string_view name;
-    if (!SplitTarget(target, name, port)) {
-        return false;
-    }
-    host = CNxString(std::string(name).c_str());
-    return true;
-}
-
-void CNxConnector::CPlan::CompleteOptions() {
-    if (options.connection == nullptr) {
-        options.connection = std::make_shared<const CNxConnectionOptions>();
-    }
-    const CNxConnectionOptions& given = *options.connection;
-    if (given.tls && given.tlsName.empty() && endpoint.GetFamily() != AF_UNIX) {
-        auto named = std::make_shared<CNxConnectionOptions>(given);
-        named->tlsName = host.empty() ? endpoint.GetHost() : host.GetRawData();
-        options.connection = std::move(named);
-    }
-}
 
 // A socket that connects, until it has or has failed.
 class CNxConnector::CAttempt : public INxEventHandler {
@@ -263,16 +171,15 @@ NxResult CNxConnector::Connect(const char* target, const CNxConnectorOptions& op
                                INxConnectionSink& sink, OnFailed onFailed) {
     Stop();
     m_plan = nullptr;
-    if (target == nullptr || !AreInRange(options)) {
+    if (target == nullptr) {
         return NX_ERROR_INVALID_ARG;
     }
     try {
-        auto plan = std::make_shared<CPlan>(target, options, sink);
+        auto plan = std::make_shared<CConnectPlan>(target, options, sink);
         plan->onFailed = std::move(onFailed);
-        if (!plan->ParseTarget()) {
+        if (!plan->Complete()) {
             return NX_ERROR_INVALID_ARG;
         }
-        plan->CompleteOptions();
         m_plan = std::move(plan);
     } catch (const std::bad_alloc&) {
         return NX_ERROR_FAILURE;
@@ -290,6 +197,11 @@ NxResult CNxConnector::Reconnect() {
     }
     Stop();
     return WaitForTry(NextDelay());
+}
+
+CNxTimeValue CNxConnector::GetDelay() const {
+    const CNxTimeValue now = Now();
+    return m_state == EState::WAITING && m_due > now ? m_due - now : CNxTimeValue();
 }
 
 void CNxConnector::Cancel() {
@@ -507,7 +419,7 @@ void CNxConnector::Succeed(CNxSocketBase socket) {
 // The connector may be gone when it returns.
 void CNxConnector::FailTry(int error, const char* what) {
     Stop();
-    const std::shared_ptr<const CPlan> plan = m_plan;
+    const std::shared_ptr<const CConnectPlan> plan = m_plan;
     CNxCloseReason reason{ENxClosed::FAILED, error, {}};
     try {
         reason.text =
@@ -532,7 +444,7 @@ void CNxConnector::FailTry(int error, const char* what) {
 }
 
 void CNxConnector::GiveUp(const CNxCloseReason& reason) {
-    const std::shared_ptr<const CPlan> plan = m_plan;
+    const std::shared_ptr<const CConnectPlan> plan = m_plan;
     if (plan->onFailed) {
         CallOut("onFailed", [&] { plan->onFailed(reason); });
     }

@@ -24,38 +24,10 @@
 #include <nx/net/CNxEndpoint.h>
 #include <nx/reactor/INxReactor.h>
 #include <nx/stream/CNxConnection.h>
+#include <nx/stream/CNxConnectorOptions.h>
 
 class CNxDnsRecord;
-
-struct CNxConnectorOptions {
-    // No time may be longer: a year.
-    static constexpr CNxTimeValue LongestTime() { return CNxTimeValue(365L * 24 * 3600); }
-
-    // How the connection behaves; null for the defaults. With TLS and without a tlsName the host of
-    // the target is the name.
-    CNxConnection::Options connection;
-
-    // Of one try, from the look-up to the connected socket, all addresses included; zero for none.
-    // TLS is agreed on afterwards and has a time-out of its own (handshakeTimeout).
-    CNxTimeValue timeout{10, 0};
-
-    // How many tries Connect, or a Reconnect, makes before it fails; 0: without end.
-    unsigned tries = 0;
-
-    // The first delay before another try; each further one is twice the last, up to maxDelay. More
-    // than zero, and maxDelay no less than firstDelay.
-    CNxTimeValue firstDelay{0, 500000};
-    CNxTimeValue maxDelay{30, 0};
-
-    // How much of a delay is left to chance, from 0 to 1, so that the clients of a server that
-    // comes back do not come back all at once: 0.5 waits from half of it to the whole ("equal
-    // jitter"), 1 from nothing ("full jitter"; both in M. Brooker, Exponential Backoff And Jitter,
-    // 2015).
-    double jitter = 0.5;
-
-    // For logs: a try has failed, and the next begins after `delay`. May call anything.
-    std::function<void(const CNxCloseReason& reason, const CNxTimeValue& delay)> onRetry;
-};
+struct CConnectPlan;
 
 // OWNS THE CONNECTION IT HAS MADE: when it is destroyed, connects anew or cancels, the connection
 // is abandoned with whatever is under way, and nothing is called any more. So a sink that has its
@@ -104,6 +76,9 @@ public:
     // the reactor is not open; NX_ERROR_FAILURE without memory.
     NxResult Reconnect();
 
+    // Until the next try begins, after Reconnect or a try that has failed; zero when none waits.
+    CNxTimeValue GetDelay() const;
+
     // Gives up all that is under way. Reconnect is possible afterwards.
     void Cancel();
 
@@ -114,7 +89,6 @@ private:
     enum class EState { IDLE, WAITING, RESOLVING, CONNECTING, CONNECTED };
 
     class CAttempt;
-    struct CPlan;
 
     void OnTimeout(const CNxTimeValue& curTime, void* token) override;
     void OnObserve(const char* topic, void* data) override;
@@ -138,7 +112,7 @@ private:
     INxReactor& m_reactor;
     EState m_state = EState::IDLE;
     // Shared with a call into it, which may connect anew.
-    std::shared_ptr<const CPlan> m_plan;
+    std::shared_ptr<const CConnectPlan> m_plan;
     CNxAutoPtr<CNxConnection> m_connection;
 
     // Of the try that is under way.

@@ -1,179 +1,46 @@
-#include <net/if.h>
 #include <netinet/in.h>
 #include <nx/foundation/CCallOut.h>
 #include <nx/foundation/CKeptErrno.h>
 #include <nx/foundation/CNxMutexThread.h>
 #include <nx/stream/CDatagramQueue.h>
 #include <nx/stream/CNxDatagram.h>
+#include <nx/stream/CReceivedDatagrams.h>
 #include <nx/stream/CUnixPath.h>
+#include <nx/stream/datagram_socket.h>
 #include <nx/stream/dual_endpoint.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
-#include <cstring>
 #include <new>
 #include <utility>
 
 namespace {
-
-constexpr size_t c_maxDatagram = 65535;
-constexpr int c_maxHops = 255;
 
 // What the system refuses for want of memory, or because a unix peer is full, it may take later; it
 // does not say when. Asked again and again in vain, it is asked less often.
 constexpr long c_firstRetryMs = 1;
 constexpr long c_lastRetryMs = 64;
 
-bool AreInRange(const CNxDatagramOptions& options) {
-    const auto isHops = [](int ttl) { return ttl >= 0 && ttl <= c_maxHops; };
-    return options.maxReceived >= 1 && options.maxReceived <= c_maxDatagram &&
-           options.receivedPerTurn >= 1 && options.maxUnsent >= 1 && options.receiveBuffer >= 0 &&
-           options.sendBuffer >= 0 && isHops(options.ttl) && isHops(options.multicastTtl);
-}
-
-// 0 for "", which leaves it to the system. False when there is none of that name.
-bool FindInterface(const std::string& name, unsigned& index) {
-    index = name.empty() ? 0 : if_nametoindex(name.c_str());
-    return name.empty() || index != 0;
-}
-
-// What is asked of a socket before it is bound. The first failure is kept, with its errno.
-class CSetting {
-public:
-    explicit CSetting(int socket) : m_socket(socket) {}
-
-    template <class Value>
-    void Set(int level, int option, const Value& value) {
-        m_isGood = m_isGood && setsockopt(m_socket, level, option, &value, sizeof(value)) == 0;
-    }
-    void SetIf(bool isWanted, int level, int option, int value) {
-        if (isWanted) {
-            Set(level, option, value);
-        }
-    }
-    bool IsGood() const { return m_isGood; }
-
-private:
-    const int m_socket;
-    bool m_isGood = true;
-};
-
-void SetV4(CSetting& setting, const CNxDatagramOptions& options, unsigned interface) {
-    setting.SetIf(options.ttl != 0, IPPROTO_IP, IP_TTL, options.ttl);
-    setting.SetIf(options.multicastTtl != 0, IPPROTO_IP, IP_MULTICAST_TTL, options.multicastTtl);
-    setting.SetIf(!options.multicastLoop, IPPROTO_IP, IP_MULTICAST_LOOP, 0);
-    if (interface != 0) {
-        ip_mreqn request{};
-        request.imr_ifindex = static_cast<int>(interface);
-        setting.Set(IPPROTO_IP, IP_MULTICAST_IF, request);
-    }
-}
-
-void SetV6(CSetting& setting, const CNxDatagramOptions& options, unsigned interface) {
-    setting.SetIf(options.ttl != 0, IPPROTO_IPV6, IPV6_UNICAST_HOPS, options.ttl);
-    setting.SetIf(options.multicastTtl != 0, IPPROTO_IPV6, IPV6_MULTICAST_HOPS,
-                  options.multicastTtl);
-    setting.SetIf(!options.multicastLoop, IPPROTO_IPV6, IPV6_MULTICAST_LOOP, 0);
-    setting.SetIf(interface != 0, IPPROTO_IPV6, IPV6_MULTICAST_IF, static_cast<int>(interface));
-}
-
-bool SetUp(int socket, const CNxEndpoint& endpoint, const CNxDatagramOptions& options,
-           unsigned interface) {
-    CSetting setting(socket);
-    const int family = endpoint.GetFamily();
-    setting.SetIf(options.receiveBuffer != 0, SOL_SOCKET, SO_RCVBUF, options.receiveBuffer);
-    setting.SetIf(options.sendBuffer != 0, SOL_SOCKET, SO_SNDBUF, options.sendBuffer);
-    setting.SetIf(family != AF_UNIX, SOL_SOCKET, SO_RXQ_OVFL, 1);
-    setting.SetIf(options.reusePort, SOL_SOCKET, SO_REUSEPORT, 1);
-    setting.SetIf(options.reuseAddress, SOL_SOCKET, SO_REUSEADDR, 1);
-    setting.SetIf(options.broadcast, SOL_SOCKET, SO_BROADCAST, 1);
-    setting.SetIf(family == AF_INET6, IPPROTO_IPV6, IPV6_V6ONLY, endpoint.IsDual() ? 0 : 1);
-    if (family == AF_INET || endpoint.IsDual()) {
-        SetV4(setting, options, interface);
-    }
-    if (family == AF_INET6) {
-        SetV6(setting, options, interface);
-    }
-    return setting.IsGood();
-}
-
-bool IsGroup(const CNxEndpoint& endpoint) {
-    const auto* const address = endpoint.GetAddress();
-    if (endpoint.GetFamily() == AF_INET) {
-        return IN_MULTICAST(ntohl(reinterpret_cast<const sockaddr_in*>(address)->sin_addr.s_addr));
-    }
-    return endpoint.GetFamily() == AF_INET6 &&
-           IN6_IS_ADDR_MULTICAST(&reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr);
-}
-
 }  // namespace
 
-// Buffers for what one call receives.
-class CNxDatagram::CReceiver {
-public:
-    static constexpr size_t c_batch = 16;
-
-    CReceiver(std::shared_ptr<const OnReceived> onReceived, size_t maxReceived)
-        : m_onReceived(std::move(onReceived)),
-          m_maxReceived(maxReceived),
-          m_bytes(new char[c_batch * maxReceived]) {}
-
-    // As recvmmsg(2).
-    int Receive(int socket) {
-        for (size_t i = 0; i < c_batch; ++i) {
-            m_pieces[i] = {m_bytes.get() + i * m_maxReceived, m_maxReceived};
-            msghdr& header = m_messages[i].msg_hdr;
-            header = {};
-            header.msg_name = &m_names[i];
-            header.msg_namelen = sizeof(m_names[i]);
-            header.msg_iov = &m_pieces[i];
-            header.msg_iovlen = 1;
-            header.msg_control = m_controls[i].bytes;
-            header.msg_controllen = sizeof(m_controls[i].bytes);
-        }
-        return recvmmsg(socket, m_messages, c_batch, MSG_DONTWAIT, nullptr);
-    }
+// What a call receives, and whom it calls: both stay for its length.
+struct CNxDatagram::CReceiver {
+    CReceiver(std::shared_ptr<const OnReceived> onReceivedDatagram, size_t maxReceived)
+        : batch(maxReceived), onReceived(std::move(onReceivedDatagram)) {}
 
     void HandOut(size_t index) const {
-        const mmsghdr& message = m_messages[index];
-        CNxEndpoint from;
-        // A unix sender may have no name.
-        static_cast<void>(from.SetAddress(reinterpret_cast<const sockaddr*>(&m_names[index]),
-                                          message.msg_hdr.msg_namelen));
-        const CNxReceivedDatagram received{from,
-                                           {m_bytes.get() + index * m_maxReceived, message.msg_len},
-                                           (message.msg_hdr.msg_flags & MSG_TRUNC) != 0};
-        if (*m_onReceived) {
-            CallOut("OnReceived", [&] { (*m_onReceived)(received); });
+        const CNxEndpoint from = batch.GetSender(index);
+        if (*onReceived) {
+            CallOut("OnReceived", [&] {
+                (*onReceived)({from, batch.GetBytes(index), batch.IsTruncated(index)});
+            });
         }
     }
 
-    // How many the system had dropped until then, modulo 2^32; it says so once there are some.
-    bool FindDropped(size_t index, std::uint32_t& dropped) {
-        msghdr& header = m_messages[index].msg_hdr;
-        for (cmsghdr* at = CMSG_FIRSTHDR(&header); at != nullptr; at = CMSG_NXTHDR(&header, at)) {
-            if (at->cmsg_level == SOL_SOCKET && at->cmsg_type == SO_RXQ_OVFL) {
-                std::memcpy(&dropped, CMSG_DATA(at), sizeof(dropped));
-                return true;
-            }
-        }
-        return false;
-    }
-
-private:
-    struct Control {
-        alignas(cmsghdr) char bytes[CMSG_SPACE(sizeof(std::uint32_t))];
-    };
-
-    const std::shared_ptr<const OnReceived> m_onReceived;
-    const size_t m_maxReceived;
-    const std::unique_ptr<char[]> m_bytes;
-    mmsghdr m_messages[c_batch];
-    iovec m_pieces[c_batch];
-    sockaddr_storage m_names[c_batch];
-    Control m_controls[c_batch];
+    CReceivedDatagrams batch;
+    const std::shared_ptr<const OnReceived> onReceived;
 };
 
 // What other threads send until the loop fetches it, and the event by which it does. In the
@@ -313,7 +180,8 @@ bool CNxDatagram::OpenSocket(const CNxEndpoint& endpoint, const CNxDatagramOptio
 bool CNxDatagram::OpenAt(const CNxEndpoint& endpoint, const CNxDatagramOptions& options,
                          unsigned interface) {
     if (m_socket.Open(endpoint.GetFamily(), SOCK_DGRAM | SOCK_NONBLOCK, 0, 0) != 0 ||
-        !SetUp(GetHandle(), endpoint, options, interface) || !Bind(endpoint, options.unixMode)) {
+        !SetUpDatagramSocket(GetHandle(), endpoint, options, interface) ||
+        !Bind(endpoint, options.unixMode)) {
         return false;
     }
     const CNxEndpoint& peer = options.peer;
@@ -530,7 +398,7 @@ bool CNxDatagram::Receive() {
     bool isClosed = false;
     m_isClosed = &isClosed;
     for (size_t count = 0;;) {
-        const int got = receiver->Receive(socket);
+        const int got = receiver->batch.Receive(socket);
         const int error = errno;
         if (got > 0 && !HandOut(*receiver, static_cast<size_t>(got), isClosed)) {
             return false;
@@ -538,7 +406,7 @@ bool CNxDatagram::Receive() {
         if (got == -1 && !MayReceiveAfter(error)) {
             break;
         }
-        if (got > 0 && static_cast<size_t>(got) < CReceiver::c_batch) {
+        if (got > 0 && static_cast<size_t>(got) < CReceivedDatagrams::c_most) {
             break;
         }
         // An error counts too: there may be another one behind it.
@@ -554,7 +422,7 @@ bool CNxDatagram::Receive() {
 bool CNxDatagram::HandOut(CReceiver& receiver, size_t count, const bool& isClosed) {
     m_counts.received += count;
     std::uint32_t dropped = 0;
-    if (receiver.FindDropped(count - 1, dropped)) {
+    if (receiver.batch.FindDropped(count - 1, dropped)) {
         m_counts.droppedReceiving += dropped - std::exchange(m_lastDropped, dropped);
     }
     for (size_t i = 0; i < count; ++i) {
@@ -576,26 +444,11 @@ bool CNxDatagram::MayReceiveAfter(int error) {
 }
 
 NxResult CNxDatagram::Join(const CNxEndpoint& group, const std::string& interface) {
-    return ChangeMembership(group, interface, MCAST_JOIN_GROUP);
+    return ChangeMembership(GetHandle(), group, interface, MCAST_JOIN_GROUP);
 }
 
 NxResult CNxDatagram::Leave(const CNxEndpoint& group, const std::string& interface) {
-    return ChangeMembership(group, interface, MCAST_LEAVE_GROUP);
-}
-
-NxResult CNxDatagram::ChangeMembership(const CNxEndpoint& group, const std::string& interface,
-                                       int option) const {
-    if (GetHandle() == -1) {
-        return NX_ERROR_NOT_INITIALIZED;
-    }
-    group_req request{};
-    if (!IsGroup(group) || !FindInterface(interface, request.gr_interface)) {
-        return NX_ERROR_INVALID_ARG;
-    }
-    std::memcpy(&request.gr_group, group.GetAddress(), group.GetSize());
-    const int level = group.GetFamily() == AF_INET ? IPPROTO_IP : IPPROTO_IPV6;
-    const int changed = setsockopt(GetHandle(), level, option, &request, sizeof(request));
-    return changed == 0 ? NX_OK : NX_ERROR_FAILURE;
+    return ChangeMembership(GetHandle(), group, interface, MCAST_LEAVE_GROUP);
 }
 
 CNxDatagramCounts CNxDatagram::GetCounts() const {

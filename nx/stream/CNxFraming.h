@@ -18,9 +18,11 @@ public:
     // No frames: the receiver is given all that is there, and takes what it can use.
     CNxFraming() = default;
 
-    // Lines that end with "\n"; one "\r" right before it belongs to the end, every other one to the
-    // line. Frames come without the end, and are put on the wire with "\n" (Delimited("\r\n") is
-    // for those who want both).
+    // Lines that end with "\n" OR "\r\n", mixed as they come: what peers type, and what protocols
+    // that ask for "\r\n" should take too. Only the "\r" right before a "\n" belongs to the end,
+    // every other one to the line. Frames come without the end. They are put on the wire with "\n":
+    // who must answer with "\r\n" appends a "\r" to the payload. Delimited("\r\n") takes nothing
+    // but both.
     static CNxFraming Lines(size_t maxSize = 64UL << 10);
 
     // Frames that end with this text; they come without it. For an empty text there are no frames:

@@ -1,14 +1,17 @@
 #include <fcntl.h>
 #include <nx/event/NxCall.h>
+#include <nx/foundation/CNxProcessWide.h>
 #include <nx/foundation/INxObserver.h>
 #include <nx/foundation/standard_streams.h>
 #include <nx/process/CDescriptor.h>
+#include <nx/process/daemon.h>
 #include <nx/reactor/CNxEventHandlerRepository.h>
 #include <nx/reactor/INxReactor.h>
 #include <nx/stream/CNxConnection.h>
 #include <nx/stream/CNxServer.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadManager.h>
+#include <nx/trace/CNxT120Trace.h>
 #include <nx/trace/CNxTraceManager.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
@@ -27,7 +30,6 @@
 namespace {
 
 constexpr rlim_t c_mostDescriptors = 1UL << 20;
-constexpr unsigned long c_traceError = 1;
 constexpr long c_turnNsec = 10000000;
 
 sigset_t GetSignals(std::initializer_list<int> signals) {
@@ -223,6 +225,18 @@ NxResult CNxServer::StartMainThread(int argc, char** argv) {
 
 NxResult CNxServer::Listen(const std::string& endpoint, CNxSinkSource sinks,
                            const CNxListenOptions& options) {
+    return OpenWith(endpoint, [&](const CNxEndpoint& at) {
+        return m_group.Listen(at, std::move(sinks), options);
+    });
+}
+
+NxResult CNxServer::Open(CNxDatagram& socket, const std::string& endpoint,
+                         const CNxDatagramOptions& options) {
+    return OpenWith(endpoint, [&](const CNxEndpoint& at) { return socket.Open(at, options); });
+}
+
+template <class OpenAt>
+NxResult CNxServer::OpenWith(const std::string& endpoint, const OpenAt& openAt) {
     if (HasFailed()) {
         // Such as the certificate: nobody is to be served without it.
         return NX_ERROR_NOT_INITIALIZED;
@@ -233,7 +247,7 @@ NxResult CNxServer::Listen(const std::string& endpoint, CNxSinkSource sinks,
         return NX_ERROR_INVALID_ARG;
     }
     errno = 0;
-    const NxResult result = m_group.Listen(parsed, std::move(sinks), options);
+    const NxResult result = openAt(parsed);
     if (result != NX_OK) {
         Fail(Explain("cannot listen on " + endpoint, result));
     }
@@ -267,7 +281,13 @@ void CNxServer::Fail(const std::string& what) {
 
 int CNxServer::Run() {
     if (!HasFailed()) {
+        cnx_daemon_ready();
+        const unsigned forks = CNxProcessWide::CountForks();
         m_main->OnThreadRun();
+        if (forks != CNxProcessWide::CountForks()) {
+            Say("a forked child has come back from a callback");
+            _exit(1);
+        }
     }
     return End();
 }
@@ -304,6 +324,7 @@ bool CNxServer::IsStopOver() const {
 }
 
 void CNxServer::Reload() {
+    refresh_trace_config();
     std::string error;
     if (m_group.ReloadTls(error) != NX_OK) {
         Say("goes on with the certificates that it has: " + error);
@@ -334,7 +355,7 @@ int CNxServer::End() {
     pthread_sigmask(SIG_UNBLOCK, &unblocked, nullptr);
     if (HasFailed()) {
         Say(m_error);
-        INxTraceManager::Instance()->TraceString(c_traceError, m_error.c_str());
+        INxTraceManager::Instance()->TraceString(NX_TRACE_ERROR, m_error.c_str());
     }
     if (m_group.Stop(CNxTimeValue::s_tvZero()) != NX_OK) {
         Say("one of its loops is blocked in a callback");

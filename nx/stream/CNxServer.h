@@ -15,6 +15,7 @@
 
 #include <nx/foundation/CNxTimeValue.h>
 #include <nx/foundation/NxResult.h>
+#include <nx/stream/CNxDatagram.h>
 #include <nx/stream/CNxReactorGroup.h>
 
 struct CNxServerOptions {
@@ -41,6 +42,9 @@ struct CNxServerOptions {
 //   loop (NX_THREAD_MAIN). The group's loops are threads of their own and run from here on.
 // - The thread manager's end observer (SetThreadEndObserver) is the server.
 //
+// A daemon calls cnx_daemonise_until_ready (nx/process/daemon.h) before: whoever starts it then
+// reads what fails, and gets Run's status, 0 as soon as it serves.
+//
 // What fails, here or in Listen, is kept: Run says it and returns 1.
 class CNxServer {
 public:
@@ -57,12 +61,23 @@ public:
     NxResult Listen(const std::string& endpoint, CNxSinkSource sinks,
                     const CNxListenOptions& options = {});
 
+    // CNxDatagram::Open on an endpoint in text, for a socket on the main thread's loop:
+    //
+    //     CNxDatagram echo(*server.GetReactor(), [&](const CNxReceivedDatagram& received) {
+    //         echo.Send(received.from, received.bytes);
+    //     });
+    //     server.Open(echo, "*:7007");
+    //
+    // The result need not be looked at: Run does. As Listen, else that of CNxDatagram::Open.
+    NxResult Open(CNxDatagram& socket, const std::string& endpoint,
+                  const CNxDatagramOptions& options = {});
+
     // A TLS context of a server, for the options of connections; null when it cannot be made, and
     // then Run says why.
     [[nodiscard]] CNxAutoPtr<CNxTlsContext> MakeTls(const CNxTlsOptions& options);
 
-    // Prints "listening on ENDPOINT" on standard output for each Listen that has succeeded, with
-    // the port that the system has chosen for 0.
+    // Prints "listening on ENDPOINT" on standard output for each Listen (not Open) that has
+    // succeeded, with the port that the system has chosen for 0.
     void Announce() const;
 
     // The loops. Empty when the start has failed.
@@ -79,21 +94,25 @@ public:
     void Fail(const std::string& what);
     bool HasFailed() const { return !m_error.empty(); }
 
-    // Called on the main thread, in Run: at each SIGHUP, after the certificates of all listeners
-    // were read anew (what fails of that is said on standard error); and once when the server is
-    // about to stop, before the connections are told. To be set before Run.
+    // Called on the main thread, in Run: at each SIGHUP, after the trace switches
+    // (refresh_trace_config) and the certificates of all listeners were read anew (what fails of
+    // the latter is said on standard error); and once when the server is about to stop, before the
+    // connections are told. To be set before Run.
     void SetOnReload(std::function<void()> onReload) { m_onReload = std::move(onReload); }
     void SetOnStop(std::function<void()> onStop) { m_onStop = std::move(onStop); }
 
-    // Serves until SIGTERM, SIGINT or Stop. Then stops the group gracefully, within the stop limit;
-    // the main thread's loop goes on meanwhile. A second SIGTERM or SIGINT ends that at once. At
-    // last all threads of the thread manager are stopped and joined, the user's too; a signal that
-    // comes then ends the process by its default action. To be called once.
+    // Serves until SIGTERM, SIGINT or Stop; calls cnx_daemon_ready when it begins. Then stops the
+    // group gracefully, within the stop limit; the main thread's loop goes on meanwhile. A second
+    // SIGTERM or SIGINT ends that at once. At last all threads of the thread manager are stopped
+    // and joined, the user's too; a signal that comes then ends the process by its default action.
+    // To be called once.
     // 0 after a stop. 1 when something has failed, with a line "PROGRAM: WHAT" on standard error,
     // and a record of level 1 (Error) for a daemon, which has none: a start, a Listen, or one of
     // the loops, which has ended by itself.
     // A LOOP THAT IS BLOCKED IN A CALLBACK and stays so (CNxReactorGroup::c_blockedLimit) cannot be
-    // ended: Run says so, and ends the process with status 1 by _exit(2).
+    // ended: Run says so, and ends the process with status 1 by _exit(2). A child process that a
+    // callback here has forked, and that comes back from it, ends in the same way: it has none of
+    // the loops. It should call execve(2) or _exit(2) itself.
     [[nodiscard]] int Run();
 
     // The first SIGTERM or SIGINT that came; 0 for none. After Run.
@@ -112,6 +131,8 @@ private:
 
     [[nodiscard]] std::string Start(int argc, char** argv, const CNxServerOptions& options);
     [[nodiscard]] NxResult StartMainThread(int argc, char** argv);
+    template <class OpenAt>
+    NxResult OpenWith(const std::string& endpoint, const OpenAt& openAt);
     void OnSignal(int signo);
     void BeginStop();
     bool IsStopOver() const;

@@ -35,8 +35,9 @@ struct CNxCloseReason {
 // in them, CloseNow of this one too. An exception other than std::bad_alloc, which ends the
 // connection as OUT_OF_MEMORY, ends the process.
 //
-// The order of the calls: OnOpen once; OnReceive, OnHighWater, OnLowWater and OnEnd; OnClosed once,
-// and nothing after it. Where opening fails (a TLS handshake, say) OnClosed comes alone.
+// The order of the calls: OnOpen once; OnReceive, OnTooLong, OnHighWater, OnLowWater and OnEnd;
+// OnClosed once, and nothing after it. Where opening fails (a TLS handshake, say) OnClosed comes
+// alone.
 class INxConnectionSink {
 public:
     // It can be sent to, TLS has been agreed on.
@@ -46,6 +47,11 @@ public:
     // left in `received` without framing is there again, before what comes next, at the next call;
     // there is none before something comes. With framing what is left is dropped.
     virtual void OnReceive(CNxConnection& connection, CNxMessageChain& received) = 0;
+
+    // With framing: the next frame is longer than it may be (CNxFraming). AFTER THE CALL THE
+    // CONNECTION ENDS AS LIMIT, and what was sent and has not left is lost. Who answers closes it:
+    // connection.SendFrame("line too long"), then connection.CloseWhenSent().
+    virtual void OnTooLong(CNxConnection& /*connection*/) {}
 
     // More than the high-water mark waits to be sent; later, once: no more than the low one.
     virtual void OnHighWater(CNxConnection& /*connection*/) {}

@@ -1,8 +1,9 @@
 // The trace engine of the process: a text is checked against the switch of its level, and becomes a
 // stamped record in up to four files in the process's log folder.
 //
-//     if (CNxT120Trace::instance()->is_on(21)) { ... build the text ... }
-//     CNxT120Trace::instance()->trace_string(21, "listening", false);
+// Programs trace by NxTrace (nx/trace/NxTrace.h), which comes down to
+//
+//     CNxT120Trace::instance()->trace_string(NX_TRACE_INFO, "listening", false);
 //
 // NO FILE IS OPENED UNTIL THE CONFIGURATION ASKS FOR IT: what is switched on stands in the section
 // Trace of the process's configuration file, HOME/conf/NAME.cfg unless another folder is given
@@ -59,11 +60,22 @@ struct CNxT120TraceMapEntry {
     std::atomic<std::uint64_t> enabled;
 };
 
-// The built-in categories, by level; "NA" is free.
-//   on at first: 0 Fatal, 1 Error, 2 Server, 11 Warning, 12 Meeting, 13 Session, 14 User,
-//                15 Statistic, 21 Info, 22 State
-//   off:         23 PDU, 24 Func, 25 Tick, 26 Detail, and what is free
-// Detail CANNOT BE SWITCHED ON BY CONFIGURATION.
+// The built-in categories, by level; in the table "NA" is free. On at first:
+inline constexpr unsigned long NX_TRACE_FATAL = 0;
+inline constexpr unsigned long NX_TRACE_ERROR = 1;
+inline constexpr unsigned long NX_TRACE_SERVER = 2;
+inline constexpr unsigned long NX_TRACE_WARNING = 11;
+inline constexpr unsigned long NX_TRACE_MEETING = 12;
+inline constexpr unsigned long NX_TRACE_SESSION = 13;
+inline constexpr unsigned long NX_TRACE_USER = 14;
+inline constexpr unsigned long NX_TRACE_STATISTIC = 15;
+inline constexpr unsigned long NX_TRACE_INFO = 21;
+inline constexpr unsigned long NX_TRACE_STATE = 22;
+// Off at first, as is what is free. Detail CANNOT BE SWITCHED ON BY CONFIGURATION.
+inline constexpr unsigned long NX_TRACE_PDU = 23;
+inline constexpr unsigned long NX_TRACE_FUNC = 24;
+inline constexpr unsigned long NX_TRACE_TICK = 25;
+inline constexpr unsigned long NX_TRACE_DETAIL = 26;
 inline constexpr unsigned long NX_TRACE_LEVELS = 27;
 extern CNxT120TraceMapEntry g_logMapEntry[NX_TRACE_LEVELS];
 

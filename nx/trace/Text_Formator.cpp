@@ -111,6 +111,11 @@ Text_Formator& Text_Formator::operator<<(const CNxString& text) {
     return *this;
 }
 
+Text_Formator& Text_Formator::operator<<(std::string_view text) {
+    Append(text.data(), text.substr(0, text.find('\0')).size());
+    return *this;
+}
+
 Text_Formator& Text_Formator::operator<<(void* pointer) {
     m_hexFlag = 1;
     advance("0x");

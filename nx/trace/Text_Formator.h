@@ -3,7 +3,9 @@
 //     char buffer[512];
 //     Text_Formator text(buffer, sizeof(buffer));
 //     text << "peer " << address << " sent type 0x" << CNxT120Trace::HEX << type;
-//     INxTraceManager::Instance()->TraceString(21, text);
+//     INxTraceManager::Instance()->TraceString(NX_TRACE_INFO, text);
+//
+// NxTrace (nx/trace/NxTrace.h) does both in one call.
 //
 // THE LAST 64 BYTES of the buffer stay free: a buffer of 64 bytes or less accepts nothing. What
 // does not fit is cut silently.
@@ -12,6 +14,7 @@
 #include <nx/foundation/CNxString.h>
 
 #include <cstddef>
+#include <string_view>
 
 // Also known as CNxT120Trace::Text_Formator. Used by one thread; the buffer must outlive it.
 class Text_Formator {
@@ -47,9 +50,10 @@ public:
     Text_Formator& operator<<(float value);
     Text_Formator& operator<<(double value);
 
-    // Null is ignored; of a CNxString the characters before the first zero byte count.
+    // Null is ignored; of the others the characters before the first zero byte count.
     Text_Formator& operator<<(const char* text);
     Text_Formator& operator<<(const CNxString& text);
+    Text_Formator& operator<<(std::string_view text);
 
     // "0x" and lower-case digits, "0x0" for null. Switches to decimal.
     Text_Formator& operator<<(void* pointer);

@@ -1,5 +1,6 @@
-// A small console log with levels, independent of the trace engine. Everything goes to standard
-// output, one line a message; messages of more than 1023 bytes are cut.
+// A small console log with levels, independent of the trace engine, whose files NxTrace
+// (nx/trace/NxTrace.h) writes to. Everything goes to standard output, one line a message; messages
+// of more than 1023 bytes are cut.
 //
 // Not in nx/nx.h: its functions have everyday names (error, debug, verbose), so only the units that
 // log include it.

@@ -24,6 +24,8 @@ TEST(ChatServer, TellsARoomWhatItsGuestsSayAndDropsWhoDoesNotRead) {
         bob.Expect("/join den\n", "* guest-2 is here\n");
         bob.Expect("alone\n", "guest-2: alone\n");
         anna.Expect("", "* guest-2 has left\n");
+        bob.Send(std::string(1001, 'x'));
+        EXPECT_EQ("* lines have up to 1000 bytes\n", bob.ReceiveAll());
         // Whoever speaks on reads it all; who does not is gone before the room is told so.
         const TestClient deaf(server.GetPort(), 4096);
         deaf.Expect("", "* guest-3 is here\n");

@@ -19,4 +19,10 @@ TEST(CNxStringReplace, ReplacesEveryOccurrenceOnce) {
     EXPECT_EQ(self, "xyxyxyx");
 }
 
+TEST(CNxString, IsAViewOfAllItsBytes) {
+    const CNxString s("a\0b", 3);
+    EXPECT_EQ(std::string(s) + std::string("c").append(s), std::string("a\0bca\0b", 7));
+    EXPECT_TRUE(s == CNxString("a\0b", 3) && s != "a" && std::string_view("a") != s);
+}
+
 }  // namespace

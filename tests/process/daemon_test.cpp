@@ -3,6 +3,7 @@
 #include <nx/process/daemon.h>
 
 #include <filesystem>
+#include <string>
 #include <thread>
 
 #include "Children.h"
@@ -38,6 +39,36 @@ TEST(Daemon, GoesOnByItselfWhenTheOneThatWasCalledHasEnded) {
     EXPECT_EQ(1, read(ends[0], &answer, 1));
     EXPECT_EQ('+', answer);
     close(ends[0]);
+}
+
+TEST(Daemon, ThatIsWaitedForTellsWhetherItsStartHasSucceeded) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "it has a thread of its own";
+#endif
+    for (const bool isReady : {true, false}) {
+        int ends[2];
+        ASSERT_EQ(0, pipe(ends));
+        Child child([&] {
+            const pid_t caller = getpid();
+            const std::string output = std::filesystem::read_symlink("/proc/self/fd/1");
+            if (cnx_daemonise_until_ready() != NX_OK ||
+                output != std::filesystem::read_symlink("/proc/self/fd/1")) {
+                return 2;
+            }
+            if (isReady) {
+                cnx_daemon_ready();
+                cnx_daemon_ready();
+            }
+            const bool isRight = IsDaemon(caller) == isReady;
+            return write(ends[1], isRight ? "+" : "-", 1) > 0 ? 3 : 4;
+        });
+        close(ends[1]);
+        EXPECT_EQ(isReady ? 0 : 1, child.Wait());
+        char answer = 0;
+        EXPECT_EQ(1, read(ends[0], &answer, 1));
+        EXPECT_EQ('+', answer);
+        close(ends[0]);
+    }
 }
 
 // One that became a daemon all the same would end with 0.

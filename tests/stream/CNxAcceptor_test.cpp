@@ -3,9 +3,12 @@
 #include <tests/reactor/ReactorSupport.h>
 #include <tests/support/Endpoints.h>
 #include <tests/support/FailingCalls.h>
+#include <tests/support/FailingNew.h>
 #include <tests/support/TempFolder.h>
 
+#include <atomic>
 #include <climits>
+#include <deque>
 
 #include "StreamSupport.h"
 
@@ -111,6 +114,43 @@ TYPED_TEST(Acceptors, IsNeitherDeafNorBusyWhenTheSystemRefuses) {
         this->Turn(2000);
         EXPECT_LT(calls.Count(FailingCalls::ACCEPT4) - before, 1000);
     }
+}
+
+// The second call of accept4 is refused, and nothing can be had to try it later.
+TYPED_TEST(Acceptors, IsNotDeafWithoutMemoryForATimerAndARegistration) {
+    const CNxEndpoint endpoint = this->Open("127.0.0.1:0");
+    auto& reactor = this->m_loop.GetReactor();
+    FailingCalls calls;
+    std::deque<Timer> others;
+    std::atomic<bool> isPoor{false};
+    this->m_onAccepted = [&] {
+        if (isPoor) {
+            return;
+        }
+        calls.Fail(FailingCalls::ACCEPT4, ENOBUFS, 1);
+        calls.Fail(FailingCalls::EPOLL_CTL, ENOMEM, INT_MAX);
+        // Until the timer queue has no room for another handler.
+        NxResult scheduled = NX_OK;
+        while (scheduled == NX_OK) {
+            Timer& other = others.emplace_back([] { return 0; });
+            failing_new::Fail(0, LONG_MAX);
+            scheduled = reactor.ScheduleTimer(&other, nullptr, CNxTimeValue(3600), 1);
+            failing_new::Stop();
+        }
+        failing_new::Fail(0, LONG_MAX);
+        isPoor = true;
+    };
+    this->m_clients.reserve(2);
+    this->ConnectMany(endpoint, 1);
+    while (!isPoor || failing_new::GetFailed() == 0) {
+        std::this_thread::yield();
+    }
+    failing_new::Stop();
+    this->Turn(1);
+    calls.Fail(FailingCalls::EPOLL_CTL, 0, 0);
+    this->ConnectMany(endpoint, 1);
+    this->WaitUntilDone(2);
+    this->m_loop.Stop();
 }
 
 TYPED_TEST(Acceptors, MayBePausedAndDestroyedWithinItsCall) {

@@ -66,6 +66,18 @@ TEST_F(ConnectionEnds, IsDroppedBeyondALimit) {
     SendToIt("short\n" + std::string(150, 'x'));
     WaitUntilClosed(lines, ENxClosed::LIMIT);
     EXPECT_EQ(lines.m_received, "short");
+
+    Sink answers;
+    answers.m_onTooLong = [](CNxConnection& connection) {
+        connection.SendFrame("too long");
+        connection.CloseWhenSent();
+    };
+    options.maxUnsent = 0;
+    Connect(answers, options);
+    SendToIt(std::string(150, 'x'));
+    EXPECT_EQ(ReceiveFromIt(100), "too long\n");
+    m_peer.Close();
+    WaitUntilClosed(answers, ENxClosed::BY_US);
 }
 
 // Each of them is destroyed, with its connection's holder, in another of its calls.

@@ -129,6 +129,13 @@ TYPED_TEST(Connectors, FailedTriesAreToldAndRepeatedWithGrowingDelays) {
     }
     EXPECT_EQ(this->m_reasons[0].text, this->m_nobody + ": Connection refused");
     EXPECT_EQ(this->m_reasons[0].kind, ENxClosed::FAILED);
+
+    options.firstDelay = options.maxDelay = CNxTimeValue(3600);
+    Must(connector.Connect(this->m_nobody.c_str(), options, this->m_sink));
+    Must(connector.Reconnect());
+    EXPECT_GE(connector.GetDelay().GetSec(), 1200) << "1800 less the time that has gone";
+    connector.Cancel();
+    EXPECT_EQ(connector.GetDelay(), CNxTimeValue());
 }
 
 // Which the system says at once of a unix socket, and never of TCP.

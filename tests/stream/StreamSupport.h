@@ -76,6 +76,7 @@ struct Sink : INxConnectionSink {
             received.Clear();
         }
     }
+    void OnTooLong(CNxConnection& connection) override { Call(m_onTooLong, connection); }
     void OnHighWater(CNxConnection& connection) override { Call(m_onHighWater, connection); }
     void OnLowWater(CNxConnection& connection) override { Call(m_onLowWater, connection); }
     void OnEnd(CNxConnection& connection) override {
@@ -108,6 +109,7 @@ struct Sink : INxConnectionSink {
     }
 
     Callback m_onOpen;
+    Callback m_onTooLong;
     Callback m_onHighWater;
     Callback m_onLowWater;
     Callback m_onEnd;

@@ -1,12 +1,15 @@
 // A server that does what its clients say: CNxServer_test.cpp. server_program MODE
+#include <nx/process/daemon.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/stream/CNxConnection.h>
 #include <nx/stream/CNxServer.h>
 #include <nx/thread/CNxThreadManager.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <string>
 
 namespace {
@@ -70,21 +73,40 @@ public:
     NxResult RunEventLoop() override { return NX_ERROR_FAILURE; }
 };
 
+void ForkAndComeBack() {
+    int status = 0;
+    if (fork() != 0 && wait(&status) > 0) {
+        std::printf("its child ended with %d\n", WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+        std::fflush(stdout);
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     const std::string mode = argc > 1 ? argv[1] : "";
+    const bool isDaemon = mode == "daemon" || mode == "no daemon";
+    if (isDaemon && cnx_daemonise_until_ready() != NX_OK) {
+        return 4;
+    }
     CNxServerOptions options;
     options.loops.loops = 2;
     options.stopLimit = mode == "limit" ? CNxTimeValue(0, 100000) : CNxTimeValue(600);
     CNxServer server(argc, argv, options);
     server.Listen("127.0.0.1:0", [&server] { return std::make_unique<Sink>(server); });
     server.Announce();
+    CNxDatagram echo(*server.GetReactor(), [&echo](const CNxReceivedDatagram& received) {
+        echo.Send(received.from, received.bytes);
+    });
+    server.Open(echo, mode == "no daemon" ? "127.0.0.1:no port" : "127.0.0.1:0");
+    std::printf("%s\n", echo.GetEndpoint().GetText().c_str());
+    std::fflush(stdout);
     if (mode == "loop ends") {
         CNxThread* thread = nullptr;
         static_cast<void>(CNxThreadManager::Instance()->CreateReactorThread(
             2, new ReactorWhoseWaitingFails, thread));
     }
+    server.SetOnReload(ForkAndComeBack);
     const OwnConnection own(server);
     const int status = server.Run();
     return status == 0 && mode != "limit" && !own.HasHeard() ? 3 : status;

@@ -12,7 +12,8 @@ constexpr auto HEX = CNxT120Trace::HEX;
 TEST(Text_FormatorTest, HexadecimalLastsForOneInteger) {
     char buffer[256];
     Text_Formator text(buffer, sizeof(buffer));
-    text << HEX << 255 << ' ' << 255 << HEX << "," << 0.5 << CNxString(",") << 16 << ",";
+    text << HEX << 255 << ' ' << 255 << HEX << "," << 0.5 << CNxString(",") << 16;
+    text << std::string(",\0,", 3);
     text << HEX << LONG_MIN << LLONG_MIN;
     EXPECT_STREQ(text, "ff32255,0.500000,10,8000000000000000-9223372036854775808");
 }

@@ -18,15 +18,13 @@
 
 namespace {
 
-constexpr unsigned long c_info = 21;
-
 void TraceLine(unsigned long level, const std::string& text) {
-    CNxT120Trace::instance()->trace_string(level, text.c_str(), false);
+    NxTrace(level, text);
 }
 
 void TraceLines(const std::string& who, long count) {
     for (long i = 0; i < count; ++i) {
-        TraceLine(c_info, who + " " + std::to_string(i));
+        TraceLine(NX_TRACE_INFO, who + " " + std::to_string(i));
     }
 }
 
@@ -77,7 +75,7 @@ void Starve() {
 }
 
 void TraceId() {
-    TraceLine(c_info, "id " + std::to_string(gettid()));
+    TraceLine(NX_TRACE_INFO, "id " + std::to_string(gettid()));
 }
 
 void TraceIds() {
