@@ -1,7 +1,6 @@
 // The main thread in this process; every way of ending a process in processes of
 // their own.
 #include <nx/foundation/CNxCleanUpBase.h>
-#include <nx/foundation/CNxReferenceControl.h>
 #include <nx/thread/CNxThreadDummy.h>
 #include <nx/thread/CNxThreadHeartBeat.h>
 #include <nx/thread/CNxThreadTask.h>
@@ -165,53 +164,38 @@ TEST_F(ProcessEnd, ThreadThatCannotBeStoppedDoesNotKeepTheProcess) {
     ExpectEnd(body, "thread 5000 has not ended in 50 ms");
 }
 
-// Cannot be stopped, but comes to its end.
-class WorkingThread : public CNxThread {
-public:
-    ~WorkingThread() override { std::fputs("and destroyed", stderr); }
-    void OnThreadRun() override {
-        CNxThreadManager::SleepMs(100);
-        std::fputs("done ", stderr);
-    }
-};
-
-TEST_F(ProcessEnd, ThreadThatEndsByItselfIsWaitedFor) {
-    const auto body = [] {
-        Must(Manager()->InitMainThread(0, nullptr));
-        Must((new WorkingThread)->Create(NextType(), c_joinable));
-    };
-    // The thread sanitizer has a thread of its own, so no object is destroyed.
-#if defined(__SANITIZE_THREAD__)
-    ExpectEnd(body, "done");
-#else
-    ExpectEnd(body, "done and destroyed");
-#endif
-}
-
-// Goes on with what it has to do while the process exits.
+// Cannot be stopped, but comes to its end, and may go on till then with what it has to do.
 class BusyThread : public CNxThread {
 public:
+    explicit BusyThread(int makes) : m_makes(makes) {}
+    ~BusyThread() override { std::fputs("and destroyed", stderr); }
     void OnThreadRun() override {
         CNxThread* const old = StartWorker();
         CNxThreadManager::SleepMs(100);
-        for (int i = 0; i < 20; ++i) {
+        for (int i = 0; i < m_makes; ++i) {
             StartWorker();
         }
-        old->Stop(nullptr);
-        old->Join();
-        old->Destory(0);
+        StopAndDestroy(old);
+        std::fputs("done ", stderr);
     }
+
+private:
+    const int m_makes;
 };
 
-TEST_F(ProcessEnd, ThreadsThatAreMadeAndDestroyedMeanwhileDoNotDisturbIt) {
-    const auto body = [] {
+TEST_F(ProcessEnd, ThreadsThatEndByThemselvesAreWaitedForWhateverTheyMakeAndDestroyMeanwhile) {
+    const auto end = [](int makes) {
         Must(Manager()->InitMainThread(0, nullptr));
         for (int i = 0; i < 3; ++i) {
-            Must((new BusyThread)->Create(NextType(), c_joinable));
+            Must((new BusyThread(makes))->Create(NextType(), c_joinable));
         }
         CNxThreadManager::SleepMs(50);
     };
-    ExpectEnd(body);
+    ExpectEnd([&] { end(20); }, "(done ){3}");
+    // The thread sanitizer has a thread of its own, so no object is destroyed.
+#if !defined(__SANITIZE_THREAD__)
+    ExpectEnd([&] { end(0); }, "(done ){3}(and destroyed){3}");
+#endif
 }
 
 TEST_F(ProcessEnd, ExitOnAnotherThreadLeavesRunningThreadsAlone) {
@@ -231,26 +215,6 @@ TEST_F(ProcessEnd, ExitOnAnotherThreadLeavesRunningThreadsAlone) {
         };
         ExpectEnd(body);
     }
-}
-
-class StaticCounted : public CNxReferenceControlT<CNxMutexThread> {};
-
-TEST_F(ProcessEnd, CountedObjectsOutliveTheManager) {
-    const auto body = [] {
-        // Made before the manager, so destroyed after it.
-        static struct Holder {
-            ~Holder() {
-                m_object->AddReference();
-                m_object->ReleaseReference();
-                m_object->ReleaseReference();
-            }
-            StaticCounted* m_object = nullptr;
-        } holder;
-        holder.m_object = new StaticCounted;
-        holder.m_object->AddReference();
-        Must(Manager()->InitMainThread(0, nullptr));
-    };
-    ExpectEnd(body);
 }
 
 }  // namespace

@@ -1,69 +1,62 @@
 #include <nx/event/NxCall.h>
 #include <nx/foundation/INxObserver.h>
 #include <nx/reactor/CNxReactorEpoll.h>
-#include <nx/thread/CNxThreadTask.h>
+#include <nx/reactor/CNxReactorSelect.h>
+#include <nx/thread/CNxReactorThreadProxy.h>
+#include <nx/thread/CNxThreadHeartBeat.h>
+#include <nx/thread/CNxTimerWrapperID.h>
 #include <nx/timer/CNxTimedCall.h>
 
+#include <deque>
 #include <vector>
 
+#include "../reactor/ReactorSupport.h"
+#include "../support/SimulatedClock.h"
 #include "ThreadSupport.h"
 
 namespace {
 
 constexpr auto c_detached = CNxThreadManager::FLAG_DETACHED;
 
-// Each waits for its last event, so that the loop falls asleep and is woken as often as it can be.
-void PostFromManyThreads(INxEventQueue& queue) {
-    std::vector<std::thread> posters;
-    for (int poster = 0; poster < 8; ++poster) {
-        posters.emplace_back([&queue] {
-            EventCounts counts;
-            for (int round = 0; round < 300; ++round) {
-                for (int post = 0; post <= round % 3; ++post) {
-                    ASSERT_EQ(queue.PostEvent(new CountedEvent(counts)), NX_OK);
-                }
-                YieldUntil([&counts] { return counts.AllDestroyed(); });
-            }
-            EXPECT_EQ(counts.m_fired, 600);
-        });
-    }
-    for (std::thread& poster : posters) {
-        poster.join();
-    }
-}
-
-// As the system has it.
-CNxString NameOf(CNxThread& thread, const char* newName = nullptr) {
-    char name[16] = "";
-    EventCounts counts;
-    thread.GetEventQueue()->SendEvent(new CountedEvent(counts, [&] {
-        if (newName != nullptr) {
-            thread.SetName(newName);
-        }
-        return pthread_getname_np(pthread_self(), name, sizeof(name)) == 0 ? NX_OK
-                                                                           : NX_ERROR_FAILURE;
-    }));
-    EXPECT_EQ(thread.GetName(), name);
-    return name;
-}
-
 TEST(Thread, IsCalledByItsTypeOrAsItIsTold) {
     const Worker worker;
-    EXPECT_EQ(NameOf(*worker.Get()),
-              CNxString("nx-task-") + CNxString(std::to_string(worker.GetType())));
-    EXPECT_EQ(NameOf(*worker.Get(), "a name that is longer"), "a name that is ");
-    CNxThread* thread = nullptr;
-    Must(Manager()->CreateNetworkThread(2, CNxThreadManager::CreateNetworkReactor(), thread));
-    EXPECT_EQ(NameOf(*thread), "nx-reactor-2");
-    StopAndDestroy(thread);
+    char name[16] = "";
+    const auto ask = [&] { return pthread_getname_np(pthread_self(), name, sizeof(name)); };
+    EXPECT_EQ(NxSendCall(*worker->GetEventQueue(), ask).GetValue(), 0);
+    EXPECT_EQ(name, "nx-task-" + std::to_string(worker.GetType()));
+    const auto rename = [&] {
+        worker->SetName("a name that is longer");
+        return ask();
+    };
+    EXPECT_EQ(NxSendCall(*worker->GetEventQueue(), rename).GetValue(), 0);
+    EXPECT_STREQ(name, "a name that is ");
+    EXPECT_EQ(worker->GetName(), name);
 }
 
+// Each poster waits for its last event, so that the loop falls asleep and is woken as often as it
+// can be.
 TEST(Thread, NoPostIsStrandedByALoopThatFallsAsleep) {
     CNxThread* network = nullptr;
     Must(Manager()->CreateReactorThread(NextType(), CNxThreadManager::CreateNetworkReactor(),
                                         network));
     for (CNxThread* const thread : {StartWorker(), network}) {
-        PostFromManyThreads(*thread->GetEventQueue());
+        const auto post = [queue = thread->GetEventQueue()] {
+            EventCounts counts;
+            for (int round = 0; round < 300; ++round) {
+                for (int i = 0; i <= round % 3; ++i) {
+                    ASSERT_EQ(queue->PostEvent(new CountedEvent(counts)), NX_OK);
+                }
+                YieldUntil([&counts] { return counts.AllDestroyed(); });
+            }
+            EXPECT_EQ(counts.m_fired, 600);
+        };
+        std::deque<std::thread> posters;
+        for (int poster = 0; poster < 8; ++poster) {
+            posters.emplace_back(post);
+        }
+        for (std::thread& poster : posters) {
+            poster.join();
+        }
         StopAndDestroy(thread);
     }
 }
@@ -105,66 +98,58 @@ TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
 // Tells when it is gone.
 class ShortThread : public CNxThread {
 public:
-    ShortThread(std::atomic<int>& deleted, std::atomic<int>& mayEnd, NxResult onCreate = NX_OK)
-        : m_deleted(deleted), m_mayEnd(mayEnd), m_onCreate(onCreate) {}
-    ~ShortThread() override { ++m_deleted; }
+    explicit ShortThread(NxResult onCreate = NX_OK) : m_onCreate(onCreate) {
+        s_deleted = 0;
+        s_mayEnd = false;
+    }
+    ~ShortThread() override { ++s_deleted; }
 
     NxResult OnCreate() override { return m_onCreate; }
     void OnThreadRun() override {
-        YieldUntil([this] { return m_mayEnd != 0; });
+        YieldUntil([] { return s_mayEnd.load(); });
     }
 
+    static inline std::atomic<int> s_deleted;
+    static inline std::atomic<bool> s_mayEnd;
+
 private:
-    std::atomic<int>& m_deleted;
-    std::atomic<int>& m_mayEnd;
     const NxResult m_onCreate;
 };
 
 TEST(Thread, DetachedObjectIsDeletedByTheSecondOfEndAndDestory) {
     for (const bool endFirst : {true, false}) {
-        std::atomic<int> deleted{0};
-        std::atomic<int> mayEnd{0};
-        auto* const thread = new ShortThread(deleted, mayEnd);
+        auto* const thread = new ShortThread;
         ASSERT_EQ(thread->Create(NextType(), c_detached), NX_OK);
         EXPECT_EQ(thread->Join(), NX_ERROR_FAILURE);
-        if (endFirst) {
-            mayEnd = 1;
-            YieldUntil([thread] { return !thread->IsRunning(); });
-            EXPECT_EQ(deleted, 0);
-            thread->Destory(0);
-        } else {
-            thread->Destory(0);
-            EXPECT_EQ(deleted, 0);
-            mayEnd = 1;
-        }
-        YieldUntil([&deleted] { return deleted != 0; });
+        ShortThread::s_mayEnd = endFirst;
+        YieldUntil([&] { return !endFirst || !thread->IsRunning(); });
+        EXPECT_EQ(ShortThread::s_deleted, 0);
+        thread->Destory(0);
+        EXPECT_LE(ShortThread::s_deleted, endFirst ? 1 : 0);
+        ShortThread::s_mayEnd = true;
+        YieldUntil([] { return ShortThread::s_deleted != 0; });
     }
 }
 
 TEST(Thread, RefusingOnCreateDeletesTheObjectAndTellsTheCreator) {
     for (const auto flags : {c_joinable, c_detached}) {
-        std::atomic<int> deleted{0};
-        std::atomic<int> mayEnd{1};
         const int type = NextType();
-        auto* const thread = new ShortThread(deleted, mayEnd, NX_ERROR_FAILURE);
-        EXPECT_EQ(thread->Create(type, flags), NX_ERROR_NULL_POINTER);
-        EXPECT_EQ(deleted, 1);
+        EXPECT_EQ((new ShortThread(NX_ERROR_FAILURE))->Create(type, flags), NX_ERROR_NULL_POINTER);
+        EXPECT_EQ(ShortThread::s_deleted, 1);
         EXPECT_EQ(Manager()->GetThread(type), nullptr);
     }
 }
 
 // What its thread reports to lies on its stack.
 TEST(Thread, ACancelledCreatorWaitsUntilItsThreadIsUp) {
-    std::atomic<int> deleted{0};
-    std::atomic<int> mayEnd{1};
-    auto* const thread = new ShortThread(deleted, mayEnd);
+    auto* const thread = new ShortThread;
+    ShortThread::s_mayEnd = true;
     NxResult created = NX_ERROR_NOT_AVAILABLE;
-    std::thread creator([&] {
+    std::thread([&] {
         pthread_cancel(pthread_self());
         created = thread->Create(NextType(), c_joinable);
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    });
-    creator.join();
+    }).join();
     ASSERT_EQ(created, NX_OK);
     EXPECT_EQ(thread->Join(), NX_OK);
     thread->Destory(0);
@@ -230,6 +215,47 @@ TEST(Thread, TimersOfAJoinedOneAreCancelledOnAnyOther) {
     EXPECT_EQ(worker->Join(), NX_OK);
     call.Cancel();
     worker->Destory(0);
+}
+
+TEST(Thread, ItsReactorTakesHandlersFromAnyOtherByItsProxy) {
+    const int type = NextType();
+    CNxThread* thread = nullptr;
+    Must(Manager()->CreateReactorThread(type, new CNxReactorSelect, thread));
+    CNxReactorThreadProxyImp proxy(thread->GetReactor(), type);
+    End end;
+    EXPECT_EQ(proxy.RegisterHandler(&end, NX_MASK_WRITE | NX_MASK_READ), NX_OK);
+    EXPECT_EQ(proxy.RegisterHandler(&end, NX_MASK_READ), NX_ERROR_FOUND);
+    EXPECT_EQ(proxy.RemoveHandler(&end, NX_MASK_READ), NX_OK);
+    StopAndDestroy(thread);
+}
+
+struct DeletingSink : CNxTimerWrapperIDSink {
+    void OnTimer(CNxTimerWrapperID* id) override {
+        ++m_calls;
+        delete id;
+    }
+    int m_calls = 0;
+};
+
+TEST(Thread, ItsTimersMayBeDestroyedWhileScheduledAndFromTheirOwnCallback) {
+    SimulatedClock clock;
+    auto* const thread = new CNxThreadHeartBeat;
+    Must(thread->CreateNotRun(NextType(), c_joinable));
+    thread->OnThreadInit();
+    DeletingSink sink;
+    const CNxTimeValue second(1);
+    {
+        CNxTimerWrapperID scheduled;
+        EXPECT_EQ(scheduled.Schedule(&sink, second, 0), NX_OK);
+        EXPECT_EQ(scheduled.Schedule(&sink, second, 2), NX_ERROR_FOUND);
+    }
+    EXPECT_EQ((new CNxTimerWrapperID)->Schedule(&sink, second, 0), NX_OK);
+    for (int pass = 0; pass < 2; ++pass) {
+        clock.Advance(1000000);
+        thread->DoHeartBeat();
+    }
+    EXPECT_EQ(sink.m_calls, 1);
+    thread->Destory(0);
 }
 
 }  // namespace

@@ -146,9 +146,10 @@ TEST_F(ForkedChild, IsNotLeftWithWhatOthersHadLocked) {
         std::atomic<bool> stop{false};
         CNxReactorSelect reactor;
         Must(reactor.Open());
+        // The child has no stack that leads to it. Made before any fork: with the lock of the exit
+        // handlers held a child could not end.
+        static CNxTimerPreciseWrapperID timer;
         std::thread busy([&stop] {
-            // The child has no stack that leads to it.
-            static CNxTimerPreciseWrapperID timer;
             while (!stop) {
                 Manager()->GetAndIncreamUserType();
                 timer.Cancel();
