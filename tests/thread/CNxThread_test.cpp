@@ -95,55 +95,42 @@ TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
     }
 }
 
-// Tells when it is gone.
-class ShortThread : public CNxThread {
-public:
-    explicit ShortThread(NxResult onCreate = NX_OK) : m_onCreate(onCreate) {
-        s_deleted = 0;
-        s_mayEnd = false;
-    }
-    ~ShortThread() override { ++s_deleted; }
-
-    NxResult OnCreate() override { return m_onCreate; }
-    void OnThreadRun() override {
-        YieldUntil([] { return s_mayEnd.load(); });
-    }
-
-    static inline std::atomic<int> s_deleted;
-    static inline std::atomic<bool> s_mayEnd;
-
-private:
-    const NxResult m_onCreate;
-};
-
 TEST(Thread, DetachedObjectIsDeletedByTheSecondOfEndAndDestory) {
     for (const bool endFirst : {true, false}) {
-        auto* const thread = new ShortThread;
+        std::atomic<bool> mayEnd{endFirst};
+        std::atomic<bool> isDeleted{false};
+        const auto run = [&] { YieldUntil([&] { return mayEnd.load(); }); };
+        auto* const thread = new FunctionThread(run, [&] { isDeleted = true; });
         ASSERT_EQ(thread->Create(NextType(), c_detached), NX_OK);
         EXPECT_EQ(thread->Join(), NX_ERROR_FAILURE);
-        ShortThread::s_mayEnd = endFirst;
         YieldUntil([&] { return !endFirst || !thread->IsRunning(); });
-        EXPECT_EQ(ShortThread::s_deleted, 0);
+        EXPECT_FALSE(isDeleted);
         thread->Destory(0);
-        EXPECT_LE(ShortThread::s_deleted, endFirst ? 1 : 0);
-        ShortThread::s_mayEnd = true;
-        YieldUntil([] { return ShortThread::s_deleted != 0; });
+        EXPECT_TRUE(endFirst || !isDeleted);
+        mayEnd = true;
+        YieldUntil([&] { return isDeleted.load(); });
     }
 }
 
+struct RefusingThread : FunctionThread {
+    using FunctionThread::FunctionThread;
+    NxResult OnCreate() override { return NX_ERROR_FAILURE; }
+};
+
 TEST(Thread, RefusingOnCreateDeletesTheObjectAndTellsTheCreator) {
     for (const auto flags : {c_joinable, c_detached}) {
+        int deleted = 0;
         const int type = NextType();
-        EXPECT_EQ((new ShortThread(NX_ERROR_FAILURE))->Create(type, flags), NX_ERROR_NULL_POINTER);
-        EXPECT_EQ(ShortThread::s_deleted, 1);
+        auto* const thread = new RefusingThread([] {}, [&] { ++deleted; });
+        EXPECT_EQ(thread->Create(type, flags), NX_ERROR_NULL_POINTER);
+        EXPECT_EQ(deleted, 1);
         EXPECT_EQ(Manager()->GetThread(type), nullptr);
     }
 }
 
 // What its thread reports to lies on its stack.
 TEST(Thread, ACancelledCreatorWaitsUntilItsThreadIsUp) {
-    auto* const thread = new ShortThread;
-    ShortThread::s_mayEnd = true;
+    auto* const thread = new FunctionThread([] {});
     NxResult created = NX_ERROR_NOT_AVAILABLE;
     std::thread([&] {
         pthread_cancel(pthread_self());

@@ -38,6 +38,13 @@ inline CNxThread* StartWorker(int withTimers = 1, CNxThreadManager::TFlag flags 
     return worker;
 }
 
+inline CNxThread* StartNetwork() {
+    CNxThread* network = nullptr;
+    Must(Manager()->CreateNetworkThread(NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(),
+                                        network));
+    return network;
+}
+
 inline void StopAndDestroy(CNxThread* thread) {
     EXPECT_EQ(thread->Stop(nullptr), NX_OK);
     EXPECT_EQ(thread->Join(), NX_OK);
@@ -66,6 +73,23 @@ public:
 
 private:
     CNxThread* const m_thread;
+};
+
+// A kind of the application's own, whose run Stop does not end.
+class FunctionThread : public CNxThread {
+public:
+    using Function = std::function<void()>;
+
+    explicit FunctionThread(
+        Function run, Function atDeletion = [] {})
+        : m_run(std::move(run)), m_atDeletion(std::move(atDeletion)) {}
+    ~FunctionThread() override { m_atDeletion(); }
+
+    void OnThreadRun() override { m_run(); }
+
+private:
+    const Function m_run;
+    const Function m_atDeletion;
 };
 
 class CountingSink : public CNxTimerPreciseWrapperIDSink {
