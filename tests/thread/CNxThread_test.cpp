@@ -1,5 +1,4 @@
 #include <nx/event/NxCall.h>
-#include <nx/foundation/INxObserver.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/reactor/CNxReactorSelect.h>
 #include <nx/thread/CNxReactorThreadProxy.h>
@@ -140,36 +139,6 @@ TEST(Thread, ACancelledCreatorWaitsUntilItsThreadIsUp) {
     ASSERT_EQ(created, NX_OK);
     EXPECT_EQ(thread->Join(), NX_OK);
     thread->Destory(0);
-}
-
-class ReactorWhoseWaitingFails : public CNxReactorEpoll {
-public:
-    NxResult RunEventLoop() override { return m_fails ? NX_ERROR_FAILURE : NX_OK; }
-    static inline bool m_fails = true;
-};
-
-class EndObserver : public INxObserver {
-public:
-    void OnObserve(const char* topic, void* data) override {
-        EXPECT_STREQ(topic, "ThreadEnd");
-        m_ended.push_back(static_cast<CNxThread*>(data));
-    }
-    std::vector<CNxThread*> m_ended;
-};
-
-TEST(Thread, LoopThatEndsByItselfIsReported) {
-    EndObserver observer;
-    CNxThreadManager::SetThreadEndObserver(&observer);
-    for (const bool fails : {false, true}) {
-        ReactorWhoseWaitingFails::m_fails = fails;
-        CNxThread* thread = nullptr;
-        ASSERT_EQ(Manager()->CreateReactorThread(NextType(), new ReactorWhoseWaitingFails, thread),
-                  NX_OK);
-        EXPECT_EQ(thread->Join(), NX_OK);
-        EXPECT_EQ(observer.m_ended, std::vector<CNxThread*>(fails ? 1 : 0, thread));
-        thread->Destory(0);
-    }
-    CNxThreadManager::SetThreadEndObserver(nullptr);
 }
 
 // As if another thread had found it in the registry.

@@ -3,45 +3,31 @@
 #include <nx/event/NxCall.h>
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/reactor/CNxReactorSelect.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <new>
 
 #include "ThreadSupport.h"
 
 namespace {
 
-using Shared = std::atomic<int>;
+bool s_isChild = false;
+int s_ended = 0;
 
-// Counts in memory that parent and child share.
 class CountsItsEnd : public CNxCleanUpBase {
 public:
-    explicit CountsItsEnd(Shared& ended) : m_ended(ended) {}
-    ~CountsItsEnd() override { ++m_ended; }
-
-private:
-    Shared& m_ended;
+    ~CountsItsEnd() override { ++s_ended; }
 };
-
-bool s_isChild = false;
 
 class Parent {
 public:
     Parent() {
-#if defined(__SANITIZE_ADDRESS__)
-        // After the tear-down: the leak checker of a child may wait for ever for what another
-        // thread held at the fork.
+        // After the tear-down. What follows in a child is a leak checker that may wait for ever for
+        // what another thread held at the fork.
         std::atexit([] {
             if (s_isChild) {
-                std::_Exit(0);
+                std::_Exit(s_ended);
             }
         });
-#endif
-        void* const memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
-                                  MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        m_ended = new (memory) Shared(0);
         Must(Manager()->InitMainThread(0, nullptr));
         m_worker = StartWorker();
         StartNetwork();
@@ -51,24 +37,23 @@ public:
         static auto* const timer = new CNxTimerPreciseWrapperID;
         m_timer = timer;
         Must(m_timer->Schedule(sink, CNxTimeValue(0, 10000), 0, m_worker->GetThreadType()));
-        new CountsItsEnd(*m_ended);
+        new CountsItsEnd;
     }
 
-    // How many clean-up objects a child has ended that does this and exits with status 0; -1 when
-    // it ends otherwise.
-    int EndedByChild(const std::function<void()>& action) {
+    // How many clean-up objects a child has ended that does this and exits; -1 when it ends
+    // otherwise.
+    static int EndedByChild(const std::function<void()>& action) {
         const pid_t child = fork();
         if (child == 0) {
             s_isChild = true;
             action();
-            std::exit(0);
+            std::exit(100);
         }
         int status = 0;
         waitpid(child, &status, 0);
-        return status == 0 ? m_ended->load() : -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
-    Shared* m_ended = nullptr;
     CNxThread* m_worker = nullptr;
     CNxTimerPreciseWrapperID* m_timer = nullptr;
 };
@@ -97,8 +82,8 @@ TEST_F(ForkedChild, HasNeitherTheThreadsNorTheLocksNorTheCleanUpOfItsParent) {
         // Forked within an event, for whose end the parent's main thread waits. To a leak checker
         // all that only the main thread's stack leads to is lost in such a child.
 #if !defined(__SANITIZE_ADDRESS__)
-        Must(NxSendCall(*parent.m_worker->GetEventQueue(), [&parent] {
-            StopHere(parent.EndedByChild([] {}) == 0);
+        Must(NxSendCall(*parent.m_worker->GetEventQueue(), [] {
+            StopHere(Parent::EndedByChild([] {}) == 0);
             return NX_OK;
         }));
 #endif
@@ -120,16 +105,16 @@ TEST_F(ForkedChild, HasNeitherTheThreadsNorTheLocksNorTheCleanUpOfItsParent) {
             }
         });
         for (int i = 0; i < c_children; ++i) {
-            StopHere(parent.EndedByChild([&] {
-                Manager()->GetAndIncreamUserType();
-                parent.m_timer->Cancel();
-                reactor.Close();
-                StopHere(parent.m_worker->Join() == NX_ERROR_FAILURE &&
-                         !parent.m_worker->IsRunning());
-                StopHere(Manager()->GetThread(NX_THREAD_NETWORK) == nullptr);
-                Must(Manager()->StopAllThreads(nullptr));
-                Must(Manager()->JoinAllThreads());
-            }) == 0);
+            StopHere(Parent::EndedByChild([&] {
+                         Manager()->GetAndIncreamUserType();
+                         parent.m_timer->Cancel();
+                         reactor.Close();
+                         StopHere(parent.m_worker->Join() == NX_ERROR_FAILURE &&
+                                  !parent.m_worker->IsRunning());
+                         StopHere(Manager()->GetThread(NX_THREAD_NETWORK) == nullptr);
+                         Must(Manager()->StopAllThreads(nullptr));
+                         Must(Manager()->JoinAllThreads());
+                     }) == 0);
         }
         stop = true;
         busy.join();
@@ -151,10 +136,10 @@ TEST_F(ForkedChild, StartsAndEndsThreadsOfItsOwn) {
             Must(timer->Schedule(&sink, CNxTimeValue(0, 10000), 0, NX_THREAD_NETWORK));
             YieldUntil([] { return sink.m_calls != 0; });
             parent.m_timer->Cancel();
-            new CountsItsEnd(*parent.m_ended);
+            new CountsItsEnd;
         };
         // Its own clean-up object alone.
-        StopHere(parent.EndedByChild(live) == 1);
+        StopHere(Parent::EndedByChild(live) == 1);
     };
     ExpectEnd(body);
 }

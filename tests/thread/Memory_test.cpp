@@ -1,13 +1,12 @@
 // When memory runs out: every allocation of each operation fails in turn.
 #include <nx/event/CNxEventQueueUsingMutex.h>
-#include <nx/event/NxCall.h>
 #include <nx/timer/CNxTimedCall.h>
 #include <nx/timer/CNxTimerPriorityQueue.h>
 #include <nx/timer/CNxTimerQueueCalendar.h>
 #include <nx/timer/CNxTimerQueueOrderedList.h>
 
 #include <array>
-#include <memory>
+#include <initializer_list>
 
 #include "../support/FailingNew.h"
 #include "../support/SimulatedClock.h"
@@ -15,36 +14,13 @@
 
 namespace {
 
-// Repeats the operation until none of its allocations is left to fail. It returns
-// NX_ERROR_FAILURE each time before; `check` is called after each.
-void Sweep(const std::function<NxResult()>& operation, const std::function<void(bool)>& check) {
-    for (long n = 0;; ++n) {
-        NxResult result = NX_OK;
-        bool failed = false;
-        {
-            const FailingNew memory(n, FailingNew::ONCE);
-            result = operation();
-            failed = FailingNew::CountFailed() != 0;
-        }
-        EXPECT_EQ(result, failed ? NX_ERROR_FAILURE : NX_OK) << "allocation " << n;
-        check(failed);
-        if (!failed) {
-            return;
-        }
-    }
-}
-
-TEST(Memory, NeitherStoppingNorACallThatAQueueHasRoomForNeedsAny) {
-    for (const int calls : {0, 3}) {
-        auto worker = std::make_unique<Worker>(0);
-        const auto call = [&worker] { return NxSendCall(*worker->Get()->GetEventQueue(), [] {}); };
-        // The queue and its loop have a buffer each.
-        for (int i = 1; i < calls; ++i) {
-            EXPECT_EQ(call(), NX_OK);
-        }
-        const FailingNew memory(0, FailingNew::ONWARDS);
-        EXPECT_EQ(calls != 0 ? call() : NX_OK, NX_OK);
-        worker.reset();
+// Each allocation of the operation fails in turn, until it gets through.
+void Sweep(const std::function<NxResult()>& operation) {
+    for (long n = 0, failed = 1; failed != 0; ++n) {
+        const FailingNew memory(n, FailingNew::ONCE);
+        const NxResult result = operation();
+        failed = FailingNew::CountFailed();
+        EXPECT_EQ(result, failed != 0 ? NX_ERROR_FAILURE : NX_OK) << "allocation " << n;
     }
 }
 
@@ -71,55 +47,37 @@ struct Handler : INxTimerHandler {
     int m_calls = 0;
 };
 
-template <class Queue, class Fire>
-void ExpectTimersToStay(Queue&& queue, Fire fire) {
-    SimulatedClock clock;
-    Handler handlers[2];
-    const CNxTimeValue interval(0, 10000);
-    for (Handler& handler : handlers) {
-        Sweep([&] { return queue.ScheduleTimer(&handler, nullptr, interval, 0); }, [](bool) {});
-    }
-    {
-        const FailingNew memory(0, FailingNew::ONWARDS);
-        const NxResult replaced = queue.ScheduleTimer(handlers, nullptr, interval, 0);
-        EXPECT_TRUE(replaced == NX_ERROR_FOUND || replaced == NX_ERROR_FAILURE);
-        for (int i = 0; i < 3; ++i) {
-            clock.Advance(10000);
-            fire(queue);
-        }
-    }
-    EXPECT_EQ(handlers[0].m_calls, handlers[1].m_calls);
-    for (Handler& handler : handlers) {
-        EXPECT_GE(handler.m_calls, 3);
-        EXPECT_EQ(queue.CancelTimer(&handler), NX_OK);
-    }
-}
-
 // A refused timer leaves what was there, and firing and arming again need no memory at all.
 TEST(Memory, TimerQueueWithoutItRefusesAndKeepsWhatItHas) {
-    const auto checkExpire = [](CNxTimerQueueBase& queue) { queue.CheckExpire(nullptr); };
-    const auto tick = [](CNxTimerQueueCalendar& calendar) {
-        calendar.TimerTick();
-        calendar.TimerTick();
-    };
-    ExpectTimersToStay(CNxTimerQueueOrderedList(nullptr), checkExpire);
-    ExpectTimersToStay(CNxTimerPriorityQueue(nullptr), checkExpire);
-    ExpectTimersToStay(CNxTimerQueueCalendar(10, 1000, nullptr), tick);
-}
-
-TEST(Memory, ThreadThatIsNotMadeLeavesNothing) {
-    Manager();  // without memory it throws
-    CNxThread* thread = nullptr;
-    const auto end = [&thread](bool failed) {
-        EXPECT_EQ(thread == nullptr, failed);
-        if (thread != nullptr) {
-            StopAndDestroy(std::exchange(thread, nullptr));
+    SimulatedClock clock;
+    CNxTimerQueueOrderedList list(nullptr);
+    CNxTimerPriorityQueue heap(nullptr);
+    CNxTimerQueueCalendar calendar(10, 1000, nullptr);
+    const CNxTimeValue interval(0, 10000);
+    for (INxTimerQueue* const queue :
+         std::initializer_list<INxTimerQueue*>{&list, &heap, &calendar}) {
+        Handler handlers[2];
+        for (Handler& handler : handlers) {
+            Sweep([&] { return queue->ScheduleTimer(&handler, nullptr, interval, 0); });
         }
-    };
-    for (const int withTimers : {0, 1}) {
-        Sweep([&] { return Manager()->CreateUserTaskThread(thread, c_joinable, withTimers); }, end);
+        {
+            const FailingNew memory(0, FailingNew::ONWARDS);
+            const NxResult replaced = queue->ScheduleTimer(handlers, nullptr, interval, 0);
+            EXPECT_TRUE(replaced == NX_ERROR_FOUND || replaced == NX_ERROR_FAILURE);
+            for (int i = 0; i < 3; ++i) {
+                clock.Advance(10000);
+                list.CheckExpire(nullptr);
+                heap.CheckExpire(nullptr);
+                calendar.TimerTick();
+                calendar.TimerTick();
+            }
+        }
+        EXPECT_EQ(handlers[0].m_calls, handlers[1].m_calls);
+        for (Handler& handler : handlers) {
+            EXPECT_GE(handler.m_calls, 3);
+            EXPECT_EQ(queue->CancelTimer(&handler), NX_OK);
+        }
     }
-    EXPECT_EQ(Manager()->GetThread(NX_THREAD_USER), nullptr);
 }
 
 TEST(Memory, TimedCallWithoutItIsRefusedAndThePendingOneStays) {
@@ -128,27 +86,26 @@ TEST(Memory, TimedCallWithoutItIsRefusedAndThePendingOneStays) {
     CNxTimerPriorityQueue timers(nullptr);
     CNxTimedCall call;
     Must(call.RunAfter(timers, CNxTimeValue(), [&calls] { ++calls; }));
-    Sweep([&] { return call.RunAfter(timers, CNxTimeValue(), large); },
-          [&timers](bool) { timers.CheckExpire(nullptr); });
+    Sweep([&] {
+        const NxResult result = call.RunAfter(timers, CNxTimeValue(), large);
+        timers.CheckExpire(nullptr);
+        return result;
+    });
     EXPECT_EQ(calls, 11);
 }
 
-using MemoryEnd = ProcessEnd;
-
 // Which one, so that the line leads to the culprit.
-TEST_F(MemoryEnd, ExceptionThatLeavesACallbackEndsTheProcessWithItsName) {
+TEST(MemoryEnd, ExceptionThatLeavesACallbackEndsTheProcessWithItsName) {
+    ::testing::GTEST_FLAG(death_test_style) = "threadsafe";
     const auto post = [] { Worker().Do([]() -> NxResult { throw std::bad_alloc(); }); };
     EXPECT_DEATH(post(), "exception.*OnEventFire.*bad_alloc");
     struct Thrower : INxTimerHandler {
         void OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) override { throw 1; }
     };
-    const auto fire = [] {
-        Thrower handler;
-        CNxTimerQueueOrderedList queue(nullptr);
-        Must(queue.ScheduleTimer(&handler, nullptr, CNxTimeValue(), 1));
-        queue.CheckExpire(nullptr);
-    };
-    EXPECT_DEATH(fire(), "exception.*OnTimeout");
+    Thrower handler;
+    CNxTimerQueueOrderedList queue(nullptr);
+    Must(queue.ScheduleTimer(&handler, nullptr, CNxTimeValue(), 1));
+    EXPECT_DEATH(queue.CheckExpire(nullptr), "exception.*OnTimeout");
 }
 
 }  // namespace
