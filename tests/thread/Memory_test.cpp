@@ -1,5 +1,6 @@
 // When memory runs out: every allocation of each operation fails in turn.
 #include <nx/event/CNxEventQueueUsingMutex.h>
+#include <nx/event/NxCall.h>
 #include <nx/timer/CNxTimedCall.h>
 #include <nx/timer/CNxTimerPriorityQueue.h>
 #include <nx/timer/CNxTimerQueueCalendar.h>
@@ -21,6 +22,20 @@ void Sweep(const std::function<NxResult()>& operation) {
         const NxResult result = operation();
         failed = FailingNew::CountFailed();
         EXPECT_EQ(result, failed != 0 ? NX_ERROR_FAILURE : NX_OK) << "allocation " << n;
+    }
+}
+
+TEST(Memory, NeitherStoppingNorACallThatAQueueHasRoomForNeedsAny) {
+    for (const int calls : {0, 3}) {
+        CNxThread* const worker = StartWorker(0);
+        const auto call = [worker] { return NxSendCall(*worker->GetEventQueue(), [] {}); };
+        // The queue and its loop have a buffer each.
+        for (int i = 1; i < calls; ++i) {
+            EXPECT_EQ(call(), NX_OK);
+        }
+        const FailingNew memory(0, FailingNew::ONWARDS);
+        EXPECT_EQ(calls != 0 ? call() : NX_OK, NX_OK);
+        StopAndDestroy(worker);
     }
 }
 
