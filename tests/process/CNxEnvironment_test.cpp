@@ -17,9 +17,9 @@ TEST(CNxEnvironment, IsACopyWhoseNamesAreMatchedWholeAndBadOnesRefused) {
     EXPECT_NE(nullptr, std::getenv("PATH"));
 
     environment = CNxEnvironment();
-    for (const auto& [name, text] : {std::pair("AB", "1"), {"A", "2"}, {"AB", ""}}) {
-        EXPECT_EQ(NX_OK, environment.Set(name, text));
-    }
+    EXPECT_EQ(NX_OK, environment.Set("AB", "1"));
+    EXPECT_EQ(NX_OK, environment.Set("A", "2"));
+    EXPECT_EQ(NX_OK, environment.Set("AB", ""));
     for (const CNxString& name : {CNxString(), CNxString("A="), CNxString("A\0", 2)}) {
         EXPECT_EQ(NX_ERROR_INVALID_ARG, environment.Set(name, "x"));
         EXPECT_EQ(NX_ERROR_NOT_FOUND, environment.Get(name, value));
