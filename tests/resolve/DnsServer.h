@@ -11,7 +11,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <cstring>
 #include <map>
 #include <mutex>
 #include <new>
@@ -48,7 +47,7 @@ public:
 
     CNxString GetText() const { return m_address.GetHostPort(); }
 
-    // Names below "test" have the address 10.0.0.1, others are none, unless it is said here.
+    // Every name has the address 10.0.0.1 unless it is said here.
     void Put(const std::string& name, const DnsAnswer& answer) {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_answers.insert_or_assign(name, answer);
@@ -121,11 +120,7 @@ private:
             ++m_queries[name];
         }
         const auto found = m_answers.find(name);
-        const bool isTest =
-            nameSize > 6 && std::string(name).substr(std::strlen(name) - 5) == ".test";
-        const DnsAnswer answer = found != m_answers.end() ? found->second
-                                 : isTest                 ? DnsAnswer{{"10.0.0.1"}}
-                                                          : DnsAnswer{{}, 0, DnsAnswer::NO_NAME};
+        const DnsAnswer answer = found != m_answers.end() ? found->second : DnsAnswer{{"10.0.0.1"}};
         const bool isCutOff = isDatagram && answer.kind == DnsAnswer::CUT_OFF;
         return answer.kind == DnsAnswer::SILENCE ? "" : Compose(question, type, answer, isCutOff);
     }
