@@ -1,8 +1,6 @@
-// Reference counts, the clean-up list and singletons.
+// The clean-up list and singletons.
 #include <gtest/gtest.h>
-#include <nx/foundation/CNxAutoPtr.h>
 #include <nx/foundation/CNxCleanUpBase.h>
-#include <nx/foundation/CNxReferenceControl.h>
 #include <nx/foundation/CNxSingleton.h>
 
 #include <atomic>
@@ -11,27 +9,6 @@
 #include <vector>
 
 namespace {
-
-class Counted : public CNxReferenceControlT<CNxMutexThread> {
-public:
-    ~Counted() override { ++s_deleted; }
-    inline static std::atomic<int> s_deleted{0};
-};
-
-TEST(CNxReferenceControlT, ManyThreadsAgreeOnTheLastRelease) {
-    CNxAutoPtr<Counted> shared(new Counted);
-    std::vector<std::future<void>> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.push_back(std::async(std::launch::async, [copy = shared] {
-            for (int round = 0; round < 2000; ++round) {
-                const CNxAutoPtr<Counted> another(copy);
-            }
-        }));
-    }
-    shared.Reset();
-    threads.clear();
-    EXPECT_EQ(Counted::s_deleted, 1);
-}
 
 std::string g_order;
 
