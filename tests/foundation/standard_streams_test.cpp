@@ -62,7 +62,6 @@ private:
 };
 
 class StandardStreams : public testing::TestWithParam<const char*> {};
-
 INSTANTIATE_TEST_SUITE_P(, StandardStreams, testing::Values("pipe", "socket", "terminal"));
 
 TEST_P(StandardStreams, AStalledReaderIsWaitedForOnceServedWhenItReadsAndMayGo) {
