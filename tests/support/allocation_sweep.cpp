@@ -8,6 +8,7 @@
 #include <tests/support/FailingNew.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <climits>
 #include <csignal>
@@ -34,8 +35,9 @@ void Count(NxResult result) {
     s_refused += NxSucceeded(result) ? 0 : 1;
 }
 
-class Ticker : public INxTimerHandler {
+class Ticker : public INxTimerHandler, public CNxTimerPreciseWrapperIDSink {
     void OnTimeout(const CNxTimeValue& /*now*/, void* /*token*/) override {}
+    void OnTimer(CNxTimerPreciseWrapperID* /*id*/) override {}
 };
 
 // What the network thread is asked to do: within a callback nothing may be thrown.
@@ -51,11 +53,30 @@ void Ask(INxReactor& reactor, bool waits, void (*function)(INxReactor&)) {
 }
 
 Ticker s_tickers[c_timers];
+// Never destroyed: the reactor that calls it goes first when it was not cancelled.
+CNxTimedCall& s_call = *new CNxTimedCall;
+
+// Made in the life, which starts the thread that calls it.
+CNxTimerPreciseWrapperID& PreciseTimer() {
+    static CNxTimerPreciseWrapperID s_timer;
+    return s_timer;
+}
+
+// Without memory timers are refused; nothing is thrown.
+void Schedule(INxTimerQueue& timers, CNxTimedCall& call) noexcept {
+    for (Ticker& ticker : s_tickers) {
+        Count(timers.ScheduleTimer(&ticker, nullptr, CNxTimeValue(0, 1000), 3));
+    }
+    Count(call.RunAfter(timers, CNxTimeValue(0, 1000),
+                        [large = std::array<long, 50>()] { static_cast<void>(large); }));
+}
 
 void Open(INxReactor& reactor) {
-    for (Ticker& ticker : s_tickers) {
-        Count(reactor.ScheduleTimer(&ticker, nullptr, CNxTimeValue(0, 1000), 3));
-    }
+    Schedule(reactor, s_call);
+    CNxTimerPreciseWrapperID& precise = PreciseTimer();
+    [&precise]() noexcept {
+        Count(precise.Schedule(s_tickers, CNxTimeValue(0, 10000), 0, NX_THREAD_NETWORK));
+    }();
     CNxT120Trace::instance()->trace_string(21, "open", false);
 }
 
@@ -63,6 +84,8 @@ void Close(INxReactor& reactor) {
     for (Ticker& ticker : s_tickers) {
         reactor.CancelTimer(&ticker);
     }
+    s_call.Cancel();
+    PreciseTimer().Cancel();
 }
 
 class EchoSink : public INxConnectionSink {
@@ -105,6 +128,9 @@ void Live() {
     }
     INxReactor& reactor = *network->GetReactor();
     Ask(reactor, true, Open);
+    CNxTimerQueueOrderedList list(nullptr);
+    CNxTimedCall call;
+    Schedule(list, call);
     for (int i = 0; i < c_posts; ++i) {
         Ask(reactor, false, [](INxReactor&) {});
     }

@@ -1,6 +1,5 @@
 // The main thread in this process; every way of ending a process in processes of
 // their own.
-#include <nx/event/NxCall.h>
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/thread/CNxThreadDummy.h>
 #include <nx/thread/CNxThreadHeartBeat.h>
@@ -44,7 +43,6 @@ TEST(ThreadManager, EndedThreadIsNotTakenForALaterOneWithItsId) {
     running.Do([&] {
         EXPECT_EQ(Manager()->GetThread(NX_THREAD_CALLING), running.Get());
         EXPECT_FALSE(CNxThreadManager::IsEqualCurrentThread(ended->GetThreadType()));
-        return NX_OK;
     });
     ended->Destory(0);
 }

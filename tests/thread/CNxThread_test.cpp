@@ -1,4 +1,3 @@
-#include <nx/event/NxCall.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/reactor/CNxReactorSelect.h>
 #include <nx/thread/CNxReactorThreadProxy.h>
@@ -6,7 +5,7 @@
 #include <nx/thread/CNxTimerWrapperID.h>
 #include <nx/timer/CNxTimedCall.h>
 
-#include <deque>
+#include <future>
 #include <vector>
 
 #include "../reactor/ReactorSupport.h"
@@ -20,14 +19,11 @@ constexpr auto c_detached = CNxThreadManager::FLAG_DETACHED;
 TEST(Thread, IsCalledByItsTypeOrAsItIsTold) {
     const Worker worker;
     char name[16] = "";
-    const auto ask = [&] { return pthread_getname_np(pthread_self(), name, sizeof(name)); };
-    EXPECT_EQ(NxSendCall(*worker->GetEventQueue(), ask).GetValue(), 0);
+    const auto ask = [&] { pthread_getname_np(pthread_self(), name, sizeof(name)); };
+    worker.Do(ask);
     EXPECT_EQ(name, "nx-task-" + std::to_string(worker.GetType()));
-    const auto rename = [&] {
-        worker->SetName("a name that is longer");
-        return ask();
-    };
-    EXPECT_EQ(NxSendCall(*worker->GetEventQueue(), rename).GetValue(), 0);
+    worker.Do([&] { worker->SetName("a name that is longer"); });
+    worker.Do(ask);
     EXPECT_STREQ(name, "a name that is ");
     EXPECT_EQ(worker->GetName(), name);
 }
@@ -49,13 +45,11 @@ TEST(Thread, NoPostIsStrandedByALoopThatFallsAsleep) {
             }
             EXPECT_EQ(counts.m_fired, 600);
         };
-        std::deque<std::thread> posters;
-        for (int poster = 0; poster < 8; ++poster) {
-            posters.emplace_back(post);
+        std::vector<std::future<void>> posters(8);
+        for (std::future<void>& poster : posters) {
+            poster = std::async(std::launch::async, post);
         }
-        for (std::thread& poster : posters) {
-            poster.join();
-        }
+        posters.clear();
         StopAndDestroy(thread);
     }
 }
@@ -67,20 +61,18 @@ TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
         EventCounts counts;
         INxEventQueue* const queue = thread->GetEventQueue();
         std::atomic<bool> go{false};
-        const auto joinItself = [&] {
+        Must(NxPostCall(*queue, [&] {
             YieldUntil([&go] { return go.load(); });
-            return thread->Join();
-        };
-        queue->PostEvent(new CountedEvent(counts, joinItself));
+            EXPECT_EQ(thread->Join(), NX_ERROR_FAILURE);
+        }));
         // Priorities do not change the order.
         for (int i = 1; i <= 100; ++i) {
             const auto inTurn = [&counts, i] {
-                EXPECT_EQ(counts.m_fired, i + 1);
+                EXPECT_EQ(counts.m_fired, i);
                 return NX_OK;
             };
-            queue->PostEvent(new CountedEvent(counts, inTurn), i % 2 == 0
-                                                                   ? INxEventQueue::PRIORITY_HIGH
-                                                                   : INxEventQueue::PRIORITY_LOW);
+            const auto priority = static_cast<INxEventQueue::EPriority>(i % 3);
+            Must(queue->PostEvent(new CountedEvent(counts, inTurn), priority));
         }
         EXPECT_EQ(thread->Stop(nullptr), NX_OK);
         EXPECT_EQ(thread->Stop(nullptr), NX_ERROR_NOT_INITIALIZED);
@@ -88,7 +80,7 @@ TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
         go = true;
         // Joining itself must not have counted.
         EXPECT_EQ(thread->Join(), NX_OK);
-        EXPECT_EQ(counts.m_fired, 101);
+        EXPECT_EQ(counts.m_fired, 100);
         EXPECT_TRUE(counts.AllDestroyed());
         thread->Destory(0);
     }

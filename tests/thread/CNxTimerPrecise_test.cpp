@@ -51,7 +51,7 @@ struct Timer : CNxTimerPreciseWrapperIDSink {
         m_faults += m_id->Cancel() != NX_OK;
         m_id.reset();
         // What the target has begun is let through.
-        m_target.Do([] { return NX_OK; });
+        m_target.Do([] {});
         m_gone = 1;
     }
 

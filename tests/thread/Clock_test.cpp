@@ -44,7 +44,7 @@ TEST(Clock, StepMovesTheTimersOfAThreadThatSleeps) {
     Expiry expiry;
     const Worker worker;
     worker.Do([&] {
-        return worker->GetTimerQueue()->ScheduleTimer(&expiry, nullptr, CNxTimeValue(3600), 1);
+        Must(worker->GetTimerQueue()->ScheduleTimer(&expiry, nullptr, CNxTimeValue(3600), 1));
     });
     CNxThreadManager::SleepMs(20);
     clock.Advance(c_hour);

@@ -1,6 +1,5 @@
 // What a child of fork(2) has of its parent's threads, and how it ends. Every parent is a process
 // of its own; a child that hangs is ended by the time limit of the test.
-#include <nx/event/NxCall.h>
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/reactor/CNxReactorSelect.h>
 #include <sys/wait.h>

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <nx/event/NxCall.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadManager.h>
 #include <nx/thread/CNxTimerPreciseWrapperID.h>
@@ -64,11 +65,8 @@ public:
     int GetType() const { return m_thread->GetThreadType(); }
 
     // Returns when the thread has done it.
-    void Do(CountedEvent::Action action) const {
-        EventCounts counts;
-        EXPECT_EQ(m_thread->GetEventQueue()->SendEvent(new CountedEvent(counts, std::move(action))),
-                  NX_OK);
-        EXPECT_EQ(counts.m_fired, 1);
+    void Do(const std::function<void()>& action) const {
+        EXPECT_EQ(NxSendCall(*m_thread->GetEventQueue(), action), NX_OK);
     }
 
 private:
