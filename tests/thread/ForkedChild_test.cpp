@@ -65,83 +65,62 @@ void StopHere(bool asExpected) {
     }
 }
 
-// The thread sanitizer keeps every process for a second at its end.
-#if defined(__SANITIZE_THREAD__)
+// A sanitizer keeps a process at its end or has an allocator that is not made for forks among
+// threads.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr int c_children = 5;
-#elif defined(__SANITIZE_ADDRESS__)
-constexpr int c_children = 20;  // whose allocator is not made for forks among threads
 #else
 constexpr int c_children = 100;
 #endif
 
 // Whatever the parent's other threads hold at the moment of the fork.
-TEST_F(ForkedChild, HasNeitherTheThreadsNorTheLocksNorTheCleanUpOfItsParent) {
+TEST_F(ForkedChild, HasNeitherTheThreadsNorTheLocksNorTheCleanUpOfItsParentButItsOwn) {
     const auto body = [] {
         Parent parent;
-        // Forked within an event, for whose end the parent's main thread waits. To a leak checker
-        // all that only the main thread's stack leads to is lost in such a child.
-#if !defined(__SANITIZE_ADDRESS__)
-        Must(NxSendCall(*parent.m_worker->GetEventQueue(), [] {
-            StopHere(Parent::EndedByChild([] {}) == 0);
-            return NX_OK;
-        }));
-#endif
+        // Forked within an event, for whose end the parent's main thread waits.
+        Must(NxSendCall(*parent.m_worker->GetEventQueue(),
+                        [] { StopHere(Parent::EndedByChild([] {}) == 0); }));
         std::atomic<bool> stop{false};
         CNxReactorSelect reactor;
         Must(reactor.Open());
         // The child has no stack that leads to it. Made before any fork: with the lock of the exit
         // handlers held a child could not end.
         static CNxTimerPreciseWrapperID timer;
-        std::thread busy([&stop] {
+        std::thread busy([&] {
             while (!stop) {
                 Manager()->GetAndIncreamUserType();
                 timer.Cancel();
-            }
-        });
-        std::thread posts([&] {
-            while (!stop) {
                 reactor.GetPendingEventsCount();
             }
         });
+        const auto look = [&] {
+            Manager()->GetAndIncreamUserType();
+            parent.m_timer->Cancel();
+            reactor.Close();
+            StopHere(parent.m_worker->Join() == NX_ERROR_FAILURE && !parent.m_worker->IsRunning());
+            StopHere(Manager()->GetThread(NX_THREAD_NETWORK) == nullptr);
+            Must(Manager()->StopAllThreads(nullptr));
+            Must(Manager()->JoinAllThreads());
+        };
         for (int i = 0; i < c_children; ++i) {
-            StopHere(Parent::EndedByChild([&] {
-                         Manager()->GetAndIncreamUserType();
-                         parent.m_timer->Cancel();
-                         reactor.Close();
-                         StopHere(parent.m_worker->Join() == NX_ERROR_FAILURE &&
-                                  !parent.m_worker->IsRunning());
-                         StopHere(Manager()->GetThread(NX_THREAD_NETWORK) == nullptr);
-                         Must(Manager()->StopAllThreads(nullptr));
-                         Must(Manager()->JoinAllThreads());
-                     }) == 0);
+            StopHere(Parent::EndedByChild(look) == 0);
         }
         stop = true;
         busy.join();
-        posts.join();
-    };
-    ExpectEnd(body);
-}
-
-// The thread sanitizer ends a forked child that starts a thread.
-#if !defined(__SANITIZE_THREAD__)
-TEST_F(ForkedChild, StartsAndEndsThreadsOfItsOwn) {
-    const auto body = [] {
-        Parent parent;
+#if !defined(__SANITIZE_THREAD__)  // which ends a forked child that starts a thread
         const auto live = [&parent] {
-            CNxThread* const network = StartNetwork();
-            Must(NxSendCall(*network->GetEventQueue(), [] {}));
+            Must(NxSendCall(*StartNetwork()->GetEventQueue(), [] {}));
             static CountingSink sink;
-            static auto* const timer = new CNxTimerPreciseWrapperID;
-            Must(timer->Schedule(&sink, CNxTimeValue(0, 10000), 0, NX_THREAD_NETWORK));
+            static auto* const own = new CNxTimerPreciseWrapperID;
+            Must(own->Schedule(&sink, CNxTimeValue(0, 10000), 0, NX_THREAD_NETWORK));
             YieldUntil([] { return sink.m_calls != 0; });
             parent.m_timer->Cancel();
             new CountsItsEnd;
         };
-        // Its own clean-up object alone.
         StopHere(Parent::EndedByChild(live) == 1);
+#endif
     };
     ExpectEnd(body);
 }
-#endif
 
 }  // namespace
