@@ -6,7 +6,6 @@
 #include <nx/resolve/CNxDnsManager.h>
 #include <tests/process/Children.h>
 #include <tests/resolve/DnsServer.h>
-#include <tests/support/FailingNew.h>
 #include <tests/thread/ThreadSupport.h>
 
 #include <random>
@@ -266,30 +265,6 @@ TEST_F(CNxDnsManagerTest, CancelledObserverIsNotTold) {
     other.join();
     Dns()->SetCacheSize(4096);
     EXPECT_GT(waits, 0);
-}
-
-TEST_F(CNxDnsManagerTest, ObserverIsToldOnceWhicheverAllocationFails) {
-#if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "the sanitizer has an operator new of its own";
-#endif
-    // Where a socket cannot be watched its answers are not read.
-    Must(Dns()->SetTimeout(CNxTimeValue(0, 20000), 8));
-    int refused = 0;
-    for (int i = 0; i < 180; ++i) {
-        const CNxString host((std::to_string(i) + ".a-long-name.memory.test").c_str());
-        Told told;
-        // The first ones start the thread, in which later allocations fail as well.
-        const FailingNew fault(i % 60, FailingNew::ONCE);
-        const NxResult asked = Ask(host, &told);
-        const bool waits = asked == NX_ERROR_WOULD_BLOCK;
-        EXPECT_TRUE(waits || asked == NX_ERROR_FAILURE);
-        YieldUntil([&] { return !waits || told.m_calls != 0; });
-        EXPECT_EQ(told.m_calls, waits ? 1 : 0);
-        refused += waits ? 0 : 1;
-        Dns()->CancelResolve(&told);
-    }
-    EXPECT_GT(refused, 0);
-    EXPECT_LT(refused, 180);
 }
 
 TEST_F(CNxDnsManagerTest, ForkedChildLooksUpByItself) {

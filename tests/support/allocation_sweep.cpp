@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -114,6 +115,30 @@ void UseGroup() {
     static_cast<void>(group.Stop({0, 100000}));
 }
 
+class Asker : public INxObserver {
+public:
+    void OnObserve(const char* /*topic*/, void* /*record*/) override { m_isTold = true; }
+    std::atomic<bool> m_isTold{false};
+};
+
+// Who waits for an answer gets it, be it that there is nobody to give one.
+void UseResolver(CNxThread& thread) {
+    CNxDnsManager& dns = *CNxDnsManager::Instance();
+    Count(dns.SetServers("127.0.0.1:1"));
+    Count(dns.SetTimeout(CNxTimeValue(0, 1000), 1));
+    const CNxString name = "a-long-name.memory.test";
+    Asker asker;
+    const auto ask = [&]() noexcept {
+        CNxDnsRecord* record = nullptr;
+        return dns.AsyncResolve(record, name, &asker, 0, &thread);
+    };
+    const NxResult asked = ask();
+    Count(asked == NX_ERROR_WOULD_BLOCK ? NX_OK : asked);
+    while (asked == NX_ERROR_WOULD_BLOCK && !asker.m_isTold) {
+        std::this_thread::yield();
+    }
+}
+
 void Live() {
     char name[] = "allocation_sweep";
     char* arguments[] = {name, nullptr};
@@ -135,6 +160,7 @@ void Live() {
         Ask(reactor, false, [](INxReactor&) {});
     }
     try {
+        UseResolver(*network);
         UseGroup();
     } catch (const std::bad_alloc&) {
         ++s_refused;
