@@ -3,14 +3,13 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <utility>
 
+#include "../process/Children.h"
 #include "TraceFiles.h"
 
 namespace {
@@ -132,17 +131,17 @@ TEST_F(CNxT120TraceFileTest, RefusesWhatAnotherUserMayHavePlanted) {
 
 TEST_F(CNxT120TraceFileTest, SetsTheModeOfFilesThatItMakesAndOfNoOthers) {
     const mode_t umaskBefore = umask(077);
-    for (const auto& [mode, expected] : {std::pair(-1, 0666), {0640, 0640}, {-1, 0640}}) {
-        CNxT120TraceFile::SetMode(mode);
-        if (mode == 0640) {
-            std::filesystem::remove(m_path);
-        }
-        CNxT120TraceFile(m_path.c_str(), 0, 1, 1).write("Log", "Info", "x");
-        EXPECT_EQ(ModeOf(m_path), expected);
-    }
-    const std::string own = m_folder.Path("own");
-    CNxT120TraceFile(own.c_str(), 0, 0, 1).write("Log", "Info", "x");
-    EXPECT_EQ(ModeOf(own), 0600);
+    const auto modeMade = [&](const char* name, unsigned char shared) {
+        CNxT120TraceFile(m_folder.Path(name).c_str(), 0, shared, 1).write("Log", "Info", "x");
+        return ModeOf(m_folder.Path(name));
+    };
+    EXPECT_EQ(modeMade("all", 1), 0666);
+    EXPECT_EQ(modeMade("own", 0), 0600);
+    CNxT120TraceFile::SetMode(0640);
+    EXPECT_EQ(modeMade("group", 1), 0640);
+    EXPECT_EQ(modeMade("all", 1), 0666);
+    CNxT120TraceFile::SetMode(-1);
+    EXPECT_EQ(modeMade("group", 1), 0640);
     umask(umaskBefore);
 }
 
@@ -150,12 +149,10 @@ TEST_F(CNxT120TraceFileTest, SetsTheModeOfFilesThatItMakesAndOfNoOthers) {
 TEST_F(CNxT120TraceFileTest, AParentAndItsChildMayTakeTurnsInAPrivateFile) {
     CNxT120TraceFile file(m_path.c_str(), 0, 0, 1);
     file.write("Log", "Info", "parent");
-    const pid_t child = fork();
-    if (child == 0) {
+    Child([&] {
         file.write("Log", "Info", "child");
-        _exit(0);
-    }
-    waitpid(child, nullptr, 0);
+        return 0;
+    }).Wait();
     file.write("Log", "Info", "parent again");
     EXPECT_EQ(TextsIn(m_path), (Texts{"Info:parent", "Info:child", "Info:parent again"}));
 }
