@@ -1,5 +1,5 @@
 // What a step of the wall clock moves, and what it does not.
-#include <nx/thread/CNxTimerPreciseManager.h>
+#include <nx/timer/CNxTimedCall.h>
 
 #include <chrono>
 
@@ -32,23 +32,19 @@ TEST(Clock, StepKeepsNoPreciseTimerStopOrJoinWaiting) {
     }
 }
 
-class Expiry : public INxTimerHandler {
-public:
-    void OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) override { m_isFired = true; }
-    std::atomic<bool> m_isFired{false};
-};
-
 // One that is not noticed runs into the time limit of the test.
 TEST(Clock, StepMovesTheTimersOfAThreadThatSleeps) {
     SimulatedClock clock;
-    Expiry expiry;
+    std::atomic<bool> isFired{false};
+    CNxTimedCall call;
     const Worker worker;
     worker.Do([&] {
-        Must(worker->GetTimerQueue()->ScheduleTimer(&expiry, nullptr, CNxTimeValue(3600), 1));
+        const auto fire = [&isFired] { isFired = true; };
+        Must(call.RunAfter(*worker->GetTimerQueue(), CNxTimeValue(3600), fire));
     });
     CNxThreadManager::SleepMs(20);
     clock.Advance(c_hour);
-    YieldUntil([&] { return expiry.m_isFired.load(); });
+    YieldUntil([&] { return isFired.load(); });
 }
 
 using ClockChoice = ProcessEnd;
