@@ -27,10 +27,8 @@ TEST(CNxEnvironment, IsACopyWhoseNamesAreMatchedWholeAndBadOnesRefused) {
     }
     EXPECT_EQ(NX_ERROR_INVALID_ARG, environment.Set("A", CNxString("x\0", 2)));
     EXPECT_EQ((Texts{"AB=", "A=2"}), environment.GetEntries());
-}
 
-TEST(CNxEnvironment, AFolderGoesToTheFrontOfTheLibraryPathOnce) {
-    CNxEnvironment environment;
+    // A folder goes to the front of the library path, once.
     EXPECT_EQ(NX_OK, environment.Set("LD_LIBRARY_PATH", "/a;/b::/c"));
     EXPECT_EQ(NX_OK, environment.AddLibraryPath("/c"));
     EXPECT_EQ(NX_ERROR_INVALID_ARG, environment.AddLibraryPath("/a:/b"));

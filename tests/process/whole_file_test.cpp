@@ -91,14 +91,13 @@ TEST_F(WholeFile, WhatIsRefusedOrFailsLeavesTheOldContentAndNothingElse) {
     EXPECT_EQ(NX_ERROR_INVALID_ARG, Write(link, "new"));
     ASSERT_EQ(0, unlink(link.c_str()));
     EXPECT_EQ(NX_ERROR_NOT_FOUND, Write(m_folder.Path("none/file"), "new"));
-    Child child([&] {
+    InChild([&] {
         std::signal(SIGXFSZ, SIG_IGN);
         const rlimit limit{5000, 5000};
         setrlimit(RLIMIT_FSIZE, &limit);
-        const NxResult result = Write(m_path, std::string(100000, 'x'));
-        return result == NX_ERROR_FAILURE && errno == EFBIG ? 0 : 1;
+        EXPECT_EQ(NX_ERROR_FAILURE, Write(m_path, std::string(100000, 'x')));
+        EXPECT_EQ(EFBIG, errno);
     });
-    EXPECT_EQ(0, child.Wait());
     ExpectOneFileOf("old", 0600);
 }
 

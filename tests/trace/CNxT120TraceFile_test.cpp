@@ -149,10 +149,7 @@ TEST_F(CNxT120TraceFileTest, SetsTheModeOfFilesThatItMakesAndOfNoOthers) {
 TEST_F(CNxT120TraceFileTest, AParentAndItsChildMayTakeTurnsInAPrivateFile) {
     CNxT120TraceFile file(m_path.c_str(), 0, 0, 1);
     file.write("Log", "Info", "parent");
-    Child([&] {
-        file.write("Log", "Info", "child");
-        return 0;
-    }).Wait();
+    InChild([&] { file.write("Log", "Info", "child"); });
     file.write("Log", "Info", "parent again");
     EXPECT_EQ(TextsIn(m_path), (Texts{"Info:parent", "Info:child", "Info:parent again"}));
 }
