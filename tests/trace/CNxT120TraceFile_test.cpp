@@ -35,7 +35,7 @@ protected:
 TEST_F(CNxT120TraceFileTest, BeginsAgainWithTheFirstRecordThatFindsItsLimitReached) {
     CNxT120TraceFile(m_path.c_str(), 0, 1, 1).write("Log", "Info", "x");
     const size_t record = ReadWhole(m_path).size() - HEADER_SIZE - MARKER.size();
-    for (const size_t more : {0, 1}) {
+    for (const size_t more : {0UL, 1UL}) {
         CNxT120TraceFile file(m_path.c_str(), HEADER_SIZE + 3 * record + more, 1, 1);
         for (const char* text : {"1", "2", "3", "4"}) {
             file.write("Log", "Info", text);
