@@ -10,7 +10,8 @@ static_assert(CNxTimeValue(1, 500000) + CNxTimeValue(0, 500000) == CNxTimeValue(
 static_assert(CNxTimeValue(1.25).GetTotalInMsec() == 1250);
 // Less means later, the others are ordinary.
 static_assert(CNxTimeValue(2) < CNxTimeValue(1) && !(CNxTimeValue(1) < CNxTimeValue(1)));
-static_assert(CNxTimeValue(0, 1) > CNxTimeValue(0, -1) && CNxTimeValue(1) >= CNxTimeValue(1));
+static_assert(CNxTimeValue(0, 1) > CNxTimeValue(0, -1));
+static_assert(CNxTimeValue(1) >= CNxTimeValue(1));
 static_assert(CNxTimeValue(-1, -5) <= CNxTimeValue(-1) && !(CNxTimeValue() > CNxTimeValue()));
 
 namespace {
