@@ -157,6 +157,8 @@ TEST_F(CNxDnsManagerTest, AskersOfOneNameShareOneQueryWhoseDescriptorsAreCloseOn
         return flags;
     };
     Resolve("open.test");
+    // Its sockets are closed when the resolver has come back from telling.
+    Must(NxSendCall(*Manager()->GetThreadEventQueue(NX_THREAD_RESOLVER), [] {}));
     const auto before = list();
     std::vector<Told> shared(2000);
     m_server.Pause(true);
