@@ -1,8 +1,7 @@
-// The time value: normalisation against a literal model, extremes, comparisons.
+// The time value: normalisation, extremes, comparisons.
 #include <gtest/gtest.h>
 #include <nx/foundation/CNxTimeValue.h>
 
-#include <cstdlib>
 #include <limits>
 #include <type_traits>
 
@@ -11,7 +10,8 @@ static_assert(CNxTimeValue(1, 500000) + CNxTimeValue(0, 500000) == CNxTimeValue(
 static_assert(CNxTimeValue(1.25).GetTotalInMsec() == 1250);
 // Less means later, the others are ordinary.
 static_assert(CNxTimeValue(2) < CNxTimeValue(1) && !(CNxTimeValue(1) < CNxTimeValue(1)));
-static_assert(CNxTimeValue(0, 1) > CNxTimeValue(0, -1) && CNxTimeValue(1) >= CNxTimeValue(1));
+static_assert(CNxTimeValue(0, 1) > CNxTimeValue(0, -1));
+static_assert(CNxTimeValue(1) >= CNxTimeValue(1));
 static_assert(CNxTimeValue(-1, -5) <= CNxTimeValue(-1) && !(CNxTimeValue() > CNxTimeValue()));
 
 namespace {
@@ -24,21 +24,14 @@ void ExpectFields(const CNxTimeValue& value, long sec, long usec) {
     EXPECT_EQ(value.GetUsec(), usec);
 }
 
-// Carries in steps of a second.
-TEST(CNxTimeValue, NormalisesAsCarryingInStepsDoes) {
-    for (long first = -4; first <= 4; ++first) {
-        for (long start = -2500000; start <= 2500000; start += 100000 - start % 3) {
-            const CNxTimeValue value(first, start);
-            long sec = first;
-            long usec = start;
-            for (; std::abs(usec) > 999999 || sec * usec<0; usec -= usec> 0 ? 1000000 : -1000000) {
-                sec += usec > 0 ? 1 : -1;
-            }
-            SCOPED_TRACE(testing::Message() << first << ", " << start);
-            ExpectFields(value, sec, usec);
-        }
+TEST(CNxTimeValue, SecondsAndMicrosecondsHaveOneSign) {
+    for (const long sign : {1, -1}) {
+        ExpectFields(CNxTimeValue(0, sign * 2500000), sign * 2, sign * 500000);
+        ExpectFields(CNxTimeValue(sign, sign * 1000000), sign * 2, 0);
+        ExpectFields(CNxTimeValue(sign, sign * -1), 0, sign * 999999);
+        ExpectFields(CNxTimeValue(sign, sign * -1500000), 0, sign * -500000);
+        ExpectFields(timeval{sign * 2, sign * -300000}, sign, sign * 700000);
     }
-    ExpectFields(timeval{2, -300000}, 1, 700000);
 }
 
 TEST(CNxTimeValue, ExtremesWrapInsteadOfOverflowing) {

@@ -1,22 +1,12 @@
-// Conversions, splitting, environment references.
+// Splitting, environment references.
 #include <gtest/gtest.h>
 #include <nx/foundation/CNxUtils.h>
 
 #include <cstdlib>
-#include <limits>
 
 namespace {
 
 using Pieces = std::vector<CNxString>;
-
-TEST(CNxUtils, ConvertsNumbersOfEveryBaseAndSize) {
-    unsigned long u64 = 0;
-    EXPECT_EQ(StrToU64(U64ToStr(18446744073709551615U), u64), NX_OK);
-    EXPECT_EQ(u64, 18446744073709551615U);
-    long i64 = 0;
-    EXPECT_EQ(StrTo64(" -9223372036854775808", i64), NX_OK);
-    EXPECT_EQ(i64, std::numeric_limits<long>::min());
-}
 
 TEST(CNxUtils, SplitsWithItsSurprises) {
     const struct {

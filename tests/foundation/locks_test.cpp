@@ -1,4 +1,4 @@
-// Mutexes, condition, event object and semaphore.
+// Condition, event object and semaphore.
 #include <gtest/gtest.h>
 #include <nx/foundation/CNxEventThread.h>
 #include <nx/foundation/CNxMutexThread.h>
@@ -10,20 +10,6 @@
 #include <vector>
 
 namespace {
-
-// The analysis does not know mutexes that are locked again. In checking builds this one knows its
-// holder.
-TEST(CNxMutexThreadRecursive, IsHeldUntilUnlockedAsOftenAsLocked) NX_NO_THREAD_SAFETY_ANALYSIS {
-    CNxMutexThreadRecursive mutex;
-    ASSERT_EQ(mutex.Lock(), NX_OK);
-    ASSERT_EQ(mutex.Lock(), NX_OK);
-    EXPECT_EQ(mutex.UnLock(), NX_OK);
-    mutex.AssertHeld();
-    EXPECT_EQ(mutex.UnLock(), NX_OK);
-#ifndef __SANITIZE_THREAD__  // which reports the call itself
-    EXPECT_EQ(mutex.UnLock(), NX_ERROR_FAILURE);
-#endif
-}
 
 TEST(CNxConditionVariableThread, TimesOutAtOnceForPastAndAbsurdDeadlines) {
     CNxMutexThread mutex;

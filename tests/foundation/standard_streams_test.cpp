@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <nx/foundation/high_descriptor.h>
 #include <nx/foundation/standard_streams.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -63,7 +62,6 @@ private:
 };
 
 class StandardStreams : public testing::TestWithParam<const char*> {};
-
 INSTANTIATE_TEST_SUITE_P(, StandardStreams, testing::Values("pipe", "socket", "terminal"));
 
 TEST_P(StandardStreams, AStalledReaderIsWaitedForOnceServedWhenItReadsAndMayGo) {
@@ -95,18 +93,6 @@ TEST(StandardOutput, KeepsTheOrderOfTheProgramsLinesAndItsOwn) {
     std::printf("3");
     PrintToStdout("%s", std::string(5000, '4').c_str());
     EXPECT_EQ(out.Read(), "123" + std::string(4096, '4'));
-}
-
-TEST(HighDescriptor, TakesTheNumbersOfStandardStreamsFromNobody) {
-    const int saved = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
-    close(STDIN_FILENO);
-    const int fd = ToHighDescriptor(open("/dev/null", O_RDWR));
-    EXPECT_GT(fd, 2);
-    EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
-    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
-    close(fd);
-    dup2(saved, STDIN_FILENO);
-    close(saved);
 }
 
 }  // namespace

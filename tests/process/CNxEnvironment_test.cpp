@@ -17,9 +17,9 @@ TEST(CNxEnvironment, IsACopyWhoseNamesAreMatchedWholeAndBadOnesRefused) {
     EXPECT_NE(nullptr, std::getenv("PATH"));
 
     environment = CNxEnvironment();
-    for (const auto& [name, text] : {std::pair("AB", "1"), {"A", "2"}, {"AB", ""}}) {
-        EXPECT_EQ(NX_OK, environment.Set(name, text));
-    }
+    EXPECT_EQ(NX_OK, environment.Set("AB", "1"));
+    EXPECT_EQ(NX_OK, environment.Set("A", "2"));
+    EXPECT_EQ(NX_OK, environment.Set("AB", ""));
     for (const CNxString& name : {CNxString(), CNxString("A="), CNxString("A\0", 2)}) {
         EXPECT_EQ(NX_ERROR_INVALID_ARG, environment.Set(name, "x"));
         EXPECT_EQ(NX_ERROR_NOT_FOUND, environment.Get(name, value));
@@ -27,10 +27,8 @@ TEST(CNxEnvironment, IsACopyWhoseNamesAreMatchedWholeAndBadOnesRefused) {
     }
     EXPECT_EQ(NX_ERROR_INVALID_ARG, environment.Set("A", CNxString("x\0", 2)));
     EXPECT_EQ((Texts{"AB=", "A=2"}), environment.GetEntries());
-}
 
-TEST(CNxEnvironment, AFolderGoesToTheFrontOfTheLibraryPathOnce) {
-    CNxEnvironment environment;
+    // A folder goes to the front of the library path, once.
     EXPECT_EQ(NX_OK, environment.Set("LD_LIBRARY_PATH", "/a;/b::/c"));
     EXPECT_EQ(NX_OK, environment.AddLibraryPath("/c"));
     EXPECT_EQ(NX_ERROR_INVALID_ARG, environment.AddLibraryPath("/a:/b"));

@@ -24,10 +24,19 @@ TEST(CNxProcessInfo, TellsOfAChildByNameToItsEnd) {
     });
     const pid_t pid = child.GetPid();
     ASSERT_EQ(pid, waitpid(pid, nullptr, WUNTRACED));
+    // While others come and go.
+    const Child spawner([]() -> int {
+        for (;;) {
+            Child([] { return 0; }).Wait();
+        }
+    });
     std::vector<CNxProcessInfo> found;
-    EXPECT_EQ(NX_OK, CNxProcessInfo::FindByName(name, found));
-    EXPECT_EQ(NX_ERROR_NOT_FOUND, CNxProcessInfo::FindByName("no such process", found));
-    ASSERT_EQ(1u, found.size());
+    for (int i = 0; i < 20; ++i) {
+        found.clear();
+        EXPECT_EQ(NX_ERROR_NOT_FOUND, CNxProcessInfo::FindByName("no such process", found));
+        EXPECT_EQ(NX_OK, CNxProcessInfo::FindByName(name, found));
+        ASSERT_EQ(1u, found.size());
+    }
     const CNxProcessInfo& info = found[0];
     EXPECT_EQ(pid, info.GetPid());
     EXPECT_EQ(getpid(), info.GetParent());
@@ -62,18 +71,6 @@ TEST(CNxProcessInfo, IsAliveWithoutItsFirstThread) {
     }
     EXPECT_TRUE(Read(child.GetPid()).IsAlive());
     EXPECT_LE(2u, Read(child.GetPid()).GetThreads());
-}
-
-TEST(CNxProcessInfo, ListsWhileProcessesComeAndGo) {
-    const Child spawner([]() -> int {
-        for (;;) {
-            Child([] { return 0; }).Wait();
-        }
-    });
-    for (int i = 0; i < 20; ++i) {
-        std::vector<CNxProcessInfo> infos;
-        EXPECT_EQ(NX_OK, CNxProcessInfo::List(infos));
-    }
 }
 
 }  // namespace

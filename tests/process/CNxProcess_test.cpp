@@ -84,16 +84,15 @@ TEST_F(CNxProcessTest, HasTheDescriptorsThatItWasGivenAndNoOther) {
 }
 
 TEST_F(CNxProcessTest, SignalsAreAtTheirDefaultsAndUnblocked) {
-    Child child([] {
+    InChild([] {
         std::signal(SIGPIPE, SIG_IGN);
         sigset_t all;
         sigfillset(&all);
         sigprocmask(SIG_BLOCK, &all, nullptr);
         // The C library has uses of its own for two of those above.
         const char* const script = "grep -c 'Sig[BI].*0000000$' /proc/self/status";
-        return PrintedBy(Shell(script)) == "2\n" ? 0 : 1;
+        EXPECT_EQ("2\n", PrintedBy(Shell(script)));
     });
-    EXPECT_EQ(0, child.Wait());
 }
 
 TEST_F(CNxProcessTest, WhatCannotBeStartedIsToldAndLeavesNothing) {
@@ -139,11 +138,7 @@ TEST_F(CNxProcessTest, WaitingHasALimitStoppingEndsInSigkillAndTheNextCanBegin) 
 TEST_F(CNxProcessTest, DoesNotOutliveItsObjectUnlessThatIsACopyInAForkedChild) {
     const CNxProcessStart start = Shell("exec sleep 1000");
     ASSERT_EQ(NX_OK, m_process.Start(start));
-    Child child([&] {
-        m_process.~CNxProcess();
-        return 0;
-    });
-    EXPECT_EQ(0, child.Wait());
+    InChild([&] { m_process.~CNxProcess(); });
     EXPECT_EQ(NX_OK, m_process.Stop(m_minute, m_end));
     EXPECT_EQ(-SIGTERM, Await(m_process));
     EXPECT_EQ(NX_OK, CNxProcess().Start(start));
@@ -151,19 +146,16 @@ TEST_F(CNxProcessTest, DoesNotOutliveItsObjectUnlessThatIsACopyInAForkedChild) {
 
 // The system takes the end away, of some before they are looked for.
 TEST_F(CNxProcessTest, IsStartedAlsoWhereSigchldIsIgnored) {
-    Child child([] {
+    InChild([&] {
         std::signal(SIGCHLD, SIG_IGN);
         CNxProcessStart start;
         start.m_program = "/bin/true";
-        bool isRight = true;
-        for (int i = 0; i < 500 && isRight; ++i) {
+        for (int i = 0; i < 500; ++i) {
             CNxProcess process;
-            CNxProcessEnd end;
-            isRight = process.Start(start) == NX_OK && process.Wait(end) == NX_ERROR_NOT_AVAILABLE;
+            ASSERT_EQ(NX_OK, process.Start(start));
+            ASSERT_EQ(NX_ERROR_NOT_AVAILABLE, process.Wait(m_end));
         }
-        return isRight ? 0 : 1;
     });
-    EXPECT_EQ(0, child.Wait());
 }
 
 }  // namespace

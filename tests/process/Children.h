@@ -43,3 +43,13 @@ public:
 private:
     pid_t m_pid;
 };
+
+// What is expected there is expected of the child.
+template <class Body>
+void InChild(const Body& body) {
+    Child child([&body] {
+        body();
+        return ::testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(0, child.Wait());
+}

@@ -4,7 +4,6 @@
 #include <nx/process/CNxProcess.h>
 #include <nx/process/CNxProcessInfo.h>
 #include <nx/process/CNxProcessLock.h>
-#include <nx/process/CatchBadAlloc.h>
 #include <nx/process/base64.h>
 #include <nx/process/whole_file.h>
 
@@ -19,23 +18,6 @@ long CountEntries(const std::string& folder) {
     return std::distance(std::filesystem::directory_iterator(folder), {});
 }
 
-NxResult ReadAndDestroy(const CNxString& path) {
-    CNxMessageBlock* block = nullptr;
-    const NxResult result = cnx_read_file(path, block);
-    if (block != nullptr) {
-        block->DestroyChained();
-    }
-    return result;
-}
-
-NxResult StartTrue() {
-    CNxProcessStart start;
-    start.m_program = "/bin/true";
-    start.m_arguments = {"an argument of some length"};
-    start.m_descriptors = {{1, 1}, {7, CNxRedirection::NULL_DEVICE}};
-    return CNxProcess().Start(start);
-}
-
 // Each allocation of the call fails once, until it gets through.
 TEST(Memory, RunsOutAsAResult) {
     const CTempFolder folder;
@@ -43,12 +25,17 @@ TEST(Memory, RunsOutAsAResult) {
     const CNxMessageBlock chain(7, "content", 0, 7);
     const CNxString text = cnx_base64_encode("content of some length", 22);
     CNxString bytes;
+    CNxMessageBlock* block = nullptr;
     CNxProcessInfo info;
+    CNxProcessStart start;
+    start.m_program = "/bin/true";
+    start.m_arguments = {"an argument of some length"};
+    start.m_descriptors = {{1, 1}, {7, CNxRedirection::NULL_DEVICE}};
     const std::function<NxResult()> calls[] = {
         [&] { return cnx_write_file(path, chain); },
-        [&] { return ReadAndDestroy(path); },
+        [&] { return cnx_read_file(path, block); },
         [&] { return CNxProcessLock().Lock(path); },
-        [] { return CatchBadAlloc(StartTrue); },
+        [&] { return CNxProcess().Start(start); },
         [&] { return CNxProcessInfo::Read(getpid(), info); },
         [&] { return cnx_base64_decode(text, bytes); },
     };
@@ -66,6 +53,7 @@ TEST(Memory, RunsOutAsAResult) {
         }
     }
     EXPECT_EQ(1, CountEntries(folder.Path()));
+    block->DestroyChained();
 }
 
 }  // namespace

@@ -4,21 +4,15 @@
 
 #include <cstdio>
 #include <thread>
-#include <vector>
 
 // show_paths [CONFIG_DIR LOG_DIR]
 int main(int argc, char** argv) {
     if (argc > 2 && (set_config_dir(argv[1]) != NX_OK || set_log_dir(argv[2]) != NX_OK)) {
         return 1;
     }
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([] { trace_setting_init(); });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    std::thread other(trace_setting_init);
     trace_setting_init();
+    other.join();
     std::printf("process %s\n", get_process_name());
     return set_log_dir("/tmp") == NX_ERROR_ALREADY_INITIALIZED ? 0 : 1;
 }

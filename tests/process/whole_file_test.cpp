@@ -13,13 +13,10 @@
 
 namespace {
 
-NxResult Write(const std::string& path, const std::string& text, mode_t mode = 0644) {
-    const CNxMessageBlock block(text.size(), text.data(), 0, text.size());
-    return cnx_write_file(path.c_str(), block, mode);
-}
-
 class WholeFile : public ::testing::Test {
 protected:
+    WholeFile() { EXPECT_EQ(0, mkfifo(m_folder.Path("pipe").c_str(), 0600)); }
+
     NxResult Read(const std::string& path, unsigned long maxSize = 1UL << 30) {
         CNxMessageBlock* block = nullptr;
         errno = 0;
@@ -33,8 +30,17 @@ protected:
         return result;
     }
 
-    long CountFiles() const {
-        return std::distance(std::filesystem::directory_iterator(m_folder.Path()), {});
+    static NxResult Write(const std::string& path, const std::string& text) {
+        const CNxMessageBlock block(text.size(), text.data(), 0, text.size());
+        return cnx_write_file(path.c_str(), block, 0600);
+    }
+
+    // Beside the pipe.
+    void ExpectOneFileOf(const std::string& text, mode_t mode) const {
+        namespace fs = std::filesystem;
+        EXPECT_EQ(text, m_folder.Get("file"));
+        EXPECT_EQ(fs::perms(mode), fs::status(m_path).permissions());
+        EXPECT_EQ(2, std::distance(fs::directory_iterator(m_folder.Path()), {}));
     }
 
     const CTempFolder m_folder;
@@ -42,10 +48,9 @@ protected:
     std::string m_text;
 };
 
-TEST_F(WholeFile, AChainOfManyBlocksComesBackWithThePermissionsOfTheFileReplaced) {
-    using std::filesystem::perms;
-    ASSERT_EQ(NX_OK, Write(m_path, "1", 0600));
-    EXPECT_EQ(perms(0600), std::filesystem::status(m_path).permissions());
+TEST_F(WholeFile, AChainOfManyBlocksIsWrittenWithThePermissionsOfTheFileReplaced) {
+    ASSERT_EQ(NX_OK, Write(m_path, "1"));
+    ExpectOneFileOf("1", 0600);
     ASSERT_EQ(0, chmod(m_path.c_str(), 0664));
     CNxMessageBlock chain(0);
     std::string all;
@@ -57,11 +62,7 @@ TEST_F(WholeFile, AChainOfManyBlocksComesBackWithThePermissionsOfTheFileReplaced
         all += text;
     }
     ASSERT_EQ(NX_OK, cnx_write_file(m_path.c_str(), chain, 0600));
-    EXPECT_EQ(NX_OK, Read(m_path));
-    EXPECT_EQ(all, m_text);
-    EXPECT_EQ(all.size(), chain.GetChainedLength());
-    EXPECT_EQ(perms(0664), std::filesystem::status(m_path).permissions());
-    EXPECT_EQ(1, CountFiles());
+    ExpectOneFileOf(all, 0664);
     chain.GetNext()->DestroyChained();
 }
 
@@ -75,35 +76,29 @@ TEST_F(WholeFile, IsReadUpToALimitAlsoWhereItCallsItselfEmpty) {
         EXPECT_EQ(EFBIG, errno);
     }
     EXPECT_EQ(NX_OK, Read(m_path, 5));
+    EXPECT_EQ("12345", m_text);
     EXPECT_EQ(NX_ERROR_NOT_FOUND, Read(m_folder.Path("none")));
 }
 
-TEST_F(WholeFile, WhatIsNoRegularFileIsNeitherReadNorReplaced) {
-    m_folder.Put("file", "old");
-    ASSERT_EQ(0, mkfifo(m_folder.Path("pipe").c_str(), 0600));
+TEST_F(WholeFile, WhatIsRefusedOrFailsLeavesTheOldContentAndNothingElse) {
+    ASSERT_EQ(NX_OK, Write(m_path, "old"));
     for (const std::string& path : {m_folder.Path(), m_folder.Path("pipe"), std::string()}) {
         EXPECT_EQ(NX_ERROR_INVALID_ARG, Read(path)) << path;
         EXPECT_EQ(NX_ERROR_INVALID_ARG, Write(path, "new")) << path;
     }
-    ASSERT_EQ(0, symlink(m_path.c_str(), m_folder.Path("link").c_str()));
-    EXPECT_EQ(NX_ERROR_INVALID_ARG, Write(m_folder.Path("link"), "new"));
-    EXPECT_EQ("old", m_folder.Get("file"));
+    const std::string link = m_folder.Path("link");
+    ASSERT_EQ(0, symlink(m_path.c_str(), link.c_str()));
+    EXPECT_EQ(NX_ERROR_INVALID_ARG, Write(link, "new"));
+    ASSERT_EQ(0, unlink(link.c_str()));
     EXPECT_EQ(NX_ERROR_NOT_FOUND, Write(m_folder.Path("none/file"), "new"));
-    EXPECT_EQ(3, CountFiles());
-}
-
-TEST_F(WholeFile, AWriteThatFailsLeavesTheOldContentAndNothingElse) {
-    m_folder.Put("file", "old");
-    Child child([&] {
+    InChild([&] {
         std::signal(SIGXFSZ, SIG_IGN);
         const rlimit limit{5000, 5000};
         setrlimit(RLIMIT_FSIZE, &limit);
-        const NxResult result = Write(m_path, std::string(100000, 'x'));
-        return result == NX_ERROR_FAILURE && errno == EFBIG ? 0 : 1;
+        EXPECT_EQ(NX_ERROR_FAILURE, Write(m_path, std::string(100000, 'x')));
+        EXPECT_EQ(EFBIG, errno);
     });
-    EXPECT_EQ(0, child.Wait());
-    EXPECT_EQ("old", m_folder.Get("file"));
-    EXPECT_EQ(1, CountFiles());
+    ExpectOneFileOf("old", 0600);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <tests/support/FailingNew.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <climits>
 #include <csignal>
@@ -15,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -34,8 +36,9 @@ void Count(NxResult result) {
     s_refused += NxSucceeded(result) ? 0 : 1;
 }
 
-class Ticker : public INxTimerHandler {
+class Ticker : public INxTimerHandler, public CNxTimerPreciseWrapperIDSink {
     void OnTimeout(const CNxTimeValue& /*now*/, void* /*token*/) override {}
+    void OnTimer(CNxTimerPreciseWrapperID* /*id*/) override {}
 };
 
 // What the network thread is asked to do: within a callback nothing may be thrown.
@@ -51,11 +54,30 @@ void Ask(INxReactor& reactor, bool waits, void (*function)(INxReactor&)) {
 }
 
 Ticker s_tickers[c_timers];
+// Never destroyed: the reactor that calls it goes first when it was not cancelled.
+CNxTimedCall& s_call = *new CNxTimedCall;
+
+// Made in the life, which starts the thread that calls it.
+CNxTimerPreciseWrapperID& PreciseTimer() {
+    static CNxTimerPreciseWrapperID s_timer;
+    return s_timer;
+}
+
+// Without memory timers are refused; nothing is thrown.
+void Schedule(INxTimerQueue& timers, CNxTimedCall& call) noexcept {
+    for (Ticker& ticker : s_tickers) {
+        Count(timers.ScheduleTimer(&ticker, nullptr, CNxTimeValue(0, 1000), 3));
+    }
+    Count(call.RunAfter(timers, CNxTimeValue(0, 1000),
+                        [large = std::array<long, 50>()] { static_cast<void>(large); }));
+}
 
 void Open(INxReactor& reactor) {
-    for (Ticker& ticker : s_tickers) {
-        Count(reactor.ScheduleTimer(&ticker, nullptr, CNxTimeValue(0, 1000), 3));
-    }
+    Schedule(reactor, s_call);
+    CNxTimerPreciseWrapperID& precise = PreciseTimer();
+    [&precise]() noexcept {
+        Count(precise.Schedule(s_tickers, CNxTimeValue(0, 10000), 0, NX_THREAD_NETWORK));
+    }();
     CNxT120Trace::instance()->trace_string(21, "open", false);
 }
 
@@ -63,6 +85,8 @@ void Close(INxReactor& reactor) {
     for (Ticker& ticker : s_tickers) {
         reactor.CancelTimer(&ticker);
     }
+    s_call.Cancel();
+    PreciseTimer().Cancel();
 }
 
 class EchoSink : public INxConnectionSink {
@@ -91,6 +115,30 @@ void UseGroup() {
     static_cast<void>(group.Stop({0, 100000}));
 }
 
+class Asker : public INxObserver {
+public:
+    void OnObserve(const char* /*topic*/, void* /*record*/) override { m_isTold = true; }
+    std::atomic<bool> m_isTold{false};
+};
+
+// Who waits for an answer gets it, be it that there is nobody to give one.
+void UseResolver(CNxThread& thread) {
+    CNxDnsManager& dns = *CNxDnsManager::Instance();
+    Count(dns.SetServers("127.0.0.1:1"));
+    Count(dns.SetTimeout(CNxTimeValue(0, 1000), 1));
+    const CNxString name = "a-long-name.memory.test";
+    Asker asker;
+    const auto ask = [&]() noexcept {
+        CNxDnsRecord* record = nullptr;
+        return dns.AsyncResolve(record, name, &asker, 0, &thread);
+    };
+    const NxResult asked = ask();
+    Count(asked == NX_ERROR_WOULD_BLOCK ? NX_OK : asked);
+    while (asked == NX_ERROR_WOULD_BLOCK && !asker.m_isTold) {
+        std::this_thread::yield();
+    }
+}
+
 void Live() {
     char name[] = "allocation_sweep";
     char* arguments[] = {name, nullptr};
@@ -105,10 +153,14 @@ void Live() {
     }
     INxReactor& reactor = *network->GetReactor();
     Ask(reactor, true, Open);
+    CNxTimerQueueOrderedList list(nullptr);
+    CNxTimedCall call;
+    Schedule(list, call);
     for (int i = 0; i < c_posts; ++i) {
         Ask(reactor, false, [](INxReactor&) {});
     }
     try {
+        UseResolver(*network);
         UseGroup();
     } catch (const std::bad_alloc&) {
         ++s_refused;

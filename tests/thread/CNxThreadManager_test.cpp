@@ -1,7 +1,6 @@
 // The main thread in this process; every way of ending a process in processes of
 // their own.
 #include <nx/foundation/CNxCleanUpBase.h>
-#include <nx/foundation/CNxReferenceControl.h>
 #include <nx/thread/CNxThreadDummy.h>
 #include <nx/thread/CNxThreadHeartBeat.h>
 #include <nx/thread/CNxThreadTask.h>
@@ -23,21 +22,14 @@ TEST(ThreadManager, MainThreadIsTheCallerAndSignalsAreBlocked) {
     EXPECT_EQ(sigismember(&blocked, SIGIO), 1);
 
     CNxThread* const worker = StartWorker(0);
-    NxResult fromWorker = NX_OK;
-    EventCounts counts;
-    worker->GetEventQueue()->SendEvent(new CountedEvent(counts, [&] {
-        fromWorker = Manager()->StopAllThreads(nullptr);
-        return Manager()->JoinAllThreads();
-    }));
-    EXPECT_EQ(fromWorker, NX_ERROR_FAILURE);
+    const auto stopAll = [] { return Manager()->StopAllThreads(nullptr); };
+    EXPECT_EQ(NxSendCall(*worker->GetEventQueue(), stopAll), NX_ERROR_FAILURE);
     // What the main thread's loop drains is its own queue.
-    mainThread->GetEventQueue()->PostEvent(
-        new CountedEvent(counts, [&] { return mainThread->Stop(nullptr); }));
+    Must(NxPostCall(*mainThread->GetEventQueue(), [=] { mainThread->Stop(nullptr); }));
     mainThread->OnThreadRun();
     EXPECT_EQ(Manager()->StopAllThreads(nullptr), NX_OK);
     EXPECT_EQ(Manager()->JoinAllThreads(), NX_OK);
     EXPECT_EQ(worker->Join(), NX_ERROR_FAILURE);
-    EXPECT_EQ(counts.m_fired, 2);
     worker->Destory(0);
     mainThread->Destory(0);
 }
@@ -51,7 +43,6 @@ TEST(ThreadManager, EndedThreadIsNotTakenForALaterOneWithItsId) {
     running.Do([&] {
         EXPECT_EQ(Manager()->GetThread(NX_THREAD_CALLING), running.Get());
         EXPECT_FALSE(CNxThreadManager::IsEqualCurrentThread(ended->GetThreadType()));
-        return NX_OK;
     });
     ended->Destory(0);
 }
@@ -75,9 +66,7 @@ TEST_F(ProcessEnd, ForgottenThreadsOfAllKindsAreStoppedAndJoined) {
     const auto body = [] {
         static std::atomic<bool> isUp{false};
         Must(Manager()->InitMainThread(0, nullptr));
-        CNxThread* out = nullptr;
-        Must(Manager()->CreateNetworkThread(NX_THREAD_NETWORK,
-                                            CNxThreadManager::CreateNetworkReactor(), out));
+        StartNetwork();
         StartWorker(1, CNxThreadManager::FLAG_DETACHED);
         Must((new CNxThreadDummy)->Init(StartWorker(), NextType()));
         auto* const heart = new CNxThreadHeartBeat;
@@ -102,17 +91,13 @@ TEST_F(ProcessEnd, ForgottenThreadsOfAllKindsAreStoppedAndJoined) {
 TEST_F(ProcessEnd, WorkerThatWaitsForTheMainThreadDoesNotKeepTheProcess) {
     for (const bool inEvent : {false, true}) {
         const auto body = [inEvent] {
-            static EventCounts counts;
             Must(Manager()->InitMainThread(0, nullptr));
             CNxThread* const mainThread = Manager()->GetThread(NX_THREAD_MAIN);
             INxEventQueue* const mainQueue = mainThread->GetEventQueue();
             const auto send = [mainQueue] {
-                const auto end = []() -> NxResult { std::exit(0); };
-                const NxResult answer = mainQueue->SendEvent(new CountedEvent(counts, end));
-                std::fprintf(stderr, "answer %u", answer);
-                return answer;
+                std::fprintf(stderr, "answer %u", NxSendCall(*mainQueue, [] { std::exit(0); }));
             };
-            StartWorker()->GetEventQueue()->PostEvent(new CountedEvent(counts, send));
+            Must(NxPostCall(*StartWorker()->GetEventQueue(), send));
             YieldUntil([mainQueue] { return mainQueue->GetPendingEventsCount() != 0; });
             if (inEvent) {
                 mainThread->OnThreadRun();
@@ -123,10 +108,9 @@ TEST_F(ProcessEnd, WorkerThatWaitsForTheMainThreadDoesNotKeepTheProcess) {
 }
 
 [[noreturn]] void PostForEver(INxEventQueue* one, INxEventQueue* two, std::atomic<bool>& refused) {
-    static EventCounts counts;
     for (;;) {
-        const NxResult first = one->PostEvent(new CountedEvent(counts));
-        const NxResult second = two->PostEvent(new CountedEvent(counts));
+        const NxResult first = NxPostCall(*one, [] {});
+        const NxResult second = NxPostCall(*two, [] {});
         refused = first == NX_ERROR_NOT_INITIALIZED && second == NX_ERROR_NOT_INITIALIZED;
     }
 }
@@ -149,106 +133,49 @@ TEST_F(ProcessEnd, ThreadsOfTheApplicationMayPostUntilTheProcessIsGone) {
     ExpectEnd(body, "all refused");
 }
 
-class EndlessThread : public CNxThread {
-public:
-    void OnThreadRun() override {
-        YieldUntil([] { return Manager()->GetThread(NX_THREAD_CALLING) == nullptr; });
-    }
-};
-
 TEST_F(ProcessEnd, ThreadThatCannotBeStoppedDoesNotKeepTheProcess) {
     const auto body = [] {
         Must(Manager()->InitMainThread(0, nullptr));
         CNxThreadManager::SetTearDownLimit(CNxTimeValue(0, 50000));
-        Must((new EndlessThread)->Create(5000, c_joinable));
+        const auto endless = [] {
+            YieldUntil([] { return Manager()->GetThread(NX_THREAD_CALLING) == nullptr; });
+        };
+        Must((new FunctionThread(endless))->Create(5000, c_joinable));
     };
     ExpectEnd(body, "thread 5000 has not ended in 50 ms");
 }
 
-// Cannot be stopped, but comes to its end.
-class WorkingThread : public CNxThread {
-public:
-    ~WorkingThread() override { std::fputs("and destroyed", stderr); }
-    void OnThreadRun() override {
-        CNxThreadManager::SleepMs(100);
-        std::fputs("done ", stderr);
-    }
-};
-
-TEST_F(ProcessEnd, ThreadThatEndsByItselfIsWaitedFor) {
-    const auto body = [] {
-        Must(Manager()->InitMainThread(0, nullptr));
-        Must((new WorkingThread)->Create(NextType(), c_joinable));
-    };
-    // The thread sanitizer has a thread of its own, so no object is destroyed.
-#if defined(__SANITIZE_THREAD__)
-    ExpectEnd(body, "done");
-#else
-    ExpectEnd(body, "done and destroyed");
-#endif
-}
-
-// Goes on with what it has to do while the process exits.
-class BusyThread : public CNxThread {
-public:
-    void OnThreadRun() override {
-        CNxThread* const old = StartWorker();
-        CNxThreadManager::SleepMs(100);
-        for (int i = 0; i < 20; ++i) {
-            StartWorker();
-        }
-        old->Stop(nullptr);
-        old->Join();
-        old->Destory(0);
-    }
-};
-
-TEST_F(ProcessEnd, ThreadsThatAreMadeAndDestroyedMeanwhileDoNotDisturbIt) {
-    const auto body = [] {
+// They may go on till then with what they have to do.
+TEST_F(ProcessEnd, ThreadsThatEndByThemselvesAreWaitedForWhateverTheyMakeAndDestroyMeanwhile) {
+    const auto end = [](int makes) {
+        const auto run = [makes] {
+            CNxThread* const old = StartWorker();
+            CNxThreadManager::SleepMs(100);
+            for (int i = 0; i < makes; ++i) {
+                StartWorker();
+            }
+            StopAndDestroy(old);
+            std::fputs("done ", stderr);
+        };
+        const auto atDeletion = [] { std::fputs("and destroyed", stderr); };
         Must(Manager()->InitMainThread(0, nullptr));
         for (int i = 0; i < 3; ++i) {
-            Must((new BusyThread)->Create(NextType(), c_joinable));
+            Must((new FunctionThread(run, atDeletion))->Create(NextType(), c_joinable));
         }
         CNxThreadManager::SleepMs(50);
     };
-    ExpectEnd(body);
+    ExpectEnd([&] { end(20); }, "(done ){3}");
+    // The thread sanitizer has a thread of its own, so no object is destroyed.
+#if !defined(__SANITIZE_THREAD__)
+    ExpectEnd([&] { end(0); }, "(done ){3}(and destroyed){3}");
+#endif
 }
 
-TEST_F(ProcessEnd, ExitOnAnotherThreadLeavesRunningThreadsAlone) {
-    for (const bool detachedMain : {false, true}) {
-        const auto body = [detachedMain] {
-            static EventCounts counts;
-            Must(Manager()->InitMainThread(0, nullptr));
-            CNxThread* const mainThread = Manager()->GetThread(NX_THREAD_MAIN);
-            StartWorker();
-            if (detachedMain) {
-                Must(Manager()->MainThreadDetachRun(mainThread));
-                return;
-            }
-            const auto end = []() -> NxResult { std::exit(0); };
-            StartWorker()->GetEventQueue()->PostEvent(new CountedEvent(counts, end));
-            mainThread->OnThreadRun();
-        };
-        ExpectEnd(body);
-    }
-}
-
-class StaticCounted : public CNxReferenceControlT<CNxMutexThread> {};
-
-TEST_F(ProcessEnd, CountedObjectsOutliveTheManager) {
+TEST_F(ProcessEnd, MainThreadThatRunsElsewhereIsLeftAlone) {
     const auto body = [] {
-        // Made before the manager, so destroyed after it.
-        static struct Holder {
-            ~Holder() {
-                m_object->AddReference();
-                m_object->ReleaseReference();
-                m_object->ReleaseReference();
-            }
-            StaticCounted* m_object = nullptr;
-        } holder;
-        holder.m_object = new StaticCounted;
-        holder.m_object->AddReference();
         Must(Manager()->InitMainThread(0, nullptr));
+        StartWorker();
+        Must(Manager()->MainThreadDetachRun(Manager()->GetThread(NX_THREAD_MAIN)));
     };
     ExpectEnd(body);
 }

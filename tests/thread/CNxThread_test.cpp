@@ -1,69 +1,55 @@
-#include <nx/event/NxCall.h>
-#include <nx/foundation/INxObserver.h>
 #include <nx/reactor/CNxReactorEpoll.h>
-#include <nx/thread/CNxThreadTask.h>
+#include <nx/reactor/CNxReactorSelect.h>
+#include <nx/thread/CNxReactorThreadProxy.h>
+#include <nx/thread/CNxThreadHeartBeat.h>
+#include <nx/thread/CNxTimerWrapperID.h>
 #include <nx/timer/CNxTimedCall.h>
 
+#include <future>
 #include <vector>
 
+#include "../reactor/ReactorSupport.h"
+#include "../support/SimulatedClock.h"
 #include "ThreadSupport.h"
 
 namespace {
 
 constexpr auto c_detached = CNxThreadManager::FLAG_DETACHED;
 
-// Each waits for its last event, so that the loop falls asleep and is woken as often as it can be.
-void PostFromManyThreads(INxEventQueue& queue) {
-    std::vector<std::thread> posters;
-    for (int poster = 0; poster < 8; ++poster) {
-        posters.emplace_back([&queue] {
-            EventCounts counts;
-            for (int round = 0; round < 300; ++round) {
-                for (int post = 0; post <= round % 3; ++post) {
-                    ASSERT_EQ(queue.PostEvent(new CountedEvent(counts)), NX_OK);
-                }
-                YieldUntil([&counts] { return counts.AllDestroyed(); });
-            }
-            EXPECT_EQ(counts.m_fired, 600);
-        });
-    }
-    for (std::thread& poster : posters) {
-        poster.join();
-    }
-}
-
-// As the system has it.
-CNxString NameOf(CNxThread& thread, const char* newName = nullptr) {
-    char name[16] = "";
-    EventCounts counts;
-    thread.GetEventQueue()->SendEvent(new CountedEvent(counts, [&] {
-        if (newName != nullptr) {
-            thread.SetName(newName);
-        }
-        return pthread_getname_np(pthread_self(), name, sizeof(name)) == 0 ? NX_OK
-                                                                           : NX_ERROR_FAILURE;
-    }));
-    EXPECT_EQ(thread.GetName(), name);
-    return name;
-}
-
 TEST(Thread, IsCalledByItsTypeOrAsItIsTold) {
     const Worker worker;
-    EXPECT_EQ(NameOf(*worker.Get()),
-              CNxString("nx-task-") + CNxString(std::to_string(worker.GetType())));
-    EXPECT_EQ(NameOf(*worker.Get(), "a name that is longer"), "a name that is ");
-    CNxThread* thread = nullptr;
-    Must(Manager()->CreateNetworkThread(2, CNxThreadManager::CreateNetworkReactor(), thread));
-    EXPECT_EQ(NameOf(*thread), "nx-reactor-2");
-    StopAndDestroy(thread);
+    char name[16] = "";
+    const auto ask = [&] { pthread_getname_np(pthread_self(), name, sizeof(name)); };
+    worker.Do(ask);
+    EXPECT_EQ(name, "nx-task-" + std::to_string(worker.GetType()));
+    worker.Do([&] { worker->SetName("a name that is longer"); });
+    worker.Do(ask);
+    EXPECT_STREQ(name, "a name that is ");
+    EXPECT_EQ(worker->GetName(), name);
 }
 
+// Each poster waits for its last event, so that the loop falls asleep and is woken as often as it
+// can be.
 TEST(Thread, NoPostIsStrandedByALoopThatFallsAsleep) {
     CNxThread* network = nullptr;
     Must(Manager()->CreateReactorThread(NextType(), CNxThreadManager::CreateNetworkReactor(),
                                         network));
     for (CNxThread* const thread : {StartWorker(), network}) {
-        PostFromManyThreads(*thread->GetEventQueue());
+        const auto post = [queue = thread->GetEventQueue()] {
+            EventCounts counts;
+            for (int round = 0; round < 300; ++round) {
+                for (int i = 0; i <= round % 3; ++i) {
+                    ASSERT_EQ(queue->PostEvent(new CountedEvent(counts)), NX_OK);
+                }
+                YieldUntil([&counts] { return counts.AllDestroyed(); });
+            }
+            EXPECT_EQ(counts.m_fired, 600);
+        };
+        std::vector<std::future<void>> posters(8);
+        for (std::future<void>& poster : posters) {
+            poster = std::async(std::launch::async, post);
+        }
+        posters.clear();
         StopAndDestroy(thread);
     }
 }
@@ -75,20 +61,18 @@ TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
         EventCounts counts;
         INxEventQueue* const queue = thread->GetEventQueue();
         std::atomic<bool> go{false};
-        const auto joinItself = [&] {
+        Must(NxPostCall(*queue, [&] {
             YieldUntil([&go] { return go.load(); });
-            return thread->Join();
-        };
-        queue->PostEvent(new CountedEvent(counts, joinItself));
+            EXPECT_EQ(thread->Join(), NX_ERROR_FAILURE);
+        }));
         // Priorities do not change the order.
         for (int i = 1; i <= 100; ++i) {
             const auto inTurn = [&counts, i] {
-                EXPECT_EQ(counts.m_fired, i + 1);
+                EXPECT_EQ(counts.m_fired, i);
                 return NX_OK;
             };
-            queue->PostEvent(new CountedEvent(counts, inTurn), i % 2 == 0
-                                                                   ? INxEventQueue::PRIORITY_HIGH
-                                                                   : INxEventQueue::PRIORITY_LOW);
+            const auto priority = static_cast<INxEventQueue::EPriority>(i % 3);
+            Must(queue->PostEvent(new CountedEvent(counts, inTurn), priority));
         }
         EXPECT_EQ(thread->Stop(nullptr), NX_OK);
         EXPECT_EQ(thread->Stop(nullptr), NX_ERROR_NOT_INITIALIZED);
@@ -96,57 +80,39 @@ TEST(Thread, StopFiresWhatWasPostedBeforeAndRefusesWhatComesLater) {
         go = true;
         // Joining itself must not have counted.
         EXPECT_EQ(thread->Join(), NX_OK);
-        EXPECT_EQ(counts.m_fired, 101);
+        EXPECT_EQ(counts.m_fired, 100);
         EXPECT_TRUE(counts.AllDestroyed());
         thread->Destory(0);
     }
 }
 
-// Tells when it is gone.
-class ShortThread : public CNxThread {
-public:
-    ShortThread(std::atomic<int>& deleted, std::atomic<int>& mayEnd, NxResult onCreate = NX_OK)
-        : m_deleted(deleted), m_mayEnd(mayEnd), m_onCreate(onCreate) {}
-    ~ShortThread() override { ++m_deleted; }
-
-    NxResult OnCreate() override { return m_onCreate; }
-    void OnThreadRun() override {
-        YieldUntil([this] { return m_mayEnd != 0; });
-    }
-
-private:
-    std::atomic<int>& m_deleted;
-    std::atomic<int>& m_mayEnd;
-    const NxResult m_onCreate;
-};
-
 TEST(Thread, DetachedObjectIsDeletedByTheSecondOfEndAndDestory) {
     for (const bool endFirst : {true, false}) {
-        std::atomic<int> deleted{0};
-        std::atomic<int> mayEnd{0};
-        auto* const thread = new ShortThread(deleted, mayEnd);
+        std::atomic<bool> mayEnd{endFirst};
+        std::atomic<bool> isDeleted{false};
+        const auto run = [&] { YieldUntil([&] { return mayEnd.load(); }); };
+        auto* const thread = new FunctionThread(run, [&] { isDeleted = true; });
         ASSERT_EQ(thread->Create(NextType(), c_detached), NX_OK);
         EXPECT_EQ(thread->Join(), NX_ERROR_FAILURE);
-        if (endFirst) {
-            mayEnd = 1;
-            YieldUntil([thread] { return !thread->IsRunning(); });
-            EXPECT_EQ(deleted, 0);
-            thread->Destory(0);
-        } else {
-            thread->Destory(0);
-            EXPECT_EQ(deleted, 0);
-            mayEnd = 1;
-        }
-        YieldUntil([&deleted] { return deleted != 0; });
+        YieldUntil([&] { return !endFirst || !thread->IsRunning(); });
+        EXPECT_FALSE(isDeleted);
+        thread->Destory(0);
+        EXPECT_TRUE(endFirst || !isDeleted);
+        mayEnd = true;
+        YieldUntil([&] { return isDeleted.load(); });
     }
 }
 
+struct RefusingThread : FunctionThread {
+    using FunctionThread::FunctionThread;
+    NxResult OnCreate() override { return NX_ERROR_FAILURE; }
+};
+
 TEST(Thread, RefusingOnCreateDeletesTheObjectAndTellsTheCreator) {
     for (const auto flags : {c_joinable, c_detached}) {
-        std::atomic<int> deleted{0};
-        std::atomic<int> mayEnd{1};
+        int deleted = 0;
         const int type = NextType();
-        auto* const thread = new ShortThread(deleted, mayEnd, NX_ERROR_FAILURE);
+        auto* const thread = new RefusingThread([] {}, [&] { ++deleted; });
         EXPECT_EQ(thread->Create(type, flags), NX_ERROR_NULL_POINTER);
         EXPECT_EQ(deleted, 1);
         EXPECT_EQ(Manager()->GetThread(type), nullptr);
@@ -155,49 +121,16 @@ TEST(Thread, RefusingOnCreateDeletesTheObjectAndTellsTheCreator) {
 
 // What its thread reports to lies on its stack.
 TEST(Thread, ACancelledCreatorWaitsUntilItsThreadIsUp) {
-    std::atomic<int> deleted{0};
-    std::atomic<int> mayEnd{1};
-    auto* const thread = new ShortThread(deleted, mayEnd);
+    auto* const thread = new FunctionThread([] {});
     NxResult created = NX_ERROR_NOT_AVAILABLE;
-    std::thread creator([&] {
+    std::thread([&] {
         pthread_cancel(pthread_self());
         created = thread->Create(NextType(), c_joinable);
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    });
-    creator.join();
+    }).join();
     ASSERT_EQ(created, NX_OK);
     EXPECT_EQ(thread->Join(), NX_OK);
     thread->Destory(0);
-}
-
-class ReactorWhoseWaitingFails : public CNxReactorEpoll {
-public:
-    NxResult RunEventLoop() override { return m_fails ? NX_ERROR_FAILURE : NX_OK; }
-    static inline bool m_fails = true;
-};
-
-class EndObserver : public INxObserver {
-public:
-    void OnObserve(const char* topic, void* data) override {
-        EXPECT_STREQ(topic, "ThreadEnd");
-        m_ended.push_back(static_cast<CNxThread*>(data));
-    }
-    std::vector<CNxThread*> m_ended;
-};
-
-TEST(Thread, LoopThatEndsByItselfIsReported) {
-    EndObserver observer;
-    CNxThreadManager::SetThreadEndObserver(&observer);
-    for (const bool fails : {false, true}) {
-        ReactorWhoseWaitingFails::m_fails = fails;
-        CNxThread* thread = nullptr;
-        ASSERT_EQ(Manager()->CreateReactorThread(NextType(), new ReactorWhoseWaitingFails, thread),
-                  NX_OK);
-        EXPECT_EQ(thread->Join(), NX_OK);
-        EXPECT_EQ(observer.m_ended, std::vector<CNxThread*>(fails ? 1 : 0, thread));
-        thread->Destory(0);
-    }
-    CNxThreadManager::SetThreadEndObserver(nullptr);
 }
 
 // As if another thread had found it in the registry.
@@ -230,6 +163,47 @@ TEST(Thread, TimersOfAJoinedOneAreCancelledOnAnyOther) {
     EXPECT_EQ(worker->Join(), NX_OK);
     call.Cancel();
     worker->Destory(0);
+}
+
+TEST(Thread, ItsReactorTakesHandlersFromAnyOtherByItsProxy) {
+    const int type = NextType();
+    CNxThread* thread = nullptr;
+    Must(Manager()->CreateReactorThread(type, new CNxReactorSelect, thread));
+    CNxReactorThreadProxyImp proxy(thread->GetReactor(), type);
+    End end;
+    EXPECT_EQ(proxy.RegisterHandler(&end, NX_MASK_WRITE | NX_MASK_READ), NX_OK);
+    EXPECT_EQ(proxy.RegisterHandler(&end, NX_MASK_READ), NX_ERROR_FOUND);
+    EXPECT_EQ(proxy.RemoveHandler(&end, NX_MASK_READ), NX_OK);
+    StopAndDestroy(thread);
+}
+
+struct DeletingSink : CNxTimerWrapperIDSink {
+    void OnTimer(CNxTimerWrapperID* id) override {
+        ++m_calls;
+        delete id;
+    }
+    int m_calls = 0;
+};
+
+TEST(Thread, ItsTimersMayBeDestroyedWhileScheduledAndFromTheirOwnCallback) {
+    SimulatedClock clock;
+    auto* const thread = new CNxThreadHeartBeat;
+    Must(thread->CreateNotRun(NextType(), c_joinable));
+    thread->OnThreadInit();
+    DeletingSink sink;
+    const CNxTimeValue second(1);
+    {
+        CNxTimerWrapperID scheduled;
+        EXPECT_EQ(scheduled.Schedule(&sink, second, 0), NX_OK);
+        EXPECT_EQ(scheduled.Schedule(&sink, second, 2), NX_ERROR_FOUND);
+    }
+    EXPECT_EQ((new CNxTimerWrapperID)->Schedule(&sink, second, 0), NX_OK);
+    for (int pass = 0; pass < 2; ++pass) {
+        clock.Advance(1000000);
+        thread->DoHeartBeat();
+    }
+    EXPECT_EQ(sink.m_calls, 1);
+    thread->Destory(0);
 }
 
 }  // namespace

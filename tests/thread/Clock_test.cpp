@@ -1,7 +1,5 @@
 // What a step of the wall clock moves, and what it does not.
-#include <nx/foundation/CNxEventThread.h>
-#include <nx/thread/CNxTimerPreciseManager.h>
-#include <sys/resource.h>
+#include <nx/timer/CNxTimedCall.h>
 
 #include <chrono>
 
@@ -10,9 +8,6 @@
 
 namespace {
 
-using std::chrono::milliseconds;
-using std::chrono::steady_clock;
-
 constexpr long c_hour = 3600L * 1000000;
 
 // Sets the simulated wall clock to the real time and that much beyond.
@@ -20,18 +15,6 @@ void SetWallClock(SimulatedClock& clock, long usecFromNow) {
     const auto real = std::chrono::system_clock::now().time_since_epoch();
     const long now = std::chrono::duration_cast<std::chrono::microseconds>(real).count();
     clock.Advance(now + usecFromNow - CNxTimeValue::GetTimeOfDay().GetTotalInMsec() * 1000);
-}
-
-TEST(Clock, WaitLastsAsLongAsItSaysWhateverTheWallClockShows) {
-    for (const long step : {-c_hour, c_hour}) {
-        SimulatedClock clock;
-        SetWallClock(clock, step);
-        CNxEventThread never;
-        CNxTimeValue timeout(0, 30000);
-        const auto start = steady_clock::now();
-        EXPECT_EQ(never.Wait(&timeout), NX_ERROR_TIMEOUT);
-        EXPECT_GE(steady_clock::now() - start, milliseconds(30));
-    }
 }
 
 // A step at each of these moments; a wait that follows it runs into the time limit of the test.
@@ -49,47 +32,19 @@ TEST(Clock, StepKeepsNoPreciseTimerStopOrJoinWaiting) {
     }
 }
 
-class Expiry : public INxTimerHandler {
-public:
-    void OnTimeout(const CNxTimeValue& /*curTime*/, void* /*token*/) override { m_isFired = true; }
-    std::atomic<bool> m_isFired{false};
-};
-
 // One that is not noticed runs into the time limit of the test.
 TEST(Clock, StepMovesTheTimersOfAThreadThatSleeps) {
     SimulatedClock clock;
-    Expiry expiry;
+    std::atomic<bool> isFired{false};
+    CNxTimedCall call;
     const Worker worker;
     worker.Do([&] {
-        return worker->GetTimerQueue()->ScheduleTimer(&expiry, nullptr, CNxTimeValue(3600), 1);
+        const auto fire = [&isFired] { isFired = true; };
+        Must(call.RunAfter(*worker->GetTimerQueue(), CNxTimeValue(3600), fire));
     });
     CNxThreadManager::SleepMs(20);
     clock.Advance(c_hour);
-    YieldUntil([&] { return expiry.m_isFired.load(); });
-}
-
-long CountSleeps() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return usage.ru_nvcsw;
-}
-
-TEST(Clock, PreciseTimersSleepUntilTheNextIsDue) {
-    CountingSink sink;
-    CNxTimerPreciseWrapperID far;
-    CNxTimerPreciseWrapperID near;
-    const Worker worker(0);
-    Must(far.Schedule(&sink, CNxTimeValue(3600), 0, worker.GetType()));
-    EXPECT_FALSE(CNxTimerPreciseManager::Instance()->IsStopped());
-    const long before = CountSleeps();
-    CNxThreadManager::SleepMs(300);
-    EXPECT_LT(CountSleeps() - before, 10);
-    // Wakes a thread that was going to sleep for long, and counts from now.
-    const auto start = steady_clock::now();
-    Must(near.Schedule(&sink, CNxTimeValue(0, 20000), 1, worker.GetType()));
-    YieldUntil([&] { return sink.m_calls != 0; });
-    EXPECT_GE(steady_clock::now() - start, milliseconds(20));
-    EXPECT_EQ(far.Cancel(), NX_OK);
+    YieldUntil([&] { return isFired.load(); });
 }
 
 using ClockChoice = ProcessEnd;

@@ -2,75 +2,58 @@
 // of its own; a child that hangs is ended by the time limit of the test.
 #include <nx/foundation/CNxCleanUpBase.h>
 #include <nx/reactor/CNxReactorSelect.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <new>
 
 #include "ThreadSupport.h"
 
 namespace {
 
-using Shared = std::atomic<int>;
+bool s_isChild = false;
+int s_ended = 0;
 
-// Counts in memory that parent and child share.
 class CountsItsEnd : public CNxCleanUpBase {
 public:
-    explicit CountsItsEnd(Shared& ended) : m_ended(ended) {}
-    ~CountsItsEnd() override { ++m_ended; }
-
-private:
-    Shared& m_ended;
+    ~CountsItsEnd() override { ++s_ended; }
 };
-
-bool s_isChild = false;
 
 class Parent {
 public:
     Parent() {
-#if defined(__SANITIZE_ADDRESS__)
-        // After the tear-down: the leak checker of a child may wait for ever for what another
-        // thread held at the fork.
+        // After the tear-down. What follows in a child is a leak checker that may wait for ever for
+        // what another thread held at the fork.
         std::atexit([] {
             if (s_isChild) {
-                std::_Exit(0);
+                std::_Exit(s_ended);
             }
         });
-#endif
-        void* const memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
-                                  MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        m_ended = new (memory) Shared(0);
         Must(Manager()->InitMainThread(0, nullptr));
         m_worker = StartWorker();
-        Must(Manager()->CreateNetworkThread(NX_THREAD_NETWORK,
-                                            CNxThreadManager::CreateNetworkReactor(), m_network));
+        StartNetwork();
         // Never destroyed: timers call until the tear-down, which comes after static objects are
         // gone.
         static auto* const sink = new CountingSink;
         static auto* const timer = new CNxTimerPreciseWrapperID;
         m_timer = timer;
         Must(m_timer->Schedule(sink, CNxTimeValue(0, 10000), 0, m_worker->GetThreadType()));
-        new CountsItsEnd(*m_ended);
+        new CountsItsEnd;
     }
 
-    // How many clean-up objects a child has ended that does this and exits with status 0; -1 when
-    // it ends otherwise.
-    int EndedByChild(const std::function<void()>& action) {
+    // How many clean-up objects a child has ended that does this and exits; -1 when it ends
+    // otherwise.
+    static int EndedByChild(const std::function<void()>& action) {
         const pid_t child = fork();
         if (child == 0) {
             s_isChild = true;
             action();
-            std::exit(0);
+            std::exit(100);
         }
         int status = 0;
         waitpid(child, &status, 0);
-        return status == 0 ? m_ended->load() : -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
-    Shared* m_ended = nullptr;
     CNxThread* m_worker = nullptr;
-    CNxThread* m_network = nullptr;
     CNxTimerPreciseWrapperID* m_timer = nullptr;
 };
 
@@ -82,93 +65,60 @@ void StopHere(bool asExpected) {
     }
 }
 
-TEST_F(ForkedChild, ExitLeavesAloneWhatIsTheParents) {
-    const auto body = [] {
-        Parent parent;
-        // Forked within an event, for whose end the parent's main thread waits. To a leak checker
-        // all that only the main thread's stack leads to is lost in such a child.
-#if !defined(__SANITIZE_ADDRESS__)
-        EventCounts counts;
-        parent.m_worker->GetEventQueue()->SendEvent(new CountedEvent(counts, [&parent] {
-            StopHere(parent.EndedByChild([] {}) == 0);
-            return NX_OK;
-        }));
-#endif
-        StopHere(parent.EndedByChild([&parent] {
-            StopHere(parent.m_worker->Join() == NX_ERROR_FAILURE && !parent.m_worker->IsRunning());
-            StopHere(Manager()->GetThread(NX_THREAD_NETWORK) == nullptr);
-            Must(Manager()->StopAllThreads(nullptr));
-            Must(Manager()->JoinAllThreads());
-        }) == 0);
-    };
-    ExpectEnd(body);
-}
-
-// The thread sanitizer ends a forked child that starts a thread.
-#if !defined(__SANITIZE_THREAD__)
-TEST_F(ForkedChild, StartsAndEndsThreadsOfItsOwn) {
-    const auto body = [] {
-        Parent parent;
-        const auto live = [&parent] {
-            CNxThread* network = nullptr;
-            Must(Manager()->CreateNetworkThread(NX_THREAD_NETWORK,
-                                                CNxThreadManager::CreateNetworkReactor(), network));
-            EventCounts counts;
-            network->GetEventQueue()->SendEvent(new CountedEvent(counts));
-            StopHere(counts.m_fired == 1);
-            static CountingSink sink;
-            static auto* const timer = new CNxTimerPreciseWrapperID;
-            Must(timer->Schedule(&sink, CNxTimeValue(0, 10000), 0, NX_THREAD_NETWORK));
-            YieldUntil([] { return sink.m_calls != 0; });
-            parent.m_timer->Cancel();
-            new CountsItsEnd(*parent.m_ended);
-        };
-        // Its own clean-up object alone.
-        StopHere(parent.EndedByChild(live) == 1);
-    };
-    ExpectEnd(body);
-}
-#endif
-
-// The thread sanitizer keeps every process for a second at its end.
-#if defined(__SANITIZE_THREAD__)
+// A sanitizer keeps a process at its end or has an allocator that is not made for forks among
+// threads.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr int c_children = 5;
-#elif defined(__SANITIZE_ADDRESS__)
-constexpr int c_children = 20;  // whose allocator is not made for forks among threads
 #else
 constexpr int c_children = 100;
 #endif
 
 // Whatever the parent's other threads hold at the moment of the fork.
-TEST_F(ForkedChild, IsNotLeftWithWhatOthersHadLocked) {
+TEST_F(ForkedChild, HasNeitherTheThreadsNorTheLocksNorTheCleanUpOfItsParentButItsOwn) {
     const auto body = [] {
         Parent parent;
+        // Forked within an event, for whose end the parent's main thread waits.
+        Must(NxSendCall(*parent.m_worker->GetEventQueue(),
+                        [] { StopHere(Parent::EndedByChild([] {}) == 0); }));
         std::atomic<bool> stop{false};
         CNxReactorSelect reactor;
         Must(reactor.Open());
-        std::thread busy([&stop] {
-            // The child has no stack that leads to it.
-            static CNxTimerPreciseWrapperID timer;
+        // The child has no stack that leads to it. Made before any fork: with the lock of the exit
+        // handlers held a child could not end.
+        static CNxTimerPreciseWrapperID timer;
+        std::thread busy([&] {
             while (!stop) {
                 Manager()->GetAndIncreamUserType();
                 timer.Cancel();
-            }
-        });
-        std::thread posts([&] {
-            while (!stop) {
                 reactor.GetPendingEventsCount();
             }
         });
+        const auto look = [&] {
+            Manager()->GetAndIncreamUserType();
+            parent.m_timer->Cancel();
+            reactor.Close();
+            StopHere(parent.m_worker->Join() == NX_ERROR_FAILURE && !parent.m_worker->IsRunning());
+            StopHere(Manager()->GetThread(NX_THREAD_NETWORK) == nullptr);
+            Must(Manager()->StopAllThreads(nullptr));
+            Must(Manager()->JoinAllThreads());
+        };
         for (int i = 0; i < c_children; ++i) {
-            StopHere(parent.EndedByChild([&] {
-                Manager()->GetAndIncreamUserType();
-                parent.m_timer->Cancel();
-                reactor.Close();
-            }) == 0);
+            StopHere(Parent::EndedByChild(look) == 0);
         }
         stop = true;
         busy.join();
-        posts.join();
+#if !defined(__SANITIZE_THREAD__)  // which ends a forked child that starts a thread
+        const auto live = [&parent] {
+            Must(NxSendCall(*StartNetwork()->GetEventQueue(), [] {}));
+            static CountingSink sink;
+            static auto* const own = new CNxTimerPreciseWrapperID;
+            Must(own->Schedule(&sink, CNxTimeValue(0, 10000), 0, NX_THREAD_NETWORK));
+            YieldUntil([] { return sink.m_calls != 0; });
+            parent.m_timer->Cancel();
+            new CountsItsEnd;
+        };
+        StopHere(Parent::EndedByChild(live) == 1);
+#endif
     };
     ExpectEnd(body);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <nx/event/NxCall.h>
 #include <nx/thread/CNxThread.h>
 #include <nx/thread/CNxThreadManager.h>
 #include <nx/thread/CNxTimerPreciseWrapperID.h>
@@ -38,6 +39,13 @@ inline CNxThread* StartWorker(int withTimers = 1, CNxThreadManager::TFlag flags 
     return worker;
 }
 
+inline CNxThread* StartNetwork() {
+    CNxThread* network = nullptr;
+    Must(Manager()->CreateNetworkThread(NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(),
+                                        network));
+    return network;
+}
+
 inline void StopAndDestroy(CNxThread* thread) {
     EXPECT_EQ(thread->Stop(nullptr), NX_OK);
     EXPECT_EQ(thread->Join(), NX_OK);
@@ -57,15 +65,29 @@ public:
     int GetType() const { return m_thread->GetThreadType(); }
 
     // Returns when the thread has done it.
-    void Do(CountedEvent::Action action) const {
-        EventCounts counts;
-        EXPECT_EQ(m_thread->GetEventQueue()->SendEvent(new CountedEvent(counts, std::move(action))),
-                  NX_OK);
-        EXPECT_EQ(counts.m_fired, 1);
+    void Do(const std::function<void()>& action) const {
+        EXPECT_EQ(NxSendCall(*m_thread->GetEventQueue(), action), NX_OK);
     }
 
 private:
     CNxThread* const m_thread;
+};
+
+// A kind of the application's own, whose run Stop does not end.
+class FunctionThread : public CNxThread {
+public:
+    using Function = std::function<void()>;
+
+    explicit FunctionThread(
+        Function run, Function atDeletion = [] {})
+        : m_run(std::move(run)), m_atDeletion(std::move(atDeletion)) {}
+    ~FunctionThread() override { m_atDeletion(); }
+
+    void OnThreadRun() override { m_run(); }
+
+private:
+    const Function m_run;
+    const Function m_atDeletion;
 };
 
 class CountingSink : public CNxTimerPreciseWrapperIDSink {

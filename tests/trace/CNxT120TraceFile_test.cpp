@@ -3,14 +3,13 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <utility>
 
+#include "../process/Children.h"
 #include "TraceFiles.h"
 
 namespace {
@@ -29,52 +28,19 @@ constexpr unsigned char c_bothModes[] = {0, 1};
 
 class CNxT120TraceFileTest : public testing::Test {
 protected:
-    // Forty records of many lengths into a file of that size, and what it must hold after each.
-    void CompareWithModel(size_t maxSize, bool isShared, int lines, const std::string& stamp) {
-        CNxT120TraceFile file(m_path.c_str(), maxSize, isShared ? 1 : 0, 1);
-        ASSERT_EQ(file.refresh_settings(maxSize, lines), 1);
-        std::string model = HeaderOf(HEADER_SIZE);
-        size_t offset = HEADER_SIZE;
-        std::string waiting;
-        bool isWrapped = false;
-        for (int i = 1; i <= 40; ++i) {
-            const std::string text(i % 11 == 5 ? static_cast<size_t>(i) * 7 : 1, 'x');
-            const bool isPrefixed = i % 3 != 0;
-            file.write("Log", isPrefixed ? "Info" : nullptr, text.c_str());
-            waiting += stamp + (isPrefixed ? "Info:" : "") + text + "\n";
-            if (isShared || i % lines == 0) {
-                const bool isFull = maxSize != 0 && maxSize <= offset;
-                model.resize(isFull ? offset : model.size());
-                isWrapped = isWrapped || (isFull && !isShared);
-                offset = isFull && isShared ? HEADER_SIZE : offset;
-                model.replace(offset, waiting.size() + MARKER.size(), waiting + MARKER);
-                offset += waiting.size();
-                model.replace(0, HEADER_SIZE, HeaderOf(offset));
-                waiting.clear();
-            }
-            const std::string actual = ReadWhole(m_path);
-            ASSERT_EQ(actual.substr(0, HEADER_SIZE), model.substr(0, HEADER_SIZE));
-            ASSERT_EQ(Masked(actual), Masked(model)) << "after " << i;
-            ASSERT_EQ(file.is_wrapped(), isWrapped);
-        }
-    }
-
     const CTempFolder m_folder;
     std::string m_path = m_folder.Path("trace.log");
 };
 
-TEST_F(CNxT120TraceFileTest, HoldsExactlyItsBytesAtEverySizeLimitAroundTheWrapAndWithoutALimit) {
-    CNxT120TraceFile(m_path.c_str(), 0, 0, 1).write(nullptr, nullptr, "");
-    const std::string probe = ReadWhole(m_path);
-    ASSERT_EQ(TextsIn(m_path), Texts{""});
-    const std::string stamp =
-        probe.substr(HEADER_SIZE, probe.find('\n', HEADER_SIZE) - HEADER_SIZE);
-    const size_t wrap = HEADER_SIZE + 3 * (stamp.size() + 7);
-    for (const size_t maxSize : {0UL, wrap - 2, wrap - 1, wrap, wrap + 1, wrap + 2}) {
-        SCOPED_TRACE(maxSize);
-        CompareWithModel(maxSize, true, 1, stamp);
-        CompareWithModel(maxSize, false, 1, stamp);
-        CompareWithModel(maxSize, false, 7, stamp);
+TEST_F(CNxT120TraceFileTest, BeginsAgainWithTheFirstRecordThatFindsItsLimitReached) {
+    CNxT120TraceFile(m_path.c_str(), 0, 1, 1).write("Log", "Info", "x");
+    const size_t record = ReadWhole(m_path).size() - HEADER_SIZE - MARKER.size();
+    for (const size_t more : {0UL, 1UL}) {
+        CNxT120TraceFile file(m_path.c_str(), HEADER_SIZE + 3 * record + more, 1, 1);
+        for (const char* text : {"1", "2", "3", "4"}) {
+            file.write("Log", "Info", text);
+        }
+        EXPECT_EQ(TextsIn(m_path).size(), more == 0 ? 1U : 4U);
     }
 }
 
@@ -165,17 +131,17 @@ TEST_F(CNxT120TraceFileTest, RefusesWhatAnotherUserMayHavePlanted) {
 
 TEST_F(CNxT120TraceFileTest, SetsTheModeOfFilesThatItMakesAndOfNoOthers) {
     const mode_t umaskBefore = umask(077);
-    for (const auto& [mode, expected] : {std::pair(-1, 0666), {0640, 0640}, {-1, 0640}}) {
-        CNxT120TraceFile::SetMode(mode);
-        if (mode == 0640) {
-            std::filesystem::remove(m_path);
-        }
-        CNxT120TraceFile(m_path.c_str(), 0, 1, 1).write("Log", "Info", "x");
-        EXPECT_EQ(ModeOf(m_path), expected);
-    }
-    const std::string own = m_folder.Path("own");
-    CNxT120TraceFile(own.c_str(), 0, 0, 1).write("Log", "Info", "x");
-    EXPECT_EQ(ModeOf(own), 0600);
+    const auto modeMade = [&](const char* name, unsigned char shared) {
+        CNxT120TraceFile(m_folder.Path(name).c_str(), 0, shared, 1).write("Log", "Info", "x");
+        return ModeOf(m_folder.Path(name));
+    };
+    EXPECT_EQ(modeMade("all", 1), 0666);
+    EXPECT_EQ(modeMade("own", 0), 0600);
+    CNxT120TraceFile::SetMode(0640);
+    EXPECT_EQ(modeMade("group", 1), 0640);
+    EXPECT_EQ(modeMade("all", 1), 0666);
+    CNxT120TraceFile::SetMode(-1);
+    EXPECT_EQ(modeMade("group", 1), 0640);
     umask(umaskBefore);
 }
 
@@ -183,53 +149,25 @@ TEST_F(CNxT120TraceFileTest, SetsTheModeOfFilesThatItMakesAndOfNoOthers) {
 TEST_F(CNxT120TraceFileTest, AParentAndItsChildMayTakeTurnsInAPrivateFile) {
     CNxT120TraceFile file(m_path.c_str(), 0, 0, 1);
     file.write("Log", "Info", "parent");
-    const pid_t child = fork();
-    if (child == 0) {
-        file.write("Log", "Info", "child");
-        _exit(0);
-    }
-    waitpid(child, nullptr, 0);
+    InChild([&] { file.write("Log", "Info", "child"); });
     file.write("Log", "Info", "parent again");
     EXPECT_EQ(TextsIn(m_path), (Texts{"Info:parent", "Info:child", "Info:parent again"}));
 }
 
-// A process that holds the lock of a file.
-class CLockHolder {
-public:
-    explicit CLockHolder(const std::string& path) {
-        int ready[2];
-        EXPECT_EQ(pipe(ready), 0);
-        m_pid = fork();
-        if (m_pid == 0) {
-            struct flock lock {};
-            lock.l_type = F_WRLCK;
-            const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
-            _exit(fcntl(fd, F_SETLKW, &lock) + static_cast<int>(write(ready[1], "x", 1)) + pause());
-        }
-        char got = 0;
-        EXPECT_EQ(read(ready[0], &got, 1), 1);
-        close(ready[0]);
-        close(ready[1]);
-    }
-    ~CLockHolder() { KillAndWait(m_pid); }
-    CLockHolder(const CLockHolder&) = delete;
-    CLockHolder& operator=(const CLockHolder&) = delete;
-
-private:
-    pid_t m_pid;
-};
-
 // If each waited, they would take longer than a test may.
 TEST_F(CNxT120TraceFileTest, OnlyTheFirstRecordWaitsForALockThatIsKept) {
     CNxT120TraceFile file(m_path.c_str(), 0, 1, 1);
-    {
-        const CLockHolder holder(m_path);
-        for (int i = 0; i < 1000; ++i) {
-            file.write("Log", "Info", "lost");
-        }
-        // Emptying it would need the lock, too.
-        EXPECT_FALSE(CNxT120TraceFile(m_path.c_str(), 0, 1, 1).is_open());
+    // Locks of an open file and of a process exclude each other, also within one process.
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    const int holder = open(m_path.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(fcntl(holder, F_OFD_SETLK, &lock), 0);
+    for (int i = 0; i < 1000; ++i) {
+        file.write("Log", "Info", "lost");
     }
+    // Emptying it would need the lock, too.
+    EXPECT_FALSE(CNxT120TraceFile(m_path.c_str(), 0, 1, 1).is_open());
+    close(holder);
     file.write("Log", "Info", "0");
     EXPECT_EQ(TextsIn(m_path), (Texts{"Warning:1000 records lost", "Info:0"}));
 }

@@ -2,17 +2,16 @@
 #include <nx/trace/CNxT120Trace.h>
 #include <nx/trace/CNxT120TraceFile.h>
 #include <nx/trace/CNxT120TraceFileMgr.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <map>
 #include <thread>
 
+#include "../process/Children.h"
 #include "TraceFiles.h"
 
 namespace {
@@ -229,22 +228,19 @@ TEST_F(CNxT120TraceTest, AnotherDayOpensFilesWithNumber0AndALeapOfTheClockLosesN
                                {"x_info_05012026_1" + end, {"Info:01 1"}}}));
 }
 
-// Three threads of it write until it is killed: records that say how long they are.
-pid_t StartSharedWriter(const std::string& path) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        void* const file = g_trace_mgr.attach(path.c_str(), 65536);
-        const auto work = [file] {
-            for (size_t n = 0;; n = (n + 37) % 300) {
-                const std::string text = std::to_string(n) + " " + std::string(n, 'x');
-                g_trace_mgr.write(file, "Log", "Info", text.c_str());
-            }
-        };
-        std::thread(work).detach();
-        std::thread(work).detach();
-        work();
-    }
-    return pid;
+// Three threads write until they are killed: records that say how long they are.
+int WriteShared(const std::string& path) {
+    void* const file = g_trace_mgr.attach(path.c_str(), 65536);
+    const auto work = [file] {
+        for (size_t n = 0;; n = (n + 37) % 300) {
+            const std::string text = std::to_string(n) + " " + std::string(n, 'x');
+            g_trace_mgr.write(file, "Log", "Info", text.c_str());
+        }
+    };
+    std::thread(work).detach();
+    std::thread(work).detach();
+    work();
+    return 0;
 }
 
 TEST(CNxT120TraceFileMgrTest, KilledWritersLeaveASharedFileUsable) {
@@ -253,13 +249,14 @@ TEST(CNxT120TraceFileMgrTest, KilledWritersLeaveASharedFileUsable) {
     const std::string path = folder.Put("shared.log", "");
     size_t most = 0;
     for (int i = 0; i < rounds; ++i) {
-        const pid_t writers[] = {StartSharedWriter(path), StartSharedWriter(path)};
-        // Once full it keeps its size.
-        do {
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        } while (fs::file_size(path) < 65536);
-        KillAndWait(writers[0]);
-        KillAndWait(writers[1]);
+        {
+            const Child writers[] = {Child([&] { return WriteShared(path); }),
+                                     Child([&] { return WriteShared(path); })};
+            // Once full it keeps its size.
+            do {
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            } while (fs::file_size(path) < 65536);
+        }
         // The next record mends what they were killed in.
         CNxT120TraceFileMgr files;
         files.write(files.attach(path.c_str(), 65536), nullptr, nullptr, "Info:0 ");

@@ -2,11 +2,9 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <cctype>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -66,9 +64,4 @@ inline Texts TextsIn(const std::string& path) {
         texts.push_back(line.substr(line.find("] ") + 2));
     }
     return texts;
-}
-
-inline void KillAndWait(pid_t pid) {
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
 }
