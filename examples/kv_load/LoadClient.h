@@ -1,13 +1,14 @@
-// A whole run: the connections, the clock that watches them, and what they achieved.
+// A whole run: the connections, and what they achieved.
 #pragma once
 
-#include <kv_load/Connection.h>
-#include <kv_load/ProgressPrinter.h>
+#include <kv_load/LatencyHistogram.h>
+#include <nx/foundation/CNxAutoPtr.h>
+#include <nx/stream/CNxConnector.h>
+#include <nx/stream/CNxServer.h>
 #include <nx/timer/CNxTimedCall.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -38,52 +39,61 @@ struct Options {
 // is left to wait for. What is to be asked is not dealt out beforehand: a connection takes as much
 // as it can, so that a slow or lost one does not hold up the end.
 //
-// Made and destroyed on the main thread; Start, Close and all callbacks are the reactor's thread's.
-class LoadClient : private IConnectionOwner {
+// On the main thread and its loop.
+class LoadClient {
 public:
-    // `onEnd` is called when no connection has anything left to do. May throw std::bad_alloc.
-    // `tls` is null for none.
-    LoadClient(const Options& options, CNxAutoPtr<CNxTlsContext> tls, INxReactor& reactor,
-               std::function<void()> onEnd);
+    // Begins to connect, and stops the server when no connection has anything left to do. `tls` is
+    // null for none. The server has started and outlives the client.
+    LoadClient(const Options& options, CNxAutoPtr<CNxTlsContext> tls, CNxServer& server);
+    ~LoadClient();
     LoadClient(const LoadClient&) = delete;
     LoadClient& operator=(const LoadClient&) = delete;
 
-    // False without memory.
-    [[nodiscard]] bool Start();
-
-    // Ends the run where it stands. To be called also after `onEnd`.
+    // Ends the run where it stands.
     void Close();
 
-    // Once closed, any thread.
-    const LoadProgress& GetProgress() const { return m_progress; }
+    // Once closed. From the first request to the last reply; 0 without a request.
+    double GetSeconds() const;
+    // Connections that were given up.
+    std::uint64_t GetFailed() const { return m_failed; }
+    // In nanoseconds, of every request that got its right reply.
+    const LatencyHistogram& GetLatency() const { return m_latency; }
 
 private:
-    void OnConnected() override;
-    void OnDone() override;
-    void OnFailed(const Connection& connection, bool wasConnected, const std::string& why) override;
+    class Connection;
 
-    void OnTick();
-    void OpenMore();
-    void StartLoad();
-    void EndIfNobodyIsLeft();
+    void Proceed();
+    void OnConnected();
+    void OnNothingLeft();
+    void OnFailed(const Connection& connection, const std::string& why);
+    void Report(const Connection& connection, const std::string& why);
+    void ShowProgress();
 
     const Options m_options;
-    INxReactor& m_reactor;
-    const std::function<void()> m_onEnd;
-    CNxTimedCall m_tick;
-    LoadProgress m_progress;
-    ProgressPrinter m_printer;
-    const ConnectionSetup m_setup;
+    CNxServer& m_server;
+    const std::string m_target;
+    const CNxConnectorOptions m_connectorOptions;
+    // A short run shall keep all connections busy, too.
+    const std::size_t m_pipeline;
     std::vector<std::unique_ptr<Connection>> m_connections;
+    CNxTimedCall m_tick;
 
-    bool m_started = false;
-    // Guards OpenMore against itself: a connect may fail at once.
-    bool m_opening = false;
     // How many were told to open; of these, how many have still to connect or fail, and how many
-    // are connected and neither done nor failed.
+    // are connected and have something left to do.
     std::size_t m_opened = 0;
     std::size_t m_connecting = 0;
     std::size_t m_connected = 0;
+    std::uint64_t m_failed = 0;
+
+    // Requests that no connection has asked yet; the connections take from here.
+    std::uint64_t m_toAsk;
+    LatencyHistogram m_latency;
+    // Of NowNs(); 0 before.
+    std::int64_t m_startedAt = 0;
+    std::int64_t m_endedAt = 0;
+    // What the next rate is measured from.
+    std::int64_t m_shownAt = 0;
+    std::uint64_t m_shownCount = 0;
 };
 
 }  // namespace kv_load
