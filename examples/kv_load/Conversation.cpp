@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 
 namespace kv_load {
 
 namespace {
 
 constexpr std::size_t c_keyDigits = 9;
+constexpr std::uint32_t c_keys = 1000000000;
 constexpr std::string_view c_names[] = {"SET", "GET", "INCR", "PING"};
 
 // What is shown of a reply: some bytes before the first wrong one, and some from there on.
@@ -15,11 +17,7 @@ constexpr std::size_t c_shownBefore = 24;
 constexpr std::size_t c_shown = 88;
 
 std::string ToKeyDigits(std::uint32_t number) {
-    std::string digits(c_keyDigits, '0');
-    for (auto at = digits.rbegin(); number != 0; number /= 10) {
-        *at++ = static_cast<char>('0' + number % 10);
-    }
-    return digits;
+    return std::to_string(c_keys + number).substr(1);
 }
 
 std::string ToHead(char type, std::size_t number) {
@@ -34,37 +32,22 @@ std::uint64_t NextRandom(std::uint64_t& state) {
     return x ^ (x >> 31);
 }
 
-// The value of a key in one version: bytes of every kind, line ends and zeros too.
-void AppendValue(std::string& out, std::size_t size, std::uint32_t key, std::uint64_t version) {
-    out += ToHead('$', size);
-    std::uint64_t state = std::uint64_t{key} << 32 ^ version;
-    for (std::size_t part = 0; size > 0; size -= part) {
-        const std::uint64_t word = NextRandom(state);
-        part = std::min(size, sizeof(word));
-        out.append(reinterpret_cast<const char*>(&word), part);
-    }
-    out += "\r\n";
-}
-
-std::string Escape(char c) {
-    constexpr std::string_view c_special = "\r\n\"\\";
-    const std::size_t found = c_special.find(c);
-    if (found != std::string_view::npos) {
-        return {'\\', "rn\"\\"[found]};
-    }
-    char text[8] = {c};
-    if (c < ' ' || c > '~') {
-        std::snprintf(text, sizeof(text), "\\x%02X", static_cast<unsigned char>(c));
-    }
-    return text;
-}
-
 // `bytes` in quotes, as far as it is near `position`.
 std::string Quote(std::string_view bytes, std::size_t position) {
+    constexpr std::string_view c_special = "\r\n\"\\";
     const std::size_t begin = position - std::min(position, c_shownBefore);
     std::string text = begin > 0 ? "...\"" : "\"";
     for (const char c : bytes.substr(begin, c_shown)) {
-        text += Escape(c);
+        const std::size_t special = c_special.find(c);
+        if (special != std::string_view::npos) {
+            text += {'\\', "rn\"\\"[special]};
+        } else if (c >= ' ' && c <= '~') {
+            text += c;
+        } else {
+            char hex[8];
+            std::snprintf(hex, sizeof(hex), "\\x%02X", static_cast<unsigned char>(c));
+            text += hex;
+        }
     }
     return text + (bytes.size() - begin > c_shown ? "\"..." : "\"");
 }
@@ -79,8 +62,11 @@ Conversation::Conversation(const std::string& prefix, std::uint32_t firstKey,
       m_random(firstKey),
       m_versions(keyCount) {
     const std::string key = ToHead('$', prefix.size() + c_keyDigits) + prefix;
-    m_heads = {"*3\r\n$3\r\nSET\r\n" + key, "*2\r\n$3\r\nGET\r\n" + key,
-               "*2\r\n$4\r\nINCR\r\n" + key, "*1\r\n$4\r\nPING\r\n"};
+    const std::string value = ToHead('$', valueSize) + std::string(valueSize, 'v') + "\r\n";
+    m_forms[SET] = {"*3\r\n$3\r\nSET\r\n" + key, "\r\n" + value, "+OK\r\n"};
+    m_forms[GET] = {"*2\r\n$3\r\nGET\r\n" + key, "\r\n", value};
+    m_forms[INCR] = {"*2\r\n$4\r\nINCR\r\n" + key, "\r\n", ":"};
+    m_forms[PING] = {"*1\r\n$4\r\nPING", "\r\n", "+PONG\r\n"};
 }
 
 // A key is set before it is read.
@@ -95,56 +81,61 @@ Conversation::Request Conversation::MakeUp(std::int64_t now) {
         return {INCR, m_firstKey + keyCount, ++m_counter, now};
     }
     const auto key = static_cast<std::uint32_t>((random >> 32) % keyCount);
-    const bool isRead = m_versions[key] != 0 && choice % 2 == 0;
-    return {isRead ? GET : SET, m_firstKey + key, m_versions[key] += isRead ? 0 : 1, now};
+    if (m_versions[key] != 0 && choice % 2 == 0) {
+        return {GET, m_firstKey + key, m_versions[key], now};
+    }
+    return {SET, m_firstKey + key, ++m_versions[key], now};
+}
+
+// Bytes of every kind, line ends and zeros too.
+void Conversation::PutValue(std::string& text, const Request& request) const {
+    std::uint64_t state = std::uint64_t{request.key} << 32 ^ request.number;
+    char* out = &text[text.size() - 2 - m_valueSize];
+    for (std::size_t left = m_valueSize, part = 0; left > 0; left -= part, out += part) {
+        const std::uint64_t word = NextRandom(state);
+        part = std::min(left, sizeof(word));
+        std::memcpy(out, &word, part);
+    }
 }
 
 void Conversation::Ask(CNxMessageChain& out, std::int64_t now) {
     const Request& request = m_open.emplace_back(MakeUp(now));
-    m_request = m_heads[request.kind];
-    if (request.kind != PING) {
-        m_request += ToKeyDigits(request.key) + "\r\n";
-    }
+    Form& form = m_forms[request.kind];
     if (request.kind == SET) {
-        AppendValue(m_request, m_valueSize, request.key, request.number);
+        PutValue(form.tail, request);
     }
-    out.Append(m_request);
+    out.Append({form.head, request.kind == PING ? "" : ToKeyDigits(request.key), form.tail});
 }
 
-void Conversation::WriteReply(const Request& request) {
-    switch (request.kind) {
-        case SET:
-            m_reply = "+OK\r\n";
-            break;
-        case GET:
-            m_reply.clear();
-            AppendValue(m_reply, m_valueSize, request.key, request.number);
-            break;
-        case INCR:
-            m_reply = ToHead(':', request.number);
-            break;
-        case PING:
-            m_reply = "+PONG\r\n";
-            break;
+// The reply to the oldest request, once its first byte is looked at.
+void Conversation::PutReply() {
+    const Request& request = m_open.front();
+    std::string& reply = m_forms[request.kind].reply;
+    if (request.kind == GET) {
+        PutValue(reply, request);
+    } else if (request.kind == INCR) {
+        reply = ToHead(':', request.number);
     }
 }
 
-std::string Conversation::Check(std::string_view came, std::int64_t now,
+std::string Conversation::Check(CNxMessageChain& received, std::int64_t now,
                                 LatencyHistogram& latency) {
-    while (!came.empty()) {
+    while (!received.IsEmpty()) {
+        const std::string_view came = received.GetFront();
         if (m_open.empty()) {
             return "bytes that nobody asked for: " + Quote(came, 0);
         }
         if (m_matched == 0) {
-            WriteReply(m_open.front());
+            PutReply();
         }
-        const auto expected = std::string_view(m_reply).substr(m_matched, came.size());
+        const std::string& reply = m_forms[m_open.front().kind].reply;
+        const auto expected = std::string_view(reply).substr(m_matched, came.size());
         if (came.substr(0, expected.size()) != expected) {
             return DescribeMismatch(came);
         }
-        came.remove_prefix(expected.size());
+        received.Consume(expected.size());
         m_matched += expected.size();
-        if (m_matched == m_reply.size()) {
+        if (m_matched == reply.size()) {
             latency.Record(now - m_open.front().askedAt);
             m_open.pop_front();
             m_matched = 0;
@@ -154,14 +145,15 @@ std::string Conversation::Check(std::string_view came, std::int64_t now,
 }
 
 std::string Conversation::DescribeMismatch(std::string_view came) const {
-    const std::string_view rest = std::string_view(m_reply).substr(m_matched);
+    const std::string& reply = m_forms[m_open.front().kind].reply;
+    const std::string_view rest = std::string_view(reply).substr(m_matched);
     const auto differ = std::mismatch(came.begin(), came.end(), rest.begin(), rest.end());
     const auto right = static_cast<std::size_t>(differ.first - came.begin());
     // What matched so far, and the rest of the line that differs.
-    const std::string line = m_reply.substr(0, m_matched).append(came, 0, came.find('\n', right));
+    const std::string line = reply.substr(0, m_matched).append(came, 0, came.find('\n', right));
     const std::size_t position = m_matched + right;
     return "wrong reply to " + Describe(m_open.front()) + " at byte " + std::to_string(position) +
-           ": expected " + Quote(m_reply, position) + ", came " + Quote(line, position);
+           ": expected " + Quote(reply, position) + ", came " + Quote(line, position);
 }
 
 std::string Conversation::Describe(const Request& request) const {
@@ -173,9 +165,8 @@ std::string Conversation::DescribeDebt() const {
     if (m_open.empty()) {
         return "no reply";
     }
-    const std::string next = Describe(m_open.front());
-    return m_open.size() == 1 ? "1 reply, to " + next
-                              : std::to_string(m_open.size()) + " replies, the next to " + next;
+    const char* const what = m_open.size() == 1 ? " reply, to " : " replies, the next to ";
+    return std::to_string(m_open.size()) + what + Describe(m_open.front());
 }
 
 }  // namespace kv_load

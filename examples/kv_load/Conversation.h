@@ -30,7 +30,7 @@ public:
 
     // Takes what the server sent, and records how long every request took whose reply is complete
     // with it. Returns what is wrong, after which nothing more may be checked; "" if nothing is.
-    [[nodiscard]] std::string Check(std::string_view came, std::int64_t now,
+    [[nodiscard]] std::string Check(CNxMessageChain& received, std::int64_t now,
                                     LatencyHistogram& latency);
 
     // Requests whose replies are still to come.
@@ -50,16 +50,24 @@ private:
         std::int64_t askedAt;
     };
 
+    // How requests of one kind are asked, with the key between head and tail, and answered.
+    // Values and counters in it are put anew each time.
+    struct Form {
+        std::string head;
+        std::string tail;
+        std::string reply;
+    };
+
     Request MakeUp(std::int64_t now);
-    void WriteReply(const Request& request);
+    void PutValue(std::string& text, const Request& request) const;
+    void PutReply();
     std::string Describe(const Request& request) const;
     std::string DescribeMismatch(std::string_view came) const;
 
     const std::string m_prefix;
     const std::uint32_t m_firstKey;
     const std::size_t m_valueSize;
-    // By kind: a request up to the number of its key.
-    std::array<std::string, 4> m_heads;
+    std::array<Form, 4> m_forms;  // by kind
 
     std::uint64_t m_random;
     std::uint64_t m_counter = 0;
@@ -67,9 +75,7 @@ private:
     std::vector<std::uint32_t> m_versions;
 
     std::deque<Request> m_open;  // oldest first
-    std::string m_request;       // keeps its memory
-    // To the oldest request, while a part of it has come.
-    std::string m_reply;
+    // Bytes of the reply to the oldest that have come.
     std::size_t m_matched = 0;
 };
 

@@ -2,10 +2,7 @@
 #pragma once
 
 #include <kv_load/LatencyHistogram.h>
-#include <nx/foundation/CNxAutoPtr.h>
-#include <nx/stream/CNxConnector.h>
-#include <nx/stream/CNxServer.h>
-#include <nx/timer/CNxTimedCall.h>
+#include <nx/nx.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -31,8 +28,7 @@ struct Options {
     std::uint64_t connectTimeout = 10;
     std::uint64_t stallTimeout = 30;
     bool isTls = false;
-    // Whom to trust; "" for what the system trusts.
-    std::string caFile;
+    CNxTlsOptions tls;
 };
 
 // Opens all connections first, a limited number at a time, and has them begin together once none
@@ -44,7 +40,7 @@ class LoadClient {
 public:
     // Begins to connect, and stops the server when no connection has anything left to do. `tls` is
     // null for none. The server has started and outlives the client.
-    LoadClient(const Options& options, CNxAutoPtr<CNxTlsContext> tls, CNxServer& server);
+    LoadClient(const Options& options, const CNxAutoPtr<CNxTlsContext>& tls, CNxServer& server);
     ~LoadClient();
     LoadClient(const LoadClient&) = delete;
     LoadClient& operator=(const LoadClient&) = delete;
@@ -52,22 +48,15 @@ public:
     // Ends the run where it stands.
     void Close();
 
-    // Once closed. From the first request to the last reply; 0 without a request.
-    double GetSeconds() const;
-    // Connections that were given up.
-    std::uint64_t GetFailed() const { return m_failed; }
-    // In nanoseconds, of every request that got its right reply.
-    const LatencyHistogram& GetLatency() const { return m_latency; }
+    // Once closed: prints what was achieved. Returns the status to exit with, `signal` being the
+    // one that has ended the run: 0 if every request got its right reply, 1 if a connection was
+    // given up, else 128 plus the signal.
+    int Report(int signal) const;
 
 private:
     class Connection;
 
     void Proceed();
-    void OnConnected();
-    void OnNothingLeft();
-    void OnFailed(const Connection& connection, const std::string& why);
-    void Report(const Connection& connection, const std::string& why);
-    void ShowProgress();
 
     const Options m_options;
     CNxServer& m_server;
@@ -76,7 +65,7 @@ private:
     // A short run shall keep all connections busy, too.
     const std::size_t m_pipeline;
     std::vector<std::unique_ptr<Connection>> m_connections;
-    CNxTimedCall m_tick;
+    CNxTimedCall m_progress;
 
     // How many were told to open; of these, how many have still to connect or fail, and how many
     // are connected and have something left to do.
@@ -87,13 +76,11 @@ private:
 
     // Requests that no connection has asked yet; the connections take from here.
     std::uint64_t m_toAsk;
+    // In nanoseconds, of every request that got its right reply.
     LatencyHistogram m_latency;
     // Of NowNs(); 0 before.
     std::int64_t m_startedAt = 0;
     std::int64_t m_endedAt = 0;
-    // What the next rate is measured from.
-    std::int64_t m_shownAt = 0;
-    std::uint64_t m_shownCount = 0;
 };
 
 }  // namespace kv_load

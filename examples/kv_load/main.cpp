@@ -3,7 +3,6 @@
 #include <kv_load/LoadClient.h>
 #include <nx/nx.h>
 
-#include <cstdio>
 #include <exception>
 #include <new>
 #include <string>
@@ -47,7 +46,7 @@ CommandLine Describe(Options& options) {
     CommandLine line{};
     line.usage = c_usage;
     line.flags = {{"--tls", &options.isTls}};
-    line.texts = {{"--host", &options.host}, {"--tls-ca", &options.caFile}};
+    line.texts = {{"--host", &options.host}, {"--tls-ca", &options.tls.caFile}};
     line.numbers = {
         {"--port", &options.port, 1, 65535},
         {"--connections", &options.connections, 1, 60000},
@@ -62,53 +61,12 @@ CommandLine Describe(Options& options) {
         if (options.port == 0) {
             return "--port is missing";
         }
-        if (options.keys < options.connections) {
-            return "--keys must be at least --connections, for each connection has keys of its own";
-        }
-        return {};
+        const bool hasKeys = options.keys >= options.connections;
+        return hasKeys ? ""
+                       : "--keys must be at least --connections, for each connection has keys of "
+                         "its own";
     };
     return line;
-}
-
-// "" when every request got its right reply.
-std::string GetFailure(const Options& options, const LoadClient& client) {
-    if (client.GetFailed() != 0) {
-        return "FAILED: " + std::to_string(client.GetFailed()) + " of " +
-               std::to_string(options.connections) + " connections given up";
-    }
-    const bool isComplete = client.GetLatency().GetCount() == options.requests;
-    return isComplete ? "" : "interrupted; every reply until then was right";
-}
-
-// What was achieved.
-void PrintSummary(const Options& options, const LoadClient& client) {
-    const LatencyHistogram& latency = client.GetLatency();
-    const auto count = static_cast<double>(latency.GetCount());
-    const auto toMs = [&latency](unsigned perMille) {
-        return static_cast<double>(latency.GetQuantile(perMille)) / 1e6;
-    };
-    const double seconds = client.GetSeconds();
-    const std::string failure = GetFailure(options, client);
-    std::printf("requests    %.0f of %lu\n", count, options.requests);
-    std::printf("connections %lu, pipeline %lu, value size %lu\n", options.connections,
-                options.pipeline, options.valueSize);
-    std::printf("seconds     %.3f\n", seconds);
-    std::printf("throughput  %.0f requests/s\n", seconds > 0 ? count / seconds : 0.0);
-    std::printf("latency ms  p50 %.3f  p99 %.3f  p99.9 %.3f  max %.3f\n", toMs(500), toMs(990),
-                toMs(999), toMs(1000));
-    std::printf("result      %s\n", failure.empty() ? "every reply was right" : failure.c_str());
-}
-
-// Null without TLS, and when that cannot be had: the server then says why.
-CNxAutoPtr<CNxTlsContext> MakeTls(const Options& options, CNxServer& server) {
-    CNxAutoPtr<CNxTlsContext> tls;
-    CNxTlsOptions wanted;
-    wanted.caFile = options.caFile;
-    std::string error;
-    if (options.isTls && CNxTlsContext::CreateClient(tls, wanted, error) != NX_OK) {
-        server.Fail(error);
-    }
-    return tls;
 }
 
 // From the first connect to the last close. Ends when the client has nothing left to do or a signal
@@ -119,21 +77,17 @@ int RunLoad(const Options& options, int argc, char** argv) {
     serverOptions.descriptors = static_cast<unsigned>(options.connections) + 64;
     serverOptions.stopLimit = CNxTimeValue::s_tvZero();
     CNxServer server(argc, argv, serverOptions);
-    CNxAutoPtr<CNxTlsContext> tls = MakeTls(options, server);
+    CNxAutoPtr<CNxTlsContext> tls;
+    std::string error;
+    if (options.isTls && CNxTlsContext::CreateClient(tls, options.tls, error) != NX_OK) {
+        server.Fail(error);
+    }
     if (server.HasFailed()) {
         return server.Run();
     }
-    LoadClient client(options, std::move(tls), server);
+    LoadClient client(options, tls, server);
     server.SetOnStop([&client] { client.Close(); });
-    if (server.Run() != 0) {
-        return c_statusFailed;
-    }
-    PrintSummary(options, client);
-    if (GetFailure(options, client).empty()) {
-        return 0;
-    }
-    const int signo = server.GetSignal();
-    return client.GetFailed() == 0 && signo != 0 ? 128 + signo : c_statusFailed;
+    return server.Run() != 0 ? c_statusFailed : client.Report(server.GetSignal());
 }
 
 }  // namespace
