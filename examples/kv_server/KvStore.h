@@ -69,8 +69,8 @@ public:
     std::size_t GetSize() const { return m_entries.size(); }
     std::size_t GetExpiringCount() const { return m_expiries.size(); }
 
-    // Removes at most `limit` expired keys, and returns how many.
-    std::size_t RemoveExpired(std::size_t limit);
+    // Removes at most `limit` expired keys.
+    void RemoveExpired(std::size_t limit);
 
     // Calls `visit(key)` for every key that has not expired, until it returns false. It must not
     // change the store.

@@ -1,5 +1,5 @@
 #include <common/Trace.h>
-#include <kv_server/ReplyWriter.h>
+
 #include <kv_server/Service.h>
 #include <malloc.h>
 #include <nx/event/NxCall.h>
