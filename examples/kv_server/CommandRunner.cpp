@@ -13,6 +13,7 @@ namespace {
 
 constexpr std::size_t c_shownOfName = 64;
 constexpr std::size_t c_shortReply = 64;
+constexpr std::size_t c_sharedFrom = 4096;
 
 // Then others have their turn.
 constexpr std::size_t c_visitedAtOnce = 1UL << 20;
@@ -69,7 +70,7 @@ void Get(CommandContext& context, Reply& reply) {
     const Value* const value = context.store.Find(context.arguments[1]);
     if (value == nullptr) {
         reply.Append(c_nil);
-    } else if (value->IsShared()) {
+    } else if (value->GetBytes().size() >= c_sharedFrom) {
         Reply whole(ToHead('$', value->GetBytes().size()));
         value->ShareTo(whole);
         whole.Append("\r\n");

@@ -8,11 +8,6 @@ namespace kv_server {
 
 namespace {
 
-constexpr std::size_t c_sharedFrom = 4096;
-
-// More that is not used is given back.
-constexpr std::size_t c_keptCapacity = 64;
-
 // Whether the element of the pattern at `position` takes the byte; the position goes behind it, and
 // one beyond the end for a set that is not closed, which is taken as closed.
 bool MatchOne(std::string_view pattern, std::size_t& position, char byte) {
@@ -45,22 +40,13 @@ bool MatchOne(std::string_view pattern, std::size_t& position, char byte) {
 
 }  // namespace
 
-void Value::Set(std::string_view bytes) {
-    if (bytes.size() >= c_sharedFrom) {
-        CNxDataBlock* block = nullptr;
-        if (CNxDataBlock::CreateInstance(block, bytes.size(), bytes.data()) != NX_OK) {
-            throw std::bad_alloc();
-        }
-        m_large = CNxAutoPtr<CNxDataBlock>::Adopt(block);
-        m_small = std::string();
-        return;
+Value::Value(std::string_view bytes) {
+    CNxDataBlock* block = nullptr;
+    if (!bytes.empty() &&
+        CNxDataBlock::CreateInstance(block, bytes.size(), bytes.data()) != NX_OK) {
+        throw std::bad_alloc();
     }
-    // Mostly it fits where the last one was.
-    m_small.assign(bytes);
-    if (m_small.capacity() > 2 * bytes.size() + c_keptCapacity) {
-        m_small.shrink_to_fit();
-    }
-    m_large = nullptr;
+    m_block = CNxAutoPtr<CNxDataBlock>::Adopt(block);
 }
 
 KvStore::Entries::iterator KvStore::FindLiving(std::string_view key) {
@@ -79,19 +65,14 @@ const Value* KvStore::Find(std::string_view key) {
 }
 
 void KvStore::Set(std::string_view key, std::string_view value, std::int64_t expiry) {
+    Value made(value);
     auto found = FindLiving(key);
     const bool isNew = found == m_entries.end();
-    if (!isNew && (expiry == c_keepExpiry || expiry == found->second.expiry)) {
-        found->second.value.Set(value);
-        return;
-    }
-    Value made;
-    made.Set(value);
     if (isNew) {
         found = m_entries.try_emplace(m_key).first;
     }
     try {
-        Expire(found, std::max(expiry, c_never));
+        Expire(found, expiry == c_keepExpiry ? found->second.expiry : expiry);
     } catch (const std::bad_alloc&) {
         if (isNew) {
             m_entries.erase(found);

@@ -17,24 +17,21 @@
 
 namespace kv_server {
 
-// A stored value. Large ones live in counted blocks, which go out to clients without being copied,
-// even when the value is replaced meanwhile; small ones are cheaper to copy.
+// A stored value, in a counted block: goes out to clients without being copied, even when it is
+// replaced meanwhile. Small ones are cheaper to copy.
 class Value {
 public:
-    // Throws std::bad_alloc and has changed nothing.
-    void Set(std::string_view bytes);
+    Value() = default;
+    // Throws std::bad_alloc.
+    explicit Value(std::string_view bytes);
 
     std::string_view GetBytes() const {
-        return m_large ? std::string_view(m_large->GetData(), m_large->GetSize()) : m_small;
+        return m_block ? std::string_view(m_block->GetData(), m_block->GetSize()) : "";
     }
-
-    // Whether the bytes can be had without copying them.
-    bool IsShared() const { return static_cast<bool>(m_large); }
-    void ShareTo(CNxMessageChain& chain) const { chain.Append(m_large.Get()); }
+    void ShareTo(CNxMessageChain& chain) const { chain.Append(m_block.Get()); }
 
 private:
-    std::string m_small;
-    CNxAutoPtr<CNxDataBlock> m_large;
+    CNxAutoPtr<CNxDataBlock> m_block;
 };
 
 // Knows no clock: its owner tells it the time, in milliseconds from any start. A key whose time has

@@ -187,6 +187,9 @@ int Serve(const Options& options, int argc, char** argv) {
     if (server.HasFailed()) {
         return server.Run();
     }
+    if (!options.sharedTrace.empty()) {
+        ShareTrace(options.sharedTrace);
+    }
     Service service(options.maxClients, options.clientMemory << 20);
     const Stats& stats = service.GetStats();
     server.SetOnReload(OnReload);
@@ -214,13 +217,8 @@ int main(int argc, char** argv) {
     CNxOwnLines::Send(CNxOwnLines::TO_TRACE);
     try {
         Options options;
-        if (const auto status = ReadOptions(options, argc, argv)) {
-            return *status;
-        }
-        if (!options.sharedTrace.empty()) {
-            ShareTrace(options.sharedTrace);
-        }
-        return Serve(options, argc, argv);
+        const auto status = ReadOptions(options, argc, argv);
+        return status ? *status : Serve(options, argc, argv);
     } catch (const std::exception& error) {
         return Fail(error.what());
     }
