@@ -202,16 +202,13 @@ void Keys(CommandContext& context, Reply& reply) {
     }
 }
 
-void Ping(CommandContext& context, Reply& reply) {
-    if (context.arguments.size() == 1) {
-        reply.Append("+PONG\r\n");
-    } else {
-        AddBulk(reply, context.arguments[1]);
-    }
-}
-
+// PING, too, says what it is given.
 void Echo(CommandContext& context, Reply& reply) {
-    AddBulk(reply, context.arguments[1]);
+    if (context.arguments.size() > 1) {
+        AddBulk(reply, context.arguments[1]);
+    } else {
+        reply.Append("+PONG\r\n");
+    }
 }
 
 void DbSize(CommandContext& context, Reply& reply) {
@@ -278,7 +275,7 @@ constexpr Command c_commands[] = {
     {"set", 3, c_maxArguments, Set},
     {"incr", 2, 2, Add<1>},
     {"decr", 2, 2, Add<-1>},
-    {"ping", 1, 2, Ping},
+    {"ping", 1, 2, Echo},
     {"echo", 2, 2, Echo},
     {"del", 2, c_maxArguments, Del},
     {"exists", 2, c_maxArguments, Exists},
