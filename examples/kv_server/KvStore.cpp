@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cstring>
 #include <new>
 
 namespace kv_server {
@@ -47,6 +48,15 @@ Value::Value(std::string_view bytes) {
         throw std::bad_alloc();
     }
     m_block = CNxAutoPtr<CNxDataBlock>::Adopt(block);
+}
+
+std::size_t KeyHash::operator()(const std::string& key) const {
+    unsigned char hash[crypto_shorthash_BYTES];
+    crypto_shorthash(hash, reinterpret_cast<const unsigned char*>(key.data()), key.size(), m_key);
+    std::size_t word = 0;
+    static_assert(sizeof(hash) == sizeof(word));
+    std::memcpy(&word, hash, sizeof(word));
+    return word;
 }
 
 KvStore::Entries::iterator KvStore::FindLiving(std::string_view key) {

@@ -1,10 +1,10 @@
 // The keys and their values, some of which expire.
 #pragma once
 
-#include <kv_server/KeyHash.h>
 #include <nx/buffer/CNxDataBlock.h>
 #include <nx/buffer/CNxMessageChain.h>
 #include <nx/foundation/CNxAutoPtr.h>
+#include <sodium/crypto_shorthash.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -32,6 +32,20 @@ public:
 
 private:
     CNxAutoPtr<CNxDataBlock> m_block;
+};
+
+// The hash of the keys, itself keyed at random, each anew: without that key nobody finds texts that
+// collide more often than by chance.
+//
+// Deliberately not noexcept: the table then keeps each hash instead of computing it again when it
+// walks a bucket.
+class KeyHash {
+public:
+    KeyHash() { crypto_shorthash_keygen(m_key); }
+    std::size_t operator()(const std::string& key) const;
+
+private:
+    unsigned char m_key[crypto_shorthash_KEYBYTES];
 };
 
 // Knows no clock: its owner tells it the time, in milliseconds from any start. A key whose time has

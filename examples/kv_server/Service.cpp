@@ -23,11 +23,13 @@ constexpr CNxTimeValue c_givenBackEvery(1, 0);
 constexpr std::size_t c_removedAtOnce = 20000;
 constexpr CNxTimeValue c_removedEvery(0, 100000);
 
-constexpr std::int64_t c_nsPerMs = 1000000;
-
 constexpr CNxTimeValue c_lookEvery(0, 10000);
 // Descriptors that a reactor serves in one turn.
 constexpr std::size_t c_servedAtOnce = 1024;
+
+std::int64_t NowMs() {
+    return examples::NowNs() / 1000000;
+}
 
 // Tells a client that it is not served.
 class Refusal : public INxConnectionSink {
@@ -42,7 +44,7 @@ class Refusal : public INxConnectionSink {
 
 }  // namespace
 
-// Belongs to its loop's thread, but for CountHeld, GetHeld and Drop, which whoever makes room
+// Belongs to its loop's thread, but for CountHeld and Drop, which whoever makes room
 // calls.
 class Service::Client : public INxConnectionSink {
 public:
@@ -107,8 +109,8 @@ private:
     void TakeTurns(CNxConnection& connection) {
         Pause(connection);
         auto goOn = [this, kept = CNxAutoPtr<CNxConnection>(&connection)] {
-            if (kept->GetState() == CNxConnection::EState::OPEN &&
-                kept->GetUnsent() <= c_maxWaiting) {
+            const bool isOpen = kept->GetState() == CNxConnection::EState::OPEN;
+            if (isOpen && kept->GetUnsent() <= c_maxWaiting) {
                 Resume(*kept);
             }
         };
@@ -183,10 +185,23 @@ private:
 };
 
 NxResult Service::Start(INxReactor& loop) {
-    const NxResult started = m_expiry.RunEvery(loop, c_removedEvery, [this] { RemoveExpired(); });
-    return started != NX_OK
-               ? started
-               : m_memory.RunEvery(loop, c_givenBackEvery, [this] { GiveMemoryBack(); });
+    const auto removeExpired = [this] {
+        const CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
+        m_store.SetTime(NowMs());
+        m_store.RemoveExpired(c_removedAtOnce);
+    };
+    const auto giveMemoryBack = [this] {
+        const std::size_t held = m_held;
+        if (m_heldMost - std::min(held, m_heldMost.load()) >= c_givenBackFrom) {
+            malloc_trim(0);
+            m_heldMost = held;
+        }
+    };
+    return NxSendCall(loop, [&] {
+        const NxResult started = m_expiry.RunEvery(loop, c_removedEvery, removeExpired);
+        return started != NX_OK ? started
+                                : m_memory.RunEvery(loop, c_givenBackEvery, giveMemoryBack);
+    });
 }
 
 std::unique_ptr<INxConnectionSink> Service::MakeSink() {
@@ -203,22 +218,8 @@ std::unique_ptr<INxConnectionSink> Service::MakeSink() {
 ERun Service::Run(RequestParser& parser, CNxMessageChain& input, std::size_t waiting,
                   CNxMessageChain& replies) {
     const CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
-    m_store.SetTime(examples::NowNs() / c_nsPerMs);
+    m_store.SetTime(NowMs());
     return m_runner.Run(parser, input, waiting, replies);
-}
-
-void Service::RemoveExpired() {
-    const CNxMutexGuardT<CNxMutexThread> guard(m_mutex);
-    m_store.SetTime(examples::NowNs() / c_nsPerMs);
-    m_store.RemoveExpired(c_removedAtOnce);
-}
-
-void Service::GiveMemoryBack() {
-    const std::size_t held = m_held;
-    if (m_heldMost - std::min(held, m_heldMost.load()) >= c_givenBackFrom) {
-        malloc_trim(0);
-        m_heldMost = held;
-    }
 }
 
 // Lets go who holds most until the rest may stay, each being counted as of now: nobody tells when a

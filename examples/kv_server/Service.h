@@ -13,7 +13,7 @@
 namespace kv_server {
 
 // Clients run their commands on their own loops; all that one of them has sent in one go runs
-// without others between. Any thread may call any operation but Start. Outlives its clients, and is
+// without others between. Any thread may call any operation. Outlives its clients, and is
 // outlived by the loops.
 class Service {
 public:
@@ -23,8 +23,8 @@ public:
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
 
-    // Has the loop remove keys when they expire and give memory back; on its thread. As
-    // CNxTimedCall::RunEvery.
+    // Has the loop, which is another thread's, remove keys when they expire and give memory back.
+    // As CNxTimedCall::RunEvery.
     [[nodiscard]] NxResult Start(INxReactor& loop);
 
     // For a new connection: serves it, or only tells it that there is no place. With several loops
@@ -39,8 +39,6 @@ private:
     ERun Run(RequestParser& parser, CNxMessageChain& input, std::size_t waiting,
              CNxMessageChain& replies);
     void MakeRoom();
-    void RemoveExpired();
-    void GiveMemoryBack();
 
     const std::size_t m_maxClients;
     const std::size_t m_mayHold;

@@ -137,14 +137,6 @@ CNxListenOptions GetListenOptions(const Options& options) {
     return listen;
 }
 
-void Start(CNxServer& server, Service& service) {
-    // Not that of the main thread, which is to hear of signals whatever the store does.
-    INxReactor& loop = *server.GetGroup().GetReactor(0);
-    if (NxSendCall(loop, [&] { return service.Start(loop); }) != NX_OK) {
-        server.Fail("cannot start its timers");
-    }
-}
-
 void Listen(CNxServer& server, Service& service, const Options& options) {
     const auto makeSink = [&service] { return service.MakeSink(); };
     CNxListenOptions listen = GetListenOptions(options);
@@ -195,7 +187,10 @@ int Serve(const Options& options, int argc, char** argv) {
     server.SetOnReload(OnReload);
     server.SetOnStop([&stats] { OnStop(stats); });
     try {
-        Start(server, service);
+        // Not on the loop of the main thread, which is to hear of signals whatever the store does.
+        if (service.Start(*server.GetGroup().GetReactor(0)) != NX_OK) {
+            server.Fail("cannot start its timers");
+        }
         Listen(server, service, options);
         if (!server.HasFailed()) {
             Announce(server.GetGroup());
