@@ -107,8 +107,9 @@ bool RequestParser::SplitWords(std::string_view line) {
         const bool isQuoted = line[at] == '"' || line[at] == '\'';
         const std::size_t begin = isQuoted ? at + 1 : at;
         at = isQuoted ? line.find(line[at], begin) : line.find_first_of(c_blanks, begin);
-        const bool isOpen = at == c_none || line.find_first_of(c_blanks, at + 1) != at + 1;
-        if (isQuoted && isOpen && at + 1 != line.size()) {
+        // Before a blank or the end of the line, where the empty text is found, too.
+        const bool isEnd = at != c_none && c_blanks.find(line.substr(at + 1, 1)) != c_none;
+        if (isQuoted && !isEnd) {
             return Fail("unbalanced quotes in request");
         }
         if (m_words.size() == c_maxArguments) {
@@ -141,11 +142,8 @@ std::size_t RequestParser::ReadHeader(std::string_view text, long& number) {
 
 bool RequestParser::ReadBulk(const CNxMessageChain& input) {
     const std::string_view text = Look(input, m_position);
-    if (text.empty()) {
-        return false;
-    }
-    if (text[0] != '$') {
-        return Fail("expected '$', got '" + ToShown(text.substr(0, 1)) + "'");
+    if (text.empty() || text[0] != '$') {
+        return !text.empty() && Fail("expected '$', got '" + ToShown(text.substr(0, 1)) + "'");
     }
     long size = 0;
     const std::size_t header = ReadHeader(text, size);
