@@ -8,8 +8,7 @@ namespace kv_load {
 
 namespace {
 
-constexpr std::size_t c_keyDigits = 9;
-constexpr std::uint32_t c_keys = 1000000000;
+constexpr std::uint32_t c_keys = 1000000000;  // more than there can be
 constexpr std::string_view c_names[] = {"SET", "GET", "INCR", "PING"};
 
 // What is shown of a reply: some bytes before the first wrong one, and some from there on.
@@ -61,7 +60,7 @@ Conversation::Conversation(const std::string& prefix, std::uint32_t firstKey,
       m_valueSize(valueSize),
       m_random(firstKey),
       m_versions(keyCount) {
-    const std::string key = ToHead('$', prefix.size() + c_keyDigits) + prefix;
+    const std::string key = ToHead('$', prefix.size() + ToKeyDigits(0).size()) + prefix;
     const std::string value = ToHead('$', valueSize) + std::string(valueSize, 'v') + "\r\n";
     m_forms[SET] = {"*3\r\n$3\r\nSET\r\n" + key, "\r\n" + value, "+OK\r\n"};
     m_forms[GET] = {"*2\r\n$3\r\nGET\r\n" + key, "\r\n", value};

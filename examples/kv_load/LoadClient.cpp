@@ -91,16 +91,17 @@ private:
     }
 
     void OnLowWater(CNxConnection& connection) override { Ask(connection); }
-    void OnEnd(CNxConnection& /*connection*/) override { FailLost("closed by the server"); }
+    void OnEnd(CNxConnection& connection) override {
+        OnClosed(connection, {ENxClosed::BY_PEER, 0, "closed by the server"});
+    }
+
     void OnClosed(CNxConnection& /*connection*/, const CNxCloseReason& reason) override {
-        const std::string seconds = std::to_string(m_client.m_options.stallTimeout);
-        if (!m_isOpen) {
-            Fail("cannot connect to " + m_client.m_target + ": " + reason.text);
-        } else if (reason.kind == ENxClosed::IDLE) {
-            FailLost("stalled, no sign of life for " + seconds + " s");
-        } else {
-            FailLost(reason.text);
-        }
+        const std::string silence = std::to_string(m_client.m_options.stallTimeout) + " s";
+        const std::string why = reason.kind == ENxClosed::IDLE
+                                    ? "stalled, no sign of life for " + silence
+                                    : reason.text;
+        Fail(m_isOpen ? "lost: " + why + "; the server owes " + m_conversation.DescribeDebt()
+                      : "cannot connect to " + m_client.m_target + ": " + why);
     }
 
     // As much as the pipeline has room for, but no more than the socket takes soon: for the rest
@@ -119,10 +120,6 @@ private:
         if (m_client.m_toAsk == 0 && m_conversation.GetOpen() == 0) {
             Leave(m_client.m_connected);
         }
-    }
-
-    void FailLost(const std::string& why) {
-        Fail("lost: " + why + "; the server owes " + m_conversation.DescribeDebt());
     }
 
     void Fail(const std::string& why) {
