@@ -8,15 +8,17 @@ namespace kv_load {
 
 namespace {
 
-constexpr std::uint32_t c_keys = 1000000000;  // more than there can be
+constexpr std::size_t c_keyDigits = 9;
 constexpr std::string_view c_names[] = {"SET", "GET", "INCR", "PING"};
 
 // What is shown of a reply: some bytes before the first wrong one, and some from there on.
 constexpr std::size_t c_shownBefore = 24;
 constexpr std::size_t c_shown = 88;
 
-std::string ToKeyDigits(std::uint32_t number) {
-    return std::to_string(c_keys + number).substr(1);
+void PutKeyDigits(char* out, std::uint32_t number) {
+    for (std::size_t i = c_keyDigits; i-- > 0; number /= 10) {
+        out[i] = static_cast<char>('0' + number % 10);
+    }
 }
 
 std::string ToHead(char type, std::size_t number) {
@@ -60,12 +62,16 @@ Conversation::Conversation(const std::string& prefix, std::uint32_t firstKey,
       m_valueSize(valueSize),
       m_random(firstKey),
       m_versions(keyCount) {
-    const std::string key = ToHead('$', prefix.size() + ToKeyDigits(0).size()) + prefix;
+    const std::string key =
+        ToHead('$', prefix.size() + c_keyDigits) + prefix + std::string(c_keyDigits, '0') + "\r\n";
     const std::string value = ToHead('$', valueSize) + std::string(valueSize, 'v') + "\r\n";
-    m_forms[SET] = {"*3\r\n$3\r\nSET\r\n" + key, "\r\n" + value, "+OK\r\n"};
-    m_forms[GET] = {"*2\r\n$3\r\nGET\r\n" + key, "\r\n", value};
-    m_forms[INCR] = {"*2\r\n$4\r\nINCR\r\n" + key, "\r\n", ":"};
-    m_forms[PING] = {"*1\r\n$4\r\nPING", "\r\n", "+PONG\r\n"};
+    m_forms[SET] = {"*3\r\n$3\r\nSET\r\n" + key + value, "+OK\r\n"};
+    m_forms[GET] = {"*2\r\n$3\r\nGET\r\n" + key, value};
+    m_forms[INCR] = {"*2\r\n$4\r\nINCR\r\n" + key, ":"};
+    m_forms[PING] = {"*1\r\n$4\r\nPING\r\n", "+PONG\r\n"};
+    for (Form& form : m_forms) {
+        form.keyAt = form.request.find(prefix) + prefix.size();
+    }
 }
 
 // A key is set before it is read.
@@ -100,10 +106,13 @@ void Conversation::PutValue(std::string& text, const Request& request) const {
 void Conversation::Ask(CNxMessageChain& out, std::int64_t now) {
     const Request& request = m_open.emplace_back(MakeUp(now));
     Form& form = m_forms[request.kind];
-    if (request.kind == SET) {
-        PutValue(form.tail, request);
+    if (request.kind != PING) {
+        PutKeyDigits(&form.request[form.keyAt], request.key);
     }
-    out.Append({form.head, request.kind == PING ? "" : ToKeyDigits(request.key), form.tail});
+    if (request.kind == SET) {
+        PutValue(form.request, request);
+    }
+    out.Append(form.request);
 }
 
 // The reply to the oldest request, once its first byte is looked at.
@@ -156,8 +165,10 @@ std::string Conversation::DescribeMismatch(std::string_view came) const {
 }
 
 std::string Conversation::Describe(const Request& request) const {
+    std::string digits(c_keyDigits, '0');
+    PutKeyDigits(digits.data(), request.key);
     const std::string name(c_names[request.kind]);
-    return request.kind == PING ? name : name + " " + m_prefix + ToKeyDigits(request.key);
+    return request.kind == PING ? name : name + " " + m_prefix + digits;
 }
 
 std::string Conversation::DescribeDebt() const {

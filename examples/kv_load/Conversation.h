@@ -50,12 +50,12 @@ private:
         std::int64_t askedAt;
     };
 
-    // How requests of one kind are asked, with the key between head and tail, and answered.
-    // Values and counters in it are put anew each time.
+    // How requests of one kind are asked and answered. Key, value and counter are put in anew each
+    // time.
     struct Form {
-        std::string head;
-        std::string tail;
+        std::string request;
         std::string reply;
+        std::size_t keyAt = 0;
     };
 
     Request MakeUp(std::int64_t now);
