@@ -137,7 +137,11 @@ CNxListenOptions GetListenOptions(const Options& options) {
     return listen;
 }
 
-void Listen(CNxServer& server, Service& service, const Options& options) {
+void Open(CNxServer& server, Service& service, const Options& options) {
+    // Not on the loop of the main thread, which is to hear of signals whatever the store does.
+    if (service.Start(*server.GetGroup().GetReactor(0)) != NX_OK) {
+        server.Fail("cannot start its timers");
+    }
     const auto makeSink = [&service] { return service.MakeSink(); };
     CNxListenOptions listen = GetListenOptions(options);
     if (server.Listen(ToEndpoint(options.bind, options.port), makeSink, listen) == NX_OK) {
@@ -187,11 +191,7 @@ int Serve(const Options& options, int argc, char** argv) {
     server.SetOnReload(OnReload);
     server.SetOnStop([&stats] { OnStop(stats); });
     try {
-        // Not on the loop of the main thread, which is to hear of signals whatever the store does.
-        if (service.Start(*server.GetGroup().GetReactor(0)) != NX_OK) {
-            server.Fail("cannot start its timers");
-        }
-        Listen(server, service, options);
+        Open(server, service, options);
         if (!server.HasFailed()) {
             Announce(server.GetGroup());
         }
