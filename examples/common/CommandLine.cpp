@@ -132,6 +132,11 @@ std::string WithHint(const std::string& error) {
     return error + "\nTry '" + program_invocation_short_name + " --help'.";
 }
 
+std::string ToEndpoint(const std::string& host, std::uint64_t port) {
+    const bool isV6 = host.find(':') != std::string::npos;
+    return (isV6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+}
+
 std::string CheckAddress(const char* option, const std::string& value) {
     if (CNxInetAddr::IsIpAddress(CNxString(value.c_str()))) {
         return {};

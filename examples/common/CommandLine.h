@@ -66,6 +66,9 @@ private:
 // What is wrong with the options, and a line that tells where to learn more.
 std::string WithHint(const std::string& error);
 
+// "10.0.0.1:80", "[::1]:80", "name:80".
+std::string ToEndpoint(const std::string& host, std::uint64_t port);
+
 // What is wrong with the option's value as an IPv4 or IPv6 address, or "".
 std::string CheckAddress(const char* option, const std::string& value);
 

@@ -1,13 +1,11 @@
-// A whole run: the connections, the clock that watches them, and what they achieved.
+// A whole run: the connections, and what they achieved.
 #pragma once
 
-#include <kv_load/Connection.h>
-#include <kv_load/ProgressPrinter.h>
-#include <nx/timer/CNxTimedCall.h>
+#include <kv_load/LatencyHistogram.h>
+#include <nx/nx.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -30,60 +28,59 @@ struct Options {
     std::uint64_t connectTimeout = 10;
     std::uint64_t stallTimeout = 30;
     bool isTls = false;
-    // Whom to trust; "" for what the system trusts.
-    std::string caFile;
+    CNxTlsOptions tls;
 };
 
 // Opens all connections first, a limited number at a time, and has them begin together once none
 // is left to wait for. What is to be asked is not dealt out beforehand: a connection takes as much
 // as it can, so that a slow or lost one does not hold up the end.
 //
-// Made and destroyed on the main thread; Start, Close and all callbacks are the reactor's thread's.
-class LoadClient : private IConnectionOwner {
+// On the main thread and its loop.
+class LoadClient {
 public:
-    // `onEnd` is called when no connection has anything left to do. May throw std::bad_alloc.
-    // `tls` is null for none.
-    LoadClient(const Options& options, CNxAutoPtr<CNxTlsContext> tls, INxReactor& reactor,
-               std::function<void()> onEnd);
+    // Begins to connect, and stops the server when no connection has anything left to do. `tls` is
+    // null for none. The server has started and outlives the client.
+    LoadClient(const Options& options, const CNxAutoPtr<CNxTlsContext>& tls, CNxServer& server);
+    ~LoadClient();
     LoadClient(const LoadClient&) = delete;
     LoadClient& operator=(const LoadClient&) = delete;
 
-    // False without memory.
-    [[nodiscard]] bool Start();
-
-    // Ends the run where it stands. To be called also after `onEnd`.
+    // Ends the run where it stands.
     void Close();
 
-    // Once closed, any thread.
-    const LoadProgress& GetProgress() const { return m_progress; }
+    // Once closed: prints what was achieved. Returns the status to exit with, `signal` being the
+    // one that has ended the run: 0 if every request got its right reply, 1 if a connection was
+    // given up, else 128 plus the signal.
+    int Report(int signal) const;
 
 private:
-    void OnConnected() override;
-    void OnDone() override;
-    void OnFailed(const Connection& connection, bool wasConnected, const std::string& why) override;
+    class Connection;
 
-    void OnTick();
-    void OpenMore();
-    void StartLoad();
-    void EndIfNobodyIsLeft();
+    void Proceed();
 
     const Options m_options;
-    INxReactor& m_reactor;
-    const std::function<void()> m_onEnd;
-    CNxTimedCall m_tick;
-    LoadProgress m_progress;
-    ProgressPrinter m_printer;
-    const ConnectionSetup m_setup;
+    CNxServer& m_server;
+    const std::string m_target;
+    const CNxConnectorOptions m_connectorOptions;
+    // A short run shall keep all connections busy, too.
+    const std::size_t m_pipeline;
     std::vector<std::unique_ptr<Connection>> m_connections;
+    CNxTimedCall m_progress;
 
-    bool m_started = false;
-    // Guards OpenMore against itself: a connect may fail at once.
-    bool m_opening = false;
     // How many were told to open; of these, how many have still to connect or fail, and how many
-    // are connected and neither done nor failed.
+    // are connected and have something left to do.
     std::size_t m_opened = 0;
     std::size_t m_connecting = 0;
     std::size_t m_connected = 0;
+    std::uint64_t m_failed = 0;
+
+    // Requests that no connection has asked yet; the connections take from here.
+    std::uint64_t m_toAsk;
+    // In nanoseconds, of every request that got its right reply.
+    LatencyHistogram m_latency;
+    // Of NowNs(); 0 before.
+    std::int64_t m_startedAt = 0;
+    std::int64_t m_endedAt = 0;
 };
 
 }  // namespace kv_load

@@ -1,9 +1,11 @@
 #include <kv_server/CommandRunner.h>
 
 #include <algorithm>
-#include <cctype>
-#include <ctime>
+#include <cstdio>
 #include <new>
+#include <string>
+#include <string_view>
+#include <utility>
 
 namespace kv_server {
 
@@ -11,200 +13,339 @@ namespace {
 
 constexpr std::size_t c_shownOfName = 64;
 constexpr std::size_t c_shortReply = 64;
+constexpr std::size_t c_sharedFrom = 4096;
 
 // Then others have their turn.
 constexpr std::size_t c_visitedAtOnce = 1UL << 20;
 
-constexpr std::size_t c_stepsOfParameter = 1UL << 20;
+// What KEYS may spend: in proportion to the keys, which patterns that people write keep to; a
+// pattern made to be slow gets an error.
+constexpr std::size_t c_stepsBefore = 1UL << 20;
+constexpr std::size_t c_stepsPerByte = 16;
 
-std::string ToLower(std::string_view name) {
-    std::string lower(name);
-    std::transform(lower.begin(), lower.end(), lower.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return lower;
+constexpr std::string_view c_ok = "+OK\r\n";
+constexpr std::string_view c_nil = "$-1\r\n";
+constexpr std::string_view c_notANumber = "value is not an integer or out of range";
+constexpr std::string_view c_syntaxError = "syntax error";
+
+using Reply = CNxMessageChain;
+
+// Replies in RESP2. Each is there as a whole or, after a std::bad_alloc, not at all.
+std::string ToHead(char type, std::size_t size) {
+    return type + std::to_string(size) + "\r\n";
+}
+
+void AddNumber(Reply& reply, long number) {
+    reply.Append({":", std::to_string(number), "\r\n"});
+}
+
+void AddBulk(Reply& reply, std::string_view bytes) {
+    reply.Append({ToHead('$', bytes.size()), bytes, "\r\n"});
+}
+
+// The text must not contain a line end.
+void AddError(Reply& reply, std::string_view text) {
+    reply.Append({"-ERR ", text, "\r\n"});
+}
+
+void AddArray(Reply& reply, std::size_t size, Reply&& elements) {
+    reply.Append(ToHead('*', size));
+    reply.Append(std::move(elements));
+}
+
+// The name is in small letters, which have a bit more than the capitals.
+bool EqualsNoCase(std::string_view text, std::string_view name) {
+    return text.size() == name.size() &&
+           std::equal(text.begin(), text.end(), name.begin(),
+                      [](char c, char small) { return (c | 0x20) == small; });
+}
+
+// The time that is so many units ahead; false when there is none.
+bool ToTime(const CommandContext& context, long count, std::int64_t unit, std::int64_t& time) {
+    return !__builtin_mul_overflow(count, unit, &time) &&
+           !__builtin_add_overflow(time, context.store.GetTime(), &time);
+}
+
+void Get(CommandContext& context, Reply& reply) {
+    const Value* const value = context.store.Find(context.arguments[1]);
+    if (value == nullptr) {
+        reply.Append(c_nil);
+    } else if (value->GetBytes().size() >= c_sharedFrom) {
+        Reply whole(ToHead('$', value->GetBytes().size()));
+        value->ShareTo(whole);
+        whole.Append("\r\n");
+        reply.Append(std::move(whole));
+    } else {
+        AddBulk(reply, value->GetBytes());
+    }
+}
+
+struct SetOptions {
+    std::int64_t expiresAt = KvStore::c_never;
+    bool onlyNew = false;
+    bool onlyOld = false;
+};
+
+// What is wrong, or "".
+std::string_view ReadSetOptions(const CommandContext& context, SetOptions& options) {
+    const Arguments& arguments = context.arguments;
+    for (std::size_t i = 3; i < arguments.size(); ++i) {
+        const bool isSeconds = EqualsNoCase(arguments[i], "ex");
+        const bool isTime = isSeconds || EqualsNoCase(arguments[i], "px");
+        if (isTime && options.expiresAt == KvStore::c_never && i + 1 < arguments.size()) {
+            long count = 0;
+            if (!ToNumber(arguments[++i], count)) {
+                return c_notANumber;
+            }
+            if (count <= 0 || !ToTime(context, count, isSeconds ? 1000 : 1, options.expiresAt)) {
+                return "invalid expire time in 'set' command";
+            }
+        } else if (EqualsNoCase(arguments[i], "nx")) {
+            options.onlyNew = true;
+        } else if (EqualsNoCase(arguments[i], "xx")) {
+            options.onlyOld = true;
+        } else {
+            return c_syntaxError;
+        }
+    }
+    return options.onlyNew && options.onlyOld ? c_syntaxError : "";
+}
+
+void Set(CommandContext& context, Reply& reply) {
+    const std::string_view key = context.arguments[1];
+    SetOptions options;
+    const std::string_view error = ReadSetOptions(context, options);
+    if (!error.empty()) {
+        AddError(reply, error);
+    } else if ((options.onlyNew || options.onlyOld) &&
+               (context.store.Find(key) != nullptr) == options.onlyNew) {
+        reply.Append(c_nil);
+    } else {
+        context.store.Set(key, context.arguments[2], options.expiresAt);
+        reply.Append(c_ok);
+    }
+}
+
+template <long change>
+void Add(CommandContext& context, Reply& reply) {
+    const std::string_view key = context.arguments[1];
+    const Value* const value = context.store.Find(key);
+    long number = 0;
+    if (value != nullptr && !ToNumber(value->GetBytes(), number)) {
+        AddError(reply, c_notANumber);
+    } else if (__builtin_add_overflow(number, change, &number)) {
+        AddError(reply, "increment or decrement would overflow");
+    } else {
+        const std::string text = std::to_string(number);
+        context.store.Set(key, text, KvStore::c_keepExpiry);
+        reply.Append({":", text, "\r\n"});
+    }
+}
+
+// Of the keys that are named, those for which it is true.
+template <class Predicate>
+void AddCount(const CommandContext& context, Reply& reply, Predicate predicate) {
+    const Arguments& arguments = context.arguments;
+    AddNumber(reply, std::count_if(arguments.begin() + 1, arguments.end(), predicate));
+}
+
+void Del(CommandContext& context, Reply& reply) {
+    AddCount(context, reply, [&](std::string_view key) { return context.store.Delete(key); });
+}
+
+void Exists(CommandContext& context, Reply& reply) {
+    AddCount(context, reply, [&](auto key) { return context.store.Find(key) != nullptr; });
+}
+
+void Expire(CommandContext& context, Reply& reply) {
+    const std::string_view key = context.arguments[1];
+    long seconds = 0;
+    std::int64_t time = 0;
+    if (!ToNumber(context.arguments[2], seconds)) {
+        AddError(reply, c_notANumber);
+    } else if (seconds <= 0) {
+        AddNumber(reply, context.store.Delete(key) ? 1 : 0);
+    } else if (!ToTime(context, seconds, 1000, time)) {
+        AddError(reply, "invalid expire time in 'expire' command");
+    } else {
+        AddNumber(reply, context.store.SetExpiry(key, time) ? 1 : 0);
+    }
+}
+
+void Ttl(CommandContext& context, Reply& reply) {
+    KvStore& store = context.store;
+    const auto expiry = store.GetExpiry(context.arguments[1]);
+    if (expiry.has_value()) {
+        AddNumber(reply, (*expiry - store.GetTime() + 500) / 1000);
+    } else {
+        AddNumber(reply, store.Find(context.arguments[1]) != nullptr ? -1 : -2);
+    }
+}
+
+void Keys(CommandContext& context, Reply& reply) {
+    std::size_t count = 0;
+    std::size_t steps = c_stepsBefore;
+    Reply names;
+    context.store.ForEachKey([&](std::string_view key) {
+        steps += c_stepsPerByte * (key.size() + 1);
+        if (MatchesGlob(context.arguments[1], key, steps)) {
+            AddBulk(names, key);
+            ++count;
+        }
+        ++context.visited;
+        return steps > 0;
+    });
+    if (steps == 0) {
+        AddError(reply, "pattern takes too long to match");
+    } else {
+        AddArray(reply, count, std::move(names));
+    }
+}
+
+// PING, too, says what it is given.
+void Echo(CommandContext& context, Reply& reply) {
+    if (context.arguments.size() > 1) {
+        AddBulk(reply, context.arguments[1]);
+    } else {
+        reply.Append("+PONG\r\n");
+    }
+}
+
+void DbSize(CommandContext& context, Reply& reply) {
+    AddNumber(reply, static_cast<long>(context.store.GetSize()));
+}
+
+void FlushAll(CommandContext& context, Reply& reply) {
+    context.store.Clear();
+    reply.Append(c_ok);
+}
+
+void Info(CommandContext& context, Reply& reply) {
+    const Stats& stats = context.stats;
+    char text[512];
+    std::snprintf(text, sizeof(text),
+                  "# Server\r\ntcp_port:%u\r\nuptime_in_seconds:%ld\r\n\r\n"
+                  "# Clients\r\nconnected_clients:%lu\r\n\r\n"
+                  "# Stats\r\ntotal_connections_received:%lu\r\nrejected_connections:%lu\r\n"
+                  "total_commands_processed:%lu\r\n\r\n"
+                  "# Keyspace\r\ndb0:keys=%zu,expires=%zu\r\n",
+                  stats.port.load(), std::time(nullptr) - stats.startedAt, stats.connected.load(),
+                  stats.accepted.load(), stats.refused.load(), context.processed,
+                  context.store.GetSize(), context.store.GetExpiringCount());
+    AddBulk(reply, text);
+}
+
+// CONFIG GET answers with what load clients ask for first: nothing is saved to disk.
+void Config(CommandContext& context, Reply& reply) {
+    const Arguments& arguments = context.arguments;
+    if (!EqualsNoCase(arguments[1], "get")) {
+        const std::string shown = ToShown(arguments[1].substr(0, c_shownOfName));
+        return AddError(reply, "unknown subcommand '" + shown + "'");
+    }
+    std::size_t count = 0;
+    Reply found;
+    for (const auto& [name, value] : {std::pair("save", ""), {"appendonly", "no"}}) {
+        const auto isName = [name = name](auto asked) { return EqualsNoCase(asked, name); };
+        if (std::any_of(arguments.begin() + 2, arguments.end(), isName)) {
+            AddBulk(found, name);
+            AddBulk(found, value);
+            count += 2;
+        }
+    }
+    AddArray(reply, count, std::move(found));
+}
+
+void Quit(CommandContext& context, Reply& reply) {
+    reply.Append(c_ok);
+    context.end = ERun::QUIT;
+}
+
+void Describe(CommandContext& context, Reply& reply);
+
+struct Command {
+    std::string_view name;
+    std::size_t minArguments;  // with the name
+    std::size_t maxArguments;
+    void (*run)(CommandContext& context, Reply& reply);
+};
+
+// The busiest come first.
+constexpr Command c_commands[] = {
+    {"get", 2, 2, Get},
+    {"set", 3, c_maxArguments, Set},
+    {"incr", 2, 2, Add<1>},
+    {"decr", 2, 2, Add<-1>},
+    {"ping", 1, 2, Echo},
+    {"echo", 2, 2, Echo},
+    {"del", 2, c_maxArguments, Del},
+    {"exists", 2, c_maxArguments, Exists},
+    {"expire", 3, 3, Expire},
+    {"ttl", 2, 2, Ttl},
+    {"keys", 2, 2, Keys},
+    {"dbsize", 1, 1, DbSize},
+    {"flushall", 1, 2, FlushAll},
+    {"info", 1, c_maxArguments, Info},
+    {"command", 1, c_maxArguments, Describe},
+    {"config", 3, c_maxArguments, Config},
+    {"quit", 1, c_maxArguments, Quit},
+};
+
+// COMMAND COUNT tells how many there are; nothing more is described.
+void Describe(CommandContext& context, Reply& reply) {
+    if (context.arguments.size() == 2 && EqualsNoCase(context.arguments[1], "count")) {
+        AddNumber(reply, std::size(c_commands));
+    } else {
+        AddArray(reply, 0, {});
+    }
 }
 
 }  // namespace
 
-constexpr CommandRunner::Command CommandRunner::s_commands[] = {
-    {"GET", 2, 2, &CommandRunner::Get},
-    {"SET", 3, c_maxArguments, &CommandRunner::Set},
-    {"INCR", 2, 2, &CommandRunner::Incr},
-    {"DECR", 2, 2, &CommandRunner::Decr},
-    {"PING", 1, 2, &CommandRunner::Ping},
-    {"ECHO", 2, 2, &CommandRunner::Echo},
-    {"DEL", 2, c_maxArguments, &CommandRunner::Del},
-    {"EXISTS", 2, c_maxArguments, &CommandRunner::Exists},
-    {"EXPIRE", 3, 3, &CommandRunner::Expire},
-    {"TTL", 2, 2, &CommandRunner::Ttl},
-    {"KEYS", 2, 2, &CommandRunner::Keys},
-    {"DBSIZE", 1, 1, &CommandRunner::DbSize},
-    {"FLUSHALL", 1, 2, &CommandRunner::FlushAll},
-    {"INFO", 1, c_maxArguments, &CommandRunner::Info},
-    {"COMMAND", 1, c_maxArguments, &CommandRunner::DescribeCommands},
-    {"CONFIG", 2, c_maxArguments, &CommandRunner::Config},
-    {"QUIT", 1, c_maxArguments, &CommandRunner::Quit},
-};
-
-// The name is in capitals, whose fifth bit is all that small letters differ in.
-bool CommandRunner::EqualsNoCase(std::string_view text, std::string_view name) {
-    constexpr int c_toCapital = ~0x20;
-    return text.size() == name.size() &&
-           std::equal(text.begin(), text.end(), name.begin(),
-                      [](char c, char capital) { return (c & c_toCapital) == capital; });
-}
-
-// The busiest come first in the table, and their lengths differ from most others'.
-const CommandRunner::Command* CommandRunner::FindCommand(std::string_view name) {
-    const auto hasName = [name](const Command& command) {
-        return EqualsNoCase(name, command.name);
-    };
-    const auto* const found = std::find_if(std::begin(s_commands), std::end(s_commands), hasName);
-    return found != std::end(s_commands) ? found : nullptr;
-}
-
 ERun CommandRunner::Run(RequestParser& parser, CNxMessageChain& input, std::size_t waiting,
                         CNxMessageChain& replies) {
-    m_quit = false;
-    m_visited = 0;
+    ERun& end = m_context.end;
+    end = ERun::ALL;
+    m_context.visited = 0;
     const std::size_t most = c_maxWaiting - std::min(waiting, c_maxWaiting);
-    ERun end = ERun::QUIT;
     try {
-        end = RunAll(parser, input, most, replies);
+        while (end == ERun::ALL && parser.Next(input, m_context.arguments)) {
+            RunOne(replies);
+            const bool isLong = replies.GetSize() >= most || m_context.visited >= c_visitedAtOnce;
+            end = end == ERun::ALL && isLong ? ERun::EARLY : end;
+        }
         if (!parser.GetError().empty()) {
-            ReplyWriter(replies).WriteError("ERR " + parser.GetError());
             end = ERun::QUIT;
+            AddError(replies, parser.GetError());
         }
     } catch (const std::bad_alloc&) {
         // Not even an error reply.
+        end = ERun::QUIT;
     }
     parser.Finish(input);
     return end;
 }
 
-ERun CommandRunner::RunAll(RequestParser& parser, CNxMessageChain& input, std::size_t most,
-                           CNxMessageChain& replies) {
-    while (parser.Next(input, m_arguments)) {
-        RunNext(replies);
-        if (m_quit) {
-            return ERun::QUIT;
-        }
-        if (replies.GetSize() >= most || m_visited >= c_visitedAtOnce) {
-            return ERun::EARLY;
-        }
-    }
-    return ERun::ALL;
-}
-
 // With room for every short reply a command that has changed something can always say so.
-void CommandRunner::RunNext(CNxMessageChain& replies) {
+void CommandRunner::RunOne(CNxMessageChain& replies) {
     replies.MakeSpace(c_shortReply);
-    ReplyWriter reply(replies);
-    ++m_processed;
+    ++m_context.processed;
+    const std::string_view name = m_context.arguments[0];
+    const std::size_t count = m_context.arguments.size();
+    const auto* const command =
+        std::find_if(std::begin(c_commands), std::end(c_commands),
+                     [name](const Command& known) { return EqualsNoCase(name, known.name); });
     try {
-        RunOne(reply);
-    } catch (const std::bad_alloc&) {
-        reply.WriteError("ERR out of memory");
-    }
-}
-
-void CommandRunner::RunOne(ReplyWriter& reply) {
-    const std::string_view name = m_arguments[0];
-    const Command* const command = FindCommand(name);
-    if (command == nullptr) {
-        reply.WriteError("ERR unknown command '" + ToShown(name.substr(0, c_shownOfName)) + "'");
-    } else if (m_arguments.size() < command->minArguments ||
-               m_arguments.size() > command->maxArguments) {
-        reply.WriteError("ERR wrong number of arguments for '" + ToLower(name) + "' command");
-    } else {
-        (this->*command->run)(reply);
-    }
-}
-
-void CommandRunner::Ping(ReplyWriter& reply) {
-    if (m_arguments.size() == 1) {
-        reply.WriteStatus("PONG");
-    } else {
-        reply.WriteBulk(m_arguments[1]);
-    }
-}
-
-void CommandRunner::Echo(ReplyWriter& reply) {
-    reply.WriteBulk(m_arguments[1]);
-}
-
-void CommandRunner::DbSize(ReplyWriter& reply) {
-    reply.WriteNumber(static_cast<long>(m_store.GetSize()));
-}
-
-void CommandRunner::FlushAll(ReplyWriter& reply) {
-    m_store.Clear();
-    reply.WriteStatus("OK");
-}
-
-void CommandRunner::Info(ReplyWriter& reply) {
-    const auto number = [](std::uint64_t value) { return std::to_string(value) + "\r\n"; };
-    const auto uptime = static_cast<std::uint64_t>(std::time(nullptr) - m_stats.startedAt);
-    std::string text = "# Server\r\n";
-    text += "tcp_port:" + number(m_stats.port);
-    text += "uptime_in_seconds:" + number(uptime);
-    text += "\r\n# Clients\r\n";
-    text += "connected_clients:" + number(m_stats.connected);
-    text += "\r\n# Stats\r\n";
-    text += "total_connections_received:" + number(m_stats.accepted);
-    text += "rejected_connections:" + number(m_stats.refused);
-    text += "total_commands_processed:" + number(m_processed);
-    text += "\r\n# Keyspace\r\n";
-    text += "db0:keys=" + std::to_string(m_store.GetSize()) +
-            ",expires=" + std::to_string(m_store.GetExpiringCount()) + "\r\n";
-    reply.WriteBulk(text);
-}
-
-// COMMAND COUNT tells how many there are; nothing more is described.
-void CommandRunner::DescribeCommands(ReplyWriter& reply) {
-    if (m_arguments.size() == 2 && EqualsNoCase(m_arguments[1], "COUNT")) {
-        reply.WriteNumber(static_cast<long>(std::size(s_commands)));
-    } else {
-        reply.WriteArraySize(0);
-    }
-}
-
-// CONFIG GET answers with what load clients ask for first: nothing is saved to disk.
-void CommandRunner::Config(ReplyWriter& reply) {
-    if (!EqualsNoCase(m_arguments[1], "GET")) {
-        reply.WriteError("ERR unknown subcommand '" +
-                         ToShown(m_arguments[1].substr(0, c_shownOfName)) + "'");
-        return;
-    }
-    if (m_arguments.size() < 3) {
-        reply.WriteError("ERR wrong number of arguments for 'config|get' command");
-        return;
-    }
-    constexpr std::pair<std::string_view, std::string_view> parameters[] = {{"save", ""},
-                                                                            {"appendonly", "no"}};
-    const auto wanted = [this](std::string_view name) {
-        return std::any_of(m_arguments.begin() + 2, m_arguments.end(), [&](std::string_view p) {
-            std::size_t steps = c_stepsOfParameter;
-            return MatchesGlob(ToLower(p), name, steps);
-        });
-    };
-    CNxMessageChain found;
-    ReplyWriter writer(found);
-    std::size_t count = 0;
-    for (const auto& [name, value] : parameters) {
-        if (wanted(name)) {
-            writer.WriteBulk(name);
-            writer.WriteBulk(value);
-            count += 2;
+        if (command == std::end(c_commands)) {
+            AddError(replies, "unknown command '" + ToShown(name.substr(0, c_shownOfName)) + "'");
+        } else if (count < command->minArguments || count > command->maxArguments) {
+            AddError(replies,
+                     "wrong number of arguments for '" + std::string(command->name) + "' command");
+        } else {
+            command->run(m_context, replies);
         }
+    } catch (const std::bad_alloc&) {
+        AddError(replies, "out of memory");
     }
-    reply.WriteArraySize(count);
-    reply.WriteReplies(std::move(found));
-}
-
-void CommandRunner::Quit(ReplyWriter& reply) {
-    reply.WriteStatus("OK");
-    m_quit = true;
 }
 
 }  // namespace kv_server

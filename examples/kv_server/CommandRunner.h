@@ -2,14 +2,12 @@
 #pragma once
 
 #include <kv_server/KvStore.h>
-#include <kv_server/ReplyWriter.h>
 #include <kv_server/Request.h>
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
-#include <string_view>
 
 namespace kv_server {
 
@@ -31,10 +29,20 @@ enum class ERun {
     QUIT,   // the client is to be let go after these replies
 };
 
+// What a command works on.
+struct CommandContext {
+    KvStore& store;
+    const Stats& stats;
+    Arguments arguments{};        // of the command, its name first
+    std::uint64_t processed = 0;  // commands
+    std::size_t visited = 0;      // keys that this run has walked over
+    ERun end = ERun::ALL;
+};
+
 // Belongs to one thread at a time, as the store; that and the numbers outlive it.
 class CommandRunner {
 public:
-    CommandRunner(KvStore& store, const Stats& stats) : m_store(store), m_stats(stats) {}
+    CommandRunner(KvStore& store, const Stats& stats) : m_context{store, stats} {}
 
     // Runs the commands at the front of the input in their order, takes them off, and writes a
     // reply for each, behind the last one what is wrong with the input. EARLY when c_maxWaiting
@@ -46,54 +54,9 @@ public:
              CNxMessageChain& replies);
 
 private:
-    struct Command {
-        std::string_view name;
-        std::size_t minArguments;  // with the name
-        std::size_t maxArguments;
-        void (CommandRunner::*run)(ReplyWriter& reply);
-    };
-    struct SetOptions {
-        std::int64_t expiresAt = KvStore::c_never;
-        bool onlyNew = false;
-        bool onlyOld = false;
-    };
-    static const Command s_commands[];
+    void RunOne(CNxMessageChain& replies);
 
-    static const Command* FindCommand(std::string_view name);
-    static bool EqualsNoCase(std::string_view text, std::string_view name);
-    ERun RunAll(RequestParser& parser, CNxMessageChain& input, std::size_t most,
-                CNxMessageChain& replies);
-    void RunNext(CNxMessageChain& replies);
-    void RunOne(ReplyWriter& reply);
-
-    void Ping(ReplyWriter& reply);
-    void Echo(ReplyWriter& reply);
-    void Set(ReplyWriter& reply);
-    void Get(ReplyWriter& reply);
-    void Del(ReplyWriter& reply);
-    void Exists(ReplyWriter& reply);
-    void Incr(ReplyWriter& reply) { Add(1, reply); }
-    void Decr(ReplyWriter& reply) { Add(-1, reply); }
-    void Expire(ReplyWriter& reply);
-    void Ttl(ReplyWriter& reply);
-    void Keys(ReplyWriter& reply);
-    void DbSize(ReplyWriter& reply);
-    void FlushAll(ReplyWriter& reply);
-    void Info(ReplyWriter& reply);
-    void DescribeCommands(ReplyWriter& reply);
-    void Config(ReplyWriter& reply);
-    void Quit(ReplyWriter& reply);
-
-    void Add(long change, ReplyWriter& reply);
-    const char* ReadSetOptions(SetOptions& options) const;
-    const char* ReadExpiry(std::string_view number, std::int64_t unit, SetOptions& options) const;
-
-    KvStore& m_store;
-    const Stats& m_stats;
-    Arguments m_arguments;  // of the current command
-    std::uint64_t m_processed = 0;
-    std::size_t m_visited = 0;  // keys that this Run has walked over
-    bool m_quit = false;
+    CommandContext m_context;
 };
 
 }  // namespace kv_server

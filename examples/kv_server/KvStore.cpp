@@ -2,70 +2,61 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cstring>
 #include <new>
 
 namespace kv_server {
 
 namespace {
 
-constexpr std::size_t c_sharedFrom = 4096;
-
-// More that is not used is given back.
-constexpr std::size_t c_keptCapacity = 64;
-
-// Matches one byte against the pattern's element at `position`, which goes after that element.
-bool MatchSet(std::string_view pattern, std::size_t& position, char byte) {
-    std::size_t i = position + 1;
-    const bool negated = i < pattern.size() && pattern[i] == '^';
-    i += negated ? 1 : 0;
-    bool found = false;
-    for (; i < pattern.size() && pattern[i] != ']'; ++i) {
-        if (pattern[i] == '\\' && i + 1 < pattern.size()) {
-            ++i;
-        }
-        const auto low = static_cast<unsigned char>(pattern[i]);
-        auto high = low;
-        if (i + 2 < pattern.size() && pattern[i + 1] == '-' && pattern[i + 2] != ']') {
-            i += 2;
-            high = static_cast<unsigned char>(pattern[i]);
-        }
-        const auto value = static_cast<unsigned char>(byte);
-        found = found || (low <= value && value <= high) || (high <= value && value <= low);
-    }
-    position = i + 1;  // one beyond the end for a set that is not closed, which is taken as closed
-    return found != negated;
-}
-
+// Whether the element of the pattern at `position` takes the byte; the position goes behind it, and
+// one beyond the end for a set that is not closed, which is taken as closed.
 bool MatchOne(std::string_view pattern, std::size_t& position, char byte) {
-    const char element = pattern[position];
-    if (element == '[') {
-        return MatchSet(pattern, position, byte);
+    const auto next = [&] {
+        const bool isEscaped = pattern[position] == '\\' && position + 1 < pattern.size();
+        position += isEscaped ? 2 : 1;
+        return static_cast<unsigned char>(pattern[position - 1]);
+    };
+    const auto value = static_cast<unsigned char>(byte);
+    if (pattern[position] != '[') {
+        const bool isAny = pattern[position] == '?';
+        return next() == value || isAny;
     }
-    const bool escaped = element == '\\' && position + 1 < pattern.size();
-    const char literal = escaped ? pattern[position + 1] : element;
-    position += escaped ? 2 : 1;
-    return literal == byte || (!escaped && element == '?');
+    const bool isNegated = ++position < pattern.size() && pattern[position] == '^';
+    position += isNegated ? 1 : 0;
+    bool isFound = false;
+    while (position < pattern.size() && pattern[position] != ']') {
+        const unsigned char first = next();
+        unsigned char last = first;
+        const std::string_view rest = pattern.substr(position, 2);
+        if (rest.size() == 2 && rest[0] == '-' && rest[1] != ']') {
+            last = static_cast<unsigned char>(rest[1]);
+            position += 2;
+        }
+        isFound = isFound || (std::min(first, last) <= value && value <= std::max(first, last));
+    }
+    ++position;
+    return isFound != isNegated;
 }
 
 }  // namespace
 
-void Value::Set(std::string_view bytes) {
-    if (bytes.size() >= c_sharedFrom) {
-        CNxDataBlock* block = nullptr;
-        if (CNxDataBlock::CreateInstance(block, bytes.size(), bytes.data()) != NX_OK) {
-            throw std::bad_alloc();
-        }
-        m_large = CNxAutoPtr<CNxDataBlock>::Adopt(block);
-        m_small = std::string();
-        return;
+Value::Value(std::string_view bytes) {
+    CNxDataBlock* block = nullptr;
+    if (!bytes.empty() &&
+        CNxDataBlock::CreateInstance(block, bytes.size(), bytes.data()) != NX_OK) {
+        throw std::bad_alloc();
     }
-    // Mostly it fits where the last one was.
-    if (m_small.capacity() <= 2 * bytes.size() + c_keptCapacity) {
-        m_small.assign(bytes);
-    } else {
-        m_small = std::string(bytes);
-    }
-    m_large = nullptr;
+    m_block = CNxAutoPtr<CNxDataBlock>::Adopt(block);
+}
+
+std::size_t KeyHash::operator()(const std::string& key) const {
+    unsigned char hash[crypto_shorthash_BYTES];
+    crypto_shorthash(hash, reinterpret_cast<const unsigned char*>(key.data()), key.size(), m_key);
+    std::size_t word = 0;
+    static_assert(sizeof(hash) == sizeof(word));
+    std::memcpy(&word, hash, sizeof(word));
+    return word;
 }
 
 KvStore::Entries::iterator KvStore::FindLiving(std::string_view key) {
@@ -84,19 +75,14 @@ const Value* KvStore::Find(std::string_view key) {
 }
 
 void KvStore::Set(std::string_view key, std::string_view value, std::int64_t expiry) {
+    Value made(value);
     auto found = FindLiving(key);
     const bool isNew = found == m_entries.end();
-    if (!isNew && (expiry == c_keepExpiry || expiry == found->second.expiry)) {
-        found->second.value.Set(value);
-        return;
-    }
-    Value made;
-    made.Set(value);
     if (isNew) {
-        found = m_entries.emplace(m_key, Entry()).first;
+        found = m_entries.try_emplace(m_key).first;
     }
     try {
-        Expire(found, std::max(expiry, c_never));
+        Expire(found, expiry == c_keepExpiry ? found->second.expiry : expiry);
     } catch (const std::bad_alloc&) {
         if (isNew) {
             m_entries.erase(found);
@@ -108,20 +94,20 @@ void KvStore::Set(std::string_view key, std::string_view value, std::int64_t exp
 
 bool KvStore::Delete(std::string_view key) {
     const auto found = FindLiving(key);
-    if (found == m_entries.end()) {
-        return false;
+    const bool isThere = found != m_entries.end();
+    if (isThere) {
+        Erase(found);
     }
-    Erase(found);
-    return true;
+    return isThere;
 }
 
 bool KvStore::SetExpiry(std::string_view key, std::int64_t time) {
     const auto found = FindLiving(key);
-    if (found == m_entries.end()) {
-        return false;
+    const bool isThere = found != m_entries.end();
+    if (isThere) {
+        Expire(found, time);
     }
-    Expire(found, time);
-    return true;
+    return isThere;
 }
 
 // Or never.
@@ -139,10 +125,8 @@ void KvStore::Expire(Entries::iterator found, std::int64_t time) {
 
 std::optional<std::int64_t> KvStore::GetExpiry(std::string_view key) {
     const auto found = FindLiving(key);
-    if (found == m_entries.end() || found->second.expiry == c_never) {
-        return std::nullopt;
-    }
-    return found->second.expiry;
+    const bool expires = found != m_entries.end() && found->second.expiry != c_never;
+    return expires ? std::optional(found->second.expiry) : std::nullopt;
 }
 
 void KvStore::Clear() {
@@ -150,40 +134,29 @@ void KvStore::Clear() {
     m_entries.clear();
 }
 
-std::size_t KvStore::RemoveExpired(std::size_t limit) {
-    std::size_t removed = 0;
-    for (; removed < limit && !m_expiries.empty() && m_expiries.begin()->first <= m_now;
-         ++removed) {
-        const auto found = m_entries.find(*m_expiries.begin()->second);
-        assert(found != m_entries.end() && found->second.expiry == m_expiries.begin()->first);
-        Erase(found);
+void KvStore::RemoveExpired(std::size_t limit) {
+    for (; limit > 0 && !m_expiries.empty() && m_expiries.begin()->first <= m_now; --limit) {
+        Erase(m_entries.find(*m_expiries.begin()->second));
     }
-    return removed;
 }
 
 void KvStore::Erase(Entries::iterator found) {
-    if (found->second.expiry != c_never) {
-        m_expiries.erase({found->second.expiry, &found->first});
-    }
+    m_expiries.erase({found->second.expiry, &found->first});
     m_entries.erase(found);
     assert(m_expiries.size() <= m_entries.size());
 }
 
 bool MatchesGlob(std::string_view pattern, std::string_view text, std::size_t& steps) {
-    std::size_t p = 0;
-    std::size_t t = 0;
     // Where to go on when the match fails: the last star takes one byte more. Earlier stars need
     // not be tried again.
-    std::size_t afterStar = std::string_view::npos;
+    std::size_t afterStar = 0;
     std::size_t starTaken = 0;
-    while (t < text.size()) {
+    std::size_t p = 0;
+    for (std::size_t t = 0; t < text.size();) {
         const std::size_t looked = p;
         bool goesOn = true;
         if (p < pattern.size() && pattern[p] == '*') {
             afterStar = ++p;
-            if (p == pattern.size()) {
-                return true;
-            }
             starTaken = t;
         } else if (p < pattern.size() && MatchOne(pattern, p, text[t])) {
             ++t;
@@ -191,18 +164,17 @@ bool MatchesGlob(std::string_view pattern, std::string_view text, std::size_t& s
             goesOn = false;
         }
         steps -= std::min(steps, std::max<std::size_t>(p - looked, 1));
-        if (steps == 0 || (!goesOn && afterStar == std::string_view::npos)) {
+        if (steps == 0 || (!goesOn && afterStar == 0)) {
             return false;
         }
         if (!goesOn) {
             p = afterStar;
             t = ++starTaken;
+        } else if (afterStar == pattern.size()) {
+            return true;
         }
     }
-    while (p < pattern.size() && pattern[p] == '*') {
-        ++p;
-    }
-    return p >= pattern.size();
+    return pattern.find_first_not_of('*', p) == std::string_view::npos;
 }
 
 }  // namespace kv_server

@@ -1,10 +1,10 @@
 // The keys and their values, some of which expire.
 #pragma once
 
-#include <kv_server/KeyHash.h>
 #include <nx/buffer/CNxDataBlock.h>
 #include <nx/buffer/CNxMessageChain.h>
 #include <nx/foundation/CNxAutoPtr.h>
+#include <sodium/crypto_shorthash.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -17,24 +17,35 @@
 
 namespace kv_server {
 
-// A stored value. Large ones live in counted blocks, which go out to clients without being copied,
-// even when the value is replaced meanwhile; small ones are cheaper to copy.
+// A stored value, in a counted block: goes out to clients without being copied, even when it is
+// replaced meanwhile. Small ones are cheaper to copy.
 class Value {
 public:
-    // Throws std::bad_alloc and has changed nothing.
-    void Set(std::string_view bytes);
+    Value() = default;
+    // Throws std::bad_alloc.
+    explicit Value(std::string_view bytes);
 
     std::string_view GetBytes() const {
-        return m_large ? std::string_view(m_large->GetData(), m_large->GetSize()) : m_small;
+        return m_block ? std::string_view(m_block->GetData(), m_block->GetSize()) : "";
     }
-
-    // Whether the bytes can be had without copying them.
-    bool IsShared() const { return static_cast<bool>(m_large); }
-    void ShareTo(CNxMessageChain& chain) const { chain.Append(m_large.Get()); }
+    void ShareTo(CNxMessageChain& chain) const { chain.Append(m_block.Get()); }
 
 private:
-    std::string m_small;
-    CNxAutoPtr<CNxDataBlock> m_large;
+    CNxAutoPtr<CNxDataBlock> m_block;
+};
+
+// The hash of the keys, itself keyed at random, each anew: without that key nobody finds texts that
+// collide more often than by chance.
+//
+// Deliberately not noexcept: the table then keeps each hash instead of computing it again when it
+// walks a bucket.
+class KeyHash {
+public:
+    KeyHash() { crypto_shorthash_keygen(m_key); }
+    std::size_t operator()(const std::string& key) const;
+
+private:
+    unsigned char m_key[crypto_shorthash_KEYBYTES];
 };
 
 // Knows no clock: its owner tells it the time, in milliseconds from any start. A key whose time has
@@ -69,8 +80,8 @@ public:
     std::size_t GetSize() const { return m_entries.size(); }
     std::size_t GetExpiringCount() const { return m_expiries.size(); }
 
-    // Removes at most `limit` expired keys, and returns how many.
-    std::size_t RemoveExpired(std::size_t limit);
+    // Removes at most `limit` expired keys.
+    void RemoveExpired(std::size_t limit);
 
     // Calls `visit(key)` for every key that has not expired, until it returns false. It must not
     // change the store.

@@ -1,7 +1,6 @@
 #include <kv_server/Request.h>
 
 #include <algorithm>
-#include <cassert>
 #include <charconv>
 #include <utility>
 
@@ -9,12 +8,10 @@ namespace kv_server {
 
 namespace {
 
-// Slices that are kept for the next command.
-constexpr std::size_t c_keptSlices = 64;
-
-bool IsBlank(char c) {
-    return c == ' ' || c == '\t';
-}
+// Longer than any number that can be meant.
+constexpr std::size_t c_maxHeader = 32;
+constexpr std::string_view c_blanks = " \t";
+constexpr std::size_t c_none = std::string_view::npos;
 
 }  // namespace
 
@@ -30,29 +27,18 @@ std::string ToShown(std::string_view text) {
     return shown;
 }
 
-struct RequestParser::HeaderErrors {
-    const char* invalid;
-    const char* tooBig;
-};
-
-const RequestParser::HeaderErrors RequestParser::c_countErrors{"invalid multibulk length",
-                                                               "too big mbulk count string"};
-const RequestParser::HeaderErrors RequestParser::c_bulkErrors{"invalid bulk length",
-                                                              "too big bulk count string"};
-
 bool RequestParser::Next(CNxMessageChain& input, Arguments& out) {
-    EStep step = EStep::ON;
-    while (step == EStep::ON) {
-        step = m_left != 0 ? ReadBulk(input) : Begin(input);
-    }
-    if (step == EStep::SHORT) {
-        return false;
+    while (m_words.empty() || m_left > 0) {
+        if (m_left > 0 ? !ReadBulk(input) : !Begin(input)) {
+            return false;
+        }
     }
     const std::string_view command = Gather(input, m_position);
     out.clear();
-    for (const Slice& slice : m_slices) {
-        out.push_back(command.substr(slice.offset, slice.size));
+    for (const Word& word : m_words) {
+        out.push_back(command.substr(word.offset, word.size));
     }
+    m_words.clear();
     m_begin += std::exchange(m_position, 0);
     return true;
 }
@@ -61,7 +47,7 @@ void RequestParser::Finish(CNxMessageChain& input) {
     input.Consume(std::exchange(m_begin, 0));
 }
 
-// What is there from the position on in one piece: a header is seen as a whole.
+// What is there from the position on in one piece, as far as a header may reach at least.
 std::string_view RequestParser::Look(const CNxMessageChain& input, std::size_t position) {
     const std::string_view front = input.GetFront();
     const std::size_t at = m_begin + position;
@@ -80,130 +66,111 @@ std::string_view RequestParser::Gather(CNxMessageChain& input, std::size_t size)
     return input.GetFront().substr(m_begin, size);
 }
 
-RequestParser::EStep RequestParser::Begin(CNxMessageChain& input) {
-    if (m_begin == input.GetSize()) {
-        return EStep::SHORT;
-    }
-    if (m_slices.capacity() > c_keptSlices) {
-        m_slices = {};
-    }
-    m_slices.clear();
-    if (Look(input, 0)[0] != '*') {
-        return ReadInline(input);
+// Goes behind the beginning of a command, or the whole of one that is empty or in one line.
+bool RequestParser::Begin(CNxMessageChain& input) {
+    const std::string_view text = Look(input, 0);
+    if (text.empty() || text[0] != '*') {
+        return !text.empty() && ReadLine(input);
     }
     long count = 0;
-    const EStep step = ReadHeader(input, c_maxArguments, c_countErrors, count);
-    if (step == EStep::ON && count <= 0) {
-        m_begin += std::exchange(m_position, 0);
-    } else if (step == EStep::ON) {
+    const std::size_t size = ReadHeader(text, count);
+    if (count > 0) {
+        m_position = size;
         m_left = static_cast<std::size_t>(count);
+    } else {
+        m_begin += size;
     }
-    return step;
+    return size > 0;
 }
 
-RequestParser::EStep RequestParser::ReadInline(CNxMessageChain& input) {
-    const std::size_t end = input.Find('\n', m_begin + m_scanned);
-    const bool isThere = end != CNxMessageChain::c_notFound;
-    const std::size_t size = (isThere ? end : input.GetSize()) - m_begin;
+bool RequestParser::ReadLine(CNxMessageChain& input) {
+    const std::size_t end = input.Find('\n', m_begin);
+    const std::size_t size = std::min(end, input.GetSize()) - m_begin;
     if (size > c_maxInline) {
         return Fail("too big inline request");
     }
-    m_scanned = isThere ? 0 : size;
-    if (!isThere) {
-        return EStep::SHORT;
+    if (end == CNxMessageChain::c_notFound) {
+        return false;
     }
-    m_position = size + 1;
     std::string_view line = Gather(input, size);
     if (!line.empty() && line.back() == '\r') {
         line.remove_suffix(1);
     }
-    const EStep step = SplitWords(line);
-    if (step == EStep::COMPLETE && m_slices.empty()) {
-        m_begin += std::exchange(m_position, 0);
-        return EStep::ON;
-    }
-    return step;
+    const bool isRight = SplitWords(line);
+    (m_words.empty() ? m_begin : m_position) += size + 1;
+    return isRight;
 }
 
 // Words are parted by blanks; one in single or double quotes may contain them.
-RequestParser::EStep RequestParser::SplitWords(std::string_view line) {
-    for (std::size_t i = 0;;) {
-        while (i < line.size() && IsBlank(line[i])) {
-            ++i;
-        }
-        if (i == line.size()) {
-            return EStep::COMPLETE;
-        }
-        const bool quoted = line[i] == '"' || line[i] == '\'';
-        const std::size_t begin = quoted ? i + 1 : i;
-        const std::size_t end = quoted ? line.find(line[i], begin) : line.find_first_of(" \t", i);
-        if (quoted &&
-            (end == std::string_view::npos || (end + 1 < line.size() && !IsBlank(line[end + 1])))) {
+bool RequestParser::SplitWords(std::string_view line) {
+    for (std::size_t at = 0; (at = line.find_first_not_of(c_blanks, at)) != c_none; ++at) {
+        const bool isQuoted = line[at] == '"' || line[at] == '\'';
+        const std::size_t begin = isQuoted ? at + 1 : at;
+        at = isQuoted ? line.find(line[at], begin) : line.find_first_of(c_blanks, begin);
+        // Before a blank or the end of the line, where the empty text is found, too.
+        const bool isEnd = at != c_none && c_blanks.find(line.substr(at + 1, 1)) != c_none;
+        if (isQuoted && !isEnd) {
             return Fail("unbalanced quotes in request");
         }
-        if (m_slices.size() == c_maxArguments) {
+        if (m_words.size() == c_maxArguments) {
             return Fail("too many arguments");
         }
-        const std::size_t size = line.substr(begin, end - begin).size();
-        m_slices.push_back({static_cast<std::uint32_t>(begin), static_cast<std::uint32_t>(size)});
-        i = begin + size + (quoted ? 1 : 0);
+        at = std::min(at, line.size());
+        m_words.push_back(
+            {static_cast<std::uint32_t>(begin), static_cast<std::uint32_t>(at - begin)});
     }
+    return true;
 }
 
-// The number in the line at the position, behind its type; ends with CR LF or a bare LF.
-RequestParser::EStep RequestParser::ReadHeader(const CNxMessageChain& input, long most,
-                                               const HeaderErrors& errors, long& number) {
-    const std::string_view text = Look(input, m_position).substr(0, c_maxHeader + 1);
-    const std::size_t end = text.find('\n');
-    if (end == std::string_view::npos) {
-        return text.size() > c_maxHeader ? Fail(errors.tooBig) : EStep::SHORT;
+// Reads "*3\r\n" or "$5\r\n"; a bare LF ends it, too. Returns its size, 0 when it is not complete
+// or not right.
+std::size_t RequestParser::ReadHeader(std::string_view text, long& number) {
+    const bool isCount = text[0] == '*';
+    const std::size_t end = text.substr(0, c_maxHeader + 1).find('\n');
+    if (end == c_none) {
+        return text.size() > c_maxHeader
+                   ? Fail(isCount ? "too big mbulk count string" : "too big bulk count string")
+                   : 0;
     }
-    const std::size_t size = end > 1 && text[end - 1] == '\r' ? end - 1 : end;
-    if (!ToNumber(text.substr(1, size - 1), number) || number > most) {
-        return Fail(errors.invalid);
+    const std::size_t size = text[end - 1] == '\r' ? end - 1 : end;
+    const auto most = static_cast<long>(isCount ? c_maxArguments : c_maxBulk);
+    if (!ToNumber(text.substr(1, size - 1), number) || number > most || (!isCount && number < 0)) {
+        return Fail(isCount ? "invalid multibulk length" : "invalid bulk length");
     }
-    m_position += end + 1;
-    return EStep::ON;
+    return end + 1;
 }
 
-RequestParser::EStep RequestParser::ReadBulk(CNxMessageChain& input) {
-    const std::size_t there = input.GetSize() - m_begin;
-    if (m_bulkSize == c_noBulk) {
-        if (there == m_position) {
-            return EStep::SHORT;
-        }
-        const char type = Look(input, m_position)[0];
-        if (type != '$') {
-            return Fail("expected '$', got '" + ToShown({&type, 1}) + "'");
-        }
-        long size = 0;
-        const EStep step = ReadHeader(input, c_maxBulk, c_bulkErrors, size);
-        if (step != EStep::ON || size < 0) {
-            return step != EStep::ON ? step : Fail(c_bulkErrors.invalid);
-        }
-        m_bulkSize = static_cast<std::size_t>(size);
+bool RequestParser::ReadBulk(const CNxMessageChain& input) {
+    const std::string_view text = Look(input, m_position);
+    if (text.empty() || text[0] != '$') {
+        return !text.empty() && Fail("expected '$', got '" + ToShown(text.substr(0, 1)) + "'");
     }
-    const std::size_t end = m_position + m_bulkSize;
+    long size = 0;
+    const std::size_t header = ReadHeader(text, size);
+    if (header == 0) {
+        return false;
+    }
+    const std::size_t begin = m_position + header;
+    const std::size_t end = begin + static_cast<std::size_t>(size);
     if (end + 2 > c_maxCommand) {
         return Fail("command too big");
     }
-    if (there < end + 2) {
-        return EStep::SHORT;
+    if (input.GetSize() - m_begin < end + 2) {
+        return false;
     }
     if (Look(input, end).substr(0, 2) != "\r\n") {
         return Fail("expected CRLF after bulk string");
     }
-    m_slices.push_back(
-        {static_cast<std::uint32_t>(m_position), static_cast<std::uint32_t>(m_bulkSize)});
+    m_words.push_back({static_cast<std::uint32_t>(begin), static_cast<std::uint32_t>(size)});
     m_position = end + 2;
-    m_bulkSize = c_noBulk;
-    return --m_left == 0 ? EStep::COMPLETE : EStep::ON;
+    --m_left;
+    return true;
 }
 
-// The place stays where it is: nothing more is parsed.
-RequestParser::EStep RequestParser::Fail(std::string error) {
-    m_error = "Protocol error: " + std::move(error);
-    return EStep::SHORT;
+// Always false.
+bool RequestParser::Fail(const std::string& error) {
+    m_error = "Protocol error: " + error;
+    return false;
 }
 
 }  // namespace kv_server

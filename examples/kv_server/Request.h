@@ -28,7 +28,7 @@ std::string ToShown(std::string_view text);
 // A command's words, its name first.
 using Arguments = std::vector<std::string_view>;
 
-// Of one client. Keeps its place in an incomplete command, so that every byte is looked at once,
+// Of one client. Keeps its place in an incomplete command, so that no argument is looked at twice
 // however the input is cut. What needs memory and finds none throws std::bad_alloc: the client is
 // then to be let go.
 class RequestParser {
@@ -46,40 +46,29 @@ public:
     const std::string& GetError() const { return m_error; }
 
     // Bytes of memory.
-    std::size_t GetHeld() const { return m_slices.capacity() * sizeof(Slice); }
+    std::size_t GetHeld() const { return m_words.capacity() * sizeof(Word); }
 
 private:
-    enum class EStep { ON, COMPLETE, SHORT };
-    struct Slice {
+    struct Word {
         std::uint32_t offset;
         std::uint32_t size;
     };
-    struct HeaderErrors;
-    static const HeaderErrors c_countErrors;
-    static const HeaderErrors c_bulkErrors;
 
-    // Longer than any number that can be meant.
-    static constexpr std::size_t c_maxHeader = 32;
-    static constexpr std::size_t c_noBulk = static_cast<std::size_t>(-1);
-
-    EStep Begin(CNxMessageChain& input);
-    EStep ReadInline(CNxMessageChain& input);
-    EStep ReadBulk(CNxMessageChain& input);
-    EStep ReadHeader(const CNxMessageChain& input, long most, const HeaderErrors& errors,
-                     long& number);
-    EStep SplitWords(std::string_view line);
-    EStep Fail(std::string error);
+    bool Begin(CNxMessageChain& input);
+    bool ReadLine(CNxMessageChain& input);
+    bool ReadBulk(const CNxMessageChain& input);
+    std::size_t ReadHeader(std::string_view text, long& number);
     std::string_view Look(const CNxMessageChain& input, std::size_t position);
     std::string_view Gather(CNxMessageChain& input, std::size_t size);
+    bool SplitWords(std::string_view line);
+    bool Fail(const std::string& error);
 
     std::size_t m_begin = 0;     // of the current command in the input
-    std::size_t m_position = 0;  // in it, as the next ones
-    std::size_t m_scanned = 0;   // no line end before this
+    std::size_t m_position = 0;  // in it
     std::size_t m_left = 0;      // arguments that are still to come
-    std::size_t m_bulkSize = c_noBulk;
-    std::vector<Slice> m_slices;
+    std::vector<Word> m_words;   // in the command
     std::string m_error;
-    char m_look[c_maxHeader + 2];
+    char m_look[34];
 };
 
 }  // namespace kv_server

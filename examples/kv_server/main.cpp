@@ -17,41 +17,40 @@
 
 namespace {
 
+using namespace examples;
 using namespace kv_server;
-using examples::CommandLine;
 
 constexpr const char* c_usage =
-    "usage: kv_server [options]\n"
-    "\n"
-    "An in-memory key-value server that speaks RESP2.\n"
-    "\n"
-    "  --bind ADDR               IPv4 or IPv6 address to listen on (127.0.0.1)\n"
-    "  --port P                  port to listen on; 0 takes a free one (6379)\n"
-    "  --tls-port P              port for TLS, too; needs the next two\n"
-    "  --tls-cert FILE           certificate, PEM, with its chain behind it\n"
-    "  --tls-key FILE            its key, PEM\n"
-    "  --unix PATH               unix socket to listen on, too\n"
-    "  --threads N               loops that serve the clients; 0 for one for each processor (1)\n"
-    "  --idle-timeout SECONDS    hang up on a client that was silent this long; 0 for\n"
-    "                            never (300)\n"
-    "  --max-clients N           clients at the same time; more are told so and hung up\n"
-    "                            on (10000)\n"
-    "  --client-memory MIB       memory for the commands and replies of all clients; who holds\n"
-    "                            most is hung up on first when it is not enough (256)\n"
-    "  --shared-trace FILE       trace to this file, too; other processes may do the same\n"
-    "  --help                    print this\n"
-    "\n"
-    "The section Server of conf/kv_server.cfg, beside the folder of this program, may hold\n"
-    "the same options, without the dashes; the command line wins. Its section Trace says "
-    "what\n"
-    "is traced to logs/; SIGHUP has it read again, and the certificate.\n"
-    "\n"
-    "Commands: PING ECHO SET (EX PX NX XX) GET DEL EXISTS INCR DECR EXPIRE TTL KEYS DBSIZE\n"
-    "FLUSHALL INFO COMMAND CONFIG-GET QUIT.\n"
-    "\n"
-    "SIGINT and SIGTERM end it when every command that has arrived is answered, after\n"
-    "five seconds at most. Exit status: 0 then, 1 when it cannot serve, 2 for bad "
-    "options.\n";
+    R"(usage: kv_server [options]
+
+An in-memory key-value server that speaks RESP2.
+
+  --bind ADDR               IPv4 or IPv6 address to listen on (127.0.0.1)
+  --port P                  port to listen on; 0 takes a free one (6379)
+  --tls-port P              port for TLS, too; needs the next two
+  --tls-cert FILE           certificate, PEM, with its chain behind it
+  --tls-key FILE            its key, PEM
+  --unix PATH               unix socket to listen on, too
+  --threads N               loops that serve the clients; 0 for one for each processor (1)
+  --idle-timeout SECONDS    hang up on a client that was silent this long; 0 for
+                            never (300)
+  --max-clients N           clients at the same time; more are told so and hung up
+                            on (10000)
+  --client-memory MIB       memory for the commands and replies of all clients; who holds
+                            most is hung up on first when it is not enough (256)
+  --shared-trace FILE       trace to this file, too; other processes may do the same
+  --help                    print this
+
+The section Server of conf/kv_server.cfg, beside the folder of this program, may hold
+the same options, without the dashes; the command line wins. Its section Trace says what
+is traced to logs/; SIGHUP has it read again, and the certificate.
+
+Commands: PING ECHO SET (EX PX NX XX) GET DEL EXISTS INCR DECR EXPIRE TTL KEYS DBSIZE
+FLUSHALL INFO COMMAND CONFIG-GET QUIT.
+
+SIGINT and SIGTERM end it when every command that has arrived is answered, after
+five seconds at most. Exit status: 0 then, 1 when it cannot serve, 2 for bad options.
+)";
 
 // For the library, the standard streams, and clients that are being refused.
 constexpr unsigned c_otherDescriptors = 128;
@@ -98,30 +97,22 @@ CommandLine Describe(Options& options) {
     return line;
 }
 
-std::string Check(const Options& options) {
-    const bool hasTls = options.tlsPort != c_noPort;
-    if (hasTls && (options.tls.certificateFile.empty() || options.tls.keyFile.empty())) {
-        return "--tls-port needs --tls-cert and --tls-key";
-    }
-    return examples::CheckAddress("bind", options.bind);
-}
-
 // The configuration file comes first, and the arguments win. Returns the status to end with, or
 // nothing when the program is to go on.
 std::optional<int> ReadOptions(Options& options, int argc, char** argv) {
-    Options unused;
-    if (const auto status = Describe(unused).Read(argc, argv)) {
+    CommandLine line = Describe(options);
+    if (const auto status = line.Read(argc, argv)) {
         return status;
     }
     trace_setting_init();
-    CommandLine line = Describe(options);
     std::string error = line.ReadSection("Server");
     error = error.empty() ? line.Parse(argc, argv) : error;
-    error = error.empty() ? Check(options) : error;
-    if (!error.empty()) {
-        return examples::Fail(examples::WithHint(error), examples::c_statusBadOptions);
+    const bool hasTls = options.tlsPort != c_noPort;
+    if (hasTls && (options.tls.certificateFile.empty() || options.tls.keyFile.empty())) {
+        error = error.empty() ? "--tls-port needs --tls-cert and --tls-key" : error;
     }
-    return std::nullopt;
+    error = error.empty() ? CheckAddress("bind", options.bind) : error;
+    return error.empty() ? std::nullopt : std::optional(Fail(WithHint(error), c_statusBadOptions));
 }
 
 CNxServerOptions GetServerOptions(const Options& options) {
@@ -146,23 +137,14 @@ CNxListenOptions GetListenOptions(const Options& options) {
     return listen;
 }
 
-void Start(CNxServer& server, Service& service) {
-    INxReactor* const loop = server.GetGroup().GetReactor(0);
-    if (loop == nullptr) {
-        return;  // What has failed is known.
-    }
-    const auto started = NxSendCall(*loop, [&] { return service.Start(*loop); });
-    if (!started || !started.GetValue()) {
+void Open(CNxServer& server, Service& service, const Options& options) {
+    // Not on the loop of the main thread, which is to hear of signals whatever the store does.
+    if (service.Start(*server.GetGroup().GetReactor(0)) != NX_OK) {
         server.Fail("cannot start its timers");
     }
-}
-
-void Listen(CNxServer& server, Service& service, const Options& options) {
     const auto makeSink = [&service] { return service.MakeSink(); };
     CNxListenOptions listen = GetListenOptions(options);
-    const bool isV6 = options.bind.find(':') != std::string::npos;
-    const std::string host = (isV6 ? "[" + options.bind + "]" : options.bind) + ":";
-    if (server.Listen(host + std::to_string(options.port), makeSink, listen) == NX_OK) {
+    if (server.Listen(ToEndpoint(options.bind, options.port), makeSink, listen) == NX_OK) {
         service.GetStats().port = server.GetGroup().GetEndpoint().GetPort();
     }
     if (!options.unixPath.empty()) {
@@ -170,7 +152,7 @@ void Listen(CNxServer& server, Service& service, const Options& options) {
     }
     if (options.tlsPort != c_noPort) {
         listen.connection.tls = server.MakeTls(options.tls);
-        server.Listen(host + std::to_string(options.tlsPort), makeSink, listen);
+        server.Listen(ToEndpoint(options.bind, options.tlsPort), makeSink, listen);
     }
 }
 
@@ -178,18 +160,18 @@ void Announce(const CNxReactorGroup& group) {
     for (size_t i = 0; i < group.GetListeners(); ++i) {
         const std::string endpoint = group.GetEndpoint(i).GetText();
         std::printf("kv_server: listening on %s\n", endpoint.c_str());
-        examples::Trace(examples::c_traceInfo, "listening on ", endpoint.c_str());
+        Trace(c_traceInfo, "listening on ", endpoint.c_str());
     }
     std::fflush(stdout);
 }
 
 void OnReload() {
     refresh_trace_config();
-    examples::Trace(examples::c_traceInfo, "trace switches read again");
+    Trace(c_traceInfo, "trace switches read again");
 }
 
 void OnStop(const Stats& stats) {
-    examples::Trace(examples::c_traceInfo, "stopping; clients ", stats.connected.load());
+    Trace(c_traceInfo, "stopping; clients ", stats.connected.load());
     // No clean-up: it would wait for what has taken too long.
     std::signal(SIGALRM, [](int) { _exit(0); });
     alarm(c_stopSeconds);
@@ -198,13 +180,18 @@ void OnStop(const Stats& stats) {
 // From listening to the end that a signal brings.
 int Serve(const Options& options, int argc, char** argv) {
     CNxServer server(argc, argv, GetServerOptions(options));
+    if (server.HasFailed()) {
+        return server.Run();
+    }
     if (!options.sharedTrace.empty()) {
-        examples::ShareTrace(options.sharedTrace);
+        ShareTrace(options.sharedTrace);
     }
     Service service(options.maxClients, options.clientMemory << 20);
+    const Stats& stats = service.GetStats();
+    server.SetOnReload(OnReload);
+    server.SetOnStop([&stats] { OnStop(stats); });
     try {
-        Start(server, service);
-        Listen(server, service, options);
+        Open(server, service, options);
         if (!server.HasFailed()) {
             Announce(server.GetGroup());
         }
@@ -212,12 +199,9 @@ int Serve(const Options& options, int argc, char** argv) {
         // Clients may be served already: the loops must end before the service.
         server.Fail("out of memory");
     }
-    server.SetOnReload(OnReload);
-    const Stats& stats = service.GetStats();
-    server.SetOnStop([&stats] { OnStop(stats); });
     const int status = server.Run();
-    examples::Trace(examples::c_traceInfo, "stopped; clients accepted ", stats.accepted.load(),
-                    ", refused ", stats.refused.load());
+    Trace(c_traceInfo, "stopped; clients accepted ", stats.accepted.load(), ", refused ",
+          stats.refused.load());
     return status;
 }
 
@@ -231,6 +215,6 @@ int main(int argc, char** argv) {
         const auto status = ReadOptions(options, argc, argv);
         return status ? *status : Serve(options, argc, argv);
     } catch (const std::exception& error) {
-        return examples::Fail(error.what());
+        return Fail(error.what());
     }
 }

@@ -14,26 +14,27 @@
 namespace {
 
 constexpr const char* c_usage =
-    "usage: reliable_sender --port P [options]\n"
-    "       reliable_sender --listen P [options]\n"
-    "\n"
-    "Sends requests over UDP, each again until the peer has answered it. With --listen it is\n"
-    "the peer.\n"
-    "\n"
-    "  --host HOST        name or address of the peer, or the address to listen on (127.0.0.1)\n"
-    "  --port P           the peer's port\n"
-    "  --requests N       requests to send (10)\n"
-    "  --interval MS      a new one every so many milliseconds (100)\n"
-    "  --again MS         one that is not answered by then is sent again (2000)\n"
-    "  --size B           bytes that each carries (32)\n"
-    "  --timeout SECONDS  give up what is unanswered then (never)\n"
-    "  --listen P         answer requests on this port until a signal comes\n"
-    "  --lose PERCENT     as if so many of them had been lost on the way (0)\n"
-    "  --help             print this\n"
-    "\n"
-    "A request is a datagram \"REQ number bytes\", its answer \"ACK number\"; so netcat can\n"
-    "be the peer as well. Exit status: 0 when every request was answered, 1 when not, 2 for\n"
-    "bad options, 130 and 143 when ended by SIGINT and SIGTERM.\n";
+    R"(usage: reliable_sender --port P [options]
+       reliable_sender --listen P [options]
+
+Sends requests over UDP, each again until the peer has answered it. With --listen it is
+the peer.
+
+  --host HOST        name or address of the peer, or the address to listen on (127.0.0.1)
+  --port P           the peer's port
+  --requests N       requests to send (10)
+  --interval MS      a new one every so many milliseconds (100)
+  --again MS         one that is not answered by then is sent again (2000)
+  --size B           bytes that each carries (32)
+  --timeout SECONDS  give up what is unanswered then (never)
+  --listen P         answer requests on this port until a signal comes
+  --lose PERCENT     as if so many of them had been lost on the way (0)
+  --help             print this
+
+A request is a datagram "REQ number bytes", its answer "ACK number"; so netcat can
+be the peer as well. Exit status: 0 when every request was answered, 1 when not, 2 for
+bad options, 130 and 143 when ended by SIGINT and SIGTERM.
+)";
 
 struct Options {
     std::string host = "127.0.0.1";
@@ -78,12 +79,13 @@ CNxTimeValue FromMs(std::uint64_t ms) {
     return CNxTimeValue(static_cast<long>(ms / 1000), static_cast<long>(ms % 1000 * 1000));
 }
 
-// Answers requests, except those that it plays deaf to. On its loop's thread.
+// Answers requests, except those that it plays deaf to. On the main thread.
 class Peer {
 public:
-    Peer(INxReactor& loop, std::uint64_t lose)
-        : m_lose(lose),
-          m_socket(loop, [this](const CNxReceivedDatagram& received) { Answer(received); }) {}
+    Peer(CNxServer& server, std::uint64_t lose)
+        : m_lose(lose), m_socket(*server.GetReactor(), [this](const CNxReceivedDatagram& received) {
+              Answer(received);
+          }) {}
 
     [[nodiscard]] NxResult Open(const CNxEndpoint& endpoint) {
         const NxResult opened = m_socket.Open(endpoint, {});
@@ -94,10 +96,9 @@ public:
         return opened;
     }
 
-    // Once the loop has ended, any thread. A peer is never done.
+    // A peer is never done.
     [[nodiscard]] bool Report() const {
-        std::printf("%u requests, %llu answered\n", m_received,
-                    static_cast<unsigned long long>(m_socket.GetCounts().sent));
+        std::printf("%u requests, %lu answered\n", m_received, m_socket.GetCounts().sent);
         return false;
     }
 
@@ -116,15 +117,15 @@ private:
     CNxDatagram m_socket;
 };
 
-// Sends the requests, each until it is answered. On its loop's thread.
+// Sends the requests, each until it is answered. On the main thread.
 class Sender {
 public:
     // Stops the server when every request is answered or the time is over.
-    Sender(INxReactor& loop, const Options& options, CNxServer& server)
-        : m_loop(loop),
+    Sender(CNxServer& server, const Options& options)
+        : m_server(server),
+          m_loop(*server.GetReactor()),
           m_options(options),
-          m_server(server),
-          m_socket(loop, [this](const CNxReceivedDatagram& received) { TakeAnswer(received); }) {}
+          m_socket(m_loop, [this](const CNxReceivedDatagram& received) { TakeAnswer(received); }) {}
 
     [[nodiscard]] NxResult Open(const CNxEndpoint& peer) {
         CNxDatagramOptions connected;
@@ -139,13 +140,13 @@ public:
                                : result;
     }
 
-    // Once the loop has ended, any thread. Whether every request was answered.
+    // Whether every request was answered.
     [[nodiscard]] bool Report() const {
-        std::printf("requests   %u of %llu answered, the slowest after %ld ms\n", m_answered,
-                    static_cast<unsigned long long>(m_options.requests),
-                    m_longest.GetTotalInMsec());
+        const unsigned long answered = m_begun - m_open.size();
+        std::printf("requests   %lu of %lu answered, the slowest after %ld ms\n", answered,
+                    m_options.requests, m_longest.GetTotalInMsec());
         std::printf("datagrams  %u sent, %u of them again\n", m_sent, m_sent - m_begun);
-        return m_answered == m_options.requests;
+        return answered == m_options.requests;
     }
 
 private:
@@ -182,19 +183,18 @@ private:
         const CNxTimeValue took = CNxTimeValue::GetMonotonicTime() - found->second.begunAt;
         m_longest = took > m_longest ? took : m_longest;
         m_open.erase(found);
-        if (++m_answered == m_options.requests) {
+        if (m_open.empty() && m_begun == m_options.requests) {
             m_server.Stop();
         }
     }
 
+    CNxServer& m_server;
     INxReactor& m_loop;
     const Options m_options;
-    CNxServer& m_server;
     std::map<unsigned, Request> m_open;
     CNxTimedCall m_pace;
     CNxTimedCall m_deadline;
     unsigned m_begun = 0;
-    unsigned m_answered = 0;
     unsigned m_sent = 0;
     CNxTimeValue m_longest;
     CNxDatagram m_socket;
@@ -207,13 +207,12 @@ struct Answer : INxObserver {
     std::promise<CNxAutoPtr<CNxDnsRecord>> record;
 };
 
-// The first address of the host. Waits for the look-up. Of no family when there is none,
-// which the server then says.
-CNxEndpoint LookUp(CNxServer& server, INxReactor& loop, const std::string& host,
-                   std::uint64_t port) {
+// The first address of the host. Waits for the look-up, on another loop than that of the main
+// thread. Of no family when there is none, which the server then says.
+CNxEndpoint LookUp(CNxServer& server, const std::string& host, std::uint64_t port) {
     Answer answer;
     CNxDnsRecord* found = nullptr;
-    NxResult result = NxSendCall(loop, [&] {
+    NxResult result = NxSendCall(*server.GetGroup().GetReactor(0), [&] {
         return CNxDnsManager::Instance()->AsyncResolve(found, host.c_str(), &answer, 0, nullptr);
     });
     auto record = CNxAutoPtr<CNxDnsRecord>::Adopt(found);
@@ -232,8 +231,9 @@ CNxEndpoint LookUp(CNxServer& server, INxReactor& loop, const std::string& host,
 
 // Runs a Peer or a Sender until it ends, or a signal comes. Returns the exit status.
 template <class Work>
-int Run(CNxServer& server, INxReactor& loop, Work& work, const CNxEndpoint& endpoint) {
-    const NxResult opened = NxSendCall(loop, [&] { return work.Open(endpoint); });
+int Run(CNxServer& server, Work&& work, const std::string& host, std::uint64_t port) {
+    const CNxEndpoint endpoint = LookUp(server, host, port);
+    const NxResult opened = work.Open(endpoint);
     if (opened != NX_OK) {
         server.Fail("cannot open " + endpoint.GetText() + ": " + NxResultName(opened));
     }
@@ -256,11 +256,7 @@ int main(int argc, char** argv) {
     if (server.HasFailed()) {
         return server.Run();
     }
-    INxReactor& loop = *server.GetGroup().GetReactor(0);
-    if (options.listen != 0) {
-        Peer peer(loop, options.lose);
-        return Run(server, loop, peer, LookUp(server, loop, options.host, options.listen));
-    }
-    Sender sender(loop, options, server);
-    return Run(server, loop, sender, LookUp(server, loop, options.host, options.port));
+    return options.listen != 0
+               ? Run(server, Peer(server, options.lose), options.host, options.listen)
+               : Run(server, Sender(server, options), options.host, options.port);
 }

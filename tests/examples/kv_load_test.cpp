@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
+#include <kv_load/Conversation.h>
 #include <kv_load/LatencyHistogram.h>
-#include <kv_load/Pipeline.h>
-#include <kv_load/Workload.h>
 #include <nx/net/CNxInetAddr.h>
 #include <nx/net/CNxSocket.h>
 #include <sys/socket.h>
@@ -30,7 +29,7 @@ TEST(LatencyHistogramTest, QuantilesFollowASortedList) {
     }
     std::sort(model.begin(), model.end());
     EXPECT_EQ(model.size(), histogram.GetCount());
-    EXPECT_EQ(model.back(), histogram.GetMax());
+    EXPECT_EQ(model.back(), histogram.GetQuantile(1000));
     for (const unsigned perMille : {1U, 250U, 500U, 990U, 999U, 1000U}) {
         const std::uint64_t exact = model[(model.size() * perMille + 999) / 1000 - 1];
         const std::uint64_t told = histogram.GetQuantile(perMille);
@@ -39,54 +38,52 @@ TEST(LatencyHistogramTest, QuantilesFollowASortedList) {
     }
 }
 
-constexpr std::size_t c_depth = 16;
-
-// Fills the pipeline; the bytes of the new requests.
-std::string Fill(Pipeline& pipeline, const Workload& workload, std::int64_t sentAt) {
-    std::string requests;
-    std::vector<char> bytes(workload.GetMaxRequestSize());
-    while (!pipeline.IsFull()) {
-        requests.append(bytes.data(), pipeline.WriteNext(bytes.data()));
+// Asks until 16 requests are open; the bytes of the new ones.
+std::string Fill(Conversation& conversation, std::int64_t now) {
+    CNxMessageChain requests;
+    while (conversation.GetOpen() < 16) {
+        conversation.Ask(requests, now);
     }
-    pipeline.MarkSent(sentAt);
-    return requests;
+    return requests.ToString();
 }
 
-TEST(PipelineTest, RightRepliesPassHoweverTheyAreCutAndNoWrongByteDoes) {
-    Workload workload("load:test:", 40, 10, 21);
-    Pipeline pipeline(workload, c_depth);
+std::string Check(Conversation& conversation, const std::string& came, std::int64_t now,
+                  LatencyHistogram& latency) {
+    CNxMessageChain received(came);
+    return conversation.Check(received, now, latency);
+}
+
+TEST(ConversationTest, RightRepliesPassHoweverTheyAreCutAndNoWrongByteDoes) {
+    Conversation conversation("load:test:", 40, 10, 21);
     LocalKvServer server;
     LatencyHistogram latency;
     std::mt19937 random(11);
     std::string replies;
     for (std::int64_t turn = 0; turn < 400; ++turn) {
-        replies += server.Answer(Fill(pipeline, workload, turn));
+        replies += server.Answer(Fill(conversation, turn));
         // All but a part of the last replies comes before the next requests.
         while (replies.size() > 30) {
             const std::size_t part = 1 + random() % 40 % replies.size();
-            ASSERT_TRUE(pipeline.Check(replies.data(), part, turn + 2, latency))
-                << pipeline.DescribeMismatch();
+            ASSERT_EQ("", Check(conversation, replies.substr(0, part), turn + 2, latency));
             replies.erase(0, part);
         }
     }
-    ASSERT_TRUE(pipeline.Check(replies.data(), replies.size(), 402, latency));
-    EXPECT_TRUE(pipeline.IsEmpty());
-    EXPECT_GE(latency.GetQuantile(0), 2U);
-    EXPECT_LE(latency.GetMax(), 4U);
+    ASSERT_EQ("", Check(conversation, replies, 402, latency));
+    EXPECT_EQ(0U, conversation.GetOpen());
+    EXPECT_GE(latency.GetQuantile(1), 2U);
+    EXPECT_LE(latency.GetQuantile(1000), 4U);
     EXPECT_GT(latency.GetCount(), 5000U);
 
-    const Workload before = workload;
-    replies = server.Answer(Fill(pipeline, workload, 0));
+    const Conversation before = conversation;
+    replies = server.Answer(Fill(conversation, 0));
     for (std::size_t wrong = 0; wrong < replies.size(); ++wrong) {
-        Workload again = before;
-        Pipeline other(again, c_depth);
-        Fill(other, again, 0);
+        Conversation other = before;
+        Fill(other, 0);
         std::string bytes = replies;
         bytes[wrong] = static_cast<char>(bytes[wrong] ^ 1);
         const std::size_t cut = wrong / 2;
-        ASSERT_TRUE(other.Check(bytes.data(), cut, 0, latency));
-        ASSERT_FALSE(other.Check(bytes.data() + cut, bytes.size() - cut, 0, latency)) << wrong;
-        EXPECT_NE("", other.DescribeMismatch());
+        ASSERT_EQ("", Check(other, bytes.substr(0, cut), 0, latency));
+        ASSERT_NE("", Check(other, bytes.substr(cut), 0, latency)) << wrong;
     }
 }
 
