@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 #include <nx/thread/CNxSimpleMessageQueue.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 #include <utility>
 
 namespace {
@@ -41,6 +43,26 @@ TEST(SimpleMessageQueue, SendsItsOwnCopyElevenTimesInOrderUnlessItIsAnswered) {
     queue.OnTimer(nullptr);
     EXPECT_EQ(transport.Take(), "third ");
     EXPECT_EQ(queue.RcvResponse(3), NX_OK);
+    queue.OnTimer(nullptr);
+    EXPECT_EQ(transport.Take(), "");
+}
+
+TEST(SimpleMessageQueue, PostsAndResponsesComeFromAnotherThreadWhileItResends) {
+    Transport transport;
+    CNxSimpleMessageQueue queue;
+    queue.Init(&transport);
+    std::atomic<int> posted{0};
+    std::thread client([&] {
+        for (; posted < 1000; ++posted) {
+            EXPECT_EQ(queue.PostRequest(1, "x", 1, nullptr), NX_OK);
+            EXPECT_EQ(queue.RcvResponse(1), NX_OK);
+        }
+    });
+    while (posted < 1000) {
+        queue.OnTimer(nullptr);
+    }
+    client.join();
+    EXPECT_GE(transport.Take().size(), 2000u);
     queue.OnTimer(nullptr);
     EXPECT_EQ(transport.Take(), "");
 }

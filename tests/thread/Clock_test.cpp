@@ -1,5 +1,7 @@
 // What a step of the wall clock moves, and what it does not.
+#include <nx/thread/CNxTimerPreciseManager.h>
 #include <nx/timer/CNxTimedCall.h>
+#include <sys/resource.h>
 
 #include <chrono>
 
@@ -45,6 +47,30 @@ TEST(Clock, StepMovesTheTimersOfAThreadThatSleeps) {
     CNxThreadManager::SleepMs(20);
     clock.Advance(c_hour);
     YieldUntil([&] { return isFired.load(); });
+}
+
+long CountSleeps() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_nvcsw;
+}
+
+TEST(Clock, PreciseTimersSleepUntilTheNextIsDue) {
+    CountingSink sink;
+    CNxTimerPreciseWrapperID far;
+    CNxTimerPreciseWrapperID near;
+    const Worker worker(0);
+    Must(far.Schedule(&sink, CNxTimeValue(3600), 0, worker.GetType()));
+    EXPECT_FALSE(CNxTimerPreciseManager::Instance()->IsStopped());
+    const long before = CountSleeps();
+    CNxThreadManager::SleepMs(300);
+    EXPECT_LT(CountSleeps() - before, 10);
+    // Wakes a thread that was going to sleep for long, and counts from now.
+    const auto start = steady_clock::now();
+    Must(near.Schedule(&sink, CNxTimeValue(0, 20000), 1, worker.GetType()));
+    YieldUntil([&] { return sink.m_calls != 0; });
+    EXPECT_GE(steady_clock::now() - start, milliseconds(20));
+    EXPECT_EQ(far.Cancel(), NX_OK);
 }
 
 using ClockChoice = ProcessEnd;
