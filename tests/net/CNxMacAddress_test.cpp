@@ -23,11 +23,10 @@ TEST(CNxMacAddress, InterfacesAreThoseOfTheKernel) {
     }
     std::vector<CNxInterfaceMac> interfaces;
     ASSERT_EQ(NX_OK, CNxMacAddress::GetInterfaces(interfaces));
-    std::map<std::string, std::string> found;
+    EXPECT_EQ(expected.size(), interfaces.size());
     for (const CNxInterfaceMac& one : interfaces) {
-        found[one.m_name.GetRawData()] = one.m_address.ToString().GetRawData();
+        EXPECT_EQ(expected[one.m_name.GetRawData()], one.m_address.ToString().GetRawData());
     }
-    EXPECT_EQ(expected, found);
 }
 
 }  // namespace

@@ -71,13 +71,14 @@ TEST(CNxSocketUdp, PiecesAreOneDatagramOrRefused) {
     ASSERT_EQ(sender.Open(c_loopback), 0);
     const CNxInetAddr peer = GetLocal(receiver);
     char datagram[70000];
+    const auto receive = [&] { return recv(receiver.GetHandle(), datagram, sizeof datagram, 0); };
     // Around the size up to which nothing is allocated, and the largest that IPv4 carries.
     for (const size_t total : {5U, 2048U, 2049U, 65507U}) {
         std::string head(2, 'h');
         std::string tail(total - head.size(), 't');
         const iovec pieces[] = {{head.data(), 2}, {nullptr, 0}, {tail.data(), tail.size()}};
         ASSERT_EQ(sender.SendVTo(pieces, 3, peer), static_cast<long>(total));
-        ASSERT_EQ(recv(receiver.GetHandle(), datagram, sizeof datagram, 0), total);
+        ASSERT_EQ(receive(), static_cast<long>(total));
         EXPECT_EQ(std::string(datagram, total), head + tail);
     }
     char bytes[] = "ab";
@@ -95,7 +96,7 @@ TEST(CNxSocketUdp, PiecesAreOneDatagramOrRefused) {
     const iovec whole = {bytes, 2};
     ASSERT_EQ(connect(sender.GetHandle(), peer.GetPtr(), sizeof(sockaddr_in)), 0);
     ASSERT_EQ(sender.SendVTo(&whole, 1, CNxInetAddr(0)), 2);
-    EXPECT_EQ(recv(receiver.GetHandle(), datagram, sizeof datagram, 0), 2);
+    EXPECT_EQ(receive(), 2);
 }
 
 }  // namespace
