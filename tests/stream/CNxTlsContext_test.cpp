@@ -8,22 +8,6 @@
 
 namespace {
 
-using Context = CNxAutoPtr<CNxTlsContext>;
-
-Context MakeServer(const CNxTlsOptions& options = MakeTlsOptions("server")) {
-    Context context;
-    std::string error;
-    EXPECT_EQ(CNxTlsContext::CreateServer(context, options, error), NX_OK) << error;
-    return context;
-}
-
-Context MakeClient(const CNxTlsOptions& options = MakeTlsOptions("")) {
-    Context context;
-    std::string error;
-    EXPECT_EQ(CNxTlsContext::CreateClient(context, options, error), NX_OK) << error;
-    return context;
-}
-
 std::shared_ptr<CTlsSetup> MakeServerSetup(int version, bool isResuming = true) {
     CNxTlsOptions options = MakeTlsOptions("server");
     options.resume = isResuming;
@@ -60,14 +44,12 @@ TEST(CNxTlsContext, SidesAgreeOrSayWhyNot) {
     for (const auto& one : cases) {
         SCOPED_TRACE("case " + std::to_string(&one - cases));
         const std::string ours = one.client;
-        CNxTlsOptions client = MakeTlsOptions(ours == "none" ? "" : ours);
-        client.verifyPeer = *one.trusted != '\0';
-        client.caFile = client.verifyPeer ? Certificates().Certificate(one.trusted) : "";
+        CNxTlsOptions client = MakeTlsOptions(ours == "none" ? "" : ours, one.trusted);
         client.protocols = one.offered;
         CNxTlsOptions server = MakeTlsOptions("server");
         server.requirePeerCertificate = !ours.empty();
         server.protocols = one.accepted;
-        TlsPair pair(*MakeClient(client), *MakeServer(server), one.name);
+        TlsPair pair(*MakeTls(false, client), *MakeTls(true, server), one.name);
         ASSERT_EQ(pair.Open().IsOpen(), *one.clientError == '\0');
         const std::string clientError = pair.client.filter->GetError();
         EXPECT_NE(clientError.find(one.clientError), std::string::npos) << clientError;
@@ -109,15 +91,16 @@ TEST(CNxTlsContext, FilesThatDoNotFitAreNamedAndNothingIsReplaced) {
     for (const auto& one : cases) {
         CNxTlsOptions options = MakeTlsOptions("server");
         options.*one.file = one.path;
-        Context context;
+        CNxAutoPtr<CNxTlsContext> context;
         std::string error;
         EXPECT_EQ(CNxTlsContext::CreateServer(context, options, error), one.result) << error;
         EXPECT_NE(error.find(one.error), std::string::npos) << error << " not " << one.error;
         EXPECT_FALSE(context);
     }
     std::string error;
-    EXPECT_EQ(MakeClient()->MakeFilter("", error), nullptr);
-    EXPECT_EQ(MakeClient()->MakeFilter(std::string("a\0b", 3), error), nullptr);
+    for (const std::string& name : {std::string(), std::string("a\0b", 3)}) {
+        EXPECT_EQ(MakeTls(false, MakeTlsOptions(""))->MakeFilter(name, error), nullptr);
+    }
 }
 
 TEST(CNxTlsContext, ReloadCountsForNewConnectionsAndAFailedOneForNone) {
@@ -125,11 +108,11 @@ TEST(CNxTlsContext, ReloadCountsForNewConnectionsAndAFailedOneForNone) {
     CNxTlsOptions options = MakeTlsOptions("server");
     options.certificateFile = own.Certificate("server");
     options.keyFile = own.Key("server");
-    const Context server = MakeServer(options);
-    const Context client = MakeClient(MakeTlsOptions(""));
+    const auto server = MakeTls(true, options);
+    const auto client = MakeTls(false, MakeTlsOptions(""));
     options.certificateFile = options.keyFile = "";
     options.caFile = own.Certificate("ca");
-    const Context ownClient = MakeClient(options);
+    const auto ownClient = MakeTls(false, options);
     TlsPair before(*ownClient, *server);
     EXPECT_TRUE(before.Open().IsOpen());
 
@@ -149,8 +132,8 @@ TEST(CNxTlsContext, ReloadCountsForNewConnectionsAndAFailedOneForNone) {
 }
 
 TEST(CNxTlsContext, ReloadsAndHandshakesOnThreadsDoNotDisturbEachOther) {
-    const Context server = MakeServer();
-    const Context client = MakeClient();
+    const auto server = MakeTls(true, MakeTlsOptions("server"));
+    const auto client = MakeTls(false, MakeTlsOptions(""));
     std::thread threads[3];
     for (std::thread& thread : threads) {
         thread = std::thread([&, isReloading = &thread == threads] {

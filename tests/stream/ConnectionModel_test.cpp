@@ -7,7 +7,6 @@
 #include <sys/mman.h>
 #include <tests/reactor/ReactorSupport.h>
 #include <tests/support/Endpoints.h>
-#include <tests/support/TestCertificates.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,6 +17,7 @@
 #include <random>
 
 #include "StreamSupport.h"
+#include "TlsSupport.h"
 
 namespace {
 
@@ -269,21 +269,6 @@ void ConnectSockets(bool isTcp, int (&ends)[2]) {
     ends[1] = accept4(listening.GetHandle(), nullptr, nullptr, SOCK_CLOEXEC);
 }
 
-// Null where there is no TLS.
-CNxAutoPtr<CNxTlsContext> MakeTls(bool isServer) {
-    static const CTestCertificates s_certificates;
-    CNxAutoPtr<CNxTlsContext> context;
-    CNxTlsOptions options;
-    std::string error;
-    options.verifyPeer = false;
-    options.certificateFile = s_certificates.Certificate("server");
-    options.keyFile = s_certificates.Key("server");
-    const NxResult made = isServer ? CNxTlsContext::CreateServer(context, options, error)
-                                   : CNxTlsContext::CreateClient(context, options, error);
-    EXPECT_TRUE(made == NX_OK || made == NX_ERROR_NOT_IMPLEMENTED) << error;
-    return context;
-}
-
 class Pair {
 public:
     explicit Pair(Random& random) : m_sides{{{m_state, random}, {m_state, random}}} {
@@ -301,7 +286,8 @@ public:
         int ends[2];
         ConnectSockets(random.OneIn(2), ends);
         CNxConnectionOptions options = MakeOptions(random);
-        static const CNxAutoPtr<CNxTlsContext> s_contexts[] = {MakeTls(false), MakeTls(true)};
+        static const CNxAutoPtr<CNxTlsContext> s_contexts[] = {
+            MakeTls(false, MakeTlsOptions("", "")), MakeTls(true, MakeTlsOptions("server"))};
         const bool hasTls = random.OneIn(2);
         for (size_t i : {0U, 1U}) {
             CNxConnectedSocket socket;

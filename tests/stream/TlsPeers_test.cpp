@@ -30,12 +30,9 @@ class TlsPeers : public ConnectionTest<CNxReactorEpoll> {
 protected:
     // The connection is a client, with a new sink.
     void ConnectClient(CNxTimeValue handshakeTimeout = {10, 0}) {
-        CNxTlsOptions notVerifying;
-        notVerifying.verifyPeer = false;
         CNxConnectionOptions options;
         options.handshakeTimeout = handshakeTimeout;
-        std::string error;
-        Must(CNxTlsContext::CreateClient(options.tls, notVerifying, error));
+        options.tls = MakeTls(false, MakeTlsOptions("", ""));
         m_sink = {};
         Connect(m_sink, options);
     }
@@ -123,8 +120,7 @@ TEST_F(TlsPeers, ATicketThatHasBegunHoldsBackWhatIsSent) {
 TEST_F(TlsPeers, WhoAsksForUpdatesAndReadsNothingIsDropped) {
     CNxConnectionOptions options;
     options.maxUnsent = 10000;
-    std::string error;
-    Must(CNxTlsContext::CreateServer(options.tls, MakeTlsOptions("server"), error));
+    options.tls = MakeTls(true, MakeTlsOptions("server"));
     Connect(m_sink, options);
     const auto setup = MakeTlsSetup(false, c_version, MakeTlsOptions(""));
     const CSslPtr ssl(SSL_new(setup->GetContext()));
