@@ -1,93 +1,76 @@
 // How connections are handed out; how a group stops is in the tests of CNxServer.
-#include <gtest/gtest.h>
-#include <nx/stream/CNxConnection.h>
 #include <nx/stream/CNxReactorGroup.h>
 #include <sys/prctl.h>
 #include <tests/support/Endpoints.h>
-#include <tests/support/Must.h>
-#include <tests/support/ServerProcess.h>
 
-#include <array>
 #include <atomic>
 #include <cerrno>
 
-namespace {
+#include "StreamSupport.h"
 
-constexpr size_t c_loops = 3;
+namespace {
 
 class ReactorGroup : public ::testing::Test {
 protected:
-    // Answers with the number of its loop.
-    struct Sink : INxConnectionSink {
-        explicit Sink(CNxReactorGroup& group) : m_group(group) {}
-        void OnReceive(CNxConnection& connection, CNxMessageChain& received) override {
-            received.Clear();
-            size_t loop = 0;
-            while (m_group.GetReactor(loop) != &connection.GetReactor()) {
-                ++loop;
-            }
-            connection.Send(std::to_string(loop));
-        }
-        CNxReactorGroup& m_group;
-    };
+    using Counts = std::vector<size_t>;
 
     ReactorGroup() {
         CNxReactorGroupOptions options;
-        options.loops = c_loops;
+        options.loops = 3;
         options.name = "a group's loop";
         options.onePerCpu = true;
         Must(m_group.Start(options));
     }
 
-    unsigned short Listen(ENxDistribution distribution) {
+    CNxEndpoint Listen(ENxDistribution distribution) {
         CNxListenOptions options;
         options.distribution = distribution;
-        Must(m_group.Listen(Parse("127.0.0.1:0"), m_sink, options));
-        return m_group.GetEndpoint(m_group.GetListeners() - 1).GetPort();
+        const auto makeSink = [] { return std::make_unique<Sink>(); };
+        Must(m_group.Listen(Parse("127.0.0.1:0"), makeSink, options));
+        return m_group.GetEndpoint(m_group.GetListeners() - 1);
     }
 
-    // The loop that serves it.
-    static size_t AskLoop(const TestClient& client) {
-        client.Send("?");
-        return static_cast<size_t>(std::stoul(client.Receive(1)));
-    }
-
-    void WaitForConnections(size_t count) const {
+    // When there are so many, those of each loop.
+    Counts WaitForConnections(size_t count) {
         while (m_group.GetConnections() != count) {
             std::this_thread::yield();
         }
+        Counts counts(3);
+        Must(m_group.RunOnEach([&](size_t loop) {
+            counts[loop] = CNxConnection::GetCount(*m_group.GetReactor(loop));
+        }));
+        return counts;
     }
 
     CNxReactorGroup m_group;
-    Sink m_sink{m_group};
 };
 
 TEST_F(ReactorGroup, ConnectionsAreHandedOut) {
     for (const auto distribution : {ENxDistribution::ROUND_ROBIN, ENxDistribution::FEWEST}) {
-        const unsigned short port = Listen(distribution);
-        std::array<std::vector<TestClient>, c_loops> clients;
-        const auto connect = [&] {
-            TestClient client(port);
-            clients.at(AskLoop(client)).push_back(std::move(client));
+        const CNxEndpoint endpoint = Listen(distribution);
+        CNxSocketBase clients[8];
+        const auto connect = [&](size_t i, size_t count) {
+            clients[i] = Connect(endpoint);
+            return WaitForConnections(count);
         };
-        for (size_t i = 0; i < 2 * c_loops; ++i) {
-            connect();
+        for (const size_t i : {0U, 1U, 2U, 3U, 4U}) {
+            connect(i, i + 1);
         }
-        EXPECT_TRUE(clients[0].size() == 2 && clients[1].size() == 2 && clients[2].size() == 2);
-        if (distribution == ENxDistribution::FEWEST) {
-            clients[1].clear();
-            WaitForConnections(4);
-            connect();
-            connect();
-            EXPECT_EQ(2U, clients[1].size());
-        }
-        clients = {};
-        WaitForConnections(0);
+        EXPECT_EQ(connect(5, 6), Counts({2, 2, 2}));
+        clients[1].Close();
+        clients[4].Close();
+        EXPECT_EQ(WaitForConnections(4), Counts({2, 0, 2}));
+        connect(6, 5);
+        EXPECT_EQ(connect(7, 6),
+                  distribution == ENxDistribution::FEWEST ? Counts({2, 2, 2}) : Counts({3, 1, 2}));
     }
-    const unsigned short port = Listen(ENxDistribution::SOCKET_FOR_EACH);
-    for (int i = 0; i < 20; ++i) {
-        EXPECT_LT(AskLoop(TestClient(port)), c_loops);
+    WaitForConnections(0);
+    const CNxEndpoint endpoint = Listen(ENxDistribution::SOCKET_FOR_EACH);
+    CNxSocketBase clients[20];
+    for (CNxSocketBase& client : clients) {
+        client = Connect(endpoint);
     }
+    WaitForConnections(20);
     EXPECT_EQ(0U, m_group.GetRefused());
     char name[16] = {};
     Must(m_group.RunOnEach([&](size_t) { prctl(PR_GET_NAME, name); }));
@@ -95,21 +78,20 @@ TEST_F(ReactorGroup, ConnectionsAreHandedOut) {
 }
 
 TEST_F(ReactorGroup, WhatCannotBeServedIsRefusedAndTheRestGoesOn) {
-    // Its first connection is hung up on.
     std::atomic<int> made{0};
-    const auto makeSecond = [&] { return ++made > 1 ? std::make_unique<Sink>(m_group) : nullptr; };
+    const auto makeSecond = [&] { return ++made > 1 ? std::make_unique<Sink>() : nullptr; };
     Must(m_group.Listen(Parse("127.0.0.1:0"), makeSecond, {}));
-    const CNxEndpoint endpoint = m_group.GetEndpoint(m_group.GetListeners() - 1);
-    EXPECT_EQ("", TestClient(endpoint.GetPort()).ReceiveAll());
-    AskLoop(TestClient(endpoint.GetPort()));
+    const CNxEndpoint endpoint = m_group.GetEndpoint();
+    EXPECT_TRUE(IsHungUpOn(Connect(endpoint)));
+    const CNxSocketBase served = Connect(endpoint);
+    WaitForConnections(1);
     EXPECT_EQ(1U, m_group.GetRefused());
 
     CNxListenOptions each;
     each.distribution = ENxDistribution::SOCKET_FOR_EACH;
-    EXPECT_EQ(NX_ERROR_INVALID_ARG, m_group.Listen(Parse("unix:@nxbase group"), m_sink, each));
-    EXPECT_EQ(NX_ERROR_FAILURE, m_group.Listen(endpoint, m_sink, each));
+    EXPECT_EQ(NX_ERROR_FAILURE, m_group.Listen(endpoint, makeSecond, each));
     EXPECT_EQ(EADDRINUSE, errno);
-    EXPECT_EQ(AF_UNSPEC, m_group.GetEndpoint(m_group.GetListeners() - 1).GetFamily());
+    EXPECT_EQ(AF_UNSPEC, m_group.GetEndpoint(1).GetFamily());
 }
 
 }  // namespace

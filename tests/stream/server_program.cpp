@@ -1,4 +1,5 @@
-// A server that does what its clients say: CNxServer_test.cpp. server_program MODE
+// A server that does what its clients say: CNxServer_test.cpp. With an argument one of its loops
+// ends.
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/stream/CNxConnection.h>
 #include <nx/stream/CNxServer.h>
@@ -7,7 +8,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <string>
 
 namespace {
 
@@ -42,27 +42,14 @@ private:
     bool m_isBusy = false;
 };
 
-// Of the main thread's loop, which is told of the stop like the others: its peer hears of it.
-class OwnConnection {
-public:
-    explicit OwnConnection(CNxServer& server) {
-        CNxConnectionOptions options;
-        options.lingerTimeout = CNxTimeValue::s_tvZero();
-        CNxConnectedSocket socket;
-        socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_ends);
-        socket.socket.SetHandle(m_ends[0]);
-        CNxAutoPtr<CNxConnection> connection;
-        static_cast<void>(CNxConnection::Create(connection, *server.GetReactor(), std::move(socket),
-                                                std::make_unique<Sink>(server),
-                                                std::make_shared<CNxConnectionOptions>(options)));
+// Of a connection on the main thread's loop, which is told of the stop like the others.
+struct OwnSink : INxConnectionSink {
+    void OnReceive(CNxConnection& /*connection*/, CNxMessageChain& /*received*/) override {}
+    void OnStop(CNxConnection& connection) override {
+        m_hasHeard = true;
+        connection.CloseNow();
     }
-    bool HasHeard() const {
-        char bytes[5] = {};
-        return recv(m_ends[1], bytes, 4, MSG_WAITALL) == 4 && bytes == std::string("stop");
-    }
-
-private:
-    int m_ends[2] = {-1, -1};
+    bool m_hasHeard = false;
 };
 
 class ReactorWhoseWaitingFails : public CNxReactorEpoll {
@@ -73,19 +60,25 @@ public:
 }  // namespace
 
 int main(int argc, char** argv) {
-    const std::string mode = argc > 1 ? argv[1] : "";
     CNxServerOptions options;
     options.loops.loops = 2;
-    options.stopLimit = mode == "limit" ? CNxTimeValue(0, 100000) : CNxTimeValue(600);
+    options.stopLimit = CNxTimeValue(600);
     CNxServer server(argc, argv, options);
     server.Listen("127.0.0.1:0", [&server] { return std::make_unique<Sink>(server); });
     server.Announce();
-    if (mode == "loop ends") {
+    if (argc > 1) {
         CNxThread* thread = nullptr;
         static_cast<void>(CNxThreadManager::Instance()->CreateReactorThread(
             2, new ReactorWhoseWaitingFails, thread));
     }
-    const OwnConnection own(server);
+    int ends[2] = {-1, -1};
+    socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends);
+    OwnSink own;
+    CNxConnectedSocket socket;
+    socket.socket.SetHandle(ends[0]);
+    CNxAutoPtr<CNxConnection> connection;
+    static_cast<void>(CNxConnection::Create(connection, *server.GetReactor(), std::move(socket),
+                                            own, std::make_shared<CNxConnectionOptions>()));
     const int status = server.Run();
-    return status == 0 && mode != "limit" && !own.HasHeard() ? 3 : status;
+    return status == 0 && !own.m_hasHeard ? 3 : status;
 }
