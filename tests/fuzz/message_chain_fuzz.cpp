@@ -300,6 +300,11 @@ void FuzzFraming(unsigned how, size_t pieceSize, std::string_view bytes) {
     for (const std::string& frame : taken.frames) {
         Require(framing.Append(wire, CNxMessageChain(frame)) == NX_OK);
     }
+    if (most < SIZE_MAX) {
+        CNxMessageChain tooLong(std::string(most + 1, 'x'));
+        Require(framing.Append(wire, std::move(tooLong)) == NX_ERROR_INVALID_ARG);
+        Require(tooLong.GetSize() == most + 1);  // NOLINT(bugprone-use-after-move): not taken
+    }
     // A return that ends a line is one of the end when it is put there again.
     Require(how % 16 == 15 ||
             TakeFrames(framing, wire.ToString(), pieceSize).frames == taken.frames);

@@ -175,27 +175,29 @@ TYPED_TEST(Connectors, RefuseWhatIsNoTarget) {
 // Each allocation fails once, until the connection is there.
 TYPED_TEST(Connectors, WantOfMemoryIsAnAnswer) {
     const Listener listener("127.0.0.1:0");
-    bool isOver = false;
-    this->m_sink.m_onOpen =
-        this->m_sink.m_onClosed = [&](CNxConnection& /*connection*/) { isOver = true; };
-    const CNxConnector::OnFailed failed = [&](const CNxCloseReason& reason) {
-        EXPECT_EQ(reason.error, ENOMEM);
-        isOver = true;
-    };
     for (long skipped = 0, missed = 1; missed != 0; ++skipped) {
         CNxConnector connector(this->m_reactor);
-        this->m_sink.m_isClosed = isOver = false;
-        this->Reopen();
-        Timer poll([&] { isOver ? this->Stop() : 0; });
-        Must(this->m_reactor.ScheduleTimer(&poll, nullptr, {0, 1000}, 0));
         const std::string target = listener.Text();
-        const FailingNew memory(skipped, FailingNew::ONCE);
-        const NxResult asked = connector.Connect(target.c_str(), Quick(1), this->m_sink, failed);
-        if (asked == NX_OK) {
-            this->Run();
-        }
-        missed = FailingNew::CountFailed();
-        EXPECT_TRUE(isOver || asked == NX_ERROR_FAILURE) << skipped;
+        bool isOver = false;
+        const auto end = [&](const auto& /*connection*/) { isOver = true; };
+        this->m_sink = {};
+        this->m_sink.m_onOpen = this->m_sink.m_onClosed = end;
+        this->Reopen();
+        this->RunUntil([&, isFirst = true]() mutable {
+            if (std::exchange(isFirst, false)) {
+                failing_new::Fail(skipped, 1);
+                const NxResult asked = connector.Connect(target.c_str(), Quick(1), this->m_sink,
+                                                         [&](const CNxCloseReason& reason) {
+                                                             EXPECT_EQ(reason.error, ENOMEM);
+                                                             isOver = true;
+                                                         });
+                EXPECT_TRUE(asked == NX_OK || asked == NX_ERROR_FAILURE);
+                isOver = isOver || asked != NX_OK;
+            }
+            return isOver;
+        });
+        missed = failing_new::GetFailed();
+        failing_new::Stop();
     }
 }
 

@@ -1,8 +1,6 @@
 // TLS between two filters in memory: what is agreed on, what is refused, and how it ends.
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "../support/FailingNew.h"
 #include "TlsPair.h"
 
@@ -115,24 +113,6 @@ TEST(CNxTlsContext, ReloadCountsForNewConnectionsAndAFailedOneForNone) {
     EXPECT_EQ(server->Reload(error), NX_OK) << error;
     EXPECT_FALSE(TlsPair(*ownClient, *server).Open().IsOpen());
     EXPECT_TRUE(TlsPair(*client, *server).Open().IsOpen());
-}
-
-TEST(CNxTlsContext, ReloadsAndHandshakesOnThreadsDoNotDisturbEachOther) {
-    const auto server = MakeTls(true, MakeTlsOptions("server"));
-    const auto client = MakeTls(false, MakeTlsOptions(""));
-    std::thread threads[3];
-    for (std::thread& thread : threads) {
-        thread = std::thread([&, isReloading = &thread == threads] {
-            for (int i = 0; i < 20; ++i) {
-                std::string error;
-                EXPECT_EQ(isReloading ? server->Reload(error) : NX_OK, NX_OK) << error;
-                EXPECT_TRUE(TlsPair(*client, *server).Open().IsOpen());
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
 }
 
 class Versions : public testing::TestWithParam<int> {

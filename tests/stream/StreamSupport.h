@@ -77,17 +77,12 @@ struct Sink : INxConnectionSink {
         }
     }
     void OnHighWater(CNxConnection& connection) override { Call(m_onHighWater, connection); }
-    void OnLowWater(CNxConnection& connection) override { Call(m_onLowWater, connection); }
     void OnEnd(CNxConnection& connection) override {
         if (m_onEnd) {
             Call(m_onEnd, connection);
         } else {
             INxConnectionSink::OnEnd(connection);
         }
-    }
-    void OnStop(CNxConnection& connection) override {
-        ++m_stops;
-        INxConnectionSink::OnStop(connection);
     }
     void OnClosed(CNxConnection& connection, const CNxCloseReason& reason) override {
         EXPECT_FALSE(m_isClosed);
@@ -109,14 +104,12 @@ struct Sink : INxConnectionSink {
 
     Callback m_onOpen;
     Callback m_onHighWater;
-    Callback m_onLowWater;
     Callback m_onEnd;
     Callback m_onClosed;
     std::function<void(CNxConnection&, CNxMessageChain&)> m_onReceive;
 
     std::string m_received;
     int m_calls = 0;
-    int m_stops = 0;
     bool m_isClosed = false;
     CNxCloseReason m_reason;
 };
