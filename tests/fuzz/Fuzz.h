@@ -18,6 +18,19 @@ inline void Require(bool condition) {
     }
 }
 
+// An input that says what to do.
+struct CFuzzBytes {
+    // 0 when there is none left.
+    unsigned TakeByte() { return m_left.empty() ? 0 : static_cast<unsigned char>(Take(1)[0]); }
+    std::string_view Take(size_t count) {
+        const std::string_view taken = m_left.substr(0, count);
+        m_left.remove_prefix(taken.size());
+        return taken;
+    }
+
+    std::string_view m_left;
+};
+
 // Bytes as a file, for readers that only take files.
 class CFuzzFile {
 public:
