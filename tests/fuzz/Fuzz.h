@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -25,6 +26,12 @@ struct CFuzzBytes {
     std::string_view Take(size_t count) {
         const std::string_view taken = m_left.substr(0, count);
         m_left.remove_prefix(taken.size());
+        return taken;
+    }
+    // Up to that byte, which is left out.
+    std::string_view TakeUntil(char end) {
+        const std::string_view taken = Take(std::min(m_left.find(end), m_left.size()));
+        Take(1);
         return taken;
     }
 
