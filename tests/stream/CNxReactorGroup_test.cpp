@@ -3,6 +3,7 @@
 #include <sys/prctl.h>
 #include <tests/support/Endpoints.h>
 
+#include <algorithm>
 #include <atomic>
 
 #include "StreamSupport.h"
@@ -21,11 +22,14 @@ protected:
         Must(m_group.Start(options));
     }
 
-    CNxEndpoint Listen(ENxDistribution distribution) {
-        CNxListenOptions options;
-        options.distribution = distribution;
-        const auto makeSink = [] { return std::make_unique<Sink>(); };
-        Must(m_group.Listen(Parse("127.0.0.1:0"), makeSink, options));
+    // Connections are greeted.
+    CNxEndpoint Listen(const CNxListenOptions& options, const std::string& at = "127.0.0.1:0") {
+        const auto makeSink = [] {
+            auto sink = std::make_unique<Sink>();
+            sink->m_onOpen = [](CNxConnection& connection) { connection.Send("+"); };
+            return sink;
+        };
+        Must(m_group.Listen(Parse(at), makeSink, options));
         return m_group.GetEndpoint(m_group.GetListeners() - 1);
     }
 
@@ -45,9 +49,11 @@ protected:
 };
 
 TEST_F(ReactorGroup, ConnectionsAreHandedOut) {
+    CNxListenOptions options;
     for (const auto distribution : {ENxDistribution::ROUND_ROBIN, ENxDistribution::FEWEST}) {
         WaitForConnections(0);
-        const CNxEndpoint endpoint = Listen(distribution);
+        options.distribution = distribution;
+        const CNxEndpoint endpoint = Listen(options);
         CNxSocketBase clients[8];
         const auto connect = [&](size_t i, size_t count) {
             clients[i] = Connect(endpoint);
@@ -65,7 +71,8 @@ TEST_F(ReactorGroup, ConnectionsAreHandedOut) {
                   distribution == ENxDistribution::FEWEST ? Counts({2, 2, 2}) : Counts({3, 1, 2}));
     }
     WaitForConnections(0);
-    const CNxEndpoint endpoint = Listen(ENxDistribution::SOCKET_FOR_EACH);
+    options.distribution = ENxDistribution::SOCKET_FOR_EACH;
+    const CNxEndpoint endpoint = Listen(options);
     CNxSocketBase clients[20];
     for (CNxSocketBase& client : clients) {
         client = Connect(endpoint);
@@ -75,6 +82,38 @@ TEST_F(ReactorGroup, ConnectionsAreHandedOut) {
     char name[16] = {};
     Must(m_group.RunOnEach([&](size_t) { prctl(PR_GET_NAME, name); }));
     EXPECT_STREQ("a group's loo-2", name);
+}
+
+// Those that come at once are more than are accepted in a turn.
+TEST_F(ReactorGroup, LimitsCountThoseThatLive) {
+    const struct {
+        size_t CNxAcceptorOptions::*limit;
+        size_t value, clients, least, most;
+    } rows[] = {{&CNxAcceptorOptions::maxConnections, 0, 300, 300, 300},
+                {&CNxAcceptorOptions::maxConnections, 2, 3, 2, 2},
+                {&CNxAcceptorOptions::maxPerAddress, 1, 2, 1, 1},
+                {&CNxAcceptorOptions::maxPerSecond, 1, 300, 0, 299}};
+    for (const auto& row : rows) {
+        CNxListenOptions options;
+        options.acceptor.*row.limit = row.value;
+        const std::string port = std::to_string(Listen(options, "*:0").GetPort());
+        for (const char* host : {"127.0.0.1:", "[::1]:"}) {
+            const CNxEndpoint where = Parse(host + port);
+            // Served, when what was there before has gone.
+            while (IsHungUpOn(Connect(where))) {
+            }
+            WaitForConnections(0);
+            std::vector<CNxSocketBase> clients(row.clients);
+            Must(m_group.RunOnEach([&](size_t loop) {
+                for (size_t i = 0; loop == 0 && i < clients.size(); ++i) {
+                    clients[i] = Connect(where);
+                }
+            }));
+            const auto hungUp = std::count_if(clients.begin(), clients.end(), IsHungUpOn);
+            const size_t served = clients.size() - static_cast<size_t>(hungUp);
+            EXPECT_TRUE(served >= row.least && served <= row.most) << served;
+        }
+    }
 }
 
 TEST_F(ReactorGroup, WhatCannotBeServedIsRefusedAndTheRestGoesOn) {

@@ -1,8 +1,9 @@
 // Two connections of a pair each against a model of what the other must see: sends on the loop's
 // thread and on another, reads, pauses, half closes, closes, resets, time-outs and destruction, in
-// any order. NX_MODEL_SECONDS, NX_MODEL_PAIRS and NX_MODEL_SEED make it long, wide, or again what
-// it was.
-#include <nx/stream/CListeningSocket.h>
+// any order. An acceptor that is paused and destroyed in its calls makes one of them.
+// NX_MODEL_SECONDS, NX_MODEL_PAIRS and NX_MODEL_SEED make it long, wide, or again what it was.
+#include <fcntl.h>
+#include <nx/stream/CNxAcceptor.h>
 #include <nx/stream/CNxConnection.h>
 #include <sys/mman.h>
 #include <tests/reactor/ReactorSupport.h>
@@ -13,6 +14,8 @@
 #include <array>
 #include <chrono>
 #include <cstdlib>
+#include <iterator>
+#include <map>
 #include <random>
 
 #include "StreamSupport.h"
@@ -115,7 +118,7 @@ public:
 
     // On the loop's thread.
     void Act() {
-        const size_t what = IsOver() ? 0 : m_random.Below(m_pair.m_isHard ? 62 : 58);
+        const size_t what = IsOver() ? 0 : m_random.Below(m_pair.m_isHard ? 61 : 58);
         if (what == 0) {
             return;
         }
@@ -132,21 +135,13 @@ public:
             m_isAbandoned = true;
             m_connection->Abandon();
         } else {
-            EndAtOnce(what == 60);
+            m_connection->CloseNow();
         }
     }
 
     void Close() {
         m_hasClosed = m_hasClosed || !m_isEndTold;
         m_connection->CloseWhenSent();
-    }
-
-    void EndAtOnce(bool resets) {
-        const linger none{1, 0};
-        if (resets && m_connection->GetState() != EState::CLOSED) {
-            setsockopt(m_socket, SOL_SOCKET, SO_LINGER, &none, sizeof(none));
-        }
-        m_connection->CloseNow();
     }
 
     // Lane 0 on the loop's thread, 1 on another.
@@ -195,7 +190,6 @@ public:
 
     CNxAutoPtr<CNxConnection> m_connection;
     Side* m_from = nullptr;
-    int m_socket = -1;
     std::atomic<bool> m_hasClosed{false};  // before the other had
 
 private:
@@ -264,23 +258,18 @@ public:
         m_sides[1].m_from = &m_sides[0];
     }
 
-    void Connect(INxReactor& reactor, Random& random) {
-        static CListeningSocket s_listening;
-        if (s_listening.GetHandle() == -1) {
-            Must(s_listening.Open(Parse("127.0.0.1:0"), {}));
-        }
-        CNxSocketBase ends[2] = {::Connect(s_listening.GetEndpoint()), {}};
-        ends[1].SetHandle(accept4(s_listening.GetHandle(), nullptr, nullptr, SOCK_CLOEXEC));
+    void Connect(INxReactor& reactor, Random& random, CNxConnectedSocket accepted) {
         CNxConnectionOptions options = MakeOptions(random);
         static const CNxAutoPtr<CNxTlsContext> s_contexts[] = {
             MakeTls(false, MakeTlsOptions("", "")), MakeTls(true, MakeTlsOptions("server"))};
         const bool hasTls = random.OneIn(2);
+        const linger reset{m_state.m_isHard && random.OneIn(2) ? 1 : 0, 0};
+        CNxConnectedSocket ends[] = {{std::move(m_client), {}}, std::move(accepted)};
         for (size_t i : {0U, 1U}) {
-            Side& side = m_sides[i];
-            side.m_socket = ends[i].GetHandle();
+            setsockopt(ends[i].socket.GetHandle(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
             options.tls = hasTls ? s_contexts[i] : nullptr;
-            Must(CNxConnection::Create(side.m_connection, reactor,
-                                       CNxConnectedSocket{std::move(ends[i]), {}}, side,
+            Must(CNxConnection::Create(m_sides[i].m_connection, reactor, std::move(ends[i]),
+                                       m_sides[i],
                                        std::make_shared<const CNxConnectionOptions>(options)));
         }
     }
@@ -292,6 +281,7 @@ public:
         m_sides[1].Check();
     }
 
+    CNxSocketBase m_client;  // while it waits to be accepted
     PairState m_state;
     std::array<Side, 2> m_sides;
 
@@ -318,8 +308,43 @@ class ConnectionModel : public ::testing::Test {
 protected:
     using Pairs = std::vector<std::unique_ptr<Pair>>;
 
+    void OnAccepted(CNxConnectedSocket socket, const CNxEndpoint& peer) {
+        const auto found = m_waiting.find(peer.GetText());
+        ASSERT_NE(found, m_waiting.end());
+        const int fd = socket.socket.GetHandle();
+        EXPECT_TRUE(fcntl(fd, F_GETFD) == FD_CLOEXEC && (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0);
+        found->second->Connect(m_loop.GetReactor(), m_random, std::move(socket));
+        m_accepted.push_back(std::move(found->second));
+        m_waiting.erase(found);
+        if (m_random.OneIn(20)) {
+            m_acceptor->Pause();
+            m_isPaused = true;
+        } else if (m_random.OneIn(20)) {
+            m_waiting.clear();
+            m_acceptor.reset();
+        }
+    }
+
+    void StartOne() {
+        if (m_acceptor == nullptr) {
+            m_acceptor = std::make_unique<CNxAcceptor>(
+                m_loop.GetReactor(), [this](CNxConnectedSocket socket, const CNxEndpoint& peer) {
+                    EXPECT_FALSE(m_isPaused);
+                    OnAccepted(std::move(socket), peer);
+                });
+            Must(m_acceptor->Open(Parse("127.0.0.1:0"), {}));
+        }
+        auto pair = std::make_unique<Pair>(m_random);
+        pair->m_client = Connect(m_acceptor->GetEndpoint());
+        CNxEndpoint from;
+        Must(from.SetLocalOf(pair->m_client.GetHandle()));
+        m_waiting[from.GetText()] = std::move(pair);
+    }
+
     // On the loop's thread, while this one waits.
     void Step(size_t count) {
+        std::move(m_accepted.begin(), m_accepted.end(), std::back_inserter(m_pairs));
+        m_accepted.clear();
         for (size_t left = m_pairs.size() / 4 + 1; left > 0 && !m_pairs.empty(); --left) {
             m_pairs[m_random.Below(m_pairs.size())]->m_sides[m_random.Below(2)].Act();
         }
@@ -329,15 +354,17 @@ protected:
                 m_pairs.erase(m_pairs.begin() + static_cast<std::ptrdiff_t>(i));
             }
         }
-        while (m_pairs.size() < count) {
-            m_pairs.push_back(std::make_unique<Pair>(m_random));
-            m_pairs.back()->Connect(m_loop.GetReactor(), m_random);
+        while (m_pairs.size() + m_waiting.size() + m_accepted.size() < count) {
+            StartOne();
+        }
+        if (std::exchange(m_isPaused, false) && m_acceptor != nullptr) {
+            m_acceptor->Resume();
         }
     }
 
     // On this one.
     void ActOutside(Random& random) {
-        for (size_t left = 20; left > 0; --left) {
+        for (size_t left = m_pairs.empty() ? 0 : 20; left > 0; --left) {
             Pair& pair = *m_pairs[random.Below(m_pairs.size())];
             Side& side = pair.m_sides[random.Below(2)];
             if (random.OneIn(200)) {
@@ -353,6 +380,9 @@ protected:
 
     void FinishAll() {
         m_loop.Run([this] {
+            m_acceptor.reset();
+            m_waiting.clear();
+            Step(0);
             for (const auto& pair : m_pairs) {
                 pair->m_sides[0].Finish();
                 pair->m_sides[1].Finish();
@@ -370,6 +400,10 @@ protected:
 
     const unsigned m_seed = static_cast<unsigned>(GetSetting("NX_MODEL_SEED", 1));
     Random m_random{m_seed};
+    std::unique_ptr<CNxAcceptor> m_acceptor;
+    bool m_isPaused = false;
+    std::map<std::string, std::unique_ptr<Pair>> m_waiting;  // by the client's endpoint
+    Pairs m_accepted;
     Pairs m_pairs;
     LoopThread<Reactor> m_loop;
 };
