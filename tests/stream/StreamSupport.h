@@ -1,7 +1,6 @@
 // What the tests of connections have in common.
 #pragma once
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <nx/event/NxCall.h>
 #include <nx/stream/CNxConnection.h>
@@ -77,13 +76,7 @@ struct Sink : INxConnectionSink {
         }
     }
     void OnHighWater(CNxConnection& connection) override { Call(m_onHighWater, connection); }
-    void OnEnd(CNxConnection& connection) override {
-        if (m_onEnd) {
-            Call(m_onEnd, connection);
-        } else {
-            INxConnectionSink::OnEnd(connection);
-        }
-    }
+    void OnEnd(CNxConnection& connection) override { Call(m_onEnd, connection); }
     void OnClosed(CNxConnection& connection, const CNxCloseReason& reason) override {
         EXPECT_FALSE(m_isClosed);
         EXPECT_EQ(connection.GetState(), CNxConnection::EState::CLOSED);
@@ -104,7 +97,7 @@ struct Sink : INxConnectionSink {
 
     Callback m_onOpen;
     Callback m_onHighWater;
-    Callback m_onEnd;
+    Callback m_onEnd = [](CNxConnection& connection) { connection.CloseWhenSent(); };
     Callback m_onClosed;
     std::function<void(CNxConnection&, CNxMessageChain&)> m_onReceive;
 
@@ -113,12 +106,6 @@ struct Sink : INxConnectionSink {
     bool m_isClosed = false;
     CNxCloseReason m_reason;
 };
-
-inline CNxSocketBase OpenFile(const std::string& path) {
-    CNxSocketBase file;
-    file.SetHandle(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    return file;
-}
 
 // A connection on a loop with the sink, the peer being a blocking socket.
 template <class Reactor>
