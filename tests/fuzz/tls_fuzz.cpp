@@ -15,7 +15,7 @@ using EState = CStreamFilter::EState;
 TlsPair MakePair(bool isOld) {
     const auto make = [](int version) {
         return std::pair(MakeTlsSetup(false, version, MakeTlsOptions("")),
-                         MakeTlsSetup(true, version, MakeTlsOptions("server")));
+                         MakeServerSetup(version));
     };
     static const auto s_old = make(TLS1_2_VERSION);
     static const auto s_new = make(TLS1_3_VERSION);

@@ -75,7 +75,7 @@ TEST(CNxEndpoint, TakesWhatTheSystemGivesAndNothingElse) {
     EXPECT_EQ(endpoint.GetSize(), sizeof(sockaddr_un));
 
     EXPECT_EQ(SetUnix(endpoint, longest, 2), NX_ERROR_INVALID_ARG);
-    for (const socklen_t size : {27, 0}) {
+    for (const socklen_t size : {27U, 0U}) {
         EXPECT_EQ(endpoint.SetAddress(Parse("[::1]:80").GetAddress(), size), NX_ERROR_INVALID_ARG);
     }
     EXPECT_EQ(endpoint.SetAddress(CNxEndpoint().GetAddress(), 16), NX_ERROR_INVALID_ARG);

@@ -117,12 +117,8 @@ TEST(CNxTlsContext, ReloadCountsForNewConnectionsAndAFailedOneForNone) {
 
 class Versions : public testing::TestWithParam<int> {
 protected:
-    static std::shared_ptr<CTlsSetup> MakeServer() {
-        return MakeTlsSetup(true, GetParam(), MakeTlsOptions("server"));
-    }
-
     const std::shared_ptr<CTlsSetup> m_client = MakeTlsSetup(false, GetParam(), MakeTlsOptions(""));
-    std::shared_ptr<CTlsSetup> m_server = MakeServer();
+    std::shared_ptr<CTlsSetup> m_server = MakeServerSetup(GetParam());
 };
 INSTANTIATE_TEST_SUITE_P(Tls, Versions, testing::Values(TLS1_2_VERSION, TLS1_3_VERSION));
 
@@ -138,7 +134,7 @@ TEST_P(Versions, SessionsAreResumedByTheSameContextsAndUpTo1000Names) {
     };
     EXPECT_FALSE(isResumed());
     EXPECT_TRUE(isResumed());
-    m_server = MakeServer();
+    m_server = MakeServerSetup(GetParam());
     EXPECT_FALSE(isResumed()) << "its tickets are another server's";
     EXPECT_TRUE(isResumed());
     const CSslPtr session(SSL_new(m_client->GetContext()));

@@ -19,6 +19,10 @@ inline std::shared_ptr<CTlsSetup> MakeTlsSetup(bool isServer, int version,
     return setup;
 }
 
+inline std::shared_ptr<CTlsSetup> MakeServerSetup(int version) {
+    return MakeTlsSetup(true, version, MakeTlsOptions("server"));
+}
+
 struct TlsSide {
     using EState = CStreamFilter::EState;
 

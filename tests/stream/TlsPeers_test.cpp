@@ -9,13 +9,9 @@ namespace {
 
 constexpr int c_version = TLS1_3_VERSION;
 
-std::shared_ptr<CTlsSetup> MakeServerSetup() {
-    return MakeTlsSetup(true, c_version, MakeTlsOptions("server"));
-}
-
 // Whose tickets take several records.
 std::shared_ptr<CTlsSetup> MakeServerOfLongTickets() {
-    auto server = MakeServerSetup();
+    auto server = MakeServerSetup(c_version);
     SSL_CTX_set_max_send_fragment(server->GetContext(), 512);
     const auto lengthen = +[](SSL* ssl, void* /*unused*/) {
         const std::string data(2000, 't');
@@ -60,12 +56,12 @@ TEST_F(TlsPeers, HowAConnectionWasCutOffIsTold) {
     ConnectClient({0, 30000});
     WaitUntilClosed(m_sink, ENxClosed::HANDSHAKE);
     ConnectClient();
-    Handshake(MakeServerSetup());
+    Handshake(MakeServerSetup(c_version));
     shutdown(m_peer.GetHandle(), SHUT_WR);
     WaitUntilClosed(m_sink, ENxClosed::TLS);
     EXPECT_EQ(m_sink.m_reason.text, "the peer ended without close_notify");
     ConnectClient();
-    Handshake(MakeServerSetup());
+    Handshake(MakeServerSetup(c_version));
     m_server.Send("spoilt");
     std::string bytes = m_server.TakeToSocket();
     bytes.back() = static_cast<char>(bytes.back() ^ 1);
