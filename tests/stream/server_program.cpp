@@ -31,25 +31,18 @@ public:
         }
     }
     void OnStop(CNxConnection& connection) override {
+        m_hasHeard = true;
         connection.Send("stop");
         if (!m_isBusy) {
             connection.CloseWhenSent();
         }
     }
+    bool HasHeard() const { return m_hasHeard; }
 
 private:
     CNxServer& m_server;
-    bool m_isBusy = false;
-};
-
-// Of a connection on the main thread's loop, which is told of the stop like the others.
-struct OwnSink : INxConnectionSink {
-    void OnReceive(CNxConnection& /*connection*/, CNxMessageChain& /*received*/) override {}
-    void OnStop(CNxConnection& connection) override {
-        m_hasHeard = true;
-        connection.CloseNow();
-    }
     bool m_hasHeard = false;
+    bool m_isBusy = false;
 };
 
 class ReactorWhoseWaitingFails : public CNxReactorEpoll {
@@ -73,12 +66,16 @@ int main(int argc, char** argv) {
     }
     int ends[2] = {-1, -1};
     socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends);
-    OwnSink own;
+    // On the main thread's loop, and told of the stop like the others.
+    Sink own(server);
+    CNxConnectionOptions ownOptions;
+    ownOptions.lingerTimeout = CNxTimeValue::s_tvZero();
     CNxConnectedSocket socket;
     socket.socket.SetHandle(ends[0]);
     CNxAutoPtr<CNxConnection> connection;
     static_cast<void>(CNxConnection::Create(connection, *server.GetReactor(), std::move(socket),
-                                            own, std::make_shared<CNxConnectionOptions>()));
+                                            own,
+                                            std::make_shared<CNxConnectionOptions>(ownOptions)));
     const int status = server.Run();
-    return status == 0 && !own.m_hasHeard ? 3 : status;
+    return status == 0 && !own.HasHeard() ? 3 : status;
 }
