@@ -65,7 +65,7 @@ protected:
 };
 TYPED_TEST_SUITE(Connectors, AllReactors, ReactorNames);
 
-TYPED_TEST(Connectors, ConnectToEveryKindOfPlaceAndAnewWhenThePeerHasGone) {
+TYPED_TEST(Connectors, ConnectAndDoSoAnewWhenThePeerHasGone) {
     CNxConnector connector(this->m_reactor);
     this->m_sink.m_onOpen = [&](CNxConnection& connection) {
         EXPECT_EQ(connector.GetConnection(), &connection);
