@@ -1,5 +1,5 @@
-// The first signal, the limit, reloads, standard streams and addresses that fail are in the tests
-// of the examples, servers that use all of it.
+// The first signal, reloads, standard streams and addresses that fail are in the tests of the
+// examples, servers that use all of it.
 #include <gtest/gtest.h>
 #include <tests/support/ServerProcess.h>
 
@@ -7,17 +7,22 @@
 
 namespace {
 
-TEST(Server, WhatIsUnderWayIsServedUntilAnotherSignal) {
-    ServerProcess server(SERVER_PROGRAM);
-    const TestClient idle(server.GetPort());
-    const TestClient client(server.GetPort());
-    client.Expect("b", "+");
-    idle.Expect("s", "+stop");
-    EXPECT_EQ("stop", client.Receive(4));
-    client.Expect("b", "+");
-    server.Signal(SIGTERM);
-    EXPECT_EQ("", client.Receive(1));
-    EXPECT_EQ(0, server.Wait());
+TEST(Server, WhatIsUnderWayEndsWithTheLimitOrAnotherSignal) {
+    for (const std::string mode : {"limit", "second signal"}) {
+        ServerProcess server(SERVER_PROGRAM, {mode});
+        const TestClient idle(server.GetPort());
+        const TestClient client(server.GetPort());
+        client.Expect("b", "+");
+        idle.Expect("s", "+stop");
+        EXPECT_EQ("stop", client.Receive(4));
+        if (mode != "limit") {
+            // Still served.
+            client.Expect("b", "+");
+            server.Signal(SIGTERM);
+        }
+        EXPECT_EQ("", client.Receive(1));
+        EXPECT_EQ(0, server.Wait());
+    }
 }
 
 TEST(Server, ALoopThatEndsOrIsBlockedIsStatusOne) {

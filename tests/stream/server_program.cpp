@@ -1,5 +1,4 @@
-// A server that does what its clients say: CNxServer_test.cpp. With an argument one of its loops
-// ends.
+// A server that does what its clients say: CNxServer_test.cpp. server_program MODE
 #include <nx/reactor/CNxReactorEpoll.h>
 #include <nx/stream/CNxConnection.h>
 #include <nx/stream/CNxServer.h>
@@ -8,6 +7,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <string>
 
 namespace {
 
@@ -53,13 +53,14 @@ public:
 }  // namespace
 
 int main(int argc, char** argv) {
+    const std::string mode = argc > 1 ? argv[1] : "";
     CNxServerOptions options;
     options.loops.loops = 2;
-    options.stopLimit = CNxTimeValue(600);
+    options.stopLimit = mode == "limit" ? CNxTimeValue(0, 100000) : CNxTimeValue(600);
     CNxServer server(argc, argv, options);
     server.Listen("127.0.0.1:0", [&server] { return std::make_unique<Sink>(server); });
     server.Announce();
-    if (argc > 1) {
+    if (mode == "loop ends") {
         CNxThread* thread = nullptr;
         static_cast<void>(CNxThreadManager::Instance()->CreateReactorThread(
             2, new ReactorWhoseWaitingFails, thread));
