@@ -1,4 +1,5 @@
 #include <nx/stream/CListeningSocket.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <tests/support/Endpoints.h>
 #include <tests/support/FailingCalls.h>
@@ -38,6 +39,11 @@ TEST(CListeningSocket, LeavesEveryPathThatIsNotItsOwn) {
     second.Close();
     EXPECT_EQ(GetMode(path), 0U);
 
+    // The lock that keeps two from finding the same path stale.
+    const int locked = open(folder.Path().c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(locked, LOCK_EX), 0);
+    EXPECT_EQ(openSecond(), EWOULDBLOCK);
+    close(locked);
     FailingCalls calls;
     nx_fault_plan()->calls[FaultPlan::CALL_listen].Fail(ENOBUFS, 0, 1);
     EXPECT_EQ(openSecond(), ENOBUFS);

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <nx/stream/CNxConnection.h>
 #include <tests/reactor/ReactorSupport.h>
+#include <tests/support/FailingCalls.h>
 #include <tests/support/FailingNew.h>
 #include <tests/support/TempFolder.h>
 
@@ -146,6 +147,23 @@ TEST_F(ConnectionEnds, AFileThatIsShorterThanItsRangeEndsTheConnection) {
         WaitUntilClosed(sink, ENxClosed::FAILED);
         EXPECT_EQ(sink.m_reason.error, ENODATA);
     }
+}
+
+TEST_F(ConnectionEnds, ATurnIsOneCallAndLackOfBuffersIsWaitedFor) {
+    FailingCalls calls;
+    calls.Fail(FailingCalls::SEND, ENOBUFS, 1);
+    Sink sink;
+    sink.m_onOpen = [](CNxConnection& connection) {
+        for (const char* part : {"one ", "turn ", "of the loop"}) {
+            connection.Send(part);
+        }
+        connection.CloseWhenSent();
+    };
+    Connect(sink);
+    EXPECT_EQ(ReceiveFromIt(21), "one turn of the loop");
+    EXPECT_EQ(calls.Count(FailingCalls::SEND), 2);
+    m_peer.Close();
+    WaitUntilClosed(sink, ENxClosed::BY_US);
 }
 
 TEST_F(ConnectionEnds, OneThatIsFloodedLeavesTurnsToOthers) {

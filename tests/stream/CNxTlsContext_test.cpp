@@ -103,6 +103,9 @@ TEST(CNxTlsContext, ReloadCountsForNewConnectionsAndAFailedOneForNone) {
     options.certificateFile = options.keyFile = "";
     options.caFile = own.Certificate("ca");
     const auto ownClient = MakeTls(false, options);
+    TlsPair before(*ownClient, *server);
+    EXPECT_TRUE(before.Open().IsOpen());
+
     const CTempFolder& folder = own.Folder();
     folder.Put("server.pem", Certificates().Folder().Get("server.pem"));
     std::string error;
@@ -113,6 +116,9 @@ TEST(CNxTlsContext, ReloadCountsForNewConnectionsAndAFailedOneForNone) {
     EXPECT_EQ(server->Reload(error), NX_OK) << error;
     EXPECT_FALSE(TlsPair(*ownClient, *server).Open().IsOpen());
     EXPECT_TRUE(TlsPair(*client, *server).Open().IsOpen());
+    before.client.Send("still there");
+    before.Exchange();
+    EXPECT_EQ(before.server.TakeReceived(), "still there");
 }
 
 class Versions : public testing::TestWithParam<int> {

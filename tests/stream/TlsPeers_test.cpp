@@ -1,4 +1,5 @@
 // Connections with TLS whose peers do what no library does by itself.
+#include <fcntl.h>
 #include <nx/foundation/CNoSigPipe.h>
 #include <nx/reactor/CNxReactorEpoll.h>
 
@@ -71,6 +72,16 @@ TEST_F(TlsPeers, HowAConnectionWasCutOffIsTold) {
     Receive();
     EXPECT_NE(m_server.filter->GetError().find("bad record mac"), std::string::npos);
     EXPECT_EQ(m_sink.m_received, "");
+}
+
+TEST_F(TlsPeers, AFileThatIsShorterThanItsRangeEndsTheConnection) {
+    ConnectClient();
+    Handshake(MakeServerSetup(c_version));
+    CNxSocketBase file;
+    file.SetHandle(open(Certificates().Key("server").c_str(), O_RDONLY | O_CLOEXEC));
+    m_loop.Run([&] { EXPECT_EQ(m_connection->SendFile(std::move(file), 1, 20000), NX_OK); });
+    WaitUntilClosed(m_sink, ENxClosed::FAILED);
+    EXPECT_EQ(m_sink.m_reason.error, ENODATA);
 }
 
 // OpenSSL takes nothing to be sent while a message of its own has come in part.
