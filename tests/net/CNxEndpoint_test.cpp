@@ -25,8 +25,7 @@ TEST(CNxEndpoint, TextGoesThereAndBack) {
         std::string text, host;
         int family;
         unsigned short port;
-    } rows[] = {{"10.0.0.1:80", "10.0.0.1", AF_INET, 80},
-                {"[fe80::1%1]:65535", "fe80::1%1", AF_INET6, 65535},
+    } rows[] = {{"[fe80::1%1]:65535", "fe80::1%1", AF_INET6, 65535},
                 {"[::]:0", "::", AF_INET6, 0},
                 {"*:80", "*", AF_INET6, 80},
                 {"unix:/run/a:b", "/run/a:b", AF_UNIX, 0},
@@ -76,9 +75,8 @@ TEST(CNxEndpoint, TakesWhatTheSystemGivesAndNothingElse) {
     EXPECT_EQ(endpoint.GetSize(), sizeof(sockaddr_un));
 
     EXPECT_EQ(SetUnix(endpoint, longest, 2), NX_ERROR_INVALID_ARG);
-    const CNxEndpoint v6 = Parse("[::1]:80");
-    for (const socklen_t size : {27, 0}) {
-        EXPECT_EQ(endpoint.SetAddress(v6.GetAddress(), size), NX_ERROR_INVALID_ARG);
+    for (const socklen_t size : {27U, 0U}) {
+        EXPECT_EQ(endpoint.SetAddress(Parse("[::1]:80").GetAddress(), size), NX_ERROR_INVALID_ARG);
     }
     EXPECT_EQ(endpoint.SetAddress(CNxEndpoint().GetAddress(), 16), NX_ERROR_INVALID_ARG);
     EXPECT_EQ(endpoint.GetUnixName(), longest);

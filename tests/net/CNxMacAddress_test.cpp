@@ -1,3 +1,4 @@
+// Every format is in tests/fuzz/mac_address_fuzz.cpp.
 #include <gtest/gtest.h>
 #include <nx/net/CNxMacAddress.h>
 
@@ -7,20 +8,6 @@
 #include <string>
 
 namespace {
-
-TEST(CNxMacAddress, EveryFormatIsReadAndWritten) {
-    const CNxMacAddress address(CNxMacAddress::Bytes{0x01, 0x23, 0x45, 0x67, 0x89, 0xAB});
-    const char* const texts[] = {"01:23:45:67:89:ab", "01-23-45-67-89-ab", "0123.4567.89ab",
-                                 "0123456789ab"};
-    for (int format = CNxMacAddress::COLON; format <= CNxMacAddress::BARE; ++format) {
-        EXPECT_EQ(texts[format],
-                  address.ToString(static_cast<CNxMacAddress::EFormat>(format)).GetRawData());
-        CNxMacAddress read;
-        EXPECT_EQ(NX_OK, read.Set(texts[format]));
-        EXPECT_EQ(address, read);
-    }
-    EXPECT_EQ(0x0123456789ABu, address.GetNumber());
-}
 
 // The kernel's other account of them.
 TEST(CNxMacAddress, InterfacesAreThoseOfTheKernel) {
@@ -36,11 +23,10 @@ TEST(CNxMacAddress, InterfacesAreThoseOfTheKernel) {
     }
     std::vector<CNxInterfaceMac> interfaces;
     ASSERT_EQ(NX_OK, CNxMacAddress::GetInterfaces(interfaces));
-    std::map<std::string, std::string> found;
+    EXPECT_EQ(expected.size(), interfaces.size());
     for (const CNxInterfaceMac& one : interfaces) {
-        found[one.m_name.GetRawData()] = one.m_address.ToString().GetRawData();
+        EXPECT_EQ(expected[one.m_name.GetRawData()], one.m_address.ToString().GetRawData());
     }
-    EXPECT_EQ(expected, found);
 }
 
 }  // namespace

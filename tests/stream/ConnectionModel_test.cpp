@@ -1,23 +1,25 @@
 // Two connections of a pair each against a model of what the other must see: sends on the loop's
 // thread and on another, reads, pauses, half closes, closes, resets, time-outs and destruction, in
-// any order. NX_MODEL_SECONDS, NX_MODEL_PAIRS and NX_MODEL_SEED make it long, wide, or again what
-// it was.
-#include <nx/stream/CListeningSocket.h>
+// any order. An acceptor that is paused and destroyed in its calls makes one of them.
+// NX_MODEL_SECONDS, NX_MODEL_PAIRS and NX_MODEL_SEED make it long, wide, or again what it was.
+#include <fcntl.h>
+#include <nx/stream/CNxAcceptor.h>
 #include <nx/stream/CNxConnection.h>
 #include <sys/mman.h>
 #include <tests/reactor/ReactorSupport.h>
 #include <tests/support/Endpoints.h>
-#include <tests/support/TestCertificates.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdlib>
-#include <mutex>
+#include <iterator>
+#include <map>
 #include <random>
 
 #include "StreamSupport.h"
+#include "TlsSupport.h"
 
 namespace {
 
@@ -91,7 +93,7 @@ public:
     void OnLowWater(CNxConnection& /*connection*/) override {
         CheckCalled();
         EXPECT_TRUE(std::exchange(m_isHigh, false));
-        SendSome(0);
+        SendSome(0, m_random);
     }
     void OnEnd(CNxConnection& connection) override {
         CheckCalled();
@@ -116,12 +118,12 @@ public:
 
     // On the loop's thread.
     void Act() {
-        const size_t what = IsOver() ? 0 : m_random.Below(m_pair.m_isHard ? 62 : 58);
+        const size_t what = IsOver() ? 0 : m_random.Below(m_pair.m_isHard ? 61 : 58);
         if (what == 0) {
             return;
         }
         if (what < 40) {
-            SendSome(0);
+            SendSome(0, m_random);
         } else if (what < 52) {
             m_isPaused = what % 3 == 0;
             m_isPaused ? m_connection->PauseReading() : m_connection->ResumeReading();
@@ -133,7 +135,7 @@ public:
             m_isAbandoned = true;
             m_connection->Abandon();
         } else {
-            EndAtOnce(what == 60);
+            m_connection->CloseNow();
         }
     }
 
@@ -142,18 +144,9 @@ public:
         m_connection->CloseWhenSent();
     }
 
-    void EndAtOnce(bool resets) {
-        const linger none{1, 0};
-        if (resets && m_connection->GetState() != EState::CLOSED) {
-            setsockopt(m_socket, SOL_SOCKET, SO_LINGER, &none, sizeof(none));
-        }
-        m_connection->CloseNow();
-    }
-
     // Lane 0 on the loop's thread, 1 on another.
-    void SendSome(size_t lane) {
+    void SendSome(size_t lane, Random& random) {
         constexpr size_t c_sizes[] = {1, 10, 500, 5000, 40000};
-        Random& random = lane == 0 ? m_random : m_otherRandom;
         const size_t size = 1 + random.Below(c_sizes[random.Below(5)]);
         if (m_connection->GetUnsent() > 1000000) {
             return;
@@ -197,8 +190,6 @@ public:
 
     CNxAutoPtr<CNxConnection> m_connection;
     Side* m_from = nullptr;
-    int m_socket = -1;
-    Random m_otherRandom{1};
     std::atomic<bool> m_hasClosed{false};  // before the other had
 
 private:
@@ -256,34 +247,6 @@ private:
     CNxCloseReason m_reason;
 };
 
-void ConnectSockets(bool isTcp, int (&ends)[2]) {
-    if (!isTcp) {
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-        return;
-    }
-    CListeningSocket listening;
-    ASSERT_EQ(listening.Open(Parse("127.0.0.1:0"), {}), NX_OK);
-    const CNxEndpoint& where = listening.GetEndpoint();
-    ends[0] = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(connect(ends[0], where.GetAddress(), where.GetSize()), 0);
-    ends[1] = accept4(listening.GetHandle(), nullptr, nullptr, SOCK_CLOEXEC);
-}
-
-// Null where there is no TLS.
-CNxAutoPtr<CNxTlsContext> MakeTls(bool isServer) {
-    static const CTestCertificates s_certificates;
-    CNxAutoPtr<CNxTlsContext> context;
-    CNxTlsOptions options;
-    std::string error;
-    options.verifyPeer = false;
-    options.certificateFile = s_certificates.Certificate("server");
-    options.keyFile = s_certificates.Key("server");
-    const NxResult made = isServer ? CNxTlsContext::CreateServer(context, options, error)
-                                   : CNxTlsContext::CreateClient(context, options, error);
-    EXPECT_TRUE(made == NX_OK || made == NX_ERROR_NOT_IMPLEMENTED) << error;
-    return context;
-}
-
 class Pair {
 public:
     explicit Pair(Random& random) : m_sides{{{m_state, random}, {m_state, random}}} {
@@ -291,23 +254,21 @@ public:
         m_state.m_framing = framings[random.Below(3)];
         m_state.m_loneLane = random.Below(2);
         m_state.m_isHard = random.OneIn(3);
-        for (size_t i : {0U, 1U}) {
-            m_sides[i].m_from = &m_sides[1 - i];
-            m_sides[i].m_otherRandom = Random(static_cast<unsigned>(random.Below(1000)));
-        }
+        m_sides[0].m_from = &m_sides[1];
+        m_sides[1].m_from = &m_sides[0];
     }
 
-    void Connect(INxReactor& reactor, Random& random) {
-        int ends[2];
-        ConnectSockets(random.OneIn(2), ends);
+    void Connect(INxReactor& reactor, Random& random, CNxConnectedSocket accepted) {
         CNxConnectionOptions options = MakeOptions(random);
-        static const CNxAutoPtr<CNxTlsContext> s_contexts[] = {MakeTls(false), MakeTls(true)};
+        static const CNxAutoPtr<CNxTlsContext> s_contexts[] = {
+            MakeTls(false, MakeTlsOptions("", "")), MakeTls(true, MakeTlsOptions("server"))};
         const bool hasTls = random.OneIn(2);
+        const linger reset{m_state.m_isHard && random.OneIn(2) ? 1 : 0, 0};
+        CNxConnectedSocket ends[] = {{std::move(m_client), {}}, std::move(accepted)};
         for (size_t i : {0U, 1U}) {
-            CNxConnectedSocket socket;
-            socket.socket.SetHandle(m_sides[i].m_socket = ends[i]);
+            setsockopt(ends[i].socket.GetHandle(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
             options.tls = hasTls ? s_contexts[i] : nullptr;
-            Must(CNxConnection::Create(m_sides[i].m_connection, reactor, std::move(socket),
+            Must(CNxConnection::Create(m_sides[i].m_connection, reactor, std::move(ends[i]),
                                        m_sides[i],
                                        std::make_shared<const CNxConnectionOptions>(options)));
         }
@@ -320,6 +281,7 @@ public:
         m_sides[1].Check();
     }
 
+    CNxSocketBase m_client;  // while it waits to be accepted
     PairState m_state;
     std::array<Side, 2> m_sides;
 
@@ -346,9 +308,43 @@ class ConnectionModel : public ::testing::Test {
 protected:
     using Pairs = std::vector<std::unique_ptr<Pair>>;
 
-    // On the loop's thread.
+    void OnAccepted(CNxConnectedSocket socket, const CNxEndpoint& peer) {
+        const auto found = m_waiting.find(peer.GetText());
+        ASSERT_NE(found, m_waiting.end());
+        const int fd = socket.socket.GetHandle();
+        EXPECT_TRUE(fcntl(fd, F_GETFD) == FD_CLOEXEC && (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0);
+        found->second->Connect(m_loop.GetReactor(), m_random, std::move(socket));
+        m_accepted.push_back(std::move(found->second));
+        m_waiting.erase(found);
+        if (m_random.OneIn(20)) {
+            m_acceptor->Pause();
+            m_isPaused = true;
+        } else if (m_random.OneIn(20)) {
+            m_waiting.clear();
+            m_acceptor.reset();
+        }
+    }
+
+    void StartOne() {
+        if (m_acceptor == nullptr) {
+            m_acceptor = std::make_unique<CNxAcceptor>(
+                m_loop.GetReactor(), [this](CNxConnectedSocket socket, const CNxEndpoint& peer) {
+                    EXPECT_FALSE(m_isPaused);
+                    OnAccepted(std::move(socket), peer);
+                });
+            Must(m_acceptor->Open(Parse("127.0.0.1:0"), {}));
+        }
+        auto pair = std::make_unique<Pair>(m_random);
+        pair->m_client = Connect(m_acceptor->GetEndpoint());
+        CNxEndpoint from;
+        Must(from.SetLocalOf(pair->m_client.GetHandle()));
+        m_waiting[from.GetText()] = std::move(pair);
+    }
+
+    // On the loop's thread, while this one waits.
     void Step(size_t count) {
-        const std::lock_guard<std::mutex> guard(m_mutex);
+        std::move(m_accepted.begin(), m_accepted.end(), std::back_inserter(m_pairs));
+        m_accepted.clear();
         for (size_t left = m_pairs.size() / 4 + 1; left > 0 && !m_pairs.empty(); --left) {
             m_pairs[m_random.Below(m_pairs.size())]->m_sides[m_random.Below(2)].Act();
         }
@@ -356,19 +352,19 @@ protected:
             if (m_pairs[i]->IsOver()) {
                 m_pairs[i]->Check();
                 m_pairs.erase(m_pairs.begin() + static_cast<std::ptrdiff_t>(i));
-                ++m_done;
             }
         }
-        while (m_pairs.size() < count) {
-            m_pairs.push_back(std::make_unique<Pair>(m_random));
-            m_pairs.back()->Connect(m_loop.GetReactor(), m_random);
+        while (m_pairs.size() + m_waiting.size() + m_accepted.size() < count) {
+            StartOne();
+        }
+        if (std::exchange(m_isPaused, false) && m_acceptor != nullptr) {
+            m_acceptor->Resume();
         }
     }
 
     // On this one.
     void ActOutside(Random& random) {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        for (size_t left = 20; left > 0; --left) {
+        for (size_t left = m_pairs.empty() ? 0 : 20; left > 0; --left) {
             Pair& pair = *m_pairs[random.Below(m_pairs.size())];
             Side& side = pair.m_sides[random.Below(2)];
             if (random.OneIn(200)) {
@@ -377,13 +373,16 @@ protected:
             } else if (pair.m_state.m_isHard && random.OneIn(100)) {
                 side.m_connection->CloseNow();
             } else {
-                side.SendSome(1);
+                side.SendSome(1, random);
             }
         }
     }
 
     void FinishAll() {
         m_loop.Run([this] {
+            m_acceptor.reset();
+            m_waiting.clear();
+            Step(0);
             for (const auto& pair : m_pairs) {
                 pair->m_sides[0].Finish();
                 pair->m_sides[1].Finish();
@@ -401,9 +400,11 @@ protected:
 
     const unsigned m_seed = static_cast<unsigned>(GetSetting("NX_MODEL_SEED", 1));
     Random m_random{m_seed};
-    std::mutex m_mutex;  // of the list; the loop's thread changes it
+    std::unique_ptr<CNxAcceptor> m_acceptor;
+    bool m_isPaused = false;
+    std::map<std::string, std::unique_ptr<Pair>> m_waiting;  // by the client's endpoint
+    Pairs m_accepted;
     Pairs m_pairs;
-    int m_done = 0;
     LoopThread<Reactor> m_loop;
 };
 TYPED_TEST_SUITE(ConnectionModel, AllReactors, ReactorNames);
@@ -420,7 +421,6 @@ TYPED_TEST(ConnectionModel, EachSideSeesWhatTheOtherDid) {
         this->m_loop.Run([&] { this->Step(count); });
     }
     this->FinishAll();
-    std::printf("%d pairs, seed %u\n", this->m_done, this->m_seed);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // What the tests of connections have in common.
 #pragma once
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <nx/event/NxCall.h>
 #include <nx/stream/CNxConnection.h>
@@ -78,18 +77,7 @@ struct Sink : INxConnectionSink {
     }
     void OnTooLong(CNxConnection& connection) override { Call(m_onTooLong, connection); }
     void OnHighWater(CNxConnection& connection) override { Call(m_onHighWater, connection); }
-    void OnLowWater(CNxConnection& connection) override { Call(m_onLowWater, connection); }
-    void OnEnd(CNxConnection& connection) override {
-        if (m_onEnd) {
-            Call(m_onEnd, connection);
-        } else {
-            INxConnectionSink::OnEnd(connection);
-        }
-    }
-    void OnStop(CNxConnection& connection) override {
-        ++m_stops;
-        INxConnectionSink::OnStop(connection);
-    }
+    void OnEnd(CNxConnection& connection) override { Call(m_onEnd, connection); }
     void OnClosed(CNxConnection& connection, const CNxCloseReason& reason) override {
         EXPECT_FALSE(m_isClosed);
         EXPECT_EQ(connection.GetState(), CNxConnection::EState::CLOSED);
@@ -111,23 +99,15 @@ struct Sink : INxConnectionSink {
     Callback m_onOpen;
     Callback m_onTooLong;
     Callback m_onHighWater;
-    Callback m_onLowWater;
-    Callback m_onEnd;
+    Callback m_onEnd = [this](CNxConnection& connection) { INxConnectionSink::OnEnd(connection); };
     Callback m_onClosed;
     std::function<void(CNxConnection&, CNxMessageChain&)> m_onReceive;
 
     std::string m_received;
     int m_calls = 0;
-    int m_stops = 0;
     bool m_isClosed = false;
     CNxCloseReason m_reason;
 };
-
-inline CNxSocketBase OpenFile(const std::string& path) {
-    CNxSocketBase file;
-    file.SetHandle(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    return file;
-}
 
 // A connection on a loop with the sink, the peer being a blocking socket.
 template <class Reactor>

@@ -1,40 +1,26 @@
 // Two sides of TLS that talk in memory.
 #pragma once
 
-#include <nx/stream/CNxTlsContext.h>
 #include <nx/stream/CTlsFilter.h>
 
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <utility>
 
-#include "../support/TestCertificates.h"
-
-inline const CTestCertificates& Certificates() {
-    static const CTestCertificates s_certificates;
-    return s_certificates;
-}
-
-// Of a side that has the certificate of that name, "" for none, and trusts that authority.
-inline CNxTlsOptions MakeTlsOptions(const std::string& name, const std::string& trusted = "ca") {
-    CNxTlsOptions options;
-    options.certificateFile = name.empty() ? "" : Certificates().Certificate(name);
-    options.keyFile = name.empty() ? "" : Certificates().Key(name);
-    options.caFile = Certificates().Certificate(trusted);
-    return options;
-}
+#include "TlsSupport.h"
 
 // Speaks at most that version, as no option says.
 inline std::shared_ptr<CTlsSetup> MakeTlsSetup(bool isServer, int version,
                                                const CNxTlsOptions& options) {
     auto setup = std::make_shared<CTlsSetup>();
     std::string error;
-    if (setup->Init(isServer, options, error) != NX_OK) {
-        std::abort();
-    }
+    Must(setup->Init(isServer, options, error));
     SSL_CTX_set_max_proto_version(setup->GetContext(), version);
     return setup;
+}
+
+inline std::shared_ptr<CTlsSetup> MakeServerSetup(int version) {
+    return MakeTlsSetup(true, version, MakeTlsOptions("server"));
 }
 
 struct TlsSide {

@@ -34,38 +34,18 @@ public:
         }
     }
     void OnStop(CNxConnection& connection) override {
+        m_hasHeard = true;
         connection.Send("stop");
         if (!m_isBusy) {
             connection.CloseWhenSent();
         }
     }
+    bool HasHeard() const { return m_hasHeard; }
 
 private:
     CNxServer& m_server;
+    bool m_hasHeard = false;
     bool m_isBusy = false;
-};
-
-// Of the main thread's loop, which is told of the stop like the others: its peer hears of it.
-class OwnConnection {
-public:
-    explicit OwnConnection(CNxServer& server) {
-        CNxConnectionOptions options;
-        options.lingerTimeout = CNxTimeValue::s_tvZero();
-        CNxConnectedSocket socket;
-        socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_ends);
-        socket.socket.SetHandle(m_ends[0]);
-        CNxAutoPtr<CNxConnection> connection;
-        static_cast<void>(CNxConnection::Create(connection, *server.GetReactor(), std::move(socket),
-                                                std::make_unique<Sink>(server),
-                                                std::make_shared<CNxConnectionOptions>(options)));
-    }
-    bool HasHeard() const {
-        char bytes[5] = {};
-        return recv(m_ends[1], bytes, 4, MSG_WAITALL) == 4 && bytes == std::string("stop");
-    }
-
-private:
-    int m_ends[2] = {-1, -1};
 };
 
 class ReactorWhoseWaitingFails : public CNxReactorEpoll {
@@ -107,7 +87,18 @@ int main(int argc, char** argv) {
             2, new ReactorWhoseWaitingFails, thread));
     }
     server.SetOnReload(ForkAndComeBack);
-    const OwnConnection own(server);
+    int ends[2] = {-1, -1};
+    socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends);
+    // On the main thread's loop, and told of the stop like the others.
+    Sink own(server);
+    CNxConnectionOptions ownOptions;
+    ownOptions.lingerTimeout = CNxTimeValue::s_tvZero();
+    CNxConnectedSocket socket;
+    socket.socket.SetHandle(ends[0]);
+    CNxAutoPtr<CNxConnection> connection;
+    static_cast<void>(CNxConnection::Create(connection, *server.GetReactor(), std::move(socket),
+                                            own,
+                                            std::make_shared<CNxConnectionOptions>(ownOptions)));
     const int status = server.Run();
-    return status == 0 && mode != "limit" && !own.HasHeard() ? 3 : status;
+    return status == 0 && !own.HasHeard() ? 3 : status;
 }
