@@ -38,40 +38,34 @@ class Ticker : public INxTimerHandler {
     void OnTimeout(const CNxTimeValue& /*now*/, void* /*token*/) override {}
 };
 
-// What the network thread is asked to do: within a callback nothing may be thrown.
-void Ask(INxReactor& reactor, bool waits, void (*function)(INxReactor&)) {
-    const auto work = [&reactor, function] {
-        try {
-            function(reactor);
-        } catch (const std::bad_alloc&) {
-            ++s_refused;
-        }
-    };
-    Count(waits ? NxSendCall(reactor, work) : NxPostCall(reactor, work));
-}
-
-Ticker s_tickers[c_timers];
-
-void Open(INxReactor& reactor) {
-    for (Ticker& ticker : s_tickers) {
-        Count(reactor.ScheduleTimer(&ticker, nullptr, CNxTimeValue(0, 1000), 3));
-    }
-    CNxT120Trace::instance()->trace_string(21, "open", false);
-}
-
-void Close(INxReactor& reactor) {
-    for (Ticker& ticker : s_tickers) {
-        reactor.CancelTimer(&ticker);
-    }
-}
-
 class EchoSink : public INxConnectionSink {
     void OnReceive(CNxConnection& connection, CNxMessageChain& received) override {
         Count(connection.Send(std::move(received)));
     }
 };
 
-// From the loops' start over accepted connections to their end.
+// On a loop: within a callback nothing may be thrown.
+void UseLoop(INxReactor& reactor) {
+    static Ticker s_tickers[c_timers];
+    try {
+        for (Ticker& ticker : s_tickers) {
+            Count(reactor.ScheduleTimer(&ticker, nullptr, CNxTimeValue(0, 1000), 3));
+        }
+        CNxT120Trace::instance()->trace_string(21, "open", false);
+    } catch (const std::bad_alloc&) {
+        ++s_refused;
+    }
+}
+
+void UseConnections(unsigned short port) {
+    std::vector<Connection> clients;
+    bool isServed = port != 0;
+    while (isServed && clients.size() < c_connections) {
+        clients.emplace_back(port, std::chrono::milliseconds(200));
+        isServed = clients.back().TrySend("x") && clients.back().Receive(1) == "x";
+    }
+}
+
 void UseGroup() {
     EchoSink sink;
     CNxReactorGroup group;
@@ -81,13 +75,11 @@ void UseGroup() {
     Count(endpoint.Set("127.0.0.1:0"));
     Count(group.Start(options));
     Count(group.Listen(endpoint, sink, {}));
-    std::vector<Connection> clients;
-    bool isServed = group.GetEndpoint().GetPort() != 0;
-    while (isServed && clients.size() < c_connections) {
-        clients.emplace_back(group.GetEndpoint().GetPort(), std::chrono::milliseconds(200));
-        isServed = clients.back().TrySend("x") && clients.back().Receive(1) == "x";
+    Count(group.RunOnEach([&group](size_t loop) { UseLoop(*group.GetReactor(loop)); }));
+    for (int i = 0; i < c_posts; ++i) {
+        Count(group.PostToEach([](size_t /*loop*/) {}));
     }
-    clients.clear();
+    UseConnections(group.GetEndpoint().GetPort());
     static_cast<void>(group.Stop({0, 100000}));
 }
 
@@ -95,25 +87,11 @@ void Live() {
     char name[] = "allocation_sweep";
     char* arguments[] = {name, nullptr};
     CNxThreadManager* const threads = CNxThreadManager::Instance();
-    CNxThread* network = nullptr;
     Count(threads->InitMainThread(1, arguments));
-    if (s_refused != 0 ||
-        threads->CreateNetworkThread(NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(),
-                                     network) != NX_OK) {
-        ++s_refused;
-        return;
-    }
-    INxReactor& reactor = *network->GetReactor();
-    Ask(reactor, true, Open);
-    for (int i = 0; i < c_posts; ++i) {
-        Ask(reactor, false, [](INxReactor&) {});
-    }
-    try {
-        UseGroup();
-    } catch (const std::bad_alloc&) {
-        ++s_refused;
-    }
-    Ask(reactor, true, Close);
+    CNxThread* network = nullptr;
+    Count(threads->CreateNetworkThread(NX_THREAD_NETWORK, CNxThreadManager::CreateNetworkReactor(),
+                                       network));
+    UseGroup();
     Count(threads->StopAllThreads(nullptr));
     Count(threads->JoinAllThreads());
 }

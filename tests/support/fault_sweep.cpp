@@ -7,16 +7,19 @@
 // live and serve (or, at the start, end with a status that says why), and stop in time. echo_server
 // may then have no more descriptors than before, and while calls fail and nobody connects it
 // sleeps.
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <openssl/ssl.h>
 #include <sys/wait.h>
 #include <tests/support/Connection.h>
-#include <tests/support/FaultFile.h>
+#include <tests/support/FaultPlan.h>
 #include <tests/support/TempFolder.h>
 #include <tests/support/TestCertificates.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstring>
 #include <ctime>
@@ -55,26 +58,15 @@ bool WaitUntil(milliseconds limit, Condition condition) {
     return true;
 }
 
-struct Program {
-    std::string file;
-    bool isEcho = false;
-    bool hasTls = false;
-    std::string path;  // of a unix socket
-    std::string argument;
-    std::string certificate;
-    std::string key;
-};
-
-// With TLS over the connection when the program has it.
+// With TLS over the connection when the server has it.
 class Client {
 public:
-    Client(const Program& program, unsigned short port, milliseconds limit)
-        : m_connection(program.path.empty() ? Connection(port, limit)
-                                            : Connection(program.path, limit)),
+    Client(const CNxEndpoint& server, bool hasTls, milliseconds limit)
+        : m_connection(server, limit),
           m_bytes(BIO_new_socket(m_connection.GetHandle(), BIO_NOCLOSE)) {
         static SSL_CTX* const s_context = SSL_CTX_new(TLS_client_method());
         SSL_CTX_set_quiet_shutdown(s_context, 1);
-        if (program.hasTls) {
+        if (hasTls) {
             m_bytes.reset(BIO_push(BIO_new_ssl(s_context, 1), m_bytes.release()));
         }
     }
@@ -103,16 +95,24 @@ private:
     std::unique_ptr<BIO, CFree> m_bytes;
 };
 
+struct Program {
+    std::string file;
+    std::string argument;
+    bool isEcho;
+    bool hasTls;
+    std::string certificate;
+    std::string key;
+};
+
 // The server in a home of its own, in which kv_server traces.
 class Server {
 public:
-    Server(const Program& program, const CTempFolder& home) : m_program(program) {
-        const std::string output = home.Put("output", "");
-        m_pid = fork();
+    Server(const Program& program, const CTempFolder& home)
+        : m_program(program), m_output(home.Put("output", "")), m_pid(fork()) {
         if (m_pid == 0) {
-            Execute(output);
+            Execute();
         }
-        WaitUntil(c_recoverLimit, [&] { return HasEnded() || ReadPort(home); });
+        WaitUntil(c_recoverLimit, [&] { return HasEnded() || ReadEndpoint(home); });
     }
     ~Server() {
         if (m_pid > 0) {
@@ -133,7 +133,7 @@ public:
         return HasEnded() && WIFEXITED(m_status) && WEXITSTATUS(m_status) == status;
     }
 
-    Client Connect(int limit) const { return {m_program, m_port, milliseconds(limit)}; }
+    Client Connect(int limit) const { return {m_endpoint, m_program.hasTls, milliseconds(limit)}; }
 
     bool Serves() {
         const auto answers = [this] {
@@ -161,58 +161,59 @@ public:
 
     // Whether it ended well and in time.
     bool Stop() {
-        kill(m_pid, SIGTERM);
+        if (!HasEnded()) {
+            kill(m_pid, SIGTERM);
+        }
         return WaitUntil(c_stopLimit, [&] { return HasEnded(); }) && HasEndedWith(0);
     }
 
 private:
-    [[noreturn]] void Execute(const std::string& output) const {
-        const int out = open(output.c_str(), O_WRONLY | O_CLOEXEC);
+    [[noreturn]] void Execute() const {
+        const int out = open(m_output.c_str(), O_WRONLY | O_CLOEXEC);
         dup2(out, STDOUT_FILENO);
         dup2(out, STDERR_FILENO);
         const char* const file = m_program.file.c_str();
         const char* const certificate = m_program.hasTls ? m_program.certificate.c_str() : nullptr;
-        execl(file, file, m_program.argument.c_str(), certificate, m_program.key.c_str(), nullptr);
+        execl(file, file, m_program.isEcho ? m_program.argument.c_str() : "--port=0", certificate,
+              m_program.key.c_str(), nullptr);
         _exit(127);
     }
 
-    bool ReadPort(const CTempFolder& home) {
+    bool ReadEndpoint(const CTempFolder& home) {
         const std::string text = home.Get("output");
-        const size_t at = text.find("listening on ");
-        if (at == std::string::npos || text.find('\n', at) == std::string::npos) {
-            return false;
-        }
-        m_port = static_cast<unsigned short>(std::atoi(text.c_str() + text.find(':', at) + 1));
-        return true;
+        const size_t at = text.find(c_saying);
+        const size_t end = text.find('\n', at);
+        return end != std::string::npos &&
+               m_endpoint.Set(text.substr(at, end - at).c_str() + c_saying.size()) == NX_OK;
     }
 
+    static constexpr std::string_view c_saying = "listening on ";
+
     const Program& m_program;
-    pid_t m_pid = 0;
+    const std::string m_output;
+    pid_t m_pid;
     int m_status = 0;
-    unsigned short m_port = 0;
+    CNxEndpoint m_endpoint;
 };
 
 class Sweep {
 public:
     Sweep(const std::filesystem::path& program, const char* shim, const std::string& mode,
           bool isLong)
-        : m_isLong(isLong), m_faults(m_home.Path("plan"), shim) {
+        : m_isLong(isLong),
+          m_program{m_home.Path("bin" / program.filename()),
+                    mode == "unix" ? "unix:" + m_home.Path("socket") : "127.0.0.1:0",
+                    program.filename() == "echo_server",
+                    mode == "tls",
+                    m_certificates.Certificate("server"),
+                    m_certificates.Key("server")},
+          m_plan(OpenPlan(shim)) {
         std::filesystem::create_directories(m_home.Path("bin"));
         std::filesystem::create_directories(m_home.Path("conf"));
-        m_program.file = m_home.Path("bin" / program.filename());
         std::filesystem::copy_file(program, m_program.file);
         m_home.Put("conf/kv_server.cfg",
                    "[Trace]\nEnable=TRUE\nkv_server.Info=TRUE\nkv_server.Warning=TRUE\n"
                    "kv_server.Error=TRUE\nkv_server=4096\n");
-        m_program.isEcho = program.filename() == "echo_server";
-        m_program.argument = m_program.isEcho ? "127.0.0.1:0" : "--port=0";
-        m_program.hasTls = mode == "tls";
-        m_program.certificate = m_certificates.Certificate("server");
-        m_program.key = m_certificates.Key("server");
-        if (mode == "unix") {
-            m_program.path = m_home.Path("socket");
-            m_program.argument = "unix:" + m_program.path;
-        }
     }
 
     // Returns how many went wrong.
@@ -224,6 +225,17 @@ public:
     }
 
 private:
+    // All programs started from here on are under the plan; this one calls the shim for it only.
+    FaultPlan* OpenPlan(const char* shim) const {
+        const std::string nothing(sizeof(FaultPlan), '\0');
+        setenv("NX_FAULT_PLAN", m_home.Put("plan", nothing).c_str(), 1);
+        setenv("LD_PRELOAD", shim, 1);
+        void* const library = dlopen(shim, RTLD_NOW | RTLD_LOCAL);
+        return reinterpret_cast<decltype(&nx_fault_plan)>(dlsym(library, "nx_fault_plan"))();
+    }
+
+    FaultPlan::Call& GetCall() const { return m_plan->calls[m_fault->call]; }
+
     // The step makes the runs for one call and error, each with the next number, until it says that
     // there is no more to do.
     template <class Step>
@@ -243,7 +255,8 @@ private:
                     ++runs;
                     ++m_number;
                     goesOn = step();
-                    m_injected += m_faults.GetFailed(fault.call);
+                    GetCall().count = 0;
+                    m_injected += GetCall().failed;
                 }
             }
         }
@@ -258,13 +271,13 @@ private:
             std::printf("WRONG: %s: %s %s, number %ld: %s\n", m_part, m_fault->name,
                         strerrorname_np(m_error), m_number, what);
             std::fflush(stdout);
-            m_server.reset();
+            m_isSpoilt = true;
         }
     }
 
     // Every N-th call from the start to the first PING.
     bool Start() {
-        m_faults.Fail(m_fault->call, m_error, m_number, 1);
+        GetCall().Fail(m_error, m_number, 1);
         Server server(m_program, m_home);
         // Where a part of it could not start it ends by itself, maybe while it serves.
         Check((server.Serves() && server.Stop()) || server.HasEndedWith(1),
@@ -273,12 +286,13 @@ private:
     }
 
     bool GoesOn(int limit) const {
-        return m_faults.GetFailed(m_fault->call) != 0 && m_number + 1 < (m_isLong ? limit : 6);
+        return GetCall().failed != 0 && m_number + 1 < (m_isLong ? limit : 6);
     }
 
     Server& GetServer() {
-        if (m_server == nullptr || m_server->HasEnded()) {
-            m_faults.Clear();
+        if (m_server == nullptr || m_isSpoilt || m_server->HasEnded()) {
+            m_isSpoilt = false;
+            m_server.reset();
             m_server = std::make_unique<Server>(m_program, m_home);
             // It says where it listens before its last thread is there.
             static_cast<void>(m_server->Serves());
@@ -291,8 +305,7 @@ private:
     }
 
     // Several clients, requests in pieces, replies larger than a socket's buffer.
-    void Load(int patience) {
-        const Server& server = GetServer();
+    void Load(const Server& server, int patience) const {
         const Client writer = server.Connect(patience);
         const Client reader = server.Connect(patience);
         const Client other = server.Connect(patience);
@@ -305,8 +318,8 @@ private:
 
     bool Once() {
         Server& server = GetServer();
-        m_faults.Fail(m_fault->call, m_error, m_number, 1);
-        Load(20);
+        GetCall().Fail(m_error, m_number, 1);
+        Load(server, 20);
         Check(server.Serves(), "does not serve");
         CheckDescriptors();
         return GoesOn(20);
@@ -315,27 +328,24 @@ private:
     bool ForATime() {
         const auto end = Clock::now() + milliseconds(m_isLong ? 3000 : 30);
         Server& server = GetServer();
-        m_faults.FailAll(m_fault->call, m_error);
+        GetCall().Fail(m_error, 0, LONG_MAX);
         do {
-            Load(10);
+            Load(server, 10);
         } while (Clock::now() < end && !server.HasEnded());
         CheckRest();
-        m_faults.Clear();
-        if (m_server != nullptr) {
-            Check(server.Serves(), "does not serve afterwards");
-            CheckDescriptors();
-        }
-        if (m_isLong && m_server != nullptr) {
-            m_injected += m_faults.GetFailed(m_fault->call);
-            m_faults.FailAll(m_fault->call, m_error);
-            Check(m_server->Stop(), "does not stop while the calls fail");
-            m_faults.Clear();
+        GetCall().count = 0;
+        Check(server.Serves(), "does not serve afterwards");
+        CheckDescriptors();
+        if (m_isLong) {
+            m_injected += GetCall().failed;
+            GetCall().Fail(m_error, 0, LONG_MAX);
+            Check(server.Stop(), "does not stop while the calls fail");
         }
         return false;
     }
 
     void CheckDescriptors() {
-        if (m_program.isEcho && m_server != nullptr) {
+        if (m_program.isEcho) {
             const auto isBack = [this] { return m_server->CountDescriptors() <= m_descriptors; };
             Check(WaitUntil(c_recoverLimit, isBack), "keeps descriptors");
         }
@@ -357,8 +367,8 @@ private:
         "*3\r\n$3\r\nSET\r\n$3\r\nbig\r\n$1048576\r\n" + std::string(1 << 20, 'v') + "\r\n";
     const CTempFolder m_home;
     const CTestCertificates m_certificates;
-    Program m_program;
-    const FaultFile m_faults;
+    const Program m_program;
+    FaultPlan* const m_plan;
     std::unique_ptr<Server> m_server;
     const char* m_part = "";
     const Fault* m_fault = nullptr;
@@ -367,6 +377,7 @@ private:
     long m_descriptors = 0;
     long m_injected = 0;
     int m_wrong = 0;
+    bool m_isSpoilt = false;
 };
 
 }  // namespace
