@@ -12,7 +12,7 @@ TEST(KvLoad, SpeaksTlsToAServerThatItTrusts) {
     const ServerProcess server(
         KV_SERVER, {"--port=0", "--threads=2", "--tls-port=0", "--tls-cert",
                     certificates.Certificate("server"), "--tls-key", certificates.Key("server")});
-    const std::string endpoint = server.ReadEndpoint(1);
+    const std::string endpoint = server.ReadEndpoint();
     const std::string options =
         "--tls --requests 2000 --port " + endpoint.substr(endpoint.rfind(':') + 1);
     int status = -1;

@@ -1,10 +1,10 @@
 // The program: what it prints for which options, and how it follows files.
 #include <gtest/gtest.h>
 #include <nx/trace/CNxT120TraceFile.h>
-#include <signal.h>
 
 #include <memory>
 
+#include "../support/Process.h"
 #include "../support/TempFolder.h"
 #include "TraceSamples.h"
 #include "trace_name.h"
@@ -18,39 +18,17 @@ std::string Nxtrace(const std::string& arguments, int* status = nullptr) {
     return OutputOf(s_program + " " + arguments + " 2>&1", status);
 }
 
-// nxtrace -f as a process of its own, its lines taken one by one.
-class CFollower {
+// nxtrace -f as a process of its own.
+class CFollower : private Process {
 public:
-    // The shell says its process id, and becomes the program.
-    explicit CFollower(const std::string& arguments)
-        : m_out(
-              popen(("echo $$; exec timeout 60 " + s_program + " -f " + arguments).c_str(), "re")),
-          m_pid(std::atoi(NextLine().c_str())) {}
-    ~CFollower() {
-        kill(m_pid, SIGTERM);
-        pclose(m_out);
-    }
-    CFollower(const CFollower&) = delete;
-    CFollower& operator=(const CFollower&) = delete;
+    explicit CFollower(const std::string& arguments) : Process(s_program + " -f " + arguments) {}
 
     // The text of the next record; "" when none comes.
-    std::string Next() {
-        const std::string line = NextLine();
+    std::string Next() const {
+        const std::string line = ReadLine();
         CTraceRecord record;
         return ParseRecord(line, record) ? std::string(record.m_text) : "";
     }
-
-private:
-    std::string NextLine() {
-        std::string line;
-        for (int c = 0; (c = std::fgetc(m_out)) != EOF && c != '\n';) {
-            line += static_cast<char>(c);
-        }
-        return line;
-    }
-
-    FILE* const m_out;
-    const pid_t m_pid;
 };
 
 class CNxtraceTest : public testing::Test {
