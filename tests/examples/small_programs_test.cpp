@@ -1,4 +1,6 @@
+// Examples that are one file each.
 #include <gtest/gtest.h>
+#include <nx/net/CNxSocket.h>
 #include <tests/support/ServerProcess.h>
 #include <tests/support/TempFolder.h>
 
@@ -6,6 +8,28 @@
 #include <thread>
 
 namespace {
+
+TEST(EchoServer, SendsBackEveryByteInOrderAndStopsInTheMiddle) {
+    ServerProcess server(ECHO_SERVER);
+    const long before = server.CountDescriptors();
+    std::string text;
+    while (text.size() < 3000000) {
+        text += std::to_string(text.size());
+    }
+    {
+        // A small window: the server must stop reading again and again.
+        const TestClient client(server.GetPort(), 4096);
+        std::thread sender([&] { client.Send(text); });
+        EXPECT_EQ(text, client.Receive(text.size()));
+        sender.join();
+    }
+    server.ExpectDescriptors(before);
+    const TestClient waiting(server.GetPort());
+    waiting.Expect("x", "x");
+    server.Signal(SIGINT);
+    EXPECT_EQ(0, server.Wait());
+    EXPECT_EQ("", waiting.Receive(1));
+}
 
 TEST(ChatServer, TellsARoomWhatItsGuestsSayAndDropsWhoDoesNotRead) {
     ServerProcess server(CHAT_SERVER, {"127.0.0.1:0", "3"});
@@ -63,6 +87,28 @@ TEST(LineClient, KeepsItsLinesUntilThereIsAServerAndHearsItsAnswers) {
     client.join();
     EXPECT_EQ("* guest-1 is here\nguest-1: one\nguest-1: two\n", output);
     EXPECT_NE(std::string::npos, folder.Get("errors").find("connected to " + endpoint));
+}
+
+std::string FindFreePort() {
+    CNxSocketUdp socket;
+    CNxInetAddr address;
+    EXPECT_EQ(0, socket.Open(CNxInetAddr("127.0.0.1", 0)) + socket.GetLocalAddr(address));
+    return std::to_string(address.GetPort());
+}
+
+// That the peer loses none of twenty happens once in a million runs.
+TEST(ReliableSender, SendsAgainWhatWasLostUntilEverythingIsAnswered) {
+    const std::string port = FindFreePort();
+    ServerProcess peer(RELIABLE_SENDER, {"--listen", port, "--lose", "50"});
+    int status = -1;
+    const std::string output = OutputOf(
+        RELIABLE_SENDER " --requests 20 --interval 10 --again 20 --timeout 30 --port " + port,
+        &status);
+    EXPECT_EQ(0, status);
+    EXPECT_EQ(0U, output.find("requests   20 of 20 answered")) << output;
+    EXPECT_EQ(std::string::npos, output.find(", 0 of them again")) << output;
+    peer.Signal(SIGTERM);
+    EXPECT_EQ(143, peer.Wait());
 }
 
 }  // namespace
