@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -21,11 +20,6 @@ protected:
         std::filesystem::create_symlink("page.html", m_folder.Path("good-link"));
     }
 
-    std::vector<std::string> Arguments(std::vector<std::string> more = {}) const {
-        more.insert(more.end(), {"--root", m_folder.Path(), "--listen", "127.0.0.1:0"});
-        return more;
-    }
-
     static std::string Get(const std::string& target, const std::string& headers = "") {
         return "GET " + target + " HTTP/1.1\r\nHost: x\r\n" + headers + "\r\n";
     }
@@ -39,11 +33,12 @@ protected:
     }
 
     const CTempFolder m_folder;
+    const std::string m_program = HTTP_SERVER " --listen 127.0.0.1:0 --root " + m_folder.Path();
     const std::string m_large = std::string(300000, '#') + "end";
 };
 
 TEST_F(HttpServer, AnswersEachRequestAsItMust) {
-    const ServerProcess server(HTTP_SERVER, Arguments());
+    const ServerProcess server(m_program);
     const std::string all = "0123456789";
     const struct {
         std::string request;
@@ -104,7 +99,7 @@ TEST_F(HttpServer, AnswersEachRequestAsItMust) {
 
 TEST_F(HttpServer, PipelinedAnswersWaitForTheClientAtABoundedCostAndEndWhole) {
     constexpr size_t c_requests = 3000;
-    ServerProcess server(HTTP_SERVER, Arguments({"--threads", "2"}));
+    ServerProcess server(m_program + " --threads 2");
     const long before = server.CountDescriptors();
     const TestClient client(server.GetPort(), 4096);
     std::string requests;

@@ -4,9 +4,9 @@
 #include <kv_load/Workload.h>
 #include <nx/net/CNxInetAddr.h>
 #include <nx/net/CNxSocket.h>
-#include <sys/socket.h>
 #include <tests/examples/LocalKvServer.h>
-#include <tests/support/Process.h>
+#include <tests/support/ServerProcess.h>
+#include <tests/support/TestCertificates.h>
 
 #include <cstdint>
 #include <string>
@@ -103,5 +103,25 @@ TEST(KvLoad, NamesWhatIsWrongWithTheServer) {
         EXPECT_EQ(1, load.Wait());
     }
 }
+
+#ifdef HAS_TLS
+TEST(KvLoad, SpeaksTlsToAServerThatItTrusts) {
+    const CTestCertificates certificates;
+    const ServerProcess server(KV_SERVER " --port=0 --threads=2 --tls-port=0 --tls-cert " +
+                               certificates.Certificate("server") + " --tls-key " +
+                               certificates.Key("server"));
+    const std::string port = server.ReadEndpoint().substr(std::string("127.0.0.1:").size());
+    const std::string options = "--tls --requests 2000 --port " + port;
+    int status = -1;
+    const std::string said =
+        OutputOf(KV_LOAD " --tls-ca " + certificates.Certificate("ca") + " " + options, &status);
+    EXPECT_EQ(0, status);
+    EXPECT_NE(std::string::npos, said.find("every reply was right")) << said;
+    const std::string refused =
+        OutputOf(KV_LOAD " --connections 1 " + options + " 2>&1 >/dev/null", &status);
+    EXPECT_EQ(1, status);
+    EXPECT_NE(std::string::npos, refused.find("certificate verify failed")) << refused;
+}
+#endif
 
 }  // namespace
