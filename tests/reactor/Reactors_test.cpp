@@ -105,21 +105,6 @@ TYPED_TEST(Reactors, NothingIsLostOrWrittenElsewhereWhileTheReactorClosesAndReop
     EXPECT_TRUE(counts.AllDestroyed());
 }
 
-// An event that posts its own successor, until a handler has had its turn.
-TYPED_TEST(Reactors, FloodOfPostedEventsDoesNotStarveInput) {
-    End end;
-    std::function<NxResult()> repost = [&] {
-        return end.m_inputs > 0
-                   ? this->m_reactor.StopEventLoop()
-                   : this->m_reactor.PostEvent(new CountedEvent(this->m_counts, repost));
-    };
-    this->Watch(end, NX_MASK_READ);
-    repost();
-    end.Send();
-    this->Run();
-    EXPECT_GT(end.m_inputs, 0);
-}
-
 using ReactorSelect = OpenReactor<CNxReactorSelect>;
 
 TEST_F(ReactorSelect, DescriptorThatNoSetHoldsIsRefused) {
