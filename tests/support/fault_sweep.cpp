@@ -31,6 +31,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
+constexpr long c_most = 1000;
 constexpr milliseconds c_stopLimit(6000);
 constexpr milliseconds c_recoverLimit(5000);
 
@@ -207,7 +208,7 @@ private:
                 bool goesOn = error != EAGAIN || (!m_isEcho && fault.call != FaultPlan::CALL_read);
                 while (goesOn) {
                     ++m_runs;
-                    ++m_number;
+                    m_number += m_isLong || m_number < 2 ? 1 : m_number / 2;
                     goesOn = step();
                     GetCall().count = 0;
                     m_injected += GetCall().failed;
@@ -234,12 +235,10 @@ private:
         // Where a part of it could not start it ends by itself, maybe while it serves.
         Check((Serves(server) && server.Stop()) || (server.HasEnded() && server.Wait() == 1),
               "neither serves and stops nor ends with status 1");
-        return GoesOn(1000);
+        return GoesOn();
     }
 
-    bool GoesOn(int limit) const {
-        return GetCall().failed != 0 && m_number + 1 < (m_isLong ? limit : 6);
-    }
+    bool GoesOn() const { return GetCall().failed != 0 && m_number < c_most; }
 
     Server& GetServer() {
         if (m_server == nullptr || m_isSpoilt || m_server->HasEnded()) {
@@ -276,7 +275,7 @@ private:
         Load(server, 20);
         Check(Serves(server), "does not serve");
         CheckDescriptors();
-        return GoesOn(20);
+        return GoesOn();
     }
 
     bool ForATime() {
