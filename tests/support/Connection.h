@@ -1,4 +1,4 @@
-// A blocking connection to a server on this machine that takes failures as they come.
+// A blocking connection to a server on this machine, which may fail.
 #pragma once
 
 #include <nx/net/CNxEndpoint.h>
@@ -6,10 +6,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
-#include <string>
-#include <string_view>
 #include <utility>
 
 class Connection {
@@ -38,23 +35,6 @@ public:
 
     int GetHandle() const { return m_socket; }
     bool IsConnected() const { return m_isConnected; }
-
-    // Whether all of it could be sent.
-    bool TrySend(std::string_view bytes) const {
-        const ssize_t sent = send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        return sent == static_cast<ssize_t>(bytes.size());
-    }
-
-    // So many bytes, less when the server hangs up or is silent.
-    std::string Receive(size_t size) const {
-        std::string bytes(size, '\0');
-        size_t got = 0;
-        for (ssize_t more = 1; got < size && more > 0; got += static_cast<size_t>(more)) {
-            more = std::max<ssize_t>(recv(m_socket, bytes.data() + got, size - got, 0), 0);
-        }
-        bytes.resize(got);
-        return bytes;
-    }
 
 private:
     int m_socket;

@@ -50,8 +50,19 @@ public:
         EXPECT_TRUE(IsConnected());
     }
 
-    void Send(std::string_view bytes) const { ASSERT_TRUE(TrySend(bytes)); }
+    void Send(std::string_view bytes) const {
+        const ssize_t sent = send(GetHandle(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        ASSERT_EQ(static_cast<ssize_t>(bytes.size()), sent);
+    }
     void EndSending() const { shutdown(GetHandle(), SHUT_WR); }
+
+    // So many bytes, less when the server hangs up or is silent.
+    std::string Receive(size_t size) const {
+        std::string bytes(size, '\0');
+        const ssize_t got = recv(GetHandle(), bytes.data(), size, MSG_WAITALL);
+        bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
+        return bytes;
+    }
 
     // All until the server hangs up.
     std::string ReceiveAll() const {

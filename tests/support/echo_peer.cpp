@@ -21,7 +21,6 @@ public:
             server.Fail("cannot connect");
         }
     }
-    void Cancel() { m_connector.Cancel(); }
 
 private:
     void OnReceive(CNxConnection& connection, CNxMessageChain& received) override {
@@ -57,11 +56,7 @@ int main(int argc, char** argv) {
     } else {
         server.Fail("cannot open");
     }
-    server.SetOnStop([&echoes] {
-        for (Echo& echo : echoes) {
-            echo.Cancel();
-        }
-    });
+    server.SetOnStop([&echoes] { echoes.clear(); });
     std::printf("listening on %s\n", endpoint.c_str());
     std::fflush(stdout);
     return server.Run();
