@@ -283,8 +283,10 @@ private:
         CheckDescriptors();
         if (m_isLong) {
             m_injected += GetCall().failed;
-            // Nobody hears of a signal who never waits to the end.
-            const bool isDeaf = m_fault->call == FaultPlan::CALL_epoll_wait;
+            // Signals are read on the main loop, which echo_peer has no other than.
+            const bool isPeer = m_type == SOCK_DGRAM || m_listener.GetHandle() != -1;
+            const bool isDeaf =
+                m_fault->call == FaultPlan::CALL_read || (isPeer && m_error == EINTR);
             GetCall().Fail(m_error, 0, isDeaf ? 0 : LONG_MAX);
             Check(server.Stop(), "does not stop while the calls fail");
         }
