@@ -20,7 +20,7 @@ std::string Repeat(std::string_view text, int count) {
 }
 
 struct KvServer : testing::Test {
-    ServerProcess m_server{KV_SERVER, {"--port=0", "--threads=3"}};
+    ServerProcess m_server{KV_SERVER " --port=0 --threads=3"};
     const TestClient m_client{m_server.GetPort()};
 };
 
@@ -77,7 +77,7 @@ TEST_F(KvServer, SigtermAnswersWhatHasArrived) {
 }
 
 TEST(KvServerProgram, TheThirdOfTwoIsToldAndOnlyASilentClientIsHungUpOn) {
-    const ServerProcess server(KV_SERVER, {"--port=0", "--max-clients", "2", "--idle-timeout=2"});
+    const ServerProcess server(KV_SERVER " --port=0 --max-clients 2 --idle-timeout=2");
     const TestClient silent(server.GetPort());
     const TestClient talking(server.GetPort());
     silent.Expect("PING\r\n", "+PONG\r\n");
@@ -128,7 +128,7 @@ TEST(KvServerProgram, ReadsItsConfigurationAgainOnHangUpAndTracesWhatHappens) {
 
 // One that has minutes of work to do.
 TEST(KvServerProgram, SigtermEndsItInFiveSecondsWhateverItDoes) {
-    ServerProcess server(KV_SERVER, {"--port=0"});
+    ServerProcess server(KV_SERVER " --port=0");
     const TestClient client(server.GetPort());
     std::string sets;
     for (int i = 0; i < 200000; ++i) {
@@ -147,7 +147,7 @@ TEST(KvServerProgram, SigtermEndsItInFiveSecondsWhateverItDoes) {
 }
 
 TEST(KvServerProgram, LetsGoWhoHoldsMostWhenClientsHoldTooMuch) {
-    ServerProcess server(KV_SERVER, {"--port=0", "--client-memory=100"});
+    ServerProcess server(KV_SERVER " --port=0 --client-memory=100");
     const TestClient other(server.GetPort());
     other.Expect("PING\r\n", "+PONG\r\n");
     std::vector<TestClient> clients;

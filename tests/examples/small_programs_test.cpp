@@ -39,7 +39,7 @@ TEST(EchoServer, SendsBackEveryByteInOrderAndStopsInTheMiddle) {
 }
 
 TEST(ChatServer, TellsARoomWhatItsGuestsSayAndDropsWhoDoesNotRead) {
-    ServerProcess server(CHAT_SERVER, {"127.0.0.1:0", "3"});
+    ServerProcess server(CHAT_SERVER " 127.0.0.1:0 3");
     const long before = server.CountDescriptors();
     {
         const TestClient anna(server.GetPort());
@@ -82,7 +82,7 @@ TEST(LineClient, KeepsItsLinesUntilThereIsAServerAndHearsItsAnswers) {
     while (folder.Get("errors").find("refused; again in") == std::string::npos) {
         std::this_thread::yield();
     }
-    const ServerProcess server(CHAT_SERVER, {endpoint});
+    const ServerProcess server(CHAT_SERVER " " + endpoint);
     for (const char* const line : {"* guest-1 is here", "guest-1: one", "guest-1: two"}) {
         EXPECT_EQ(line, client.ReadLine());
     }
@@ -92,7 +92,7 @@ TEST(LineClient, KeepsItsLinesUntilThereIsAServerAndHearsItsAnswers) {
 // That the peer loses none of twenty happens once in a million runs.
 TEST(ReliableSender, SendsAgainWhatWasLostUntilEverythingIsAnswered) {
     const std::string port = FindFreePort();
-    ServerProcess peer(RELIABLE_SENDER, {"--listen", port, "--lose", "50"});
+    ServerProcess peer(RELIABLE_SENDER " --lose 50 --listen " + port);
     int status = -1;
     const std::string output = OutputOf(
         RELIABLE_SENDER " --requests 20 --interval 10 --again 20 --timeout 30 --port " + port,

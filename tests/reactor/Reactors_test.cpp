@@ -170,7 +170,7 @@ TYPED_TEST(Reactors, NotificationsAreNotRefusedForWantOfRoom) {
 // A peer that leaves something unread resets; what is early has come before the registration.
 TYPED_TEST(Reactors, WhatArrivedBeforeAPeersEndIsDeliveredBeforeTheClose) {
     char data[20000] = {};
-    for (const size_t chunk : {20000, 10000, 1000}) {
+    for (const size_t chunk : {size_t{20000}, size_t{10000}, size_t{1000}}) {
         for (const auto& [resets, isEarly] :
              {std::pair(true, false), {true, true}, {false, false}, {false, true}}) {
             ssize_t sum = 0;

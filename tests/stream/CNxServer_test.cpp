@@ -9,7 +9,7 @@ namespace {
 
 TEST(Server, WhatIsUnderWayEndsWithTheLimitOrAnotherSignal) {
     for (const std::string mode : {"limit", "second signal"}) {
-        ServerProcess server(SERVER_PROGRAM, {mode});
+        ServerProcess server(SERVER_PROGRAM " '" + mode + "'");
         const TestClient idle(server.GetPort());
         const TestClient client(server.GetPort());
         client.Expect("b", "+");
@@ -26,7 +26,7 @@ TEST(Server, WhatIsUnderWayEndsWithTheLimitOrAnotherSignal) {
 }
 
 TEST(Server, ALoopThatEndsOrIsBlockedIsStatusOne) {
-    EXPECT_EQ(1, ServerProcess(SERVER_PROGRAM, {"loop ends"}).Wait());
+    EXPECT_EQ(1, ServerProcess(SERVER_PROGRAM " 'loop ends'").Wait());
     ServerProcess server(SERVER_PROGRAM);
     TestClient(server.GetPort()).Send("p");
     EXPECT_EQ(1, server.Wait());

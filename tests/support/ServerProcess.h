@@ -7,24 +7,17 @@
 #include <tests/support/Process.h>
 
 #include <chrono>
-#include <numeric>
 #include <string>
 #include <string_view>
 #include <thread>
-#include <vector>
 
 // Started by the constructor, which waits for the line "...listening on ADDR:PORT".
 class ServerProcess : public Process {
 public:
-    explicit ServerProcess(const std::string& program,
-                           const std::vector<std::string>& arguments = {})
-        : Process(std::accumulate(arguments.begin(), arguments.end(), program,
-                                  [](const std::string& command, const std::string& argument) {
-                                      return command + " '" + argument + "'";
-                                  })) {
+    explicit ServerProcess(const std::string& command) : Process(command) {
         const std::string endpoint = ReadEndpoint();
         m_port = static_cast<unsigned short>(std::atoi(&endpoint[endpoint.find(':') + 1]));
-        EXPECT_NE(0, m_port) << program;
+        EXPECT_NE(0, m_port) << command;
     }
 
     unsigned short GetPort() const { return m_port; }
