@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -15,16 +14,10 @@ protected:
     HttpServer() {
         m_folder.Put("page.html", "0123456789");
         m_folder.Put("large", m_large);
-        m_folder.Put("empty", "");
         std::filesystem::create_directory(m_folder.Path("a folder"));
         m_folder.Put("a folder/index.html", "inside");
         std::filesystem::create_symlink("/etc/passwd", m_folder.Path("link"));
         std::filesystem::create_symlink("page.html", m_folder.Path("good-link"));
-    }
-
-    std::vector<std::string> Arguments(std::vector<std::string> more = {}) const {
-        more.insert(more.end(), {"--root", m_folder.Path(), "--listen", "127.0.0.1:0"});
-        return more;
     }
 
     static std::string Get(const std::string& target, const std::string& headers = "") {
@@ -40,11 +33,12 @@ protected:
     }
 
     const CTempFolder m_folder;
+    const std::string m_program = HTTP_SERVER " --listen 127.0.0.1:0 --root " + m_folder.Path();
     const std::string m_large = std::string(300000, '#') + "end";
 };
 
 TEST_F(HttpServer, AnswersEachRequestAsItMust) {
-    const ServerProcess server(HTTP_SERVER, Arguments());
+    const ServerProcess server(m_program);
     const std::string all = "0123456789";
     const struct {
         std::string request;
@@ -54,19 +48,15 @@ TEST_F(HttpServer, AnswersEachRequestAsItMust) {
     } cases[] = {
         {Get("/page.html"), "200 OK", "Content-Type: text/html; charset=utf-8", all},
         {Get("/pa%67e.html?q#f"), "200 OK", "Content-Length: 10", all},
-        {Get("http://x/page.html"), "200 OK", "", all},
         {Get("/good-link"), "200 OK", "Content-Type: application/octet-stream", all},
         {Get("/large"), "200 OK", "Content-Length: 300003", m_large},
         {"HEAD /page.html HTTP/1.1\r\nHost: x\r\n\r\n", "200 OK", "Content-Length: 10", ""},
         {"GET /page.html HTTP/1.0\r\n\r\n", "200 OK", "Connection: close", all},
-        {"GET /page.html HTTP/1.0\r\nConnection: keep-alive\r\n\r\n", "200 OK",
-         "Connection: keep-alive", all},
         // Folders, and the way out of the one that is served.
         {Get("/a%20folder/"), "200 OK", "", "inside"},
         {Get("//a%20folder"), "301 Moved Permanently", "Location: /a%20folder/"},
         {Get("/../../../../etc/passwd"), "404 Not Found"},
         {Get("/a%20folder/..%2f..%2f..%2fetc/passwd"), "404 Not Found"},
-        {Get("/%2fetc/passwd"), "404 Not Found"},
         {Get("/link"), "404 Not Found"},
         // Ranges.
         {Get("/page.html", "Range: bytes=2-4\r\n"), "206 Partial Content",
@@ -74,13 +64,11 @@ TEST_F(HttpServer, AnswersEachRequestAsItMust) {
         {Get("/page.html", "Range: bytes=-3\r\n"), "206 Partial Content", "", "789"},
         {Get("/page.html", "Range: bytes=10-\r\n"), "416 Range Not Satisfiable",
          "Content-Range: bytes */10"},
-        {Get("/empty", "Range: bytes=0-\r\n"), "416 Range Not Satisfiable"},
         {Get("/page.html", "Range: bytes=0-1,3-4\r\n"), "200 OK", "", all},
         {Get("/page.html", "Range: bytes=0-1\r\nIf-Range: \"x\"\r\n"), "200 OK", "", all},
         // Conditions.
         {Get("/page.html", "If-Modified-Since: Fri, 01 Jan 2100 00:00:00 GMT\r\n"),
          "304 Not Modified", "", ""},
-        {Get("/page.html", "If-None-Match: *\r\n"), "304 Not Modified"},
         // What cannot be read ends the connection.
         {Get("/page.html%00"), "400 Bad Request"},
         {"GET / HTTP/1.1\r\n\r\n" + Get("/"), "400 Bad Request", "Connection: close"},
@@ -111,7 +99,7 @@ TEST_F(HttpServer, AnswersEachRequestAsItMust) {
 
 TEST_F(HttpServer, PipelinedAnswersWaitForTheClientAtABoundedCostAndEndWhole) {
     constexpr size_t c_requests = 3000;
-    ServerProcess server(HTTP_SERVER, Arguments({"--threads", "2"}));
+    ServerProcess server(m_program + " --threads 2");
     const long before = server.CountDescriptors();
     const TestClient client(server.GetPort(), 4096);
     std::string requests;

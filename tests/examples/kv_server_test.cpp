@@ -67,15 +67,13 @@ TEST(KvStoreModel, KeysExpireAndOnlyThose) {
                 at = at->second.dies <= now ? model.erase(at) : std::next(at);
             }
         } else if (what == 3) {
-            ASSERT_EQ(isAlive, store.Delete(key));
-            model.erase(key);
+            ASSERT_EQ(model.erase(key) == 1, store.Delete(key));
         } else {
             const Value* const found = store.Find(key);
             ASSERT_EQ(isAlive, found != nullptr);
-            if (isAlive) {
-                ASSERT_EQ(alive->second.value, found->GetBytes());
-                ASSERT_EQ(alive->second.dies, store.GetExpiry(key).value_or(c_never));
-            }
+            ASSERT_EQ(isAlive ? alive->second.value : "", found ? found->GetBytes() : "");
+            ASSERT_EQ(isAlive ? alive->second.dies : c_never,
+                      store.GetExpiry(key).value_or(c_never));
         }
     }
     store.RemoveExpired(1000);
@@ -91,47 +89,35 @@ TEST_F(KvCommands, AnswerAsTheyShould) {
     const std::string bytes("\0\r\n$5\r\n*1\xFF", 11);
     const std::string large(9000, 'v');
     const std::string notANumber = "-ERR value is not an integer or out of range\r\n";
-    const std::string badTime = "-ERR invalid expire time in 'expire' command\r\n";
+    const std::string tooLong = "-ERR pattern takes too long to match\r\n";
     const std::pair<std::string, std::string> dialogue[] = {
         {"*0\r\n\r\n*-1\r\n" + ToRequest({"ECHO", large}), ToBulk(large)},
         {ToRequest({"SET", "a b", bytes}) + "  dbsize \nget 'a b'\r\n",
          "+OK\r\n:1\r\n" + ToBulk(bytes)},
         {"set\ta\" '' \r\nGET a\"\r\nflushall\r\n", "+OK\r\n$0\r\n\r\n+OK\r\n"},
-        {"PING hello\r\n", "$5\r\nhello\r\n"},
-        {"SET k v\r\nGET k\r\n", "+OK\r\n$1\r\nv\r\n"},
-        {"SET k w NX\r\nGET k\r\n", "$-1\r\n$1\r\nv\r\n"},
+        {"SET k v\r\nSET k w NX\r\nGET k\r\n", "+OK\r\n$-1\r\n$1\r\nv\r\n"},
         {"SET n 1 XX\r\nEXISTS n\r\n", "$-1\r\n:0\r\n"},
         {"SET n 1 nx ex 10\r\nINCR n\r\nTTL n\r\n", "+OK\r\n:2\r\n:10\r\n"},
-        {"SET n 1 NX XX\r\n", "-ERR syntax error\r\n"},
         {"SET n 1 EX 9223372036854775807\r\n", "-ERR invalid expire time in 'set' command\r\n"},
         {"INCR k\r\nSET n 1 EX x\r\n", notANumber + notANumber},
         {"INCR new\r\nDECR new\r\nDECR new\r\n", ":1\r\n:0\r\n:-1\r\n"},
         {"SET m 9223372036854775807\r\nINCR m\r\n",
          "+OK\r\n-ERR increment or decrement would overflow\r\n"},
-        {"EXPIRE k 9223372036854775807\r\n", badTime},
         {"EXPIRE k -1\r\nTTL k\r\nEXPIRE zz 1\r\n", ":1\r\n:-2\r\n:0\r\n"},
         {"KEYS [m-o]?*w\r\nKEYS [^n]??\r\n", "*1\r\n$3\r\nnew\r\n*0\r\n"},
         {"DEL n new m zz\r\nKEYS *\r\n", ":3\r\n*0\r\n"},
-        {"COMMAND\r\nCOMMAND COUNT\r\n", "*0\r\n:17\r\n"},
         {"CONFIG GET SAVE x\r\n", "*2\r\n$4\r\nsave\r\n$0\r\n\r\n"},
         {"*1\r\n$3\r\n\n\x9BZ\r\n", "-ERR unknown command '??Z'\r\n"},
+        // A million bytes match all but the last of 4,000 wherever these begin.
+        {ToRequest({"SET", std::string(1000000, 'a'), "1"}) + "SET ab 1\r\n", "+OK\r\n+OK\r\n"},
+        {ToRequest({"KEYS", "*" + std::string(4000, 'a') + "b*"}), tooLong},
+        {ToRequest({"KEYS", "*[" + std::string(300000, 'x') + "]"}), tooLong},
+        {"KEYS *[a-z]b*\r\n", "*1\r\n$2\r\nab\r\n"},
+        {"KEYS *[b-z]\r\n", "*1\r\n$2\r\nab\r\n"},
     };
     for (const auto& [request, answer] : dialogue) {
-        EXPECT_EQ(answer, Answer(request)) << request;
+        EXPECT_EQ(answer, Answer(request)) << request.substr(0, 100);
     }
-}
-
-// 4,000 bytes between stars against a key of a million that matches all but the last of them.
-TEST_F(KvCommands, APatternMadeToBeSlowIsAnError) {
-    m_store.Set(std::string(1000000, 'a'), "1");
-    m_store.Set("ab", "1");
-    const auto keys = [](const std::string& pattern) { return ToRequest({"KEYS", pattern}); };
-    EXPECT_EQ("-ERR pattern takes too long to match\r\n",
-              Answer(keys("*" + std::string(4000, 'a') + "b*")));
-    EXPECT_EQ("-ERR pattern takes too long to match\r\n",
-              Answer(keys("*[" + std::string(300000, 'x') + "]")));
-    EXPECT_EQ("*1\r\n$2\r\nab\r\n", Answer(keys("*[a-z]b*")));
-    EXPECT_EQ("*1\r\n$2\r\nab\r\n", Answer(keys("*[b-z]")));
 }
 
 // Every allocation of a dialogue fails once: the command is refused and has changed nothing, or it

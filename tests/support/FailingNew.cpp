@@ -22,14 +22,6 @@ void* Allocate(std::size_t size) {
     return std::malloc(size == 0 ? 1 : size);
 }
 
-void* AllocateOrThrow(std::size_t size) {
-    void* const memory = Allocate(size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-
 }  // namespace
 
 namespace failing_new {
@@ -39,10 +31,6 @@ void Fail(long skip, long count) {
     s_skip = skip;
     s_count = count;
     s_isOn = true;
-}
-
-long GetMade() {
-    return s_made;
 }
 
 long GetFailed() {
@@ -57,10 +45,14 @@ long Stop() {
 }  // namespace failing_new
 
 void* operator new(std::size_t size) {
-    return AllocateOrThrow(size);
+    void* const memory = Allocate(size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
 }
 void* operator new[](std::size_t size) {
-    return AllocateOrThrow(size);
+    return operator new(size);
 }
 void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
     return Allocate(size);

@@ -8,11 +8,10 @@ namespace failing_new {
 // After `skip` good ones, the next `count` allocations of the whole process fail.
 void Fail(long skip, long count);
 
-// How many were made since Fail, those that failed among them, and how many failed.
-long GetMade();
+// How many failed since Fail.
 long GetFailed();
 
-// None fails any more. Returns how many were made since Fail.
+// None fails any more. Returns how many were made since Fail, those that failed among them.
 long Stop();
 
 }  // namespace failing_new

@@ -1,73 +1,26 @@
 // A server program in a process of its own, and a client of it.
 #pragma once
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <sys/types.h>
-#include <sys/wait.h>
 #include <tests/support/Connection.h>
-#include <unistd.h>
+#include <tests/support/Process.h>
 
 #include <chrono>
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <string_view>
 #include <thread>
-#include <utility>
-#include <vector>
 
-// Started by the constructor, which waits for the line "...listening on ADDR:PORT"; killed when the
-// test forgot it.
-class ServerProcess {
+// Started by the constructor, which waits for the line "...listening on ADDR:PORT".
+class ServerProcess : public Process {
 public:
-    explicit ServerProcess(const std::string& program, std::vector<std::string> arguments = {}) {
-        arguments.insert(arguments.begin(), program);
-        int output[2];
-        if (pipe2(output, O_CLOEXEC) != 0) {
-            ADD_FAILURE() << "no pipe";
-            return;
-        }
-        m_pid = fork();
-        if (m_pid == 0) {
-            dup2(output[1], STDOUT_FILENO);
-            std::vector<char*> argv;
-            for (std::string& argument : arguments) {
-                argv.push_back(argument.data());
-            }
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-        close(output[1]);
-        m_output = output[0];
-        std::string line = "...";
-        while (!line.empty() && line.find("listening on ") == std::string::npos) {
-            line = ReadLine();
-        }
-        m_port = static_cast<unsigned short>(std::atoi(line.c_str() + line.rfind(':') + 1));
-        EXPECT_NE(0, m_port) << line;
+    explicit ServerProcess(const std::string& command) : Process(command) {
+        const std::string endpoint = ReadEndpoint();
+        m_port = static_cast<unsigned short>(std::atoi(&endpoint[endpoint.find(':') + 1]));
+        EXPECT_NE(0, m_port) << command;
     }
-    ~ServerProcess() {
-        if (m_pid > 0) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-        }
-        close(m_output);
-    }
-    ServerProcess(const ServerProcess&) = delete;
-    ServerProcess& operator=(const ServerProcess&) = delete;
 
-    pid_t GetPid() const { return m_pid; }
     unsigned short GetPort() const { return m_port; }
-
-    long CountDescriptors() const {
-        const std::filesystem::path folder = "/proc/" + std::to_string(m_pid) + "/fd";
-        return std::distance(std::filesystem::directory_iterator(folder), {});
-    }
 
     // The server closes a moment after the client: asked again until it is right.
     void ExpectDescriptors(long expected) const {
@@ -78,36 +31,7 @@ public:
         EXPECT_EQ(expected, CountDescriptors());
     }
 
-    // Where it says next that it listens, `more` lines further on.
-    std::string ReadEndpoint(int more) const {
-        std::string line;
-        for (; more > 0; --more) {
-            line = ReadLine();
-        }
-        return line.substr(line.rfind(' ') + 1);
-    }
-
-    void Signal(int signo) const { kill(m_pid, signo); }
-
-    // The exit status, -1 for another end.
-    int Wait() {
-        int status = 0;
-        waitpid(std::exchange(m_pid, 0), &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
 private:
-    std::string ReadLine() const {
-        std::string line;
-        char c = 0;
-        while (read(m_output, &c, 1) == 1 && c != '\n') {
-            line += c;
-        }
-        return line;
-    }
-
-    pid_t m_pid = 0;
-    int m_output = -1;
     unsigned short m_port = 0;
 };
 
@@ -119,8 +43,19 @@ public:
         EXPECT_TRUE(IsConnected());
     }
 
-    void Send(std::string_view bytes) const { ASSERT_TRUE(TrySend(bytes)); }
+    void Send(std::string_view bytes) const {
+        const ssize_t sent = send(GetHandle(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        ASSERT_EQ(static_cast<ssize_t>(bytes.size()), sent);
+    }
     void EndSending() const { shutdown(GetHandle(), SHUT_WR); }
+
+    // So many bytes, less when the server hangs up or is silent.
+    std::string Receive(size_t size) const {
+        std::string bytes(size, '\0');
+        const ssize_t got = recv(GetHandle(), bytes.data(), size, MSG_WAITALL);
+        bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
+        return bytes;
+    }
 
     // All until the server hangs up.
     std::string ReceiveAll() const {

@@ -12,11 +12,7 @@ class CTempFolder {
 public:
     CTempFolder() {
         std::string name = (std::filesystem::temp_directory_path() / "nxtest.XXXXXX").string();
-        if (mkdtemp(name.data()) == nullptr) {
-            std::perror("mkdtemp");
-            std::abort();
-        }
-        m_path = name;
+        m_path = mkdtemp(name.data());
     }
     ~CTempFolder() {
         std::error_code ignored;

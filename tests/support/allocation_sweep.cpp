@@ -102,14 +102,18 @@ void UseGroup() {
     CNxEndpoint endpoint;
     CNxReactorGroupOptions options;
     options.loops = 2;
-    Count(endpoint.Set("127.0.0.1:0"));
-    Count(group.Start(options));
-    Count(group.Listen(endpoint, sink, {}));
+    [&]() noexcept {
+        Count(endpoint.Set("127.0.0.1:0"));
+        Count(group.Start(options));
+        Count(group.Listen(endpoint, sink, {}));
+    }();
     std::vector<Connection> clients;
     bool isServed = group.GetEndpoint().GetPort() != 0;
     while (isServed && clients.size() < c_connections) {
         clients.emplace_back(group.GetEndpoint().GetPort(), std::chrono::milliseconds(200));
-        isServed = clients.back().TrySend("x") && clients.back().Receive(1) == "x";
+        char byte = 'x';
+        isServed = send(clients.back().GetHandle(), &byte, 1, MSG_NOSIGNAL) == 1 &&
+                   recv(clients.back().GetHandle(), &byte, 1, 0) == 1;
     }
     clients.clear();
     static_cast<void>(group.Stop({0, 100000}));

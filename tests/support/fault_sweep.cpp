@@ -1,22 +1,23 @@
-// A server with every system call failing: fault_sweep PROGRAM SHIM [--long] [MODE]
-//
-// MODE is kv, for kv_server, without one; echo_server has tcp, unix and tls.
+// A program with every system call failing: fault_sweep MODE COMMAND SHIM [long]. See
+// scripts/sweep.
 //
 // In three parts: each call failing once while it starts and serves nobody yet; each failing once
 // under load; each failing for a time under load, then while it stops. After every fault it must
-// live and serve (or, at the start, end with a status that says why), and stop in time. echo_server
+// live and serve (or, at the start, end with a status that says why), and stop in time. Who echoes
 // may then have no more descriptors than before, and while calls fail and nobody connects it
 // sleeps.
+#include <dlfcn.h>
+#include <nx/net/CNxSocket.h>
 #include <openssl/ssl.h>
-#include <sys/wait.h>
 #include <tests/support/Connection.h>
-#include <tests/support/FaultFile.h>
+#include <tests/support/FaultPlan.h>
+#include <tests/support/Process.h>
 #include <tests/support/TempFolder.h>
-#include <tests/support/TestCertificates.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstring>
 #include <ctime>
@@ -30,6 +31,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
+constexpr long c_most = 1000;
 constexpr milliseconds c_stopLimit(6000);
 constexpr milliseconds c_recoverLimit(5000);
 
@@ -55,33 +57,25 @@ bool WaitUntil(milliseconds limit, Condition condition) {
     return true;
 }
 
-struct Program {
-    std::string file;
-    bool isEcho = false;
-    bool hasTls = false;
-    std::string path;  // of a unix socket
-    std::string argument;
-    std::string certificate;
-    std::string key;
-};
-
-// With TLS over the connection when the program has it.
+// With TLS over the connection when there is a context, in pieces when it is for datagrams.
 class Client {
 public:
-    Client(const Program& program, unsigned short port, milliseconds limit)
-        : m_connection(program.path.empty() ? Connection(port, limit)
-                                            : Connection(program.path, limit)),
-          m_bytes(BIO_new_socket(m_connection.GetHandle(), BIO_NOCLOSE)) {
-        static SSL_CTX* const s_context = SSL_CTX_new(TLS_client_method());
-        SSL_CTX_set_quiet_shutdown(s_context, 1);
-        if (program.hasTls) {
-            m_bytes.reset(BIO_push(BIO_new_ssl(s_context, 1), m_bytes.release()));
+    Client(Connection connection, SSL_CTX* tls, size_t piece)
+        : m_connection(std::move(connection)),
+          m_piece(piece),
+          m_bytes(BIO_new_socket(m_connection.GetHandle(), BIO_NOCLOSE), BIO_free_all) {
+        if (tls != nullptr) {
+            m_bytes.reset(BIO_push(BIO_new_ssl(tls, 1), m_bytes.release()));
         }
     }
 
     // What fails here does so again when it is received.
     void Send(std::string_view bytes) const {
-        BIO_write(m_bytes.get(), bytes.data(), static_cast<int>(bytes.size()));
+        int sent = 1;
+        for (; sent > 0 && !bytes.empty(); bytes.remove_prefix(std::min(m_piece, bytes.size()))) {
+            sent = BIO_write(m_bytes.get(), bytes.data(),
+                             static_cast<int>(std::min(m_piece, bytes.size())));
+        }
     }
 
     // So many bytes, less when the server hangs up or is silent.
@@ -96,64 +90,20 @@ public:
     }
 
 private:
-    struct CFree {
-        void operator()(BIO* bytes) const { BIO_free_all(bytes); }
-    };
     const Connection m_connection;
-    std::unique_ptr<BIO, CFree> m_bytes;
+    const size_t m_piece;
+    std::unique_ptr<BIO, void (*)(BIO*)> m_bytes;
 };
 
-// The server in a home of its own, in which kv_server traces.
-class Server {
-public:
-    Server(const Program& program, const CTempFolder& home) : m_program(program) {
-        const std::string output = home.Put("output", "");
-        m_pid = fork();
-        if (m_pid == 0) {
-            Execute(output);
-        }
-        WaitUntil(c_recoverLimit, [&] { return HasEnded() || ReadPort(home); });
-    }
-    ~Server() {
-        if (m_pid > 0) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-        }
-    }
-    Server(const Server&) = delete;
-    Server& operator=(const Server&) = delete;
-
-    bool HasEnded() {
-        if (m_pid > 0 && waitpid(m_pid, &m_status, WNOHANG) == m_pid) {
-            m_pid = 0;
-        }
-        return m_pid == 0;
-    }
-    bool HasEndedWith(int status) {
-        return HasEnded() && WIFEXITED(m_status) && WEXITSTATUS(m_status) == status;
-    }
-
-    Client Connect(int limit) const { return {m_program, m_port, milliseconds(limit)}; }
-
-    bool Serves() {
-        const auto answers = [this] {
-            const Client client = Connect(500);
-            client.Send(m_program.isEcho ? "PING\r\n." : "PING\r\n");
-            return HasEnded() || client.Receive(7) == 7;
-        };
-        return WaitUntil(c_recoverLimit, answers) && !HasEnded();
-    }
-
-    long CountDescriptors() const {
-        std::error_code error;
-        const std::string folder = "/proc/" + std::to_string(m_pid) + "/fd";
-        return std::distance(std::filesystem::directory_iterator(folder, error), {});
+struct Server : Process {
+    explicit Server(const std::string& command) : Process(command) {
+        static_cast<void>(m_endpoint.Set(ReadEndpoint().c_str()));
     }
 
     milliseconds GetCpuTime() const {
         clockid_t clock = 0;
         timespec time{};
-        if (clock_getcpuclockid(m_pid, &clock) == 0) {
+        if (clock_getcpuclockid(GetPid(), &clock) == 0) {
             clock_gettime(clock, &time);
         }
         return milliseconds(time.tv_sec * 1000 + time.tv_nsec / 1000000);
@@ -161,57 +111,29 @@ public:
 
     // Whether it ended well and in time.
     bool Stop() {
-        kill(m_pid, SIGTERM);
-        return WaitUntil(c_stopLimit, [&] { return HasEnded(); }) && HasEndedWith(0);
-    }
-
-private:
-    [[noreturn]] void Execute(const std::string& output) const {
-        const int out = open(output.c_str(), O_WRONLY | O_CLOEXEC);
-        dup2(out, STDOUT_FILENO);
-        dup2(out, STDERR_FILENO);
-        const char* const file = m_program.file.c_str();
-        const char* const certificate = m_program.hasTls ? m_program.certificate.c_str() : nullptr;
-        execl(file, file, m_program.argument.c_str(), certificate, m_program.key.c_str(), nullptr);
-        _exit(127);
-    }
-
-    bool ReadPort(const CTempFolder& home) {
-        const std::string text = home.Get("output");
-        const size_t at = text.find("listening on ");
-        if (at == std::string::npos || text.find('\n', at) == std::string::npos) {
-            return false;
+        if (!HasEnded()) {
+            Signal(SIGTERM);
         }
-        m_port = static_cast<unsigned short>(std::atoi(text.c_str() + text.find(':', at) + 1));
-        return true;
+        return WaitUntil(c_stopLimit, [&] { return HasEnded(); }) && Wait() == 0;
     }
 
-    const Program& m_program;
-    pid_t m_pid = 0;
-    int m_status = 0;
-    unsigned short m_port = 0;
+    CNxEndpoint m_endpoint;
 };
 
 class Sweep {
 public:
-    Sweep(const std::filesystem::path& program, const char* shim, const std::string& mode,
-          bool isLong)
-        : m_isLong(isLong), m_faults(m_home.Path("plan"), shim) {
-        std::filesystem::create_directories(m_home.Path("bin"));
-        std::filesystem::create_directories(m_home.Path("conf"));
-        m_program.file = m_home.Path("bin" / program.filename());
-        std::filesystem::copy_file(program, m_program.file);
-        m_home.Put("conf/kv_server.cfg",
-                   "[Trace]\nEnable=TRUE\nkv_server.Info=TRUE\nkv_server.Warning=TRUE\n"
-                   "kv_server.Error=TRUE\nkv_server=4096\n");
-        m_program.isEcho = program.filename() == "echo_server";
-        m_program.argument = m_program.isEcho ? "127.0.0.1:0" : "--port=0";
-        m_program.hasTls = mode == "tls";
-        m_program.certificate = m_certificates.Certificate("server");
-        m_program.key = m_certificates.Key("server");
-        if (mode == "unix") {
-            m_program.path = m_home.Path("socket");
-            m_program.argument = "unix:" + m_program.path;
+    // In the mode connector it is the sweep that listens, and the program that connects.
+    Sweep(const std::string& mode, const std::string& command, const std::string& shim, bool isLong)
+        : m_isLong(isLong),
+          m_isEcho(mode != "kv"),
+          m_type(mode == "datagram" ? SOCK_DGRAM : SOCK_STREAM),
+          m_tls(mode == "tls" ? SSL_CTX_new(TLS_client_method()) : nullptr),
+          m_plan(OpenPlan(shim)),
+          m_command("env NX_FAULT_PLAN=" + m_home.Path("plan") + " LD_PRELOAD=" + shim + " " +
+                    command + (mode == "connector" ? " localhost:" + Listen() : "") +
+                    " 2>/dev/null") {
+        if (m_tls != nullptr) {
+            SSL_CTX_set_quiet_shutdown(m_tls, 1);
         }
     }
 
@@ -220,36 +142,73 @@ public:
         ForEach("start", [this] { return Start(); });
         ForEach("once", [this] { return Once(); });
         ForEach("a time", [this] { return ForATime(); });
+        std::printf("%ld faults injected in %ld runs, %d wrong\n", m_injected, m_runs, m_wrong);
         return m_wrong;
     }
 
 private:
+    // The shim reads the plan in this program too, which calls it for nothing else.
+    FaultPlan* OpenPlan(const std::string& shim) const {
+        const std::string nothing(sizeof(FaultPlan), '\0');
+        setenv("NX_FAULT_PLAN", m_home.Put("plan", nothing).c_str(), 1);
+        void* const library = dlopen(shim.c_str(), RTLD_NOW | RTLD_LOCAL);
+        return reinterpret_cast<decltype(&nx_fault_plan)>(dlsym(library, "nx_fault_plan"))();
+    }
+
+    std::string Listen() {
+        const timeval patience{0, 100000};
+        CNxInetAddr address;
+        if (m_listener.Open(0, CNxInetAddr("127.0.0.1", 0)) != 0 ||
+            listen(m_listener.GetHandle(), 100) != 0 || m_listener.GetLocalAddr(address) != 0) {
+            std::abort();
+        }
+        setsockopt(m_listener.GetHandle(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+        return std::to_string(address.GetPort());
+    }
+
+    // With the oldest connection of a program that connects that there was no client for.
+    Client Connect(const Server& server, int patience) const {
+        const milliseconds limit(patience);
+        const int listener = m_listener.GetHandle();
+        return {listener != -1
+                    ? Connection(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC), limit)
+                    : Connection(server.m_endpoint, limit, 0, m_type),
+                m_tls, m_type == SOCK_DGRAM ? 1000 : m_set.size()};
+    }
+
+    bool Serves(Server& server) const {
+        const auto answers = [&] {
+            const Client client = Connect(server, 500);
+            client.Send(m_isEcho ? "PING\r\n." : "PING\r\n");
+            return server.HasEnded() || client.Receive(7) == 7;
+        };
+        return WaitUntil(c_recoverLimit, answers) && !server.HasEnded();
+    }
+
+    FaultPlan::Call& GetCall() const { return m_plan->calls[m_fault->call]; }
+
     // The step makes the runs for one call and error, each with the next number, until it says that
     // there is no more to do.
     template <class Step>
     void ForEach(const char* part, Step step) {
         m_part = part;
-        m_injected = 0;
-        long runs = 0;
         for (const Fault& fault : c_faults) {
             for (const int error : fault.errors) {
                 m_fault = &fault;
                 m_error = error;
                 m_number = -1;
                 // Who relies on edges may be told to wait only where an edge follows.
-                bool goesOn =
-                    error != EAGAIN || (!m_program.isEcho && fault.call != FaultPlan::CALL_read);
+                bool goesOn = error != EAGAIN || (!m_isEcho && fault.call != FaultPlan::CALL_read);
                 while (goesOn) {
-                    ++runs;
-                    ++m_number;
+                    ++m_runs;
+                    m_number += m_isLong || m_number < 2 ? 1 : m_number / 2;
                     goesOn = step();
-                    m_injected += m_faults.GetFailed(fault.call);
+                    GetCall().count = 0;
+                    m_injected += GetCall().failed;
                 }
             }
         }
         m_server.reset();
-        std::printf("%-7s %5ld runs, %8ld faults, %d wrong\n", part, runs, m_injected, m_wrong);
-        std::fflush(stdout);
     }
 
     void Check(bool isRight, const char* what) {
@@ -258,32 +217,32 @@ private:
             std::printf("WRONG: %s: %s %s, number %ld: %s\n", m_part, m_fault->name,
                         strerrorname_np(m_error), m_number, what);
             std::fflush(stdout);
-            m_server.reset();
+            m_isSpoilt = true;
         }
     }
 
     // Every N-th call from the start to the first PING.
     bool Start() {
-        m_faults.Fail(m_fault->call, m_error, m_number, 1);
-        Server server(m_program, m_home);
+        GetCall().Fail(m_error, m_number, 1);
+        Server server(m_command);
         // Where a part of it could not start it ends by itself, maybe while it serves.
-        Check((server.Serves() && server.Stop()) || server.HasEndedWith(1),
+        Check((Serves(server) && server.Stop()) || (server.HasEnded() && server.Wait() == 1),
               "neither serves and stops nor ends with status 1");
-        return GoesOn(1000);
+        return GoesOn();
     }
 
-    bool GoesOn(int limit) const {
-        return m_faults.GetFailed(m_fault->call) != 0 && m_number + 1 < (m_isLong ? limit : 6);
-    }
+    bool GoesOn() const { return GetCall().failed != 0 && m_number < c_most; }
 
     Server& GetServer() {
-        if (m_server == nullptr || m_server->HasEnded()) {
-            m_faults.Clear();
-            m_server = std::make_unique<Server>(m_program, m_home);
-            // It says where it listens before its last thread is there.
-            static_cast<void>(m_server->Serves());
+        if (m_server == nullptr || m_isSpoilt || m_server->HasEnded()) {
+            m_isSpoilt = false;
+            m_server.reset();
+            m_server = std::make_unique<Server>(m_command);
+            // It says where it listens before its last thread is there, and its last connection.
+            static_cast<void>(Serves(*m_server));
+            std::this_thread::sleep_for(milliseconds(100));
             m_descriptors = m_server->CountDescriptors();
-            const Client writer = m_server->Connect(1000);
+            const Client writer = Connect(*m_server, 1000);
             writer.Send(m_set);
             static_cast<void>(writer.Receive(5));
         }
@@ -291,59 +250,60 @@ private:
     }
 
     // Several clients, requests in pieces, replies larger than a socket's buffer.
-    void Load(int patience) {
-        const Server& server = GetServer();
-        const Client writer = server.Connect(patience);
-        const Client reader = server.Connect(patience);
-        const Client other = server.Connect(patience);
+    void Load(const Server& server, int patience) const {
+        const Client writer = Connect(server, patience);
+        const Client reader = Connect(server, patience);
+        const Client other = Connect(server, patience);
         writer.Send(std::string_view(m_set).substr(0, 100000));
         other.Send("SET a 1 PX 1\r\nINCR n\r\nKEYS *\r\nnonsense\r\n*bad\r\n");
-        reader.Send(m_program.isEcho ? m_set : "GET big\r\nGET big\r\n");
+        reader.Send(m_isEcho ? m_set : "GET big\r\nGET big\r\n");
         other.Receive(100);
         reader.Receive(2 << 20);
     }
 
     bool Once() {
         Server& server = GetServer();
-        m_faults.Fail(m_fault->call, m_error, m_number, 1);
-        Load(20);
-        Check(server.Serves(), "does not serve");
+        GetCall().Fail(m_error, m_number, 1);
+        Load(server, 20);
+        Check(Serves(server), "does not serve");
         CheckDescriptors();
-        return GoesOn(20);
+        return GoesOn();
     }
 
     bool ForATime() {
         const auto end = Clock::now() + milliseconds(m_isLong ? 3000 : 30);
         Server& server = GetServer();
-        m_faults.FailAll(m_fault->call, m_error);
+        GetCall().Fail(m_error, 0, LONG_MAX);
         do {
-            Load(10);
+            Load(server, 10);
         } while (Clock::now() < end && !server.HasEnded());
         CheckRest();
-        m_faults.Clear();
-        if (m_server != nullptr) {
-            Check(server.Serves(), "does not serve afterwards");
-            CheckDescriptors();
-        }
-        if (m_isLong && m_server != nullptr) {
-            m_injected += m_faults.GetFailed(m_fault->call);
-            m_faults.FailAll(m_fault->call, m_error);
-            Check(m_server->Stop(), "does not stop while the calls fail");
-            m_faults.Clear();
+        GetCall().count = 0;
+        Check(Serves(server), "does not serve afterwards");
+        CheckDescriptors();
+        if (m_isLong) {
+            m_injected += GetCall().failed;
+            // Signals are read on the main loop, which echo_peer has no other than.
+            const bool isPeer = m_type == SOCK_DGRAM || m_listener.GetHandle() != -1;
+            const bool isDeaf =
+                m_fault->call == FaultPlan::CALL_read || (isPeer && m_error == EINTR);
+            GetCall().Fail(m_error, 0, isDeaf ? 0 : LONG_MAX);
+            Check(server.Stop(), "does not stop while the calls fail");
         }
         return false;
     }
 
     void CheckDescriptors() {
-        if (m_program.isEcho && m_server != nullptr) {
+        if (m_isEcho) {
             const auto isBack = [this] { return m_server->CountDescriptors() <= m_descriptors; };
             Check(WaitUntil(c_recoverLimit, isBack), "keeps descriptors");
         }
     }
 
-    // Calls that are interrupted are made again at once.
+    // Calls that are interrupted, or tell of something sent before, are made again at once.
     void CheckRest() {
-        if (!m_program.isEcho || m_error == EINTR) {
+        const bool isOver = m_fault->call == FaultPlan::CALL_recvmmsg && m_error == ECONNREFUSED;
+        if (!m_isEcho || m_error == EINTR || isOver) {
             return;
         }
         std::this_thread::sleep_for(milliseconds(100));
@@ -356,9 +316,12 @@ private:
     const std::string m_set =
         "*3\r\n$3\r\nSET\r\n$3\r\nbig\r\n$1048576\r\n" + std::string(1 << 20, 'v') + "\r\n";
     const CTempFolder m_home;
-    const CTestCertificates m_certificates;
-    Program m_program;
-    const FaultFile m_faults;
+    const bool m_isEcho;
+    const int m_type;
+    SSL_CTX* const m_tls;
+    CNxSocketTcp m_listener;
+    FaultPlan* const m_plan;
+    const std::string m_command;
     std::unique_ptr<Server> m_server;
     const char* m_part = "";
     const Fault* m_fault = nullptr;
@@ -366,17 +329,18 @@ private:
     long m_number = 0;
     long m_descriptors = 0;
     long m_injected = 0;
+    long m_runs = 0;
     int m_wrong = 0;
+    bool m_isSpoilt = false;
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 3) {
-        std::fprintf(stderr, "usage: fault_sweep PROGRAM SHIM [--long] [MODE]\n");
+    if (argc < 4) {
+        std::fprintf(stderr, "usage: fault_sweep MODE COMMAND SHIM [long]\n");
         return 2;
     }
     signal(SIGPIPE, SIG_IGN);
-    const bool isLong = argc > 3 && std::strcmp(argv[3], "--long") == 0;
-    return Sweep(argv[1], argv[2], argv[argc - 1], isLong).Run() == 0 ? 0 : 1;
+    return Sweep(argv[1], argv[2], argv[3], argc > 4).Run() == 0 ? 0 : 1;
 }

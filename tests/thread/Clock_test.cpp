@@ -66,10 +66,10 @@ TEST(Clock, PreciseTimersSleepUntilTheNextIsDue) {
     CNxThreadManager::SleepMs(300);
     EXPECT_LT(CountSleeps() - before, 10);
     // Wakes a thread that was going to sleep for long, and counts from now.
-    const auto start = steady_clock::now();
+    const auto start = std::chrono::steady_clock::now();
     Must(near.Schedule(&sink, CNxTimeValue(0, 20000), 1, worker.GetType()));
     YieldUntil([&] { return sink.m_calls != 0; });
-    EXPECT_GE(steady_clock::now() - start, milliseconds(20));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(20));
     EXPECT_EQ(far.Cancel(), NX_OK);
 }
 

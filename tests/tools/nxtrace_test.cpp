@@ -1,56 +1,143 @@
-// The program: what it prints for which options, and how it follows files.
+// The trace reader: what it finds in trace files, against what the library wrote into them or what
+// is made by hand, what the program prints for which options, and how it follows files.
 #include <gtest/gtest.h>
 #include <nx/trace/CNxT120TraceFile.h>
-#include <signal.h>
 
 #include <memory>
 
+#include "../support/Process.h"
 #include "../support/TempFolder.h"
-#include "TraceSamples.h"
-#include "trace_name.h"
+#include "CTraceFile.h"
 #include "trace_print.h"
 
 namespace {
 
-const std::string s_program = NXTRACE;
-
-std::string Nxtrace(const std::string& arguments, int* status = nullptr) {
-    return OutputOf(s_program + " " + arguments + " 2>&1", status);
+// A line of 11/21/2026 at that second after 09:00:00.
+std::string RecordLine(int second, const std::string& levelAndText, int pid = 77, int tid = -5) {
+    char head[80];
+    std::snprintf(head, sizeof(head), "[11/21/2026 09:%02d:%02d.000 pid=%d tid=%d] ", second / 60,
+                  second % 60, pid, tid);
+    return head + levelAndText + "\n";
 }
 
-// nxtrace -f as a process of its own, its lines taken one by one.
-class CFollower {
-public:
-    // The shell says its process id, and becomes the program.
-    explicit CFollower(const std::string& arguments)
-        : m_out(
-              popen(("echo $$; exec timeout 60 " + s_program + " -f " + arguments).c_str(), "re")),
-          m_pid(std::atoi(NextLine().c_str())) {}
-    ~CFollower() {
-        kill(m_pid, SIGTERM);
-        pclose(m_out);
+std::string HeaderLine(size_t offset) {
+    char header[40];
+    std::snprintf(header, sizeof(header), "%-31zu\n", offset);
+    return header;
+}
+
+// A file whose newer records stand before the marker, and older bytes after it.
+std::string FileOf(const std::string& newer, const std::string& older = "") {
+    return HeaderLine(TRACE_HEADER_SIZE + newer.size()) + newer + std::string(TRACE_MARKER) + older;
+}
+
+using Texts = std::vector<std::string>;
+
+// What was there before, and what is new.
+Texts TakeNew(CTraceFile& file, Texts texts = {}) {
+    CTraceBatch batch;
+    if (file.ReadNew(batch) == CTraceFile::READ) {
+        for (const CTraceRecord& record : batch.m_records) {
+            texts.emplace_back(record.m_text);
+        }
     }
-    CFollower(const CFollower&) = delete;
-    CFollower& operator=(const CFollower&) = delete;
+    return texts;
+}
+
+Texts ReadTexts(const std::string& path) {
+    CTraceFile file(path);
+    return TakeNew(file);
+}
+
+bool IsEndOf(const Texts& end, const Texts& all) {
+    return end.size() <= all.size() && std::equal(end.rbegin(), end.rend(), all.rbegin());
+}
+
+// Texts of all lengths, so that the wraps come at all distances from a record's end.
+std::string TextOf(int i) {
+    return std::to_string(i) + std::string(static_cast<size_t>(i * 37 % 150), 'x');
+}
+
+// The follower that looks after every record sees all; the one that looks after every hundredth is
+// overtaken and goes on with what is left. A private file goes on beyond its limit.
+TEST(TraceFile, IsUnwrappedAfterEveryRecordAndFollowedUntilOvertaken) {
+    const CTempFolder folder;
+    for (const bool isShared : {false, true}) {
+        const std::string path = folder.Path(isShared ? "shared" : "private");
+        CNxT120TraceFile writer(path.c_str(), 3000, isShared ? 1 : 0, 1);
+        CTraceFile followed(path);
+        CTraceFile overtaken(path);
+        Texts written;
+        Texts seen;
+        for (int i = 0; i < 400; ++i) {
+            writer.write("Log", "Info", TextOf(i).c_str());
+            written.push_back(TextOf(i));
+            seen = TakeNew(followed, seen);
+            ASSERT_EQ(seen, written);
+            if (i % 100 == 99) {
+                const Texts left = TakeNew(overtaken);
+                ASSERT_GE(left.size(), 8U);
+                ASSERT_TRUE(IsEndOf(left, written));
+            }
+            const Texts all = ReadTexts(path);
+            ASSERT_FALSE(all.empty());
+            ASSERT_TRUE(IsEndOf(all, written)) << "record " << i;
+        }
+    }
+}
+
+TEST(TraceFile, DamageCostsNoRecordThatIsStillWhole) {
+    const CTempFolder folder;
+    const std::string f = "f\n\n[its third line]";
+    const std::string newer = RecordLine(5, "Info:e") + RecordLine(6, "Info:" + f);
+    const std::string older = RecordLine(3, "Info:c") + RecordLine(4, "Info:d");
+    const std::string good = FileOf(newer, older.substr(10));
+    const Texts expected = {"d", "e", f};
+    EXPECT_EQ(ReadTexts(folder.Put("t", good)), expected);
+    for (const std::string& header :
+         {std::string(32, 'x'), std::string(32, '\0'), HeaderLine(7), HeaderLine(40),
+          HeaderLine(1000000), std::string("99999999999999999999999999999999")}) {
+        EXPECT_EQ(ReadTexts(folder.Put("t", header + good.substr(32))), expected) << header;
+    }
+    // Cut off at the front; a writer killed between a record's beginning and its marker; zeros from
+    // a full disk.
+    EXPECT_EQ(ReadTexts(folder.Put("t", good.substr(50))), (Texts{"d", f}));
+    EXPECT_EQ(ReadTexts(folder.Put("t", HeaderLine(32 + newer.size()) + newer + older)), expected);
+    EXPECT_EQ(ReadTexts(folder.Put("t", FileOf(std::string(9, '\0') + newer))), (Texts{"e", f}));
+    // The header of a file that is followed goes wrong.
+    CTraceFile followed(folder.Put("t", good));
+    const Texts before = TakeNew(followed);
+    folder.Put("t", HeaderLine(999999999999999999) +
+                        FileOf(newer + RecordLine(7, "Info:g"), older.substr(60)).substr(32));
+    EXPECT_EQ(TakeNew(followed, before), (Texts{"d", "e", f, "g"}));
+}
+
+// Before, reading it took as much memory as the file has bytes.
+TEST(TraceFile, HolesAreLeftOutHoweverLargeTheyAre) {
+    const CTempFolder folder;
+    constexpr std::uintmax_t LARGE = std::uintmax_t{1} << 36;
+    const std::string path =
+        folder.Put("t", FileOf(RecordLine(5, "Info:a") + RecordLine(6, "Info:b")));
+    std::filesystem::resize_file(path, LARGE);
+    std::ofstream(path, std::ios::app) << RecordLine(3, "Info:c") << RecordLine(4, "Info:d");
+    EXPECT_EQ(ReadTexts(path), (Texts{"c", "d", "a", "b"}));
+}
+
+std::string Nxtrace(const std::string& arguments, int* status = nullptr) {
+    return OutputOf(NXTRACE " " + arguments + " 2>&1", status);
+}
+
+// nxtrace -f as a process of its own.
+class CFollower : private Process {
+public:
+    explicit CFollower(const std::string& arguments) : Process(NXTRACE " -f " + arguments) {}
 
     // The text of the next record; "" when none comes.
-    std::string Next() {
-        const std::string line = NextLine();
+    std::string Next() const {
+        const std::string line = ReadLine();
         CTraceRecord record;
         return ParseRecord(line, record) ? std::string(record.m_text) : "";
     }
-
-private:
-    std::string NextLine() {
-        std::string line;
-        for (int c = 0; (c = std::fgetc(m_out)) != EOF && c != '\n';) {
-            line += static_cast<char>(c);
-        }
-        return line;
-    }
-
-    FILE* const m_out;
-    const pid_t m_pid;
 };
 
 class CNxtraceTest : public testing::Test {
@@ -71,14 +158,11 @@ protected:
     const std::string m_slow = RecordLine(62, "Warning:slow", 77, 9);
 };
 
-}  // namespace
-
 TEST_F(CNxtraceTest, MergesFilesByTimeAndShowsSecondCopiesOnce) {
     EXPECT_EQ(Nxtrace(Dir()), m_one + m_other + m_bad + m_slow);
     EXPECT_EQ(Nxtrace(Dir() + "--process srv"), m_one + m_bad + m_slow);
     const std::string file = m_folder.Path("srv_error_11212026_0.77.log");
-    EXPECT_EQ(Nxtrace(file + " " + file), m_bad) << "the same file twice is one file";
-    EXPECT_EQ(Nxtrace(file + " " + m_folder.Path("./srv_info_11212026_0.77.log")),
+    EXPECT_EQ(Nxtrace(file + " " + file + " " + m_folder.Path("./srv_info_11212026_0.77.log")),
               m_one + m_bad + m_slow);
     // The same text twice in one file is two records.
     m_folder.Put("srv_error_11212026_0.77.log", FileOf(m_bad + m_bad));
@@ -157,32 +241,10 @@ TEST_F(CNxtraceTest, RefusesWhatIsNoTraceFileAndGoesOn) {
         Nxtrace(wrong, &status);
         EXPECT_EQ(status, 2) << wrong;
     }
-    for (const std::string& failing : {Dir() + "> /dev/full", std::string("-f /nowhere")}) {
-        Nxtrace(failing, &status);
-        EXPECT_EQ(status, 1) << failing;
-    }
-}
-
-TEST(Nxtrace, ShowsEachRecordOfAProcessOnceAcrossItsFourKindsOfFilesAndTheirNumbers) {
-    const CTempFolder folder;
-    std::filesystem::create_directory(folder.Path("bin"));
-    std::filesystem::create_directory(folder.Path("conf"));
-    std::filesystem::copy_file(TRACE_WRITER, folder.Path("bin/w"));
-    folder.Put("conf/w.cfg",
-               "[Trace]\nEnable=TRUE\nw.Info=TRUE\nw.Warning=TRUE\nw.Error=TRUE\nw.Fatal=TRUE\n"
-               "w=2000\n");
-    OutputOf(folder.Path("bin/w") + " 300");
-    std::vector<std::string> files;
-    ASSERT_TRUE(FindTraceFiles(folder.Path("logs"), "w", files));
-    EXPECT_GT(files.size(), 12U);
-
-    std::string expected;
-    for (int i = 0; i < 300; ++i) {
-        constexpr const char* LEVELS[] = {"Info", "Warning", "Error", "Fatal"};
-        expected += LEVELS[i % 4] + (":" + std::to_string(i) + "\n");
-    }
-    const std::string all = "--dir " + folder.Path("logs") + " --process w";
-    EXPECT_EQ(Nxtrace(all + " | sed 's/^[^]]*] //'"), expected);
+    Nxtrace(Dir() + "> /dev/full", &status);
+    EXPECT_EQ(status, 1);
+    Nxtrace("-f /nowhere", &status);
+    EXPECT_EQ(status, 1);
 }
 
 TEST_F(CNxtraceTest, FollowsGrowthWrapTheNextNumberMidnightAndNewProcesses) {
@@ -218,3 +280,5 @@ TEST_F(CNxtraceTest, FollowsGrowthWrapTheNextNumberMidnightAndNewProcesses) {
     make("f_info_11202026_0.5.log")->write("Log", "Info", "clock set back");
     expect("clock set back");
 }
+
+}  // namespace
