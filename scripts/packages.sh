@@ -32,7 +32,7 @@ need() {
 }
 
 build_packages=(g++ make cmake libc-ares-dev libiniparser-dev libsodium-dev libssl-dev
-    libxxhash-dev node-llhttp zlib1g-dev)
+    libxxhash-dev node-llhttp robin-map-dev zlib1g-dev)
 # shellcheck disable=SC2034 # for the scripts that source this
 test_packages=("${build_packages[@]}" libgtest-dev curl faketime openssl)
 # What the benchmarks measure beside the library.

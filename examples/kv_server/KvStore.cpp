@@ -50,7 +50,7 @@ Value::Value(std::string_view bytes) {
     m_block = CNxAutoPtr<CNxDataBlock>::Adopt(block);
 }
 
-std::size_t KeyHash::operator()(const std::string& key) const {
+std::size_t KeyHash::operator()(std::string_view key) const {
     unsigned char hash[crypto_shorthash_BYTES];
     crypto_shorthash(hash, reinterpret_cast<const unsigned char*>(key.data()), key.size(), m_key);
     std::size_t word = 0;
@@ -59,74 +59,74 @@ std::size_t KeyHash::operator()(const std::string& key) const {
     return word;
 }
 
-KvStore::Entries::iterator KvStore::FindLiving(std::string_view key) {
-    m_key = key;
-    const auto found = m_entries.find(m_key);
-    if (found != m_entries.end() && IsExpired(found->second)) {
-        Erase(found);
-        return m_entries.end();
+Entry* KvStore::FindLiving(std::string_view key) {
+    const auto found = m_entries.find(key);
+    if (found == m_entries.end()) {
+        return nullptr;
     }
-    return found;
+    if (IsExpired(**found)) {
+        Erase(**found);
+        return nullptr;
+    }
+    return found->get();
 }
 
 const Value* KvStore::Find(std::string_view key) {
-    const auto found = FindLiving(key);
-    return found != m_entries.end() ? &found->second.value : nullptr;
+    const Entry* const found = FindLiving(key);
+    return found != nullptr ? &found->value : nullptr;
 }
 
 void KvStore::Set(std::string_view key, std::string_view value, std::int64_t expiry) {
     Value made(value);
-    auto found = FindLiving(key);
-    const bool isNew = found == m_entries.end();
+    Entry* entry = FindLiving(key);
+    const bool isNew = entry == nullptr;
     if (isNew) {
-        found = m_entries.try_emplace(m_key).first;
+        entry = m_entries.insert(std::make_unique<Entry>(Entry{std::string(key), {}, c_never}))
+                    .first->get();
     }
     try {
-        Expire(found, expiry == c_keepExpiry ? found->second.expiry : expiry);
+        Expire(*entry, expiry == c_keepExpiry ? entry->expiry : expiry);
     } catch (const std::bad_alloc&) {
         if (isNew) {
-            m_entries.erase(found);
+            Erase(*entry);
         }
         throw;
     }
-    found->second.value = std::move(made);
+    entry->value = std::move(made);
 }
 
 bool KvStore::Delete(std::string_view key) {
-    const auto found = FindLiving(key);
-    const bool isThere = found != m_entries.end();
-    if (isThere) {
-        Erase(found);
+    const Entry* const found = FindLiving(key);
+    if (found != nullptr) {
+        Erase(*found);
     }
-    return isThere;
+    return found != nullptr;
 }
 
 bool KvStore::SetExpiry(std::string_view key, std::int64_t time) {
-    const auto found = FindLiving(key);
-    const bool isThere = found != m_entries.end();
-    if (isThere) {
-        Expire(found, time);
+    Entry* const found = FindLiving(key);
+    if (found != nullptr) {
+        Expire(*found, time);
     }
-    return isThere;
+    return found != nullptr;
 }
 
 // Or never.
-void KvStore::Expire(Entries::iterator found, std::int64_t time) {
-    std::int64_t& expiry = found->second.expiry;
-    if (time == expiry) {
+void KvStore::Expire(Entry& entry, std::int64_t time) {
+    if (time == entry.expiry) {
         return;
     }
     if (time != c_never) {
-        m_expiries.emplace(time, &found->first);
+        m_expiries.emplace(time, &entry);
     }
-    m_expiries.erase({expiry, &found->first});
-    expiry = time;
+    m_expiries.erase({entry.expiry, &entry});
+    entry.expiry = time;
 }
 
 std::optional<std::int64_t> KvStore::GetExpiry(std::string_view key) {
-    const auto found = FindLiving(key);
-    const bool expires = found != m_entries.end() && found->second.expiry != c_never;
-    return expires ? std::optional(found->second.expiry) : std::nullopt;
+    const Entry* const found = FindLiving(key);
+    const bool expires = found != nullptr && found->expiry != c_never;
+    return expires ? std::optional(found->expiry) : std::nullopt;
 }
 
 void KvStore::Clear() {
@@ -136,14 +136,13 @@ void KvStore::Clear() {
 
 void KvStore::RemoveExpired(std::size_t limit) {
     for (; limit > 0 && !m_expiries.empty() && m_expiries.begin()->first <= m_now; --limit) {
-        Erase(m_entries.find(*m_expiries.begin()->second));
+        Erase(*m_expiries.begin()->second);
     }
 }
 
-void KvStore::Erase(Entries::iterator found) {
-    m_expiries.erase({found->second.expiry, &found->first});
-    m_entries.erase(found);
-    assert(m_expiries.size() <= m_entries.size());
+void KvStore::Erase(const Entry& entry) {
+    m_expiries.erase({entry.expiry, &entry});
+    m_entries.erase(m_entries.find(entry.key));
 }
 
 bool MatchesGlob(std::string_view pattern, std::string_view text, std::size_t& steps) {

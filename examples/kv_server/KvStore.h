@@ -5,14 +5,15 @@
 #include <nx/buffer/CNxMessageChain.h>
 #include <nx/foundation/CNxAutoPtr.h>
 #include <sodium/crypto_shorthash.h>
+#include <tsl/robin_set.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 
 namespace kv_server {
@@ -34,15 +35,21 @@ private:
     CNxAutoPtr<CNxDataBlock> m_block;
 };
 
+struct Entry {
+    std::string key;
+    Value value;
+    std::int64_t expiry;
+};
+
 // The hash of the keys, itself keyed at random, each anew: without that key nobody finds texts that
 // collide more often than by chance.
-//
-// Deliberately not noexcept: the table then keeps each hash instead of computing it again when it
-// walks a bucket.
 class KeyHash {
 public:
     KeyHash() { crypto_shorthash_keygen(m_key); }
-    std::size_t operator()(const std::string& key) const;
+    std::size_t operator()(std::string_view key) const;
+    std::size_t operator()(const std::unique_ptr<Entry>& entry) const {
+        return (*this)(entry->key);
+    }
 
 private:
     unsigned char m_key[crypto_shorthash_KEYBYTES];
@@ -87,33 +94,41 @@ public:
     // change the store.
     template <class Visit>
     void ForEachKey(Visit visit) const {
-        for (const auto& [key, entry] : m_entries) {
-            if (!IsExpired(entry) && !visit(std::string_view(key))) {
+        for (const auto& entry : m_entries) {
+            if (!IsExpired(*entry) && !visit(std::string_view(entry->key))) {
                 return;
             }
         }
     }
 
 private:
-    struct Entry {
-        Value value;
-        std::int64_t expiry = c_never;
+    struct SameKey {
+        using is_transparent = void;
+
+        bool operator()(const std::unique_ptr<Entry>& entry, std::string_view key) const {
+            return entry->key == key;
+        }
+        bool operator()(const std::unique_ptr<Entry>& entry,
+                        const std::unique_ptr<Entry>& other) const {
+            return entry->key == other->key;
+        }
     };
-    // Clients choose the keys: how these spread must not be known to them.
-    using Entries = std::unordered_map<std::string, Entry, KeyHash>;
+    // Clients choose the keys: how these spread must not be known to them. Where there is no memory
+    // it stays as it is, which not every fast table promises.
+    using Entries = tsl::robin_set<std::unique_ptr<Entry>, KeyHash, SameKey,
+                                   std::allocator<std::unique_ptr<Entry>>, true>;
 
     bool IsExpired(const Entry& entry) const {
         return entry.expiry != c_never && entry.expiry <= m_now;
     }
-    Entries::iterator FindLiving(std::string_view key);
-    void Expire(Entries::iterator found, std::int64_t time);
-    void Erase(Entries::iterator found);
+    Entry* FindLiving(std::string_view key);
+    void Expire(Entry& entry, std::int64_t time);
+    void Erase(const Entry& entry);
 
     std::int64_t m_now = 0;
     Entries m_entries;
-    // The keys in m_entries that expire; they stay where they are.
-    std::set<std::pair<std::int64_t, const std::string*>> m_expiries;
-    std::string m_key;  // a look-up needs a string; this one keeps its memory
+    // Those in m_entries that expire; they stay where they are.
+    std::set<std::pair<std::int64_t, const Entry*>> m_expiries;
 };
 
 // Whether the text matches the pattern as a whole: '*' any bytes, '?' one byte, [abc], [a-z] and
