@@ -51,8 +51,10 @@ TEST(Daemon, ThatIsWaitedForTellsWhetherItsStartHasSucceeded) {
         Child child([&] {
             const pid_t caller = getpid();
             const std::string output = std::filesystem::read_symlink("/proc/self/fd/1");
+            close(STDERR_FILENO);
             if (cnx_daemonise_until_ready() != NX_OK ||
-                output != std::filesystem::read_symlink("/proc/self/fd/1")) {
+                output != std::filesystem::read_symlink("/proc/self/fd/1") ||
+                std::filesystem::read_symlink("/proc/self/fd/2") != "/dev/null") {
                 return 2;
             }
             if (isReady) {
