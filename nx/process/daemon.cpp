@@ -112,10 +112,11 @@ void cnx_daemon_ready() {
     if (!s_ready.IsOpen()) {
         return;
     }
-    std::fflush(nullptr);
-    // Neither fails with descriptors that are open; who has started it may be gone.
-    static_cast<void>(ReplaceStreams(s_nullDevice.Get(), STDOUT_FILENO, false));
+    // Who has started it, and who reads its output, may be gone.
     const CNoSigPipe noSigPipe;
+    std::fflush(nullptr);
+    // Neither fails otherwise, with descriptors that are open.
+    static_cast<void>(ReplaceStreams(s_nullDevice.Get(), STDOUT_FILENO, false));
     static_cast<void>(Tell(s_ready.Get(), 0));
     s_ready = CDescriptor();
     s_nullDevice = CDescriptor();
