@@ -16,9 +16,11 @@ namespace {
 CDescriptor s_ready;
 CDescriptor s_nullDevice;
 
-bool ReplaceStreams(int nullDevice, int first, int last) {
-    for (int stream = first; stream <= last; ++stream) {
-        if (dup2(nullDevice, stream) < 0) {
+// Output that is kept is replaced where there is none: else the next file would be it.
+bool ReplaceStreams(int nullDevice, int first, bool keepsOutput) {
+    for (int stream = first; stream <= STDERR_FILENO; ++stream) {
+        const bool isKept = keepsOutput && stream != STDIN_FILENO && fcntl(stream, F_GETFD) != -1;
+        if (!isKept && dup2(nullDevice, stream) < 0) {
             return false;
         }
     }
@@ -41,14 +43,14 @@ int Hear(int answer) {
 }
 
 // The daemon, alone, comes back from here, and only when all is well.
-void BecomeDaemon(int nullDevice, int lastStream, int ready) {
+void BecomeDaemon(int nullDevice, bool keepsOutput, int ready) {
     // The second child leads no session, and so never gets a terminal by opening one.
     const pid_t pid = setsid() < 0 ? -1 : fork();
     if (pid > 0) {
         _exit(0);
     }
     const bool isReady =
-        pid == 0 && chdir("/") == 0 && ReplaceStreams(nullDevice, STDIN_FILENO, lastStream);
+        pid == 0 && chdir("/") == 0 && ReplaceStreams(nullDevice, STDIN_FILENO, keepsOutput);
     if (!Tell(ready, isReady ? 0 : errno) || !isReady) {
         _exit(1);
     }
@@ -88,7 +90,7 @@ NxResult Daemonise(bool isToBeReady) {
         ready = CDescriptor();  // the end of the child's is then the end
         return AwaitDaemon(child, answer.Get(), isToBeReady);
     }
-    BecomeDaemon(nullDevice.Get(), isToBeReady ? STDIN_FILENO : STDERR_FILENO, ready.Get());
+    BecomeDaemon(nullDevice.Get(), isToBeReady, ready.Get());
     if (isToBeReady) {
         s_nullDevice = std::move(nullDevice);
         s_ready = std::move(ready);
@@ -110,10 +112,11 @@ void cnx_daemon_ready() {
     if (!s_ready.IsOpen()) {
         return;
     }
-    std::fflush(nullptr);
-    // Neither fails with descriptors that are open; who has started it may be gone.
-    static_cast<void>(ReplaceStreams(s_nullDevice.Get(), STDOUT_FILENO, STDERR_FILENO));
+    // Who has started it, and who reads its output, may be gone.
     const CNoSigPipe noSigPipe;
+    std::fflush(nullptr);
+    // Neither fails otherwise, with descriptors that are open.
+    static_cast<void>(ReplaceStreams(s_nullDevice.Get(), STDOUT_FILENO, false));
     static_cast<void>(Tell(s_ready.Get(), 0));
     s_ready = CDescriptor();
     s_nullDevice = CDescriptor();

@@ -18,8 +18,9 @@
 // The same, but whoever starts the daemon learns whether its start has succeeded: the process that
 // was called waits, and ends with status 0 when the daemon calls cnx_daemon_ready, with 1 when the
 // daemon has ended without. Standard output and error stay until then, so that what is wrong is
-// read where it was started. A daemon that does neither keeps it waiting, and so does a child
-// process that it forks before and leaves behind.
+// read where it was started; one that the process was started without is the null device. A daemon
+// that does neither keeps it waiting, and so does a child process that it forks before and leaves
+// behind.
 [[nodiscard]] NxResult cnx_daemonise_until_ready();
 
 // What the starter waits for; standard output and error, flushed, lead to the null device from here

@@ -187,20 +187,15 @@ void CConnectionImp::Advance() {
     AskForCall();
 }
 
+// The first end may find that another was asked for meanwhile.
 void CConnectionImp::ServeAsked() {
-    switch (m_asked) {
-        case EAsked::NOTHING:
-        case EAsked::NO_MORE:
-            break;
-        case EAsked::END_WHEN_SENT:
-            EndWhenSent();
-            break;
-        case EAsked::DROP:
-            End(ENxClosed::LIMIT, EText::TOO_MUCH_UNSENT);
-            break;
-        case EAsked::END_NOW:
-            End(ENxClosed::BY_US);
-            break;
+    if (m_asked == EAsked::END_WHEN_SENT) {
+        EndWhenSent();
+    }
+    if (m_asked == EAsked::DROP) {
+        End(ENxClosed::LIMIT, EText::TOO_MUCH_UNSENT);
+    } else if (m_asked == EAsked::END_NOW) {
+        End(ENxClosed::BY_US);
     }
 }
 

@@ -33,7 +33,9 @@ struct CNxConnectionOptions {
     size_t bytesPerTurn = 256UL << 10;
 
     // Zero for none. Nothing came and nothing went; see ENxClosed. Measured by the monotonic clock
-    // to some milliseconds; who is over its time is looked at once more for input that waits.
+    // to some milliseconds; who is over its time is looked at once more for input that waits. A
+    // system clock that is set back holds up those of a loop until it gets another connection,
+    // unless the process has chosen otherwise (CNxTimeValue::UseMonotonicClock).
     CNxTimeValue idleTimeout;
     CNxTimeValue stallTimeout{30, 0};
     CNxTimeValue handshakeTimeout{10, 0};

@@ -13,6 +13,9 @@ namespace {
 // The coarse clock's step at most: a timer is that much late, and finds the time over.
 constexpr std::int64_t c_clockStepMs = 10;
 
+// A step of the timers' clock, not the grain of the two.
+constexpr std::int64_t c_setBackMs = 100;
+
 // Of the timer while it fires: there is no need for another.
 constexpr std::int64_t c_now = 0;
 
@@ -193,11 +196,24 @@ NxResult CStreamLoop::CallBy(CStreamMember& member, std::int64_t due) {
     try {
         if (due < member.GetDue()) {
             m_dues.Set(member, due);
+            HeedClock();
         }
     } catch (const std::bad_alloc&) {
         return NX_ERROR_FAILURE;
     }
     return WakeAtFirst();
+}
+
+// The timer of a clock that was set back since comes so much too late: another one is needed.
+void CStreamLoop::HeedClock() {
+    const bool isRunning = m_wakeAt != c_now && m_wakeAt != CDueMember::c_never;
+    if (isRunning && GetClockLead() < m_clockLead - c_setBackMs) {
+        m_wakeAt = CDueMember::c_never;
+    }
+}
+
+std::int64_t CStreamLoop::GetClockLead() {
+    return CNxTimeValue::GetTimeOfDay().GetTotalInMsec() - NowMs();
 }
 
 NxResult CStreamLoop::WakeAtFirst() {
@@ -211,6 +227,7 @@ NxResult CStreamLoop::WakeAtFirst() {
         return NX_ERROR_FAILURE;
     }
     m_wakeAt = first->GetDue();
+    m_clockLead = GetClockLead();
     return NX_OK;
 }
 

@@ -97,6 +97,8 @@ private:
     void CallEach(void (CStreamMember::*call)());
     void TellEnded();
     void ReleaseGone();
+    void HeedClock();
+    static std::int64_t GetClockLead();
     [[nodiscard]] NxResult WakeAtFirst();
     void OnTimeout(const CNxTimeValue& curTime, void* token) override;
 
@@ -117,6 +119,7 @@ private:
     CDueHeap m_dues;
     // When the timer fires; c_never without one.
     std::int64_t m_wakeAt = CDueMember::c_never;
+    std::int64_t m_clockLead = 0;  // of the timers' clock over ours, when the timer was set
 
     std::atomic<bool> m_isPosted{false};
     CNxMutexThread m_mutex;

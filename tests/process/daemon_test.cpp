@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <nx/process/daemon.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -51,11 +52,20 @@ TEST(Daemon, ThatIsWaitedForTellsWhetherItsStartHasSucceeded) {
         Child child([&] {
             const pid_t caller = getpid();
             const std::string output = std::filesystem::read_symlink("/proc/self/fd/1");
+            close(STDERR_FILENO);
             if (cnx_daemonise_until_ready() != NX_OK ||
-                output != std::filesystem::read_symlink("/proc/self/fd/1")) {
+                output != std::filesystem::read_symlink("/proc/self/fd/1") ||
+                std::filesystem::read_symlink("/proc/self/fd/2") != "/dev/null") {
                 return 2;
             }
             if (isReady) {
+                // Whoever reads it has gone.
+                int unread[2];
+                if (pipe(unread) != 0 || close(unread[0]) != 0 ||
+                    dup2(unread[1], STDOUT_FILENO) < 0) {
+                    return 5;
+                }
+                std::printf("ready\n");
                 cnx_daemon_ready();
                 cnx_daemon_ready();
             }

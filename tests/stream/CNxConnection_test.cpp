@@ -3,6 +3,7 @@
 #include <tests/reactor/ReactorSupport.h>
 #include <tests/support/FailingCalls.h>
 #include <tests/support/FailingNew.h>
+#include <tests/support/SimulatedClock.h>
 #include <tests/support/TempFolder.h>
 
 #include <cerrno>
@@ -41,6 +42,23 @@ TEST_F(ConnectionEnds, EndsByTheTimeOutThatIsOver) {
         WaitUntilClosed(sink, row.kind);
         EXPECT_NE(sink.m_reason.text.find("0.03 s"), std::string::npos) << sink.m_reason.text;
     }
+}
+
+TEST_F(ConnectionEnds, AClockThatIsSetBackHoldsUpNoneThatComesAfterIt) {
+    Sink before;
+    Sink after;
+    Options options;
+    options.idleTimeout = {0, 30000};
+    {
+        SimulatedClock future;
+        future.Advance(4000000000000000);
+        Connect(before, options);
+        m_loop.WaitUntil([&] { return m_connection->GetState() == CNxConnection::EState::OPEN; });
+    }
+    const CNxSocketBase peerOfBefore = std::move(m_peer);
+    Connect(after, options);
+    m_loop.WaitUntil([&] { return before.m_isClosed && after.m_isClosed; });
+    EXPECT_EQ(after.m_reason.kind, ENxClosed::IDLE);
 }
 
 TEST_F(ConnectionEnds, IsDroppedBeyondALimit) {
@@ -224,6 +242,33 @@ TEST_F(ConnectionEnds, NoMemoryForATurnLosesNone) {
         failing_new::Stop();
         m_loop.Run([&] { m_connection->CloseNow(); });
     }
+}
+
+// The one that has its turn before it has another thread ask for the end at once.
+TEST_F(ConnectionEnds, AnEndThatIsAskedForWhileAnotherIsServedIsNotLost) {
+    Sink one;
+    Sink other;
+    CNxAutoPtr<CNxConnection> first;
+    one.m_onHighWater = [&](CNxConnection&) {
+        std::thread([&] { m_connection->CloseNow(); }).join();
+    };
+    Options options;
+    options.stallTimeout = {};
+    Connect(one, options);
+    first = m_connection;
+    const CNxSocketBase peerOfFirst = std::move(m_peer);
+    Connect(other, options);
+    const std::string bytes(8 << 20, 'x');
+    m_loop.Run([&] {
+        m_connection->Send(bytes);
+        std::thread([&] {
+            first->Send(bytes);
+            m_connection->CloseWhenSent();
+        }).join();
+    });
+    m_loop.WaitUntil([&] { return other.m_isClosed; });
+    EXPECT_EQ(other.m_reason.kind, ENxClosed::BY_US);
+    m_loop.Run([&] { first->Abandon(); });
 }
 
 // What another thread has left is dropped with no lock held: who is told may end other connections.
