@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <future>
 #include <map>
 #include <random>
@@ -247,16 +248,20 @@ int Run(CNxServer& server, Work&& work, const std::string& host, std::uint64_t p
 }  // namespace
 
 int main(int argc, char** argv) {
-    Options options;
-    if (const auto status = Describe(options).Read(argc, argv)) {
-        return *status;
+    try {
+        Options options;
+        if (const auto status = Describe(options).Read(argc, argv)) {
+            return *status;
+        }
+        CNxOwnLines::Send(CNxOwnLines::NOWHERE);
+        CNxServer server(argc, argv);
+        if (server.HasFailed()) {
+            return server.Run();
+        }
+        return options.listen != 0
+                   ? Run(server, Peer(server, options.lose), options.host, options.listen)
+                   : Run(server, Sender(server, options), options.host, options.port);
+    } catch (const std::exception& error) {
+        return examples::Fail(error.what());
     }
-    CNxOwnLines::Send(CNxOwnLines::NOWHERE);
-    CNxServer server(argc, argv);
-    if (server.HasFailed()) {
-        return server.Run();
-    }
-    return options.listen != 0
-               ? Run(server, Peer(server, options.lose), options.host, options.listen)
-               : Run(server, Sender(server, options), options.host, options.port);
 }
