@@ -8,6 +8,7 @@
 #include <exception>
 #include <future>
 #include <map>
+#include <new>
 #include <random>
 #include <string>
 #include <string_view>
@@ -136,7 +137,13 @@ public:
             result = m_deadline.RunAfter(m_loop, FromMs(m_options.timeout * 1000),
                                          [this] { m_server.Stop(); });
         }
-        const auto begin = [this] { Begin(); };
+        const auto begin = [this] {
+            try {
+                Begin();
+            } catch (const std::bad_alloc&) {
+                // At the next interval.
+            }
+        };
         return result == NX_OK ? m_pace.RunEvery(m_loop, FromMs(m_options.interval), begin)
                                : result;
     }
@@ -158,21 +165,27 @@ private:
     };
 
     void Begin() {
-        const unsigned number = ++m_begun;
+        const unsigned number = m_begun + 1;
+        CNxTimedCall& timer = m_open[number].again;
+        m_begun = number;
         if (m_begun == m_options.requests) {
             m_pace.Cancel();
         }
         Send(number);
         const auto again = [this, number] { Send(number); };
-        if (m_open[number].again.RunEvery(m_loop, FromMs(m_options.again), again) != NX_OK) {
+        if (timer.RunEvery(m_loop, FromMs(m_options.again), again) != NX_OK) {
             m_server.Stop();
         }
     }
 
     void Send(unsigned number) {
         ++m_sent;
-        const std::string bytes(static_cast<size_t>(m_options.size), 'x');
-        m_socket.Send({}, "REQ " + std::to_string(number) + " " + bytes);
+        try {
+            const std::string bytes(static_cast<size_t>(m_options.size), 'x');
+            m_socket.Send({}, "REQ " + std::to_string(number) + " " + bytes);
+        } catch (const std::bad_alloc&) {
+            // As lost on the way.
+        }
     }
 
     // The answer to a request that was sent again comes again.
