@@ -89,7 +89,7 @@ private:
     void OnReceive(CNxConnection& connection, CNxMessageChain& received) override {
         const std::string wrong = m_conversation.Check(received, NowNs(), m_client.m_latency);
         if (!wrong.empty()) {
-            Fail([&] { return wrong; });
+            Fail([&]() -> const std::string& { return wrong; });
             return;
         }
         Ask(connection);
@@ -143,7 +143,7 @@ private:
             return;
         }
         try {
-            const std::string why = describe();
+            const std::string& why = describe();
             std::fprintf(stderr, "kv_load: connection %lu: %s\n", m_number, why.c_str());
         } catch (const std::bad_alloc&) {
             std::fprintf(stderr, "kv_load: connection %lu: out of memory\n", m_number);
