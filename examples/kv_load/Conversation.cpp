@@ -158,7 +158,8 @@ std::string Conversation::DescribeMismatch(std::string_view came) const {
     const auto differ = std::mismatch(came.begin(), came.end(), rest.begin(), rest.end());
     const auto right = static_cast<std::size_t>(differ.first - came.begin());
     // What matched so far, and the rest of the line that differs.
-    const std::string line = reply.substr(0, m_matched).append(came, 0, came.find('\n', right));
+    const std::size_t end = std::min(came.find('\n', right), came.size() - 1) + 1;
+    const std::string line = reply.substr(0, m_matched).append(came, 0, end);
     const std::size_t position = m_matched + right;
     return "wrong reply to " + Describe(m_open.front()) + " at byte " + std::to_string(position) +
            ": expected " + Quote(reply, position) + ", came " + Quote(line, position);

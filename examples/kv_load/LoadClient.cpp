@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cassert>
 #include <cstdio>
+#include <new>
 #include <random>
 #include <utility>
 
@@ -53,11 +54,11 @@ public:
     // False when it has failed at once.
     [[nodiscard]] bool Open() {
         const std::string& target = m_client.m_target;
-        const NxResult result =
-            m_connector.Connect(target.c_str(), m_client.m_connectorOptions, *this,
-                                [this](const CNxCloseReason& reason) { Fail(reason.text); });
+        const NxResult result = m_connector.Connect(
+            target.c_str(), m_client.m_connectorOptions, *this,
+            [this](const CNxCloseReason& reason) { Fail([&] { return reason.text; }); });
         if (result != NX_OK) {
-            Report("cannot connect to " + target + ": " + NxResultName(result));
+            Report([&] { return "cannot connect to " + target + ": " + NxResultName(result); });
         }
         return result == NX_OK;
     }
@@ -67,7 +68,11 @@ public:
         CNxConnection* const connection = m_connector.GetConnection();
         if (connection != nullptr) {
             connection->ResumeReading();
-            Ask(*connection);
+            try {
+                Ask(*connection);
+            } catch (const std::bad_alloc&) {
+                Fail([] { return "out of memory"; });
+            }
         }
     }
 
@@ -84,7 +89,7 @@ private:
     void OnReceive(CNxConnection& connection, CNxMessageChain& received) override {
         const std::string wrong = m_conversation.Check(received, NowNs(), m_client.m_latency);
         if (!wrong.empty()) {
-            Fail(wrong);
+            Fail([&]() -> const std::string& { return wrong; });
             return;
         }
         Ask(connection);
@@ -96,12 +101,14 @@ private:
     }
 
     void OnClosed(CNxConnection& /*connection*/, const CNxCloseReason& reason) override {
-        const std::string silence = std::to_string(m_client.m_options.stallTimeout) + " s";
-        const std::string why = reason.kind == ENxClosed::IDLE
-                                    ? "stalled, no sign of life for " + silence
-                                    : reason.text;
-        Fail(m_isOpen ? "lost: " + why + "; the server owes " + m_conversation.DescribeDebt()
-                      : "cannot connect to " + m_client.m_target + ": " + why);
+        Fail([&] {
+            const std::string silence = std::to_string(m_client.m_options.stallTimeout) + " s";
+            const std::string why = reason.kind == ENxClosed::IDLE
+                                        ? "stalled, no sign of life for " + silence
+                                        : reason.text;
+            return m_isOpen ? "lost: " + why + "; the server owes " + m_conversation.DescribeDebt()
+                            : "cannot connect to " + m_client.m_target + ": " + why;
+        });
     }
 
     // As much as the pipeline has room for, but no more than the socket takes soon: for the rest
@@ -122,14 +129,24 @@ private:
         }
     }
 
-    void Fail(const std::string& why) {
-        Report(why);
+    // `describe()` says why.
+    template <class Describe>
+    void Fail(Describe describe) {
+        Report(describe);
         Leave(m_isOpen ? m_client.m_connected : m_client.m_connecting);
     }
 
-    void Report(const std::string& why) {
-        if (++m_client.m_failed <= c_failuresShown) {
+    // Who cannot be described for want of memory has failed all the same.
+    template <class Describe>
+    void Report(Describe describe) {
+        if (++m_client.m_failed > c_failuresShown) {
+            return;
+        }
+        try {
+            const std::string& why = describe();
             std::fprintf(stderr, "kv_load: connection %lu: %s\n", m_number, why.c_str());
+        } catch (const std::bad_alloc&) {
+            std::fprintf(stderr, "kv_load: connection %lu: out of memory\n", m_number);
         }
     }
 
@@ -169,6 +186,8 @@ LoadClient::LoadClient(const Options& options, const CNxAutoPtr<CNxTlsContext>& 
     const auto showProgress = [this] {
         std::printf("%lu of %lu requests\n", m_latency.GetCount(), m_options.requests);
         std::fflush(stdout);
+        // Again: there may have been no memory to end.
+        Proceed();
     };
     if (m_progress.RunEvery(*server.GetReactor(), CNxTimeValue(1, 0), showProgress) != NX_OK) {
         server.Fail("cannot show its progress");
@@ -195,9 +214,9 @@ void LoadClient::Proceed() {
             connection->Start();
         }
     }
-    if (m_startedAt != 0 && m_connected == 0 && m_endedAt == 0) {
+    const bool isOver = m_startedAt != 0 && m_connected == 0 && m_endedAt == 0;
+    if (isOver && m_server.Stop() == NX_OK) {
         m_endedAt = NowNs();
-        m_server.Stop();
     }
 }
 

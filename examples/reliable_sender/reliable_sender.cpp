@@ -5,8 +5,10 @@
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <future>
 #include <map>
+#include <new>
 #include <random>
 #include <string>
 #include <string_view>
@@ -135,7 +137,13 @@ public:
             result = m_deadline.RunAfter(m_loop, FromMs(m_options.timeout * 1000),
                                          [this] { m_server.Stop(); });
         }
-        const auto begin = [this] { Begin(); };
+        const auto begin = [this] {
+            try {
+                Begin();
+            } catch (const std::bad_alloc&) {
+                // At the next interval.
+            }
+        };
         return result == NX_OK ? m_pace.RunEvery(m_loop, FromMs(m_options.interval), begin)
                                : result;
     }
@@ -157,21 +165,27 @@ private:
     };
 
     void Begin() {
-        const unsigned number = ++m_begun;
+        const unsigned number = m_begun + 1;
+        CNxTimedCall& timer = m_open[number].again;
+        m_begun = number;
         if (m_begun == m_options.requests) {
             m_pace.Cancel();
         }
         Send(number);
         const auto again = [this, number] { Send(number); };
-        if (m_open[number].again.RunEvery(m_loop, FromMs(m_options.again), again) != NX_OK) {
+        if (timer.RunEvery(m_loop, FromMs(m_options.again), again) != NX_OK) {
             m_server.Stop();
         }
     }
 
     void Send(unsigned number) {
         ++m_sent;
-        const std::string bytes(static_cast<size_t>(m_options.size), 'x');
-        m_socket.Send({}, "REQ " + std::to_string(number) + " " + bytes);
+        try {
+            const std::string bytes(static_cast<size_t>(m_options.size), 'x');
+            m_socket.Send({}, "REQ " + std::to_string(number) + " " + bytes);
+        } catch (const std::bad_alloc&) {
+            // As lost on the way.
+        }
     }
 
     // The answer to a request that was sent again comes again.
@@ -247,16 +261,20 @@ int Run(CNxServer& server, Work&& work, const std::string& host, std::uint64_t p
 }  // namespace
 
 int main(int argc, char** argv) {
-    Options options;
-    if (const auto status = Describe(options).Read(argc, argv)) {
-        return *status;
+    try {
+        Options options;
+        if (const auto status = Describe(options).Read(argc, argv)) {
+            return *status;
+        }
+        CNxOwnLines::Send(CNxOwnLines::NOWHERE);
+        CNxServer server(argc, argv);
+        if (server.HasFailed()) {
+            return server.Run();
+        }
+        return options.listen != 0
+                   ? Run(server, Peer(server, options.lose), options.host, options.listen)
+                   : Run(server, Sender(server, options), options.host, options.port);
+    } catch (const std::exception& error) {
+        return examples::Fail(error.what());
     }
-    CNxOwnLines::Send(CNxOwnLines::NOWHERE);
-    CNxServer server(argc, argv);
-    if (server.HasFailed()) {
-        return server.Run();
-    }
-    return options.listen != 0
-               ? Run(server, Peer(server, options.lose), options.host, options.listen)
-               : Run(server, Sender(server, options), options.host, options.port);
 }

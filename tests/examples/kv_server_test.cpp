@@ -133,6 +133,7 @@ TEST_F(KvCommands, AreRefusedAsAWholeWhenMemoryRunsOut) {
                                                    {"SET", longKey, big, "PX", "5000"},
                                                    {"INCR", "n"},
                                                    {"EXPIRE", "n", "50"},
+                                                   {"DEL", "n", std::string(300, 'd')},
                                                    {"KEYS", "*"},
                                                    {"INFO"}}) {
         bool isDone = false;
