@@ -152,12 +152,6 @@ void AddCount(const CommandContext& context, Reply& reply, Predicate predicate) 
 }
 
 void Del(CommandContext& context, Reply& reply) {
-    const Arguments& arguments = context.arguments;
-    if (arguments.size() > 2) {
-        // All or none: once the longest was looked up, the others need no memory.
-        const auto isShorter = [](auto a, auto b) { return a.size() < b.size(); };
-        context.store.Find(*std::max_element(arguments.begin() + 1, arguments.end(), isShorter));
-    }
     AddCount(context, reply, [&](std::string_view key) { return context.store.Delete(key); });
 }
 
