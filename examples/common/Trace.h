@@ -1,4 +1,4 @@
-// One trace line, put together from its parts.
+// NxTrace for programs that trace to a file of several processes, too.
 #pragma once
 
 #include <nx/trace/CNxT120Trace.h>
@@ -6,11 +6,6 @@
 #include <string>
 
 namespace examples {
-
-// Levels of g_logMapEntry.
-constexpr unsigned long c_traceError = 1;
-constexpr unsigned long c_traceWarning = 11;
-constexpr unsigned long c_traceInfo = 21;
 
 // Has every further line also written to a trace file that other processes write to as well. Before
 // any other thread traces, once.
@@ -20,8 +15,7 @@ void ShareTrace(const std::string& file);
 bool IsTraced(unsigned long level);
 void TraceText(unsigned long level, const char* text);
 
-// Parts are what Text_Formator takes: numbers and C strings. Costs next to nothing while the level
-// is off. Any thread.
+// As NxTrace.
 template <class... Parts>
 void Trace(unsigned long level, const Parts&... parts) {
     if (IsTraced(level)) {

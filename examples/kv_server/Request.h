@@ -28,9 +28,9 @@ std::string ToShown(std::string_view text);
 // A command's words, its name first.
 using Arguments = std::vector<std::string_view>;
 
-// Of one client. Keeps its place in an incomplete command, so that no argument is looked at twice
-// however the input is cut. What needs memory and finds none throws std::bad_alloc: the client is
-// then to be let go.
+// Of one client. Keeps its place in an incomplete array, so that no argument is looked at twice
+// however the input is cut; a line is looked through anew until its end has come. What needs memory
+// and finds none throws std::bad_alloc: the client is then to be let go.
 class RequestParser {
 public:
     // The next command of the input, which begins with what the last Finish left. The arguments lie

@@ -44,8 +44,7 @@ class Refusal : public INxConnectionSink {
 
 }  // namespace
 
-// Belongs to its loop's thread, but for CountHeld and Drop, which whoever makes room
-// calls.
+// Belongs to its loop's thread, but for CountHeld and Drop, which whoever makes room calls.
 class Service::Client : public INxConnectionSink {
 public:
     Client(Service& service, std::uint64_t id) : m_service(service), m_id(id) {
@@ -62,7 +61,7 @@ public:
     }
 
     void Drop() {
-        Trace(examples::c_traceWarning, "client ", m_id, " dropped: holds ", m_held.load(), " of ",
+        Trace(NX_TRACE_WARNING, "client ", m_id, " dropped: holds ", m_held.load(), " of ",
               m_service.m_held.load(), " bytes");
         m_isDropped = true;
         SetHeld(0);
@@ -94,7 +93,7 @@ private:
         connection.Send(std::move(replies));
         if (end == ERun::QUIT) {
             if (!m_parser.GetError().empty()) {
-                Trace(examples::c_traceWarning, "client ", m_id, ": ", m_parser.GetError().c_str());
+                Trace(NX_TRACE_WARNING, "client ", m_id, ": ", m_parser.GetError().c_str());
             }
             connection.CloseWhenSent();
         } else if (end == ERun::EARLY) {
@@ -130,7 +129,7 @@ private:
     }
 
     void OnHighWater(CNxConnection& connection) override {
-        Trace(examples::c_traceWarning, "client ", m_id, " reads slowly: ", connection.GetUnsent(),
+        Trace(NX_TRACE_WARNING, "client ", m_id, " reads slowly: ", connection.GetUnsent(),
               " bytes wait for it");
         Pause(connection);
     }
@@ -161,7 +160,7 @@ private:
     void OnClosed(CNxConnection& /*connection*/, const CNxCloseReason& reason) override {
         m_stop.Cancel();
         if (reason.kind == ENxClosed::IDLE || reason.kind == ENxClosed::STALLED) {
-            Trace(examples::c_traceInfo, "client ", m_id, " dropped: ", reason.text.c_str());
+            Trace(NX_TRACE_INFO, "client ", m_id, " dropped: ", reason.text.c_str());
         }
         const CNxMutexGuardT<CNxMutexThread> guard(m_service.m_clientsMutex);
         m_service.m_clients.erase(this);
@@ -210,7 +209,7 @@ std::unique_ptr<INxConnectionSink> Service::MakeSink() {
         return std::make_unique<Client>(*this, id);
     }
     ++m_stats.refused;
-    Trace(examples::c_traceWarning, "client ", id, " refused: max-clients reached");
+    Trace(NX_TRACE_WARNING, "client ", id, " refused: max-clients reached");
     return std::make_unique<Refusal>();
 }
 

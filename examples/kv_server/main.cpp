@@ -160,18 +160,17 @@ void Announce(const CNxReactorGroup& group) {
     for (size_t i = 0; i < group.GetListeners(); ++i) {
         const std::string endpoint = group.GetEndpoint(i).GetText();
         std::printf("kv_server: listening on %s\n", endpoint.c_str());
-        Trace(c_traceInfo, "listening on ", endpoint.c_str());
+        Trace(NX_TRACE_INFO, "listening on ", endpoint.c_str());
     }
     std::fflush(stdout);
 }
 
 void OnReload() {
-    refresh_trace_config();
-    Trace(c_traceInfo, "trace switches read again");
+    Trace(NX_TRACE_INFO, "trace switches read again");
 }
 
 void OnStop(const Stats& stats) {
-    Trace(c_traceInfo, "stopping; clients ", stats.connected.load());
+    Trace(NX_TRACE_INFO, "stopping; clients ", stats.connected.load());
     // No clean-up: it would wait for what has taken too long.
     std::signal(SIGALRM, [](int) { _exit(0); });
     alarm(c_stopSeconds);
@@ -200,7 +199,7 @@ int Serve(const Options& options, int argc, char** argv) {
         server.Fail("out of memory");
     }
     const int status = server.Run();
-    Trace(c_traceInfo, "stopped; clients accepted ", stats.accepted.load(), ", refused ",
+    Trace(NX_TRACE_INFO, "stopped; clients accepted ", stats.accepted.load(), ", refused ",
           stats.refused.load());
     return status;
 }

@@ -8,6 +8,7 @@
 #include <exception>
 #include <future>
 #include <map>
+#include <memory>
 #include <new>
 #include <random>
 #include <string>
@@ -215,10 +216,14 @@ private:
 };
 
 struct Answer : INxObserver {
+    using Record = std::promise<CNxAutoPtr<CNxDnsRecord>>;
+
+    // Whoever waits may be gone with all of this before the promise has told the last.
     void OnObserve(const char* /*topic*/, void* data) override {
-        record.set_value(CNxAutoPtr<CNxDnsRecord>(static_cast<CNxDnsRecord*>(data)));
+        const std::shared_ptr<Record> kept = record;
+        kept->set_value(CNxAutoPtr<CNxDnsRecord>(static_cast<CNxDnsRecord*>(data)));
     }
-    std::promise<CNxAutoPtr<CNxDnsRecord>> record;
+    const std::shared_ptr<Record> record = std::make_shared<Record>();
 };
 
 // The first address of the host. Waits for the look-up, on another loop than that of the main
@@ -231,7 +236,7 @@ CNxEndpoint LookUp(CNxServer& server, const std::string& host, std::uint64_t por
     });
     auto record = CNxAutoPtr<CNxDnsRecord>::Adopt(found);
     if (result == NX_ERROR_WOULD_BLOCK) {
-        record = answer.record.get_future().get();
+        record = answer.record->get_future().get();
         result = record->GetResult();
     }
     if (result != NX_OK) {
@@ -247,7 +252,7 @@ CNxEndpoint LookUp(CNxServer& server, const std::string& host, std::uint64_t por
 template <class Work>
 int Run(CNxServer& server, Work&& work, const std::string& host, std::uint64_t port) {
     const CNxEndpoint endpoint = LookUp(server, host, port);
-    const NxResult opened = work.Open(endpoint);
+    const NxResult opened = server.HasFailed() ? NX_OK : work.Open(endpoint);
     if (opened != NX_OK) {
         server.Fail("cannot open " + endpoint.GetText() + ": " + NxResultName(opened));
     }

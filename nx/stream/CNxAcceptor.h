@@ -23,7 +23,8 @@ class CPlacesTaken;
 // A connection that cannot be handed over, because there is no memory for it or a limit is reached,
 // is closed. When the process is out of descriptors, the acceptor gives up a spare one to take the
 // connection and hang up on it, so that it neither spins nor stays deaf; whatever else the system
-// refuses is tried again after a tenth of a second. After 128 connections others have their turn.
+// refuses is tried again after a tenth of a second. After 128 connections others have their turn. A
+// reactor that drops it, and has no memory for a timer to try it again either, leaves it paused.
 class CNxAcceptor : private INxEventHandler, private INxTimerHandler {
 public:
     // Takes over the accepted socket, which is non-blocking, close-on-exec and above 2. It counts

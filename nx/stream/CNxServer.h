@@ -118,8 +118,9 @@ public:
     // The first SIGTERM or SIGINT that came; 0 for none. After Run.
     int GetSignal() const { return m_signal; }
 
-    // As a SIGTERM. Any thread. NX_OK; NX_ERROR_NOT_INITIALIZED when the server ends, or has not
-    // started; NX_ERROR_FAILURE without memory.
+    // As a SIGTERM. Any thread. NX_OK, and nothing happens after a Run that has failed;
+    // NX_ERROR_NOT_INITIALIZED when the server ends, or has not started; NX_ERROR_FAILURE without
+    // memory.
     NxResult Stop();
 
 private:

@@ -181,8 +181,9 @@ void CStreamLoop::EndAll() {
 void CStreamLoop::OnReactorClosing() {
     const bool wasClosing = std::exchange(m_isClosing, true);
     EndAll();
-    m_reactor.CancelTimer(this);
-    m_wakeAt = CDueMember::c_never;
+    if (std::exchange(m_wakeAt, CDueMember::c_never) != CDueMember::c_never) {
+        m_reactor.CancelTimer(this);
+    }
     m_isClosing = wasClosing;
 }
 

@@ -8,6 +8,7 @@
 #include <nx/foundation/INxObserver.h>
 #include <nx/reactor/INxReactor.h>
 #include <nx/thread/CNxThread.h>
+#include <nx/trace/CNxT120Trace.h>
 #include <nx/trace/CNxTraceManager.h>
 #include <pthread.h>
 #include <sched.h>
@@ -28,7 +29,6 @@ namespace {
 constexpr size_t c_longestName = 15;
 constexpr unsigned long c_maxProcessors = 1024;
 constexpr unsigned long c_pollMs = 5;
-constexpr unsigned long c_traceError = 1;
 
 // Reads "1,3" into `set`; false when it names no processor.
 bool ParseCpuSet(const CNxString& text, cpu_set_t& set) {
@@ -248,7 +248,7 @@ void CNxThread::ReportEnd(NxResult result) {
     char text[96];
     std::snprintf(text, sizeof(text), "the loop of thread %d has ended by itself, result %u",
                   m_type, result);
-    INxTraceManager::Instance()->TraceString(c_traceError, text);
+    INxTraceManager::Instance()->TraceString(NX_TRACE_ERROR, text);
     INxObserver* const observer = CNxThreadManager::GetThreadEndObserver();
     if (observer != nullptr) {
         CallOut("OnObserve", [&] { observer->OnObserve("ThreadEnd", this); });

@@ -139,6 +139,30 @@ TEST(MessageChain, SpaceThatWasNotNeededIsGivenBack) {
     EXPECT_THROW(chain.MakeSpace(std::numeric_limits<size_t>::max()), std::bad_alloc);
 }
 
+TEST(MessageChain, WhoSharesSeesNeitherWhatIsAppendedNorPaysForIt) {
+    Chain chain("one");
+    const char* const storage = chain.GetFront().data();
+    Chain shared = chain.Share();
+    chain.Append(", two");
+    EXPECT_EQ(chain.GetFront().data(), storage);
+    EXPECT_EQ(chain.GetFront(), "one, two");
+    shared.Append("!");
+    Chain front = chain.Split(3);
+    front.Append("?");
+    EXPECT_EQ(shared.ToString(), "one!");
+    EXPECT_EQ(front.ToString(), "one?");
+    EXPECT_EQ(chain.ToString(), ", two");
+
+    static const char s_constant[] = "constant";
+    chain.AppendAdopted(s_constant, 8, nullptr, nullptr);
+    chain.Consume(5);
+    front = chain.Split(5);
+    chain.Clear();
+    front.Append("ly");
+    EXPECT_EQ(front.ToString(), "constly");
+    EXPECT_STREQ(s_constant, "constant");
+}
+
 TEST(MessageChain, AnyNumberOfBlocksIsSearchedTakenAndEnded) {
     const Chain piece("ab");
     Chain chain;

@@ -21,9 +21,11 @@ TEST_F(ConnectionEnds, EndsByTheTimeOutThatIsOver) {
     const struct {
         CNxTimeValue Options::*timeout;
         ENxClosed kind;
-    } rows[] = {{&Options::idleTimeout, ENxClosed::IDLE},
-                {&Options::stallTimeout, ENxClosed::STALLED},
-                {&Options::lingerTimeout, ENxClosed::LINGERING}};
+        std::string text;
+    } rows[] = {{&Options::idleTimeout, ENxClosed::IDLE, "nothing came or went for 0.03 s"},
+                {&Options::stallTimeout, ENxClosed::STALLED, "the peer took nothing for 0.03 s"},
+                {&Options::lingerTimeout, ENxClosed::LINGERING,
+                 "the peer did not end its side within 0.03 s"}};
     for (const auto& row : rows) {
         Sink sink;
         Options options;
@@ -40,7 +42,7 @@ TEST_F(ConnectionEnds, EndsByTheTimeOutThatIsOver) {
             EXPECT_EQ(ReceiveFromIt(1), "");
         }
         WaitUntilClosed(sink, row.kind);
-        EXPECT_NE(sink.m_reason.text.find("0.03 s"), std::string::npos) << sink.m_reason.text;
+        EXPECT_EQ(sink.m_reason.text, row.text);
     }
 }
 
@@ -225,14 +227,16 @@ TEST_F(ConnectionEnds, NoMemoryForATurnLosesNone) {
     for (long n = 0; n < 60; ++n) {
         Sink sink;
         std::atomic<size_t> received{0};
+        sink.m_onOpen = [](CNxConnection& connection) { connection.PauseReading(); };
         sink.m_onReceive = [&](CNxConnection& /*connection*/, CNxMessageChain& chain) {
             received += chain.GetSize();
             chain.Clear();
         };
         Connect(sink, options);
+        SendToIt(bytes);
         m_loop.WaitUntil([&] { return m_connection->GetState() == CNxConnection::EState::OPEN; });
         m_loop.Run([&] {
-            SendToIt(bytes);
+            m_connection->ResumeReading();
             failing_new::Fail(n, 1);
         });
         while (received < bytes.size() &&
@@ -290,6 +294,21 @@ TEST_F(ConnectionEnds, MemoryThatIsReleasedAtTheEndMayEndOthers) {
     });
     WaitUntilClosed(other, ENxClosed::BY_US);
     EXPECT_TRUE(one.m_isClosed);
+}
+
+TEST(Framing, WhatMakesNoFramesSaysSo) {
+    CNxMessageChain received("abc");
+    CNxMessageChain frame;
+    size_t searched = 0;
+    for (const CNxFraming& framing :
+         {CNxFraming(), CNxFraming::Delimited(""), CNxFraming::Prefixed(3)}) {
+        EXPECT_FALSE(framing.HasFrames());
+        EXPECT_EQ(framing.Take(received, frame, searched), CNxFraming::EResult::NONE);
+        EXPECT_EQ(framing.Append(frame, CNxMessageChain("x")), NX_OK);
+    }
+    EXPECT_EQ(received.ToString(), "abc");
+    EXPECT_EQ(frame.ToString(), "xxx");
+    EXPECT_EQ(CNxFraming::Lines(SIZE_MAX).GetMaxSize(), SIZE_MAX);
 }
 
 }  // namespace

@@ -153,8 +153,9 @@ protected:
                 m_reason = reason;
                 tell(reason.error);
             };
-            if (connector->Connect(target.c_str(), options, sink, keep) != NX_OK) {
-                tell(ENOMEM);
+            const NxResult asked = connector->Connect(target.c_str(), options, sink, keep);
+            if (asked != NX_OK) {
+                tell(asked == NX_ERROR_FAILURE ? ENOMEM : EINVAL);
             }
         }));
         const int result = ended.get_future().get();

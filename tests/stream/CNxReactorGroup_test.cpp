@@ -125,6 +125,14 @@ TEST_F(ReactorGroup, WhatCannotBeServedIsRefusedAndTheRestGoesOn) {
     const CNxSocketBase served = Connect(endpoint);
     WaitForConnections(1);
     EXPECT_EQ(1U, m_group.GetRefused());
+
+    CNxListenOptions each;
+    each.distribution = ENxDistribution::SOCKET_FOR_EACH;
+    for (const CNxListenOptions& options : {CNxListenOptions(), each}) {
+        EXPECT_EQ(NX_ERROR_FAILURE, m_group.Listen(endpoint, makeSecond, options));
+        EXPECT_EQ(EADDRINUSE, errno);
+        EXPECT_EQ(AF_UNSPEC, m_group.GetEndpoint(m_group.GetListeners() - 1).GetFamily());
+    }
 }
 
 }  // namespace

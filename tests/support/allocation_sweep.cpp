@@ -78,7 +78,7 @@ void Open(INxReactor& reactor) {
     [&precise]() noexcept {
         Count(precise.Schedule(s_tickers, CNxTimeValue(0, 10000), 0, NX_THREAD_NETWORK));
     }();
-    CNxT120Trace::instance()->trace_string(21, "open", false);
+    NxTrace(NX_TRACE_INFO, "open");
 }
 
 void Close(INxReactor& reactor) {
