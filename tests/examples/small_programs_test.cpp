@@ -78,13 +78,13 @@ TEST(ChatServer, TellsARoomWhatItsGuestsSayAndDropsWhoDoesNotRead) {
 
 TEST(LineClient, KeepsItsLinesUntilThereIsAServerAndHearsItsAnswers) {
     const CTempFolder folder;
-    const std::string endpoint = "127.0.0.1:" + FindFreePort();
+    const std::string endpoint = "unix:" + folder.Path("socket");
     const Process client("printf 'one\\ntwo\\n' | " LINE_CLIENT " " + endpoint + " 2>" +
                          folder.Path("errors"));
-    while (folder.Get("errors").find("refused; again in") == std::string::npos) {
+    while (folder.Get("errors").find("No such file or directory; again in") == std::string::npos) {
         std::this_thread::yield();
     }
-    const ServerProcess server(CHAT_SERVER " " + endpoint);
+    const Process server(CHAT_SERVER " " + endpoint);
     for (const char* const line : {"* guest-1 is here", "guest-1: one", "guest-1: two"}) {
         EXPECT_EQ(line, client.ReadLine());
     }
